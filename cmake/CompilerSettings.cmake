@@ -1,0 +1,29 @@
+# Compiler settings of every target of the project, carried by one interface target.
+#
+# -ffp-contract=off: no compiler fuses a multiply and an add, so that every build gives the same bytes.
+# No -march and no -ffast-math anywhere, for the same reason.
+
+add_library(plyconvert_settings INTERFACE)
+target_compile_features(plyconvert_settings INTERFACE cxx_std_20)
+
+if(MSVC)
+    target_compile_options(plyconvert_settings INTERFACE /W4 /WX /permissive- /utf-8 /fp:precise /Zc:__cplusplus)
+else()
+    target_compile_options(plyconvert_settings INTERFACE
+        -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Werror -ffp-contract=off)
+endif()
+
+set(PLYCONVERT_SANITIZE "" CACHE STRING "Sanitizers for every target, as -fsanitize takes them (address,undefined or thread)")
+if(PLYCONVERT_SANITIZE)
+    # Linked into everything, tests' dependencies included: a sanitizer's runtime must be the whole process's.
+    add_compile_options(-fsanitize=${PLYCONVERT_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g1)
+    add_link_options(-fsanitize=${PLYCONVERT_SANITIZE})
+endif()
+
+if(PROJECT_IS_TOP_LEVEL)
+    set(CMAKE_C_VISIBILITY_PRESET hidden)
+    set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+    set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+    set(CMAKE_CXX_EXTENSIONS OFF)
+    set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+endif()

@@ -1,0 +1,19 @@
+# cmake --install: the library, its header, a CMake package and a pkg-config file.
+
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+install(TARGETS plyconvert EXPORT plyconvertTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/plyconvert.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/plyconvert)
+install(EXPORT plyconvertTargets NAMESPACE plyconvert:: DESTINATION ${package_folder})
+configure_package_config_file(cmake/plyconvertConfig.cmake.in plyconvertConfig.cmake INSTALL_DESTINATION ${package_folder})
+write_basic_package_version_file(plyconvertConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/plyconvertConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/plyconvertConfigVersion.cmake
+    DESTINATION ${package_folder})
+
+configure_file(cmake/plyconvert.pc.in plyconvert.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/plyconvert.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
