@@ -9,10 +9,12 @@ add_library(plyconvert_core STATIC
     src/platform.cpp
     src/splatheader.cpp
     src/splatheader_numbers.cpp
+    src/splatheader_blocks.cpp
     src/splatheader_scan.cpp
     src/chunker.cpp
     src/chunker_decode.cpp
     src/indexer.cpp
+    src/indexer_quantise.cpp
     src/indexer_build.cpp
     src/indexer_files.cpp
     src/indexer_meta.cpp)
@@ -23,9 +25,9 @@ target_include_directories(plyconvert_core PUBLIC
 target_compile_definitions(plyconvert_core PRIVATE PLYCONVERT_BUILDING)
 target_link_libraries(plyconvert_core PRIVATE $<BUILD_INTERFACE:plyconvert_settings> PUBLIC Threads::Threads)
 
-add_library(plyconvert SHARED)
+add_library(plyconvert SHARED $<TARGET_OBJECTS:plyconvert_core>)
 add_library(plyconvert::plyconvert ALIAS plyconvert)
-target_link_libraries(plyconvert PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,plyconvert_core>")
+target_link_libraries(plyconvert PRIVATE Threads::Threads)
 target_include_directories(plyconvert INTERFACE
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>)
 set_target_properties(plyconvert PROPERTIES

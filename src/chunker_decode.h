@@ -1,0 +1,83 @@
+// Decoding splats in place, and the ranges of a decoded block. Single precision throughout.
+#pragma once
+
+#include "src/records.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+
+namespace Tavrin::GaussionSplat {
+
+// Where the attributes of a vertex record start, in floats.
+struct RecordLayout {
+    std::size_t floats; // of the whole record
+    std::size_t opacity;
+    std::size_t scale;
+    std::size_t rotation;
+};
+inline constexpr std::size_t positionAt = 0;
+inline constexpr std::size_t normalAt = 3;
+inline constexpr std::size_t colourAt = 6;
+inline constexpr std::size_t shcoefAt = 9; // 15 red, 15 green, 15 blue
+inline constexpr std::size_t shcoefPerChannel = 15;
+inline constexpr RecordLayout layoutWithShcoef{.floats = 62, .opacity = 54, .scale = 55, .rotation = 58};
+inline constexpr RecordLayout layoutWithoutShcoef{.floats = 17, .opacity = 9, .scale = 10, .rotation = 13};
+
+inline const RecordLayout& recordLayout(bool hasShcoef) {
+    return hasShcoef ? layoutWithShcoef : layoutWithoutShcoef;
+}
+
+// exp(x) in double precision, correctly rounded to single: the same on every system.
+float exponential(float x);
+
+// The eighth root of |x|, as three square roots in double precision, rounded once.
+float eighthRoot(float x);
+
+// The linear scale of a logarithmic one. The root-then-square sequence is intended.
+float decodeScale(float logScale);
+
+// The colour of a zeroth-order coefficient, clamped to [0, 1]; NaN passes through.
+float decodeColour(float coefficient);
+
+// The opacity of a logit.
+float decodeOpacity(float logit);
+
+// Largest-component packing of a quaternion stored as rot_0 (w), rot_1 (x), rot_2 (y), rot_3 (z): it is
+// normalised, the largest component is dropped and its index m in (x, y, z, w) handed on as m / 3, and the
+// other three, with the sign of the dropped one folded in, are mapped from [-1/sqrt(2), 1/sqrt(2)] to [0, 1].
+// A zero quaternion gives NaN.
+std::array<float, 4> packRotation(float rot0, float rot1, float rot2, float rot3);
+
+// Bounds of one value over a block. Strict comparisons in visiting order: NaN never replaces a bound, and of
+// a positive and a negative zero the first stays.
+struct ValueRange {
+    float min = std::numeric_limits<float>::infinity();
+    float max = -std::numeric_limits<float>::infinity();
+
+    void fold(float value) {
+        min = min > value ? value : min;
+        max = value > max ? value : max;
+    }
+};
+
+// The ranges of one block, kept in single precision: the minimum and maximum of floats do not change by
+// widening.
+struct BlockRanges {
+    ValueRange position[3];
+    ValueRange normal[3];
+    ValueRange colour[3];
+    ValueRange shcoef[3]; // red, green, blue
+    ValueRange opacity;
+    ValueRange scale[3];
+};
+
+// Decode count records at records in place and widen ranges by them.
+void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
+
+// Merge the ranges of a block into the shared ones: opacity's x alone, and the coefficients' only where there
+// are any; without, every block sets them to [0, 1].
+void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasShcoef);
+
+} // namespace Tavrin::GaussionSplat

@@ -1,0 +1,63 @@
+// The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone.
+#pragma once
+
+#include "src/chunker.h"
+#include "src/indexer_records.h"
+#include "src/records.h"
+#include "src/splatheader.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Tavrin::GaussionSplat {
+
+// A scene of more splats than this is split into ground cells, one of up to so many is a single cell with key
+// 0. Deliberately not the test of the grid's own choice: exactly 1,000,000 splats get a grid's cell size and
+// a single cell.
+inline constexpr std::uint64_t singleCellSplats = 1'000'000;
+
+struct Indexer {
+    std::vector<SplatHeader> headers;
+    std::uint32_t compressed = 1; // 1: packed coefficients, "COMPRESS"; 0: raw floats, "DEFAULT"
+    std::uint32_t threadCount;    // recorded only
+    std::shared_ptr<Params> params;
+    std::shared_ptr<AttributeBounding> bounding;
+    std::shared_ptr<ChunkList> chunks;
+    std::string outputFolder;
+    std::int32_t totalLevel = 1; // levels written for each cell
+    std::string countLabel;
+    std::shared_ptr<LevelMap> levels = std::make_shared<LevelMap>();
+    LargeArray<std::byte> indexBuffer; // the content of index.bin, from writeDataFiles to writeIndexFile
+    std::uint32_t indexEntrySize = 0;  // bytes of one cell's entry: totalLevel * 16 + 4
+    std::uint64_t indexBufferSize = 0; // bytes
+    std::uint64_t totalSplats = 0;     // vertex count of the input, reported in the meta document
+    std::uint64_t splatCount = 0;      // the same, compared with singleCellSplats
+
+    // The two integers are not used.
+    Indexer(std::vector<SplatHeader> inputHeaders, std::string output, std::int32_t = 0, std::int32_t = 0);
+
+    // Everything from the chunk list to the finished folder, with an INFO line before each step. Ends the
+    // process with status -1, after an ERROR line, when a file cannot be opened or level 0 has no splats.
+    void run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList,
+             std::uint64_t vertexCount, std::string label, std::uint64_t count,
+             std::shared_ptr<Params> sharedParams);
+
+    // Regroup every splat of the chunk list by level and cell into quantised records, freeing each chunk once
+    // it is regrouped. Throws AllocationError.
+    void buildIndex();
+
+    // Write data.bin, and shcoef.bin when the input has coefficients, cell by cell; assemble indexBuffer;
+    // empty every cell written. Two empty lines go to standard output for each cell and level. Write errors
+    // are not checked.
+    void writeDataFiles();
+
+    // Write indexBuffer to index.bin and free it.
+    void writeIndexFile();
+
+    // Write the meta document.
+    void writeMeta();
+};
+
+} // namespace Tavrin::GaussionSplat

@@ -1,0 +1,228 @@
+#include "src/indexer_files.h"
+
+#include "src/indexer.h"
+#include "src/platform.h"
+#include "src/runlog.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <tuple>
+
+namespace Tavrin::GaussionSplat {
+
+static_assert(std::endian::native == std::endian::little,
+              "records are copied to the files as they lie in memory");
+
+namespace {
+
+// A column and row of the grid walk that gives the key of an occupied cell.
+struct WalkStep {
+    std::uint32_t column;
+    std::uint32_t row;
+    std::uint32_t key;
+};
+
+// Call visit(column, row) for every column and row below the counts whose key is this one: the low half is
+// the column's own; each bit of the high half comes from the column's bits 16 and up, from the row's low
+// half, or from both; the row's bits 16 and up are shifted out.
+template <typename Visit>
+void forEachStep(std::uint32_t key, std::uint32_t columns, std::uint32_t rows, Visit visit) {
+    const std::uint32_t low = key & 0xFFFF;
+    const std::uint32_t high = key >> 16;
+    for (std::uint32_t part = 0;;
+         part = (part - high) & high) { // every subset of the bits of high, ascending
+        const std::uint64_t column = low | static_cast<std::uint64_t>(part) << 16;
+        if (column >= columns) {
+            return;
+        }
+        for (std::uint32_t shared = 0;;
+             shared = (shared - part) & part) { // bits that column and row both carry
+            for (std::uint64_t row = (high & ~part) | shared; row < rows; row += 0x10000) {
+                visit(static_cast<std::uint32_t>(column), static_cast<std::uint32_t>(row));
+            }
+            if (shared == part) {
+                break;
+            }
+        }
+        if (part == high) {
+            return;
+        }
+    }
+}
+
+[[noreturn]] void failIndexer(const char* message, std::int32_t line) {
+    logError(message, indexerSource, line);
+    endProcess(-1);
+}
+
+std::ofstream openOutput(const std::string& path, std::int32_t errorLine) {
+    std::ofstream file(nativePath(path), std::ios::out | std::ios::binary | std::ios::trunc);
+    if (!file) {
+        failIndexer("cannot open data bin file,write file fail", errorLine);
+    }
+    return file;
+}
+
+template <typename Value>
+void store(std::byte* place, Value value) {
+    std::memcpy(place, &value, sizeof value);
+}
+
+} // namespace
+
+std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level) {
+    // Going over the occupied cells instead of the grid keeps a sparse scene with far-off bounds from walking
+    // 2^62 empty cells; sorting by column and row gives the walk's order.
+    const auto columns = static_cast<std::uint32_t>(std::max(grid.cellCountX, 0));
+    const auto rows = static_cast<std::uint32_t>(std::max(grid.cellCountY, 0));
+    std::vector<WalkStep> steps;
+    for (const auto& entry : *level.cells) {
+        const std::uint32_t key = entry.first;
+        forEachStep(key, columns, rows, [&](std::uint32_t column, std::uint32_t row) {
+            steps.push_back({column, row, key});
+        });
+    }
+    std::sort(steps.begin(), steps.end(), [](const WalkStep& a, const WalkStep& b) {
+        return std::tie(a.column, a.row) < std::tie(b.column, b.row);
+    });
+    std::vector<std::uint32_t> keys(steps.size());
+    std::transform(steps.begin(), steps.end(), keys.begin(), [](const WalkStep& step) { return step.key; });
+    return keys;
+}
+
+namespace {
+
+// Writes the cells of the list one after the other.
+struct DataWriter {
+    Indexer& indexer;
+    bool hasShcoef;
+    std::ofstream dataFile;
+    std::ofstream shcoefFile;
+    std::size_t shcoefRecordSize;
+    std::uint64_t offset = 0;                   // where the next splat stands in data.bin, bytes
+    LargeArray<std::byte> dataBuffer = nullptr; // reused from cell to cell, grown to the largest
+    LargeArray<std::byte> shcoefBuffer = nullptr;
+    std::uint64_t bufferRecords = 0;
+
+    SplatCell* findCell(std::int32_t level, std::uint32_t key) const {
+        const auto lod = indexer.levels->find(static_cast<std::uint32_t>(level));
+        if (lod == indexer.levels->end()) {
+            return nullptr;
+        }
+        const auto cell = lod->second->cells->find(key);
+        return cell == lod->second->cells->end() ? nullptr : cell->second.get();
+    }
+
+    // Fill the index entry of a cell; the number of its splats over all levels.
+    std::uint64_t indexCell(std::uint32_t key, std::byte* entry) {
+        store(entry, key);
+        std::uint64_t splats = 0;
+        for (std::int32_t level = 0; level < indexer.totalLevel; ++level) {
+            std::byte* const place = entry + 4 + 16 * level;
+            const SplatCell* const cell = findCell(level, key);
+            const std::uint64_t count = cell != nullptr ? cell->size() : 0;
+            store(place, static_cast<std::uint32_t>(count));
+            store(place + 4, cell != nullptr ? offset : std::uint64_t{0});
+            store(place + 12, static_cast<std::uint32_t>(count * dataRecordSize));
+            offset += count * dataRecordSize;
+            splats += count;
+            std::cout << std::endl << std::endl;
+        }
+        return splats;
+    }
+
+    void growBuffers(std::uint64_t records) {
+        if (records <= bufferRecords) {
+            return;
+        }
+        dataBuffer.reset();
+        shcoefBuffer.reset();
+        dataBuffer = makeLargeArray<std::byte>(records * dataRecordSize);
+        if (hasShcoef) {
+            shcoefBuffer = makeLargeArray<std::byte>(records * shcoefRecordSize);
+        }
+        bufferRecords = records;
+    }
+
+    // Gather a cell into the buffers and write each in one piece. The splats are counted in 64 bits: every
+    // record that the index states is written, also where the bytes of a cell do not fit 32 bits.
+    void writeCell(std::uint32_t key, std::uint64_t splats) {
+        if (splats == 0) {
+            return;
+        }
+        growBuffers(splats);
+        std::byte* data = dataBuffer.get();
+        std::byte* shcoef = shcoefBuffer.get();
+        for (std::int32_t level = 0; level < indexer.totalLevel; ++level) {
+            SplatCell* const cell = findCell(level, key);
+            if (cell == nullptr) {
+                continue;
+            }
+            for (const SplatsData& record : *cell) {
+                std::memcpy(data, &record, dataRecordSize);
+                data += dataRecordSize;
+                if (hasShcoef) {
+                    const void* const source =
+                        indexer.compressed != 0 ? static_cast<const void*>(record.packed) : record.raw;
+                    std::memcpy(shcoef, source, shcoefRecordSize);
+                    shcoef += shcoefRecordSize;
+                }
+            }
+            cell->clear();
+        }
+        writePiece(dataFile, dataBuffer.get(), splats * dataRecordSize);
+        if (hasShcoef) {
+            writePiece(shcoefFile, shcoefBuffer.get(), splats * shcoefRecordSize);
+        }
+    }
+
+    static void writePiece(std::ofstream& file, const std::byte* bytes, std::uint64_t size) {
+        file.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+        file.flush();
+    }
+};
+
+} // namespace
+
+void Indexer::writeDataFiles() {
+    const bool hasShcoef = bounding->hasShcoef;
+    DataWriter writer{.indexer = *this,
+                      .hasShcoef = hasShcoef,
+                      .dataFile = openOutput(outputFolder + "/data.bin", 533),
+                      .shcoefFile = {},
+                      .shcoefRecordSize = compressed != 0 ? packedCoefficientsSize : rawCoefficientsSize};
+    if (hasShcoef) {
+        writer.shcoefFile = openOutput(outputFolder + "/shcoef.bin", 541);
+    }
+    const auto level0 = levels->find(0);
+    if (level0 == levels->end()) {
+        failIndexer("cannot GET lod0 data", hasShcoef ? 548 : 708);
+    }
+    const std::vector<std::uint32_t> keys =
+        splatCount > singleCellSplats ? walkGrid(chunkGrid, *level0->second) : std::vector<std::uint32_t>{0};
+    indexEntrySize = static_cast<std::uint32_t>(totalLevel) << 4 | 4;
+    indexBufferSize = std::uint64_t{indexEntrySize} * keys.size();
+    indexBuffer = makeLargeArray<std::byte>(indexBufferSize);
+    std::byte* entry = indexBuffer.get();
+    for (const std::uint32_t key : keys) {
+        writer.writeCell(key, writer.indexCell(key, entry));
+        entry += indexEntrySize;
+    }
+    logInfo("Data create finished , free file stream... ", indexerSource, hasShcoef ? 694 : 827);
+    writer.dataFile.close();
+    writer.shcoefFile.close();
+    logInfo("Data create finished , free file stream success.", indexerSource, hasShcoef ? 701 : 832);
+}
+
+void Indexer::writeIndexFile() {
+    std::ofstream file = openOutput(outputFolder + "/index.bin", 850);
+    file.write(reinterpret_cast<const char*>(indexBuffer.get()),
+               static_cast<std::streamsize>(indexBufferSize));
+    file.flush();
+    indexBuffer.reset();
+}
+
+} // namespace Tavrin::GaussionSplat

@@ -1,0 +1,114 @@
+// The output record of one splat, the memory that holds all of them, and the levels they are grouped into.
+#pragma once
+
+#include "src/platform.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace Tavrin::GaussionSplat {
+
+// One quantised splat, little-endian. Bytes 0 to 31 are its record in data.bin; the packed or the raw
+// coefficients are its record in shcoef.bin. What the chosen layout does not fill stays unset and is never
+// written out.
+struct SplatsData {
+    float position[3];
+    std::uint8_t colour[4]; // red, green, blue, opacity
+    std::uint16_t scale[3];
+    std::uint8_t rotation[4]; // a 32-bit word that stands unaligned
+    std::uint16_t normal[3];
+    std::uint32_t packed[16]; // one word a coefficient, then zeros
+    float raw[48];            // R0, G0, B0, R1, ... and three zeros
+};
+static_assert(sizeof(SplatsData) == 288 && alignof(SplatsData) == 4);
+static_assert(offsetof(SplatsData, position) == 0 && offsetof(SplatsData, colour) == 12);
+static_assert(offsetof(SplatsData, scale) == 16 && offsetof(SplatsData, rotation) == 22);
+static_assert(offsetof(SplatsData, normal) == 26 && offsetof(SplatsData, packed) == 32);
+static_assert(offsetof(SplatsData, raw) == 96);
+
+inline constexpr std::size_t dataRecordSize = 32;
+inline constexpr std::size_t packedCoefficientsSize = sizeof(SplatsData::packed);
+inline constexpr std::size_t rawCoefficientsSize = sizeof(SplatsData::raw);
+
+// One large block that the cells of a level take their records from: counted first, reserved exactly, freed
+// when the last cell is.
+struct RecordArena {
+    LargeArray<std::byte> block;
+    std::size_t size;
+    std::size_t used = 0;
+
+    explicit RecordArena(std::size_t bytes) : block(makeLargeArray<std::byte>(bytes)), size(bytes) {}
+
+    bool holds(const void* pointer) const { return pointer >= block.get() && pointer < block.get() + size; }
+};
+
+// Takes memory from an arena while it has some, else from the heap, and constructs elements without clearing
+// them: the bytes that are never written out are never touched either.
+template <typename Element>
+struct RecordAllocator {
+    using value_type = Element;
+    using propagate_on_container_move_assignment = std::true_type;
+    using propagate_on_container_swap = std::true_type;
+
+    std::shared_ptr<RecordArena> arena;
+
+    RecordAllocator() = default;
+    explicit RecordAllocator(std::shared_ptr<RecordArena> shared) : arena(std::move(shared)) {}
+    template <typename Other>
+    RecordAllocator(const RecordAllocator<Other>& other) : arena(other.arena) {}
+
+    Element* allocate(std::size_t count) {
+        if (arena && count <= (arena->size - arena->used) / sizeof(Element)) {
+            void* const memory = arena->block.get() + arena->used;
+            arena->used += count * sizeof(Element);
+            return static_cast<Element*>(memory);
+        }
+        return std::allocator<Element>().allocate(count);
+    }
+
+    void deallocate(Element* elements, std::size_t count) noexcept {
+        if (!arena || !arena->holds(elements)) {
+            std::allocator<Element>().deallocate(elements, count);
+        }
+    }
+
+    template <typename Other, typename... Arguments>
+    void construct(Other* place, Arguments&&... arguments) {
+        if constexpr (sizeof...(Arguments) == 0) {
+            ::new (static_cast<void*>(place)) Other;
+        } else {
+            ::new (static_cast<void*>(place)) Other(std::forward<Arguments>(arguments)...);
+        }
+    }
+
+    template <typename Other>
+    bool operator==(const RecordAllocator<Other>& other) const {
+        return arena == other.arena;
+    }
+};
+
+// The splats of one cell at one level, in the order of the chunk list and of each chunk.
+using SplatCell = std::vector<SplatsData, RecordAllocator<SplatsData>>;
+
+// A hash map with the settings that every map of the indexer has: 8 initial buckets, maximum load factor 1.
+template <typename Key, typename Value>
+struct IndexMap : std::unordered_map<Key, Value> {
+    IndexMap() : std::unordered_map<Key, Value>(8) { this->max_load_factor(1.0f); }
+};
+
+// One level: its splats by cell key. The key holds the X cell index in bits 0 to 15 and the Y index in bits
+// 16 to 31.
+struct LODData {
+    std::uint32_t splatCount = 0;
+    std::shared_ptr<IndexMap<std::uint32_t, std::shared_ptr<SplatCell>>> cells =
+        std::make_shared<IndexMap<std::uint32_t, std::shared_ptr<SplatCell>>>();
+};
+
+using LevelMap = IndexMap<std::uint32_t, std::shared_ptr<LODData>>;
+
+} // namespace Tavrin::GaussionSplat

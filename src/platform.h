@@ -1,0 +1,56 @@
+// Everything that differs between systems, in one place.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <new>
+#include <string>
+
+namespace Tavrin::GaussionSplat {
+
+// A narrow path as the file-system functions want it. UTF-8 on Linux. On Windows the code page is UTF-8 when
+// the runtime's locale code page is 65001, else the ANSI code page, or the OEM code page when the file
+// functions use that.
+std::filesystem::path nativePath(const std::string& path);
+
+// The text after the last '/' or '\' that follows the root name; a root name is a drive letter with its
+// colon, or the server part of a network path. Both separators count on every system, since source paths are
+// written by compilers.
+std::string lastPathComponent(const std::string& path);
+
+// End the process with a status, running the exit handlers of the host. For the thread that called the
+// library while no worker runs.
+[[noreturn]] void endProcess(int status);
+
+// The same from a worker thread: standard output is flushed and the process ends at once, so that no static
+// destructor runs beside the other workers.
+[[noreturn]] void endProcessFromWorker(int status);
+
+// The allocation error with the library's own text, the same on every C++ runtime.
+struct AllocationError : std::bad_alloc {
+    const char* what() const noexcept override;
+};
+
+// Uninitialised memory for large blocks, aligned to 64 bytes or better and on huge pages where the system
+// offers them by advice: clearing 4 KiB pages one fault at a time costs as much as decoding. Throws
+// AllocationError. The caller frees it with freeLarge; a null pointer is allowed there.
+void* allocateLarge(std::uint64_t bytes);
+void freeLarge(void* block) noexcept;
+
+struct FreeLarge {
+    void operator()(void* block) const noexcept { freeLarge(block); }
+};
+template <typename Element>
+using LargeArray = std::unique_ptr<Element[], FreeLarge>;
+
+template <typename Element>
+LargeArray<Element> makeLargeArray(std::uint64_t count) {
+    if (count > SIZE_MAX / sizeof(Element)) {
+        throw AllocationError();
+    }
+    return LargeArray<Element>(static_cast<Element*>(allocateLarge(count * sizeof(Element))));
+}
+
+} // namespace Tavrin::GaussionSplat

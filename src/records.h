@@ -1,0 +1,70 @@
+// The plain records that travel through a whole conversion.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace Tavrin::GaussionSplat {
+
+// A point, an extent or three per-axis values, in the units of the scene.
+struct Vector3 {
+    double x = 0.0;
+    double y = 0.0;
+    double z = 0.0;
+};
+
+// What the comment lines of the PLY header say about the scene. Created once a conversion, filled by the
+// header reader and read-only from then on, so any thread may read it. The numbers are parsed in single
+// precision and widened: the meta document prints what is stored.
+struct Params {
+    double minx = 0.0; // stated bounds, scene units
+    double miny = 0.0;
+    double minz = 0.0;
+    double maxx = 1.0;
+    double maxy = 1.0;
+    double maxz = 1.0;
+    double offsetx = 0.0; // offset of the data in its coordinate reference system
+    double offsety = 0.0;
+    double offsetz = 0.0;
+    std::int32_t epsg = 0; // EPSG code of the coordinate reference system, 0 when none is given
+    double shiftx = 0.0;
+    double shifty = 0.0;
+    double shiftz = 0.0;
+    double scalex = 1.0;
+    double scaley = 1.0;
+    double scalez = 1.0;
+    std::string dataType =
+        "None"; // kind of source data; "ply", "ytr" or the comment's own value once a header is read
+    std::string source = "None"; // where the data came from
+};
+
+// The values that one attribute takes over all splats. The defaults are the empty range: the first value
+// folded in becomes both bounds.
+struct AttributeRange {
+    std::string name;
+    Vector3 min{std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(),
+                std::numeric_limits<double>::infinity()};
+    Vector3 max{-std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                -std::numeric_limits<double>::infinity()};
+};
+
+// The ranges of every attribute, widened by the chunk workers under their lock and read by the indexer after
+// the workers have ended. Opacity uses x alone; the three axes of shcoef are the red, green and blue
+// coefficients.
+struct AttributeBounding {
+    AttributeRange position{.name = "position"};
+    AttributeRange normal{.name = "normal"};
+    AttributeRange color{.name = "color"};
+    AttributeRange shcoef{.name = "shcoef"};
+    AttributeRange opacity{.name = "opacity"};
+    AttributeRange scale{.name = "scale"};
+    bool hasShcoef = true; // the input declares f_rest_0
+};
+
+// Widen range by other: strict comparisons, so NaN never replaces a bound and of two equal bounds the first
+// stays. The x overload serves opacity, whose y and z stay empty.
+void widen(AttributeRange& range, const AttributeRange& other);
+void widenX(AttributeRange& range, const AttributeRange& other);
+
+} // namespace Tavrin::GaussionSplat

@@ -1,0 +1,61 @@
+#include "src/runlog.h"
+
+#include "src/platform.h"
+
+#include <fstream>
+#include <iostream>
+#include <locale>
+#include <memory>
+#include <mutex>
+
+namespace Tavrin::GaussionSplat {
+
+namespace {
+
+struct RunLog {
+    std::shared_ptr<std::ofstream> stream; // empty until the first openRunLog of the process
+    std::mutex mutex;                      // serialises the writes to the stream
+};
+
+// Constant-initialised, so the mutex exists before any code of the library runs.
+constinit RunLog runLog;
+
+std::string formLine(const char* prefix, const std::string& message, const std::string& sourcePath,
+                     std::int32_t line) {
+    return prefix + lastPathComponent(sourcePath) + ":" + std::to_string(line) + "): " + message;
+}
+
+void writeToFile(const std::string& text) {
+    if (!runLog.stream) {
+        return;
+    }
+    const std::lock_guard lock(runLog.mutex);
+    *runLog.stream << text << std::endl;
+}
+
+} // namespace
+
+void openRunLog(std::string path) {
+    closeRunLog();
+    runLog.stream = std::make_shared<std::ofstream>();
+    runLog.stream->imbue(std::locale::classic());
+    runLog.stream->open(nativePath(path), std::ios::out | std::ios::trunc);
+}
+
+void logInfo(std::string message, std::string sourcePath, std::int32_t line) {
+    writeToFile(formLine("INFO(", message, sourcePath, line));
+}
+
+void logError(std::string message, std::string sourcePath, std::int32_t line) {
+    const std::string text = formLine("ERROR(", message, sourcePath, line);
+    std::cout << text << std::endl;
+    writeToFile(text);
+}
+
+void closeRunLog() {
+    if (runLog.stream && runLog.stream->is_open()) {
+        runLog.stream->close();
+    }
+}
+
+} // namespace Tavrin::GaussionSplat

@@ -1,0 +1,93 @@
+// The PLY header: the quick check, the full reader with its comment parameters, the ground grid and the
+// bounding-box scan.
+//
+// Both readers go line by line over the file in binary: a line ends at a line feed only, a carriage return
+// before it stays part of the line, and only lines of exactly three words count. Neither looks at property
+// types or at their order.
+#pragma once
+
+#include "src/records.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <tuple>
+
+namespace Tavrin::GaussionSplat {
+
+// Bytes of a vertex record of 32-bit floats: position 3, normal 3, colour 3, opacity 1, scale 3, rotation 4,
+// and with spherical harmonics of degree 3 another 45.
+inline constexpr std::uint32_t recordSizeWithoutShcoef = 17 * sizeof(float);
+inline constexpr std::uint32_t recordSizeWithShcoef = 62 * sizeof(float);
+
+// Splats of one block, the unit of work of both parallel passes: 2,000,000. Tests alone set it smaller, to
+// see several blocks in a small scene; nothing that ships writes it.
+extern std::uint64_t blockSplats;
+
+// The header of one input file. A value: copied into lists.
+struct SplatHeader {
+    std::string path;
+    std::uint64_t fileSize = 0;   // bytes
+    std::uint32_t level = 0;      // level of detail at which the file's splats are filed
+    std::int64_t headerEnd = 0;   // length of the header in bytes, the offset of the first vertex record
+    std::int64_t vertexCount = 0; // records, as stated; not checked against the file
+    std::uint32_t recordSize = recordSizeWithoutShcoef;
+    Vector3 bboxMin;
+    Vector3 bboxMax;
+    Vector3 unused[3];
+    bool hasShcoef = false;        // a property f_rest_0 is declared
+    bool boundsFromHeader = false; // a comment minx or maxx was seen
+
+    SplatHeader() = default;
+
+    // Read the header of inputPath, fill params from its comments, settle the bounding box and set chunkGrid.
+    // The flag is ignored. Without "end_header" the file is read to its end, which is then headerEnd.
+    //
+    // Throws std::filesystem::filesystem_error ("file_size"), std::invalid_argument and std::out_of_range for
+    // numbers. Ends the process with status -1, after a line on standard output, when the file cannot be
+    // opened.
+    SplatHeader(std::string inputPath, const std::shared_ptr<Params>& params, std::int32_t flag);
+
+    // A block of the bounding-box scan.
+    struct Task {
+        std::string path;
+        std::uint32_t stride = 0; // bytes
+        std::uint64_t count = 0;  // records
+        std::uint64_t first = 0;  // index of the first record
+        std::uint64_t offset = 0; // byte position of the first record
+        std::uint64_t length = 0; // bytes
+    };
+
+    // The box of the splat positions, minimum then maximum, from a parallel scan of the records. Both corners
+    // start at the origin, so the box always holds it, and the scan strides 248 bytes whatever the header
+    // declares. What lies behind the end of the file reads as zeros; a file that cannot be opened leaves the
+    // box at the origin.
+    static std::tuple<Vector3, Vector3> computeBBox(std::string path, std::int64_t vertexCount,
+                                                    std::int32_t headerLength);
+};
+
+// True when the file can be opened and declares f_dc_0, opacity, scale_0 and rot_0. Writes "cannot open file"
+// to standard output when it cannot be opened.
+bool checkSplatHeader(std::string path);
+
+// The ground grid, process-wide: written by the header reader, read by the indexer and its writers. A splat
+// at (x, y) lies in column floor((x - originX) / cellSizeX) and row floor((y - originY) / cellSizeY), in
+// single precision.
+struct ChunkGrid {
+    float cellSizeX = 0.0f; // scene units
+    float cellSizeY = 0.0f;
+    float originX = 0.0f;
+    float originY = 0.0f;
+    std::int32_t cellCountX = 0;
+    std::int32_t cellCountY = 0;
+};
+extern ChunkGrid chunkGrid;
+
+// A scene of at least this many splats gets a grid of square cells; below, one cell spans the scene.
+inline constexpr std::uint64_t gridVertexCount = 1'000'000;
+
+// Set chunkGrid for a scene. Below gridVertexCount the cell counts keep the values of the conversion before.
+// A negative vertexCount counts as a very large one.
+void chooseGrid(std::int64_t vertexCount, const Vector3& bboxMin, const Vector3& bboxMax);
+
+} // namespace Tavrin::GaussionSplat

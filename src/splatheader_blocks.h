@@ -1,0 +1,42 @@
+// What both parallel passes share: how a file is cut into blocks, and how the records of a block are read.
+#pragma once
+
+#include "src/splatheader.h"
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+
+namespace Tavrin::GaussionSplat {
+
+// Records that are read and worked on at a time. At 248 bytes a window is 254 KB: it stays in the
+// second-level cache between the read and the work, and gives the same bytes as one read of the whole block.
+inline constexpr std::uint64_t windowRecords = 1024;
+
+// Call body(first, count) for each block of a file of vertexCount records, in file order. None for zero or
+// less.
+template <typename Body>
+void forEachBlock(std::int64_t vertexCount, Body body) {
+    std::uint64_t remaining = vertexCount > 0 ? static_cast<std::uint64_t>(vertexCount) : 0;
+    for (std::uint64_t first = 0; remaining > 0;) {
+        const std::uint64_t count = remaining < blockSplats ? remaining : blockSplats;
+        body(first, count);
+        first += count;
+        remaining -= count;
+    }
+}
+
+// Reads pieces of one file. A short read or an impossible position is no error: what cannot be read is zeros.
+struct RecordReader {
+    explicit RecordReader(const std::string& path);
+
+    bool isOpen() const { return file.is_open(); }
+
+    // Fill destination with the bytes of the file at [offset, offset + length).
+    void read(std::uint64_t offset, void* destination, std::uint64_t length);
+
+private:
+    std::ifstream file;
+};
+
+} // namespace Tavrin::GaussionSplat
