@@ -23,6 +23,11 @@ set_target_properties(plyconvert_core PROPERTIES
 target_include_directories(plyconvert_core PUBLIC
     ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_compile_definitions(plyconvert_core PRIVATE PLYCONVERT_BUILDING)
+if(NOT MSVC)
+    # Neither changes a value: no errno from square roots, and floating-point comparisons may become masks. Both let the hot
+    # loops become vector code.
+    target_compile_options(plyconvert_core PRIVATE -fno-math-errno -fno-trapping-math)
+endif()
 target_link_libraries(plyconvert_core PRIVATE $<BUILD_INTERFACE:plyconvert_settings> PUBLIC Threads::Threads)
 
 add_library(plyconvert SHARED $<TARGET_OBJECTS:plyconvert_core>)

@@ -48,6 +48,7 @@ void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
     auto chunk = std::make_shared<ChunkData>();
     chunk->splatCount = static_cast<std::uint32_t>(task.count);
     chunk->level = task.level;
+    settleZeroBounds(block.get(), task.count, hasShcoef, ranges);
 
     const std::lock_guard lock(chunkMutex);
     mergeRanges(*pass.bounding, ranges, hasShcoef);

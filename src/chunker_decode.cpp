@@ -1,57 +1,87 @@
 #include "src/chunker_decode.h"
 
+#include "src/chunker_elementary.h"
+
+#include <algorithm>
 #include <cmath>
 
 namespace Tavrin::GaussionSplat {
 
-float exponential(float x) {
-    return static_cast<float>(std::exp(static_cast<double>(x)));
+namespace {
+
+inline float minimum(float a, float b) {
+    return a > b ? b : a;
+}
+inline float maximum(float a, float b) {
+    return b > a ? b : a;
 }
 
-float eighthRoot(float x) {
-    return static_cast<float>(std::sqrt(std::sqrt(std::sqrt(std::abs(static_cast<double>(x))))));
-}
-
-float decodeScale(float logScale) {
+inline float scaleOf(float logScale) {
     const float root = eighthRoot(exponential(logScale));
     const float square = root * root;
     const float fourth = square * square;
     return fourth * fourth;
 }
 
-float decodeColour(float coefficient) {
+inline float colourOf(float coefficient) {
     constexpr float zerothOrder = 0.2820948f; // 1 / (2 sqrt(pi))
     float value = coefficient * zerothOrder + 0.5f;
     value = value < 0.0f ? 0.0f : value;
     return value > 1.0f ? 1.0f : value;
 }
 
-float decodeOpacity(float logit) {
+inline float opacityOf(float logit) {
     return 1.0f / (exponential(-logit) + 1.0f);
 }
 
-std::array<float, 4> packRotation(float rot0, float rot1, float rot2, float rot3) {
-    float q[4] = {rot1, rot2, rot3, rot0};
-    const float norm = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+// packRotation without branches or indexing, so that loops over it vectorise: the three that stay are picked
+// by comparing the index of the largest.
+inline void packRotationInPlace(float& rot0, float& rot1, float& rot2, float& rot3) {
+    float q0 = rot1;
+    float q1 = rot2;
+    float q2 = rot3;
+    float q3 = rot0;
+    const float norm = std::sqrt(q0 * q0 + q1 * q1 + q2 * q2 + q3 * q3);
     const float inverse = 1.0f / norm;
-    for (float& component : q) {
-        component *= inverse;
-    }
-    std::size_t largest = 0;
-    for (std::size_t i = 1; i < 4; ++i) {
-        if (std::abs(q[i]) > std::abs(q[largest])) {
-            largest = i;
-        }
-    }
-    const float sign = q[largest] >= 0.0f ? 1.0f : -1.0f;
-    std::array<float, 4> packed{};
-    for (std::size_t i = 0, out = 0; i < 4; ++i) {
-        if (i != largest) {
-            packed[out++] = sign * q[i] * 1.4142135f * 0.5f + 0.5f;
-        }
-    }
-    packed[3] = static_cast<float>(largest) / 3.0f;
-    return packed;
+    q0 *= inverse;
+    q1 *= inverse;
+    q2 *= inverse;
+    q3 *= inverse;
+    float index = 0.0f;
+    float largest = q0;
+    index = std::abs(q1) > std::abs(largest) ? 1.0f : index;
+    largest = std::abs(q1) > std::abs(largest) ? q1 : largest;
+    index = std::abs(q2) > std::abs(largest) ? 2.0f : index;
+    largest = std::abs(q2) > std::abs(largest) ? q2 : largest;
+    index = std::abs(q3) > std::abs(largest) ? 3.0f : index;
+    largest = std::abs(q3) > std::abs(largest) ? q3 : largest;
+    const float sign = largest >= 0.0f ? 1.0f : -1.0f;
+    const float first = index < 0.5f ? q1 : q0;
+    const float second = index < 1.5f ? q2 : q1;
+    const float third = index < 2.5f ? q3 : q2;
+    rot0 = sign * first * 1.4142135f * 0.5f + 0.5f;
+    rot1 = sign * second * 1.4142135f * 0.5f + 0.5f;
+    rot2 = sign * third * 1.4142135f * 0.5f + 0.5f;
+    rot3 = index / 3.0f;
+}
+
+} // namespace
+
+float decodeScale(float logScale) {
+    return scaleOf(logScale);
+}
+
+float decodeColour(float coefficient) {
+    return colourOf(coefficient);
+}
+
+float decodeOpacity(float logit) {
+    return opacityOf(logit);
+}
+
+std::array<float, 4> packRotation(float rot0, float rot1, float rot2, float rot3) {
+    packRotationInPlace(rot0, rot1, rot2, rot3);
+    return {rot0, rot1, rot2, rot3};
 }
 
 namespace {
@@ -62,20 +92,20 @@ void foldThree(ValueRange (&ranges)[3], const float* values) {
     }
 }
 
-void decodeRecord(float* record, const RecordLayout& layout, bool hasShcoef, BlockRanges& ranges) {
+} // namespace
+
+void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges) {
+    const RecordLayout& layout = recordLayout(hasShcoef);
     float* const rotation = record + layout.rotation;
-    const std::array<float, 4> packed = packRotation(rotation[0], rotation[1], rotation[2], rotation[3]);
-    for (std::size_t i = 0; i < 4; ++i) {
-        rotation[i] = packed[i];
-    }
+    packRotationInPlace(rotation[0], rotation[1], rotation[2], rotation[3]);
     float* const scale = record + layout.scale;
     float* const colour = record + colourAt;
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        scale[axis] = decodeScale(scale[axis]);
-        colour[axis] = decodeColour(colour[axis]);
+        scale[axis] = scaleOf(scale[axis]);
+        colour[axis] = colourOf(colour[axis]);
     }
     float& opacity = record[layout.opacity];
-    opacity = decodeOpacity(opacity);
+    opacity = opacityOf(opacity);
 
     foldThree(ranges.position, record + positionAt);
     foldThree(ranges.normal, record + normalAt);
@@ -87,6 +117,184 @@ void decodeRecord(float* record, const RecordLayout& layout, bool hasShcoef, Blo
     }
 }
 
+namespace {
+
+constexpr std::size_t tileRecords = 128; // the columns of a tile take 6 KB
+
+// The transformed attributes of a tile of records, in columns.
+struct Tile {
+    alignas(64) float colour[3][tileRecords];
+    alignas(64) float opacity[tileRecords];
+    alignas(64) float scale[3][tileRecords];
+    alignas(64) float rotation[4][tileRecords];
+};
+
+void loadTile(const float* records, std::size_t count, const RecordLayout& layout, Tile& tile) {
+    for (std::size_t i = 0; i < count; ++i, records += layout.floats) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            tile.colour[axis][i] = records[colourAt + axis];
+            tile.scale[axis][i] = records[layout.scale + axis];
+        }
+        tile.opacity[i] = records[layout.opacity];
+        for (std::size_t part = 0; part < 4; ++part) {
+            tile.rotation[part][i] = records[layout.rotation + part];
+        }
+    }
+}
+
+void storeTile(float* records, std::size_t count, const RecordLayout& layout, const Tile& tile) {
+    for (std::size_t i = 0; i < count; ++i, records += layout.floats) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            records[colourAt + axis] = tile.colour[axis][i];
+            records[layout.scale + axis] = tile.scale[axis][i];
+        }
+        records[layout.opacity] = tile.opacity[i];
+        for (std::size_t part = 0; part < 4; ++part) {
+            records[layout.rotation + part] = tile.rotation[part][i];
+        }
+    }
+}
+
+// Straight loops over columns: the compiler turns each into vector code. They run over the whole tile, also
+// where the last one is not full.
+void decodeTile(Tile& tile) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        for (float& value : tile.colour[axis]) {
+            value = colourOf(value);
+        }
+        for (float& value : tile.scale[axis]) {
+            value = scaleOf(value);
+        }
+    }
+    for (float& value : tile.opacity) {
+        value = opacityOf(value);
+    }
+    for (std::size_t i = 0; i < tileRecords; ++i) {
+        packRotationInPlace(tile.rotation[0][i], tile.rotation[1][i], tile.rotation[2][i],
+                            tile.rotation[3][i]);
+    }
+}
+
+// Bounds of Lanes values side by side.
+template <std::size_t Lanes>
+struct LaneRanges {
+    alignas(64) float min[Lanes];
+    alignas(64) float max[Lanes];
+
+    LaneRanges() {
+        std::fill(std::begin(min), std::end(min), std::numeric_limits<float>::infinity());
+        std::fill(std::begin(max), std::end(max), -std::numeric_limits<float>::infinity());
+    }
+
+    // Fold in Lanes values of each of count records that lie stride floats apart.
+    void foldRecords(const float* values, std::size_t count, std::size_t stride) {
+        std::size_t i = 0;
+        for (; i + 4 <= count;
+             i += 4, values += 4 * stride) { // four at a time: the bounds are loaded and stored once
+            const float* const a = values;
+            const float* const b = a + stride;
+            const float* const c = b + stride;
+            const float* const d = c + stride;
+            for (std::size_t lane = 0; lane < Lanes; ++lane) {
+                const float low = minimum(minimum(min[lane], a[lane]), b[lane]);
+                const float high = maximum(maximum(max[lane], a[lane]), b[lane]);
+                min[lane] = minimum(minimum(low, c[lane]), d[lane]);
+                max[lane] = maximum(maximum(high, c[lane]), d[lane]);
+            }
+        }
+        for (; i < count; ++i, values += stride) {
+            for (std::size_t lane = 0; lane < Lanes; ++lane) {
+                min[lane] = minimum(min[lane], values[lane]);
+                max[lane] = maximum(max[lane], values[lane]);
+            }
+        }
+    }
+
+    void foldInto(ValueRange& range, std::size_t first, std::size_t count) const {
+        for (std::size_t lane = first; lane < first + count; ++lane) {
+            range.min = minimum(range.min, min[lane]);
+            range.max = maximum(range.max, max[lane]);
+        }
+    }
+};
+
+// Bounds of a column of a tile.
+void foldColumn(const float (&column)[tileRecords], std::size_t count, ValueRange& range) {
+    constexpr std::size_t lanes = 16;
+    LaneRanges<lanes> bounds;
+    const std::size_t whole = count - count % lanes;
+    bounds.foldRecords(column, whole / lanes, lanes);
+    bounds.foldInto(range, 0, lanes);
+    for (std::size_t i = whole; i < count; ++i) {
+        range.fold(column[i]);
+    }
+}
+
+void foldTile(const Tile& tile, std::size_t count, BlockRanges& ranges) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        foldColumn(tile.colour[axis], count, ranges.colour[axis]);
+        foldColumn(tile.scale[axis], count, ranges.scale[axis]);
+    }
+    foldColumn(tile.opacity, count, ranges.opacity);
+}
+
+constexpr std::size_t copiedLanes = 6; // position and normal stand together
+
+template <std::size_t Lanes>
+void foldChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
+    constexpr std::size_t each = Lanes / 3;
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+        lanes.foldInto(ranges[channel], channel * each, each);
+    }
+}
+
+} // namespace
+
+void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
+    const RecordLayout& layout = recordLayout(hasShcoef);
+    LaneRanges<copiedLanes> copied;
+    LaneRanges<3 * shcoefPerChannel> shcoef;
+    Tile tile{};
+    for (std::uint64_t done = 0; done < count;) {
+        const std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(count - done, tileRecords));
+        float* const first = records + done * layout.floats;
+        loadTile(first, size, layout, tile);
+        decodeTile(tile);
+        foldTile(tile, size, ranges);
+        copied.foldRecords(first, size, layout.floats);
+        if (hasShcoef) {
+            shcoef.foldRecords(first + shcoefAt, size, layout.floats);
+        }
+        storeTile(first, size, layout, tile);
+        done += size;
+    }
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        copied.foldInto(ranges.position[axis], positionAt + axis, 1);
+        copied.foldInto(ranges.normal[axis], normalAt + axis, 1);
+    }
+    foldChannels(shcoef, ranges.shcoef);
+}
+
+namespace {
+
+void joinRange(ValueRange& range, const ValueRange& other) {
+    range.min = minimum(range.min, other.min);
+    range.max = maximum(range.max, other.max);
+}
+
+// The first zero among the values that lie at values[0 .. width) of each record, in visiting order; 0 when
+// there is none.
+float firstZero(const float* values, std::size_t width, std::uint64_t count, std::size_t stride) {
+    for (std::uint64_t i = 0; i < count; ++i, values += stride) {
+        for (std::size_t k = 0; k < width; ++k) {
+            if (values[k] == 0.0f) {
+                return values[k];
+            }
+        }
+    }
+    return 0.0f;
+}
+
 AttributeRange widened(const ValueRange (&ranges)[3]) {
     return {.name = {},
             .min = {ranges[0].min, ranges[1].min, ranges[2].min},
@@ -95,10 +303,33 @@ AttributeRange widened(const ValueRange (&ranges)[3]) {
 
 } // namespace
 
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
-    const RecordLayout& layout = recordLayout(hasShcoef);
-    for (std::uint64_t i = 0; i < count; ++i) {
-        decodeRecord(records + i * layout.floats, layout, hasShcoef, ranges);
+void joinRanges(BlockRanges& ranges, const BlockRanges& other) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        joinRange(ranges.position[axis], other.position[axis]);
+        joinRange(ranges.normal[axis], other.normal[axis]);
+        joinRange(ranges.colour[axis], other.colour[axis]);
+        joinRange(ranges.shcoef[axis], other.shcoef[axis]);
+        joinRange(ranges.scale[axis], other.scale[axis]);
+    }
+    joinRange(ranges.opacity, other.opacity);
+}
+
+void settleZeroBounds(const float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
+    const std::size_t stride = recordLayout(hasShcoef).floats;
+    const auto settle = [&](ValueRange& range, std::size_t at, std::size_t width) {
+        if (range.min != 0.0f && range.max != 0.0f) {
+            return;
+        }
+        const float zero = firstZero(records + at, width, count, stride);
+        range.min = range.min == 0.0f ? zero : range.min;
+        range.max = range.max == 0.0f ? zero : range.max;
+    };
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        settle(ranges.position[axis], positionAt + axis, 1);
+        settle(ranges.normal[axis], normalAt + axis, 1);
+        if (hasShcoef) {
+            settle(ranges.shcoef[axis], shcoefAt + axis * shcoefPerChannel, shcoefPerChannel);
+        }
     }
 }
 

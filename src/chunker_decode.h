@@ -1,4 +1,7 @@
 // Decoding splats in place, and the ranges of a decoded block. Single precision throughout.
+//
+// decodeRecord is the plain form of the work, one record at a time; decodeRecords does the same to many in
+// columns.
 #pragma once
 
 #include "src/records.h"
@@ -28,12 +31,6 @@ inline constexpr RecordLayout layoutWithoutShcoef{.floats = 17, .opacity = 9, .s
 inline const RecordLayout& recordLayout(bool hasShcoef) {
     return hasShcoef ? layoutWithShcoef : layoutWithoutShcoef;
 }
-
-// exp(x) in double precision, correctly rounded to single: the same on every system.
-float exponential(float x);
-
-// The eighth root of |x|, as three square roots in double precision, rounded once.
-float eighthRoot(float x);
 
 // The linear scale of a logarithmic one. The root-then-square sequence is intended.
 float decodeScale(float logScale);
@@ -73,8 +70,19 @@ struct BlockRanges {
     ValueRange scale[3];
 };
 
-// Decode count records at records in place and widen ranges by them.
+// Decode one record in place and widen ranges by it.
+void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges);
+
+// Decode count records in place, each as decodeRecord does, and widen ranges by them. The bounds are those of
+// decodeRecord but for the sign of a zero, which settleZeroBounds puts right once the whole block is there.
 void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
+
+// Widen ranges by those of other records of the same block.
+void joinRanges(BlockRanges& ranges, const BlockRanges& other);
+
+// Give a zero bound of a copied attribute (position, normal, coefficients) the sign of the first zero in the
+// block, as visiting the records one by one would. Decoded attributes have no negative zeros.
+void settleZeroBounds(const float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
 
 // Merge the ranges of a block into the shared ones: opacity's x alone, and the coefficients' only where there
 // are any; without, every block sets them to [0, 1].
