@@ -15,6 +15,7 @@ add_library(plyconvert_core STATIC
     src/chunker_decode.cpp
     src/indexer.cpp
     src/indexer_quantise.cpp
+    src/indexer_quantise_fast.cpp
     src/indexer_build.cpp
     src/indexer_files.cpp
     src/indexer_meta.cpp)

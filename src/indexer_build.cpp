@@ -1,70 +1,80 @@
-#include "src/chunker_decode.h"
 #include "src/indexer.h"
+#include "src/indexer_cells.h"
 #include "src/indexer_quantise.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
 namespace Tavrin::GaussionSplat {
 
-namespace {
-
-using CellCounts = IndexMap<std::uint32_t, std::uint64_t>; // splats by cell key
-
-// The cells of one level while it is being built.
-struct LevelBuild {
-    CellCounts counts;
-    std::shared_ptr<LODData> lod;
-};
-using LevelBuilds = IndexMap<std::uint32_t, LevelBuild>;
-
-struct CellRule {
-    bool single;
-    ChunkGrid grid;
-
-    std::uint32_t keyOf(const float* splat) const {
-        return single ? 0 : cellKey(splat[positionAt], splat[positionAt + 1], grid);
+std::uint32_t CellTable::findSlot(std::uint32_t key) {
+    const auto [entry, isNew] = slotOfKey.emplace(key, static_cast<std::uint32_t>(slots.size()));
+    if (isNew) {
+        slots.push_back({.key = key, .count = 0, .next = nullptr});
     }
-};
-
-void countCells(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats, CellCounts& counts) {
-    if (rule.single) {
-        if (chunk.splatCount > 0) {
-            counts[0] += chunk.splatCount;
-        }
-        return;
-    }
-    for (std::uint64_t i = 0; i < chunk.splatCount; ++i) {
-        ++counts[rule.keyOf(chunk.data + i * recordFloats)];
-    }
+    remembered[hashOf(key)] = {.key = key, .slotAndOne = entry->second + 1};
+    return entry->second;
 }
 
-// Make a level's cells, each with room for exactly the splats it will hold. All share one large block.
-void reserveCells(LevelBuild& level) {
+void CellTable::reserve(LODData& level) {
     std::uint64_t total = 0;
-    for (const auto& [key, count] : level.counts) {
-        total += count;
+    for (const Slot& slot : slots) {
+        total += slot.count;
     }
     if (total > std::numeric_limits<std::size_t>::max() / sizeof(SplatsData)) {
         throw AllocationError();
     }
     const auto arena = std::make_shared<RecordArena>(total * sizeof(SplatsData));
-    for (const auto& [key, count] : level.counts) {
+    for (Slot& slot : slots) {
         auto cell = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
-        cell->reserve(count);
-        level.lod->cells->emplace(key, std::move(cell));
+        cell->resize(slot.count); // sets nothing: the allocator leaves records as they are
+        slot.next = cell->data();
+        level.cells->emplace(slot.key, std::move(cell));
     }
 }
 
-void appendSplats(const ChunkData& chunk, const CellRule& rule, const QuantiseSettings& settings,
-                  LODData& lod) {
-    const std::size_t recordFloats = recordLayout(settings.hasShcoef).floats;
-    for (std::uint64_t i = 0; i < chunk.splatCount; ++i) {
-        const float* const splat = chunk.data + i * recordFloats;
-        SplatCell& cell = *lod.cells->find(rule.keyOf(splat))->second;
-        quantiseSplat(splat, settings, cell.emplace_back());
+namespace {
+
+struct LevelBuild {
+    CellTable table;
+    std::shared_ptr<LODData> lod = std::make_shared<LODData>();
+};
+using LevelBuilds = IndexMap<std::uint32_t, LevelBuild>;
+
+void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats, LevelBuild& build) {
+    build.lod->splatCount += chunk.splatCount;
+    if (rule.single) {
+        if (chunk.splatCount > 0) {
+            build.table.count(0, chunk.splatCount);
+        }
+        return;
     }
-    lod.splatCount += chunk.splatCount;
+    for (std::uint64_t i = 0; i < chunk.splatCount; ++i) {
+        build.table.count(rule.keyOf(chunk.data + i * recordFloats), 1);
+    }
+}
+
+// Quantise the splats of a chunk into their places. The places of a few splats are found ahead of the work on
+// them, so that their scattered cache lines are on the way when they are written.
+void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats,
+                 const FastQuantiser& quantiser, CellTable& table) {
+    constexpr std::size_t ahead = 32;
+    SplatsData* places[ahead];
+    for (std::uint64_t done = 0; done < chunk.splatCount;) {
+        const std::size_t size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.splatCount - done, ahead));
+        const float* const first = chunk.data + done * recordFloats;
+        for (std::size_t i = 0; i < size; ++i) {
+            places[i] = table.place(rule.keyOf(first + i * recordFloats));
+            prefetchForWriting(places[i]->position);
+            prefetchForWriting(places[i]->packed + 7); // the last line that a packed record reaches
+        }
+        for (std::size_t i = 0; i < size; ++i) {
+            quantiser.quantise(first + i * recordFloats, *places[i]);
+        }
+        done += size;
+    }
 }
 
 } // namespace
@@ -73,22 +83,22 @@ void appendSplats(const ChunkData& chunk, const CellRule& rule, const QuantiseSe
 // then follow the order of the chunk list and of each chunk.
 void Indexer::buildIndex() {
     const QuantiseSettings settings = quantiseSettings(*bounding, compressed != 0);
+    const FastQuantiser quantiser(settings);
     const CellRule rule{.single = splatCount <= singleCellSplats, .grid = chunkGrid};
     const std::size_t recordFloats = recordLayout(settings.hasShcoef).floats;
     LevelBuilds builds;
     for (const std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk) {
-            countCells(*chunk, rule, recordFloats, builds[chunk->level].counts);
+            countSplats(*chunk, rule, recordFloats, builds[chunk->level]);
         }
     }
     for (auto& [number, build] : builds) {
-        build.lod = std::make_shared<LODData>();
-        reserveCells(build);
+        build.table.reserve(*build.lod);
         levels->emplace(number, build.lod);
     }
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk && chunk->data != nullptr) {
-            appendSplats(*chunk, rule, settings, *builds[chunk->level].lod);
+            placeSplats(*chunk, rule, recordFloats, quantiser, builds[chunk->level].table);
             freeLarge(chunk->data);
             chunk.reset();
         }

@@ -3,7 +3,6 @@
 #include "src/chunker_decode.h"
 #include "src/conversions.h"
 
-#include <cmath>
 #include <cstring>
 
 namespace Tavrin::GaussionSplat {
@@ -97,13 +96,6 @@ void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsD
                                                shcoef[2 * shcoefPerChannel + k], settings.shcoef);
     }
     record.packed[shcoefPerChannel] = 0;
-}
-
-std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
-    const float column = std::floor((x - grid.originX) / grid.cellSizeX);
-    const float row = std::floor((y - grid.originY) / grid.cellSizeY);
-    return static_cast<std::uint32_t>(truncateToBits(column)) |
-           static_cast<std::uint32_t>(truncateToBits(row)) << 16;
 }
 
 } // namespace Tavrin::GaussionSplat

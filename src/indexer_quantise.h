@@ -1,10 +1,12 @@
 // Quantising one decoded splat into its output record, and the key of the cell it lies in.
 #pragma once
 
+#include "src/conversions.h"
 #include "src/indexer_records.h"
 #include "src/records.h"
 #include "src/splatheader.h"
 
+#include <cmath>
 #include <cstdint>
 
 namespace Tavrin::GaussionSplat {
@@ -26,8 +28,34 @@ struct QuantiseSettings {
 
 QuantiseSettings quantiseSettings(const AttributeBounding& bounding, bool compressed);
 
-// Fill record from a decoded splat of 62 floats (settings.hasShcoef) or 17.
+// Fill record from a decoded splat of 62 floats (settings.hasShcoef) or 17. The plain form of the work.
 void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsData& record);
+
+// The same bytes with vector instructions: reciprocals stand in for divisions wherever that provably gives
+// the same integers, and the few splats where it might not go through quantiseSplat. One for each scene;
+// immutable.
+struct FastQuantiser {
+    explicit FastQuantiser(const QuantiseSettings& quantiseSettings);
+
+    void quantise(const float* splat, SplatsData& record) const;
+
+private:
+    static constexpr std::size_t coefficientLanes = 48; // 45 and padding
+    static constexpr std::size_t wideLanes = 6;         // normal and scale
+
+    QuantiseSettings settings;
+    std::size_t scaleAt;
+    std::size_t opacityAt;
+    std::size_t rotationAt;
+    bool usable; // the reciprocals are normal numbers
+    alignas(16) double wideMin[wideLanes];
+    alignas(16) double wideReciprocal[wideLanes];
+    alignas(16) double coefficientMin[coefficientLanes];
+    alignas(16) double coefficientReciprocal[coefficientLanes];
+
+    bool quantiseHead(const float* splat, SplatsData& record) const;
+    bool quantiseCoefficients(const float* shcoef, SplatsData& record) const;
+};
 
 // The pieces, each as a record holds it.
 std::uint8_t quantiseColour(float value); // low 8 bits of trunc(value * 255)
@@ -38,7 +66,17 @@ std::uint32_t packCoefficientWord(float red, float green, float blue,
                                   const QuantiseRange (&ranges)[3]); // 11, 10, 11 bits
 
 // The cell of a splat: X index in the low 16 bits OR-ed with the Y index shifted left by 16. Neither is
-// masked: an index below 0 or above 65,535 runs into the other half.
-std::uint32_t cellKey(float x, float y, const ChunkGrid& grid);
+// masked: an index below 0 or above 65,535 runs into the other half. Single precision.
+inline std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
+    // floor(v) truncated to an integer, where an int holds it: the truncation, less one where that went up.
+    const auto index = [](float v) {
+        if (v > -1e9f && v < 1e9f) {
+            const auto truncated = static_cast<std::int32_t>(v);
+            return static_cast<std::uint32_t>(truncated - (static_cast<float>(truncated) > v ? 1 : 0));
+        }
+        return static_cast<std::uint32_t>(truncateToBits(std::floor(v)));
+    };
+    return index((x - grid.originX) / grid.cellSizeX) | index((y - grid.originY) / grid.cellSizeY) << 16;
+}
 
 } // namespace Tavrin::GaussionSplat

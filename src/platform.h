@@ -53,4 +53,13 @@ LargeArray<Element> makeLargeArray(std::uint64_t count) {
     return LargeArray<Element>(static_cast<Element*>(allocateLarge(count * sizeof(Element))));
 }
 
+// Ask for the cache line of an address ahead of a write to it. A hint without effect on results.
+inline void prefetchForWriting(const void* address) {
+#if defined(__GNUC__)
+    __builtin_prefetch(address, 1);
+#else
+    (void)address;
+#endif
+}
+
 } // namespace Tavrin::GaussionSplat
