@@ -21,7 +21,55 @@ std::mutex chunkMutex; // the chunk lock: guards the shared ranges, the chunk li
 
 } // namespace
 
+DecodeJob::DecodeJob(const Chunker::Task& blockTask)
+    : task(blockTask), windows(blockTask.count),
+      block(makeLargeArray<float>(blockTask.length / sizeof(float))) {}
+
+ChunkPass::ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList)
+    : bounding(std::move(sharedBounding)), chunks(std::move(chunkList)), blocks(chunkMutex) {}
+
+namespace {
+
+// Merge a block of which every record is decoded, and hand it on. The chunk lock is held: the append belongs
+// to what it guards.
+void finishBlock(DecodeJob& job, ChunkPass& pass) {
+    const bool hasShcoef = pass.bounding->hasShcoef;
+    settleZeroBounds(job.block.get(), job.task.count, hasShcoef, job.ranges);
+    mergeRanges(*pass.bounding, job.ranges, hasShcoef);
+    auto chunk = std::make_shared<ChunkData>();
+    chunk->splatCount = static_cast<std::uint32_t>(job.task.count);
+    chunk->level = job.task.level;
+    pass.finished.push_back({job.task.ordinal, job.ranges});
+    pass.chunks->push_back(chunk);
+    chunk->data = job.block.release();
+}
+
+// Decode windows of a block until none is left; whoever decodes the last one finishes the block. Each window
+// is read straight into its place and decoded there while it is in the cache: the same bytes as one read of
+// the whole block into a block of its own. Record 0 is visited twice, from the same input and with the same
+// result, so one visit is made.
+void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
+    const Chunker::Task& task = job.task;
+    const bool hasShcoef = pass.bounding->hasShcoef;
+    const std::size_t recordFloats = recordLayout(hasShcoef).floats;
+    BlockRanges ranges;
+    const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
+        float* const window = job.block.get() + first * recordFloats;
+        reader.read(task.offset + first * task.stride, window, count * task.stride);
+        decodeRecords(window, count, hasShcoef, ranges);
+    });
+    const std::lock_guard lock(chunkMutex);
+    joinRanges(job.ranges, ranges);
+    job.decodedCount += decoded;
+    if (decoded > 0 && job.decodedCount == task.count) {
+        finishBlock(job, pass);
+    }
+}
+
+} // namespace
+
 void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
+    pass.blocks.beginOne();
     if (task.length < 1) {
         logError("invalid malloc size: " + std::to_string(static_cast<std::int64_t>(task.length)), sourcePath,
                  55);
@@ -32,29 +80,11 @@ void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
         logError("file cannot open ", sourcePath, 61);
         return;
     }
-    const bool hasShcoef = pass.bounding->hasShcoef;
-    const std::size_t recordFloats = recordLayout(hasShcoef).floats;
-    LargeArray<float> block = makeLargeArray<float>(task.length / sizeof(float));
-    BlockRanges ranges;
-    // Each window is read straight into its place in the block and decoded there while it is in the cache.
-    // Record 0 is visited twice, from the same input and with the same result, so one visit is made.
-    for (std::uint64_t done = 0; done < task.count;) {
-        const std::uint64_t count = std::min(task.count - done, windowRecords);
-        float* const window = block.get() + done * recordFloats;
-        reader.read(task.offset + done * task.stride, window, count * task.stride);
-        decodeRecords(window, count, hasShcoef, ranges);
-        done += count;
-    }
-    auto chunk = std::make_shared<ChunkData>();
-    chunk->splatCount = static_cast<std::uint32_t>(task.count);
-    chunk->level = task.level;
-    settleZeroBounds(block.get(), task.count, hasShcoef, ranges);
-
-    const std::lock_guard lock(chunkMutex);
-    mergeRanges(*pass.bounding, ranges, hasShcoef);
-    pass.finished.push_back({task.ordinal, ranges});
-    pass.chunks->push_back(chunk);
-    chunk->data = block.release();
+    auto job = std::make_shared<DecodeJob>(task);
+    pass.blocks.share(job);
+    decodeWindows(*job, reader, pass);
+    pass.blocks.helpOthers(
+        [&](DecodeJob& other, RecordReader& otherReader) { decodeWindows(other, otherReader, pass); });
 }
 
 namespace {
@@ -90,7 +120,10 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
     name = std::move(output);
     logInfo("Start chunking... ", sourcePath, 37);
     const AttributeBounding before = *bounding;
-    ChunkPass pass{.bounding = bounding, .chunks = chunks, .finished = {}};
+    ChunkPass pass(bounding, chunks);
+    for (const SplatHeader& header : headers) {
+        pass.blocks.waiting += countBlocks(header.vertexCount);
+    }
     {
         TaskPool<Task> pool(threadCount,
                             [&pass](const std::shared_ptr<Task>& task) { decodeBlock(*task, pass); });

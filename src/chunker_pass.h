@@ -3,6 +3,8 @@
 
 #include "src/chunker.h"
 #include "src/chunker_decode.h"
+#include "src/platform.h"
+#include "src/splatheader_share.h"
 
 #include <cstdint>
 #include <memory>
@@ -10,7 +12,19 @@
 
 namespace Tavrin::GaussionSplat {
 
-// Shared by the workers under the chunk lock, a process-wide mutex.
+// One block being decoded. Everything but windows and the records of the windows taken is guarded by the
+// chunk lock.
+struct DecodeJob {
+    Chunker::Task task;
+    WindowQueue windows;
+    LargeArray<float> block;        // the records, decoded in place
+    BlockRanges ranges;             // of the records decoded so far
+    std::uint64_t decodedCount = 0; // records decoded so far
+
+    explicit DecodeJob(const Chunker::Task& block);
+};
+
+// What the workers of one pass share, guarded by the chunk lock, a process-wide mutex.
 struct ChunkPass {
     // The ranges of one finished block; entry i belongs to the i-th block that this pass appended to chunks.
     struct Finished {
@@ -21,11 +35,16 @@ struct ChunkPass {
     std::shared_ptr<AttributeBounding> bounding;
     std::shared_ptr<ChunkList> chunks;
     std::vector<Finished> finished;
+    SharedBlocks<DecodeJob> blocks;
+
+    ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList);
 };
 
-// Read and decode the block of a task, merge its ranges and append its ChunkData, both under the chunk lock.
-// A file that cannot be opened costs an ERROR line and the block. A length that is not positive ends the
-// process with status 123.
+// Read and decode the block of a task, merge its ranges and append its ChunkData, both under the chunk lock,
+// then help with blocks that other workers have begun. A file that cannot be opened costs an ERROR line and
+// the block. A length that is not positive ends the process with status 123.
+//
+// The task's stride is that of the form that bounding->hasShcoef asks for.
 void decodeBlock(const Chunker::Task& task, ChunkPass& pass);
 
 } // namespace Tavrin::GaussionSplat

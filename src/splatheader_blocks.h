@@ -26,6 +26,12 @@ void forEachBlock(std::int64_t vertexCount, Body body) {
     }
 }
 
+// The number of blocks of such a file.
+inline std::uint64_t countBlocks(std::int64_t vertexCount) {
+    const std::uint64_t records = vertexCount > 0 ? static_cast<std::uint64_t>(vertexCount) : 0;
+    return records / blockSplats + (records % blockSplats != 0 ? 1 : 0);
+}
+
 // Reads pieces of one file. A short read or an impossible position is no error: what cannot be read is zeros.
 struct RecordReader {
     explicit RecordReader(const std::string& path);

@@ -33,9 +33,38 @@ struct AxisBounds {
     }
 };
 
+// Scan windows of a block until none is left. Record 0 is visited twice: the visits run from 0 to count
+// inclusive, visit k reading record max(k - 1, 0). For a minimum and a maximum the second visit changes
+// nothing, so one is made.
+void scanWindows(ScanJob& job, RecordReader& reader, ScanPass& pass) {
+    const SplatHeader::Task& task = job.task;
+    const std::uint64_t recordFloats = task.stride / sizeof(float);
+    const LargeArray<float> window =
+        makeLargeArray<float>(std::min(task.count, windowRecords) * recordFloats);
+    AxisBounds x;
+    AxisBounds y;
+    AxisBounds z;
+    job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
+        reader.read(task.offset + first * task.stride, window.get(), count * task.stride);
+        for (const float* record = window.get(); record != window.get() + count * recordFloats;
+             record += recordFloats) {
+            x.fold(record[0]);
+            y.fold(record[1]);
+            z.fold(record[2]);
+        }
+    });
+    const std::lock_guard lock(pass.blocks.mutex);
+    x.mergeInto(pass.min.x, pass.max.x);
+    y.mergeInto(pass.min.y, pass.max.y);
+    z.mergeInto(pass.min.z, pass.max.z);
+}
+
 } // namespace
 
-void scanBlock(const SplatHeader::Task& task, ScanBox& box) {
+ScanPass::ScanPass() : blocks(scanMutex) {}
+
+void scanBlock(const SplatHeader::Task& task, ScanPass& pass) {
+    pass.blocks.beginOne();
     if (task.length == 0) {
         endProcessFromWorker(-1);
     }
@@ -43,36 +72,19 @@ void scanBlock(const SplatHeader::Task& task, ScanBox& box) {
     if (!reader.isOpen()) {
         return;
     }
-    const std::uint64_t recordFloats = task.stride / sizeof(float);
-    const LargeArray<float> window =
-        makeLargeArray<float>(std::min(task.count, windowRecords) * recordFloats);
-    AxisBounds x;
-    AxisBounds y;
-    AxisBounds z;
-    for (std::uint64_t done = 0; done < task.count;) {
-        const std::uint64_t count = std::min(task.count - done, windowRecords);
-        reader.read(task.offset + done * task.stride, window.get(), count * task.stride);
-        // Record 0 is visited twice: the visits run from 0 to count inclusive, visit k reading record max(k -
-        // 1, 0). For a minimum and a maximum the second visit changes nothing, so one is made.
-        for (const float* record = window.get(); record != window.get() + count * recordFloats;
-             record += recordFloats) {
-            x.fold(record[0]);
-            y.fold(record[1]);
-            z.fold(record[2]);
-        }
-        done += count;
-    }
-    const std::lock_guard lock(scanMutex);
-    x.mergeInto(box.min.x, box.max.x);
-    y.mergeInto(box.min.y, box.max.y);
-    z.mergeInto(box.min.z, box.max.z);
+    auto job = std::make_shared<ScanJob>(task);
+    pass.blocks.share(job);
+    scanWindows(*job, reader, pass);
+    pass.blocks.helpOthers(
+        [&](ScanJob& other, RecordReader& otherReader) { scanWindows(other, otherReader, pass); });
 }
 
 std::tuple<Vector3, Vector3> SplatHeader::computeBBox(std::string path, std::int64_t vertexCount,
                                                       std::int32_t headerLength) {
-    ScanBox box;
+    ScanPass pass;
+    pass.blocks.waiting = countBlocks(vertexCount);
     TaskPool<Task> pool(std::thread::hardware_concurrency(),
-                        [&box](const std::shared_ptr<Task>& task) { scanBlock(*task, box); });
+                        [&pass](const std::shared_ptr<Task>& task) { scanBlock(*task, pass); });
     forEachBlock(vertexCount, [&](std::uint64_t first, std::uint64_t count) {
         pool.enqueue(std::make_shared<Task>(Task{
             .path = path,
@@ -84,7 +96,7 @@ std::tuple<Vector3, Vector3> SplatHeader::computeBBox(std::string path, std::int
         }));
     });
     pool.drain();
-    return {box.min, box.max};
+    return {pass.min, pass.max};
 }
 
 } // namespace Tavrin::GaussionSplat

@@ -2,20 +2,33 @@
 #pragma once
 
 #include "src/splatheader.h"
+#include "src/splatheader_share.h"
 
 namespace Tavrin::GaussionSplat {
-
-// A box that always holds the origin.
-struct ScanBox {
-    Vector3 min;
-    Vector3 max;
-};
 
 // The stride of the scan whatever the header declares: 62 four-byte floats.
 inline constexpr std::uint32_t scanStride = recordSizeWithShcoef;
 
-// Widen box by the positions of the task's records, under the lock of all scans. A file that cannot be opened
-// contributes nothing. A length of zero ends the process with status -1.
-void scanBlock(const SplatHeader::Task& task, ScanBox& box);
+// One block being scanned.
+struct ScanJob {
+    SplatHeader::Task task;
+    WindowQueue windows;
+
+    explicit ScanJob(const SplatHeader::Task& block) : task(block), windows(block.count) {}
+};
+
+// One scan: the box, which always holds the origin, and the blocks being worked on, both under the lock of
+// all scans, a process-wide mutex.
+struct ScanPass {
+    Vector3 min;
+    Vector3 max;
+    SharedBlocks<ScanJob> blocks;
+
+    ScanPass();
+};
+
+// Widen the pass's box by the positions of the task's records, then help with blocks that other workers have
+// begun. A file that cannot be opened contributes nothing. A length of zero ends the process with status -1.
+void scanBlock(const SplatHeader::Task& task, ScanPass& pass);
 
 } // namespace Tavrin::GaussionSplat
