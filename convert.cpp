@@ -41,7 +41,8 @@ struct DefaultFloatEnvironment {
 // Decoded blocks that an exception leaves in the list are freed with it.
 struct ReleaseChunks {
     ChunkList& chunks;
-    ~ReleaseChunks() { releaseChunks(chunks); }
+    std::uint32_t recordSize;
+    ~ReleaseChunks() { releaseChunks(chunks, recordSize); }
 };
 
 bool exists(const std::string& path) {
@@ -88,7 +89,7 @@ std::int32_t convert(const std::string& input, const std::string& output) {
     }
     const std::vector<SplatHeader> headers{header};
     const auto chunks = std::make_shared<ChunkList>();
-    const ReleaseChunks release{*chunks};
+    const ReleaseChunks release{*chunks, header.recordSize};
 
     // The header is read before anything is deleted: an input that is refused leaves the old folder
     // untouched.

@@ -149,10 +149,10 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
     logInfo("chunking finished . ", sourcePath, 342);
 }
 
-void releaseChunks(ChunkList& chunks) noexcept {
+void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept {
     for (std::shared_ptr<ChunkData>& chunk : chunks) {
         if (chunk) {
-            freeLarge(chunk->data);
+            freeLarge(chunk->data, std::uint64_t{chunk->splatCount} * recordSize);
             chunk.reset();
         }
     }

@@ -50,7 +50,7 @@ struct Chunker {
                     std::string output);
 };
 
-// Free the blocks that are still in the list and empty their entries.
-void releaseChunks(ChunkList& chunks) noexcept;
+// Free the blocks of records of recordSize bytes that are still in the list and empty their entries.
+void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept;
 
 } // namespace Tavrin::GaussionSplat

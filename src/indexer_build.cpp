@@ -8,6 +8,12 @@
 
 namespace Tavrin::GaussionSplat {
 
+void RecordArena::moveSpare(std::uint64_t page) {
+    if (moveLargePage(spare.back(), block.get() + page * largePage)) {
+        spare.pop_back();
+    }
+}
+
 std::uint32_t CellTable::findSlot(std::uint32_t key) {
     const auto [entry, isNew] = slotOfKey.emplace(key, static_cast<std::uint32_t>(slots.size()));
     if (isNew) {
@@ -25,7 +31,7 @@ void CellTable::reserve(LODData& level) {
     if (total > std::numeric_limits<std::size_t>::max() / sizeof(SplatsData)) {
         throw AllocationError();
     }
-    const auto arena = std::make_shared<RecordArena>(total * sizeof(SplatsData));
+    arena = std::make_shared<RecordArena>(total * sizeof(SplatsData));
     for (Slot& slot : slots) {
         auto cell = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
         cell->resize(slot.count); // sets nothing: the allocator leaves records as they are
@@ -61,6 +67,11 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
                  const FastQuantiser& quantiser, CellTable& table) {
     constexpr std::size_t ahead = 32;
     SplatsData* places[ahead];
+    // The large pages of the block in which no splat is left to place go to the cells. A block below their
+    // size has none.
+    const std::uint64_t recordBytes = recordFloats * sizeof(float);
+    auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
+    std::uint64_t offered = 0;
     for (std::uint64_t done = 0; done < chunk.splatCount;) {
         const std::size_t size =
             static_cast<std::size_t>(std::min<std::uint64_t>(chunk.splatCount - done, ahead));
@@ -74,6 +85,10 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
             quantiser.quantise(first + i * recordFloats, *places[i]);
         }
         done += size;
+        for (; chunk.splatCount * recordBytes >= largePage && offered + largePage <= done * recordBytes;
+             offered += largePage) {
+            table.offer(bytes + offered);
+        }
     }
 }
 
@@ -99,7 +114,7 @@ void Indexer::buildIndex() {
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk && chunk->data != nullptr) {
             placeSplats(*chunk, rule, recordFloats, quantiser, builds[chunk->level].table);
-            freeLarge(chunk->data);
+            freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
             chunk.reset();
         }
     }

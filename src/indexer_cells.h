@@ -34,7 +34,15 @@ public:
     void reserve(LODData& level);
 
     // The place of the next splat of the cell of key; at most as many as were counted.
-    SplatsData* place(std::uint32_t key) { return slots[slotOf(key)].next++; }
+    SplatsData* place(std::uint32_t key) {
+        SplatsData* const record = slots[slotOf(key)].next++;
+        arena->settle(record);
+        return record;
+    }
+
+    // Offer memory that nobody reads any more, a large page of a block from allocateLarge, for records to
+    // come.
+    void offer(void* page) { arena->spare.push_back(page); }
 
 private:
     struct Slot {
@@ -50,6 +58,7 @@ private:
     };
     static constexpr std::size_t rememberedCount = 4096; // a power of two
 
+    std::shared_ptr<RecordArena> arena; // set by reserve
     std::vector<Slot> slots;
     IndexMap<std::uint32_t, std::uint32_t> slotOfKey;
     std::array<Remembered, rememberedCount> remembered;

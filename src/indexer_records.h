@@ -37,14 +37,40 @@ inline constexpr std::size_t rawCoefficientsSize = sizeof(SplatsData::raw);
 
 // One large block that the cells of a level take their records from: counted first, reserved exactly, freed
 // when the last cell is.
+//
+// Memory that the system hands out has to be cleared by it first, which costs more than filling the records.
+// So pages of the decoded blocks that nobody reads any more are put in the place of pages of the arena that
+// nobody has touched yet.
 struct RecordArena {
     LargeArray<std::byte> block;
-    std::size_t size;
-    std::size_t used = 0;
+    std::uint64_t size;                // bytes
+    std::uint64_t used = 0;            // bytes given to cells
+    std::vector<std::uint8_t> settled; // for each large page: it has memory of its own
+    std::vector<void*> spare;          // large pages of other blocks, free to be moved here
 
-    explicit RecordArena(std::size_t bytes) : block(makeLargeArray<std::byte>(bytes)), size(bytes) {}
+    explicit RecordArena(std::uint64_t bytes)
+        : block(makeLargeArray<std::byte>(bytes)), size(bytes), settled(bytes / largePage + 1) {}
 
     bool holds(const void* pointer) const { return pointer >= block.get() && pointer < block.get() + size; }
+
+    // Call before the first write to a record.
+    void settle(const SplatsData* record) {
+        const auto at = static_cast<std::uint64_t>(reinterpret_cast<const std::byte*>(record) - block.get());
+        settlePage(at / largePage);
+        settlePage((at + sizeof(SplatsData) - 1) / largePage);
+    }
+
+private:
+    void settlePage(std::uint64_t page) {
+        if (settled[page] == 0) {
+            settled[page] = 1;
+            if (!spare.empty()) {
+                moveSpare(page);
+            }
+        }
+    }
+
+    void moveSpare(std::uint64_t page);
 };
 
 // Takes memory from an arena while it has some, else from the heap, and constructs elements without clearing

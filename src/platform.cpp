@@ -14,12 +14,26 @@
 #include <malloc.h>
 #include <process.h>
 #elif defined(__linux__)
+#include <cerrno>
 #include <sys/mman.h>
+#endif
+
+// The address sanitizer sees overruns of blocks from the heap alone, so under it every block comes from
+// there.
+#if defined(__linux__) && defined(MREMAP_DONTUNMAP) && !defined(__SANITIZE_ADDRESS__)
+#define PLYCONVERT_LARGE_PAGES 1
+#endif
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#undef PLYCONVERT_LARGE_PAGES
+#endif
 #endif
 
 namespace Tavrin::GaussionSplat {
 
 namespace {
+
+constexpr std::uint64_t cacheLine = 64; // bytes
 
 // Length of the root name: "C:", "\\server", or the three characters of "\\?" and "\\.".
 template <typename Character>
@@ -130,17 +144,21 @@ std::string lastPathComponent(const std::string& path) {
     return narrow(lastComponent<wchar_t>(widen(path)));
 }
 
-void* allocateLarge(std::uint64_t bytes) {
-    void* const block = _aligned_malloc(std::max<std::uint64_t>(bytes, 1), 64);
+namespace {
+
+void* allocateAligned(std::uint64_t bytes) {
+    void* const block = _aligned_malloc(std::max<std::uint64_t>(bytes, 1), cacheLine);
     if (block == nullptr) {
         throw AllocationError();
     }
     return block;
 }
 
-void freeLarge(void* block) noexcept {
+void freeAligned(void* block) noexcept {
     _aligned_free(block);
 }
+
+} // namespace
 
 #else
 
@@ -152,29 +170,100 @@ std::string lastPathComponent(const std::string& path) {
     return lastComponent<char>(path);
 }
 
-void* allocateLarge(std::uint64_t bytes) {
-    constexpr std::uint64_t hugePage = std::uint64_t{2} << 20;
-    constexpr std::uint64_t cacheLine = 64;
-    const std::uint64_t alignment = bytes >= hugePage ? hugePage : cacheLine;
-    if (bytes > PTRDIFF_MAX - alignment) {
+namespace {
+
+void* allocateAligned(std::uint64_t bytes) {
+    if (bytes > PTRDIFF_MAX - cacheLine) {
         throw AllocationError();
     }
-    const std::uint64_t size = (std::max<std::uint64_t>(bytes, 1) + alignment - 1) / alignment * alignment;
-    void* const block = std::aligned_alloc(alignment, size);
+    const std::uint64_t size = (std::max<std::uint64_t>(bytes, 1) + cacheLine - 1) / cacheLine * cacheLine;
+    void* const block = std::aligned_alloc(cacheLine, size);
     if (block == nullptr) {
         throw AllocationError();
     }
-#if defined(__linux__)
-    if (alignment == hugePage) {
-        // Advice only: where it is refused the block stays on ordinary pages.
-        (void)madvise(block, bytes, MADV_HUGEPAGE);
-    }
-#endif
     return block;
 }
 
-void freeLarge(void* block) noexcept {
+void freeAligned(void* block) noexcept {
     std::free(block);
+}
+
+} // namespace
+
+#endif
+
+#if defined(PLYCONVERT_LARGE_PAGES)
+
+namespace {
+
+std::uint64_t roundUp(std::uint64_t bytes) {
+    return (bytes + largePage - 1) / largePage * largePage;
+}
+
+} // namespace
+
+void* allocateLarge(std::uint64_t bytes) {
+    if (bytes < largePage) {
+        return allocateAligned(bytes);
+    }
+    if (bytes > PTRDIFF_MAX - 2 * largePage) {
+        throw AllocationError();
+    }
+    // One page more than asked for, of which the parts before and behind the aligned block are given back.
+    const std::uint64_t size = roundUp(bytes);
+    void* const mapping =
+        mmap(nullptr, size + largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapping == MAP_FAILED) {
+        throw AllocationError();
+    }
+    auto* const start = static_cast<std::byte*>(mapping);
+    const std::uint64_t before =
+        roundUp(reinterpret_cast<std::uintptr_t>(start)) - reinterpret_cast<std::uintptr_t>(start);
+    if (before > 0) {
+        (void)munmap(start, before);
+    }
+    (void)munmap(start + before + size, largePage - before);
+    (void)madvise(start + before, size,
+                  MADV_HUGEPAGE); // where it is refused the block stays on ordinary pages
+    return start + before;
+}
+
+void freeLarge(void* block, std::uint64_t bytes) noexcept {
+    if (block == nullptr || bytes < largePage) {
+        freeAligned(block);
+    } else {
+        (void)munmap(block, roundUp(bytes));
+    }
+}
+
+bool moveLargePage(void* from, void* to) {
+    // The source stays mapped, so that no other thread's mapping can come to lie in the block before it is
+    // freed.
+    if (mremap(from, largePage, largePage, MREMAP_MAYMOVE | MREMAP_FIXED | MREMAP_DONTUNMAP, to) !=
+        MAP_FAILED) {
+        return true;
+    }
+    // A failure may or may not have unmapped the target. Mapping it again succeeds only where it is gone.
+    void* const again =
+        mmap(to, largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    if (again == MAP_FAILED && errno != EEXIST) {
+        throw AllocationError();
+    }
+    return false;
+}
+
+#else
+
+void* allocateLarge(std::uint64_t bytes) {
+    return allocateAligned(bytes);
+}
+
+void freeLarge(void* block, std::uint64_t) noexcept {
+    freeAligned(block);
+}
+
+bool moveLargePage(void*, void*) {
+    return false;
 }
 
 #endif

@@ -33,14 +33,25 @@ struct AllocationError : std::bad_alloc {
     const char* what() const noexcept override;
 };
 
+// The unit in which memory of large blocks can be handed on, and the alignment of a block of at least that
+// size.
+inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
+
 // Uninitialised memory for large blocks, aligned to 64 bytes or better and on huge pages where the system
 // offers them by advice: clearing 4 KiB pages one fault at a time costs as much as decoding. Throws
-// AllocationError. The caller frees it with freeLarge; a null pointer is allowed there.
+// AllocationError. The caller frees it with freeLarge, giving the same size; a null pointer is allowed there.
 void* allocateLarge(std::uint64_t bytes);
-void freeLarge(void* block) noexcept;
+void freeLarge(void* block, std::uint64_t bytes) noexcept;
+
+// Put the memory of one large page in the place of another, untouched one, each a whole largePage of a block
+// of at least that size and aligned to it. What stood at from then stands at to, and from reads as zeros.
+// False, and nothing moved, where the system does not offer that. Throws AllocationError when the system
+// fails half-way and the place cannot be had again.
+bool moveLargePage(void* from, void* to);
 
 struct FreeLarge {
-    void operator()(void* block) const noexcept { freeLarge(block); }
+    std::uint64_t bytes = 0;
+    void operator()(void* block) const noexcept { freeLarge(block, bytes); }
 };
 template <typename Element>
 using LargeArray = std::unique_ptr<Element[], FreeLarge>;
@@ -50,7 +61,8 @@ LargeArray<Element> makeLargeArray(std::uint64_t count) {
     if (count > SIZE_MAX / sizeof(Element)) {
         throw AllocationError();
     }
-    return LargeArray<Element>(static_cast<Element*>(allocateLarge(count * sizeof(Element))));
+    const std::uint64_t bytes = count * sizeof(Element);
+    return LargeArray<Element>(static_cast<Element*>(allocateLarge(bytes)), FreeLarge{bytes});
 }
 
 // Ask for the cache line of an address ahead of a write to it. A hint without effect on results.
