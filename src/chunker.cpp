@@ -42,6 +42,20 @@ void finishBlock(DecodeJob& job, ChunkPass& pass) {
     pass.finished.push_back({job.task.ordinal, job.ranges});
     pass.chunks->push_back(chunk);
     chunk->data = job.block.release();
+    chunk->cells = std::move(job.cells);
+}
+
+void joinCells(DecodeJob& job, std::unique_ptr<ChunkCells> cells) {
+    if (!cells) {
+        return;
+    }
+    if (!job.cells) {
+        job.cells = std::move(cells);
+        return;
+    }
+    for (const CellCount& cell : cells->counter.counts()) {
+        job.cells->counter.add(cell.key, cell.splats);
+    }
 }
 
 // Decode windows of a block until none is left; whoever decodes the last one finishes the block. Each window
@@ -53,13 +67,20 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const bool hasShcoef = pass.bounding->hasShcoef;
     const std::size_t recordFloats = recordLayout(hasShcoef).floats;
     BlockRanges ranges;
+    auto cells = pass.countsCells ? std::make_unique<ChunkCells>(ChunkCells{.grid = chunkGrid, .counter = {}})
+                                  : nullptr;
     const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         float* const window = job.block.get() + first * recordFloats;
         reader.read(task.offset + first * task.stride, window, count * task.stride);
         decodeRecords(window, count, hasShcoef, ranges);
+        for (std::uint64_t i = 0; cells && i < count; ++i) {
+            const float* const position = window + i * recordFloats + positionAt;
+            cells->counter.add(cellKey(position[0], position[1], cells->grid), 1);
+        }
     });
     const std::lock_guard lock(chunkMutex);
     joinRanges(job.ranges, ranges);
+    joinCells(job, std::move(cells));
     job.decodedCount += decoded;
     if (decoded > 0 && job.decodedCount == task.count) {
         finishBlock(job, pass);
@@ -121,9 +142,12 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
     logInfo("Start chunking... ", sourcePath, 37);
     const AttributeBounding before = *bounding;
     ChunkPass pass(bounding, chunks);
+    std::uint64_t splats = 0;
     for (const SplatHeader& header : headers) {
         pass.blocks.waiting += countBlocks(header.vertexCount);
+        splats += static_cast<std::uint64_t>(header.vertexCount);
     }
+    pass.countsCells = splats > singleCellSplats;
     {
         TaskPool<Task> pool(threadCount,
                             [&pass](const std::shared_ptr<Task>& task) { decodeBlock(*task, pass); });

@@ -4,6 +4,7 @@
 
 #include "src/records.h"
 #include "src/splatheader.h"
+#include "src/splatheader_cells.h"
 
 #include <cstdint>
 #include <memory>
@@ -11,6 +12,12 @@
 #include <vector>
 
 namespace Tavrin::GaussionSplat {
+
+// The splats of a block counted by cell of a grid.
+struct ChunkCells {
+    ChunkGrid grid;
+    CellCounter counter;
+};
 
 // One decoded block. The records keep the layout of the input (62 or 17 floats); colour holds [0, 1] values,
 // opacity the opacity in [0, 1], scale linear scales, and the four rotation slots the packed rotation.
@@ -20,6 +27,9 @@ struct ChunkData {
     // splatCount records in file order, from allocateLarge. Not freed here: the indexer frees it with
     // freeLarge as soon as it has regrouped the block.
     float* data = nullptr;
+    // Counted while the block was in the cache, for scenes that have a grid; the indexer counts what is not
+    // here.
+    std::shared_ptr<const ChunkCells> cells;
 };
 
 using ChunkList = std::vector<std::shared_ptr<ChunkData>>;

@@ -17,9 +17,10 @@ namespace Tavrin::GaussionSplat {
 struct DecodeJob {
     Chunker::Task task;
     WindowQueue windows;
-    LargeArray<float> block;        // the records, decoded in place
-    BlockRanges ranges;             // of the records decoded so far
-    std::uint64_t decodedCount = 0; // records decoded so far
+    LargeArray<float> block;           // the records, decoded in place
+    BlockRanges ranges;                // of the records decoded so far
+    std::uint64_t decodedCount = 0;    // records decoded so far
+    std::shared_ptr<ChunkCells> cells; // of the records decoded so far; empty without a grid
 
     explicit DecodeJob(const Chunker::Task& block);
 };
@@ -36,6 +37,7 @@ struct ChunkPass {
     std::shared_ptr<ChunkList> chunks;
     std::vector<Finished> finished;
     SharedBlocks<DecodeJob> blocks;
+    bool countsCells = false; // the scene is split into ground cells
 
     ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList);
 };

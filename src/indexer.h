@@ -5,6 +5,7 @@
 #include "src/indexer_records.h"
 #include "src/records.h"
 #include "src/splatheader.h"
+#include "src/splatheader_cells.h"
 
 #include <cstdint>
 #include <memory>
@@ -12,11 +13,6 @@
 #include <vector>
 
 namespace Tavrin::GaussionSplat {
-
-// A scene of more splats than this is split into ground cells, one of up to so many is a single cell with key
-// 0. Deliberately not the test of the grid's own choice: exactly 1,000,000 splats get a grid's cell size and
-// a single cell.
-inline constexpr std::uint64_t singleCellSplats = 1'000'000;
 
 struct Indexer {
     std::vector<SplatHeader> headers;

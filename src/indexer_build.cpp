@@ -1,3 +1,4 @@
+#include "src/chunker_decode.h"
 #include "src/indexer.h"
 #include "src/indexer_cells.h"
 #include "src/indexer_quantise.h"
@@ -14,33 +15,34 @@ void RecordArena::moveSpare(std::uint64_t page) {
     }
 }
 
-std::uint32_t CellTable::findSlot(std::uint32_t key) {
-    const auto [entry, isNew] = slotOfKey.emplace(key, static_cast<std::uint32_t>(slots.size()));
-    if (isNew) {
-        slots.push_back({.key = key, .count = 0, .next = nullptr});
-    }
-    remembered[hashOf(key)] = {.key = key, .slotAndOne = entry->second + 1};
-    return entry->second;
-}
-
 void CellTable::reserve(LODData& level) {
     std::uint64_t total = 0;
-    for (const Slot& slot : slots) {
-        total += slot.count;
+    for (const CellCount& cell : counter.counts()) {
+        total += cell.splats;
     }
     if (total > std::numeric_limits<std::size_t>::max() / sizeof(SplatsData)) {
         throw AllocationError();
     }
     arena = std::make_shared<RecordArena>(total * sizeof(SplatsData));
-    for (Slot& slot : slots) {
-        auto cell = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
-        cell->resize(slot.count); // sets nothing: the allocator leaves records as they are
-        slot.next = cell->data();
-        level.cells->emplace(slot.key, std::move(cell));
+    for (const CellCount& cell : counter.counts()) {
+        auto records = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
+        records->resize(cell.splats); // sets nothing: the allocator leaves records as they are
+        next.push_back(records->data());
+        level.cells->emplace(cell.key, std::move(records));
     }
 }
 
 namespace {
+
+// Which cell a splat belongs to: the one cell with key 0, or the grid's.
+struct CellRule {
+    bool single;
+    ChunkGrid grid;
+
+    std::uint32_t keyOf(const float* splat) const {
+        return single ? 0 : cellKey(splat[positionAt], splat[positionAt + 1], grid);
+    }
+};
 
 struct LevelBuild {
     CellTable table;
@@ -50,14 +52,19 @@ using LevelBuilds = IndexMap<std::uint32_t, LevelBuild>;
 
 void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats, LevelBuild& build) {
     build.lod->splatCount += chunk.splatCount;
+    CellCounter& counter = build.table.counter;
     if (rule.single) {
         if (chunk.splatCount > 0) {
-            build.table.count(0, chunk.splatCount);
+            counter.add(0, chunk.splatCount);
         }
-        return;
-    }
-    for (std::uint64_t i = 0; i < chunk.splatCount; ++i) {
-        build.table.count(rule.keyOf(chunk.data + i * recordFloats), 1);
+    } else if (chunk.cells && chunk.cells->grid == rule.grid) {
+        for (const CellCount& cell : chunk.cells->counter.counts()) {
+            counter.add(cell.key, cell.splats);
+        }
+    } else {
+        for (std::uint64_t i = 0; i < chunk.splatCount; ++i) {
+            counter.add(rule.keyOf(chunk.data + i * recordFloats), 1);
+        }
     }
 }
 

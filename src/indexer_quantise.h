@@ -1,12 +1,9 @@
-// Quantising one decoded splat into its output record, and the key of the cell it lies in.
+// Quantising one decoded splat into its output record.
 #pragma once
 
-#include "src/conversions.h"
 #include "src/indexer_records.h"
 #include "src/records.h"
-#include "src/splatheader.h"
 
-#include <cmath>
 #include <cstdint>
 
 namespace Tavrin::GaussionSplat {
@@ -64,19 +61,5 @@ std::uint16_t quantise16(float value,
 std::uint32_t packRotationWord(const float* rotation); // 10, 10, 10 and 2 bits
 std::uint32_t packCoefficientWord(float red, float green, float blue,
                                   const QuantiseRange (&ranges)[3]); // 11, 10, 11 bits
-
-// The cell of a splat: X index in the low 16 bits OR-ed with the Y index shifted left by 16. Neither is
-// masked: an index below 0 or above 65,535 runs into the other half. Single precision.
-inline std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
-    // floor(v) truncated to an integer, where an int holds it: the truncation, less one where that went up.
-    const auto index = [](float v) {
-        if (v > -1e9f && v < 1e9f) {
-            const auto truncated = static_cast<std::int32_t>(v);
-            return static_cast<std::uint32_t>(truncated - (static_cast<float>(truncated) > v ? 1 : 0));
-        }
-        return static_cast<std::uint32_t>(truncateToBits(std::floor(v)));
-    };
-    return index((x - grid.originX) / grid.cellSizeX) | index((y - grid.originY) / grid.cellSizeY) << 16;
-}
 
 } // namespace Tavrin::GaussionSplat

@@ -80,6 +80,8 @@ struct ChunkGrid {
     float originY = 0.0f;
     std::int32_t cellCountX = 0;
     std::int32_t cellCountY = 0;
+
+    bool operator==(const ChunkGrid&) const = default;
 };
 extern ChunkGrid chunkGrid;
 

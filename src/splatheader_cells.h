@@ -1,0 +1,78 @@
+// The cell of a splat, and counting splats by cell.
+#pragma once
+
+#include "src/conversions.h"
+#include "src/splatheader.h"
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+namespace Tavrin::GaussionSplat {
+
+// A scene of more splats than this is split into ground cells, one of up to so many is a single cell with key
+// 0. Deliberately not the test of the grid's own choice: exactly 1,000,000 splats get a grid's cell size and
+// a single cell.
+inline constexpr std::uint64_t singleCellSplats = 1'000'000;
+
+// The cell of a splat: X index in the low 16 bits OR-ed with the Y index shifted left by 16. Neither is
+// masked: an index below 0 or above 65,535 runs into the other half. Single precision.
+inline std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
+    // floor(v) truncated to an integer; where an int holds it, the truncation, less one where that went up.
+    const auto index = [](float v) {
+        if (v > -1e9f && v < 1e9f) {
+            const auto truncated = static_cast<std::int32_t>(v);
+            return static_cast<std::uint32_t>(truncated - (static_cast<float>(truncated) > v ? 1 : 0));
+        }
+        return static_cast<std::uint32_t>(truncateToBits(std::floor(v)));
+    };
+    return index((x - grid.originX) / grid.cellSizeX) | index((y - grid.originY) / grid.cellSizeY) << 16;
+}
+
+// Splats of one cell.
+struct CellCount {
+    std::uint32_t key = 0;
+    std::uint64_t splats = 0;
+};
+
+// Counts splats by cell, and numbers the cells in the order in which they are first seen.
+class CellCounter {
+public:
+    // The number of the cell of key, a new one with no splats when it is seen first.
+    std::uint32_t numberOf(std::uint32_t key) {
+        const Remembered& entry = remembered[hashOf(key)];
+        return entry.key == key && entry.numberAndOne != 0 ? entry.numberAndOne - 1 : find(key);
+    }
+
+    void add(std::uint32_t key, std::uint64_t splats) { cells[numberOf(key)].splats += splats; }
+
+    // By number.
+    const std::vector<CellCount>& counts() const { return cells; }
+
+private:
+    // Where a key was found: a scene has far fewer cells than this has entries.
+    struct Remembered {
+        std::uint32_t key = 0;
+        std::uint32_t numberAndOne = 0; // 0: empty
+    };
+    static constexpr std::size_t rememberedCount = 4096; // a power of two
+
+    std::vector<CellCount> cells;
+    std::unordered_map<std::uint32_t, std::uint32_t> numbers; // by key
+    std::array<Remembered, rememberedCount> remembered;
+
+    static std::size_t hashOf(std::uint32_t key) { return (key ^ key >> 10) % rememberedCount; }
+
+    std::uint32_t find(std::uint32_t key) {
+        const auto [entry, isNew] = numbers.emplace(key, static_cast<std::uint32_t>(cells.size()));
+        if (isNew) {
+            cells.push_back({.key = key, .splats = 0});
+        }
+        remembered[hashOf(key)] = {.key = key, .numberAndOne = entry->second + 1};
+        return entry->second;
+    }
+};
+
+} // namespace Tavrin::GaussionSplat
