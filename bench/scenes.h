@@ -1,0 +1,77 @@
+// Seeded scenes for tests, benchmarks and the quick start: a small town as a trainer would write it.
+//
+// A scene is a function of its options alone. Every splat is computed from the seed and its own index with
+// integer arithmetic, the four basic operations and square roots of IEEE doubles, so that the same options
+// give the same bytes with every compiler and on every system.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace scenes {
+
+// How the splats of the file follow each other.
+enum class Order {
+    Shuffled, // neighbours in the file lie anywhere in the scene, as after a training run
+    Grouped,  // surface by surface: the ground first, then one object after the other
+};
+
+struct Triple {
+    double x = 0.0;
+    double y = 0.0;
+    double z = 0.0;
+};
+
+struct SceneOptions {
+    std::uint64_t splats = 1'200'000;
+    std::uint64_t seed = 1;
+    bool coefficients = true; // with the 45 f_rest properties: records of 62 floats, else of 17
+    double extentX = 250.0;   // metres; from two splats up, the x of the splats span exactly this
+    double extentY = 200.0;   // metres, likewise for y
+    Triple centre;            // of the ground rectangle, metres; z is where the lowest ground may lie
+    Order order = Order::Shuffled;
+    bool normals = false;      // true: unit normals of the surfaces; false: zeros, as trainers write them
+    bool statedBounds = false; // "comment minx" to "comment maxz" with the exact box of the splats
+
+    // Further comment lines, in this order, each only when it is set. Numbers are printed as shortest text.
+    std::string source;   // one word
+    std::string dataType; // one word
+    std::optional<std::int32_t> epsg;
+    std::optional<Triple> offset;
+    std::optional<Triple> shift;
+    std::optional<Triple> scale;
+    std::vector<std::string> comments; // whole lines without "comment " and without a line end
+};
+
+// The box of the splats' positions. All zeros for a scene without splats.
+struct Bounds {
+    std::array<float, 3> min{};
+    std::array<float, 3> max{};
+};
+
+// Floats in a record: x y z, nx ny nz, f_dc_0..2, [f_rest_0..44], opacity, scale_0..2, rot_0..3.
+constexpr std::size_t recordFloats(bool coefficients) {
+    return coefficients ? 62 : 17;
+}
+
+// Writes the scene as a binary little-endian PLY file, replacing the file. Memory stays below 40 MiB plus a
+// few bytes a square metre of town, whatever the number of splats. Returns the box of the splats.
+// Throws std::invalid_argument for options that no scene has, std::runtime_error when writing fails.
+Bounds writeScene(const std::filesystem::path& path, const SceneOptions& options);
+
+// The records that writeScene puts after the header, in the same order. Throws std::invalid_argument.
+std::vector<float> sceneRecords(const SceneOptions& options);
+
+// The header that writeScene puts before them, "end_header" and its line feed included; `bounds` is used
+// when options.statedBounds is set. Its length depends on the options alone. Throws std::invalid_argument.
+std::string sceneHeader(const SceneOptions& options, const Bounds& bounds);
+
+// The box of records that lie one after the other, `floatsPerRecord` floats each, position first.
+Bounds boundsOf(std::span<const float> records, std::size_t floatsPerRecord);
+
+} // namespace scenes

@@ -1,0 +1,139 @@
+// Arithmetic of the scene generator: nothing whose last bit depends on a mathematics library.
+#pragma once
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+
+namespace scenes {
+
+struct Vec {
+    double x = 0.0;
+    double y = 0.0;
+    double z = 0.0;
+};
+
+constexpr Vec operator+(Vec a, Vec b) {
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
+}
+constexpr Vec operator-(Vec a, Vec b) {
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+constexpr Vec operator*(Vec a, double s) {
+    return {a.x * s, a.y * s, a.z * s};
+}
+// Component by component, as colours multiply.
+constexpr Vec operator*(Vec a, Vec b) {
+    return {a.x * b.x, a.y * b.y, a.z * b.z};
+}
+constexpr double dot(Vec a, Vec b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+constexpr Vec cross(Vec a, Vec b) {
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+inline double length(Vec a) {
+    return std::sqrt(dot(a, a));
+}
+inline Vec normalised(Vec a) {
+    return a * (1.0 / length(a));
+}
+constexpr Vec mix(Vec a, Vec b, double t) {
+    return a + (b - a) * t;
+}
+constexpr double clamp(double v, double low, double high) {
+    return v < low ? low : (v > high ? high : v);
+}
+
+// The finaliser of splitmix64: a bijection of 64-bit numbers that spreads every input bit over all of them.
+constexpr std::uint64_t scramble(std::uint64_t v) {
+    v = (v ^ (v >> 30)) * 0xbf58476d1ce4e5b9U;
+    v = (v ^ (v >> 27)) * 0x94d049bb133111ebU;
+    return v ^ (v >> 31);
+}
+
+// splitmix64, started anywhere: one stream a splat.
+class Random {
+public:
+    Random(std::uint64_t seed, std::uint64_t stream)
+        : state(scramble(seed + 0x9e3779b97f4a7c15U) ^ scramble(stream ^ 0xd1b54a32d192ed03U)) {}
+
+    std::uint64_t bits() {
+        state += 0x9e3779b97f4a7c15U;
+        return scramble(state);
+    }
+    // Uniform in [0, 1), with all 53 bits of a double.
+    double uniform() { return static_cast<double>(bits() >> 11) * 0x1p-53; }
+    double uniform(double low, double high) { return low + (high - low) * uniform(); }
+    // Uniform in 0 .. count - 1; the bias is below count / 2^53.
+    std::uint32_t index(std::uint32_t count) {
+        return static_cast<std::uint32_t>(uniform() * static_cast<double>(count));
+    }
+    bool chance(double probability) { return uniform() < probability; }
+    // Mean 0, standard deviation 1, within +-3.5: the sum of the four 16-bit parts of one draw. Each part has
+    // the variance 1/12, so the sum is scaled by the root of 3.
+    double normal() {
+        const std::uint64_t b = bits();
+        const std::uint64_t sum = (b & 0xffffU) + ((b >> 16) & 0xffffU) + ((b >> 32) & 0xffffU) + (b >> 48);
+        return (static_cast<double>(sum) * 0x1p-16 - 2.0) * 1.7320508075688772;
+    }
+    // A point on the unit circle (z = 0).
+    Vec onCircle() {
+        for (;;) {
+            const Vec p{uniform(-1.0, 1.0), uniform(-1.0, 1.0), 0.0};
+            const double square = dot(p, p);
+            if (square > 0.01 && square <= 1.0) {
+                return p * (1.0 / std::sqrt(square));
+            }
+        }
+    }
+    // A point on the unit sphere: z is uniform there.
+    Vec onSphere() {
+        const double z = uniform(-1.0, 1.0);
+        const Vec circle = onCircle();
+        const double r = std::sqrt(1.0 - z * z);
+        return {circle.x * r, circle.y * r, z};
+    }
+
+private:
+    std::uint64_t state;
+};
+
+// Natural logarithm of a positive normal number, to about 1e-13. The mantissa is brought to
+// [sqrt(1/2), sqrt(2)] and ln m = 2 artanh((m - 1) / (m + 1)) summed to the 15th power.
+inline double naturalLog(double v) {
+    const auto bits = std::bit_cast<std::uint64_t>(v);
+    int exponent = static_cast<int>(bits >> 52) - 1023;
+    double m = std::bit_cast<double>((bits & 0x000fffffffffffffU) | 0x3ff0000000000000U);
+    if (m > 1.4142135623730951) {
+        m *= 0.5;
+        exponent += 1;
+    }
+    const double t = (m - 1.0) / (m + 1.0);
+    const double s = t * t;
+    double sum = 1.0 / 15.0;
+    for (int k = 13; k >= 1; k -= 2) {
+        sum = sum * s + 1.0 / k;
+    }
+    return 2.0 * t * sum + 0.6931471805599453 * exponent;
+}
+
+// Smooth noise in [0, 1] with features of unit size: cubic blends of random values on the integer lattice.
+inline double noise(double x, double y, std::uint64_t seed) {
+    const double fx = std::floor(x);
+    const double fy = std::floor(y);
+    const auto ix = static_cast<std::int64_t>(fx);
+    const auto iy = static_cast<std::int64_t>(fy);
+    const auto at = [seed](std::int64_t i, std::int64_t j) {
+        const auto a = static_cast<std::uint64_t>(i) * 0x8cb92ba72f3d8dd7U;
+        const auto b = static_cast<std::uint64_t>(j) * 0xa24baed4963ee407U;
+        return static_cast<double>(scramble(a ^ scramble(b + seed)) >> 11) * 0x1p-53;
+    };
+    const double u = (x - fx) * (x - fx) * (3.0 - 2.0 * (x - fx));
+    const double v = (y - fy) * (y - fy) * (3.0 - 2.0 * (y - fy));
+    const double low = at(ix, iy) + (at(ix + 1, iy) - at(ix, iy)) * u;
+    const double high = at(ix, iy + 1) + (at(ix + 1, iy + 1) - at(ix, iy + 1)) * u;
+    return low + (high - low) * v;
+}
+
+} // namespace scenes

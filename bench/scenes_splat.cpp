@@ -1,0 +1,388 @@
+#include "bench/scenes_splat.h"
+
+#include <algorithm>
+#include <array>
+
+namespace scenes {
+
+namespace {
+
+constexpr double smallestTown = 60.0; // metres; a smaller scene shows a model of a town of this size
+constexpr double largestArea = 4.0e6; // square metres; a larger scene shows larger houses
+constexpr double nanometre = 1.0e-9;  // metres
+
+// Metres of the scene in a metre of the town.
+double townScale(double extentX, double extentY) {
+    const double model = std::min(extentX, extentY) / smallestTown;
+    if (model < 1.0) {
+        return model;
+    }
+    return std::max(1.0, std::sqrt(extentX * extentY / largestArea));
+}
+
+struct Quaternion {
+    double w = 1.0;
+    double x = 0.0;
+    double y = 0.0;
+    double z = 0.0;
+};
+
+Quaternion operator*(Quaternion a, Quaternion b) {
+    return {a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z, a.w * b.x + b.w * a.x + a.y * b.z - a.z * b.y,
+            a.w * b.y + b.w * a.y + a.z * b.x - a.x * b.z, a.w * b.z + b.w * a.z + a.x * b.y - a.y * b.x};
+}
+
+// The shortest turn from z to a unit vector, not normalised: (1 + z.n, z x n).
+Quaternion turnFromZ(Vec n) {
+    return n.z > -0.9999 ? Quaternion{1.0 + n.z, -n.y, n.x, 0.0} : Quaternion{0.0, 1.0, 0.0, 0.0};
+}
+
+// Real spherical harmonics of degrees 1 to 3, with the signs and in the order that splat renderers use.
+std::array<double, 15> harmonics(Vec d) {
+    const double xx = d.x * d.x;
+    const double yy = d.y * d.y;
+    const double zz = d.z * d.z;
+    return {-0.4886025119 * d.y,
+            0.4886025119 * d.z,
+            -0.4886025119 * d.x,
+            1.0925484306 * d.x * d.y,
+            -1.0925484306 * d.y * d.z,
+            0.3153915653 * (2.0 * zz - xx - yy),
+            -1.0925484306 * d.x * d.z,
+            0.5462742153 * (xx - yy),
+            -0.5900435899 * d.y * (3.0 * xx - yy),
+            2.8906114426 * d.x * d.y * d.z,
+            -0.4570457995 * d.y * (4.0 * zz - xx - yy),
+            0.3731763326 * d.z * (2.0 * zz - 3.0 * xx - 3.0 * yy),
+            -0.4570457995 * d.x * (4.0 * zz - xx - yy),
+            1.4453057213 * d.z * (xx - yy),
+            -0.5900435899 * d.x * (xx - 3.0 * yy)};
+}
+
+double glossOf(Material material) {
+    switch (material) {
+    case Material::Paint:
+        return 0.7;
+    case Material::Glass:
+        return 0.9;
+    case Material::Metal:
+        return 0.5;
+    case Material::Roof:
+        return 0.15;
+    default:
+        return 0.05;
+    }
+}
+
+// A wall with a row of windows in every storey; along and up are metres from its lower left corner, whose
+// plinth reaches 0.6 m into the ground. A door stands in the middle when there is one.
+void paintWall(const Surface& wall, double along, double up, Vec& colour, double& gloss) {
+    constexpr double storey = 2.9;
+    const double width = length(wall.u);
+    const double height = wall.v.z - 0.6;
+    const double above = up - 0.6;
+    if (above < 0.35) {
+        colour = colour * 0.62;
+        return;
+    }
+    if (wall.material == Material::DoorWall && std::fabs(along - 0.5 * width) < 0.65 && above < 2.3) {
+        const bool frame = std::fabs(along - 0.5 * width) > 0.5 || above > 2.15;
+        colour = frame ? Vec{0.88, 0.87, 0.84} : Vec{0.36, 0.22, 0.13};
+        return;
+    }
+    const int columns = std::max(1, static_cast<int>(width / 2.6));
+    const double pitch = width / columns;
+    const double inColumn = along - pitch * std::floor(along / pitch) - 0.5 * pitch;
+    const double inStorey = above - storey * std::floor(above / storey);
+    const bool whole = storey * (std::floor(above / storey) + 1.0) <= height + 0.1;
+    const double aside = std::fabs(inColumn);
+    if (!whole || aside > 0.72 || inStorey < 0.85 || inStorey > 2.35) {
+        return;
+    }
+    if (aside > 0.56 || inStorey < 1.0 || inStorey > 2.22) {
+        colour = {0.92, 0.91, 0.88};
+        return;
+    }
+    colour = {0.20, 0.26, 0.32};
+    gloss = 0.9;
+}
+
+} // namespace
+
+SplatSource::SplatSource(const SceneOptions& sceneOptions)
+    : options(sceneOptions), metre(townScale(options.extentX, options.extentY)),
+      town(options.extentX / metre, options.extentY / metre, scramble(options.seed)),
+      low{static_cast<float>(options.centre.x - 0.5 * options.extentX),
+          static_cast<float>(options.centre.y - 0.5 * options.extentY)},
+      high{static_cast<float>(options.centre.x + 0.5 * options.extentX),
+           static_cast<float>(options.centre.y + 0.5 * options.extentY)} {
+    double sum = 0.0;
+    for (const Surface& surface : town.surfaces()) {
+        sum += surface.area * surface.weight;
+        upTo.push_back(sum);
+    }
+    density = static_cast<double>(std::max<std::uint64_t>(options.splats, 1)) / sum;
+    for (double& share : upTo) {
+        share /= sum;
+    }
+}
+
+const Surface& SplatSource::pick(std::uint64_t index, Random& random) const {
+    const std::vector<Surface>& surfaces = town.surfaces();
+    const double draw = random.uniform();
+    if (index < 2) {
+        return surfaces.front(); // the ground's outermost corners
+    }
+    const double share = options.order == Order::Shuffled
+                             ? draw
+                             : (static_cast<double>(index) + draw) / static_cast<double>(options.splats);
+    const auto at = std::upper_bound(upTo.begin(), upTo.end(), share);
+    return at == upTo.end() ? surfaces.back() : surfaces[static_cast<std::size_t>(at - upTo.begin())];
+}
+
+Vec SplatSource::lit(Vec colour, Vec normal, double sun, double openness) const {
+    const double facing = std::max(0.0, dot(normal, sunDirection));
+    const Vec sky = Vec{0.42, 0.47, 0.56} * ((0.65 + 0.35 * normal.z) * openness);
+    const Vec light = sky + Vec{0.74, 0.68, 0.58} * (facing * sun);
+    return colour * light;
+}
+
+SplatSource::Sample SplatSource::sampleGround(const Surface& surface, std::uint64_t index,
+                                              Random& random) const {
+    Sample sample;
+    double x = index == 0 ? -0.5 * town.width() : 0.5 * town.width();
+    double y = index == 0 ? -0.5 * town.depth() : 0.5 * town.depth();
+    if (index > 1) {
+        // Nobody sees the ground under a house; a few draws find a free place.
+        for (int draws = 0; draws < 32; ++draws) {
+            x = random.uniform(-0.5, 0.5) * town.width();
+            y = random.uniform(-0.5, 0.5) * town.depth();
+            if (!town.coveredAt(x, y)) {
+                break;
+            }
+        }
+    }
+    const Ground ground = town.groundAt(x, y);
+    sample.position = {x, y, town.heightAt(x, y)};
+    sample.normal = town.normalAt(x, y);
+    sample.gloss = ground.gloss;
+    const double sun = town.sunAt(x, y);
+    sample.colour = lit(ground.colour, sample.normal, sun, 0.8 + 0.2 * sun);
+    if (ground.grass) {
+        sample.position.z += 0.05 * random.uniform();
+        sample.normal = normalised(sample.normal + random.onSphere() * 0.35);
+    }
+    sample.spacing = std::sqrt(1.0 / (density * surface.weight));
+    return sample;
+}
+
+SplatSource::Sample SplatSource::sampleFlat(const Surface& surface, Random& random) const {
+    Sample sample;
+    double a = random.uniform();
+    double b = random.uniform();
+    if (surface.shape == Shape::Triangle && a + b > 1.0) {
+        a = 1.0 - a;
+        b = 1.0 - b;
+    }
+    sample.position = surface.origin + surface.u * a + surface.v * b;
+    sample.normal = surface.normal;
+    Vec colour = surface.colour;
+    sample.gloss = glossOf(surface.material);
+    const double along = a * length(surface.u);
+    const double up = b * length(surface.v);
+    double openness = 1.0;
+    switch (surface.material) {
+    case Material::Wall:
+    case Material::DoorWall:
+        paintWall(surface, along, up, colour, sample.gloss);
+        openness = 0.7 + 0.3 * std::min(1.0, up / 2.0);
+        break;
+    case Material::Roof: {
+        const double row = up - 0.7 * std::floor(up / 0.7);
+        colour = colour * ((row < 0.2 ? 0.78 : 1.0) * (0.88 + 0.24 * random.uniform()));
+        break;
+    }
+    case Material::Hedge:
+        colour = colour * (0.6 + 0.8 * random.uniform());
+        sample.normal = normalised(sample.normal + random.onSphere() * 0.7);
+        sample.position = sample.position + sample.normal * (0.1 * random.normal());
+        break;
+    case Material::Glass:
+        colour = {0.13, 0.16, 0.19};
+        break;
+    default:
+        break;
+    }
+    sample.colour = lit(colour, sample.normal, 1.0, openness);
+    sample.spacing = std::sqrt(1.0 / (density * surface.weight));
+    return sample;
+}
+
+SplatSource::Sample SplatSource::sampleRound(const Surface& surface, Random& random) const {
+    Sample sample;
+    const Vec way = random.onSphere();
+    const Vec half = surface.u;
+    const bool leaf = surface.material == Material::Leaf;
+    const double lump =
+        noise(2.1 * way.x + surface.origin.x, 2.1 * way.y + 1.3 * way.z + surface.origin.y, 5);
+    const double depth = random.uniform();
+    const double reach = leaf ? (0.82 + 0.3 * lump) * (1.0 - 0.3 * depth * depth) : 1.0;
+    sample.position = surface.origin + way * half * reach;
+    sample.normal = normalised(way * Vec{1.0 / half.x, 1.0 / half.y, 1.0 / half.z});
+    const double sun = leaf ? 0.75 + 0.5 * (lump - 0.5) : 1.0;
+    const double openness = leaf ? clamp(0.75 + 0.35 * way.z, 0.35, 1.1) * (1.0 - 0.35 * depth * depth) : 1.0;
+    const double speckle = leaf ? 0.75 + 0.5 * random.uniform() : 1.0;
+    sample.colour = lit(surface.colour * speckle, sample.normal, sun, openness);
+    if (leaf) {
+        sample.normal = normalised(sample.normal + random.onSphere() * 0.9);
+    }
+    sample.gloss = glossOf(surface.material);
+    sample.spacing = std::sqrt(1.0 / (density * surface.weight));
+    return sample;
+}
+
+SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& random) const {
+    Sample sample;
+    const Vec way = random.onCircle();
+    double t = random.uniform();
+    if (surface.u.y < 0.3 * surface.u.x) {
+        t = 1.0 - std::sqrt(t); // a cone has more of its area at the foot
+    }
+    const bool leaf = surface.material == Material::Leaf;
+    // A fir's branches stand out in tiers that taper upwards.
+    const double tier = 6.0 * t - std::floor(6.0 * t);
+    const double radius = (surface.u.x + (surface.u.y - surface.u.x) * t) * (leaf ? 1.1 - 0.5 * tier : 1.0);
+    sample.position = surface.origin + way * radius + Vec{0.0, 0.0, surface.v.z * t};
+    const double tilt = (surface.u.x - surface.u.y) / surface.v.z;
+    sample.normal = normalised({way.x, way.y, tilt});
+    const double speckle = 0.75 + 0.5 * random.uniform();
+    sample.colour = lit(surface.colour * speckle, sample.normal, 0.9, leaf ? 1.0 - 0.45 * tier : 0.8);
+    if (leaf) {
+        sample.normal = normalised(sample.normal + random.onSphere() * 0.8);
+    }
+    sample.gloss = glossOf(surface.material);
+    // A thin pole cannot carry discs as wide as the spacing that its area asks for.
+    sample.spacing = std::min(std::sqrt(1.0 / (density * surface.weight)), 2.0 * std::max(radius, 0.05));
+    return sample;
+}
+
+void SplatSource::writePosition(const Sample& sample, std::uint64_t index, Random& random,
+                                float* record) const {
+    const bool corner = index < 2;
+    const Vec off = sample.normal * (corner ? 0.0 : 0.06 * sample.spacing * random.normal());
+    const Vec p = (sample.position + off) * metre + Vec{options.centre.x, options.centre.y, options.centre.z};
+    const float x = static_cast<float>(p.x);
+    const float y = static_cast<float>(p.y);
+    record[0] = std::clamp(x, low[0], high[0]);
+    record[1] = std::clamp(y, low[1], high[1]);
+    record[2] = static_cast<float>(p.z);
+    for (int axis = 0; axis < 3; ++axis) {
+        // The bounds in the header have room for nanometres; what is nearer to zero is zero.
+        if (std::fabs(record[axis]) < nanometre) {
+            record[axis] = 0.0F;
+        }
+    }
+    record[3] = options.normals ? static_cast<float>(sample.normal.x) : 0.0F;
+    record[4] = options.normals ? static_cast<float>(sample.normal.y) : 0.0F;
+    record[5] = options.normals ? static_cast<float>(sample.normal.z) : 0.0F;
+}
+
+void SplatSource::writeShape(const Sample& sample, bool floater, Random& random, float* shape) const {
+    // Opacity as a logit: most of a surface is nearly opaque, some of it faint, floaters fainter still.
+    const double kind = random.uniform();
+    const double spread = random.normal();
+    const double logit =
+        floater ? -3.2 + 0.8 * spread : (kind < 0.82 ? 3.0 + 1.6 * spread : -0.8 + 1.5 * spread);
+    shape[0] = static_cast<float>(logit);
+
+    // Scales as natural logarithms of metres: a flat disc, two wide axes and one thin, in any order of axes.
+    const double wide = naturalLog(sample.spacing * metre * 0.42) + (floater ? 0.9 : 0.0);
+    const double stretch = 0.3 * random.normal();
+    const double size = 0.25 * random.normal();
+    const double flatness = random.uniform();
+    const double thin = -1.4 - 2.6 * flatness + 0.4 * random.normal();
+    const std::array<double, 3> logs{wide + size + stretch, wide + size - stretch, wide + size + thin};
+    const std::uint32_t turn = random.index(3);
+
+    // The disc's thin axis along the normal, turned at random about it, and the axes exchanged in a circle by
+    // the turn x -> y -> z -> x; then any length and sign, as a trainer leaves them.
+    const Vec angle = random.onCircle();
+    Quaternion q = turnFromZ(sample.normal) * Quaternion{angle.x, 0.0, 0.0, angle.y};
+    for (std::uint32_t k = 0; k < turn; ++k) {
+        q = q * Quaternion{0.5, 0.5, 0.5, 0.5};
+    }
+    for (std::uint32_t k = 0; k < 3; ++k) {
+        shape[1 + k] = static_cast<float>(logs[(k + turn) % 3]);
+    }
+    const double norm = std::sqrt(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z);
+    const double wanted = clamp(0.88 + 0.17 * random.normal(), 0.4, 1.6);
+    const double factor = random.chance(0.5) ? wanted / norm : -wanted / norm;
+    shape[4] = static_cast<float>(q.w * factor);
+    shape[5] = static_cast<float>(q.x * factor);
+    shape[6] = static_cast<float>(q.y * factor);
+    shape[7] = static_cast<float>(q.z * factor);
+}
+
+void SplatSource::writeCoefficients(const Sample& sample, Random& random, float* rest) const {
+    // What a surface shows differently from each side is its reflection of the sun, as bright as it is
+    // glossy, and what the trainer made of its pictures' faults: less in each band, more in some splats than
+    // in others.
+    constexpr std::array<double, 3> faults{0.045, 0.025, 0.014};
+    constexpr std::array<double, 3> reflection{0.16, 0.09, 0.04};
+    const double draw = random.uniform();
+    const double amount = 0.4 + 0.25 * draw / (1.05 - draw);
+    const double cosine = dot(sample.normal, sunDirection);
+    const Vec mirrored = sample.normal * (2.0 * cosine) - sunDirection;
+    const std::array<double, 15> basis = harmonics(mirrored * -1.0);
+    for (int k = 0; k < 15; ++k) {
+        const std::size_t band = k < 3 ? 0 : (k < 8 ? 1 : 2);
+        const double shine =
+            cosine > 0.0 ? sample.gloss * reflection[band] * basis[static_cast<std::size_t>(k)] : 0.0;
+        const double common = random.normal();
+        for (int channel = 0; channel < 3; ++channel) {
+            const double own = 0.8 * common + 0.6 * random.normal();
+            rest[channel * 15 + k] = static_cast<float>(shine + amount * faults[band] * own);
+        }
+    }
+}
+
+void SplatSource::splat(std::uint64_t index, float* record) const {
+    Random random(options.seed, index);
+    const Surface& surface = pick(index, random);
+    const bool floater = index > 1 && random.chance(0.012);
+    Sample sample;
+    switch (surface.shape) {
+    case Shape::Ground:
+        sample = sampleGround(surface, index, random);
+        break;
+    case Shape::Quad:
+    case Shape::Triangle:
+        sample = sampleFlat(surface, random);
+        break;
+    case Shape::Ellipsoid:
+        sample = sampleRound(surface, random);
+        break;
+    case Shape::Tube:
+        sample = sampleTube(surface, random);
+        break;
+    }
+    if (floater) {
+        sample.position = sample.position + sample.normal * (3.0 * sample.spacing * random.uniform());
+    }
+    writePosition(sample, index, random, record);
+
+    // The zeroth harmonic is 0.28209479 everywhere and renderers add one half.
+    const std::array<double, 3> colour{sample.colour.x, sample.colour.y, sample.colour.z};
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+        const double value = colour[channel] + 0.025 * random.normal();
+        record[6 + channel] = static_cast<float>((value - 0.5) / 0.28209479177387814);
+    }
+    if (options.coefficients) {
+        writeCoefficients(sample, random, record + 9);
+        writeShape(sample, floater, random, record + 54);
+    } else {
+        writeShape(sample, floater, random, record + 9);
+    }
+}
+
+} // namespace scenes

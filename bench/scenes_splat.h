@@ -1,0 +1,47 @@
+// Turns a town into splats: each from its index alone, so that a file of any length is written as it comes.
+#pragma once
+
+#include "bench/scenes.h"
+#include "bench/scenes_town.h"
+
+#include <vector>
+
+namespace scenes {
+
+class SplatSource {
+public:
+    explicit SplatSource(const SceneOptions& options);
+
+    // Writes record `index` (recordFloats(options.coefficients) floats) to `record`.
+    void splat(std::uint64_t index, float* record) const;
+
+private:
+    // A point on a surface as it looks, in metres of the town.
+    struct Sample {
+        Vec position;
+        Vec normal;
+        Vec colour; // lit
+        double gloss = 0.0;
+        double spacing = 0.0; // metres between neighbours on this surface
+    };
+
+    const Surface& pick(std::uint64_t index, Random& random) const;
+    Sample sampleGround(const Surface& surface, std::uint64_t index, Random& random) const;
+    Sample sampleFlat(const Surface& surface, Random& random) const;
+    Sample sampleRound(const Surface& surface, Random& random) const;
+    Sample sampleTube(const Surface& surface, Random& random) const;
+    Vec lit(Vec colour, Vec normal, double sun, double openness) const;
+    void writePosition(const Sample& sample, std::uint64_t index, Random& random, float* record) const;
+    void writeShape(const Sample& sample, bool floater, Random& random, float* shape) const;
+    void writeCoefficients(const Sample& sample, Random& random, float* rest) const;
+
+    SceneOptions options;
+    double metre; // metres of the scene in a metre of the town
+    Town town;
+    std::vector<double> upTo; // splats of all surfaces up to and including each, as a share of all
+    double density;           // splats a square metre of weight 1
+    std::array<float, 2> low;
+    std::array<float, 2> high;
+};
+
+} // namespace scenes

@@ -1,0 +1,155 @@
+// The town that a scene shows: where its streets, lots, houses, trees, cars and lamps stand, in metres of
+// its own, with the ground rectangle centred on the origin and z up.
+#pragma once
+
+#include "bench/scenes_math.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace scenes {
+
+// Where the sun stands, as a unit vector from the ground.
+inline constexpr Vec sunDirection{-0.48, -0.36, 0.8};
+
+enum class Shape : std::uint8_t {
+    Ground,    // the whole ground rectangle
+    Quad,      // origin + a u + b v, a and b in [0, 1]
+    Triangle,  // the same with a + b <= 1
+    Ellipsoid, // centre origin, half axes in u
+    Tube,      // upright, from origin to height v.z, radius u.x at the foot and u.y at the top
+};
+
+enum class Material : std::uint8_t {
+    Ground,
+    Wall,
+    DoorWall,
+    Roof,
+    Leaf,
+    Bark,
+    Hedge,
+    Paint,
+    Glass,
+    Metal,
+    Stone
+};
+
+struct Surface {
+    Shape shape = Shape::Quad;
+    Material material = Material::Stone;
+    Vec origin;
+    Vec u;
+    Vec v;
+    Vec normal; // unit, of quads and triangles
+    Vec colour;
+    double area = 0.0;   // square metres
+    double weight = 1.0; // splats a square metre, against the ground's
+};
+
+// What the ground is made of at a point.
+struct Ground {
+    Vec colour;
+    double gloss = 0.0; // 0 matt to 1 mirror
+    bool grass = false;
+};
+
+class Town {
+public:
+    // width and depth in metres of the town, at least 60 each.
+    Town(double width, double depth, std::uint64_t seed);
+
+    const std::vector<Surface>& surfaces() const { return parts; }
+    double width() const { return sizeX; }
+    double depth() const { return sizeY; }
+
+    double heightAt(double x, double y) const;
+    Vec normalAt(double x, double y) const;
+    Ground groundAt(double x, double y) const;
+    // How much of the sun reaches the ground, 0 to 1.
+    double sunAt(double x, double y) const;
+    // True where a building stands and nobody sees the ground.
+    bool coveredAt(double x, double y) const;
+
+private:
+    enum class Use : std::uint8_t { Houses, Park, Church };
+
+    // A place to stand on: e1 and e2 are horizontal unit vectors, e1 x e2 = z.
+    struct Frame {
+        Vec centre;
+        Vec e1;
+        Vec e2;
+        Vec at(double a, double b, double c) const {
+            return {centre.x + e1.x * a + e2.x * b, centre.y + e1.y * a + e2.y * b, centre.z + c};
+        }
+        Vec turned(double a, double b, double c) const {
+            return {e1.x * a + e2.x * b, e1.y * a + e2.y * b, c};
+        }
+    };
+    // A parcel of land; facing is -1 or 1, the side of y where its street lies.
+    struct Lot {
+        double x0 = 0.0;
+        double x1 = 0.0;
+        double y0 = 0.0;
+        double y1 = 0.0;
+        double facing = -1.0;
+        double driveX = 0.0; // middle of the driveway
+        double doorX = 0.0;  // middle of the garden path
+    };
+    struct Block {
+        Use use = Use::Houses;
+        std::uint32_t firstLot = 0;
+    };
+    struct Box {
+        double halfA = 0.0;
+        double halfB = 0.0;
+        double low = 0.0;
+        double high = 0.0;
+    };
+
+    void layOut();
+    void layOutBlock(int column, int row);
+    void layOutLot(Lot& lot);
+    void layOutPark(double x0, double y0, double x1, double y1);
+    void layOutStreet(int column, int row);
+    void addHouse(const Lot& lot);
+    void addChurch(double x, double y);
+    void addRoof(const Frame& frame, const Box& box, double rise, Vec wall, Vec tiles);
+    void addSpire(const Frame& frame, double half, double low, double high, Vec tiles);
+    void addTree(double x, double y, double size);
+    void addHedge(double x0, double y0, double x1, double y1);
+    void addCar(double x, double y, Vec heading);
+    void addLamp(double x, double y);
+    // The four sides, those of front (-e2) and left (-e1) in materials of their own, and a top unless Wall.
+    void addBox(const Frame& frame, const Box& box, Material front, Material left, Material rest, Vec colour,
+                double weight);
+    void addPart(Shape shape, Material material, Vec origin, Vec u, Vec v, Vec colour, double weight);
+    void shadeBox(const Frame& frame, const Box& box, bool building);
+    void shadeEllipsoid(Vec centre, Vec half);
+    template <class Blocked>
+    void shade(Vec low, Vec high, double depthOfShade, Blocked blocked);
+    Frame frameOn(double x, double y, Vec e1) const;
+    const Block& blockAt(double x, double y, double& localX, double& localY) const;
+    Ground lotGround(const Block& block, double x, double y, double localX, double localY) const;
+
+    double sizeX;
+    double sizeY;
+    std::uint64_t seed;
+    Random random;
+    int columns;
+    int rows;
+    double pitchX;
+    double pitchY;
+    int lotsInRow;
+    std::vector<Block> blocks;
+    std::vector<Lot> lots;
+    std::vector<Surface> parts;
+
+    // Rasters over the ground rectangle: sun (255 is full) and buildings (1 is covered).
+    double texel;
+    int texelsX;
+    int texelsY;
+    std::vector<std::uint8_t> sun;
+    std::vector<std::uint8_t> covered;
+};
+
+} // namespace scenes
