@@ -292,11 +292,11 @@ void SplatSource::writeShape(const Sample& sample, bool floater, Random& random,
     const double kind = random.uniform();
     const double spread = random.normal();
     const double logit =
-        floater ? -3.2 + 0.8 * spread : (kind < 0.82 ? 3.0 + 1.6 * spread : -0.8 + 1.5 * spread);
+        floater ? -3.2 + 0.8 * spread : (kind < 0.86 ? 3.4 + 1.6 * spread : -0.8 + 1.5 * spread);
     shape[0] = static_cast<float>(logit);
 
     // Scales as natural logarithms of metres: a flat disc, two wide axes and one thin, in any order of axes.
-    const double wide = naturalLog(sample.spacing * metre * 0.42) + (floater ? 0.9 : 0.0);
+    const double wide = naturalLog(sample.spacing * metre * 0.6) + (floater ? 0.9 : 0.0);
     const double stretch = 0.3 * random.normal();
     const double size = 0.25 * random.normal();
     const double flatness = random.uniform();
