@@ -42,8 +42,8 @@ void checkOptions(const SceneOptions& options) {
     require(inside(options.centre.x) && inside(options.centre.y) && inside(options.centre.z),
             "the centre must lie within 1e9 metres of the origin");
     const double longer = std::max(options.extentX, options.extentY);
-    require(longer <= 1.0e5 * std::min(options.extentX, options.extentY),
-            "the longer extent must be at most 100000 times the shorter");
+    require(longer <= 200.0 * std::min(options.extentX, options.extentY),
+            "the longer extent must be at most 200 times the shorter");
     require(options.splats <= (std::uint64_t{1} << 40), "more splats than any file holds");
     checkWord(options.source, "source");
     checkWord(options.dataType, "dataType");

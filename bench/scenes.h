@@ -32,7 +32,7 @@ struct SceneOptions {
     std::uint64_t seed = 1;
     bool coefficients = true; // with the 45 f_rest properties: records of 62 floats, else of 17
     double extentX = 250.0;   // metres; from two splats up, the x of the splats span exactly this
-    double extentY = 200.0;   // metres, likewise for y
+    double extentY = 200.0;   // metres, likewise for y; at most 200 times the other, or the other way round
     Triple centre;            // of the ground rectangle, metres; z is where the lowest ground may lie
     Order order = Order::Shuffled;
     bool normals = false;      // true: unit normals of the surfaces; false: zeros, as trainers write them
@@ -59,8 +59,8 @@ constexpr std::size_t recordFloats(bool coefficients) {
     return coefficients ? 62 : 17;
 }
 
-// Writes the scene as a binary little-endian PLY file, replacing the file. Memory stays below 40 MiB plus a
-// few bytes a square metre of town, whatever the number of splats. Returns the box of the splats.
+// Writes the scene as a binary little-endian PLY file, replacing the file. Memory stays below 40 MiB,
+// whatever the number of splats. Returns the box of the splats.
 // Throws std::invalid_argument for options that no scene has, std::runtime_error when writing fails.
 Bounds writeScene(const std::filesystem::path& path, const SceneOptions& options);
 

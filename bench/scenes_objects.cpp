@@ -212,9 +212,8 @@ void Town::shade(Vec low, Vec high, double depthOfShade, Blocked blocked) {
         for (int i = i0; i <= i1; ++i) {
             const double x = (i + 0.5) * texel - 0.5 * sizeX;
             const double y = (j + 0.5) * texel - 0.5 * sizeY;
-            if (blocked(Vec{x, y, heightAt(x, y)})) {
-                std::uint8_t& light = sun[static_cast<std::size_t>(j) * static_cast<std::size_t>(texelsX) +
-                                          static_cast<std::size_t>(i)];
+            if (blocked(Vec{x, y, low.z})) {
+                std::uint8_t& light = sun[texelAt(i, j)];
                 light = static_cast<std::uint8_t>(light * (1.0 - depthOfShade));
             }
         }
@@ -249,7 +248,7 @@ void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
     const double throwX = -sunDirection.x / sunDirection.z * box.high;
     const double throwY = -sunDirection.y / sunDirection.z * box.high;
     const Vec c = frame.centre;
-    shade({c.x - reach, c.y - reach, 0.0}, {c.x + reach + throwX, c.y + reach + throwY, 0.0}, 0.85, blocked);
+    shade({c.x - reach, c.y - reach, c.z}, {c.x + reach + throwX, c.y + reach + throwY, 0.0}, 0.85, blocked);
     if (building) {
         const int cells = static_cast<int>(reach / texel) + 1;
         const int ci = static_cast<int>((c.x + 0.5 * sizeX) / texel);
@@ -260,8 +259,7 @@ void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
                     Vec{(i + 0.5) * texel - 0.5 * sizeX, (j + 0.5) * texel - 0.5 * sizeY, c.z} - c;
                 if (std::fabs(dot(from, frame.e1)) < box.halfA - 0.5 * texel &&
                     std::fabs(dot(from, frame.e2)) < box.halfB - 0.5 * texel) {
-                    covered[static_cast<std::size_t>(j) * static_cast<std::size_t>(texelsX) +
-                            static_cast<std::size_t>(i)] = 1;
+                    covered[texelAt(i, j)] = 1;
                 }
             }
         }
@@ -273,13 +271,14 @@ void Town::shadeEllipsoid(Vec centre, Vec half) {
     // centre is nearer to the ray than 1.
     const Vec inverse{1.0 / half.x, 1.0 / half.y, 1.0 / half.z};
     const Vec way = normalised(sunDirection * inverse);
-    const auto blocked = [&](Vec ground) {
-        const Vec to = (centre - ground) * inverse;
+    const auto blocked = [&](Vec point) {
+        const Vec to = (centre - point) * inverse;
         const double along = dot(to, way);
         return along > 0.0 && dot(to, to) - along * along < 1.0;
     };
-    const double drop = (centre.z + half.z - heightAt(centre.x, centre.y) + 1.0) / sunDirection.z;
-    const Vec low{centre.x - half.x, centre.y - half.y, 0.0};
+    const double ground = heightAt(centre.x, centre.y);
+    const double drop = (centre.z + half.z - ground + 1.0) / sunDirection.z;
+    const Vec low{centre.x - half.x, centre.y - half.y, ground};
     const Vec high{centre.x + half.x - sunDirection.x * drop, centre.y + half.y - sunDirection.y * drop, 0.0};
     shade(low, high, 0.7, blocked);
 }

@@ -8,7 +8,7 @@ namespace scenes {
 namespace {
 
 constexpr double smallestTown = 60.0; // metres; a smaller scene shows a model of a town of this size
-constexpr double largestArea = 4.0e6; // square metres; a larger scene shows larger houses
+constexpr double largestArea = 1.0e6; // square metres; a larger scene shows larger houses
 constexpr double nanometre = 1.0e-9;  // metres
 
 // Metres of the scene in a metre of the town.

@@ -11,8 +11,6 @@ constexpr double pavementEnd = 5.4;  // metres from the middle of a street to th
 constexpr double blockLength = 64.0; // metres that a block has along x, about
 constexpr double blockDepth = 54.0;  // and along y
 constexpr double lotWidth = 16.0;    // metres, about
-constexpr double finestTexel = 0.5;  // metres
-constexpr double mostTexels = 4.0e6; // of a raster; larger towns get coarser texels
 
 double squared(double v) {
     return v * v;
@@ -31,7 +29,6 @@ Town::Town(double width, double depth, std::uint64_t townSeed)
       rows(std::max(1, static_cast<int>(depth / blockDepth + 0.5))), pitchX(width / columns),
       pitchY(depth / rows),
       lotsInRow(std::max(1, static_cast<int>((pitchX - 2.0 * pavementEnd) / lotWidth + 0.3))),
-      texel(std::max(finestTexel, std::sqrt(width * depth / mostTexels))),
       texelsX(static_cast<int>(width / texel) + 1), texelsY(static_cast<int>(depth / texel) + 1),
       sun(static_cast<std::size_t>(texelsX) * static_cast<std::size_t>(texelsY), std::uint8_t{255}),
       covered(sun.size(), std::uint8_t{0}) {
@@ -243,15 +240,9 @@ Ground Town::lotGround(const Block& block, double x, double y, double localX, do
 double Town::sunAt(double x, double y) const {
     const double fx = clamp((x + 0.5 * sizeX) / texel - 0.5, 0.0, texelsX - 1.0);
     const double fy = clamp((y + 0.5 * sizeY) / texel - 0.5, 0.0, texelsY - 1.0);
-    const int i = std::min(static_cast<int>(fx), texelsX - 2 < 0 ? 0 : texelsX - 2);
-    const int j = std::min(static_cast<int>(fy), texelsY - 2 < 0 ? 0 : texelsY - 2);
-    const auto at = [this](int column, int row) {
-        const int c = std::min(column, texelsX - 1);
-        const int r = std::min(row, texelsY - 1);
-        return sun[static_cast<std::size_t>(r) * static_cast<std::size_t>(texelsX) +
-                   static_cast<std::size_t>(c)] /
-               255.0;
-    };
+    const int i = std::min(static_cast<int>(fx), texelsX - 2);
+    const int j = std::min(static_cast<int>(fy), texelsY - 2);
+    const auto at = [this](int column, int row) { return sun[texelAt(column, row)] / 255.0; };
     const double u = clamp(fx - i, 0.0, 1.0);
     const double v = clamp(fy - j, 0.0, 1.0);
     const double low = at(i, j) + (at(i + 1, j) - at(i, j)) * u;
@@ -262,8 +253,7 @@ double Town::sunAt(double x, double y) const {
 bool Town::coveredAt(double x, double y) const {
     const int i = std::clamp(static_cast<int>((x + 0.5 * sizeX) / texel), 0, texelsX - 1);
     const int j = std::clamp(static_cast<int>((y + 0.5 * sizeY) / texel), 0, texelsY - 1);
-    return covered[static_cast<std::size_t>(j) * static_cast<std::size_t>(texelsX) +
-                   static_cast<std::size_t>(i)] != 0;
+    return covered[texelAt(i, j)] != 0;
 }
 
 } // namespace scenes

@@ -144,8 +144,13 @@ private:
     std::vector<Lot> lots;
     std::vector<Surface> parts;
 
-    // Rasters over the ground rectangle: sun (255 is full) and buildings (1 is covered).
-    double texel;
+    std::size_t texelAt(int column, int row) const {
+        return static_cast<std::size_t>(row) * static_cast<std::size_t>(texelsX) +
+               static_cast<std::size_t>(column);
+    }
+
+    // Rasters over the ground rectangle, row by row: sun (255 is full) and buildings (1 is covered).
+    static constexpr double texel = 0.5; // metres
     int texelsX;
     int texelsY;
     std::vector<std::uint8_t> sun;
