@@ -1,0 +1,46 @@
+# shellcheck shell=bash
+# What the builds and the tests need from the system, and how it gets there. Sourced by the other scripts.
+# shellcheck disable=SC2034  # the lists are used there
+
+# Compiler and tools, the libraries of the program (CLI11, fmt, nlohmann-json), of the tests (GoogleTest) and of
+# the benchmarks.
+packages=(
+    g++ cmake ninja-build
+    libcli11-dev libfmt-dev nlohmann-json3-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+)
+clang_packages=(clang)
+windows_packages=(g++-mingw-w64-x86-64-posix wine64 googletest)
+
+# install_missing PACKAGE...
+# Installs those that are not there, on systems with apt-get. Elsewhere, and where nobody may install, names them
+# and goes on: what is there under another name is found by CMake, and what is not, it reports.
+install_missing() {
+    local missing=() package
+    if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+        echo "This system has no apt-get. Needed, by their Debian names: $*" >&2
+        return 0
+    fi
+    for package in "$@"; do
+        if [[ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" != installed ]]; then
+            missing+=("$package")
+        fi
+    done
+    if ((${#missing[@]} == 0)); then
+        return 0
+    fi
+    local as_root=()
+    if ((EUID != 0)); then
+        if ! command -v sudo >/dev/null; then
+            echo "Not root, and no sudo. Going on without these packages: ${missing[*]}" >&2
+            return 0
+        fi
+        as_root=(sudo)
+    fi
+    echo "Installing: ${missing[*]}"
+    local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -q -y -o DPkg::Lock::Timeout=300)
+    "${apt[@]}" update || echo "The package lists could not be brought up to date; trying with the old ones." >&2
+    if ! "${apt[@]}" install --no-install-recommends "${missing[@]}"; then
+        echo "Some packages could not be installed. Going on without: ${missing[*]}" >&2
+    fi
+}

@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Builds the converter and converts a scene: a generated town of 1,200,000 splats, or a file of your own.
+#
+#   scripts/quickstart.sh                    writes build/quickstart/town.ply and build/quickstart/town
+#   scripts/quickstart.sh scene.ply out      converts scene.ply into the folder out
+#
+# Needs only git and bash on Debian 12 and Ubuntu 24.04: what is missing is installed with apt-get.
+set -euo pipefail
+
+if (($# != 0 && $# != 2)) || [[ "${1:-}" == -* ]]; then
+    sed -n '2,7s/^# \{0,1\}//p' "$0"
+    [[ "${1:-}" == -h || "${1:-}" == --help ]] && exit 0
+    exit 1
+fi
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/packages.sh
+source "$root/scripts/packages.sh"
+
+# Prints the splats, the cells and the files of the dataset in folder $1.
+describe() {
+    local dataset=$1 splats cells file
+    splats=$(sed -n 's/.*"totalSplats": *\([0-9]*\).*/\1/p' "$dataset/converted_from_ply.ytr")
+    cells=$(($(stat -c %s "$dataset/index.bin") / 20)) # an index entry has 20 bytes
+    echo "$dataset: $splats splats in $cells ground cells"
+    for file in "$dataset"/*; do
+        printf '%12d bytes  %s\n' "$(stat -c %s "$file")" "${file##*/}"
+    done
+}
+
+install_missing "${packages[@]}"
+
+build=$root/build/release
+echo "Building in $build"
+cmake -S "$root" --preset release --log-level=WARNING
+cmake --build "$build" --parallel "$(nproc)" --target plyconvert_program makescene
+
+if (($# == 2)); then
+    scene=$1
+    dataset=$2
+else
+    scene=$root/build/quickstart/town.ply
+    dataset=$root/build/quickstart/town
+    mkdir -p "$root/build/quickstart"
+    echo "Generating a town of 1,200,000 splats: $scene"
+    "$build/bench/makescene" --splats 1200000 --bounds --source makescene "$scene"
+fi
+
+echo "Converting"
+"$build/host/plyconvert" "$scene" "$dataset"
+echo
+describe "$dataset"

@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# Builds everything and runs every test. Options add further builds; each is tested in the same way.
+#
+#   scripts/test.sh                 release build with g++, every test
+#   scripts/test.sh --dev           and the debug build
+#   scripts/test.sh --clang         and a release build with clang++
+#   scripts/test.sh --sanitizers    and address and undefined-behaviour sanitizers over every test, the thread
+#                                   sanitizer over the task pool, the run log and the chunker
+#   scripts/test.sh --windows       and the cross build for Windows, under wine
+#   scripts/test.sh --all           all of these
+#   scripts/test.sh --only ...      the builds that are named, without the release build
+#
+# Needs only git and bash on Debian 12 and Ubuntu 24.04: what is missing is installed with apt-get.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/packages.sh
+source "$root/scripts/packages.sh"
+
+usage() {
+    sed -n '2,13s/^# \{0,1\}//p' "$root/scripts/test.sh"
+}
+
+# build FOLDER PRESET [OPTION...]
+# Configures a build folder and builds everything in it; the options go to the configuration.
+build() {
+    local folder=$root/build/$1 preset=$2
+    shift 2
+    echo "== ${folder##*/}: building"
+    cmake -S "$root" -B "$folder" --preset "$preset" --log-level=WARNING "$@"
+    cmake --build "$folder" --parallel "$(nproc)"
+}
+
+# run_tests FOLDER [OPTION...]
+# Runs the tests of a build folder; the options go to ctest.
+run_tests() {
+    local folder=$root/build/$1
+    shift
+    echo "== ${folder##*/}: testing"
+    "${launcher[@]}" ctest --test-dir "$folder" --output-on-failure --no-tests=error --parallel "$(nproc)" "$@"
+}
+launcher=()
+
+test_release() {
+    build release release
+    run_tests release
+}
+
+test_dev() {
+    build dev dev
+    run_tests dev
+}
+
+test_clang() {
+    build clang release -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+    run_tests clang
+}
+
+test_sanitizers() {
+    build asan-ubsan asan-ubsan
+    run_tests asan-ubsan
+    build tsan tsan
+    # Where the kernel spreads addresses wider than the thread sanitizer of g++ 12 and 13 allows, it needs them in
+    # order; a container may forbid that.
+    if setarch -R true 2>/dev/null; then
+        launcher=(setarch -R)
+    fi
+    run_tests tsan --tests-regex '^(TaskPool|RunLog|Chunk)'
+    launcher=()
+}
+
+test_windows() {
+    build windows windows
+    run_tests windows
+}
+
+release=yes
+builds=()
+wanted=("${packages[@]}")
+for argument in "$@"; do
+    case $argument in
+    --dev | --clang | --sanitizers | --windows) builds+=("${argument#--}") ;;
+    --all) builds=(dev clang sanitizers windows) ;;
+    --only) release=no ;;
+    -h | --help)
+        usage
+        exit 0
+        ;;
+    *)
+        echo "Unknown option: $argument" >&2
+        usage >&2
+        exit 1
+        ;;
+    esac
+done
+if [[ $release == yes ]]; then
+    builds=(release "${builds[@]}")
+elif ((${#builds[@]} == 0)); then
+    echo "--only needs a build: --dev, --clang, --sanitizers or --windows" >&2
+    exit 1
+fi
+for name in "${builds[@]}"; do
+    case $name in
+    clang) wanted+=("${clang_packages[@]}") ;;
+    windows) wanted+=("${windows_packages[@]}") ;;
+    esac
+done
+
+install_missing "${wanted[@]}"
+for name in "${builds[@]}"; do
+    "test_$name"
+done
+echo "== passed: ${builds[*]}"
