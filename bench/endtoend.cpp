@@ -1,0 +1,361 @@
+// endtoend: whole conversions of generated scenes, beside the floor of the same run. Prints Markdown tables,
+// or JSON with every single run.
+#include "bench/measure.h"
+#include "plyconvert.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using measure::Run;
+
+struct Options {
+    std::vector<std::uint64_t> splats{1'000, 100'000, 1'000'000, 3'000'000, 10'000'000};
+    std::string coefficients = "both";
+    int runs = 5;
+    fs::path folder;
+    bool scaling = false;
+    bool json = false;
+};
+
+struct Case {
+    std::uint64_t splats = 0;
+    bool coefficients = true;
+    std::uint64_t inputBytes = 0;
+    std::uint64_t outputBytes = 0;
+    std::vector<Run> conversions;
+    std::vector<Run> floors;
+
+    std::uint64_t recordBytes() const { return coefficients ? 248 : 68; }
+    std::string name() const { return fmt::format("{} {}", splats, coefficients ? "with" : "without"); }
+    // What the converter may use: the regrouped splats, one block of input, and 64 MB of everything else.
+    double allowedPeak() const {
+        const double block = static_cast<double>(std::min<std::uint64_t>(splats, 2'000'000) * recordBytes());
+        return 288.0 * static_cast<double>(splats) + block + 64e6;
+    }
+};
+
+// Seconds of chunking and scan on one and on two processors, and bytes that a further worker adds.
+struct Scaling {
+    std::uint64_t splats = 0;
+    double one = 0.0;
+    double two = 0.0;
+    std::vector<std::pair<int, double>> peakByWorkers;
+};
+
+double medianOf(const std::vector<Run>& runs, const std::function<double(const Run&)>& value) {
+    std::vector<double> values;
+    for (const Run& run : runs) {
+        values.push_back(value(run));
+    }
+    return measure::median(values);
+}
+
+double wallOf(const Run& run) {
+    return run.wall;
+}
+
+// The programs that were built beside this one.
+std::string sibling(const std::string& name) {
+    return (fs::read_symlink("/proc/self/exe").parent_path() / name).string();
+}
+
+std::uint64_t bytesIn(const fs::path& folder) {
+    std::uint64_t sum = 0;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+        sum += entry.file_size();
+    }
+    return sum;
+}
+
+// A folder of this run's own, removed with everything in it.
+class Workplace {
+public:
+    explicit Workplace(const fs::path& parent) : folder(parent / fmt::format("endtoend-{}", getpid())) {
+        fs::create_directories(folder);
+    }
+    ~Workplace() {
+        std::error_code ignored;
+        fs::remove_all(folder, ignored);
+    }
+    Workplace(const Workplace&) = delete;
+    Workplace& operator=(const Workplace&) = delete;
+
+    fs::path scene() const { return folder / "scene.ply"; }
+    fs::path dataset() const { return folder / "dataset"; }
+    fs::path copy() const { return folder / "copy"; }
+
+    // With coefficients the header states no bounds, so that the converter scans for them; without it states
+    // them, since the scan is made for the wider record.
+    void makeScene(std::uint64_t splats, bool coefficients) const {
+        std::vector<std::string> command{sibling("makescene"), "--splats", std::to_string(splats),
+                                         scene().string()};
+        if (!coefficients) {
+            command.insert(command.end(), {"--no-coefficients", "--bounds"});
+        }
+        measure::run(command);
+        sync(); // no writing back of the scene during the runs
+    }
+    Run convert(int processors = 0) const {
+        fs::remove_all(dataset());
+        return measure::run({sibling("convertonce"), scene().string(), dataset().string()},
+                            dataset() / "log.txt", processors);
+    }
+    Run floor(std::uint64_t outputBytes) const {
+        fs::remove(copy());
+        return measure::run(
+            {sibling("copyfloor"), scene().string(), copy().string(), std::to_string(outputBytes)});
+    }
+
+private:
+    fs::path folder;
+};
+
+Case measureCase(const Workplace& place, const Options& options, std::uint64_t splats, bool coefficients) {
+    Case result;
+    result.splats = splats;
+    result.coefficients = coefficients;
+    place.makeScene(splats, coefficients);
+    place.convert(); // untimed: fills the caches and tells the size of the output
+    result.inputBytes = fs::file_size(place.scene());
+    result.outputBytes = bytesIn(place.dataset());
+    for (int k = 0; k < options.runs; ++k) {
+        result.floors.push_back(place.floor(result.outputBytes));
+        fs::remove(place.copy());
+        result.conversions.push_back(place.convert());
+        fs::remove_all(place.dataset());
+    }
+    return result;
+}
+
+Scaling measureScaling(const Workplace& place, const Options& options) {
+    Scaling result;
+    result.splats = *std::max_element(options.splats.begin(), options.splats.end());
+    place.makeScene(result.splats, true);
+    const auto parallelPart = [](const Run& run) { return run.stages[0] + run.stages[1]; };
+    std::vector<Run> one;
+    std::vector<Run> two;
+    for (int k = 0; k < options.runs; ++k) {
+        one.push_back(place.convert(1));
+        two.push_back(place.convert(2));
+    }
+    result.one = medianOf(one, parallelPart);
+    result.two = medianOf(two, parallelPart);
+    for (const int workers : {1, 2, 3, 5}) {
+        const Run run = measure::run({sibling("chunkonce"), place.scene().string(), std::to_string(workers)});
+        result.peakByWorkers.emplace_back(workers, run.peak);
+    }
+    return result;
+}
+
+// Prints a Markdown table whose columns are padded to the same width.
+void printTable(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> widths(rows.front().size(), 0);
+    for (const std::vector<std::string>& row : rows) {
+        for (std::size_t column = 0; column < row.size(); ++column) {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    for (std::size_t k = 0; k < rows.size(); ++k) {
+        std::string line = "|";
+        std::string rule = "|";
+        for (std::size_t column = 0; column < widths.size(); ++column) {
+            const std::string& text = rows[k][column];
+            line += column == 0 ? fmt::format(" {:<{}} |", text, widths[column])
+                                : fmt::format(" {:>{}} |", text, widths[column]);
+            rule += fmt::format("{:-<{}}{}|", "", widths[column] + 1, column == 0 ? "-" : ":");
+        }
+        std::cout << line << "\n";
+        if (k == 0) {
+            std::cout << rule << "\n";
+        }
+    }
+    std::cout << "\n";
+}
+
+std::string spread(const std::vector<Run>& runs) {
+    const auto [low, high] = std::minmax_element(runs.begin(), runs.end(),
+                                                 [](const Run& a, const Run& b) { return a.wall < b.wall; });
+    return fmt::format("{:.3f}-{:.3f}", low->wall, high->wall);
+}
+
+void printCases(const std::vector<Case>& cases) {
+    std::vector<std::vector<std::string>> whole{{"splats, coefficients", "wall s", "spread s", "floor s",
+                                                 "x floor", "CPU s", "peak MB", "allowed MB", "M splats/s",
+                                                 "MB/s in"}};
+    std::vector<std::vector<std::string>> stages{{"splats, coefficients"}};
+    for (const char* name : measure::stageNames) {
+        stages.front().push_back(fmt::format("{} s", name));
+    }
+    for (const Case& item : cases) {
+        const double wall = medianOf(item.conversions, wallOf);
+        const double floor = medianOf(item.floors, wallOf);
+        const double cpu = medianOf(item.conversions, [](const Run& run) { return run.cpu; });
+        const double peak = medianOf(item.conversions, [](const Run& run) { return run.peak; });
+        whole.push_back({item.name(), fmt::format("{:.3f}", wall), spread(item.conversions),
+                         fmt::format("{:.3f}", floor), fmt::format("{:.2f}", wall / floor),
+                         fmt::format("{:.3f}", cpu), fmt::format("{:.0f}", peak / 1e6),
+                         fmt::format("{:.0f}", item.allowedPeak() / 1e6),
+                         fmt::format("{:.2f}", static_cast<double>(item.splats) / wall / 1e6),
+                         fmt::format("{:.0f}", static_cast<double>(item.inputBytes) / wall / 1e6)});
+        stages.push_back({item.name()});
+        for (std::size_t stage = 0; stage < measure::stageCount; ++stage) {
+            const double time =
+                medianOf(item.conversions, [stage](const Run& run) { return run.stages[stage]; });
+            stages.back().push_back(fmt::format("{:.3f}", time));
+        }
+    }
+    printTable(whole);
+    printTable(stages);
+}
+
+void printScaling(const Scaling& scaling) {
+    std::vector<std::vector<std::string>> rows{{"header, scan and decode", "s"}};
+    rows.push_back({"1 processor", fmt::format("{:.3f}", scaling.one)});
+    rows.push_back({"2 processors", fmt::format("{:.3f}", scaling.two)});
+    rows.push_back({"faster by", fmt::format("{:.2f} x", scaling.one / scaling.two)});
+    printTable(rows);
+    rows = {{"chunker alone", "peak MB"}};
+    for (const auto& [workers, peak] : scaling.peakByWorkers) {
+        rows.push_back({fmt::format("{} workers", workers), fmt::format("{:.1f}", peak / 1e6)});
+    }
+    printTable(rows);
+}
+
+// The value after the colon in the first line of a file under /proc that begins with the key.
+std::string systemFact(const char* path, const std::string& key) {
+    std::ifstream file(path);
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.compare(0, key.size(), key) == 0) {
+            const std::size_t value = line.find_first_not_of(" \t", line.find(':') + 1);
+            return value == std::string::npos ? "" : line.substr(value);
+        }
+    }
+    return "unknown";
+}
+
+nlohmann::json machine() {
+    utsname names{};
+    uname(&names);
+    return {{"processor", systemFact("/proc/cpuinfo", "model name")},
+            {"processors", sysconf(_SC_NPROCESSORS_ONLN)},
+            {"memory", systemFact("/proc/meminfo", "MemTotal")},
+            {"system", fmt::format("{} {}", names.sysname, names.release)},
+            {"compiler", __VERSION__},
+            {"version", fmt::format("{}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,
+                                    PLYCONVERT_VERSION_PATCH)}};
+}
+
+nlohmann::json asJson(const std::vector<Run>& runs) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const Run& run : runs) {
+        nlohmann::json entry{{"wall", run.wall}, {"cpu", run.cpu}, {"peak", run.peak}};
+        for (std::size_t stage = 0; stage < measure::stageCount; ++stage) {
+            entry["stages"][measure::stageNames[stage]] = run.stages[stage];
+        }
+        list.push_back(entry);
+    }
+    return list;
+}
+
+void printJson(const std::vector<Case>& cases, const std::vector<Scaling>& scaling) {
+    nlohmann::json document{{"machine", machine()}, {"cases", nlohmann::json::array()}};
+    for (const Case& item : cases) {
+        document["cases"].push_back({{"splats", item.splats},
+                                     {"coefficients", item.coefficients},
+                                     {"inputBytes", item.inputBytes},
+                                     {"outputBytes", item.outputBytes},
+                                     {"allowedPeak", item.allowedPeak()},
+                                     {"conversions", asJson(item.conversions)},
+                                     {"floors", asJson(item.floors)}});
+    }
+    for (const Scaling& item : scaling) {
+        document["scaling"] = {
+            {"splats", item.splats}, {"oneProcessor", item.one}, {"twoProcessors", item.two}};
+        for (const auto& [workers, peak] : item.peakByWorkers) {
+            document["scaling"]["peakByWorkers"][std::to_string(workers)] = peak;
+        }
+    }
+    std::cout << document.dump(2) << "\n";
+}
+
+void declare(CLI::App& app, Options& options) {
+    app.add_option("--splats", options.splats, "scene sizes (1000 100000 1000000 3000000 10000000)");
+    app.add_option("--coefficients", options.coefficients, "with, without or both")
+        ->check(CLI::IsMember({"with", "without", "both"}))
+        ->capture_default_str();
+    app.add_option("--runs", options.runs, "runs of each case")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    app.add_option("--folder", options.folder,
+                   "where scenes and datasets are written, and removed again (system's "
+                   "temporary folder)");
+    app.add_flag("--scaling", options.scaling,
+                 "also one processor against two, and workers' memory, with the largest scene");
+    app.add_flag("--json", options.json, "JSON with every run instead of tables");
+}
+
+void measureAll(const Options& options) {
+    const Workplace place(options.folder.empty() ? fs::temp_directory_path() : options.folder);
+    std::vector<Case> cases;
+    for (const bool coefficients : {true, false}) {
+        if (options.coefficients == (coefficients ? "without" : "with")) {
+            continue;
+        }
+        for (const std::uint64_t splats : options.splats) {
+            cases.push_back(measureCase(place, options, splats, coefficients));
+        }
+    }
+    std::vector<Scaling> scaling;
+    if (options.scaling) {
+        scaling.push_back(measureScaling(place, options));
+    }
+    if (options.json) {
+        printJson(cases, scaling);
+        return;
+    }
+    const nlohmann::json facts = machine();
+    std::cout << fmt::format("{}, {} processors, {}, {}, compiler {}; {} runs, warm cache, medians.\n\n",
+                             facts["processor"].get<std::string>(), facts["processors"].get<long>(),
+                             facts["memory"].get<std::string>(), facts["system"].get<std::string>(),
+                             facts["compiler"].get<std::string>(), options.runs);
+    printCases(cases);
+    for (const Scaling& item : scaling) {
+        printScaling(item);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app(
+        "Measures whole conversions of generated scenes against reading the input and writing the output.",
+        "endtoend");
+    Options options;
+    declare(app, options);
+    CLI11_PARSE(app, argc, argv);
+    try {
+        measureAll(options);
+    } catch (const std::exception& error) {
+        std::cerr << "endtoend: " << error.what() << "\n";
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,167 @@
+#include "bench/measure.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string_view>
+#include <thread>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+extern char** environ;
+
+namespace measure {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The lines that end every stage but the last.
+constexpr std::array<std::string_view, stageCount - 1> stageEnds{
+    "input data file:", "chunking finished", "Start create Data", "Start create Index", "All tasks finished"};
+
+double secondsBetween(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+// Notes when each line first stands in the log. Looking at it every half millisecond costs the machine less
+// than a hundredth of a processor.
+class LogWatch {
+public:
+    explicit LogWatch(std::filesystem::path path) : log(std::move(path)) {}
+
+    void look() {
+        std::error_code error;
+        const std::uintmax_t size = std::filesystem::file_size(log, error);
+        if (error || size == seenSize) {
+            return;
+        }
+        const Clock::time_point now = Clock::now();
+        std::ifstream file(log, std::ios::binary);
+        const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        seenSize = text.size();
+        while (found < stageEnds.size() && text.find(stageEnds[found]) != std::string::npos) {
+            times[found++] = now;
+        }
+    }
+
+    std::array<double, stageCount> stages(Clock::time_point start, Clock::time_point end) const {
+        if (found != stageEnds.size()) {
+            throw std::runtime_error("the run log lacks the line \"" + std::string(stageEnds[found]) + "\"");
+        }
+        std::array<double, stageCount> result{};
+        for (std::size_t k = 0; k < stageCount; ++k) {
+            // A line that was only found after the end of the process stood there before it.
+            const Clock::time_point from = k == 0 ? start : std::min(times[k - 1], end);
+            result[k] = secondsBetween(from, k + 1 == stageCount ? end : std::min(times[k], end));
+        }
+        return result;
+    }
+
+private:
+    std::filesystem::path log;
+    std::uintmax_t seenSize = 0;
+    std::size_t found = 0;
+    std::array<Clock::time_point, stageCount - 1> times{};
+};
+
+// Keeps this thread, and what it starts, to the first processors that it may use; the destructor gives it the
+// others back.
+class Processors {
+public:
+    explicit Processors(int count) {
+        if (sched_getaffinity(0, sizeof before, &before) != 0) {
+            throw std::runtime_error("cannot tell which processors there are");
+        }
+        if (count <= 0) {
+            return;
+        }
+        cpu_set_t few;
+        CPU_ZERO(&few);
+        int left = count;
+        for (int k = 0; k < CPU_SETSIZE && left > 0; ++k) {
+            if (CPU_ISSET(k, &before)) {
+                CPU_SET(k, &few);
+                --left;
+            }
+        }
+        if (left > 0 || sched_setaffinity(0, sizeof few, &few) != 0) {
+            throw std::runtime_error("cannot keep to " + std::to_string(count) + " processors");
+        }
+    }
+    ~Processors() { sched_setaffinity(0, sizeof before, &before); }
+    Processors(const Processors&) = delete;
+    Processors& operator=(const Processors&) = delete;
+
+private:
+    cpu_set_t before;
+};
+
+pid_t start(const std::vector<std::string>& command) {
+    std::vector<char*> arguments;
+    for (const std::string& word : command) {
+        arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawn does not change them
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t child = 0;
+    const int error = posix_spawn(&child, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) {
+        throw std::runtime_error("cannot start " + command[0] + ": " + std::strerror(error));
+    }
+    return child;
+}
+
+double seconds(const timeval& time) {
+    return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
+}
+
+} // namespace
+
+Run run(const std::vector<std::string>& command, const std::filesystem::path& log, int processors) {
+    Run result;
+    LogWatch watch(log);
+    const Clock::time_point begin = Clock::now();
+    pid_t child = 0;
+    {
+        const Processors few(processors);
+        child = start(command);
+    }
+    int status = 0;
+    rusage usage{};
+    pid_t ended = 0;
+    while ((ended = wait4(child, &status, log.empty() ? 0 : WNOHANG, &usage)) == 0) {
+        watch.look();
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    const Clock::time_point end = Clock::now();
+    if (ended < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        throw std::runtime_error(command[0] + " failed");
+    }
+    if (!log.empty()) {
+        watch.look();
+        result.stages = watch.stages(begin, end);
+    }
+    result.wall = secondsBetween(begin, end);
+    result.cpu = seconds(usage.ru_utime) + seconds(usage.ru_stime);
+    result.peak = 1024.0 * static_cast<double>(usage.ru_maxrss);
+    return result;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : 0.5 * (values[middle - 1] + values[middle]);
+}
+
+} // namespace measure

@@ -1,0 +1,41 @@
+// Running a command and measuring it from outside: time, processor time, peak memory, and when the stages of
+// a conversion began, as its run log tells.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace measure {
+
+// The stages of a conversion, as the run log's lines part them.
+inline constexpr std::size_t stageCount = 6;
+inline constexpr std::array<const char*, stageCount> stageNames{
+    "header and scan", // process start to "input data file:"
+    "decode",          // to "chunking finished"
+    "group",           // to "Index finished ,Start create Data"
+    "write data",      // to "Index finished ,Start create Index"
+    "index and meta",  // to "All tasks finished"
+    "end",             // to the end of the process: memory is given back
+};
+
+// What one run of a command took.
+struct Run {
+    double wall = 0.0;                       // seconds from starting the process to its end
+    double cpu = 0.0;                        // seconds, of all its threads, user and system
+    double peak = 0.0;                       // bytes of resident memory at most
+    std::array<double, stageCount> stages{}; // seconds; zeros where no log was watched
+};
+
+// Runs a command (its program is a path) with standard output discarded and waits for it. With a log, that
+// file is watched for the lines that part the stages. With processors > 0 the command runs on that many only.
+// Throws std::runtime_error when the command cannot be started or does not exit with status 0, and when a
+// watched log lacks a line.
+Run run(const std::vector<std::string>& command, const std::filesystem::path& log = {}, int processors = 0);
+
+// The middle of the values, the mean of both for an even number. There must be one.
+double median(std::vector<double> values);
+
+} // namespace measure
