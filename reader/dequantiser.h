@@ -1,0 +1,87 @@
+// From stored records back to values. docs/format.md states every formula.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "reader/meta.h"
+#include "reader/record.h"
+
+namespace Tavrin::SplatReader {
+
+// One splat in the units of the dataset: colour and opacity in [0, 1], scale linear, rotation a unit quaternion.
+struct Splat {
+    std::array<float, 3> position{}; // exact
+    Triple normal{};
+    Triple colour{};
+    double opacity = 0.0;
+    Triple scale{};
+    std::array<double, 4> rotation{}; // w, x, y, z: the order of rot_0 .. rot_3; the largest of them is positive
+    // In the order of f_rest_0 .. f_rest_44: 15 red, 15 green, 15 blue. Zeros without coefficients.
+    std::array<double, 45> coefficients{};
+};
+
+// Values of 0 .. maximum that truncation of t * factor left, t in [0, 1], and back: the middle of the interval of t.
+// The last interval ends at 1.
+double intervalMiddle(std::uint32_t quantised, std::uint32_t maximum, double factor);
+
+// A unit quaternion (w, x, y, z) from its packed word. A word whose three components leave no room for a largest
+// one (which only a rotation that was not a number leaves behind: word 0) gives no rotation, (1, 0, 0, 0).
+std::array<double, 4> unpackRotation(std::uint32_t word);
+
+// Whether some unit quaternion packs to this word.
+bool rotationPossible(std::uint32_t word);
+
+// Built from a meta document's ranges. An attribute comes back at the middle of the interval that the truncation
+// left, cut to the stated range. min == max gives that value; a range that is not finite gives its finite end, or 0.
+class Dequantiser {
+public:
+    explicit Dequantiser(const Meta& meta);
+
+    double normal(std::size_t axis, std::uint32_t quantised) const { return normal_[axis].value(quantised); }
+    double scale(std::size_t axis, std::uint32_t quantised) const { return scale_[axis].value(quantised); }
+    // Channel 0 red, 1 green, 2 blue.
+    double coefficient(std::size_t channel, std::uint32_t quantised) const {
+        return coefficient_[channel].value(quantised);
+    }
+    double colour(std::size_t axis, std::uint8_t quantised) const { return colour_[axis][quantised]; }
+    // 255 is 1; 0 is 0 when the stated range starts at 0.
+    double opacity(std::uint8_t quantised) const { return opacity_[quantised]; }
+
+    // The width of one quantiser step in the attribute's own units.
+    double normalStep(std::size_t axis) const { return normal_[axis].step; }
+    double scaleStep(std::size_t axis) const { return scale_[axis].step; }
+    double coefficientStep(std::size_t channel) const { return coefficient_[channel].step; }
+    static double colourStep() { return 1.0 / Format::byteFactor; }
+    static double opacityStep() { return 1.0 / Format::byteFactor; }
+    static double rotationStep() { return 1.0 / (Format::rotationFactor * Format::rotationGain); }
+
+    // Everything but the coefficients.
+    Splat splat(const Record& record) const;
+    // `at` points to one record of shcoef.bin, in the form that the meta document states.
+    void coefficients(const std::byte* at, Splat& splat) const;
+
+private:
+    struct Axis {
+        double min = 0.0;
+        double step = 0.0; // 0 where every quantised value means `min`
+        double last = 0.0; // the value at `maximum`
+        std::uint32_t maximum = 0;
+
+        double value(std::uint32_t quantised) const {
+            return quantised >= maximum ? last : min + (static_cast<double>(quantised) + 0.5) * step;
+        }
+    };
+    static Axis makeAxis(const Range& range, std::size_t axis, std::uint32_t maximum, double factor);
+    static std::array<double, 256> makeBytes(const Range& range, std::size_t axis, bool keepZero);
+
+    bool packed_;
+    std::array<Axis, 3> normal_;
+    std::array<Axis, 3> scale_;
+    std::array<Axis, 3> coefficient_;
+    std::array<std::array<double, 256>, 3> colour_;
+    std::array<double, 256> opacity_;
+};
+
+} // namespace Tavrin::SplatReader

@@ -1,0 +1,66 @@
+// What a check found: one line each, errors and warnings apart, in bounded memory however broken the input is.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tavrin::SplatReader {
+
+struct Finding {
+    std::string file;        // name inside the dataset folder
+    std::uint64_t offset;    // byte offset in that file
+    std::string expected;    // what the format asks for
+    std::string found;       // what stands there
+    std::string kind;        // short fixed name of the check, for machines ("index-offset", ...)
+
+    // "index.bin, byte 24: expected ..., found ..."
+    std::string text() const;
+};
+
+// Thrown where a dataset cannot be used at all. what() is one line with file, offset, expected and found.
+class DatasetError : public std::runtime_error {
+public:
+    explicit DatasetError(Finding finding) : std::runtime_error(finding.text()), finding_(std::move(finding)) {}
+    const Finding& finding() const { return finding_; }
+
+private:
+    Finding finding_;
+};
+
+// Collects findings. Of each kind the first `perKind` are kept and the rest only counted.
+class Findings {
+public:
+    explicit Findings(std::size_t perKind = 10) : perKind_(perKind) {}
+
+    void error(std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
+               std::string found);
+    void warning(std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
+                 std::string found);
+
+    const std::vector<Finding>& errors() const { return errors_.kept; }
+    const std::vector<Finding>& warnings() const { return warnings_.kept; }
+    std::uint64_t errorCount() const { return errors_.total; }
+    std::uint64_t warningCount() const { return warnings_.total; }
+    // How many were found, by kind; more than are listed where a kind exceeds the limit.
+    const std::map<std::string, std::uint64_t>& errorKinds() const { return errors_.kinds; }
+    const std::map<std::string, std::uint64_t>& warningKinds() const { return warnings_.kinds; }
+
+private:
+    struct List {
+        std::vector<Finding> kept;
+        std::map<std::string, std::uint64_t> kinds;
+        std::uint64_t total = 0;
+    };
+    void add(List& list, std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
+             std::string found);
+
+    std::size_t perKind_;
+    List errors_;
+    List warnings_;
+};
+
+} // namespace Tavrin::SplatReader

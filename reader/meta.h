@@ -1,0 +1,72 @@
+// The meta document, typed.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "reader/findings.h"
+
+namespace Tavrin::SplatReader {
+
+using Triple = std::array<double, 3>;
+
+// The stated value range of one attribute. A scalar attribute ("opacity") uses the first component alone.
+struct Range {
+    Triple min{};
+    Triple max{};
+    std::size_t components = 3;
+
+    bool finite(std::size_t axis) const;
+    // As written when no splat widened the range: [inf, -inf].
+    bool empty(std::size_t axis) const;
+};
+
+struct Meta {
+    std::string version;
+    std::string guid;
+    std::string name;
+    std::string description;
+    std::string source;   // as written: the kind of source data ("ply", "ytr" or a free text)
+    std::string dataType; // as written: the free text that names where the data came from, "None" without one
+    std::uint64_t totalSplats = 0; // records of the input, those left out of the dataset included
+    std::int32_t totalLevel = 0;
+    double cellLengthX = 0.0;
+    double cellLengthY = 0.0;
+    std::uint32_t indexDataSize = 0;
+    Triple offset{};
+    std::int32_t epsg = 0;
+    Triple shift{};
+    Triple scale{};
+    std::vector<std::uint64_t> splats;
+    Triple boundingMin{};
+    Triple boundingMax{};
+    std::string encoding;
+    std::string fileType;
+    std::array<Range, 9> attributes; // in the order of Format::attributeNames
+
+    bool packed() const { return encoding == "COMPRESS"; }
+    bool hasCoefficients() const { return fileType == "Quality"; }
+    bool oneCell() const;
+    const Range& normal() const { return attributes[1]; }
+    const Range& colour() const { return attributes[2]; }
+    const Range& coefficients() const { return attributes[3]; }
+    const Range& opacity() const { return attributes[4]; }
+    const Range& scaleRange() const { return attributes[5]; }
+};
+
+// Reads the document. Every missing, unknown, doubled, displaced or wrongly typed key is an error finding of kind
+// "meta-syntax" or "meta-keys". Returns nothing when a key that other files depend on cannot be used.
+std::optional<Meta> parseMeta(std::string_view text, Findings& findings);
+
+// The document as the converter writes it, byte for byte.
+std::string renderMeta(const Meta& meta, std::string_view lineEnd);
+
+// Relations inside the document: the repeated entries, the position range, the order of the ranges, the entry
+// size, the grid cell lengths. `text` is what `meta` was parsed from; offsets in findings point into it.
+void checkMeta(const Meta& meta, std::string_view text, Findings& findings);
+
+} // namespace Tavrin::SplatReader

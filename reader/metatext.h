@@ -1,0 +1,46 @@
+// The text of the meta document as a tree of values that remember where they stand.
+//
+// It is JSON with two licences that the document needs: the number tokens inf, -inf, nan and -nan, and strings
+// under "source" and "dataType" that hold quotes and backslashes as they are (nothing is ever escaped there).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "reader/findings.h"
+
+namespace Tavrin::SplatReader {
+
+struct MetaValue {
+    enum class Kind { string, number, word, array, object };
+
+    struct Member;
+
+    Kind kind = Kind::word;
+    std::uint64_t offset = 0;  // of the value's first byte
+    std::string text;          // string: its content; number and word (true, false, null): the token
+    std::vector<MetaValue> items;
+    std::vector<Member> members;
+
+    const MetaValue* find(std::string_view key) const;
+    // The value as a short text for a finding.
+    std::string describe() const;
+};
+
+struct MetaValue::Member {
+    std::string key;
+    std::uint64_t offset = 0; // of the key's opening quote
+    MetaValue value;
+};
+
+// The document's root, or nothing after one error of kind "meta-syntax" was reported.
+std::optional<MetaValue> parseMetaText(std::string_view text, Findings& findings);
+
+// A number token as a double; nothing when the token is none.
+std::optional<double> parseMetaNumber(std::string_view token);
+
+} // namespace Tavrin::SplatReader

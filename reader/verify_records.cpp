@@ -1,0 +1,264 @@
+#include "reader/verify_records.h"
+
+#include <charconv>
+#include <cmath>
+
+#include "reader/dataset.h"
+#include "reader/grid.h"
+#include "reader/index_stream.h"
+
+namespace Tavrin::SplatReader {
+namespace {
+
+std::string floatText(float value) {
+    char buffer[32];
+    return std::string(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
+}
+
+std::string pointText(const std::array<float, 3>& point) {
+    return "(" + floatText(point[0]) + ", " + floatText(point[1]) + ", " + floatText(point[2]) + ")";
+}
+
+void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {
+    use.lowest = std::min(use.lowest, quantised);
+    use.highest = std::max(use.highest, quantised);
+    use.atZero += quantised == 0 ? 1U : 0U;
+    use.atMaximum += quantised == maximum ? 1U : 0U;
+}
+
+class RecordVerifier {
+public:
+    RecordVerifier(const Meta& meta, std::uint32_t coefficientSize, Findings& findings)
+        : meta_(meta), grid_(gridOf(meta)), coefficientSize_(coefficientSize), findings_(findings) {}
+
+    void check(const RecordCursor::View& view, const IndexStream::Range* cell) {
+        const Record record = loadRecord(view.data);
+        at_ = view.index * Format::recordSize;
+        checkPosition(record, cell);
+        checkRotation(record);
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            note(use_.colour[axis], record.colour[axis], Format::byteMaximum);
+            note(use_.scale[axis], record.scale[axis], Format::wordMaximum);
+            note(use_.normal[axis], record.normal[axis], Format::wordMaximum);
+        }
+        note(use_.opacity, record.opacity, Format::byteMaximum);
+        if (view.coefficients != nullptr) {
+            coefficientAt_ = view.index * coefficientSize_;
+            meta_.packed() ? checkPacked(view.coefficients) : checkRaw(view.coefficients);
+        }
+        ++use_.records;
+    }
+
+    // The ranges come from the records, so their ends must have been met; records left out take that away.
+    RecordUse finish(bool nothingLeftOut) {
+        if (use_.records > 0 && nothingLeftOut) {
+            for (std::size_t axis = 0; axis < 3; ++axis) {
+                checkBytes("color", meta_.colour(), axis, use_.colour[axis]);
+                checkEnds("scale", meta_.scaleRange(), axis, use_.scale[axis], Format::wordMaximum);
+                checkEnds("normal", meta_.normal(), axis, use_.normal[axis], Format::wordMaximum);
+            }
+            checkBytes("opacity", meta_.opacity(), 0, use_.opacity);
+            if (meta_.hasCoefficients() && meta_.packed()) {
+                checkEnds("shcoef", meta_.coefficients(), 0, use_.coefficient[0], Format::redBlueMaximum);
+                checkEnds("shcoef", meta_.coefficients(), 1, use_.coefficient[1], Format::greenMaximum);
+                checkEnds("shcoef", meta_.coefficients(), 2, use_.coefficient[2], Format::redBlueMaximum);
+            }
+        }
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            checkCrowding("scale", axis, use_.scale[axis], meta_.scaleRange());
+            checkCrowding("normal", axis, use_.normal[axis], meta_.normal());
+        }
+        return use_;
+    }
+
+private:
+    void checkPosition(const Record& record, const IndexStream::Range* cell) {
+        for (const float value : record.position) {
+            if (!std::isfinite(value)) {
+                findings_.error("record-position", Format::dataFile, at_, "a finite position",
+                                pointText(record.position));
+                return;
+            }
+        }
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const double value = record.position[axis];
+            if (value < meta_.boundingMin[axis] || value > meta_.boundingMax[axis]) {
+                findings_.warning("record-box", Format::dataFile, at_, "a position inside the bounding box",
+                                  pointText(record.position));
+                break;
+            }
+        }
+        if (cell != nullptr && !grid_.oneCell) {
+            const std::uint32_t key = grid_.keyAt(record.position[0], record.position[1]);
+            if (key != cell->key) {
+                findings_.error("record-cell", Format::dataFile, at_,
+                                "a position in cell (" + std::to_string(keyColumn(cell->key)) + ", " +
+                                    std::to_string(keyRow(cell->key)) + ")",
+                                pointText(record.position) + ", which lies in cell (" +
+                                    std::to_string(keyColumn(key)) + ", " + std::to_string(keyRow(key)) + ")");
+            }
+        }
+    }
+
+    void checkRotation(const Record& record) {
+        if (record.rotation == 0) {
+            ++use_.undefinedRotations;
+            findings_.warning("record-rotation", Format::dataFile, at_ + Format::rotationOffset, "a rotation",
+                              "the word 0, which a source rotation that is no number leaves");
+        } else if (!rotationPossible(record.rotation)) {
+            findings_.error("record-rotation", Format::dataFile, at_ + Format::rotationOffset,
+                            "a word that some unit quaternion packs to", std::to_string(record.rotation));
+        }
+    }
+
+    void checkPacked(const std::byte* record) {
+        for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
+            const CoefficientWord word = unpackCoefficientWord(loadUnsigned<std::uint32_t>(record + 4 * k));
+            note(use_.coefficient[0], word.channel[0], Format::redBlueMaximum);
+            note(use_.coefficient[1], word.channel[1], Format::greenMaximum);
+            note(use_.coefficient[2], word.channel[2], Format::redBlueMaximum);
+        }
+        const auto padding = loadUnsigned<std::uint32_t>(record + Format::packedPaddingOffset);
+        if (padding != 0) {
+            findings_.error("record-padding", Format::coefficientFile, coefficientAt_ + Format::packedPaddingOffset,
+                            "4 zero bytes", "the word " + std::to_string(padding));
+        }
+    }
+
+    void checkRaw(const std::byte* record) {
+        for (std::size_t i = 0; i < 3 * Format::coefficientsPerChannel; ++i) {
+            const float value = loadFloat(record + 4 * i);
+            const double min = meta_.coefficients().min[i % 3];
+            const double max = meta_.coefficients().max[i % 3];
+            if (std::isnan(value)) {
+                findings_.warning("record-coefficient", Format::coefficientFile, coefficientAt_ + 4 * i,
+                                  "a coefficient", "no number");
+            } else if (static_cast<double>(value) < min || static_cast<double>(value) > max) {
+                findings_.error("record-coefficient", Format::coefficientFile, coefficientAt_ + 4 * i,
+                                "a coefficient inside its range", floatText(value));
+            }
+        }
+        for (std::size_t i = Format::rawPaddingOffset; i < Format::rawCoefficientSize; ++i) {
+            if (record[i] != std::byte{0}) {
+                findings_.warning("record-padding", Format::coefficientFile, coefficientAt_ + i, "12 zero bytes",
+                                  "the byte " + std::to_string(std::to_integer<unsigned>(record[i])));
+                break;
+            }
+        }
+    }
+
+    // The largest value of the source stands at the top step, the smallest at step 0.
+    void checkEnds(const char* name, const Range& range, std::size_t axis, const ComponentUse& use,
+                   std::uint32_t maximum) {
+        if (!range.finite(axis)) {
+            return;
+        }
+        const bool flat = range.min[axis] == range.max[axis];
+        const std::uint32_t highest = flat ? 0 : maximum;
+        if (use.lowest != 0 || use.highest != highest) {
+            mismatch(name, axis, 0, highest, use);
+        }
+    }
+
+    void checkBytes(const char* name, const Range& range, std::size_t axis, const ComponentUse& use) {
+        if (!range.finite(axis) || range.min[axis] < 0.0 || range.max[axis] > 1.0) {
+            return;
+        }
+        const auto lowest = static_cast<std::uint32_t>(static_cast<float>(range.min[axis]) * 255.0F);
+        const auto highest = static_cast<std::uint32_t>(static_cast<float>(range.max[axis]) * 255.0F);
+        // What is no number in the source is stored as 0 and widens no range.
+        if (use.highest != highest || (use.lowest != lowest && use.lowest != 0)) {
+            mismatch(name, axis, lowest, highest, use);
+        } else if (use.lowest != lowest) {
+            findings_.warning("record-range", Format::dataFile, 0,
+                              std::string("no \"") + name + "\" below byte " + std::to_string(lowest) +
+                                  " (the lower end of its range) on axis " + "xyz"[axis],
+                              "byte 0, as a source value that is no number leaves it");
+        }
+    }
+
+    void mismatch(const char* name, std::size_t axis, std::uint32_t lowest, std::uint32_t highest,
+                  const ComponentUse& use) {
+        findings_.error("record-range", name == std::string("shcoef") ? Format::coefficientFile : Format::dataFile, 0,
+                        std::string("\"") + name + "\" on axis " + "xyz"[axis] + " from step " +
+                            std::to_string(lowest) + " to " + std::to_string(highest) + ", the ends of its range",
+                        std::to_string(use.lowest) + " to " + std::to_string(use.highest));
+    }
+
+    // One far outlier widens a range until most values fall into one step, and their differences are lost.
+    void checkCrowding(const char* name, std::size_t axis, const ComponentUse& use, const Range& range) {
+        const bool flat = range.min[axis] == range.max[axis];
+        if (flat || !range.finite(axis) || use_.records < 4) {
+            return;
+        }
+        const std::uint64_t most = std::max(use.atZero, use.atMaximum);
+        if (most > use_.records / 2) {
+            findings_.warning("record-saturated", Format::dataFile, 0,
+                              std::string("\"") + name + "\" on axis " + "xyz"[axis] +
+                                  " spread over the steps of its range",
+                              std::to_string(most) + " of " + std::to_string(use_.records) + " records at step " +
+                                  (most == use.atZero ? "0" : "65535"));
+        }
+    }
+
+    const Meta& meta_;
+    Grid grid_;
+    std::uint32_t coefficientSize_;
+    Findings& findings_;
+    RecordUse use_;
+    std::uint64_t at_ = 0;
+    std::uint64_t coefficientAt_ = 0;
+};
+
+// Which range of the index the next record of data.bin belongs to.
+class RangeWalker {
+public:
+    RangeWalker(DatasetFile& file, std::uint32_t levels, std::uint64_t entries) : stream_(file, levels, entries) {}
+
+    const IndexStream::Range* step() {
+        while (left_ == 0) {
+            if (!stream_.next(range_)) {
+                return nullptr;
+            }
+            left_ = range_.count;
+        }
+        --left_;
+        return &range_;
+    }
+
+private:
+    IndexStream stream_;
+    IndexStream::Range range_{};
+    std::uint32_t left_ = 0;
+};
+
+} // namespace
+
+void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& options, bool useIndex,
+                   VerifyReport& report) {
+    constexpr std::uint64_t progressEvery = 65536;
+    const Meta& meta = *report.meta;
+    const std::uint64_t records = report.dataBytes / Format::recordSize;
+    const std::uint32_t coefficientSize = !meta.hasCoefficients() ? 0
+                                          : meta.packed()         ? Format::packedCoefficientSize
+                                                                  : Format::rawCoefficientSize;
+    try {
+        DatasetFile index(folder, Format::indexFile);
+        RangeWalker walker(index, static_cast<std::uint32_t>(meta.totalLevel), report.cells);
+        RecordVerifier verifier(meta, coefficientSize, report.findings);
+        RecordCursor cursor(folder, 0, records, coefficientSize);
+        RecordCursor::View view{};
+        while (cursor.next(view)) {
+            verifier.check(view, useIndex ? walker.step() : nullptr);
+            if (options.progress && view.index % progressEvery == 0) {
+                options.progress(view.index, records);
+            }
+        }
+        report.use = verifier.finish(report.splatsLeftOut == 0 && useIndex);
+    } catch (const DatasetError& error) { // a file shrank meanwhile, or cannot be read
+        const Finding& finding = error.finding();
+        report.findings.error(finding.kind, finding.file, finding.offset, finding.expected, finding.found);
+    }
+}
+
+} // namespace Tavrin::SplatReader
