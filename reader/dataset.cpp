@@ -28,7 +28,8 @@ RecordCursor::RecordCursor(const std::filesystem::path& folder, std::uint64_t fi
                            std::uint32_t coefficientSize, std::size_t window)
     : next_(first), end_(first + count), coefficientSize_(coefficientSize),
       dataFile_(std::make_unique<DatasetFile>(folder, Format::dataFile)),
-      data_(std::make_unique<SequentialReader>(*dataFile_, first * Format::recordSize, count * Format::recordSize,
+      data_(std::make_unique<SequentialReader>(*dataFile_, first * Format::recordSize,
+                                               count * Format::recordSize,
                                                std::max<std::size_t>(window, Format::recordSize))) {
     if (coefficientSize_ > 0) {
         coefficientFile_ = std::make_unique<DatasetFile>(folder, Format::coefficientFile);
@@ -59,8 +60,8 @@ Dataset Dataset::open(const std::filesystem::path& folder) {
         throw DatasetError(findings.errors().front());
     }
     if (meta->totalLevel < 1) {
-        throw DatasetError({std::string(Format::metaFile), 0, "at least 1 level", std::to_string(meta->totalLevel),
-                            "meta-counts"});
+        throw DatasetError({std::string(Format::metaFile), 0, "at least 1 level",
+                            std::to_string(meta->totalLevel), "meta-counts"});
     }
     Dataset dataset(folder, std::move(*meta));
     dataset.readIndex();
@@ -78,15 +79,16 @@ void Dataset::readIndex() {
     const DatasetFile data(folder_, Format::dataFile);
     recordCount_ = data.size() / Format::recordSize;
     DatasetFile file(folder_, Format::indexFile);
-    const std::uint64_t entrySize =
-        Format::indexKeySize + std::uint64_t{Format::indexLevelSize} * static_cast<std::uint64_t>(meta_.totalLevel);
+    const std::uint64_t entrySize = Format::indexKeySize + std::uint64_t{Format::indexLevelSize} *
+                                                               static_cast<std::uint64_t>(meta_.totalLevel);
     if (file.size() > indexSizeLimit) {
         throw DatasetError({file.name(), indexSizeLimit, "the end of the index",
                             std::to_string(file.size()) + " bytes in all", "index-size"});
     }
     const std::uint64_t entries = file.size() / entrySize;
     if (entries * entrySize != file.size()) {
-        throw DatasetError({file.name(), entries * entrySize, "entries of " + std::to_string(entrySize) + " bytes",
+        throw DatasetError({file.name(), entries * entrySize,
+                            "entries of " + std::to_string(entrySize) + " bytes",
                             std::to_string(file.size() % entrySize) + " bytes left over", "index-size"});
     }
     SequentialReader reader(file, 0, file.size());
@@ -100,10 +102,11 @@ void Dataset::readIndex() {
             const std::uint64_t first = range.offset / Format::recordSize;
             if (range.count > 0 && (range.offset % Format::recordSize != 0 || first > recordCount_ ||
                                     range.count > recordCount_ - first)) {
-                throw DatasetError({file.name(), at,
-                                    "a range inside the " + std::to_string(recordCount_) + " records of data.bin",
-                                    std::to_string(range.count) + " splats from byte " + std::to_string(range.offset),
-                                    "index-range"});
+                throw DatasetError(
+                    {file.name(), at,
+                     "a range inside the " + std::to_string(recordCount_) + " records of data.bin",
+                     std::to_string(range.count) + " splats from byte " + std::to_string(range.offset),
+                     "index-range"});
             }
             indexedCount_ += range.count;
             ranges_.push_back(range);
@@ -138,7 +141,8 @@ std::vector<LoadedSplat> loadWhole(const Dataset& dataset, std::uint64_t limit) 
                 loaded.record = loadRecord(view.data);
                 loaded.splat = dataset.dequantiser().splat(loaded.record);
                 if (view.coefficients != nullptr) {
-                    loaded.coefficientRecord.assign(view.coefficients, view.coefficients + dataset.coefficientSize());
+                    loaded.coefficientRecord.assign(view.coefficients,
+                                                    view.coefficients + dataset.coefficientSize());
                     dataset.dequantiser().coefficients(view.coefficients, loaded.splat);
                 }
                 splats.push_back(std::move(loaded));

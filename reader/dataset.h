@@ -30,7 +30,8 @@ public:
         const std::byte* coefficients; // null without coefficients
     };
 
-    // Records [first, first + count). `coefficientSize` is the size of a record of shcoef.bin, 0 to leave it out.
+    // Records [first, first + count). `coefficientSize` is the size of a record of shcoef.bin, 0 to leave it
+    // out.
     RecordCursor(const std::filesystem::path& folder, std::uint64_t first, std::uint64_t count,
                  std::uint32_t coefficientSize, std::size_t window = windowSize);
 
@@ -50,8 +51,9 @@ private:
 
 class Dataset {
 public:
-    // Reads the meta document and the index. Throws DatasetError when the folder is no dataset, when the meta document
-    // cannot be used, or when the index points outside data.bin. What else is wrong is verifyDataset's to say.
+    // Reads the meta document and the index. Throws DatasetError when the folder is no dataset, when the meta
+    // document cannot be used, or when the index points outside data.bin. What else is wrong is
+    // verifyDataset's to say.
     static Dataset open(const std::filesystem::path& folder);
 
     const std::filesystem::path& folder() const { return folder_; }
@@ -62,13 +64,16 @@ public:
     std::size_t cellCount() const { return keys_.size(); }
     std::size_t levelCount() const { return static_cast<std::size_t>(meta_.totalLevel); }
     std::uint32_t cellKey(std::size_t cell) const { return keys_[cell]; }
-    const LevelRange& range(std::size_t cell, std::size_t level) const { return ranges_[cell * levelCount() + level]; }
+    const LevelRange& range(std::size_t cell, std::size_t level) const {
+        return ranges_[cell * levelCount() + level];
+    }
 
     // Records that data.bin holds, by its size.
     std::uint64_t recordCount() const { return recordCount_; }
     // Records that the index counts, over all cells and levels.
     std::uint64_t indexedCount() const { return indexedCount_; }
-    // Records of the input that the dataset does not hold (they lay outside the grid); 0 when the index counts more.
+    // Records of the input that the dataset does not hold (they lay outside the grid); 0 when the index
+    // counts more.
     std::uint64_t leftOut() const {
         return meta_.totalSplats > indexedCount_ ? meta_.totalSplats - indexedCount_ : 0;
     }

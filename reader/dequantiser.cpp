@@ -7,10 +7,13 @@ namespace Tavrin::SplatReader {
 namespace {
 
 // The components' places among (rot_1, rot_2, rot_3, rot_0), that is (x, y, z, w), without the largest.
-constexpr std::array<std::array<std::size_t, 3>, 4> otherPlaces = {{{1, 2, 3}, {0, 2, 3}, {0, 1, 3}, {0, 1, 2}}};
+constexpr std::array<std::array<std::size_t, 3>, 4> otherPlaces = {
+    {{1, 2, 3}, {0, 2, 3}, {0, 1, 3}, {0, 1, 2}}};
 
 // Packing order (x, y, z, w) to the order of a Splat (w, x, y, z).
-constexpr std::size_t splatPlace(std::size_t packing) { return (packing + 1) % 4; }
+constexpr std::size_t splatPlace(std::size_t packing) {
+    return (packing + 1) % 4;
+}
 
 } // namespace
 
@@ -27,7 +30,8 @@ std::array<double, 4> unpackRotation(std::uint32_t word) {
     std::array<double, 4> rotation{};
     double squares = 0.0;
     for (std::size_t i = 0; i < 3; ++i) {
-        const double stored = intervalMiddle(parts.component[i], Format::rotationMaximum, Format::rotationFactor);
+        const double stored =
+            intervalMiddle(parts.component[i], Format::rotationMaximum, Format::rotationFactor);
         const double component = (stored - 0.5) / Format::rotationGain;
         rotation[splatPlace(otherPlaces[parts.largest][i])] = component;
         squares += component * component;
@@ -60,7 +64,8 @@ bool rotationPossible(std::uint32_t word) {
 Dequantiser::Dequantiser(const Meta& meta) : packed_(meta.packed()) {
     constexpr std::array<std::uint32_t, 3> maxima = {Format::redBlueMaximum, Format::greenMaximum,
                                                      Format::redBlueMaximum};
-    constexpr std::array<double, 3> factors = {Format::redBlueFactor, Format::greenFactor, Format::redBlueFactor};
+    constexpr std::array<double, 3> factors = {Format::redBlueFactor, Format::greenFactor,
+                                               Format::redBlueFactor};
     for (std::size_t axis = 0; axis < 3; ++axis) {
         normal_[axis] = makeAxis(meta.normal(), axis, Format::wordMaximum, Format::wordFactor);
         scale_[axis] = makeAxis(meta.scaleRange(), axis, Format::wordMaximum, Format::wordFactor);
@@ -70,7 +75,8 @@ Dequantiser::Dequantiser(const Meta& meta) : packed_(meta.packed()) {
     opacity_ = makeBytes(meta.opacity(), 0, true);
 }
 
-Dequantiser::Axis Dequantiser::makeAxis(const Range& range, std::size_t axis, std::uint32_t maximum, double factor) {
+Dequantiser::Axis Dequantiser::makeAxis(const Range& range, std::size_t axis, std::uint32_t maximum,
+                                        double factor) {
     const double min = range.min[axis];
     const double max = range.max[axis];
     Axis result;

@@ -10,31 +10,35 @@
 
 namespace Tavrin::SplatReader {
 
-// One splat in the units of the dataset: colour and opacity in [0, 1], scale linear, rotation a unit quaternion.
+// One splat in the units of the dataset: colour and opacity in [0, 1], scale linear, rotation a unit
+// quaternion.
 struct Splat {
     std::array<float, 3> position{}; // exact
     Triple normal{};
     Triple colour{};
     double opacity = 0.0;
     Triple scale{};
-    std::array<double, 4> rotation{}; // w, x, y, z: the order of rot_0 .. rot_3; the largest of them is positive
+    std::array<double, 4>
+        rotation{}; // w, x, y, z: the order of rot_0 .. rot_3; the largest of them is positive
     // In the order of f_rest_0 .. f_rest_44: 15 red, 15 green, 15 blue. Zeros without coefficients.
     std::array<double, 45> coefficients{};
 };
 
-// Values of 0 .. maximum that truncation of t * factor left, t in [0, 1], and back: the middle of the interval of t.
-// The last interval ends at 1.
+// Values of 0 .. maximum that truncation of t * factor left, t in [0, 1], and back: the middle of the
+// interval of t. The last interval ends at 1.
 double intervalMiddle(std::uint32_t quantised, std::uint32_t maximum, double factor);
 
-// A unit quaternion (w, x, y, z) from its packed word. A word whose three components leave no room for a largest
-// one (which only a rotation that was not a number leaves behind: word 0) gives no rotation, (1, 0, 0, 0).
+// A unit quaternion (w, x, y, z) from its packed word. A word whose three components leave no room for a
+// largest one (which only a rotation that was not a number leaves behind: word 0) gives no rotation, (1, 0,
+// 0, 0).
 std::array<double, 4> unpackRotation(std::uint32_t word);
 
 // Whether some unit quaternion packs to this word.
 bool rotationPossible(std::uint32_t word);
 
-// Built from a meta document's ranges. An attribute comes back at the middle of the interval that the truncation
-// left, cut to the stated range. min == max gives that value; a range that is not finite gives its finite end, or 0.
+// Built from a meta document's ranges. An attribute comes back at the middle of the interval that the
+// truncation left, cut to the stated range. min == max gives that value; a range that is not finite gives its
+// finite end, or 0.
 class Dequantiser {
 public:
     explicit Dequantiser(const Meta& meta);

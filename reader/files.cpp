@@ -19,7 +19,8 @@ DatasetFile::DatasetFile(const std::filesystem::path& folder, std::string_view n
     size_ = std::filesystem::file_size(path, error);
     stream_.open(path, std::ios::binary);
     if (error || !stream_) {
-        throw DatasetError({name_, 0, "a readable file", "one that cannot be opened at " + path.string(), "file-missing"});
+        throw DatasetError(
+            {name_, 0, "a readable file", "one that cannot be opened at " + path.string(), "file-missing"});
     }
 }
 
@@ -29,14 +30,16 @@ void DatasetFile::read(std::uint64_t offset, std::byte* target, std::size_t coun
     stream_.read(reinterpret_cast<char*>(target), static_cast<std::streamsize>(count));
     const auto got = static_cast<std::size_t>(std::max<std::streamsize>(0, stream_.gcount()));
     if (got != count) {
-        throw DatasetError({name_, offset + got, std::to_string(count - got) + " more bytes", "the end of the file",
-                            "file-short"});
+        throw DatasetError({name_, offset + got, std::to_string(count - got) + " more bytes",
+                            "the end of the file", "file-short"});
     }
 }
 
-SequentialReader::SequentialReader(DatasetFile& file, std::uint64_t offset, std::uint64_t length, std::size_t window)
+SequentialReader::SequentialReader(DatasetFile& file, std::uint64_t offset, std::uint64_t length,
+                                   std::size_t window)
     : file_(&file), end_(offset + length), windowOffset_(offset),
-      buffer_(static_cast<std::size_t>(std::min<std::uint64_t>(window, std::max<std::uint64_t>(length, 1)))) {}
+      buffer_(static_cast<std::size_t>(std::min<std::uint64_t>(window, std::max<std::uint64_t>(length, 1)))) {
+}
 
 const std::byte* SequentialReader::take(std::size_t count) {
     if (filled_ - at_ < count) {
@@ -46,10 +49,12 @@ const std::byte* SequentialReader::take(std::size_t count) {
         at_ = 0;
         filled_ = kept;
         const std::uint64_t next = windowOffset_ + kept;
-        const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size() - kept, end_ - next));
+        const auto wanted =
+            static_cast<std::size_t>(std::min<std::uint64_t>(buffer_.size() - kept, end_ - next));
         if (kept + wanted < count) {
-            throw DatasetError({file_->name(), next + wanted, std::to_string(count - kept - wanted) + " more bytes",
-                                "the end of the range", "file-short"});
+            throw DatasetError({file_->name(), next + wanted,
+                                std::to_string(count - kept - wanted) + " more bytes", "the end of the range",
+                                "file-short"});
         }
         file_->read(next, buffer_.data() + kept, wanted);
         filled_ += wanted;

@@ -36,7 +36,8 @@ private:
 // Walks a file forwards, holding one window of it.
 class SequentialReader {
 public:
-    // Reads the bytes [offset, offset + length) of the file; `length` is only a bound, nothing is allocated by it.
+    // Reads the bytes [offset, offset + length) of the file; `length` is only a bound, nothing is allocated
+    // by it.
     SequentialReader(DatasetFile& file, std::uint64_t offset, std::uint64_t length,
                      std::size_t window = windowSize);
 

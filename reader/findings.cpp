@@ -11,8 +11,8 @@ void Findings::error(std::string_view kind, std::string_view file, std::uint64_t
     add(errors_, kind, file, offset, std::move(expected), std::move(found));
 }
 
-void Findings::warning(std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
-                       std::string found) {
+void Findings::warning(std::string_view kind, std::string_view file, std::uint64_t offset,
+                       std::string expected, std::string found) {
     add(warnings_, kind, file, offset, std::move(expected), std::move(found));
 }
 

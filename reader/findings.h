@@ -1,4 +1,5 @@
-// What a check found: one line each, errors and warnings apart, in bounded memory however broken the input is.
+// What a check found: one line each, errors and warnings apart, in bounded memory however broken the input
+// is.
 #pragma once
 
 #include <cstdint>
@@ -11,11 +12,11 @@
 namespace Tavrin::SplatReader {
 
 struct Finding {
-    std::string file;        // name inside the dataset folder
-    std::uint64_t offset;    // byte offset in that file
-    std::string expected;    // what the format asks for
-    std::string found;       // what stands there
-    std::string kind;        // short fixed name of the check, for machines ("index-offset", ...)
+    std::string file;     // name inside the dataset folder
+    std::uint64_t offset; // byte offset in that file
+    std::string expected; // what the format asks for
+    std::string found;    // what stands there
+    std::string kind;     // short fixed name of the check, for machines ("index-offset", ...)
 
     // "index.bin, byte 24: expected ..., found ..."
     std::string text() const;
@@ -24,7 +25,8 @@ struct Finding {
 // Thrown where a dataset cannot be used at all. what() is one line with file, offset, expected and found.
 class DatasetError : public std::runtime_error {
 public:
-    explicit DatasetError(Finding finding) : std::runtime_error(finding.text()), finding_(std::move(finding)) {}
+    explicit DatasetError(Finding finding)
+        : std::runtime_error(finding.text()), finding_(std::move(finding)) {}
     const Finding& finding() const { return finding_; }
 
 private:
@@ -55,8 +57,8 @@ private:
         std::map<std::string, std::uint64_t> kinds;
         std::uint64_t total = 0;
     };
-    void add(List& list, std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
-             std::string found);
+    void add(List& list, std::string_view kind, std::string_view file, std::uint64_t offset,
+             std::string expected, std::string found);
 
     std::size_t perKind_;
     List errors_;

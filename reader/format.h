@@ -38,11 +38,11 @@ inline constexpr std::uint32_t indexKeySize = 4;
 inline constexpr std::uint32_t indexLevelSize = 16; // u32 count, u64 offset, u32 size
 
 // Quantiser factors: a value in [0, 1] times the factor, truncated.
-inline constexpr double byteFactor = 255.0;        // colour, opacity
-inline constexpr double wordFactor = 65535.5;      // scale, normal
-inline constexpr double rotationFactor = 1023.5;   // three components of the rotation
-inline constexpr double redBlueFactor = 2047.5;    // coefficients, 11 bits
-inline constexpr double greenFactor = 1023.5;      // coefficients, 10 bits
+inline constexpr double byteFactor = 255.0;      // colour, opacity
+inline constexpr double wordFactor = 65535.5;    // scale, normal
+inline constexpr double rotationFactor = 1023.5; // three components of the rotation
+inline constexpr double redBlueFactor = 2047.5;  // coefficients, 11 bits
+inline constexpr double greenFactor = 1023.5;    // coefficients, 10 bits
 inline constexpr std::uint32_t byteMaximum = 255;
 inline constexpr std::uint32_t wordMaximum = 65535;
 inline constexpr std::uint32_t rotationMaximum = 1023;
@@ -62,10 +62,9 @@ inline constexpr std::uint64_t oneCellMaximum = 1'000'000;
 inline constexpr double positionRangeFactor = 10.0;
 
 inline constexpr std::array<std::string_view, 20> metaKeys = {
-    "version",     "guid",        "name",          "description", "source",
-    "dataType",    "totalSplats", "totalLevel",    "cellLengthX", "cellLengthY",
-    "indexDataSize", "offset",    "epsg",          "shift",       "scale",
-    "splats",      "boundingBox", "encoding",      "fileType",    "attributes"};
+    "version",    "guid",        "name",        "description",   "source",   "dataType",  "totalSplats",
+    "totalLevel", "cellLengthX", "cellLengthY", "indexDataSize", "offset",   "epsg",      "shift",
+    "scale",      "splats",      "boundingBox", "encoding",      "fileType", "attributes"};
 
 inline constexpr std::array<std::string_view, 9> attributeNames = {
     "position", "normal", "color", "shcoef", "opacity", "scale", "envnormal", "envshcoef", "envscale"};

@@ -8,7 +8,8 @@
 
 namespace Tavrin::SplatReader {
 
-// Which cells a dataset may hold. Scenes of at most Format::oneCellMaximum splats are the one cell with key 0.
+// Which cells a dataset may hold. Scenes of at most Format::oneCellMaximum splats are the one cell with key
+// 0.
 struct Grid {
     bool oneCell = true;
     float originX = 0.0F;
@@ -20,11 +21,12 @@ struct Grid {
     std::int64_t countY = 0;
 
     bool countable() const { return countX > 0 && countY > 0; }
-    // With more than 65536 cells on an axis, the halves of the key run into each other: keys may repeat, and an
-    // entry may be empty because an earlier one took its splats.
+    // With more than 65536 cells on an axis, the halves of the key run into each other: keys may repeat, and
+    // an entry may be empty because an earlier one took its splats.
     bool ambiguous() const { return countX > 65536 || countY > 65536; }
 
-    // The key of the cell that holds (x, y), in single precision throughout, as keys are computed when written.
+    // The key of the cell that holds (x, y), in single precision throughout, as keys are computed when
+    // written.
     std::uint32_t keyAt(float x, float y) const;
 };
 
@@ -37,7 +39,11 @@ struct CellLengths {
 };
 CellLengths expectedCellLengths(std::uint64_t splats, const Triple& boundingMin, const Triple& boundingMax);
 
-inline std::uint32_t keyColumn(std::uint32_t key) { return key & 0xFFFFU; }
-inline std::uint32_t keyRow(std::uint32_t key) { return key >> 16; }
+inline std::uint32_t keyColumn(std::uint32_t key) {
+    return key & 0xFFFFU;
+}
+inline std::uint32_t keyRow(std::uint32_t key) {
+    return key >> 16;
+}
 
 } // namespace Tavrin::SplatReader

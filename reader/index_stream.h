@@ -12,11 +12,11 @@ namespace Tavrin::SplatReader {
 class IndexStream {
 public:
     struct Range {
-        std::uint64_t entry;     // number of the entry
-        std::uint64_t keyAt;     // byte offset of the entry's key
+        std::uint64_t entry; // number of the entry
+        std::uint64_t keyAt; // byte offset of the entry's key
         std::uint32_t key;
         std::uint32_t level;
-        std::uint64_t rangeAt;   // byte offset of this range
+        std::uint64_t rangeAt; // byte offset of this range
         std::uint32_t count;
         std::uint64_t offset;
         std::uint32_t size;

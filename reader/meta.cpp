@@ -95,8 +95,8 @@ private:
     const MetaValue* get(std::string_view key) {
         const MetaValue* value = root_.find(key);
         if (value == nullptr) {
-            findings_.error("meta-keys", Format::metaFile, root_.offset, "the key \"" + std::string(key) + "\"",
-                            "no such key");
+            findings_.error("meta-keys", Format::metaFile, root_.offset,
+                            "the key \"" + std::string(key) + "\"", "no such key");
             usable_ = false;
         }
         return value;
@@ -193,7 +193,8 @@ void checkKeys(const MetaValue& root, Findings& findings) {
         const auto index = static_cast<std::size_t>(known - Format::metaKeys.begin());
         if (index < next) {
             findings.error("meta-keys", Format::metaFile, member.offset,
-                           "the key \"" + std::string(Format::metaKeys[next - 1]) + "\" after \"" + member.key + "\"",
+                           "the key \"" + std::string(Format::metaKeys[next - 1]) + "\" after \"" +
+                               member.key + "\"",
                            "it before");
             continue;
         }
@@ -203,13 +204,17 @@ void checkKeys(const MetaValue& root, Findings& findings) {
 
 } // namespace
 
-bool Range::finite(std::size_t axis) const { return std::isfinite(min[axis]) && std::isfinite(max[axis]); }
+bool Range::finite(std::size_t axis) const {
+    return std::isfinite(min[axis]) && std::isfinite(max[axis]);
+}
 
 bool Range::empty(std::size_t axis) const {
     return std::isinf(min[axis]) && min[axis] > 0 && std::isinf(max[axis]) && max[axis] < 0;
 }
 
-bool Meta::oneCell() const { return totalSplats <= Format::oneCellMaximum; }
+bool Meta::oneCell() const {
+    return totalSplats <= Format::oneCellMaximum;
+}
 
 std::optional<Meta> parseMeta(std::string_view text, Findings& findings) {
     const std::optional<MetaValue> root = parseMetaText(text, findings);

@@ -58,8 +58,8 @@ struct Meta {
     const Range& scaleRange() const { return attributes[5]; }
 };
 
-// Reads the document. Every missing, unknown, doubled, displaced or wrongly typed key is an error finding of kind
-// "meta-syntax" or "meta-keys". Returns nothing when a key that other files depend on cannot be used.
+// Reads the document. Every missing, unknown, doubled, displaced or wrongly typed key is an error finding of
+// kind "meta-syntax" or "meta-keys". Returns nothing when a key that other files depend on cannot be used.
 std::optional<Meta> parseMeta(std::string_view text, Findings& findings);
 
 // The document as the converter writes it, byte for byte.

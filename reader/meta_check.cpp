@@ -27,10 +27,14 @@ std::string listText(const Triple& values, std::size_t count) {
     return text + "]";
 }
 
-std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
+std::string quoted(std::string_view text) {
+    return "\"" + std::string(text) + "\"";
+}
 
 // Equal as numbers, with not-a-number equal to itself: repeated entries repeat that, too.
-bool same(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+bool same(double a, double b) {
+    return a == b || (std::isnan(a) && std::isnan(b));
+}
 
 class Checker {
 public:
@@ -68,13 +72,16 @@ private:
         fixedText("description", Format::description, meta_.description);
         if (meta_.guid.size() != 32 ||
             meta_.guid.find_first_not_of("0123456789abcdef") != std::string::npos) {
-            error("meta-identity", "guid", "32 lowercase hexadecimal digits", quoted(meta_.guid.substr(0, 60)));
+            error("meta-identity", "guid", "32 lowercase hexadecimal digits",
+                  quoted(meta_.guid.substr(0, 60)));
         }
         if (meta_.encoding != "COMPRESS" && meta_.encoding != "DEFAULT") {
-            error("meta-identity", "encoding", "\"COMPRESS\" or \"DEFAULT\"", quoted(meta_.encoding.substr(0, 60)));
+            error("meta-identity", "encoding", "\"COMPRESS\" or \"DEFAULT\"",
+                  quoted(meta_.encoding.substr(0, 60)));
         }
         if (meta_.fileType != "Quality" && meta_.fileType != "Portable") {
-            error("meta-identity", "fileType", "\"Quality\" or \"Portable\"", quoted(meta_.fileType.substr(0, 60)));
+            error("meta-identity", "fileType", "\"Quality\" or \"Portable\"",
+                  quoted(meta_.fileType.substr(0, 60)));
         }
     }
 
@@ -83,20 +90,22 @@ private:
             error("meta-counts", "totalLevel", "at least 1 level", std::to_string(meta_.totalLevel));
         } else {
             const std::uint64_t entry =
-                Format::indexKeySize + std::uint64_t{Format::indexLevelSize} * static_cast<std::uint64_t>(meta_.totalLevel);
+                Format::indexKeySize +
+                std::uint64_t{Format::indexLevelSize} * static_cast<std::uint64_t>(meta_.totalLevel);
             if (meta_.indexDataSize != entry) {
                 error("meta-counts", "indexDataSize",
-                      std::to_string(entry) + " (4 + 16 for each of " + std::to_string(meta_.totalLevel) + " levels)",
+                      std::to_string(entry) + " (4 + 16 for each of " + std::to_string(meta_.totalLevel) +
+                          " levels)",
                       std::to_string(meta_.indexDataSize));
             }
         }
         if (meta_.splats.size() != 1 || meta_.splats.front() != meta_.totalSplats) {
-            error("meta-counts", "splats", "[" + std::to_string(meta_.totalSplats) + "], as \"totalSplats\" says",
+            error("meta-counts", "splats",
+                  "[" + std::to_string(meta_.totalSplats) + "], as \"totalSplats\" says",
                   meta_.splats.size() == 1 ? "[" + std::to_string(meta_.splats.front()) + "]"
                                            : "an array of " + std::to_string(meta_.splats.size()));
         }
-        const CellLengths cell =
-            expectedCellLengths(meta_.totalSplats, meta_.boundingMin, meta_.boundingMax);
+        const CellLengths cell = expectedCellLengths(meta_.totalSplats, meta_.boundingMin, meta_.boundingMax);
         checkCellLength("cellLengthX", cell.x, meta_.cellLengthX);
         checkCellLength("cellLengthY", cell.y, meta_.cellLengthY);
     }
@@ -104,7 +113,8 @@ private:
     void checkCellLength(std::string_view key, double expected, double found) {
         if (!same(expected, found)) {
             error("meta-cell-length", key,
-                  numberText(expected) + ", as the splat count and the bounding box give it", numberText(found));
+                  numberText(expected) + ", as the splat count and the bounding box give it",
+                  numberText(found));
         }
     }
 
@@ -113,7 +123,8 @@ private:
             const double min = meta_.boundingMin[axis];
             const double max = meta_.boundingMax[axis];
             if (!std::isfinite(min) || !std::isfinite(max) || min > max) {
-                error("meta-range", "boundingBox", "a finite box with min <= max on axis " + std::string(1, "xyz"[axis]),
+                error("meta-range", "boundingBox",
+                      "a finite box with min <= max on axis " + std::string(1, "xyz"[axis]),
                       numberText(min) + " to " + numberText(max));
             }
         }
@@ -146,7 +157,8 @@ private:
     }
 
     std::string label(std::size_t attribute, std::size_t axis) const {
-        return "\"" + std::string(Format::attributeNames[attribute]) + "\" axis " + std::string(1, "xyz"[axis]);
+        return "\"" + std::string(Format::attributeNames[attribute]) + "\" axis " +
+               std::string(1, "xyz"[axis]);
     }
 
     void checkRange(std::size_t attribute, const Range& range) {
@@ -171,12 +183,12 @@ private:
         const Range& range = meta_.attributes[attribute];
         for (std::size_t axis = 0; axis < range.components; ++axis) {
             if (!same(range.min[axis], original.min[axis]) || !same(range.max[axis], original.max[axis])) {
-                findings_.error(
-                    "meta-repeat", Format::metaFile, entryOffset(attribute),
-                    label(attribute, axis) + " to repeat \"" +
-                        std::string(Format::attributeNames[Format::attributeRepeats[attribute]]) + "\", " +
-                        numberText(original.min[axis]) + " to " + numberText(original.max[axis]),
-                    numberText(range.min[axis]) + " to " + numberText(range.max[axis]));
+                findings_.error("meta-repeat", Format::metaFile, entryOffset(attribute),
+                                label(attribute, axis) + " to repeat \"" +
+                                    std::string(Format::attributeNames[Format::attributeRepeats[attribute]]) +
+                                    "\", " + numberText(original.min[axis]) + " to " +
+                                    numberText(original.max[axis]),
+                                numberText(range.min[axis]) + " to " + numberText(range.max[axis]));
             }
         }
     }
@@ -196,7 +208,8 @@ private:
         for (std::size_t axis = 0; axis < range.components; ++axis) {
             if (!range.empty(axis) && (range.min[axis] < lowest || range.max[axis] > highest)) {
                 findings_.error("meta-range", Format::metaFile, entryOffset(attribute),
-                                label(attribute, axis) + " inside " + numberText(lowest) + " to " + numberText(highest),
+                                label(attribute, axis) + " inside " + numberText(lowest) + " to " +
+                                    numberText(highest),
                                 numberText(range.min[axis]) + " to " + numberText(range.max[axis]));
             }
         }
@@ -205,19 +218,22 @@ private:
     // The text itself has one form; another tool that rewrote it may have lost digits.
     void checkForm() {
         const std::size_t firstLine = text_.find('\n');
-        const bool crlf = firstLine != std::string_view::npos && firstLine > 0 && text_[firstLine - 1] == '\r';
+        const bool crlf =
+            firstLine != std::string_view::npos && firstLine > 0 && text_[firstLine - 1] == '\r';
         const std::string form = renderMeta(meta_, crlf ? "\r\n" : "\n");
         if (form == text_) {
             return;
         }
-        const auto at = std::mismatch(form.begin(), form.end(), text_.begin(), text_.end()).first - form.begin();
+        const auto at =
+            std::mismatch(form.begin(), form.end(), text_.begin(), text_.end()).first - form.begin();
         const auto place = static_cast<std::size_t>(at);
         const auto shown = [place](std::string_view text) {
-            return place < text.size() ? "byte value " + std::to_string(static_cast<unsigned char>(text[place]))
-                                       : std::string("the end of the file");
+            return place < text.size()
+                       ? "byte value " + std::to_string(static_cast<unsigned char>(text[place]))
+                       : std::string("the end of the file");
         };
-        findings_.warning("meta-form", Format::metaFile, place, "the document's own spacing and digits, " + shown(form),
-                          shown(text_));
+        findings_.warning("meta-form", Format::metaFile, place,
+                          "the document's own spacing and digits, " + shown(form), shown(text_));
     }
 
     const Meta& meta_;
@@ -274,6 +290,8 @@ std::string renderMeta(const Meta& meta, std::string_view lineEnd) {
     return text;
 }
 
-void checkMeta(const Meta& meta, std::string_view text, Findings& findings) { Checker(meta, text, findings).run(); }
+void checkMeta(const Meta& meta, std::string_view text, Findings& findings) {
+    Checker(meta, text, findings).run();
+}
 
 } // namespace Tavrin::SplatReader

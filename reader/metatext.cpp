@@ -145,8 +145,8 @@ private:
         return std::string(text_.substr(start, at_ - 1 - start));
     }
 
-    // A free text, written as it came: it ends at the last quote of its line when that quote is followed by the
-    // separating comma alone. Any other shape is read as an ordinary string.
+    // A free text, written as it came: it ends at the last quote of its line when that quote is followed by
+    // the separating comma alone. Any other shape is read as an ordinary string.
     std::string parseRawString() {
         std::uint64_t end = text_.find('\n', at_);
         end = end == std::string_view::npos ? text_.size() : end;
@@ -163,7 +163,8 @@ private:
 
     void parseToken(MetaValue& value) {
         const std::uint64_t start = at_;
-        while (at_ < text_.size() && std::string_view(",]} \t\r\n:\"[{").find(text_[at_]) == std::string_view::npos) {
+        while (at_ < text_.size() &&
+               std::string_view(",]} \t\r\n:\"[{").find(text_[at_]) == std::string_view::npos) {
             ++at_;
         }
         value.text = std::string(text_.substr(start, at_ - start));

@@ -1,7 +1,8 @@
 // The text of the meta document as a tree of values that remember where they stand.
 //
-// It is JSON with two licences that the document needs: the number tokens inf, -inf, nan and -nan, and strings
-// under "source" and "dataType" that hold quotes and backslashes as they are (nothing is ever escaped there).
+// It is JSON with two licences that the document needs: the number tokens inf, -inf, nan and -nan, and
+// strings under "source" and "dataType" that hold quotes and backslashes as they are (nothing is ever escaped
+// there).
 #pragma once
 
 #include <cstdint>
@@ -21,8 +22,8 @@ struct MetaValue {
     struct Member;
 
     Kind kind = Kind::word;
-    std::uint64_t offset = 0;  // of the value's first byte
-    std::string text;          // string: its content; number and word (true, false, null): the token
+    std::uint64_t offset = 0; // of the value's first byte
+    std::string text;         // string: its content; number and word (true, false, null): the token
     std::vector<MetaValue> items;
     std::vector<Member> members;
 

@@ -15,7 +15,8 @@ template <typename Unsigned>
 Unsigned loadUnsigned(const std::byte* at) {
     Unsigned value = 0;
     for (std::size_t i = sizeof(Unsigned); i-- > 0;) {
-        value = static_cast<Unsigned>((static_cast<std::uint64_t>(value) << 8) | std::to_integer<std::uint64_t>(at[i]));
+        value = static_cast<Unsigned>((static_cast<std::uint64_t>(value) << 8) |
+                                      std::to_integer<std::uint64_t>(at[i]));
     }
     return value;
 }
@@ -60,8 +61,8 @@ inline CoefficientWord unpackCoefficientWord(std::uint32_t word) {
     return {{word & 0x7FFU, (word >> 11) & 0x3FFU, word >> 21}};
 }
 
-// The rotation word: three quantised components in the order that skips the largest, and the index of the largest
-// among (rot_1, rot_2, rot_3, rot_0).
+// The rotation word: three quantised components in the order that skips the largest, and the index of the
+// largest among (rot_1, rot_2, rot_3, rot_0).
 struct RotationWord {
     std::array<std::uint32_t, 3> component;
     std::uint32_t largest;

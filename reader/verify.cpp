@@ -11,11 +11,16 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-std::string bytes(std::uint64_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
+std::string bytes(std::uint64_t count) {
+    return std::to_string(count) + (count == 1 ? " byte" : " bytes");
+}
 
-std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) { return a > UINT64_MAX - b ? UINT64_MAX : a + b; }
+std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
+    return a > UINT64_MAX - b ? UINT64_MAX : a + b;
+}
 
-std::unique_ptr<DatasetFile> openFile(const std::filesystem::path& folder, std::string_view name, Findings& findings) {
+std::unique_ptr<DatasetFile> openFile(const std::filesystem::path& folder, std::string_view name,
+                                      Findings& findings) {
     try {
         return std::make_unique<DatasetFile>(folder, name);
     } catch (const DatasetError& error) {
@@ -43,7 +48,8 @@ public:
         report_.indexBytes = index_ ? index_->size() : 0;
         if (data_ && data_->size() % Format::recordSize != 0) {
             findings_.error("data-size", Format::dataFile, data_->size() - data_->size() % Format::recordSize,
-                            "whole records of 32 bytes", bytes(data_->size() % Format::recordSize) + " left over");
+                            "whole records of 32 bytes",
+                            bytes(data_->size() % Format::recordSize) + " left over");
         }
         if (!report_.meta) {
             return;
@@ -56,7 +62,8 @@ public:
         checkIndex();
         checkSums();
         const bool indexSound = findings_.errorCount() == errorsBefore;
-        if (options_.level == VerifyLevel::full && coefficientsFit && data_->size() % Format::recordSize == 0) {
+        if (options_.level == VerifyLevel::full && coefficientsFit &&
+            data_->size() % Format::recordSize == 0) {
             data_.reset();
             index_.reset();
             verifyRecords(folder_, options_, indexSound, report_);
@@ -89,7 +96,8 @@ private:
             if (std::filesystem::exists(path, error)) {
                 report_.coefficientBytes = std::filesystem::file_size(path, error);
                 findings_.error("coefficient-file", Format::coefficientFile, 0,
-                                "no such file beside \"fileType\": \"" + meta.fileType.substr(0, 60) + "\"", "one");
+                                "no such file beside \"fileType\": \"" + meta.fileType.substr(0, 60) + "\"",
+                                "one");
                 return false;
             }
             return true;
@@ -102,7 +110,8 @@ private:
         const std::uint64_t size = meta.packed() ? Format::packedCoefficientSize : Format::rawCoefficientSize;
         const std::uint64_t records = data_->size() / Format::recordSize;
         if (file->size() % size != 0 || file->size() / size != records) {
-            findings_.error("coefficient-size", Format::coefficientFile, std::min(file->size(), records * size),
+            findings_.error("coefficient-size", Format::coefficientFile,
+                            std::min(file->size(), records * size),
                             bytes(records * size) + ", " + std::to_string(size) + " for each of " +
                                 std::to_string(records) + " records of data.bin",
                             bytes(file->size()));
@@ -114,17 +123,20 @@ private:
     void checkIndex() {
         const Meta& meta = *report_.meta;
         const std::uint64_t entrySize =
-            Format::indexKeySize + std::uint64_t{Format::indexLevelSize} * static_cast<std::uint64_t>(meta.totalLevel);
+            Format::indexKeySize +
+            std::uint64_t{Format::indexLevelSize} * static_cast<std::uint64_t>(meta.totalLevel);
         std::uint64_t entries = index_->size() / entrySize;
         report_.cells = entries;
         if (index_->size() % entrySize != 0) {
             findings_.error("index-size", Format::indexFile, entries * entrySize,
-                            "whole entries of " + bytes(entrySize), bytes(index_->size() % entrySize) + " left over");
+                            "whole entries of " + bytes(entrySize),
+                            bytes(index_->size() % entrySize) + " left over");
         }
         grid_ = gridOf(meta);
         if (grid_.oneCell && entries != 1) {
             findings_.error("index-size", Format::indexFile, std::min(index_->size(), entrySize),
-                            "one entry of " + bytes(entrySize) + ", as the scene has at most 1,000,000 splats",
+                            "one entry of " + bytes(entrySize) +
+                                ", as the scene has at most 1,000,000 splats",
                             std::to_string(entries) + " entries");
         }
         if (!grid_.oneCell && !grid_.countable()) {
@@ -139,7 +151,8 @@ private:
         const std::uint64_t records = data_->size() / Format::recordSize;
         if (!grid_.oneCell && !grid_.ambiguous() && entries > records) {
             findings_.error("index-size", Format::indexFile, records * entrySize,
-                            "at most one entry for each of " + std::to_string(records) + " records of data.bin",
+                            "at most one entry for each of " + std::to_string(records) +
+                                " records of data.bin",
                             std::to_string(entries) + " entries");
             entries = records;
         }
@@ -182,8 +195,9 @@ private:
         const std::uint64_t place = (std::uint64_t{column} << 16) | row;
         if (range.entry > 0 && place <= lastPlace_) {
             findings_.error("index-order", Format::indexFile, range.keyAt,
-                            "a cell after " + cellText(static_cast<std::uint32_t>(lastPlace_ >> 16),
-                                                       static_cast<std::uint32_t>(lastPlace_ & 0xFFFFU)) +
+                            "a cell after " +
+                                cellText(static_cast<std::uint32_t>(lastPlace_ >> 16),
+                                         static_cast<std::uint32_t>(lastPlace_ & 0xFFFFU)) +
                                 " (X outer, Y inner, each key once)",
                             found);
         }
@@ -211,9 +225,10 @@ private:
             findings_.error("index-offset", Format::indexFile, range.rangeAt + 4,
                             "the offset " + std::to_string(running_) + " (no gap, no overlap)",
                             std::to_string(range.offset));
-        } else if (range.count == 0 && range.offset != 0 && !(grid_.ambiguous() && range.offset == running_)) {
-            findings_.error("index-offset", Format::indexFile, range.rangeAt + 4, "the offset 0 of an empty level",
-                            std::to_string(range.offset));
+        } else if (range.count == 0 && range.offset != 0 &&
+                   !(grid_.ambiguous() && range.offset == running_)) {
+            findings_.error("index-offset", Format::indexFile, range.rangeAt + 4,
+                            "the offset 0 of an empty level", std::to_string(range.offset));
         }
         if (range.count > 0 && (range.offset > data_->size() || length > data_->size() - range.offset)) {
             findings_.error("index-range", Format::indexFile, range.rangeAt,
@@ -234,7 +249,8 @@ private:
         }
         if (report_.splatsHeld > meta.totalSplats) {
             findings_.error("index-sum", Format::indexFile, 0,
-                            "at most " + std::to_string(meta.totalSplats) + " splats, as \"totalSplats\" says",
+                            "at most " + std::to_string(meta.totalSplats) +
+                                " splats, as \"totalSplats\" says",
                             std::to_string(report_.splatsHeld));
             return;
         }

@@ -38,30 +38,31 @@ struct RecordUse {
     ComponentUse opacity;
     std::array<ComponentUse, 3> scale;
     std::array<ComponentUse, 3> normal;
-    std::array<ComponentUse, 3> coefficient; // red, green, blue, over all 15 of each record; packed form alone
-    std::uint64_t undefinedRotations = 0;    // word 0: the source's rotation was not a number
+    std::array<ComponentUse, 3>
+        coefficient;                      // red, green, blue, over all 15 of each record; packed form alone
+    std::uint64_t undefinedRotations = 0; // word 0: the source's rotation was not a number
 };
 
 struct VerifyReport {
     Findings findings;
-    std::optional<Meta> meta;            // when the document can be used
-    std::uint64_t cells = 0;             // entries of the index
-    std::uint64_t splatsHeld = 0;        // over all cells and levels, as the index counts
-    std::uint64_t splatsLeftOut = 0;     // of the input's splats, those that the dataset does not hold
-    std::uint64_t dataBytes = 0;         // of data.bin
-    std::uint64_t coefficientBytes = 0;  // of shcoef.bin
-    std::uint64_t indexBytes = 0;        // of index.bin
-    std::uint64_t metaBytes = 0;         // of the meta document
-    std::optional<RecordUse> use;        // full level, when the records could be read
+    std::optional<Meta> meta;           // when the document can be used
+    std::uint64_t cells = 0;            // entries of the index
+    std::uint64_t splatsHeld = 0;       // over all cells and levels, as the index counts
+    std::uint64_t splatsLeftOut = 0;    // of the input's splats, those that the dataset does not hold
+    std::uint64_t dataBytes = 0;        // of data.bin
+    std::uint64_t coefficientBytes = 0; // of shcoef.bin
+    std::uint64_t indexBytes = 0;       // of index.bin
+    std::uint64_t metaBytes = 0;        // of the meta document
+    std::optional<RecordUse> use;       // full level, when the records could be read
 
     bool sound() const { return findings.errorCount() == 0; }
 };
 
-// Never throws for what stands in the files: whatever is wrong becomes a finding. Memory is bounded by the file windows
-// and the meta document, not by any count.
+// Never throws for what stands in the files: whatever is wrong becomes a finding. Memory is bounded by the
+// file windows and the meta document, not by any count.
 //
-// Splats left out are a quantity of their own and, in a scene cut into grid cells, no finding: the converter leaves out
-// what lies outside the grid. A one-cell scene cannot leave any out, so there it is an error.
+// Splats left out are a quantity of their own and, in a scene cut into grid cells, no finding: the converter
+// leaves out what lies outside the grid. A one-cell scene cannot leave any out, so there it is an error.
 VerifyReport verifyDataset(const std::filesystem::path& folder, const VerifyOptions& options = {});
 
 } // namespace Tavrin::SplatReader

@@ -95,7 +95,8 @@ private:
                                 "a position in cell (" + std::to_string(keyColumn(cell->key)) + ", " +
                                     std::to_string(keyRow(cell->key)) + ")",
                                 pointText(record.position) + ", which lies in cell (" +
-                                    std::to_string(keyColumn(key)) + ", " + std::to_string(keyRow(key)) + ")");
+                                    std::to_string(keyColumn(key)) + ", " + std::to_string(keyRow(key)) +
+                                    ")");
             }
         }
     }
@@ -120,8 +121,9 @@ private:
         }
         const auto padding = loadUnsigned<std::uint32_t>(record + Format::packedPaddingOffset);
         if (padding != 0) {
-            findings_.error("record-padding", Format::coefficientFile, coefficientAt_ + Format::packedPaddingOffset,
-                            "4 zero bytes", "the word " + std::to_string(padding));
+            findings_.error("record-padding", Format::coefficientFile,
+                            coefficientAt_ + Format::packedPaddingOffset, "4 zero bytes",
+                            "the word " + std::to_string(padding));
         }
     }
 
@@ -140,7 +142,8 @@ private:
         }
         for (std::size_t i = Format::rawPaddingOffset; i < Format::rawCoefficientSize; ++i) {
             if (record[i] != std::byte{0}) {
-                findings_.warning("record-padding", Format::coefficientFile, coefficientAt_ + i, "12 zero bytes",
+                findings_.warning("record-padding", Format::coefficientFile, coefficientAt_ + i,
+                                  "12 zero bytes",
                                   "the byte " + std::to_string(std::to_integer<unsigned>(record[i])));
                 break;
             }
@@ -179,10 +182,11 @@ private:
 
     void mismatch(const char* name, std::size_t axis, std::uint32_t lowest, std::uint32_t highest,
                   const ComponentUse& use) {
-        findings_.error("record-range", name == std::string("shcoef") ? Format::coefficientFile : Format::dataFile, 0,
-                        std::string("\"") + name + "\" on axis " + "xyz"[axis] + " from step " +
-                            std::to_string(lowest) + " to " + std::to_string(highest) + ", the ends of its range",
-                        std::to_string(use.lowest) + " to " + std::to_string(use.highest));
+        findings_.error(
+            "record-range", name == std::string("shcoef") ? Format::coefficientFile : Format::dataFile, 0,
+            std::string("\"") + name + "\" on axis " + "xyz"[axis] + " from step " + std::to_string(lowest) +
+                " to " + std::to_string(highest) + ", the ends of its range",
+            std::to_string(use.lowest) + " to " + std::to_string(use.highest));
     }
 
     // One far outlier widens a range until most values fall into one step, and their differences are lost.
@@ -196,8 +200,8 @@ private:
             findings_.warning("record-saturated", Format::dataFile, 0,
                               std::string("\"") + name + "\" on axis " + "xyz"[axis] +
                                   " spread over the steps of its range",
-                              std::to_string(most) + " of " + std::to_string(use_.records) + " records at step " +
-                                  (most == use.atZero ? "0" : "65535"));
+                              std::to_string(most) + " of " + std::to_string(use_.records) +
+                                  " records at step " + (most == use.atZero ? "0" : "65535"));
         }
     }
 
@@ -213,7 +217,8 @@ private:
 // Which range of the index the next record of data.bin belongs to.
 class RangeWalker {
 public:
-    RangeWalker(DatasetFile& file, std::uint32_t levels, std::uint64_t entries) : stream_(file, levels, entries) {}
+    RangeWalker(DatasetFile& file, std::uint32_t levels, std::uint64_t entries)
+        : stream_(file, levels, entries) {}
 
     const IndexStream::Range* step() {
         while (left_ == 0) {
