@@ -1,0 +1,41 @@
+#include "console.h"
+
+#include <cstdio>
+#include <fmt/format.h>
+
+namespace Tavrin::SplatProgram {
+
+std::string printable(std::string_view text) {
+    std::string shown;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            shown += fmt::format("\\x{:02x}", byte);
+        } else {
+            shown += c;
+        }
+    }
+    return shown;
+}
+
+namespace {
+void report(std::string_view kind, std::string_view line) {
+    // One write a line: lines of parallel runs on one terminal do not mix.
+    const std::string text = fmt::format("plyconvert: {}: {}\n", kind, printable(line));
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+} // namespace
+
+void reportError(std::string_view line) {
+    report("error", line);
+}
+
+void reportWarning(std::string_view line) {
+    report("warning", line);
+}
+
+bool finishStandardOutput() {
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+}
+
+} // namespace Tavrin::SplatProgram

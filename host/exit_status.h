@@ -1,0 +1,41 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace Tavrin::SplatProgram {
+
+/// What the program's exit status tells. Every path out of the program ends in one of these.
+enum class ExitStatus {
+    Done = 0,
+    Usage = 1,
+    InputRefused = 2,
+    OutputRefused = 3,
+    ConversionFailed = 4,
+    SplatsLeftOut = 5,
+    VerificationFailed = 6,
+    Interrupted = 130, ///< 128 + SIGINT, as shells report it
+};
+
+/// The table that every --help ends with.
+inline constexpr const char* exitStatusTable = "Exit status:\n"
+                                               "  0    done\n"
+                                               "  1    usage: the command line is wrong\n"
+                                               "  2    input refused: nothing was touched\n"
+                                               "  3    output refused: nothing was touched\n"
+                                               "  4    the conversion failed: an earlier dataset stands\n"
+                                               "  5    splats were left out: an earlier dataset stands\n"
+                                               "  6    verification failed\n"
+                                               "  130  interrupted: an earlier dataset stands\n";
+
+/// A failure that ends the command: one line that says what, where and what to do, and the exit status.
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitStatus status, const std::string& line) : std::runtime_error(line), m_status(status) {}
+    ExitStatus status() const noexcept { return m_status; }
+
+private:
+    ExitStatus m_status;
+};
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,94 @@
+#include "command.h"
+#include "console.h"
+#include "convert_command.h"
+#include "plyconvert.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <fmt/format.h>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+const std::vector<AddCommand*> commands = {addConvertCommand};
+
+std::string versionText() {
+    return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,
+                       PLYCONVERT_VERSION_PATCH);
+}
+
+bool namesCommand(const CLI::App& program, const std::string& word) {
+    const auto isNamed = [&](const CLI::App* command) { return command->check_name(word); };
+    return !program.get_subcommands(isNamed).empty();
+}
+
+/// `plyconvert IN.ply OUT` means `plyconvert convert IN.ply OUT`.
+std::vector<std::string> withCommand(const CLI::App& program, std::vector<std::string> arguments) {
+    if (arguments.empty()) {
+        return arguments;
+    }
+    const std::string& first = arguments.front();
+    if (first != "--help" && first != "-h" && first != "--version" && !namesCommand(program, first)) {
+        arguments.insert(arguments.begin(), "convert");
+    }
+    return arguments;
+}
+
+ExitStatus printUsageError(const std::string& what) {
+    reportError(what + " (plyconvert --help shows the usage)");
+    return ExitStatus::Usage;
+}
+
+ExitStatus run(int argc, char** argv) {
+    CLI::App program("Converts Gaussian-splat PLY files to quantised datasets grouped by ground cell.",
+                     "plyconvert");
+    program.set_version_flag("--version", versionText());
+    program.footer(exitStatusTable);
+    program.require_subcommand(1);
+    Action chosen;
+    for (AddCommand* add : commands) {
+        add(program, chosen);
+    }
+    std::vector<std::string> arguments = withCommand(program, {argv + 1, argv + argc});
+    // CLI11 takes its arguments last first.
+    std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+    try {
+        program.parse(reversed);
+        return chosen();
+    } catch (const CLI::CallForHelp&) {
+        fmt::print("{}", program.help());
+        return ExitStatus::Done;
+    } catch (const CLI::CallForVersion&) {
+        fmt::print("{}\n", versionText());
+        return ExitStatus::Done;
+    } catch (const CLI::ParseError& error) {
+        return printUsageError(error.what());
+    } catch (const Failure& failure) {
+        reportError(failure.what());
+        return failure.status();
+    }
+}
+
+} // namespace
+} // namespace Tavrin::SplatProgram
+
+int main(int argc, char** argv) {
+    using namespace Tavrin::SplatProgram;
+    ExitStatus status = ExitStatus::ConversionFailed;
+    try {
+        status = run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        reportError("out of memory: close other programs or use a machine with more");
+    } catch (const std::exception& error) {
+        reportError(error.what());
+    }
+    if (!finishStandardOutput() && status == ExitStatus::Done) {
+        reportError("standard output could not be written: is the disk full or the pipe closed?");
+        status = ExitStatus::ConversionFailed;
+    }
+    return static_cast<int>(status);
+}
