@@ -5,17 +5,17 @@
 
 namespace Tavrin::SplatProgram {
 
-/// Writes "plyconvert: error: LINE" to standard error. Control characters in it (a path or a header can hold
-/// them) are shown as \xNN, so that a message is always one line and never moves the cursor.
+// Writes "plyconvert: error: LINE" to standard error. Control characters in it (a path or a header can hold
+// them) are shown as \xNN, so that a message is always one line and never moves the cursor.
 void reportError(std::string_view line);
 
-/// The same with "plyconvert: warning: ".
+// The same with "plyconvert: warning: ".
 void reportWarning(std::string_view line);
 
-/// The text with every control character shown as \xNN.
+// The text with every control character shown as \xNN.
 std::string printable(std::string_view text);
 
-/// Flushes standard output; false when anything written to it was lost.
+// Flushes standard output; false when anything written to it was lost.
 bool finishStandardOutput();
 
 } // namespace Tavrin::SplatProgram

@@ -5,7 +5,7 @@
 
 namespace Tavrin::SplatProgram {
 
-/// What the program's exit status tells. Every path out of the program ends in one of these.
+// What the program's exit status tells. Every path out of the program ends in one of these.
 enum class ExitStatus {
     Done = 0,
     Usage = 1,
@@ -14,10 +14,10 @@ enum class ExitStatus {
     ConversionFailed = 4,
     SplatsLeftOut = 5,
     VerificationFailed = 6,
-    Interrupted = 130, ///< 128 + SIGINT, as shells report it
+    Interrupted = 130, // 128 + SIGINT, as shells report it
 };
 
-/// The table that every --help ends with.
+// The table that every --help ends with.
 inline constexpr const char* exitStatusTable = "Exit status:\n"
                                                "  0    done\n"
                                                "  1    usage: the command line is wrong\n"
@@ -28,7 +28,7 @@ inline constexpr const char* exitStatusTable = "Exit status:\n"
                                                "  6    verification failed\n"
                                                "  130  interrupted: an earlier dataset stands\n";
 
-/// A failure that ends the command: one line that says what, where and what to do, and the exit status.
+// A failure that ends the command: one line that says what, where and what to do, and the exit status.
 class Failure : public std::runtime_error {
 public:
     Failure(ExitStatus status, const std::string& line) : std::runtime_error(line), m_status(status) {}

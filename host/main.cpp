@@ -26,7 +26,7 @@ bool namesCommand(const CLI::App& program, const std::string& word) {
     return !program.get_subcommands(isNamed).empty();
 }
 
-/// `plyconvert IN.ply OUT` means `plyconvert convert IN.ply OUT`.
+// `plyconvert IN.ply OUT` means `plyconvert convert IN.ply OUT`.
 std::vector<std::string> withCommand(const CLI::App& program, std::vector<std::string> arguments) {
     if (arguments.empty()) {
         return arguments;

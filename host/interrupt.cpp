@@ -1,0 +1,14 @@
+#include "interrupt.h"
+
+#include "exit_status.h"
+
+namespace Tavrin::SplatProgram {
+
+void throwIfInterrupted() {
+    if (interrupted()) {
+        throw Failure(ExitStatus::Interrupted,
+                      "interrupted: nothing was published, what was written is removed");
+    }
+}
+
+} // namespace Tavrin::SplatProgram

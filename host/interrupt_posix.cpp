@@ -1,0 +1,35 @@
+#include "interrupt.h"
+
+#include <csignal>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+volatile std::sig_atomic_t noted = 0;
+
+void note(int) {
+    noted = 1;
+}
+
+} // namespace
+
+void catchInterrupts() {
+    // A closed terminal or pipe must not end the process between two steps.
+    std::signal(SIGPIPE, SIG_IGN);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction previous = {};
+        if (::sigaction(number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) {
+            continue; // nohup, or a job in the background of a script
+        }
+        // Without SA_RESTART: waiting for the child returns at once.
+        struct sigaction action = {};
+        action.sa_handler = note;
+        ::sigaction(number, &action, nullptr);
+    }
+}
+
+bool interrupted() {
+    return noted != 0;
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,84 @@
+// What the program needs of the system beyond the standard library. Each function has one definition a
+// system, in platform_*_SYSTEM.cpp.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace Tavrin::SplatProgram {
+
+// Command-line words, messages and JSON are UTF-8 on every system.
+std::filesystem::path pathFromText(std::string_view text);
+std::string textFromPath(const std::filesystem::path& path);
+
+// Which file or folder a path leads to, links followed: two paths with equal identities are one and the same,
+// whatever their spelling, and through whichever mount they go.
+struct FileIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t number = 0;
+    bool operator==(const FileIdentity&) const = default;
+};
+
+// Nothing when the path leads nowhere.
+std::optional<FileIdentity> identityOf(const std::filesystem::path& path);
+
+// A file system (or a bind of a folder) is mounted exactly there, so the folder cannot be renamed.
+bool isMountPoint(const std::filesystem::path& folder);
+
+// No error when this process may create and rename entries of the folder.
+std::error_code checkWritable(const std::filesystem::path& folder);
+
+// No error when this process may read the file.
+std::error_code checkReadable(const std::filesystem::path& file);
+
+// Bytes of memory that a process started now can take without swapping: what the machine has free or can free
+// at once, the limits of the control group and of the process counted in.
+std::uint64_t availableMemory();
+
+// Returns when the file's or folder's content is on the disk itself.
+std::error_code flushToDisk(const std::filesystem::path& path);
+
+// Exchanges the names of two existing folders in one step that nobody can see half done.
+// std::errc::function_not_supported when the system or the file system has no such step.
+std::error_code exchangeNames(const std::filesystem::path& one, const std::filesystem::path& other);
+
+// Renames a folder in place of nothing or of an empty folder; in one step where the system allows it.
+std::error_code renameFolder(const std::filesystem::path& from, const std::filesystem::path& to);
+
+// A file that exists and is locked while this object or a child process lives. The system drops the lock when
+// the last of them ends, however it ends; the file then stays and tells of a dead run.
+class LockFile {
+public:
+    // Creates the file, or takes over that of a dead run. Nothing, and no error, when a live process holds
+    // it.
+    static std::optional<LockFile> take(const std::filesystem::path& path, std::error_code& error);
+
+    LockFile(LockFile&& other) noexcept;
+    LockFile(const LockFile&) = delete;
+    LockFile& operator=(const LockFile&) = delete;
+    LockFile& operator=(LockFile&&) = delete;
+    // Removes the file, then drops the lock.
+    ~LockFile();
+
+private:
+    LockFile(std::filesystem::path path, std::intptr_t handle) : m_path(std::move(path)), m_handle(handle) {}
+
+    std::filesystem::path m_path;
+    std::intptr_t m_handle;
+};
+
+std::uint64_t ownProcessId();
+
+// False only when the system is sure that no process has this id.
+bool processMayExist(std::uint64_t id);
+
+bool standardErrorIsTerminal();
+
+// Columns of the terminal on standard error; 80 when it does not tell.
+unsigned terminalColumns();
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,105 @@
+#include "platform.h"
+
+#include <algorithm>
+#include <fstream>
+#include <limits>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
+
+// The number that follows `key` in a file of "KEY NUMBER" lines; nothing when it is not there.
+std::optional<std::uint64_t> numberAfter(const std::filesystem::path& path, std::string_view key) {
+    std::ifstream file(path);
+    for (std::string word; file >> word;) {
+        std::uint64_t number = 0;
+        if (word == key && file >> number) {
+            return number;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<std::uint64_t> numberIn(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    std::uint64_t number = 0;
+    return file >> number ? std::optional(number) : std::nullopt;
+}
+
+// What the machine has free or can free without swapping.
+std::uint64_t machineMemory() {
+    if (const auto kibibytes = numberAfter("/proc/meminfo", "MemAvailable:")) {
+        return *kibibytes * 1024;
+    }
+    const long pages = ::sysconf(_SC_AVPHYS_PAGES);
+    const long pageSize = ::sysconf(_SC_PAGESIZE);
+    return pages > 0 && pageSize > 0 ? std::uint64_t(pages) * std::uint64_t(pageSize) : unlimited;
+}
+
+struct ControlGroupFiles {
+    const char* limit;
+    const char* usage;
+    const char* cacheKey; // in memory.stat: file pages that the kernel drops when the group needs memory
+};
+
+// The least that the group and its ancestors leave. Files that are not there limit nothing.
+std::uint64_t controlGroupMemory(const std::filesystem::path& root, std::filesystem::path group,
+                                 const ControlGroupFiles& files) {
+    std::uint64_t available = unlimited;
+    for (;;) {
+        const std::filesystem::path folder = root / group.relative_path();
+        const auto limit = numberIn(folder / files.limit);
+        const auto usage = numberIn(folder / files.usage);
+        if (limit && usage) {
+            const std::uint64_t cache = numberAfter(folder / "memory.stat", files.cacheKey).value_or(0);
+            const std::uint64_t used = *usage - std::min(cache, *usage);
+            available = std::min(available, *limit - std::min(used, *limit));
+        }
+        if (!group.has_relative_path()) {
+            return available;
+        }
+        group = group.parent_path();
+    }
+}
+
+std::uint64_t controlGroupMemory() {
+    std::uint64_t available = unlimited;
+    std::ifstream groups("/proc/self/cgroup");
+    // Lines are "0::/path" for the unified hierarchy and "N:controllers:/path" for the older ones.
+    for (std::string line; std::getline(groups, line);) {
+        const std::size_t path = line.rfind(':') + 1;
+        if (line.starts_with("0::")) {
+            available =
+                std::min(available, controlGroupMemory("/sys/fs/cgroup", line.substr(path),
+                                                       {"memory.max", "memory.current", "inactive_file"}));
+        } else if (line.find("memory") < path) {
+            available =
+                std::min(available, controlGroupMemory("/sys/fs/cgroup/memory", line.substr(path),
+                                                       {"memory.limit_in_bytes", "memory.usage_in_bytes",
+                                                        "total_inactive_file"}));
+        }
+    }
+    return available;
+}
+
+std::uint64_t processLimit() {
+    std::uint64_t available = unlimited;
+    for (const auto resource : {RLIMIT_AS, RLIMIT_DATA}) {
+        rlimit limit = {};
+        if (::getrlimit(resource, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+            available = std::min<std::uint64_t>(available, limit.rlim_cur);
+        }
+    }
+    return available;
+}
+
+} // namespace
+
+std::uint64_t availableMemory() {
+    return std::min({machineMemory(), controlGroupMemory(), processLimit()});
+}
+
+} // namespace Tavrin::SplatProgram
