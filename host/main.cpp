@@ -1,5 +1,6 @@
 #include "command.h"
 #include "console.h"
+#include "conversion.h"
 #include "convert_command.h"
 #include "plyconvert.h"
 
@@ -78,6 +79,9 @@ ExitStatus run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace Tavrin::SplatProgram;
+    if (argc == 4 && std::string_view(argv[1]) == converterWord) {
+        return runConverter(argv[2], argv[3]);
+    }
     ExitStatus status = ExitStatus::ConversionFailed;
     try {
         status = run(argc, argv);

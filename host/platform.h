@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,12 +56,10 @@ class LockFile {
 public:
     // Creates the file, or takes over that of a dead run. Nothing, and no error, when a live process holds
     // it.
-    static std::optional<LockFile> take(const std::filesystem::path& path, std::error_code& error);
+    static std::unique_ptr<LockFile> take(const std::filesystem::path& path, std::error_code& error);
 
-    LockFile(LockFile&& other) noexcept;
     LockFile(const LockFile&) = delete;
     LockFile& operator=(const LockFile&) = delete;
-    LockFile& operator=(LockFile&&) = delete;
     // Removes the file, then drops the lock.
     ~LockFile();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <initializer_list>
 #include <limits>
 #include <sys/resource.h>
 #include <unistd.h>

@@ -83,42 +83,36 @@ std::error_code renameFolder(const std::filesystem::path& from, const std::files
     return ::rename(from.c_str(), to.c_str()) == 0 ? std::error_code() : lastError();
 }
 
-std::optional<LockFile> LockFile::take(const std::filesystem::path& path, std::error_code& error) {
+std::unique_ptr<LockFile> LockFile::take(const std::filesystem::path& path, std::error_code& error) {
     error.clear();
     for (;;) {
         // Not close-on-exec: a child that outlives this process by a moment must keep the lock.
         const int handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0666);
         if (handle < 0) {
             error = lastError();
-            return std::nullopt;
+            return nullptr;
         }
         if (::flock(handle, LOCK_EX | LOCK_NB) != 0) {
             if (errno != EWOULDBLOCK) {
                 error = lastError();
             }
             ::close(handle);
-            return std::nullopt;
+            return nullptr;
         }
         // Between open and lock the last holder may have removed the file: then this lock is on no name.
         struct stat held = {};
         struct stat named = {};
         if (::fstat(handle, &held) == 0 && ::lstat(path.c_str(), &named) == 0 &&
             held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
-            return LockFile(path, handle);
+            return std::unique_ptr<LockFile>(new LockFile(path, handle));
         }
         ::close(handle);
     }
 }
 
-LockFile::LockFile(LockFile&& other) noexcept : m_path(std::move(other.m_path)), m_handle(other.m_handle) {
-    other.m_handle = -1;
-}
-
 LockFile::~LockFile() {
-    if (m_handle >= 0) {
-        ::unlink(m_path.c_str());
-        ::close(static_cast<int>(m_handle));
-    }
+    ::unlink(m_path.c_str());
+    ::close(static_cast<int>(m_handle));
 }
 
 std::uint64_t ownProcessId() {

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "preflight.h"
+#include "progress.h"
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+
+namespace Tavrin::SplatProgram {
+
+// Tells from outside what a running conversion does: from its log, from the bytes it has read, and from the
+// sizes of the files it writes.
+class ConversionStages {
+public:
+    // `plan` may be null: then nothing but the stage is known.
+    ConversionStages(std::filesystem::path folder, const Plan* plan);
+
+    // `bytesRead` by the process since its start; nothing when the system does not tell.
+    void show(std::optional<std::uint64_t> bytesRead, Progress& progress);
+
+private:
+    enum Stage { Measuring, Reading, Grouping, Writing, stageCount };
+
+    Stage stageNow() const;
+    std::optional<double> shareOf(Stage stage, std::optional<std::uint64_t> bytesRead) const;
+    std::optional<double> secondsLeft(Stage stage, std::optional<double> share, double now) const;
+
+    std::filesystem::path m_folder;
+    const Plan* m_plan;
+    Stage m_stage = Measuring;
+    double m_stageStart = -1.0;     // seconds of the progress clock
+    double m_start = -1.0;          // of the conversion
+    std::uint64_t m_readBefore = 0; // bytes read before the stage
+};
+
+} // namespace Tavrin::SplatProgram

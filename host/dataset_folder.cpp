@@ -1,0 +1,60 @@
+#include "dataset_folder.h"
+
+#include "platform.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::array<const char*, 5> datasetFiles = {"converted_from_ply.ytr", "data.bin", "index.bin",
+                                                     "shcoef.bin", "log.txt"};
+// Every dataset has these; a folder with data.bin or log.txt alone can be anybody's.
+constexpr std::array<const char*, 3> necessaryFiles = {"converted_from_ply.ytr", "data.bin", "index.bin"};
+
+} // namespace
+
+FolderListing listFolder(const fs::path& folder) {
+    std::set<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+        const std::string name = textFromPath(entry.path().filename());
+        const bool isOwn = std::ranges::find(datasetFiles, name) != datasetFiles.end();
+        if (!isOwn || entry.symlink_status().type() != fs::file_type::regular) {
+            return {FolderContent::Other, name};
+        }
+        names.insert(name);
+    }
+    if (names.empty()) {
+        return {FolderContent::Empty, {}};
+    }
+    for (const char* name : necessaryFiles) {
+        if (!names.contains(name)) {
+            return {FolderContent::Other, name};
+        }
+    }
+    return {FolderContent::Dataset, {}};
+}
+
+std::error_code removeDataset(const fs::path& folder) {
+    std::error_code error;
+    if (fs::symlink_status(folder, error).type() != fs::file_type::directory) {
+        return fs::exists(fs::symlink_status(folder, error))
+                   ? std::make_error_code(std::errc::not_a_directory)
+                   : std::error_code();
+    }
+    for (const char* name : datasetFiles) {
+        const fs::path file = folder / name;
+        if (fs::symlink_status(file, error).type() == fs::file_type::regular) {
+            fs::remove(file, error);
+        }
+    }
+    error.clear();
+    fs::remove(folder, error);
+    return error;
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace Tavrin::SplatProgram {
+
+// What stands in a folder, seen by names alone.
+enum class FolderContent {
+    Empty,
+    Dataset, // the files of a finished dataset and nothing else
+    Other,
+};
+
+struct FolderListing {
+    FolderContent content = FolderContent::Empty;
+    std::string foreign; // an entry that no conversion writes; or what a dataset lacks, when all are its own
+};
+
+// Throws std::filesystem::filesystem_error when the folder cannot be listed.
+FolderListing listFolder(const std::filesystem::path& folder);
+
+// Removes the files that a conversion writes, and then the folder when it is empty. Whatever else stands in
+// it stays, and so does the folder: std::errc::directory_not_empty. A missing folder is no error.
+std::error_code removeDataset(const std::filesystem::path& folder);
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,147 @@
+#include "output_check.h"
+
+#include "exit_status.h"
+#include "platform.h"
+
+#include <fmt/format.h>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void refuse(const std::string& name, const std::string& what) {
+    throw Failure(ExitStatus::OutputRefused, fmt::format("{}: {}", name, what));
+}
+
+// The folder or one of its ancestors is the one with this identity: found by what they are, not by spelling,
+// so that links, binds and letter case hide nothing.
+bool standsIn(fs::path path, const FileIdentity& folder) {
+    for (;; path = path.parent_path()) {
+        if (identityOf(path) == folder) {
+            return true;
+        }
+        if (path == path.parent_path()) {
+            return false;
+        }
+    }
+}
+
+// A link in the folder would be lost as well as a file in it, so both the input's own name and what it leads
+// to are looked at.
+bool holdsInput(const OutputPlace& place, const std::string& input) {
+    const auto folder = identityOf(place.folder);
+    const fs::path path = fs::absolute(pathFromText(input));
+    return folder &&
+           (standsIn(fs::canonical(path), *folder) || standsIn(fs::canonical(path.parent_path()), *folder));
+}
+
+// With --force everything in the folder goes, so nothing in it may be the input under another name, or lie on
+// another file system that happens to be mounted there.
+void checkTree(const OutputPlace& place, const std::string& input) {
+    const auto inputIdentity = identityOf(pathFromText(input));
+    const auto folder = identityOf(place.folder);
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(place.folder)) {
+        if (entry.is_symlink()) {
+            continue;
+        }
+        const auto identity = identityOf(entry.path());
+        if (identity && identity == inputIdentity) {
+            refuse(place.name,
+                   fmt::format("holds the input as {}: choose another folder", textFromPath(entry.path())));
+        }
+        if ((identity && identity->device != folder->device) ||
+            (entry.is_directory() && isMountPoint(entry.path()))) {
+            refuse(place.name, fmt::format("another file system is mounted at {}: choose another folder",
+                                           textFromPath(entry.path())));
+        }
+    }
+}
+
+void checkContent(OutputPlace& place, const std::string& input, bool force) {
+    try {
+        const FolderListing listing = listFolder(place.folder);
+        place.content = listing.content;
+        if (listing.content == FolderContent::Other && !force) {
+            refuse(place.name,
+                   fmt::format("is neither empty nor an earlier dataset (see {}): choose another folder, or "
+                               "--force to delete everything in it",
+                               listing.foreign));
+        }
+        if (listing.content == FolderContent::Other) {
+            checkTree(place, input);
+        }
+    } catch (const fs::filesystem_error& error) {
+        refuse(place.name,
+               fmt::format("cannot be listed: {}: check its permissions", error.code().message()));
+    }
+}
+
+void requireWritable(const OutputPlace& place, const fs::path& folder) {
+    if (const std::error_code error = checkWritable(folder)) {
+        refuse(place.name,
+               fmt::format("{} cannot be written to: {}: choose another place, or change its permissions",
+                           textFromPath(folder), error.message()));
+    }
+}
+
+} // namespace
+
+OutputPlace resolveOutput(const std::string& name) {
+    if (name.empty()) {
+        refuse("\"\"", "the output folder has no name");
+    }
+    OutputPlace place;
+    place.name = name;
+    std::error_code error;
+    fs::path path = fs::absolute(pathFromText(name));
+    if (!path.has_filename()) {
+        path = path.parent_path(); // a separator at the end
+    }
+    place.folder = fs::weakly_canonical(path, error);
+    if (error) {
+        refuse(name, fmt::format("cannot be resolved: {}", error.message()));
+    }
+    if (!place.folder.has_filename() && place.folder != place.folder.root_path()) {
+        place.folder = place.folder.parent_path();
+    }
+    if (fs::is_symlink(fs::symlink_status(place.folder, error))) {
+        refuse(name, "is a link that leads nowhere: remove it, or create the folder behind it");
+    }
+    place.exists = fs::exists(place.folder, error);
+    place.foundation = place.folder;
+    while (!fs::exists(place.foundation, error) && place.foundation != place.foundation.root_path()) {
+        place.foundation = place.foundation.parent_path();
+    }
+    return place;
+}
+
+void checkOutput(OutputPlace& place, const std::string& input, bool force) {
+    std::error_code error;
+    if (!fs::is_directory(place.foundation, error)) {
+        if (identityOf(place.foundation) == identityOf(pathFromText(input))) {
+            refuse(place.name, place.exists ? "is the input itself: choose another name"
+                                            : "lies inside the input's path: choose another folder");
+        }
+        refuse(place.name,
+               fmt::format("{} is no folder: choose another name", textFromPath(place.foundation)));
+    }
+    if (!place.exists) {
+        requireWritable(place, place.foundation);
+        return;
+    }
+    if (place.folder == place.folder.root_path() || isMountPoint(place.folder)) {
+        refuse(place.name, "is a mount point, which cannot be replaced: name a folder in it");
+    }
+    if (holdsInput(place, input)) {
+        refuse(place.name, "holds the input, which would be deleted: choose another folder");
+    }
+    if (const auto folder = identityOf(place.folder); folder && standsIn(fs::current_path(), *folder)) {
+        refuse(place.name, "is or holds the current folder: start from another folder, or name a new one");
+    }
+    checkContent(place, input, force);
+    requireWritable(place, place.folder);
+    requireWritable(place, place.folder.parent_path());
+}
+
+} // namespace Tavrin::SplatProgram

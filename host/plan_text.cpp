@@ -1,0 +1,97 @@
+#include "plan_text.h"
+
+#include "figures.h"
+#include "platform.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+std::string row(const char* name, const std::string& value) {
+    return fmt::format("{:<16}{}\n", name, value);
+}
+
+std::string pointText(const Point& point, const char* format) {
+    return fmt::format("x {}, y {}, z {}", fmt::format(fmt::runtime(format), point[0]),
+                       fmt::format(fmt::runtime(format), point[1]),
+                       fmt::format(fmt::runtime(format), point[2]));
+}
+
+std::string cellsText(const Plan& plan) {
+    if (plan.grid.oneCell) {
+        return "1 (up to 1,000,000 splats are one cell)";
+    }
+    if (!plan.areCellsKnown) {
+        return "not known: the grid is too wide";
+    }
+    return fmt::format("{} of {} x {} ({:g} x {:g} units each), the fullest with {}",
+                       countText(plan.cells.cells), countText(static_cast<std::uint64_t>(plan.grid.countX)),
+                       countText(static_cast<std::uint64_t>(plan.grid.countY)), plan.grid.cellSizeX,
+                       plan.grid.cellSizeY, countText(plan.cells.largest, "splat", "splats"));
+}
+
+std::string boxText(const Plan& plan) {
+    return fmt::format("({:g}, {:g}, {:g}) to ({:g}, {:g}, {:g}), {}", plan.box.min[0], plan.box.min[1],
+                       plan.box.min[2], plan.box.max[0], plan.box.max[1], plan.box.max[2],
+                       plan.isBoxMeasured ? "measured by the converter, the origin always in it"
+                                          : "as stated");
+}
+
+} // namespace
+
+std::string planText(const Plan& plan, const OutputPlace& output) {
+    const SplatLayout& layout = plan.input.file.layout;
+    std::string text;
+    text += row("input", plan.input.name);
+    text += row("output", textFromPath(output.folder));
+    text += row("records", fmt::format("{} of {} floats ({} bytes)", countText(plan.input.file.records),
+                                       layout.floats, layout.recordBytes()));
+    text += row("degree", fmt::format("{} of the spherical harmonics", layout.degree()));
+    text += row("box", boxText(plan));
+    text += row("cells", cellsText(plan));
+    text += row("left out", countText(plan.cells.leftOut, "splat", "splats"));
+    text += row("data.bin", countText(plan.dataBytes, "byte", "bytes"));
+    if (layout.hasCoefficients()) {
+        text += row("shcoef.bin", countText(plan.coefficientBytes, "byte", "bytes"));
+    }
+    text += row("index.bin", plan.areCellsKnown ? countText(plan.indexBytes, "byte", "bytes") : "not known");
+    text += row("disk", fmt::format("{}, {} are free", bytesText(plan.diskBytes), bytesText(plan.freeDisk)));
+    text += row("peak memory",
+                fmt::format("{}, {} are free", bytesText(plan.memory), bytesText(plan.freeMemory)));
+    text += row("position steps", pointText(plan.positionStep, "{:.3g}") + " units (kept as they are)");
+    text += row("scale steps", pointText(plan.scaleStep, "{:.3g}") + " units");
+    return text;
+}
+
+std::string planJson(const Plan& plan, const OutputPlace& output, const std::vector<std::string>& warnings) {
+    const SplatLayout& layout = plan.input.file.layout;
+    nlohmann::ordered_json json;
+    json["input"] = plan.input.name;
+    json["output"] = textFromPath(output.folder);
+    json["records"] = plan.input.file.records;
+    json["recordFloats"] = layout.floats;
+    json["recordBytes"] = layout.recordBytes();
+    json["degree"] = layout.degree();
+    json["box"] = {{"min", plan.box.min}, {"max", plan.box.max}, {"measured", plan.isBoxMeasured}};
+    if (plan.areCellsKnown) {
+        json["cells"] = plan.cells.cells;
+        json["indexBytes"] = plan.indexBytes;
+    }
+    json["largestCell"] = plan.cells.largest;
+    json["leftOut"] = plan.cells.leftOut;
+    json["dataBytes"] = plan.dataBytes;
+    json["shcoefBytes"] = plan.coefficientBytes;
+    json["diskBytes"] = plan.diskBytes;
+    json["freeDiskBytes"] = plan.freeDisk;
+    json["memoryBytes"] = plan.memory;
+    json["freeMemoryBytes"] = plan.freeMemory;
+    json["positionSteps"] = plan.positionStep;
+    json["scaleSteps"] = plan.scaleStep;
+    json["warnings"] = warnings;
+    // Paths may hold bytes that are no UTF-8.
+    return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+} // namespace Tavrin::SplatProgram

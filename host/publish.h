@@ -1,0 +1,61 @@
+#pragma once
+
+#include "output_check.h"
+#include "platform.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// Names beside an output folder OUT, all ending in the process id of the run that made them:
+//   OUT.partial-PID       the dataset being written; after the exchange of names, the one that was replaced
+//   OUT.partial-PID.lock  locked while that run lives, so that a later one knows what is left over
+//   OUT.replaced-PID      the earlier dataset, for the moment between two renames on file systems without an
+//                         exchange of names
+
+// Puts back an earlier dataset that a dead run had renamed but not yet replaced, and removes what dead runs
+// left beside the output folder. What live runs write, and files that no conversion writes, stay.
+void cleanUpDeadRuns(const std::filesystem::path& folder);
+
+// The folder that a conversion writes to, beside the output folder and on the same file system. Unless it is
+// published, it is removed with this object, and so are missing parents that were created for it.
+class PartialFolder {
+public:
+    // Creates missing parents and takes the lock; the folder itself is left to the converter. Throws a
+    // Failure (OutputRefused) when that fails.
+    explicit PartialFolder(OutputPlace place);
+    PartialFolder(const PartialFolder&) = delete;
+    PartialFolder& operator=(const PartialFolder&) = delete;
+    ~PartialFolder();
+
+    const std::filesystem::path& path() const { return m_path; }
+
+    // Returns when files and folder are on the disk itself. `progress` gets the share that is done, 0 to 1.
+    // Throws a Failure (ConversionFailed).
+    void flush(const std::function<void(double)>& progress) const;
+
+    // Puts the folder in the place of the output folder, in one step where the file system has it, and
+    // removes what stood there. Checks once more what stands there now, and throws a Failure when a dataset
+    // may not take the place any more or when renaming fails; the place is then as it was. Returns what
+    // remains to be said: a replaced folder that could not be removed.
+    std::optional<std::string> publish(const std::string& input, bool force);
+
+private:
+    void createParents();
+    void replace();
+    void removeCreatedParents() noexcept;
+
+    OutputPlace m_place;
+    std::vector<std::filesystem::path> m_createdParents; // outermost first
+    std::filesystem::path m_path;
+    std::filesystem::path m_replaced;
+    std::unique_ptr<LockFile> m_lock;
+    bool m_isPublished = false;
+};
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,168 @@
+#include "scene_scan.h"
+
+#include "exit_status.h"
+#include "interrupt.h"
+#include "platform.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fmt/format.h>
+#include <fstream>
+#include <limits>
+#include <unordered_map>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr std::uint64_t windowBytes =
+    1 << 20; // read at a time: stays in the cache, and 1 MiB keeps a disk busy
+
+// Calls visit(record) with a pointer to the bytes of each of `count` records of `stride` bytes from the start
+// of the body on. What lies behind the end of the file reads as zeros.
+template <typename Visit>
+void forEachRecord(const SplatFile& file, std::uint64_t stride, std::uint64_t count,
+                   const ScanProgress& progress, Visit visit) {
+    std::ifstream stream;
+    stream.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
+    stream.open(file.path, std::ios::binary);
+    stream.seekg(static_cast<std::streamoff>(file.bodyAt));
+    const std::uint64_t windowRecords = std::max<std::uint64_t>(windowBytes / stride, 1);
+    std::vector<char> window(windowRecords * stride);
+    std::uint64_t left = file.size - std::min(file.size, file.bodyAt); // bytes of the file not read yet
+    for (std::uint64_t done = 0; done < count;) {
+        throwIfInterrupted();
+        const std::uint64_t records = std::min(windowRecords, count - done);
+        const std::uint64_t bytes = std::min(records * stride, left);
+        stream.read(window.data(), static_cast<std::streamsize>(bytes));
+        if (!stream) {
+            throw Failure(ExitStatus::InputRefused,
+                          fmt::format("{}: the file cannot be read at byte {}: check the disk",
+                                      textFromPath(file.path), file.size - left));
+        }
+        std::fill(window.begin() + static_cast<std::ptrdiff_t>(bytes), window.end(), '\0');
+        left -= bytes;
+        for (std::uint64_t i = 0; i < records; ++i) {
+            visit(window.data() + i * stride);
+        }
+        done += records;
+        progress(static_cast<double>(done) / static_cast<double>(count));
+    }
+}
+
+std::array<float, 3> threeFloats(const char* bytes) {
+    std::array<float, 3> values;
+    std::memcpy(values.data(), bytes, sizeof values);
+    return values;
+}
+
+// NaN compares false and so leaves the range as it is.
+void widen(double& min, double& max, double value) {
+    if (value < min) {
+        min = value;
+    }
+    if (value > max) {
+        max = value;
+    }
+}
+
+void widen(Box& box, const std::array<float, 3>& position) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        widen(box.min[axis], box.max[axis], double{position[axis]});
+    }
+}
+
+constexpr Box emptyBox() {
+    return {{infinity, infinity, infinity}, {-infinity, -infinity, -infinity}};
+}
+
+bool lieIn(const std::array<float, 3>& position, const Box& box) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        if (!(position[axis] >= box.min[axis] && position[axis] <= box.max[axis])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The key's high half is the row or-ed with what of the column exceeds 16 bits, so a key can belong to
+// several columns and rows. True when any of them lies in the grid.
+bool isListed(std::uint32_t key, const SplatReader::Grid& grid) {
+    constexpr std::int64_t half = 65536;
+    const std::int64_t low = SplatReader::keyColumn(key);
+    const std::int64_t high = SplatReader::keyRow(key);
+    for (std::int64_t over = 0; low + over * half < grid.countX; ++over) {
+        const std::int64_t row = high & ~over; // the least row that gives the rest
+        if ((over & ~high) == 0 && row < grid.countY) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+SceneExtent measureScene(const SplatFile& file, const std::optional<Box>& bounds,
+                         const ScanProgress& progress) {
+    SceneExtent extent;
+    extent.box = emptyBox();
+    Box logScale = emptyBox();
+    const std::size_t scaleAt = file.layout.scaleFloat() * sizeof(float);
+    forEachRecord(file, file.layout.recordBytes(), file.records, progress, [&](const char* record) {
+        const std::array<float, 3> position = threeFloats(record);
+        widen(extent.box, position);
+        widen(logScale, threeFloats(record + scaleAt));
+        const bool isFinite =
+            std::isfinite(position[0]) && std::isfinite(position[1]) && std::isfinite(position[2]);
+        extent.notFinite += isFinite ? 0 : 1;
+        extent.outside += bounds && !lieIn(position, *bounds) ? 1 : 0;
+    });
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        extent.scaleMin[axis] = std::exp(logScale.min[axis]);
+        extent.scaleMax[axis] = std::exp(logScale.max[axis]);
+    }
+    return extent;
+}
+
+Box convertersBox(const SplatFile& file, const SceneExtent& extent) {
+    constexpr std::uint64_t scanStride = 248;
+    Box box = {};
+    if (file.layout.recordBytes() == scanStride) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            box.min[axis] = std::min(0.0, extent.box.min[axis]);
+            box.max[axis] = std::max(0.0, extent.box.max[axis]);
+        }
+        return box;
+    }
+    // Behind the end of the file the scan finds zeros, which the box holds anyway.
+    const std::uint64_t bodyBytes = file.size - file.bodyAt;
+    const std::uint64_t visited = std::min(file.records, bodyBytes / scanStride + 1);
+    forEachRecord(
+        file, scanStride, visited, [](double) {}, [&](const char* at) { widen(box, threeFloats(at)); });
+    return box;
+}
+
+CellUse countCells(const SplatFile& file, const SplatReader::Grid& grid, const ScanProgress& progress) {
+    if (grid.oneCell) {
+        return {1, file.records, 0};
+    }
+    std::unordered_map<std::uint32_t, std::uint64_t> counts;
+    forEachRecord(file, file.layout.recordBytes(), file.records, progress, [&](const char* record) {
+        const std::array<float, 3> position = threeFloats(record);
+        ++counts[grid.keyAt(position[0], position[1])];
+    });
+    CellUse use;
+    for (const auto& [key, count] : counts) {
+        if (isListed(key, grid)) {
+            ++use.cells;
+            use.largest = std::max(use.largest, count);
+        } else {
+            use.leftOut += count;
+        }
+    }
+    return use;
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,53 @@
+#include "summary.h"
+
+#include "figures.h"
+
+#include <cmath>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+std::uint64_t splatsPerSecond(const Summary& summary) {
+    return summary.seconds > 0.0
+               ? static_cast<std::uint64_t>(std::llround(static_cast<double>(summary.read) / summary.seconds))
+               : 0;
+}
+
+} // namespace
+
+std::string summaryText(const Summary& summary) {
+    std::string sizes = "data.bin " + bytesText(summary.dataBytes);
+    if (summary.coefficientBytes > 0) {
+        sizes += ", shcoef.bin " + bytesText(summary.coefficientBytes);
+    }
+    sizes += ", index.bin " + bytesText(summary.indexBytes);
+    const std::string loss =
+        summary.leftOut > 0 ? fmt::format(" ({} left out)", countText(summary.leftOut)) : std::string();
+    return fmt::format("{}: {}{} in {}; {}; {}, {} splats/s\n", summary.output,
+                       countText(summary.written, "splat", "splats"), loss,
+                       countText(summary.cells, "cell", "cells"), sizes, durationText(summary.seconds),
+                       countText(splatsPerSecond(summary)));
+}
+
+std::string summaryJson(const Summary& summary) {
+    nlohmann::ordered_json json;
+    json["input"] = summary.input;
+    json["output"] = summary.output;
+    json["splatsRead"] = summary.read;
+    json["splatsWritten"] = summary.written;
+    json["splatsLeftOut"] = summary.leftOut;
+    json["cells"] = summary.cells;
+    json["dataBytes"] = summary.dataBytes;
+    json["shcoefBytes"] = summary.coefficientBytes;
+    json["indexBytes"] = summary.indexBytes;
+    json["metaBytes"] = summary.metaBytes;
+    json["seconds"] = summary.seconds;
+    json["splatsPerSecond"] = splatsPerSecond(summary);
+    json["warnings"] = summary.warnings;
+    // Paths may hold bytes that are no UTF-8.
+    return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+} // namespace Tavrin::SplatProgram

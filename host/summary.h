@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// What a conversion that was published has done.
+struct Summary {
+    std::string input;  // as given
+    std::string output; // as given
+    std::uint64_t read = 0;
+    std::uint64_t written = 0;
+    std::uint64_t leftOut = 0;
+    std::uint64_t cells = 0;
+    std::uint64_t dataBytes = 0;
+    std::uint64_t coefficientBytes = 0;
+    std::uint64_t indexBytes = 0;
+    std::uint64_t metaBytes = 0;
+    double seconds = 0.0; // from the start of the program to the publication
+    std::vector<std::string> warnings;
+};
+
+// One line for people.
+std::string summaryText(const Summary& summary);
+
+// The same as one JSON object on one line, for machines.
+std::string summaryJson(const Summary& summary);
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,66 @@
+#include "verification.h"
+
+#include "exit_status.h"
+#include "figures.h"
+#include "interrupt.h"
+
+#include <fmt/format.h>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+[[noreturn]] void fail(const std::string& input, const std::string& what) {
+    throw Failure(ExitStatus::VerificationFailed,
+                  fmt::format("{}: the written dataset is not sound: {}", input, what));
+}
+
+// What the plan foresaw, which the program computed from the input by itself.
+void compareWithPlan(const SplatReader::VerifyReport& report, const std::string& input, const Plan& plan) {
+    const std::uint64_t read = plan.input.file.records;
+    if (report.splatsHeld + report.splatsLeftOut != read) {
+        fail(input, fmt::format("{} read, but {} written and {} left out", countText(read, "splat", "splats"),
+                                countText(report.splatsHeld), countText(report.splatsLeftOut)));
+    }
+    if (!plan.areCellsKnown) {
+        return;
+    }
+    if (report.splatsLeftOut != plan.cells.leftOut || report.cells != plan.cells.cells) {
+        fail(input, fmt::format("{} cells with {} splats left out, planned were {} with {}",
+                                countText(report.cells), countText(report.splatsLeftOut),
+                                countText(plan.cells.cells), countText(plan.cells.leftOut)));
+    }
+}
+
+} // namespace
+
+SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, const std::string& input,
+                                           const Plan* plan, bool allowLoss, Progress& progress) {
+    SplatReader::VerifyOptions options;
+    options.level = SplatReader::VerifyLevel::full;
+    options.progress = [&](std::uint64_t done, std::uint64_t all) {
+        throwIfInterrupted();
+        progress.update("verifying", all > 0 ? static_cast<double>(done) / static_cast<double>(all) : 1.0);
+    };
+    progress.update("verifying");
+    SplatReader::VerifyReport report = SplatReader::verifyDataset(folder, options);
+    progress.clear();
+    if (!report.sound()) {
+        const std::uint64_t more = report.findings.errorCount() - 1;
+        fail(input, report.findings.errors().front().text() +
+                        (more > 0 ? fmt::format(" (and {} more)", countText(more)) : ""));
+    }
+    if (plan != nullptr) {
+        compareWithPlan(report, input, *plan);
+    }
+    if (report.splatsLeftOut > 0 && !allowLoss) {
+        throw Failure(
+            ExitStatus::SplatsLeftOut,
+            fmt::format("{}: {} of {} outside the grid and are left out: state bounds that hold them, or "
+                        "--allow-loss",
+                        input, countText(report.splatsLeftOut),
+                        countText(report.splatsHeld + report.splatsLeftOut, "splat lies", "splats lie")));
+    }
+    return report;
+}
+
+} // namespace Tavrin::SplatProgram
