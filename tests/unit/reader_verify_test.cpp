@@ -1,0 +1,347 @@
+// verifyDataset over sound datasets, single faults and hostile sizes.
+#include "reader/verify.h"
+
+#include <cmath>
+#include <functional>
+#include <random>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/dataset_writer.h"
+
+namespace {
+
+using namespace Tavrin::SplatReader;
+using DatasetWriter::Files;
+using DatasetWriter::setWord;
+using DatasetWriter::TemporaryFolder;
+using testing::HasSubstr;
+
+std::string allFindings(const VerifyReport& report) {
+    std::string text;
+    for (const Finding& finding : report.findings.errors()) {
+        text += "error: " + finding.text() + "\n";
+    }
+    for (const Finding& finding : report.findings.warnings()) {
+        text += "warning: " + finding.text() + "\n";
+    }
+    return text;
+}
+
+VerifyReport verify(const Files& files, VerifyLevel level = VerifyLevel::full) {
+    const TemporaryFolder folder;
+    writeFiles(folder.path(), files);
+    VerifyOptions options;
+    options.level = level;
+    return verifyDataset(folder.path(), options);
+}
+
+Files soundFiles() {
+    return DatasetWriter::oneCellFiles(DatasetWriter::smallScene());
+}
+
+TEST(ReaderVerify, ASoundSceneHasNoFindings) {
+    for (const VerifyLevel level : {VerifyLevel::quick, VerifyLevel::full}) {
+        const VerifyReport report = verify(soundFiles(), level);
+        EXPECT_EQ(allFindings(report), "");
+        EXPECT_TRUE(report.sound());
+        EXPECT_EQ(report.cells, 1U);
+        EXPECT_EQ(report.splatsHeld, 5U);
+        EXPECT_EQ(report.splatsLeftOut, 0U);
+        EXPECT_EQ(report.dataBytes, 160U);
+        EXPECT_EQ(report.coefficientBytes, 320U);
+        EXPECT_EQ(report.indexBytes, 20U);
+        EXPECT_EQ(report.use.has_value(), level == VerifyLevel::full);
+    }
+}
+
+TEST(ReaderVerify, ASoundGridHasNoFindingsAndSaysWhatIsLeftOut) {
+    const VerifyReport report = verify(DatasetWriter::gridScene());
+    EXPECT_EQ(report.findings.errorCount(), 0U) << allFindings(report);
+    EXPECT_EQ(report.cells, 4U);
+    EXPECT_EQ(report.splatsHeld, 7U);
+    EXPECT_EQ(report.splatsLeftOut, 999'994U);
+    ASSERT_TRUE(report.use);
+    EXPECT_EQ(report.use->records, 7U);
+}
+
+TEST(ReaderVerify, AGridWithoutAnySplatIsSound) {
+    const VerifyReport report = verify(DatasetWriter::gridFiles({}));
+    EXPECT_EQ(allFindings(report), "");
+    EXPECT_EQ(report.splatsLeftOut, 1'000'001U);
+}
+
+TEST(ReaderVerify, OtherFormsAreSound) {
+    DatasetWriter::MetaFields fields;
+    fields.fileType = "Portable";
+    EXPECT_EQ(allFindings(verify(DatasetWriter::oneCellFiles(DatasetWriter::smallScene(), fields))), "");
+
+    fields.fileType = "Quality";
+    fields.encoding = "DEFAULT";
+    fields.totalLevel = 2;
+    Files raw = DatasetWriter::oneCellFiles(DatasetWriter::smallScene(), fields);
+    raw.index = DatasetWriter::indexEntry(0, {{4, 0}, {1, 128}});
+    raw.coefficients = std::string(5 * 192, '\0');
+    EXPECT_EQ(allFindings(verify(raw)), "");
+    raw.index = DatasetWriter::indexEntry(0, {{5, 0}, {0, 0}});
+    EXPECT_EQ(allFindings(verify(raw)), "");
+}
+
+TEST(ReaderVerify, ReportsHowTheStepsAreUsed) {
+    const VerifyReport report = verify(soundFiles());
+    ASSERT_TRUE(report.use);
+    EXPECT_EQ(report.use->scale[0].lowest, 0U);
+    EXPECT_EQ(report.use->scale[0].highest, 65535U);
+    EXPECT_EQ(report.use->scale[0].atZero, 1U);
+    EXPECT_EQ(report.use->opacity.atMaximum, 1U);
+    EXPECT_EQ(report.use->coefficient[1].highest, 1023U);
+    EXPECT_EQ(report.use->coefficient[1].atMaximum, 15U);
+}
+
+struct Fault {
+    std::string name;
+    std::function<void(Files&)> apply;
+    std::string kind;
+    VerifyLevel level = VerifyLevel::quick;
+    bool grid = false;
+};
+
+std::ostream& operator<<(std::ostream& out, const Fault& fault) {
+    return out << fault.name;
+}
+
+void inMeta(Files& files, const std::string& from, const std::string& to) {
+    const std::size_t at = files.meta.find(from);
+    ASSERT_NE(at, std::string::npos) << from;
+    files.meta.replace(at, from.size(), to);
+}
+
+void inRecord(Files& files, std::size_t record, std::size_t offset, std::uint64_t value, int width) {
+    setWord(files.data, 32 * record + offset, value, width);
+}
+
+constexpr VerifyLevel full = VerifyLevel::full;
+
+const std::vector<Fault>& faults() {
+    static const std::vector<Fault> list = {
+        // sizes
+        {"data one byte short", [](Files& f) { f.data.pop_back(); }, "data-size"},
+        {"data one byte long", [](Files& f) { f.data += '\0'; }, "data-size"},
+        {"data one record short", [](Files& f) { f.data.resize(f.data.size() - 32); }, "data-size"},
+        {"data one record long", [](Files& f) { f.data += f.data.substr(0, 32); }, "data-size"},
+        {"data empty", [](Files& f) { f.data.clear(); }, "data-size"},
+        {"coefficients one byte short", [](Files& f) { f.coefficients.pop_back(); }, "coefficient-size"},
+        {"coefficients one byte long", [](Files& f) { f.coefficients += 'x'; }, "coefficient-size"},
+        {"coefficients one record short", [](Files& f) { f.coefficients.resize(256); }, "coefficient-size"},
+        {"coefficients one record long", [](Files& f) { f.coefficients.resize(384); }, "coefficient-size"},
+        {"coefficients empty", [](Files& f) { f.coefficients.clear(); }, "coefficient-size"},
+        {"coefficients missing", [](Files& f) { f.hasCoefficients = false; }, "file-missing"},
+        {"coefficients unasked", [](Files& f) { inMeta(f, "Quality", "Portable"); }, "coefficient-file"},
+        {"coefficients in the other form", [](Files& f) { inMeta(f, "COMPRESS", "DEFAULT"); },
+         "coefficient-size"},
+        {"index one byte short", [](Files& f) { f.index.pop_back(); }, "index-size"},
+        {"index one byte long", [](Files& f) { f.index += '\0'; }, "index-size"},
+        {"index empty", [](Files& f) { f.index.clear(); }, "index-size"},
+        {"index doubled", [](Files& f) { f.index += f.index; }, "index-size"},
+        {"meta empty", [](Files& f) { f.meta.clear(); }, "meta-syntax"},
+        {"meta without a comma", [](Files& f) { inMeta(f, "0,", "0"); }, "meta-syntax"},
+        // the one cell
+        {"key of the one cell", [](Files& f) { setWord(f.index, 0, 1, 4); }, "index-key"},
+        {"count one less", [](Files& f) { setWord(f.index, 4, 4, 4); }, "index-bytes"},
+        {"count one more", [](Files& f) { setWord(f.index, 4, 6, 4); }, "index-range"},
+        {"count zero", [](Files& f) { setWord(f.index, 4, 0, 4); }, "index-sum"},
+        {"count lies", [](Files& f) { setWord(f.index, 4, 0xFFFFFFFF, 4); }, "index-sum"},
+        {"count and size one less", [](Files& f) { setWord(f.index, 4, 4, 4), setWord(f.index, 16, 128, 4); },
+         "data-size"},
+        {"offset", [](Files& f) { setWord(f.index, 8, 32, 8); }, "index-offset"},
+        {"offset far outside", [](Files& f) { setWord(f.index, 8, UINT64_MAX, 8); }, "index-range"},
+        {"size", [](Files& f) { setWord(f.index, 16, 161, 4); }, "index-bytes"},
+        {"splat count above the index", [](Files& f) { inMeta(f, ": 5,", ": 6,"), inMeta(f, "[5]", "[6]"); },
+         "index-sum"},
+        {"splat count below the index", [](Files& f) { inMeta(f, ": 5,", ": 4,"), inMeta(f, "[5]", "[4]"); },
+         "index-sum"},
+        {"levels",
+         [](Files& f) { inMeta(f, "Level\": 1", "Level\": 2"), inMeta(f, "Size\": 20", "Size\": 36"); },
+         "index-size"},
+        {"levels lie", [](Files& f) { inMeta(f, "Level\": 1", "Level\": 2147483647"); }, "index-size"},
+        // the grid
+        {"keys out of order",
+         [](Files& f) { std::swap_ranges(f.index.begin(), f.index.begin() + 4, f.index.begin() + 20); },
+         "index-order", VerifyLevel::quick, true},
+        {"key twice", [](Files& f) { setWord(f.index, 20, 0, 4); }, "index-order", VerifyLevel::quick, true},
+        {"key outside in X", [](Files& f) { setWord(f.index, 60, 4 | (1U << 16), 4); }, "index-key",
+         VerifyLevel::quick, true},
+        {"key outside in Y", [](Files& f) { setWord(f.index, 60, 3 | (3U << 16), 4); }, "index-key",
+         VerifyLevel::quick, true},
+        {"key far outside", [](Files& f) { setWord(f.index, 60, 0xFFFFFFFF, 4); }, "index-key",
+         VerifyLevel::quick, true},
+        {"gap", [](Files& f) { setWord(f.index, 28, 96, 8); }, "index-offset", VerifyLevel::quick, true},
+        {"overlap", [](Files& f) { setWord(f.index, 28, 32, 8); }, "index-offset", VerifyLevel::quick, true},
+        {"empty entry",
+         [](Files& f) {
+             f.index += DatasetWriter::indexEntry(3 | (2U << 16), {{0, 0}});
+         },
+         "index-count", VerifyLevel::quick, true},
+        {"sum off", [](Files& f) { setWord(f.index, 64, 2, 4), setWord(f.index, 76, 64, 4); }, "data-size",
+         VerifyLevel::quick, true},
+        {"entries swapped",
+         [](Files& f) { f.index = f.index.substr(20, 20) + f.index.substr(0, 20) + f.index.substr(40); },
+         "index-offset", VerifyLevel::quick, true},
+        {"entry missing", [](Files& f) { f.index.erase(20, 20); }, "index-offset", VerifyLevel::quick, true},
+        {"more entries than records", [](Files& f) { f.index.resize(20 * 12); }, "index-size",
+         VerifyLevel::quick, true},
+        {"splat in the wrong cell",
+         [](Files& f) { inRecord(f, 0, 0, std::bit_cast<std::uint32_t>(25.0F), 4); }, "record-cell", full,
+         true},
+        {"splat outside the grid",
+         [](Files& f) { inRecord(f, 6, 4, std::bit_cast<std::uint32_t>(-21.0F), 4); }, "record-cell", full,
+         true},
+        {"key moved", [](Files& f) { setWord(f.index, 60, 3 | (2U << 16), 4); }, "record-cell", full, true},
+        {"cell length", [](Files& f) { inMeta(f, "\"cellLengthX\": 30", "\"cellLengthX\": 15"); },
+         "meta-cell-length", VerifyLevel::quick, true},
+        // records
+        {"x not a number", [](Files& f) { inRecord(f, 1, 0, 0x7FC00000, 4); }, "record-position", full},
+        {"y infinite", [](Files& f) { inRecord(f, 1, 4, 0x7F800000, 4); }, "record-position", full},
+        {"z infinite", [](Files& f) { inRecord(f, 4, 8, 0xFF800000, 4); }, "record-position", full},
+        {"impossible rotation", [](Files& f) { inRecord(f, 2, 22, 0xFFFFFFFF, 4); }, "record-rotation", full},
+        {"lowest scale gone", [](Files& f) { inRecord(f, 0, 16, 1, 2); }, "record-range", full},
+        {"highest scale gone", [](Files& f) { inRecord(f, 4, 18, 65534, 2); }, "record-range", full},
+        {"highest normal gone", [](Files& f) { inRecord(f, 4, 30, 0, 2); }, "record-range", full},
+        {"highest red gone", [](Files& f) { inRecord(f, 4, 12, 254, 1); }, "record-range", full},
+        {"lowest blue gone",
+         [](Files& f) {
+             inMeta(f, "\"color\",\n\t\t\t\"min\": [0, 0, 0]", "\"color\",\n\t\t\t\"min\": [0, 0, 0.5]");
+             inRecord(f, 0, 14, 200, 1);
+         },
+         "record-range", full},
+        {"highest opacity gone", [](Files& f) { inRecord(f, 4, 15, 7, 1); }, "record-range", full},
+        {"highest coefficients gone",
+         [](Files& f) { f.coefficients.replace(256, 60, std::string(60, '\1')); }, "record-range", full},
+        {"padding", [](Files& f) { f.coefficients[64 + 63] = '\1'; }, "record-padding", full},
+        {"padding of the last", [](Files& f) { f.coefficients[4 * 64 + 60] = '\x80'; }, "record-padding",
+         full},
+    };
+    return list;
+}
+
+class ReaderVerifyFault : public testing::TestWithParam<Fault> {};
+
+TEST_P(ReaderVerifyFault, IsFound) {
+    const Fault& fault = GetParam();
+    Files files = fault.grid ? DatasetWriter::gridScene() : soundFiles();
+    fault.apply(files);
+    const VerifyReport report = verify(files, fault.level);
+    EXPECT_FALSE(report.sound());
+    EXPECT_EQ(report.findings.errorKinds().count(fault.kind), 1U) << allFindings(report);
+    for (const Finding& finding : report.findings.errors()) {
+        EXPECT_EQ(finding.text().find('\n'), std::string::npos);
+        EXPECT_THAT(finding.text(), HasSubstr(", byte "));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Single, ReaderVerifyFault, testing::ValuesIn(faults()), [](const auto& instance) {
+    std::string name;
+    for (const char c : instance.param.name) {
+        name += c == ' ' ? '_' : c;
+    }
+    return name;
+});
+
+TEST(ReaderVerify, WarningsAreNoErrors) {
+    Files files = soundFiles();
+    inRecord(files, 2, 0, std::bit_cast<std::uint32_t>(100.0F),
+             4);                  // outside the box: bounds may be stated wrongly
+    inRecord(files, 3, 22, 0, 4); // a source rotation of zeros
+    const VerifyReport report = verify(files);
+    EXPECT_EQ(report.findings.errorCount(), 0U) << allFindings(report);
+    EXPECT_EQ(report.findings.warningKinds().count("record-box"), 1U);
+    EXPECT_EQ(report.findings.warningKinds().count("record-rotation"), 1U);
+    EXPECT_EQ(report.use->undefinedRotations, 1U);
+}
+
+TEST(ReaderVerify, CrowdedStepsAreAWarning) {
+    std::vector<DatasetWriter::StoredSplat> scene = DatasetWriter::smallScene();
+    for (std::size_t i = 1; i < 4; ++i) {
+        scene[i].scale[1] = 0;
+    }
+    const VerifyReport report = verify(DatasetWriter::oneCellFiles(scene));
+    ASSERT_EQ(report.findings.warningCount(), 1U) << allFindings(report);
+    EXPECT_THAT(report.findings.warnings()[0].text(), HasSubstr("\"scale\" on axis y"));
+    EXPECT_THAT(report.findings.warnings()[0].text(), HasSubstr("4 of 5 records at step 0"));
+}
+
+TEST(ReaderVerify, FindingsOfOneKindAreCountedPastTheirLimit) {
+    Files files = soundFiles();
+    for (std::size_t i = 0; i < 5; ++i) {
+        inRecord(files, i, 0, 0x7FC00000, 4);
+    }
+    const TemporaryFolder folder;
+    writeFiles(folder.path(), files);
+    VerifyOptions options;
+    options.level = full;
+    options.findingsPerKind = 2;
+    const VerifyReport report = verifyDataset(folder.path(), options);
+    EXPECT_EQ(report.findings.errorKinds().at("record-position"), 5U);
+    EXPECT_EQ(report.findings.errors().size(), 2U);
+}
+
+TEST(ReaderVerify, AFolderThatIsNoneIsAFinding) {
+    const TemporaryFolder folder;
+    EXPECT_THAT(allFindings(verifyDataset(folder.path() / "none")),
+                HasSubstr("expected a dataset folder, found none"));
+    const VerifyReport empty = verifyDataset(folder.path());
+    EXPECT_EQ(empty.findings.errorKinds().at("file-missing"), 3U) << allFindings(empty);
+}
+
+TEST(ReaderVerify, SparseGiantsEndQuickly) {
+    const TemporaryFolder folder;
+    Files files = DatasetWriter::gridScene();
+    writeFiles(folder.path(), files);
+    std::filesystem::resize_file(folder.path() / "index.bin", 1ULL << 42);
+    EXPECT_FALSE(verifyDataset(folder.path()).sound());
+}
+
+TEST(ReaderVerify, KeysThatRunTogetherAreNotChecked) {
+    DatasetWriter::MetaFields fields;
+    Files files = DatasetWriter::gridFiles({{5U, {DatasetWriter::splatAt(160, 0)}}}, fields);
+    // A box of 100,000 cells along X; a key may come twice, the second time without splats.
+    files.index += DatasetWriter::indexEntry(5U, {{0, 32}});
+    fields.totalSplats = 1'000'001;
+    fields.box = {{0, 0, 0}, {3'000'000, 50, 5}};
+    fields.cellLengthX = fields.cellLengthY = 30;
+    files.meta = DatasetWriter::metaText(fields);
+    const VerifyReport report = verify(files);
+    EXPECT_EQ(report.findings.errorCount(), 0U) << allFindings(report);
+    EXPECT_EQ(report.findings.warningKinds().count("index-grid"), 1U);
+}
+
+// Random bytes over every file: whatever comes, a report and no crash.
+TEST(ReaderVerify, RandomDamageNeverCrashes) {
+    std::mt19937 engine(3);
+    const TemporaryFolder folder;
+    std::size_t sound = 0;
+    for (int round = 0; round < 2000; ++round) {
+        Files files = round % 2 == 0 ? soundFiles() : DatasetWriter::gridScene();
+        std::string* const targets[] = {&files.meta, &files.data, &files.index, &files.coefficients};
+        for (std::string* target : targets) {
+            if (engine() % 2 == 0) {
+                continue;
+            }
+            const unsigned changes = 1 + engine() % 4;
+            for (unsigned i = 0; i < changes && !target->empty(); ++i) {
+                (*target)[engine() % target->size()] = static_cast<char>(engine());
+            }
+            if (engine() % 8 == 0) {
+                target->resize(engine() % (2 * target->size() + 1));
+            }
+        }
+        writeFiles(folder.path(), files);
+        VerifyOptions options;
+        options.level = full;
+        sound += verifyDataset(folder.path(), options).sound() ? 1U : 0U;
+    }
+    EXPECT_LT(sound, 1000U);
+}
+
+} // namespace
