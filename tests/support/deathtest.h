@@ -1,0 +1,59 @@
+// Ends of processes, and what goes to standard output.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#if defined(_WIN32)
+#include <io.h>
+#else
+#include <unistd.h>
+#endif
+
+namespace support {
+
+// The exit status that a parent sees of a process that ends with -1.
+#if defined(_WIN32)
+inline constexpr int statusMinusOne = -1;
+#else
+inline constexpr int statusMinusOne = 255;
+#endif
+
+// Send standard output where standard error goes: a death test matches that alone.
+inline void mergeOutput() {
+    std::fflush(stdout);
+#if defined(_WIN32)
+    _dup2(2, 1);
+#else
+    dup2(2, 1);
+#endif
+}
+
+// What body writes to standard output.
+template <typename Body>
+std::string standardOutputOf(Body body) {
+    testing::internal::CaptureStdout();
+    body();
+    return testing::internal::GetCapturedStdout();
+}
+
+} // namespace support
+
+// The process that runs statement ends with status, having written what the regular expression output matches
+// to standard output or standard error. It is a process started anew, which has run no other test before.
+#define EXPECT_PROCESS_EXIT(statement, status, output)                                                       \
+    EXPECT_PROCESS_END(statement, testing::ExitedWithCode(status), output)
+
+// The same with a predicate of the exit status, such as testing::KilledBySignal.
+#define EXPECT_PROCESS_END(statement, predicate, output)                                                     \
+    do {                                                                                                     \
+        GTEST_FLAG_SET(death_test_style, "threadsafe");                                                      \
+        EXPECT_EXIT(                                                                                         \
+            {                                                                                                \
+                support::mergeOutput();                                                                      \
+                statement;                                                                                   \
+            },                                                                                               \
+            predicate, output);                                                                              \
+    } while (false)

@@ -1,0 +1,132 @@
+#include "src/platform.h"
+
+#include "tests/support/deathtest.h"
+#include "tests/support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <limits>
+#include <string>
+#include <thread>
+
+namespace Tavrin::GaussionSplat {
+
+namespace {
+
+TEST(LastPathComponent, IsWhatFollowsTheLastSeparatorBehindTheRootName) {
+    struct Row {
+        const char* path;
+        const char* component;
+    };
+    const Row rows[] = {
+        {"convert", "convert"},
+        {"src/indexer", "indexer"},
+        {"src\\indexer", "indexer"},
+        {"/home/build/src/chunker.cpp", "chunker.cpp"},
+        {"D:/build/src/chunker", "chunker"},
+        {"D:\\build\\src\\chunker", "chunker"},
+        {"D:\\build/src\\mixed/chunker", "chunker"},
+        {"D:chunker", "chunker"}, // a drive letter is no part of the component
+        {"d:chunker", "chunker"},
+        {"D:", ""},
+        {"1:chunker", "1:chunker"}, // no drive
+        {"src/D:chunker", "D:chunker"},
+        {"\\\\server\\share\\src\\chunker", "chunker"},
+        {"//server/share/chunker", "chunker"},
+        {"\\\\server\\chunker", "chunker"},
+        {"\\\\server", ""}, // a network share prefix is no part of it either
+        {"\\\\?\\C:\\src\\chunker", "chunker"},
+        {"src/", ""},
+        {"src\\", ""},
+        {"/", ""},
+        {"", ""},
+        {"a name with blanks", "a name with blanks"},
+        {"ordner/\xC3\xBC"
+         "ber.cpp",
+         "\xC3\xBC"
+         "ber.cpp"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(lastPathComponent(row.path), row.component) << row.path;
+    }
+}
+
+#if !defined(_WIN32)
+TEST(NativePath, TakesTheBytesAsTheyStand) {
+    for (const char* path : {"", "a/b", "/x//y/", "a\\b", "\xC3\xA4/\xE6\xBC\xA2", "not \xFF UTF-8"}) {
+        EXPECT_EQ(nativePath(path).native(), path);
+    }
+}
+#endif
+
+TEST(AllocationError, IsABadAllocWithItsOwnText) {
+    try {
+        throw AllocationError();
+    } catch (const std::bad_alloc& error) {
+        EXPECT_STREQ(error.what(), "bad allocation");
+    }
+}
+
+TEST(AllocateLarge, GivesWritableAlignedMemory) {
+    for (const std::uint64_t bytes :
+         {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{63}, std::uint64_t{64}, std::uint64_t{4097},
+          (std::uint64_t{2} << 20) - 1, std::uint64_t{2} << 20, (std::uint64_t{2} << 20) + 1,
+          std::uint64_t{5'000'001}}) {
+        void* const block = allocateLarge(bytes);
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 64, 0u) << bytes;
+        std::memset(block, 0xA5, bytes);
+        freeLarge(block);
+    }
+}
+
+TEST(AllocateLarge, RefusesWhatNoMachineHas) {
+    constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
+    for (const std::uint64_t bytes : {most, most / 2, most / 2 + 1, most - 63, most / 4}) {
+        EXPECT_THROW(freeLarge(allocateLarge(bytes)), AllocationError) << bytes;
+    }
+}
+
+TEST(AllocateLarge, ArrayRefusesAByteCountBeyondTheAddressRange) {
+    const std::uint64_t count =
+        std::numeric_limits<std::uint64_t>::max() / sizeof(float) + 2; // 4 bytes, wrapped
+    EXPECT_THROW(makeLargeArray<float>(count), AllocationError);
+}
+
+TEST(FreeLarge, AllowsNull) {
+    freeLarge(nullptr);
+    FreeLarge()(nullptr);
+}
+
+void sayGoodbye() {
+    std::fputs("exit handler ran", stderr);
+}
+
+TEST(EndProcessDeathTest, FlushesAndRunsTheExitHandlersOfTheHost) {
+    EXPECT_PROCESS_EXIT(
+        {
+            std::atexit(sayGoodbye);
+            std::cout << "pending";
+            endProcess(-1);
+        },
+        support::statusMinusOne, "^pending.*exit handler ran");
+}
+
+// An exit handler would write to standard error: the pattern reaches to the end of all output.
+TEST(EndProcessDeathTest, FromAWorkerItFlushesAndEndsAtOnce) {
+    EXPECT_PROCESS_EXIT(
+        {
+            std::atexit(sayGoodbye);
+            std::cout << "pending";
+            std::thread([] { endProcessFromWorker(123); }).join();
+        },
+        123, "^pending$");
+}
+
+} // namespace
+
+} // namespace Tavrin::GaussionSplat
