@@ -1,0 +1,322 @@
+#include "src/taskpool.h"
+
+#include "tests/support/deathtest.h"
+#include "tests/support/fields.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <barrier>
+#include <cstdlib>
+#include <iostream>
+#include <numeric>
+#include <stdexcept>
+#include <system_error>
+
+#if !defined(_WIN32)
+#include <csignal>
+#include <sys/resource.h>
+#include <unistd.h>
+#endif
+
+namespace Tavrin::GaussionSplat {
+
+namespace {
+
+struct Job {
+    int number = 0;
+};
+using JobPool = TaskPool<Job>;
+using JobPointer = std::shared_ptr<Job>;
+
+JobPointer job(int number) {
+    return std::make_shared<Job>(Job{number});
+}
+
+void ignore(const JobPointer&) {}
+
+// The numbers of the jobs that were run, in the order in which they were taken up.
+struct Record {
+    std::mutex mutex;
+    std::vector<int> numbers;
+
+    void add(const JobPointer& task) {
+        const std::lock_guard lock(mutex);
+        numbers.push_back(task->number);
+    }
+};
+
+std::vector<int> upTo(int count) {
+    std::vector<int> numbers(static_cast<std::size_t>(count));
+    std::iota(numbers.begin(), numbers.end(), 0);
+    return numbers;
+}
+
+TEST(TaskPool, DeclaresItsFieldsInOrder) {
+    JobPool pool(0, ignore);
+    support::expectDeclaredInOrder({{"threadCount", pool.threadCount},
+                                    {"queue", pool.queue},
+                                    {"runner", pool.runner},
+                                    {"threads", pool.threads},
+                                    {"stopping", pool.stopping},
+                                    {"activeCount", pool.activeCount},
+                                    {"mutex", pool.mutex}});
+    static_assert(sizeof(pool.threadCount) == 8 && sizeof(pool.activeCount) == 4 &&
+                  sizeof(pool.stopping) == 1);
+}
+
+TEST(TaskPool, StartsItsThreadsBeforeAnyTaskIsThere) {
+    JobPool pool(3, ignore);
+    EXPECT_EQ(pool.threadCount, 3u);
+    EXPECT_EQ(pool.threads.size(), 3u);
+    EXPECT_FALSE(pool.stopping);
+    EXPECT_EQ(pool.activeCount, 0u);
+    EXPECT_TRUE(pool.queue.empty());
+    pool.drain();
+    EXPECT_TRUE(pool.stopping);
+}
+
+TEST(TaskPool, OneThreadRunsTheTasksInTheOrderOfTheQueue) {
+    Record record;
+    JobPool pool(1, [&](const JobPointer& task) { record.add(task); });
+    for (int i = 0; i < 20; ++i) {
+        pool.enqueue(job(i));
+    }
+    pool.drain();
+    EXPECT_EQ(record.numbers, upTo(20));
+    EXPECT_TRUE(pool.queue.empty());
+}
+
+TEST(TaskPool, ManyThreadsRunEachTaskOnce) {
+    Record record;
+    JobPool pool(8, [&](const JobPointer& task) { record.add(task); });
+    for (int i = 0; i < 200; ++i) {
+        pool.enqueue(job(i));
+    }
+    pool.drain();
+    std::sort(record.numbers.begin(), record.numbers.end());
+    EXPECT_EQ(record.numbers, upTo(200));
+}
+
+// Each of the tasks waits until all of them run: a pool that ran them one after the other would never end.
+TEST(TaskPool, ThreadsRunTasksAtTheSameTime) {
+    constexpr int count = 4;
+    std::barrier all(count);
+    std::atomic<std::uint32_t> mostActive{0};
+    JobPool pool(count, [&](const JobPointer&) {
+        all.arrive_and_wait();
+        mostActive = std::max<std::uint32_t>(mostActive, pool.activeCount);
+        all.arrive_and_wait();
+    });
+    for (int i = 0; i < count; ++i) {
+        pool.enqueue(job(i));
+    }
+    pool.drain();
+    EXPECT_EQ(mostActive, static_cast<std::uint32_t>(count));
+    EXPECT_EQ(pool.activeCount, 0u);
+}
+
+// The drain looks at the queue alone: a task that has left it is waited for by joining its thread.
+TEST(TaskPool, DrainWaitsForTheTaskThatIsStillRunning) {
+    std::atomic<bool> taken{false};
+    std::atomic<bool> release{false};
+    std::atomic<bool> finished{false};
+    JobPool pool(1, [&](const JobPointer&) {
+        taken = true;
+        while (!release) {
+            std::this_thread::yield();
+        }
+        finished = true;
+    });
+    pool.enqueue(job(0));
+    while (!taken) {
+        std::this_thread::yield();
+    }
+    std::thread releaser([&] {
+        while (!pool.stopping) {
+            std::this_thread::yield();
+        }
+        release = true;
+    });
+    pool.drain();
+    EXPECT_TRUE(finished);
+    releaser.join();
+}
+
+TEST(TaskPool, TasksMayBeQueuedWhileOthersRun) {
+    Record record;
+    std::atomic<int> started{0};
+    JobPool pool(2, [&](const JobPointer& task) {
+        record.add(task);
+        ++started;
+    });
+    for (int i = 0; i < 10; ++i) {
+        pool.enqueue(job(i));
+        while (started <= i) { // the task before has run when the next is queued
+            std::this_thread::yield();
+        }
+    }
+    pool.drain();
+    EXPECT_EQ(record.numbers, upTo(10));
+}
+
+TEST(TaskPool, DrainingWithoutTasksReturns) {
+    for (const std::uint64_t threads : {1u, 4u}) {
+        JobPool pool(threads, ignore);
+        pool.drain();
+        EXPECT_FALSE(pool.threads.front().joinable());
+    }
+}
+
+TEST(TaskPool, NoThreadsAndNoTasksDrainAtOnce) {
+    JobPool pool(0, ignore);
+    EXPECT_TRUE(pool.threads.empty());
+    pool.drain();
+    EXPECT_TRUE(pool.stopping);
+}
+
+TEST(TaskPool, DrainingTwiceJoinsOnce) {
+    JobPool pool(2, ignore);
+    pool.enqueue(job(0));
+    pool.drain();
+    EXPECT_NO_THROW(pool.drain());
+} // and destroying it does not join again
+
+TEST(TaskPool, DestroyingAnUndrainedPoolRunsWhatIsQueued) {
+    Record record;
+    {
+        JobPool pool(1, [&](const JobPointer& task) { record.add(task); });
+        for (int i = 0; i < 5; ++i) {
+            pool.enqueue(job(i));
+        }
+    }
+    EXPECT_EQ(record.numbers, upTo(5));
+}
+
+TEST(TaskPool, DestroyingAPoolReleasesWhatItHolds) {
+    const JobPointer task = job(1);
+    const auto captured = std::make_shared<int>(0);
+    {
+        JobPool pool(1, [captured](const JobPointer&) {});
+        pool.enqueue(task);
+        pool.drain();
+        EXPECT_EQ(task.use_count(), 1); // the worker has dropped its pointer
+        EXPECT_GT(captured.use_count(), 1);
+    }
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
+TEST(TaskPool, AnEmptyPointerIsTakenAndNotRun) {
+    Record record;
+    JobPool pool(1, [&](const JobPointer& task) { record.add(task); });
+    pool.enqueue(nullptr);
+    pool.enqueue(job(0));
+    pool.enqueue(nullptr);
+    pool.drain();
+    EXPECT_EQ(record.numbers, upTo(1));
+    EXPECT_EQ(pool.activeCount, 0u);
+}
+
+// A lower bound that the contract states: a worker rests ten milliseconds after every task. However slow the
+// machine, the gap only grows.
+TEST(TaskPool, AWorkerPausesAfterEveryTask) {
+    EXPECT_EQ(taskPoolPause, std::chrono::milliseconds(10));
+    std::vector<std::chrono::steady_clock::time_point> starts;
+    JobPool pool(1, [&](const JobPointer&) { starts.push_back(std::chrono::steady_clock::now()); });
+    for (int i = 0; i < 4; ++i) {
+        pool.enqueue(job(i));
+    }
+    pool.drain();
+    ASSERT_EQ(starts.size(), 4u);
+    for (std::size_t i = 1; i < starts.size(); ++i) {
+        EXPECT_GE(starts[i] - starts[i - 1], taskPoolPause);
+    }
+}
+
+// Pools of every size, and tasks that take from nothing to twice the pause.
+TEST(TaskPool, StressWithTasksOfRandomLength) {
+    for (int round = 0; round < 12; ++round) {
+        Record record;
+        {
+            JobPool pool(static_cast<std::uint64_t>(round % 6 + 1), [&](const JobPointer& task) {
+                std::this_thread::sleep_for(std::chrono::microseconds(task->number * 7919 % 20000));
+                record.add(task);
+            });
+            for (int i = 0; i < 5 * (round % 6 + 1); ++i) {
+                pool.enqueue(job(i));
+            }
+            if (round % 2 == 0) {
+                pool.drain();
+            }
+        }
+        std::sort(record.numbers.begin(), record.numbers.end());
+        EXPECT_EQ(record.numbers, upTo(5 * (round % 6 + 1)));
+    }
+}
+
+#if !defined(_WIN32)
+
+void runOneJob(JobPool& pool) {
+    pool.enqueue(job(0));
+    pool.drain();
+}
+
+TEST(TaskPoolDeathTest, AnEmptyRunnerEndsTheProcess) {
+    EXPECT_PROCESS_END(
+        {
+            JobPool pool(1, nullptr);
+            runOneJob(pool);
+        },
+        testing::KilledBySignal(SIGABRT), "bad_function_call");
+}
+
+TEST(TaskPoolDeathTest, AnExceptionOfTheRunnerEndsTheProcess) {
+    EXPECT_PROCESS_END(
+        {
+            JobPool pool(1, [](const JobPointer&) { throw std::runtime_error("escaped"); });
+            runOneJob(pool);
+        },
+        testing::KilledBySignal(SIGABRT), "escaped");
+}
+
+// Waiting forever is stated, too. The alarm ends the process; drain alone would not.
+TEST(TaskPoolDeathTest, NoThreadsAndATaskWaitForever) {
+    EXPECT_PROCESS_END(
+        {
+            alarm(1);
+            JobPool pool(0, ignore);
+            runOneJob(pool);
+        },
+        testing::KilledBySignal(SIGALRM), "");
+}
+
+// Let this process have no more than a few threads. Root is above such limits, so it becomes another user.
+void limitThreads() {
+    const auto lone = static_cast<uid_t>(20'000 + getpid() % 40'000);
+    const rlimit limit{.rlim_cur = 6, .rlim_max = 6};
+    if ((getuid() == 0 && setuid(lone) != 0) || setrlimit(RLIMIT_NPROC, &limit) != 0) {
+        std::_Exit(1);
+    }
+}
+
+TEST(TaskPoolDeathTest, AThreadThatCannotStartIsTheStandardSystemErrorAndNoHang) {
+    EXPECT_PROCESS_EXIT(
+        {
+            limitThreads();
+            try {
+                JobPool pool(1000, ignore);
+            } catch (const std::system_error& error) {
+                const bool unavailable = error.code() == std::errc::resource_unavailable_try_again;
+                std::cout << (unavailable ? "unavailable" : "another error") << std::endl;
+            }
+            std::_Exit(
+                9); // the threads that had started have ended, or the pool would have ended the process
+        },
+        9, "^unavailable\n$");
+}
+
+#endif
+
+} // namespace
+
+} // namespace Tavrin::GaussionSplat
