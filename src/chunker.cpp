@@ -91,9 +91,9 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
 
 void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
     pass.blocks.beginOne();
-    if (task.length < 1) {
-        logError("invalid malloc size: " + std::to_string(static_cast<std::int64_t>(task.length)), sourcePath,
-                 55);
+    const auto length = static_cast<std::int64_t>(task.length);
+    if (length < 1) {
+        logError("invalid malloc size: " + std::to_string(length), sourcePath, 55);
         endProcessFromWorker(123);
     }
     RecordReader reader(task.path);

@@ -65,7 +65,7 @@ ScanPass::ScanPass() : blocks(scanMutex) {}
 
 void scanBlock(const SplatHeader::Task& task, ScanPass& pass) {
     pass.blocks.beginOne();
-    if (task.length == 0) {
+    if (static_cast<std::int64_t>(task.length) <= 0) {
         endProcessFromWorker(-1);
     }
     RecordReader reader(task.path);
