@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -28,6 +29,11 @@ using Position = std::array<float, 3>;
 
 constexpr float infinity = std::numeric_limits<float>::infinity();
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+struct Box {
+    Vector3 min;
+    Vector3 max;
+};
+
 const std::string headerText = "thirteen head"; // what stands before the records here
 
 struct ScanTest : testing::Test {
@@ -49,19 +55,19 @@ struct ScanTest : testing::Test {
         support::writeFile(path, bytes);
     }
 
-    ScanBox scan(std::int64_t vertexCount) const {
+    Box scan(std::int64_t vertexCount) const {
         const auto [min, max] =
             SplatHeader::computeBBox(path, vertexCount, static_cast<std::int32_t>(headerText.size()));
         return {min, max};
     }
 
-    ScanBox scan(const std::vector<Position>& positions) const {
+    Box scan(const std::vector<Position>& positions) const {
         write(positions);
         return scan(static_cast<std::int64_t>(positions.size()));
     }
 };
 
-void expectBox(const ScanBox& box, const Position& min, const Position& max) {
+void expectBox(const Box& box, const Position& min, const Position& max) {
     EXPECT_EQ(box.min.x, min[0]);
     EXPECT_EQ(box.min.y, min[1]);
     EXPECT_EQ(box.min.z, min[2]);
@@ -115,7 +121,7 @@ TEST_F(ScanTest, InfinitiesAndExtremesAreValuesLikeOthers) {
 }
 
 TEST_F(ScanTest, TheZeroOfTheOriginStaysPositive) {
-    const ScanBox box = scan({{-0.0f, -0.0f, -0.0f}});
+    const Box box = scan({{-0.0f, -0.0f, -0.0f}});
     EXPECT_FALSE(std::signbit(box.min.x));
     EXPECT_FALSE(std::signbit(box.max.x));
 }
@@ -224,26 +230,35 @@ TEST(ScanTask, DeclaresItsFieldsInOrder) {
                                     {"length", task.length}});
 }
 
+SplatHeader::Task taskOf(const std::string& path, std::uint64_t first, std::uint64_t count) {
+    return {.path = path,
+            .stride = scanStride,
+            .count = count,
+            .first = first,
+            .offset = first * scanStride + headerText.size(),
+            .length = count * scanStride};
+}
+
 TEST_F(ScanTest, ATaskReadsItsOwnSlice) {
     write({{1, 1, 1}, {2, 2, 2}, {-3, -3, -3}, {40, 40, 40}});
-    ScanBox box;
-    scanBlock({.path = path,
-               .stride = 248,
-               .count = 2,
-               .first = 1,
-               .offset = 248 + headerText.size(),
-               .length = 496},
-              box);
-    expectBox(box, {-3, -3, -3}, {2, 2, 2});
-    // A second task widens what the first has left.
-    scanBlock({.path = path,
-               .stride = 248,
-               .count = 1,
-               .first = 3,
-               .offset = 744 + headerText.size(),
-               .length = 248},
-              box);
-    expectBox(box, {-3, -3, -3}, {40, 40, 40});
+    ScanPass pass;
+    expectBox({pass.min, pass.max}, {0, 0, 0}, {0, 0, 0});
+    scanBlock(taskOf(path, 1, 2), pass);
+    expectBox({pass.min, pass.max}, {-3, -3, -3}, {2, 2, 2});
+    scanBlock(taskOf(path, 3, 1), pass); // widens what the first has left
+    expectBox({pass.min, pass.max}, {-3, -3, -3}, {40, 40, 40});
+}
+
+// A worker whose own block is done takes windows of a block that another has begun.
+TEST_F(ScanTest, ATaskHelpsWithBlocksThatOthersHaveBegun) {
+    write({{1, 1, 1}, {20, 20, 20}});
+    for (const bool blocksWait : {false, true}) {
+        ScanPass pass;
+        pass.blocks.waiting = blocksWait ? 2 : 1; // the worker's own, and one that nobody has begun
+        pass.blocks.share(std::make_shared<ScanJob>(taskOf(path, 1, 1)));
+        scanBlock(taskOf(path, 0, 1), pass);
+        EXPECT_EQ(pass.max.x, blocksWait ? 1.0 : 20.0);
+    }
 }
 
 TEST_F(ScanTest, ATaskWithoutLengthEndsTheProcess) {
@@ -251,10 +266,10 @@ TEST_F(ScanTest, ATaskWithoutLengthEndsTheProcess) {
     for (const std::uint64_t length : {std::uint64_t{0}, static_cast<std::uint64_t>(std::int64_t{-248})}) {
         EXPECT_PROCESS_EXIT(
             {
-                ScanBox box;
-                scanBlock(
-                    {.path = path, .stride = 248, .count = 1, .first = 0, .offset = 0, .length = length},
-                    box);
+                ScanPass pass;
+                SplatHeader::Task task = taskOf(path, 0, 1);
+                task.length = length;
+                scanBlock(task, pass);
             },
             support::statusMinusOne, "^$");
     }
