@@ -1,0 +1,174 @@
+// Which source files may include which: the arrows between the units and the folders go one way.
+
+#include "tests/support/files.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Names = std::set<std::string>;
+
+const fs::path root = PLYCONVERT_SOURCE_FOLDER;
+
+struct Include {
+    std::string from; // path of the including file in the project
+    std::string name; // as written
+    bool quoted;
+
+    // The file of the project that is meant; empty when there is none.
+    std::string target() const {
+        for (const fs::path& folder : {(root / from).parent_path(), root, root / "include"}) {
+            if (fs::exists(folder / name)) {
+                return fs::relative(folder / name, root).generic_string();
+            }
+        }
+        return {};
+    }
+};
+
+std::vector<Include> includesOf(const fs::path& file) {
+    static const std::regex directive(R"(^\s*#\s*include\s*([<"])([^>"]+)[>"])");
+    std::vector<Include> includes;
+    std::istringstream text(support::readFile(file));
+    for (std::string line; std::getline(text, line);) {
+        std::smatch match;
+        if (std::regex_search(line, match, directive)) {
+            includes.push_back({.from = fs::relative(file, root).generic_string(),
+                                .name = match[2],
+                                .quoted = match[1] == "\""});
+        }
+    }
+    return includes;
+}
+
+bool isSource(const fs::path& file) {
+    return Names{".h", ".cpp", ".c"}.count(file.extension().string()) > 0;
+}
+
+// The includes of every source file in a folder of the project, or of one file.
+std::vector<Include> includesUnder(const char* place) {
+    if (fs::is_regular_file(root / place)) {
+        return includesOf(root / place);
+    }
+    std::vector<Include> includes;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root / place)) {
+        if (entry.is_regular_file() && isSource(entry.path())) {
+            const std::vector<Include> more = includesOf(entry.path());
+            includes.insert(includes.end(), more.begin(), more.end());
+        }
+    }
+    return includes;
+}
+
+std::string folderOf(const std::string& path) {
+    return path.substr(0, path.find('/'));
+}
+
+// The unit that a file of src belongs to: a unit that grows takes more files under its own name.
+std::string unitOf(const std::string& path) {
+    const std::string stem = fs::path(path).stem().string();
+    return stem.substr(0, stem.find('_'));
+}
+
+TEST(Layering, UnitsOfTheLibraryIncludeOnlyThoseBelowThem) {
+    const Names leaves = {"platform", "conversions"};
+    const std::map<std::string, Names> below = {
+        {"platform", {}},
+        {"conversions", {}},
+        {"records", {}},
+        {"taskpool", {}},
+        {"runlog", {}},
+        {"splatheader", {"records", "taskpool"}},
+        {"chunker", {"splatheader", "records", "runlog", "taskpool"}},
+        {"indexer", {"chunker", "splatheader", "records", "runlog"}},
+    };
+    const std::vector<Include> includes = includesUnder("src");
+    ASSERT_FALSE(includes.empty());
+    for (const Include& include : includes) {
+        const std::string from = unitOf(include.from);
+        ASSERT_EQ(below.count(from), 1u) << include.from << " belongs to no unit of the table";
+        if (!include.quoted) {
+            continue;
+        }
+        const std::string to = unitOf(include.target());
+        EXPECT_EQ(folderOf(include.target()), "src") << include.from << " includes " << include.name;
+        const bool fromLeaf = leaves.count(from) > 0;
+        EXPECT_TRUE(from == to || below.at(from).count(to) > 0 || (leaves.count(to) > 0 && !fromLeaf))
+            << include.from << " includes " << include.name;
+    }
+}
+
+TEST(Layering, TheEntryPointIncludesTheLibraryAndItsHeaderAlone) {
+    for (const Include& include : includesUnder("convert.cpp")) {
+        if (include.quoted) {
+            EXPECT_TRUE(include.target() == "include/plyconvert.h" || folderOf(include.target()) == "src")
+                << include.name;
+        }
+    }
+}
+
+TEST(Layering, ThePublicHeaderNeedsTheCLibraryAlone) {
+    for (const Include& include : includesUnder("include/plyconvert.h")) {
+        EXPECT_EQ(include.name, "stdint.h");
+    }
+}
+
+// Headers without an extension are the language's; the few others belong to a system or a compiler.
+TEST(Layering, TheLibraryAndTheReaderUseTheStandardLibraryAlone) {
+    const std::map<std::string, Names> others = {
+        {"src/platform.cpp", {"windows.h", "malloc.h", "process.h", "sys/mman.h"}},
+        {"src/indexer_quantise_fast.cpp", {"emmintrin.h"}},
+    };
+    for (const char* const place : {"src", "convert.cpp", "reader"}) {
+        for (const Include& include : includesUnder(place)) {
+            const bool standard = include.name.find_first_of("./") == std::string::npos;
+            const auto allowed = others.find(include.from);
+            EXPECT_TRUE(include.quoted || standard ||
+                        (allowed != others.end() && allowed->second.count(include.name) > 0))
+                << include.from << " includes " << include.name;
+        }
+    }
+}
+
+TEST(Layering, TheReaderSharesNoCodeWithTheLibrary) {
+    for (const Include& include : includesUnder("reader")) {
+        if (include.quoted) {
+            EXPECT_EQ(folderOf(include.target()), "reader") << include.from << " includes " << include.name;
+        }
+    }
+}
+
+TEST(Layering, TheProgramUsesTheExportedFunctionAndTheReaderAlone) {
+    for (const Include& include : includesUnder("host")) {
+        const std::string target = include.target();
+        const bool allowed =
+            target == "include/plyconvert.h" || folderOf(target) == "host" || folderOf(target) == "reader";
+        EXPECT_TRUE(allowed || (!include.quoted && target.empty()))
+            << include.from << " includes " << include.name;
+    }
+}
+
+// Tests of what is shipped do not look inside it.
+TEST(Layering, SuitesOfTheShippedLibraryIncludeNothingOfIt) {
+    for (const char* const place :
+         {"tests/blackbox", "tests/golden", "tests/cli", "tests/consumer", "tests/support"}) {
+        if (!fs::exists(root / place)) {
+            continue;
+        }
+        for (const Include& include : includesUnder(place)) {
+            const std::string folder = folderOf(include.target());
+            EXPECT_TRUE(folder != "src" && folder != "host") << include.from << " includes " << include.name;
+        }
+    }
+}
+
+} // namespace
