@@ -137,23 +137,39 @@ void exponentials(benchmark::State& state) {
 }
 BENCHMARK(exponentials);
 
-void quantise(benchmark::State& state) {
-    const bool coefficients = state.range(0) != 0;
-    const Decoded& town = decodedTown(coefficients);
-    const QuantiseSettings settings = quantiseSettings(town.bounding, true);
-    const std::size_t floats = recordLayout(coefficients).floats;
+// Quantises a window of decoded splats into records that stay in the cache.
+template <typename Quantise>
+void quantiseWindow(benchmark::State& state, const Decoded& town, std::size_t floats, Quantise quantise) {
     std::vector<SplatsData> records(windowRecords);
     std::size_t first = 0;
     for (auto _ : state) {
         for (std::size_t k = 0; k < windowRecords; ++k) {
-            quantiseSplat(town.records.data() + (first + k) * floats, settings, records[k]);
+            quantise(town.records.data() + (first + k) * floats, records[k]);
         }
         first = first + 2 * windowRecords <= manySplats ? first + windowRecords : 0;
         benchmark::ClobberMemory();
     }
     count(state, windowRecords, floats * sizeof(float));
 }
+
+void quantise(benchmark::State& state) {
+    const bool coefficients = state.range(0) != 0;
+    const Decoded& town = decodedTown(coefficients);
+    const FastQuantiser quantiser(quantiseSettings(town.bounding, true));
+    quantiseWindow(state, town, recordLayout(coefficients).floats,
+                   [&](const float* splat, SplatsData& record) { quantiser.quantise(splat, record); });
+}
 BENCHMARK(quantise)->ArgName("coefficients")->Arg(1)->Arg(0);
+
+// The plain form of the same work.
+void quantiseOneByOne(benchmark::State& state) {
+    const bool coefficients = state.range(0) != 0;
+    const Decoded& town = decodedTown(coefficients);
+    const QuantiseSettings settings = quantiseSettings(town.bounding, true);
+    quantiseWindow(state, town, recordLayout(coefficients).floats,
+                   [&](const float* splat, SplatsData& record) { quantiseSplat(splat, settings, record); });
+}
+BENCHMARK(quantiseOneByOne)->ArgName("coefficients")->Arg(1)->Arg(0);
 
 void keys(benchmark::State& state) {
     const std::vector<float>& town = townRecords(true);
@@ -287,9 +303,9 @@ void scan(benchmark::State& state) {
                                  .offset = std::filesystem::file_size(path) - manySplats * scanStride,
                                  .length = manySplats * scanStride};
     for (auto _ : state) {
-        ScanBox box;
-        scanBlock(task, box);
-        benchmark::DoNotOptimize(box);
+        ScanPass pass;
+        scanBlock(task, pass);
+        benchmark::DoNotOptimize(pass.max);
     }
     count(state, manySplats, scanStride);
 }
