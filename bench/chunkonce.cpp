@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         chunker.doChunking(bounding, chunks, "");
-        releaseChunks(*chunks);
+        releaseChunks(*chunks, header.recordSize);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "chunkonce: %s\n", error.what());
         return 1;

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -80,14 +81,14 @@ TEST(AllocateLarge, GivesWritableAlignedMemory) {
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 64, 0u) << bytes;
         std::memset(block, 0xA5, bytes);
-        freeLarge(block);
+        freeLarge(block, bytes);
     }
 }
 
 TEST(AllocateLarge, RefusesWhatNoMachineHas) {
     constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
     for (const std::uint64_t bytes : {most, most / 2, most / 2 + 1, most - 63, most / 4}) {
-        EXPECT_THROW(freeLarge(allocateLarge(bytes)), AllocationError) << bytes;
+        EXPECT_THROW(freeLarge(allocateLarge(bytes), bytes), AllocationError) << bytes;
     }
 }
 
@@ -98,8 +99,33 @@ TEST(AllocateLarge, ArrayRefusesAByteCountBeyondTheAddressRange) {
 }
 
 TEST(FreeLarge, AllowsNull) {
-    freeLarge(nullptr);
+    freeLarge(nullptr, 0);
+    freeLarge(nullptr, 2 * largePage);
     FreeLarge()(nullptr);
+}
+
+// Where the system moves pages, their content comes along and nothing else changes; where it does not,
+// nothing changes at all.
+TEST(MoveLargePage, MovesOnePageAndLeavesItsNeighbours) {
+    constexpr std::uint64_t pages = 3;
+    const LargeArray<unsigned char> from = makeLargeArray<unsigned char>(pages * largePage);
+    const LargeArray<unsigned char> to = makeLargeArray<unsigned char>(pages * largePage);
+    std::memset(from.get(), 0x11, pages * largePage);
+    std::memset(to.get(), 0x22, largePage);
+    std::memset(to.get() + 2 * largePage, 0x33, largePage);
+    std::memset(from.get() + largePage, 0x44, largePage);
+    const bool moved = moveLargePage(from.get() + largePage, to.get() + largePage);
+    const auto all = [](const unsigned char* page, unsigned char value) {
+        return std::all_of(page, page + largePage, [value](unsigned char byte) { return byte == value; });
+    };
+    EXPECT_TRUE(all(from.get(), 0x11));
+    EXPECT_TRUE(all(from.get() + largePage, moved ? 0x00 : 0x44));
+    EXPECT_TRUE(all(from.get() + 2 * largePage, 0x11));
+    EXPECT_TRUE(all(to.get(), 0x22));
+    EXPECT_TRUE(!moved || all(to.get() + largePage, 0x44));
+    EXPECT_TRUE(all(to.get() + 2 * largePage, 0x33));
+    to.get()[largePage] = 0x55; // writable in any case
+    from.get()[largePage] = 0x66;
 }
 
 void sayGoodbye() {

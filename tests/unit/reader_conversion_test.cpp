@@ -13,7 +13,7 @@
 
 #include "plyconvert.h"
 #include "reader/dataset.h"
-#include "support/dataset_writer.h"
+#include "tests/support/dataset_writer.h"
 
 namespace {
 

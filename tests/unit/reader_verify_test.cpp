@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/dataset_writer.h"
+#include "tests/support/dataset_writer.h"
 
 namespace {
 
