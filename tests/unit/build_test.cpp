@@ -1,0 +1,296 @@
+#include "src/indexer.h"
+
+#include "src/indexer_quantise.h"
+
+#include "tests/support/fields.h"
+#include "tests/support/floats.h"
+#include "tests/support/reference.h"
+#include "tests/unit/indexer_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+namespace Tavrin::GaussionSplat {
+
+namespace {
+
+namespace reference = support::reference;
+using support::Random;
+
+// Records by cell key, each as its bytes stand in the files, in the order of insertion.
+using Cells = std::map<std::uint32_t, std::vector<std::string>>;
+
+template <std::size_t Size>
+std::string textOf(const std::array<std::uint8_t, Size>& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+struct BuildTest : testing::Test {
+    ChunkGrid gridBefore = chunkGrid;
+    Indexer indexer{std::vector<SplatHeader>(1), "unused"};
+
+    BuildTest() {
+        chunkGrid = {.cellSizeX = 10.0f,
+                     .cellSizeY = 15.0f,
+                     .originX = -40.0f,
+                     .originY = -40.0f,
+                     .cellCountX = 9,
+                     .cellCountY = 6};
+        indexer.chunks = std::make_shared<ChunkList>();
+    }
+    ~BuildTest() override {
+        releaseChunks(*indexer.chunks);
+        chunkGrid = gridBefore;
+    }
+
+    // Build the index of decoded blocks, for a scene of splatCount splats.
+    void build(const std::vector<std::vector<float>>& blocks, bool hasShcoef, std::uint64_t splatCount,
+               const std::vector<std::uint32_t>& levels = {}) {
+        reference::Ranges ranges;
+        for (std::size_t i = 0; i < blocks.size(); ++i) {
+            indexer.chunks->push_back(chunkOf(blocks[i], hasShcoef, levels.empty() ? 0 : levels[i]));
+            for (std::size_t at = 0; at < blocks[i].size(); at += recordLayout(hasShcoef).floats) {
+                ranges.fold(blocks[i].data() + at, hasShcoef);
+            }
+        }
+        scene = ranges;
+        indexer.bounding = boundingOf(ranges, hasShcoef);
+        indexer.splatCount = splatCount;
+        indexer.buildIndex();
+    }
+
+    // What the cells of these blocks hold.
+    Cells expected(const std::vector<std::vector<float>>& blocks, bool hasShcoef, bool single) const {
+        Cells cells;
+        for (const std::vector<float>& block : blocks) {
+            for (std::size_t at = 0; at < block.size(); at += recordLayout(hasShcoef).floats) {
+                const float* const splat = block.data() + at;
+                const std::uint32_t key = single ? 0
+                                                 : reference::cellKey(splat[0], splat[1],
+                                                                      {.originX = chunkGrid.originX,
+                                                                       .originY = chunkGrid.originY,
+                                                                       .cellSizeX = chunkGrid.cellSizeX,
+                                                                       .cellSizeY = chunkGrid.cellSizeY});
+                const reference::Quantised record = reference::quantise(splat, hasShcoef, scene);
+                std::string text = textOf(record.data);
+                if (hasShcoef) {
+                    text += indexer.compressed != 0 ? textOf(record.packed) : textOf(record.raw);
+                }
+                cells[key].push_back(text);
+            }
+        }
+        return cells;
+    }
+
+    // What the cells of a level hold.
+    Cells actual(std::uint32_t level) const {
+        Cells cells;
+        for (const auto& [key, cell] : *indexer.levels->at(level)->cells) {
+            for (const SplatsData& record : *cell) {
+                std::string text(reinterpret_cast<const char*>(&record), dataRecordSize);
+                if (indexer.bounding->hasShcoef && indexer.compressed != 0) {
+                    text.append(reinterpret_cast<const char*>(record.packed), sizeof record.packed);
+                } else if (indexer.bounding->hasShcoef) {
+                    text.append(reinterpret_cast<const char*>(record.raw), sizeof record.raw);
+                }
+                cells[key].push_back(text);
+            }
+        }
+        return cells;
+    }
+
+    reference::Ranges scene;
+};
+
+constexpr std::uint64_t single = 1'000'000; // the most splats of one cell
+constexpr std::uint64_t grid = 1'000'001;
+
+TEST_F(BuildTest, UpToAMillionSplatsShareCellZeroWhereverTheyAre) {
+    Random random(70);
+    const std::vector<std::vector<float>> blocks = {decodedScene(random, 100, true, 500.0f)};
+    build(blocks, true, single);
+    ASSERT_EQ(indexer.levels->size(), 1u);
+    EXPECT_EQ(indexer.levels->at(0)->splatCount, 100u);
+    EXPECT_EQ(actual(0), expected(blocks, true, true));
+}
+
+TEST_F(BuildTest, AboveAMillionTheGridDecides) {
+    Random random(71);
+    for (const bool hasShcoef : {false, true}) {
+        SCOPED_TRACE(hasShcoef);
+        *indexer.levels = LevelMap();
+        indexer.chunks->clear();
+        // Also to the left of and below the origin, where indices are negative.
+        const std::vector<std::vector<float>> blocks = {decodedScene(random, 700, hasShcoef, 60.0f),
+                                                        decodedScene(random, 1, hasShcoef, 60.0f),
+                                                        decodedScene(random, 333, hasShcoef, 60.0f)};
+        build(blocks, hasShcoef, grid);
+        const Cells cells = expected(blocks, hasShcoef, false);
+        EXPECT_GT(cells.size(), 20u);
+        EXPECT_EQ(actual(0), cells);
+        EXPECT_EQ(indexer.levels->at(0)->splatCount, 1034u);
+    }
+}
+
+TEST_F(BuildTest, RawCoefficientsAreKeptWhenNothingIsPacked) {
+    Random random(72);
+    const std::vector<std::vector<float>> blocks = {decodedScene(random, 50, true, 30.0f)};
+    indexer.compressed = 0;
+    build(blocks, true, grid);
+    EXPECT_EQ(actual(0), expected(blocks, true, false));
+}
+
+// Far more cells than any table of recent ones holds, in no order.
+TEST_F(BuildTest, ManyScatteredCellsKeepTheirSplatsApart) {
+    Random random(73);
+    chunkGrid.cellSizeX = chunkGrid.cellSizeY = 1.0f;
+    const std::vector<std::vector<float>> blocks = {decodedScene(random, 20'000, false, 150.0f),
+                                                    decodedScene(random, 20'000, false, 150.0f)};
+    build(blocks, false, grid);
+    const Cells cells = expected(blocks, false, false);
+    EXPECT_GT(cells.size(), 20'000u);
+    EXPECT_TRUE(actual(0) == cells); // not printed
+}
+
+TEST_F(BuildTest, ColumnsBeyondSixteenBitsRunIntoTheRows) {
+    chunkGrid = {.cellSizeX = 1.0f, .cellSizeY = 1.0f};
+    std::vector<float> block(3 * 17, 0.5f);
+    block[0] = 65'536.5f; // column 65,536, row 0
+    block[17] = 0.5f;     // column 0, row 1
+    block[18] = 1.5f;
+    block[34] = 65'537.5f; // column 65,537, row 1
+    block[35] = 1.5f;
+    build({block}, false, grid);
+    const Cells cells = actual(0);
+    ASSERT_EQ(cells.size(), 2u);
+    EXPECT_EQ(cells.at(0x10000).size(), 2u); // the first two share a key
+    EXPECT_EQ(cells.at(0x10001).size(), 1u);
+}
+
+TEST_F(BuildTest, EachLevelHasItsOwnCells) {
+    Random random(74);
+    const std::vector<std::vector<float>> blocks = {
+        decodedScene(random, 40, true, 40.0f), decodedScene(random, 30, true, 40.0f),
+        decodedScene(random, 20, true, 40.0f), decodedScene(random, 10, true, 40.0f)};
+    build(blocks, true, grid, {0, 3, 0, 4'000'000'000});
+    ASSERT_EQ(indexer.levels->size(), 3u);
+    EXPECT_EQ(indexer.levels->at(0)->splatCount, 60u);
+    EXPECT_EQ(indexer.levels->at(3)->splatCount, 30u);
+    EXPECT_EQ(indexer.levels->at(4'000'000'000)->splatCount, 10u);
+    EXPECT_EQ(actual(0), expected({blocks[0], blocks[2]}, true, false)); // in the order of the list
+    EXPECT_EQ(actual(3), expected({blocks[1]}, true, false));
+    EXPECT_EQ(actual(4'000'000'000), expected({blocks[3]}, true, false));
+}
+
+TEST_F(BuildTest, AnEmptyListLeavesNoLevel) {
+    build({}, true, 5);
+    EXPECT_TRUE(indexer.levels->empty());
+}
+
+TEST_F(BuildTest, ABlockWithoutSplatsStillMakesItsLevel) {
+    for (const std::uint64_t splatCount : {single, grid}) {
+        *indexer.levels = LevelMap();
+        indexer.chunks->clear();
+        build({{}}, true, splatCount, {2});
+        ASSERT_EQ(indexer.levels->count(2), 1u);
+        EXPECT_EQ(indexer.levels->at(2)->splatCount, 0u);
+        EXPECT_TRUE(indexer.levels->at(2)->cells->empty());
+    }
+}
+
+TEST_F(BuildTest, EveryBlockIsFreedAndTheListKeepsItsLength) {
+    Random random(75);
+    build({decodedScene(random, 5, false, 9.0f), decodedScene(random, 5, false, 9.0f)}, false, single);
+    EXPECT_EQ(*indexer.chunks, ChunkList(2));
+    *indexer.levels = LevelMap();
+    const auto without = std::make_shared<ChunkData>(); // an entry that has no data stays
+    *indexer.chunks = {without, chunkOf(decodedScene(random, 5, false, 9.0f), false)};
+    const std::weak_ptr<ChunkData> freed = indexer.chunks->back();
+    indexer.buildIndex();
+    EXPECT_TRUE(freed.expired());
+    EXPECT_EQ(*indexer.chunks, (ChunkList{without, nullptr}));
+}
+
+TEST_F(BuildTest, EveryMapHasItsSettings) {
+    Random random(76);
+    build({decodedScene(random, 5, false, 9.0f)}, false, grid);
+    EXPECT_EQ(indexer.levels->max_load_factor(), 1.0f);
+    EXPECT_EQ(indexer.levels->at(0)->cells->max_load_factor(), 1.0f);
+    EXPECT_GE(LevelMap().bucket_count(), 8u);
+    EXPECT_GE(LODData().cells->bucket_count(), 8u);
+}
+
+TEST_F(BuildTest, AwkwardPositionsFallIntoDefinedCells) {
+    Random random(77);
+    std::vector<float> block = decodedScene(random, 3000, false, 60.0f);
+    for (std::size_t at = 0; at < block.size(); at += 17) {
+        block[at] = support::mixedFloat(random, -60.0f, 60.0f);
+        block[at + 1] = support::mixedFloat(random, -60.0f, 60.0f);
+    }
+    build({block}, false, grid);
+    EXPECT_TRUE(actual(0) == expected({block}, false, false));
+}
+
+TEST(LODData, DeclaresItsFieldsInOrder) {
+    const LODData lod;
+    static_assert(std::is_same_v<decltype(LODData::splatCount), std::uint32_t>);
+    support::expectDeclaredInOrder({{"splatCount", lod.splatCount}, {"cells", lod.cells}});
+    EXPECT_EQ(lod.splatCount, 0u);
+    EXPECT_TRUE(lod.cells->empty());
+}
+
+TEST(Indexer, DeclaresItsFieldsInOrder) {
+    const Indexer indexer({}, "");
+    support::expectDeclaredInOrder({{"headers", indexer.headers},
+                                    {"compressed", indexer.compressed},
+                                    {"threadCount", indexer.threadCount},
+                                    {"params", indexer.params},
+                                    {"bounding", indexer.bounding},
+                                    {"chunks", indexer.chunks},
+                                    {"outputFolder", indexer.outputFolder},
+                                    {"totalLevel", indexer.totalLevel},
+                                    {"countLabel", indexer.countLabel},
+                                    {"levels", indexer.levels},
+                                    {"indexBuffer", indexer.indexBuffer},
+                                    {"indexEntrySize", indexer.indexEntrySize},
+                                    {"indexBufferSize", indexer.indexBufferSize},
+                                    {"totalSplats", indexer.totalSplats},
+                                    {"splatCount", indexer.splatCount}});
+    static_assert(std::is_same_v<decltype(Indexer::compressed), std::uint32_t>);
+    static_assert(std::is_same_v<decltype(Indexer::threadCount), std::uint32_t>);
+    static_assert(std::is_same_v<decltype(Indexer::totalLevel), std::int32_t>);
+    static_assert(std::is_same_v<decltype(Indexer::indexEntrySize), std::uint32_t>);
+    static_assert(std::is_same_v<decltype(Indexer::indexBufferSize), std::uint64_t>);
+    static_assert(std::is_same_v<decltype(Indexer::totalSplats), std::uint64_t>);
+    static_assert(std::is_same_v<decltype(Indexer::splatCount), std::uint64_t>);
+}
+
+TEST(Indexer, StartsWithOneEmptyPackedLevel) {
+    const Indexer indexer(std::vector<SplatHeader>(2), "folder", 0, 0);
+    EXPECT_EQ(indexer.headers.size(), 2u);
+    EXPECT_EQ(indexer.compressed, 1u);
+    EXPECT_EQ(indexer.threadCount, std::thread::hardware_concurrency());
+    EXPECT_EQ(indexer.outputFolder, "folder");
+    EXPECT_EQ(indexer.totalLevel, 1);
+    EXPECT_EQ(indexer.countLabel, "");
+    ASSERT_NE(indexer.levels, nullptr);
+    EXPECT_TRUE(indexer.levels->empty());
+    EXPECT_EQ(indexer.params, nullptr);
+    EXPECT_EQ(indexer.bounding, nullptr);
+    EXPECT_EQ(indexer.chunks, nullptr);
+    EXPECT_EQ(indexer.indexBuffer, nullptr);
+    EXPECT_EQ(indexer.indexEntrySize, 0u);
+    EXPECT_EQ(indexer.indexBufferSize, 0u);
+    EXPECT_EQ(indexer.totalSplats, 0u);
+    EXPECT_EQ(indexer.splatCount, 0u);
+}
+
+} // namespace
+
+} // namespace Tavrin::GaussionSplat

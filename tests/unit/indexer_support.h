@@ -1,0 +1,73 @@
+// Decoded blocks and their expected records, for the tests of the indexer.
+#pragma once
+
+#include "src/chunker.h"
+#include "src/chunker_decode.h"
+#include "src/platform.h"
+#include "src/records.h"
+
+#include "tests/support/floats.h"
+#include "tests/support/plyfile.h"
+#include "tests/support/reference.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace Tavrin::GaussionSplat {
+
+inline void setRange(AttributeRange& range, const support::reference::Bounds (&bounds)[3]) {
+    range.min = {bounds[0].min, bounds[1].min, bounds[2].min};
+    range.max = {bounds[0].max, bounds[1].max, bounds[2].max};
+}
+
+inline std::shared_ptr<AttributeBounding> boundingOf(const support::reference::Ranges& ranges,
+                                                     bool hasShcoef) {
+    auto bounding = std::make_shared<AttributeBounding>();
+    setRange(bounding->position, ranges.position);
+    setRange(bounding->normal, ranges.normal);
+    setRange(bounding->color, ranges.colour);
+    setRange(bounding->shcoef, ranges.shcoef);
+    setRange(bounding->scale, ranges.scale);
+    bounding->opacity.min.x = ranges.opacity.min;
+    bounding->opacity.max.x = ranges.opacity.max;
+    bounding->hasShcoef = hasShcoef;
+    return bounding;
+}
+
+// A block that holds a copy of decoded records.
+inline std::shared_ptr<ChunkData> chunkOf(const std::vector<float>& records, bool hasShcoef,
+                                          std::uint32_t level = 0) {
+    auto chunk = std::make_shared<ChunkData>();
+    chunk->splatCount = static_cast<std::uint32_t>(records.size() / recordLayout(hasShcoef).floats);
+    chunk->level = level;
+    chunk->data = makeLargeArray<float>(records.size()).release();
+    std::memcpy(chunk->data, records.data(), records.size() * sizeof(float));
+    return chunk;
+}
+
+// Decoded splats as trained scenes have them, spread over a square of this half side around the origin.
+inline std::vector<float> decodedScene(support::Random& random, std::size_t count, bool hasShcoef,
+                                       float halfSide) {
+    support::PlyFile file;
+    file.coefficients = hasShcoef;
+    for (std::size_t i = 0; i < count; ++i) {
+        file.add(support::randomSplat(random, 2 * halfSide, 2 * halfSide));
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        support::reference::decode(file.records.data() + i * file.recordFloats(), hasShcoef);
+    }
+    return file.records;
+}
+
+inline support::reference::Ranges rangesOf(const std::vector<float>& decoded, bool hasShcoef) {
+    support::reference::Ranges ranges;
+    const std::size_t recordFloats = recordLayout(hasShcoef).floats;
+    for (std::size_t at = 0; at < decoded.size(); at += recordFloats) {
+        ranges.fold(decoded.data() + at, hasShcoef);
+    }
+    return ranges;
+}
+
+} // namespace Tavrin::GaussionSplat
