@@ -22,8 +22,7 @@ namespace {
 // The test's name, with what a file name cannot hold replaced.
 std::string nameOfRunningTest() {
     const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string name =
-        test == nullptr ? "none" : std::string(test->test_suite_name()) + "." + test->name();
+    std::string name = test == nullptr ? "none" : std::string(test->test_suite_name()) + "." + test->name();
     std::replace(name.begin(), name.end(), '/', '.');
     return name;
 }

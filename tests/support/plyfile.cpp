@@ -16,7 +16,8 @@ std::vector<std::string> propertyNames(bool coefficients) {
     for (int i = 0; coefficients && i < 45; ++i) {
         names.push_back("f_rest_" + std::to_string(i));
     }
-    for (const char* name : {"opacity", "scale_0", "scale_1", "scale_2", "rot_0", "rot_1", "rot_2", "rot_3"}) {
+    for (const char* name :
+         {"opacity", "scale_0", "scale_1", "scale_2", "rot_0", "rot_1", "rot_2", "rot_3"}) {
         names.push_back(name);
     }
     return names;
@@ -100,14 +101,36 @@ Splat randomSplat(Random& random, float extentX, float extentY) {
     return splat;
 }
 
+PlyFile randomFile(std::uint64_t seed, std::size_t count, bool coefficients, float extentX, float extentY) {
+    PlyFile file;
+    file.coefficients = coefficients;
+    file.records.reserve(count * file.recordFloats());
+    Random random(seed);
+    for (std::size_t i = 0; i < count; ++i) {
+        file.add(randomSplat(random, extentX, extentY));
+    }
+    return file;
+}
+
 float awkwardFloat(Random& random) {
     using Limits = std::numeric_limits<float>;
-    constexpr float kinds[] = {Limits::quiet_NaN(),  -Limits::quiet_NaN(), Limits::infinity(),
-                               -Limits::infinity(),  0.0f,                 -0.0f,
-                               Limits::denorm_min(), -Limits::denorm_min(), Limits::min(),
-                               Limits::max(),        -Limits::max(),       1e-40f,
-                               1e19f,                -1e10f,               88.8f,
-                               -104.0f,              std::bit_cast<float>(0x7F800001u)}; // a signalling NaN
+    constexpr float kinds[] = {Limits::quiet_NaN(),
+                               -Limits::quiet_NaN(),
+                               Limits::infinity(),
+                               -Limits::infinity(),
+                               0.0f,
+                               -0.0f,
+                               Limits::denorm_min(),
+                               -Limits::denorm_min(),
+                               Limits::min(),
+                               Limits::max(),
+                               -Limits::max(),
+                               1e-40f,
+                               1e19f,
+                               -1e10f,
+                               88.8f,
+                               -104.0f,
+                               std::bit_cast<float>(0x7F800001u)}; // a signalling NaN
     const std::uint64_t draw = random.next();
     if (draw % 2 == 0) {
         return random.between(-4.0f, 4.0f);

@@ -54,6 +54,10 @@ private:
 // around the origin.
 Splat randomSplat(Random& random, float extentX, float extentY);
 
+// A file of so many random splats.
+PlyFile randomFile(std::uint64_t seed, std::size_t count, bool coefficients, float extentX = 40.0f,
+                   float extentY = 30.0f);
+
 // Floats of every awkward kind: NaN, infinities, zeros of both signs, subnormals, the largest, and ordinary
 // ones.
 float awkwardFloat(Random& random);

@@ -1,0 +1,30 @@
+// The shared object's face to the linker.
+
+#include "tests/blackbox/blackbox.h"
+
+#include <sstream>
+
+namespace blackbox {
+namespace {
+
+using Symbols = BlackBox;
+
+TEST_F(Symbols, PlyConvertIsTheOnlyOneThatIsExported) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "nm reads ELF files; the import library's own test looks at the DLL";
+#else
+    const support::ProcessResult nm =
+        support::runProcess({{"nm", "-D", "--defined-only", PLYCONVERT_LIBRARY}, {}, scratch.folder()});
+    ASSERT_TRUE(nm.exited);
+    ASSERT_EQ(nm.status, 0) << nm.errors;
+    std::istringstream lines(nm.output);
+    std::set<std::string> names;
+    for (std::string line; std::getline(lines, line);) {
+        names.insert(line.substr(line.rfind(' ') + 1));
+    }
+    EXPECT_THAT(names, testing::ElementsAre("plyConvert"));
+#endif
+}
+
+} // namespace
+} // namespace blackbox
