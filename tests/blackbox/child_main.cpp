@@ -6,7 +6,8 @@
 //   global-grouping     std::locale::global with a decimal comma and grouped digits
 //   rounding NAME       upward, downward or zero
 //   flush-subnormals    set the processor's flush-to-zero and subnormals-are-zero modes
-//   one-thread          keep the process on one processor
+//   one-processor       keep the process on one processor
+//   hardware-threads N  let the system report N hardware threads (Linux)
 //   address-space N     limit the address space to N bytes
 //   free-files N        leave room for N more open files
 //   hold PATH           keep PATH open without sharing it (Windows)
@@ -124,8 +125,10 @@ struct Host {
             setRounding(value);
         } else if (name == "flush-subnormals") {
             child::flushSubnormals();
-        } else if (name == "one-thread") {
+        } else if (name == "one-processor") {
             child::keepToOneProcessor();
+        } else if (name == "hardware-threads") {
+            child::reportHardwareThreads(std::stoi(value));
         } else if (name == "address-space") {
             child::limitAddressSpace(std::stoull(value));
         } else if (name == "free-files") {

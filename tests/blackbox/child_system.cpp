@@ -15,7 +15,20 @@
 #include <dlfcn.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
+
+namespace {
+
+int reportedHardwareThreads = 0; // 0: as many as are configured
+
+} // namespace
+
+// The system's function that std::thread::hardware_concurrency asks. The executable exports this one, and the
+// dynamic linker takes it for every module of the process.
+extern "C" __attribute__((visibility("default"))) int get_nprocs() noexcept {
+    return reportedHardwareThreads > 0 ? reportedHardwareThreads : get_nprocs_conf();
+}
 #endif
 
 namespace child {
@@ -64,6 +77,10 @@ void keepToOneProcessor() {
     if (!SetProcessAffinityMask(GetCurrentProcess(), 1)) {
         throw std::runtime_error("cannot keep to one processor");
     }
+}
+
+void reportHardwareThreads(int) {
+    throw std::runtime_error("the number of hardware threads cannot be set here");
 }
 
 void limitAddressSpace(std::uint64_t) {
@@ -122,6 +139,10 @@ void keepToOneProcessor() {
     if (sched_setaffinity(0, sizeof allowed, &allowed) != 0) {
         throw std::runtime_error("cannot keep to one processor");
     }
+}
+
+void reportHardwareThreads(int count) {
+    reportedHardwareThreads = count;
 }
 
 namespace {

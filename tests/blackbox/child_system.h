@@ -22,6 +22,7 @@ FloatMode floatMode();
 void flushSubnormals();
 
 void keepToOneProcessor();
+void reportHardwareThreads(int count);
 void limitAddressSpace(std::uint64_t bytes);
 void limitFreeFiles(int count);
 void holdOpen(const std::string& path);

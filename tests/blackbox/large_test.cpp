@@ -1,0 +1,78 @@
+// Scenes of several blocks: the bytes do not depend on which worker takes which block.
+
+#include "tests/blackbox/blackbox.h"
+#include "tests/support/sha256.h"
+
+#include <map>
+
+namespace blackbox {
+namespace {
+
+using support::Host;
+using support::HostReport;
+using support::PlyFile;
+
+class Large : public BlackBox {
+protected:
+    // Three blocks, the last of one splat; the y of a normal is a zero of either sign, so that its bounds
+    // depend on the order of the blocks.
+    void writeScene() {
+        constexpr std::size_t count = 4'000'001;
+        PlyFile ply;
+        ply.comments = {"comment minx -100", "comment miny -100", "comment minz 0",
+                        "comment maxx 100",  "comment maxy 100",  "comment maxz 9"};
+        ply.records.reserve(count * ply.recordFloats());
+        support::Random random(5);
+        for (std::size_t i = 0; i < count; ++i) {
+            ply.add({.position = {random.between(-101.0f, 100.0f), random.between(-100.0f, 100.0f),
+                                  static_cast<float>(i)},
+                     .normal = {random.between(-1.0f, 1.0f), i < 2'000'000 ? -0.0f : 0.0f, -0.0f},
+                     .dc = {random.between(-2.0f, 3.0f), 0.0f, 1.0f},
+                     .opacity = random.between(-6.0f, 9.0f),
+                     .scale = {random.between(-9.0f, 2.0f), -1.0f, -2.0f},
+                     .rotation = {random.between(-1.0f, 1.0f), 0.1f, 0.2f, 0.3f}});
+        }
+        ply.write(input);
+    }
+
+    unsigned hardwareThreads = 0; // of the last run
+
+    // The hashes of what a run leaves in the output folder, which is then removed.
+    std::map<std::string, std::string> hashesOf(Host& host) {
+        const HostReport report = host.convert(input, output).run();
+        expectDone(report);
+        hardwareThreads = report.calls.front().hardwareThreads;
+        std::map<std::string, std::string> hashes;
+        for (const std::string& name : support::filesUnder(output)) {
+            hashes[name] = support::sha256OfFile(output / name);
+        }
+        hashes["converted_from_ply.ytr"] = support::withoutGuid(
+            support::withPlainLineEnds(support::readFile(output / "converted_from_ply.ytr")));
+        hashes["standard output"] = report.process.output;
+        fs::remove_all(output);
+        return hashes;
+    }
+};
+
+TEST_F(Large, TheThreadsDoNotShowInTheBytes) {
+    writeScene();
+    Host ordinary(scratch.folder());
+    const auto expected = hashesOf(ordinary);
+    EXPECT_THAT(expected.at("converted_from_ply.ytr"), testing::HasSubstr("\"totalSplats\": 4000001,"));
+    Host again(scratch.folder());
+    EXPECT_EQ(hashesOf(again), expected);
+    Host oneProcessor(scratch.folder());
+    oneProcessor.step("one-processor");
+    EXPECT_EQ(hashesOf(oneProcessor), expected);
+#if !defined(_WIN32)
+    for (const char* const threads : {"1", "3", "16"}) {
+        Host host(scratch.folder());
+        host.step("hardware-threads", threads);
+        EXPECT_EQ(hashesOf(host), expected) << threads << " threads";
+        EXPECT_EQ(std::to_string(hardwareThreads), threads);
+    }
+#endif
+}
+
+} // namespace
+} // namespace blackbox
