@@ -1,0 +1,1 @@
+set_tests_properties(${large_golden_tests} ${large_relations_tests} PROPERTIES LABELS "golden;large")
