@@ -63,22 +63,21 @@ void compare(const Meant& meant, const Splat& splat, const Dequantiser& steps) {
     for (std::size_t i = 0; i < 4; ++i) {
         cosine += rotation[i] * splat.rotation[i];
     }
-    // Both signs are the same turn. Half a step in each of three components, and what follows for the fourth,
-    // which is at least 1/2: less than 1.5 steps in all.
+    // Both signs are the same turn. Half a step in each of three components moves the fourth, which is the
+    // largest and so at least as large as each of them, by one and a half: sqrt(3) steps in all, and what the
+    // curvature adds.
     const double distance = std::sqrt(std::max(0.0, 2.0 - 2.0 * std::fabs(cosine)));
-    EXPECT_LE(distance, 1.5 * Dequantiser::rotationStep()) << "rotation";
+    EXPECT_LE(distance, 1.75 * Dequantiser::rotationStep()) << "rotation";
     for (std::size_t i = 0; meant.coefficients && i < 45; ++i) {
         expectWithin(splat.coefficients[i], meant.record[9 + i], steps.coefficientStep(i / 15),
                      "coefficient");
     }
 }
 
-std::string findingsOf(const VerifyReport& report) {
+std::string textOf(const std::vector<Finding>& findings) {
     std::string text;
-    for (const auto* const list : {&report.findings.errors(), &report.findings.warnings()}) {
-        for (const Finding& finding : *list) {
-            text += finding.text() + "\n";
-        }
+    for (const Finding& finding : findings) {
+        text += finding.text() + "\n";
     }
     return text;
 }
@@ -116,7 +115,13 @@ TEST_P(Relations, HoldInTheWholeDataset) {
     VerifyOptions options;
     options.level = VerifyLevel::full;
     const VerifyReport report = verifyDataset(output, options);
-    EXPECT_EQ(findingsOf(report), "");
+    EXPECT_EQ(textOf(report.findings.errors()), "");
+    // The box is scanned in steps of 62 floats, so records of 17 may lie outside it.
+    const bool exactBox = scene.options.coefficients || scene.options.statedBounds;
+    for (const auto& [kind, count] : report.findings.warningKinds()) {
+        EXPECT_TRUE(kind == "record-box" && !exactBox) << count << " of " << kind << ":\n"
+                                                       << textOf(report.findings.warnings());
+    }
     EXPECT_EQ(report.splatsHeld, scene.options.splats);
     EXPECT_EQ(report.splatsLeftOut, 0u);
 }
