@@ -7,7 +7,9 @@
 #include "platform.h"
 #include "plyconvert.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <fmt/format.h>
 #include <new>
@@ -51,6 +53,13 @@ std::string saidBy(const ChildProcess& child) {
     return lastOr(child.errorLines(), lastOr(child.outputLines(), "it said nothing"));
 }
 
+// An allocation that fails in one of the converter's threads ends the process by an abort, whose text names
+// it.
+bool saysOutOfMemory(const ChildProcess& child) {
+    return std::ranges::any_of(child.errorLines(),
+                               [](const std::string& line) { return line.find("bad alloc") != line.npos; });
+}
+
 [[noreturn]] void failAs(const ChildProcess& child, const std::string& input) {
     const ChildEnd& end = child.end();
     const auto fail = [&](const std::string& what) {
@@ -58,6 +67,9 @@ std::string saidBy(const ChildProcess& child) {
     };
     if (end.killer == "SIGKILL") {
         fail("the converter's process was killed: if nobody did, the machine ran out of memory");
+    }
+    if (end.status == converterRanOutOfMemory || saysOutOfMemory(child)) {
+        fail("the converter ran out of memory: close other programs, or cut the scene into smaller files");
     }
     if (!end.killer.empty()) {
         fail(fmt::format("the converter's process was ended by {}: {}", end.killer, saidBy(child)));
@@ -70,9 +82,6 @@ std::string saidBy(const ChildProcess& child) {
         throw Failure(ExitStatus::InputRefused, fmt::format("{}: the file has vanished", input));
     case converterThrew:
         fail(fmt::format("the converter failed: {}", saidBy(child)));
-        break;
-    case converterRanOutOfMemory:
-        fail("the converter ran out of memory: close other programs, or cut the scene into smaller files");
         break;
     default:
         fail(fmt::format("the converter ended with status {}: {}", end.status, saidBy(child)));

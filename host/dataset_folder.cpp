@@ -24,7 +24,7 @@ FolderListing listFolder(const fs::path& folder) {
         const std::string name = textFromPath(entry.path().filename());
         const bool isOwn = std::ranges::find(datasetFiles, name) != datasetFiles.end();
         if (!isOwn || entry.symlink_status().type() != fs::file_type::regular) {
-            return {FolderContent::Other, name};
+            return {FolderContent::Other, "it holds " + name + (isOwn ? ", which is no plain file" : "")};
         }
         names.insert(name);
     }
@@ -33,7 +33,7 @@ FolderListing listFolder(const fs::path& folder) {
     }
     for (const char* name : necessaryFiles) {
         if (!names.contains(name)) {
-            return {FolderContent::Other, name};
+            return {FolderContent::Other, std::string("it lacks ") + name};
         }
     }
     return {FolderContent::Dataset, {}};

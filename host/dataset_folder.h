@@ -15,7 +15,7 @@ enum class FolderContent {
 
 struct FolderListing {
     FolderContent content = FolderContent::Empty;
-    std::string foreign; // an entry that no conversion writes; or what a dataset lacks, when all are its own
+    std::string reason; // of Other: what it holds that no conversion writes, or what a dataset must hold
 };
 
 // Throws std::filesystem::filesystem_error when the folder cannot be listed.

@@ -26,7 +26,7 @@ inline constexpr const char* exitStatusTable = "Exit status:\n"
                                                "  4    the conversion failed: an earlier dataset stands\n"
                                                "  5    splats were left out: an earlier dataset stands\n"
                                                "  6    verification failed\n"
-                                               "  130  interrupted: an earlier dataset stands\n";
+                                               "  130  interrupted: an earlier dataset stands";
 
 // A failure that ends the command: one line that says what, where and what to do, and the exit status.
 class Failure : public std::runtime_error {

@@ -105,19 +105,22 @@ bool checkSize(const std::string& name, const SplatFile& file, Verdict& verdict)
     const std::uint64_t held = file.size - std::min(file.size, file.bodyAt);
     const std::uint64_t recordBytes = file.layout.recordBytes();
     if (file.records > held / recordBytes) {
+        const std::uint64_t rest = held % recordBytes;
+        const std::string part =
+            rest > 0 ? fmt::format(" and {} of another", countText(rest, "byte", "bytes")) : std::string();
         verdict.refuse(
             ExitStatus::InputRefused,
-            fmt::format("{}: the file is cut: it declares {} of {} bytes and holds {} and {} more: copy or "
-                        "export it again",
-                        name, countText(file.records, "record", "records"), recordBytes,
-                        countText(held / recordBytes), countText(held % recordBytes, "byte", "bytes")));
+            fmt::format(
+                "{}: the file is cut: it declares {} of {} bytes and holds {}{}: copy or export it again",
+                name, countText(file.records, "record", "records"), recordBytes,
+                countText(held / recordBytes), part));
         return false;
     }
     if (const std::uint64_t extra = held - file.records * recordBytes; extra > 0) {
         verdict.warn(
             fmt::format("{}: {} after the last record are left out: if they are splats, correct the count in "
                         "the element line",
-                        name, extra == 1 ? "1 byte" : countText(extra, "byte", "bytes")));
+                        name, countText(extra, "byte", "bytes")));
     }
     return true;
 }

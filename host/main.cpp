@@ -66,6 +66,11 @@ ExitStatus run(int argc, char** argv) {
     } catch (const CLI::CallForVersion&) {
         fmt::print("{}\n", versionText());
         return ExitStatus::Done;
+    } catch (const CLI::RequiredError& error) {
+        // What is there and unknown tells more than what is missing.
+        const std::vector<std::string> unknown = program.remaining(true);
+        return printUsageError(unknown.empty() ? error.what()
+                                               : fmt::format("{} is not known", unknown.front()));
     } catch (const CLI::ParseError& error) {
         return printUsageError(error.what());
     } catch (const Failure& failure) {

@@ -64,9 +64,9 @@ void checkContent(OutputPlace& place, const std::string& input, bool force) {
         place.content = listing.content;
         if (listing.content == FolderContent::Other && !force) {
             refuse(place.name,
-                   fmt::format("is neither empty nor an earlier dataset (see {}): choose another folder, or "
+                   fmt::format("is neither empty nor an earlier dataset ({}): choose another folder, or "
                                "--force to delete everything in it",
-                               listing.foreign));
+                               listing.reason));
         }
         if (listing.content == FolderContent::Other) {
             checkTree(place, input);
@@ -88,9 +88,6 @@ void requireWritable(const OutputPlace& place, const fs::path& folder) {
 } // namespace
 
 OutputPlace resolveOutput(const std::string& name) {
-    if (name.empty()) {
-        refuse("\"\"", "the output folder has no name");
-    }
     OutputPlace place;
     place.name = name;
     std::error_code error;

@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <fcntl.h>
-#include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace Tavrin::SplatProgram {
@@ -69,7 +68,7 @@ std::error_code flushToDisk(const std::filesystem::path& path) {
 }
 
 std::error_code exchangeNames(const std::filesystem::path& one, const std::filesystem::path& other) {
-    if (::syscall(SYS_renameat2, AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
+    if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
         return {};
     }
     // File systems without the exchange say "invalid argument".

@@ -5,6 +5,7 @@
 #include "reader/format.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
@@ -49,6 +50,20 @@ void checkMemory(Plan& plan, Verdict& verdict) {
                         "cut the scene into smaller files",
                         plan.input.name, countText(plan.input.file.records, "splat", "splats"),
                         bytesText(plan.memory), bytesText(plan.freeMemory)));
+    }
+}
+
+// The meta document would hold inf, which is no JSON, and no cell could be told from another.
+void requireFiniteBox(const Plan& plan, Verdict& verdict) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        if (!std::isfinite(plan.box.min[axis]) || !std::isfinite(plan.box.max[axis])) {
+            verdict.refuse(
+                ExitStatus::InputRefused,
+                fmt::format("{}: a splat stands at infinity on the {} axis: remove it, or state the bounds "
+                            "of the scene in comment lines",
+                            plan.input.name, "xyz"[axis]));
+            return;
+        }
     }
 }
 
@@ -113,14 +128,15 @@ std::optional<Plan> makePlan(const std::optional<InputFacts>& input, const Outpu
     const SplatFile& file = plan.input.file;
     // The records are in the file, so no product of their count overflows. What is too large is refused
     // before the file is read as a whole.
-    checkDisk(plan, output, verdict);
     checkMemory(plan, verdict);
+    checkDisk(plan, output, verdict);
 
     const std::optional<Box> bounds = plan.input.comments.bounds();
     const ScanProgress show = [&](double share) { progress.update("checking the input", share); };
     plan.extent = measureScene(file, bounds, show);
     plan.isBoxMeasured = !bounds;
     plan.box = bounds ? *bounds : convertersBox(file, plan.extent);
+    requireFiniteBox(plan, verdict);
     chooseGrid(plan);
     plan.cells = countCells(file, plan.grid, show);
     progress.clear();

@@ -3,6 +3,7 @@
 #include "exit_status.h"
 #include "interrupt.h"
 
+#include <algorithm>
 #include <charconv>
 #include <fmt/format.h>
 #include <set>
@@ -145,7 +146,8 @@ void PartialFolder::flush(const std::function<void(double)>& progress) const {
     for (const fs::directory_entry& entry : fs::directory_iterator(m_path)) {
         paths.push_back(entry.path());
     }
-    paths.push_back(m_path);
+    std::ranges::sort(paths);
+    paths.push_back(m_path); // last: its entries lead to what is on the disk by then
     for (std::size_t i = 0; i < paths.size(); ++i) {
         throwIfInterrupted();
         progress(static_cast<double>(i) / static_cast<double>(paths.size()));

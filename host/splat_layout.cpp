@@ -81,8 +81,9 @@ private:
                 fmt::format("property {} is a list: a splat record holds only floats", found.name)};
         }
         if (found.name != expected) {
-            return LayoutProblem{found.line, fmt::format("property {} is {}, expected {}{}", index + 1,
-                                                         found.name, expected, nameAdvice(expected))};
+            return LayoutProblem{found.line,
+                                 fmt::format("property {} is {}, expected {}{}", index + 1, found.name,
+                                             expected, nameAdvice(found.name, expected))};
         }
         if (found.type != "float" && found.type != "float32") {
             return LayoutProblem{found.line,
@@ -94,11 +95,12 @@ private:
     }
 
     // What to do when `expected` stands elsewhere or nowhere.
-    std::string nameAdvice(const std::string& expected) const {
+    std::string nameAdvice(const std::string& found, const std::string& expected) const {
         if (expected == "nx" && !m_names.contains("nx")) {
             return " (no normals: export them, as zeros when there are none)";
         }
-        if (m_names.contains(expected)) {
+        const bool isAboutCoefficients = found.starts_with("f_rest_") || expected.starts_with("f_rest_");
+        if (m_names.contains(expected) && !(isAboutCoefficients && !layoutAdvice().empty())) {
             return " (other order: export x y z, nx ny nz, f_dc, f_rest, opacity, scale, rot and nothing "
                    "between)";
         }
