@@ -1,0 +1,117 @@
+/* Loaded in front of the C library (LD_PRELOAD) into the program under test, to make things fail that fail
+ * seldom.
+ *
+ * FAULT_KILL_AT=N       the process is killed in place of its Nth call that changes names or flushes
+ * FAULT_NO_EXCHANGE=1   the file system knows no exchange of names
+ * FAULT_FSYNC=N         the Nth flush fails as a full disk does
+ * FAULT_HOLD=FILE       the process that runs the converter creates FILE when it is about to create its folder, and
+ *                       goes on when FILE is gone
+ * FAULT_COUNT=FILE      the number of those calls is written to the file when the process exits
+ *
+ * But for FAULT_HOLD, processes that the program starts are left alone: the variables are taken away before it starts
+ * any.
+ */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#ifndef RENAME_EXCHANGE
+#define RENAME_EXCHANGE (1 << 1)
+#endif
+
+static long killAt = 0;
+static long failingFlush = 0;
+static int noExchange = 0;
+static char countFile[4096] = "";
+static long calls = 0;
+static long flushes = 0;
+
+static long numberOf(const char* name) {
+    const char* text = getenv(name);
+    const long number = text != NULL ? strtol(text, NULL, 10) : 0;
+    unsetenv(name);
+    return number;
+}
+
+__attribute__((constructor)) static void readFaults(void) {
+    killAt = numberOf("FAULT_KILL_AT");
+    failingFlush = numberOf("FAULT_FSYNC");
+    noExchange = numberOf("FAULT_NO_EXCHANGE") != 0;
+    const char* file = getenv("FAULT_COUNT");
+    if (file != NULL) {
+        strncpy(countFile, file, sizeof countFile - 1);
+        unsetenv("FAULT_COUNT");
+    }
+}
+
+__attribute__((destructor)) static void writeCount(void) {
+    FILE* file = countFile[0] != '\0' ? fopen(countFile, "w") : NULL;
+    if (file != NULL) {
+        fprintf(file, "%ld\n", calls);
+        fclose(file);
+    }
+}
+
+static void countCall(void) {
+    if (++calls == killAt) {
+        raise(SIGKILL);
+    }
+}
+
+int rename(const char* from, const char* to) {
+    int (*next)(const char*, const char*) = (int (*)(const char*, const char*))dlsym(RTLD_NEXT, "rename");
+    countCall();
+    return next(from, to);
+}
+
+int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned int flags) {
+    int (*next)(int, const char*, int, const char*, unsigned int) =
+        (int (*)(int, const char*, int, const char*, unsigned int))dlsym(RTLD_NEXT, "renameat2");
+    countCall();
+    if (noExchange && (flags & RENAME_EXCHANGE) != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return next(fromFolder, from, toFolder, to, flags);
+}
+
+int remove(const char* path) {
+    int (*next)(const char*) = (int (*)(const char*))dlsym(RTLD_NEXT, "remove");
+    countCall();
+    return next(path);
+}
+
+int unlink(const char* path) {
+    int (*next)(const char*) = (int (*)(const char*))dlsym(RTLD_NEXT, "unlink");
+    countCall();
+    return next(path);
+}
+
+int fsync(int file) {
+    int (*next)(int) = (int (*)(int))dlsym(RTLD_NEXT, "fsync");
+    countCall();
+    if (++flushes == failingFlush) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return next(file);
+}
+
+int mkdir(const char* path, mode_t mode) {
+    int (*next)(const char*, mode_t) = (int (*)(const char*, mode_t))dlsym(RTLD_NEXT, "mkdir");
+    const char* hold = getenv("FAULT_HOLD");
+    FILE* file = hold != NULL && strstr(path, ".partial-") != NULL ? fopen(hold, "w") : NULL;
+    if (file != NULL) {
+        fclose(file);
+        while (access(hold, F_OK) == 0) {
+            usleep(1000);
+        }
+    }
+    return next(path, mode);
+}

@@ -1,0 +1,88 @@
+# shellcheck shell=bash
+# What the transcripts and the other scripts of this folder share.
+
+samples=$PROJECT/../shared/samples
+
+# properties 62|17: the property lines of a splat record.
+properties() {
+    local name
+    for name in x y z nx ny nz f_dc_0 f_dc_1 f_dc_2; do
+        echo "property float $name"
+    done
+    if [[ $1 == 62 ]]; then
+        for name in {0..44}; do
+            echo "property float f_rest_$name"
+        done
+    fi
+    for name in opacity scale_0 scale_1 scale_2 rot_0 rot_1 rot_2 rot_3; do
+        echo "property float $name"
+    done
+}
+
+# header FLOATS COUNT [LINE...]: a splat header; the lines stand before the element line.
+header() {
+    local floats=$1 count=$2
+    shift 2
+    echo ply
+    echo "format binary_little_endian 1.0"
+    (($# == 0)) || printf '%s\n' "$@"
+    echo "element vertex $count"
+    properties "$floats"
+    echo end_header
+}
+
+# ply FILE FLOATS COUNT [LINE...]: a whole splat file. What `records` takes further stands in the array
+# record_options.
+record_options=()
+ply() {
+    local file=$1
+    shift
+    header "$@" >"$file"
+    records "$1" "$2" "${record_options[@]}" >>"$file"
+}
+
+# bounds MINX MINY MINZ MAXX MAXY MAXZ: comment lines, one a word of the array bounds_lines.
+bounds() {
+    bounds_lines=("comment minx $1" "comment miny $2" "comment minz $3" "comment maxx $4" "comment maxy $5"
+        "comment maxz $6")
+}
+
+# edited FILE SED_SCRIPT: puts an edited copy of the header in front of the same body, in place.
+edited() {
+    local file=$1 script=$2 length
+    length=$(($(grep -a -b -o -m 1 '^end_header$' "$file" | cut -d : -f 1) + 11))
+    head -c "$length" "$file" | sed -E "$script" >"$file.edited"
+    tail -c "+$((length + 1))" "$file" >>"$file.edited"
+    mv "$file.edited" "$file"
+}
+
+# listing [FOLDER]: every name in it, the hidden ones too.
+listing() {
+    (cd "${1:-.}" && find . -mindepth 1 | LC_ALL=C sort | sed 's#^\./##')
+}
+
+# hashes FOLDER: of the files that depend on the input alone.
+hashes() {
+    (cd "$1" && for file in data.bin shcoef.bin index.bin; do
+        [[ -e $file ]] && sha256sum "$file"
+    done)
+}
+
+# small_disk FOLDER SIZE: mounts a file system in memory at the folder, of a size like 8m. It is gone after the run.
+small_disk() {
+    mkdir -p "$1"
+    if ! mount -t tmpfs -o "size=$2" plyconvert-test "$1" 2>/dev/null; then
+        skip "mounting a small file system needs root"
+        return 0
+    fi
+    cleanups+=("umount '$(realpath "$1")'")
+}
+
+# child_of PID: the process that it started; waits until there is one, or until PID has ended.
+child_of() {
+    local child=
+    while [[ -z $child && -e /proc/$1/task/$1/children ]]; do
+        read -r child _ <"/proc/$1/task/$1/children"
+    done 2>/dev/null
+    echo "$child"
+}

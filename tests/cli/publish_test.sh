@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# Kills the program in place of each of its calls that change names or flush, one run after the other, on a file
+# system that exchanges names and on one that does not. The output folder holds the earlier dataset or the new one,
+# whole; without the exchange it may be missing for one moment, and the next run puts the earlier one back even when
+# it fails itself. The next good run removes whatever was left.
+#
+#   PLYCONVERT_PATH=... FAULTS=.../faults.so publish_test.sh
+set -u
+here=$(dirname "$(realpath "$0")")
+export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
+trap '[[ $BASHPID != $$ ]] || rm -rf "$scratch"' EXIT
+cd "$scratch" || exit 1
+# shellcheck source=tests/cli/lib.sh
+source "$here/lib.sh"
+
+failures=0
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+
+ply old.ply 62 100
+ply new.ply 62 200
+plyconvert --quiet old.ply old || exit 1
+plyconvert --quiet new.ply new || exit 1
+hashes old >old.hashes
+hashes new >new.hashes
+cp new.ply bad.ply && edited bad.ply 's/^element/comment epsg abc\n&/'
+mkdir other && echo precious >other/notes.txt
+
+# What the output folder is.
+look() {
+    if [[ ! -e out ]]; then
+        echo missing
+    elif [[ -z $(listing out) ]]; then
+        echo empty
+    elif diff -rq out other >/dev/null 2>&1; then
+        echo other
+    else
+        hashes out >found.hashes 2>/dev/null
+        if cmp -s found.hashes old.hashes; then
+            echo old
+        elif cmp -s found.hashes new.hashes; then
+            echo new
+        else
+            echo broken
+        fi
+    fi
+}
+
+# before NAME: the output folder as it is before the run.
+before() {
+    rm -rf out out.*
+    case $1 in
+    old | other) cp -r "$1" out ;;
+    empty) mkdir out ;;
+    esac
+}
+
+for exchange in yes no; do
+    for state in old empty missing other; do
+        fault=()
+        [[ $exchange == no ]] && fault=(FAULT_NO_EXCHANGE=1)
+        force=()
+        [[ $state == other ]] && force=(--force)
+        before "$state"
+        env "${fault[@]}" FAULT_COUNT="$scratch/count" LD_PRELOAD="$FAULTS" plyconvert --quiet "${force[@]}" new.ply out
+        status=$?
+        [[ $status == 0 && $(look) == new && -z $(listing | grep -E '^out\.') ]] ||
+            fail "exchange $exchange, before $state: status $status, $(look), $(listing | grep -E '^out\.')"
+        calls=$(cat count)
+        ((calls >= 8)) || fail "only $calls calls were seen"
+        seen=()
+        for ((call = 1; call <= calls; ++call)); do
+            name="exchange $exchange, before $state, killed at call $call"
+            before "$state"
+            {
+                env "${fault[@]}" FAULT_KILL_AT=$call LD_PRELOAD="$FAULTS" plyconvert --quiet "${force[@]}" new.ply out
+                status=$?
+            } 2>/dev/null # the shell's word on the killed job
+            now=$(look)
+            seen+=("$now")
+            [[ $status == 137 ]] || fail "$name: status $status"
+            if [[ $now != "$state" && $now != new ]]; then
+                [[ $exchange == no && $now == missing ]] || fail "$name: the output folder is $now"
+                # The next run may fail: what was set aside is back before it does.
+                plyconvert --quiet --unchecked "${force[@]}" bad.ply out 2>/dev/null
+                [[ $(look) == "$state" ]] || fail "$name: $(look) after the next run, which failed"
+            fi
+            plyconvert --quiet "${force[@]}" new.ply out || fail "$name: the next run fails"
+            left=$(listing | grep -E '^out\.' | grep -v -E '^out\.[a-z]+-[0-9]+(/notes.txt)?$')
+            [[ $(look) == new && -z $left ]] || fail "$name: after the next run $(look), $left"
+            # Dead runs' leftovers are removed, but for a file that no conversion wrote.
+            if [[ $state != other && -n $(listing | grep -E '^out\.') ]]; then
+                fail "$name: left behind: $(listing | grep -E '^out\.' | paste -s -d ' ')"
+            fi
+        done
+        echo "exchange $exchange, before $state: $(printf '%s\n' "${seen[@]}" | uniq -c | paste -s -d ' ' | tr -s ' ')"
+    done
+done
+((failures == 0))

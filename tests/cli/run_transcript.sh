@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# Runs the commands of a transcript with the real program and compares what they print.
+#
+#   run_transcript.sh [--update] FILE.md
+#
+# A transcript is prose with fenced blocks that start with ```console. In them, a line "$ COMMAND" (with "> " lines
+# that continue it) is followed by what the command prints on standard output and standard error, and by "[STATUS]"
+# when its exit status is not 0. All commands of a file run in one shell, in a scratch folder of its own, with the
+# functions of lib.sh and the folders of PLYCONVERT_PATH in front of PATH. What differs from run to run (durations,
+# process ids, free space) is compared in a settled form. --update writes what was printed into the file.
+#
+# A command that calls "skip REASON" ends the run with status 77, as CTest expects it.
+set -u
+
+update=no
+[[ ${1:-} == --update ]] && update=yes && shift
+transcript=$(realpath "$1")
+here=$(dirname "$(realpath "$0")")
+export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
+
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
+cleanups=()
+clean_up() {
+    [[ $BASHPID == $$ ]] || return # a job that was killed before it became the program
+    cd / || return
+    for cleanup in "${cleanups[@]}"; do
+        eval "$cleanup"
+    done
+    rm -rf "$scratch"
+}
+trap clean_up EXIT
+mkdir "$scratch/work" && cd "$scratch/work" || exit 1
+skip() {
+    echo "skipped: $*" >"$scratch/skip"
+}
+# shellcheck source=tests/cli/lib.sh
+source "$here/lib.sh"
+
+# What differs from run to run, in one form.
+settled() {
+    sed -E -e "s#$scratch/work#WORK#g" \
+        -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
+        -e 's/[0-9.:]+ (s|min), [0-9,]+ splats\/s/TIME, SPEED splats\/s/' \
+        -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
+        -e 's/[0-9.]+ [KMGTP]iB and FREE/NEED and FREE/' \
+        -e 's/"seconds":[0-9.e+-]+,"splatsPerSecond":[0-9]+/"seconds":TIME,"splatsPerSecond":SPEED/' \
+        -e 's/"(free[A-Za-z]*Bytes)":[0-9]+/"\1":FREE/g' "$1"
+}
+
+failures=0
+command=
+: >"$scratch/expected"
+: >"$scratch/updated"
+
+# Runs the command that was read last and compares.
+finish() {
+    [[ -z $command ]] && return
+    eval "$command" >"$scratch/actual" 2>&1 </dev/null
+    local status=$?
+    ((status == 0)) || echo "[$status]" >>"$scratch/actual"
+    if [[ -e $scratch/skip ]]; then
+        cat "$scratch/skip"
+        exit 77
+    fi
+    # The last line may lack its line feed.
+    [[ -s $scratch/actual && -n $(tail -c 1 "$scratch/actual") ]] && echo >>"$scratch/actual"
+    settled "$scratch/actual" >"$scratch/actual.settled"
+    settled "$scratch/expected" >"$scratch/expected.settled"
+    if ! diff -u --label expected "$scratch/expected.settled" --label printed "$scratch/actual.settled" \
+        >"$scratch/difference"; then
+        failures=$((failures + 1))
+        [[ $update == no ]] && printf '%s: $ %s\n' "$(basename "$transcript")" "$command"
+        [[ $update == no ]] && tail -n +3 "$scratch/difference"
+    fi
+    sed -E "s#$scratch/work#WORK#g; s/(partial|replaced)-[0-9]+/\1-PID/g" "$scratch/actual" >>"$scratch/updated"
+    command=
+    : >"$scratch/expected"
+}
+
+in_block=no
+while IFS= read -r line || [[ -n $line ]]; do
+    if [[ $in_block == no ]]; then
+        [[ $line == '```console' ]] && in_block=yes
+        printf '%s\n' "$line" >>"$scratch/updated"
+    elif [[ $line == '```' ]]; then
+        finish
+        in_block=no
+        printf '%s\n' "$line" >>"$scratch/updated"
+    elif [[ $line == '$ '* ]]; then
+        finish
+        command=${line#'$ '}
+        printf '%s\n' "$line" >>"$scratch/updated"
+    elif [[ $line == '> '* && ! -s $scratch/expected ]]; then
+        command+=$'\n'${line#'> '}
+        printf '%s\n' "$line" >>"$scratch/updated"
+    else
+        printf '%s\n' "$line" >>"$scratch/expected"
+    fi
+done <"$transcript"
+
+if [[ $update == yes ]]; then
+    cp "$scratch/updated" "$transcript"
+    exit 0
+fi
+if ((failures > 0)); then
+    echo "$failures commands printed something else."
+    exit 1
+fi
