@@ -120,7 +120,9 @@ void Indexer::buildIndex() {
     }
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk && chunk->data != nullptr) {
-            placeSplats(*chunk, rule, recordFloats, quantiser, builds[chunk->level].table);
+            CellTable& table = builds[chunk->level].table;
+            placeSplats(*chunk, rule, recordFloats, quantiser, table);
+            table.withdrawOffers();
             freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
             chunk.reset();
         }

@@ -31,6 +31,10 @@ public:
     // come.
     void offer(void* page) { arena->spare.push_back(page); }
 
+    // Take back what is left of the offers: their block is about to be freed, and its addresses may be
+    // somebody else's by the time a record needs a page.
+    void withdrawOffers() { arena->spare.clear(); }
+
 private:
     std::shared_ptr<RecordArena> arena; // set by reserve
     std::vector<SplatsData*> next;      // by number of cell

@@ -45,7 +45,7 @@ struct BuildTest : testing::Test {
         indexer.chunks = std::make_shared<ChunkList>();
     }
     ~BuildTest() override {
-        releaseChunks(*indexer.chunks);
+        releaseChunks(*indexer.chunks, recordSizeWithShcoef);
         chunkGrid = gridBefore;
     }
 
@@ -215,6 +215,62 @@ TEST_F(BuildTest, EveryBlockIsFreedAndTheListKeepsItsLength) {
     indexer.buildIndex();
     EXPECT_TRUE(freed.expired());
     EXPECT_EQ(*indexer.chunks, (ChunkList{without, nullptr}));
+}
+
+// Blocks large enough that their pages are handed on to the cells, splats scattered so that most cells have
+// pages before any is offered. A page that stayed on offer behind the end of its block would later be taken
+// out of whatever lies at its address then.
+TEST_F(BuildTest, NoPageOfAFreedBlockStaysOnOffer) {
+    Random random(78);
+    chunkGrid.cellSizeX = chunkGrid.cellSizeY = 1.0f;
+    const std::vector<std::vector<float>> blocks = {decodedScene(random, 100'000, false, 45.0f),
+                                                    decodedScene(random, 100'000, false, 45.0f)};
+    build(blocks, false, grid);
+    EXPECT_TRUE(actual(0) == expected(blocks, false, false));
+    const std::shared_ptr<RecordArena> arena =
+        indexer.levels->at(0)->cells->begin()->second->get_allocator().arena;
+    EXPECT_TRUE(arena->spare.empty());
+}
+
+// One cell, written from its start to its end: the pages of the block are taken as they become free.
+TEST_F(BuildTest, PagesMoveWhileOneCellGrows) {
+    Random random(79);
+    for (const bool hasShcoef : {false, true}) {
+        *indexer.levels = LevelMap();
+        indexer.chunks->clear();
+        const std::vector<std::vector<float>> blocks = {decodedScene(random, 40'000, hasShcoef, 45.0f),
+                                                        decodedScene(random, 1000, hasShcoef, 45.0f),
+                                                        decodedScene(random, 31'000, hasShcoef, 45.0f)};
+        build(blocks, hasShcoef, single, {0, 0, 0});
+        EXPECT_TRUE(actual(0) == expected(blocks, hasShcoef, true));
+    }
+}
+
+std::shared_ptr<ChunkCells> countedBy(const std::vector<float>& block, const ChunkGrid& countedGrid) {
+    auto cells = std::make_shared<ChunkCells>();
+    cells->grid = countedGrid;
+    for (std::size_t at = 0; at < block.size(); at += 17) {
+        cells->counter.add(cellKey(block[at], block[at + 1], countedGrid), 1);
+    }
+    return cells;
+}
+
+TEST_F(BuildTest, CellsCountedBeforeAreUsedForTheirOwnGridAlone) {
+    Random random(80);
+    const std::vector<float> block = decodedScene(random, 500, false, 40.0f);
+    ChunkGrid other = chunkGrid;
+    other.cellSizeX = 3.0f;
+    for (const ChunkGrid& countedGrid : {chunkGrid, other}) {
+        *indexer.levels = LevelMap();
+        const auto chunk = chunkOf(block, false);
+        chunk->cells = countedBy(block, countedGrid);
+        *indexer.chunks = {chunk};
+        scene = rangesOf(block, false);
+        indexer.bounding = boundingOf(scene, false);
+        indexer.splatCount = grid;
+        indexer.buildIndex();
+        EXPECT_EQ(actual(0), expected({block}, false, false));
+    }
 }
 
 TEST_F(BuildTest, EveryMapHasItsSettings) {

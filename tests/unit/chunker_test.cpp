@@ -56,7 +56,13 @@ struct ChunkerTest : testing::Test {
     ~ChunkerTest() override {
         blockSplats = blockSplatsBefore;
         closeRunLog();
-        releaseChunks(*chunks);
+        release();
+    }
+
+    // Free the blocks and empty the list.
+    void release() {
+        releaseChunks(*chunks, bounding->hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef);
+        chunks->clear();
     }
 
     // The header of a file, which is written under this name.
@@ -194,8 +200,7 @@ TEST_F(ChunkerTest, DecodesEveryRecordInFileOrderWhateverBlocksAndThreads) {
             for (const std::uint64_t threads : {1u, 2u, 7u}) {
                 SCOPED_TRACE("blocks of " + std::to_string(block) + ", threads " + std::to_string(threads));
                 blockSplats = block;
-                releaseChunks(*chunks);
-                chunks->clear();
+                release();
                 *bounding = AttributeBounding();
                 chunk({header}, threads);
                 std::vector<std::uint32_t> counted(25 / block, static_cast<std::uint32_t>(block));
@@ -218,8 +223,7 @@ TEST_F(ChunkerTest, LongBlocksAreDecodedWholeByManyWorkers) {
         const reference::Ranges ranges = reference::decodeBlock(expected, coefficients);
         for (const std::uint64_t block : {5000u, 1'000'000u}) {
             blockSplats = block;
-            releaseChunks(*chunks);
-            chunks->clear();
+            release();
             *bounding = AttributeBounding();
             chunk({write(file)}, 6);
             EXPECT_EQ(chunks->size(), block == 5000 ? 3u : 1u);
@@ -246,8 +250,7 @@ TEST_F(ChunkerTest, TheFirstOfTwoEqualBoundsStays) {
         const SplatHeader header = write(file);
         for (const std::uint64_t block : {1u, 2u, 9u}) {
             blockSplats = block;
-            releaseChunks(*chunks);
-            chunks->clear();
+            release();
             *bounding = AttributeBounding();
             chunk({header}, 5);
             for (const AttributeRange* range : {&bounding->position, &bounding->normal, &bounding->shcoef}) {
@@ -373,8 +376,7 @@ TEST_F(ChunkerTest, ACutFileIsFilledUpWithZeros) {
         std::memcpy(expected.data(), body.data() + header.headerEnd, expected.size() * sizeof(float));
         reference::decodeBlock(expected, false);
         blockSplats = length % 2 == 0 ? 2 : 5;
-        releaseChunks(*chunks);
-        chunks->clear();
+        release();
         chunk({header}, 1);
         expectSameFloats(records(), expected);
         if (HasFailure()) {
@@ -440,9 +442,10 @@ TEST_F(ChunkerTest, ATaskWithoutLengthEndsTheProcess) {
 
 TEST_F(ChunkerTest, ReleasingTheListFreesTheBlocksThatAreLeft) {
     const auto full = std::make_shared<ChunkData>();
+    full->splatCount = 1;
     full->data = static_cast<float*>(allocateLarge(68)); // the leak check would see it
     ChunkList list = {full, nullptr, std::make_shared<ChunkData>()};
-    releaseChunks(list);
+    releaseChunks(list, recordSizeWithoutShcoef);
     EXPECT_EQ(list, ChunkList(3));
 }
 
