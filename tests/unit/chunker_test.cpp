@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -394,6 +395,52 @@ void expectBlocksOfTwoMillion(const ChunkerTest& test, SplatHeader header, const
     EXPECT_EQ(chunks[1]->data[0], 3.0f);
     EXPECT_EQ(chunks[1]->data[1'999'999 * recordFloats], 4.0f);
     EXPECT_EQ(chunks[2]->data[0], 5.0f);
+    for (const std::shared_ptr<ChunkData>& chunk : chunks) { // a scene with a grid: counted, all in one cell
+        ASSERT_NE(chunk->cells, nullptr);
+        ASSERT_EQ(chunk->cells->counter.counts().size(), 1u);
+        EXPECT_EQ(chunk->cells->counter.counts()[0].splats, chunk->splatCount);
+    }
+}
+
+struct CellCountTest : ChunkerTest {
+    ChunkGrid gridBefore = chunkGrid;
+
+    CellCountTest() {
+        chunkGrid = {.cellSizeX = 5.0f, .cellSizeY = 4.0f, .originX = -10.0f, .originY = -10.0f};
+    }
+    ~CellCountTest() override { chunkGrid = gridBefore; }
+};
+
+TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
+    const PlyFile file = randomFile(61, 3000, false);
+    const SplatHeader header = write(file);
+    bounding->hasShcoef = false;
+    std::map<std::uint32_t, std::uint64_t> expected;
+    for (std::size_t at = 0; at < file.records.size(); at += 17) {
+        ++expected[reference::cellKey(
+            file.records[at], file.records[at + 1],
+            {.originX = -10.0f, .originY = -10.0f, .cellSizeX = 5.0f, .cellSizeY = 4.0f})];
+    }
+    ChunkPass pass(bounding, chunks);
+    pass.countsCells = true;
+    Chunker::Task task;
+    task.path = header.path;
+    task.stride = header.recordSize;
+    task.count = file.count();
+    task.offset = static_cast<std::uint64_t>(header.headerEnd);
+    task.length = task.stride * task.count;
+    decodeBlock(task, pass);
+    std::map<std::uint32_t, std::uint64_t> actual;
+    for (const CellCount& cell : chunks->front()->cells->counter.counts()) {
+        actual[cell.key] += cell.splats;
+    }
+    EXPECT_EQ(actual, expected);
+    EXPECT_EQ(chunks->front()->cells->grid, chunkGrid);
+}
+
+TEST_F(CellCountTest, ScenesOfOneCellAreNotCounted) {
+    chunk({write(randomFile(62, 10, false))});
+    EXPECT_EQ(chunks->front()->cells, nullptr);
 }
 
 TEST_F(ChunkerTest, FourMillionAndOneSplatsAreThreeBlocks) {

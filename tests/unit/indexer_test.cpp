@@ -1,0 +1,192 @@
+#include "src/indexer.h"
+
+#include "src/runlog.h"
+
+#include "tests/support/deathtest.h"
+#include "tests/support/files.h"
+#include "tests/support/reference.h"
+#include "tests/unit/indexer_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Tavrin::GaussionSplat {
+
+namespace {
+
+namespace reference = support::reference;
+using support::Random;
+
+struct IndexerTest : testing::Test {
+    support::Scratch scratch;
+    ChunkGrid gridBefore = chunkGrid;
+    std::shared_ptr<ChunkList> chunks = std::make_shared<ChunkList>();
+    std::shared_ptr<AttributeBounding> bounding = std::make_shared<AttributeBounding>();
+    reference::Ranges ranges;
+    std::vector<float> splats; // of all blocks
+
+    IndexerTest() {
+        chunkGrid = {.cellSizeX = 10.0f,
+                     .cellSizeY = 10.0f,
+                     .originX = -30.0f,
+                     .originY = -30.0f,
+                     .cellCountX = 7,
+                     .cellCountY = 7};
+        openRunLog((scratch / "log.txt").string());
+    }
+    ~IndexerTest() override {
+        closeRunLog();
+        releaseChunks(*chunks, recordSizeWithShcoef);
+        chunkGrid = gridBefore;
+    }
+
+    void addBlocks(const std::vector<std::size_t>& counts, bool hasShcoef) {
+        Random random(110);
+        for (const std::size_t count : counts) {
+            const std::vector<float> block = decodedScene(random, count, hasShcoef, 25.0f);
+            chunks->push_back(chunkOf(block, hasShcoef));
+            splats.insert(splats.end(), block.begin(), block.end());
+        }
+        ranges = rangesOf(splats, hasShcoef);
+        bounding = boundingOf(ranges, hasShcoef);
+    }
+
+    // Run an indexer over the blocks, for a scene of this many splats.
+    void runIndexer(std::uint64_t splatCount) {
+        Indexer indexer(std::vector<SplatHeader>(1), scratch.folder().string());
+        indexer.run(bounding, chunks, splatCount, "[label]", splatCount, std::make_shared<Params>());
+    }
+
+    // The same; what went to standard output.
+    std::string run(std::uint64_t splatCount) {
+        return support::withPlainLineEnds(support::standardOutputOf([&] { runIndexer(splatCount); }));
+    }
+
+    std::string file(const char* name) const { return support::readFile(scratch / name); }
+
+    // Both files' records of each splat, by cell column, then row, then order of the blocks.
+    std::pair<std::string, std::string> expectedRecords(bool hasShcoef, bool single) const {
+        std::map<std::uint32_t, std::pair<std::string, std::string>> cells; // by column and row
+        for (std::size_t at = 0; at < splats.size(); at += recordLayout(hasShcoef).floats) {
+            const std::uint32_t key = reference::cellKey(splats[at], splats[at + 1],
+                                                         {.originX = chunkGrid.originX,
+                                                          .originY = chunkGrid.originY,
+                                                          .cellSizeX = chunkGrid.cellSizeX,
+                                                          .cellSizeY = chunkGrid.cellSizeY});
+            auto& [data, shcoef] = cells[single ? 0 : key << 16 | key >> 16];
+            const reference::Quantised record = reference::quantise(splats.data() + at, hasShcoef, ranges);
+            data.append(record.data.begin(), record.data.end());
+            shcoef.append(record.packed.begin(), record.packed.end());
+        }
+        std::pair<std::string, std::string> files;
+        for (const auto& [place, records] : cells) {
+            files.first += records.first;
+            files.second += records.second;
+        }
+        return files;
+    }
+};
+
+std::string logOf(bool hasShcoef) {
+    return "INFO(indexer:29): Start Index ,need a little time ... \n"
+           "INFO(indexer:38): Index finished ,Start create Data... \n"
+           "INFO(indexer:" +
+           std::string(hasShcoef ? "694" : "827") +
+           "): Data create finished , free file stream... \n"
+           "INFO(indexer:" +
+           (hasShcoef ? "701" : "832") +
+           "): Data create finished , free file stream success.\n"
+           "INFO(indexer:40): Index finished ,Start create Index... \n"
+           "INFO(indexer:42): Index finished ,Start create meta data \n"
+           "INFO(indexer:45): All tasks finished .\n";
+}
+
+TEST_F(IndexerTest, RunWritesEveryFileOfASingleCell) {
+    for (const bool hasShcoef : {true, false}) {
+        SCOPED_TRACE(hasShcoef);
+        splats.clear();
+        chunks->clear();
+        std::filesystem::remove(scratch / "shcoef.bin");
+        addBlocks({30, 12}, hasShcoef);
+        EXPECT_EQ(run(1'000'000), "\n\n");
+        const auto [data, shcoef] = expectedRecords(hasShcoef, true);
+        EXPECT_EQ(file("data.bin"), data);
+        EXPECT_EQ(std::filesystem::exists(scratch / "shcoef.bin"), hasShcoef);
+        EXPECT_TRUE(!hasShcoef || file("shcoef.bin") == shcoef);
+        EXPECT_EQ(file("index.bin"), std::string("\0\0\0\0\x2A\0\0\0\0\0\0\0\0\0\0\0\x40\x05\0\0", 20)); // 42
+    }
+}
+
+TEST_F(IndexerTest, RunWritesTheCellsOfAGrid) {
+    addBlocks({300, 1, 120}, true);
+    const std::string output = run(1'000'001);
+    const auto [data, shcoef] = expectedRecords(true, false);
+    EXPECT_EQ(file("data.bin"), data);
+    EXPECT_EQ(file("shcoef.bin"), shcoef);
+    EXPECT_EQ(output.size(), file("index.bin").size() / 20 * 2);
+}
+
+TEST_F(IndexerTest, RunLogsItsStepsInOrder) {
+    for (const bool hasShcoef : {true, false}) {
+        openRunLog((scratch / "log.txt").string());
+        chunks->clear();
+        addBlocks({5}, hasShcoef);
+        run(5);
+        EXPECT_EQ(support::withPlainLineEnds(file("log.txt")), logOf(hasShcoef));
+    }
+}
+
+TEST_F(IndexerTest, RunHandsItsArgumentsOn) {
+    addBlocks({4, 4}, true);
+    const auto params = std::make_shared<Params>();
+    Indexer indexer(std::vector<SplatHeader>(1), scratch.folder().string());
+    support::standardOutputOf([&] { indexer.run(bounding, chunks, 123'456, "[label]", 8, params); });
+    EXPECT_EQ(indexer.bounding, bounding);
+    EXPECT_EQ(indexer.params, params);
+    EXPECT_EQ(indexer.chunks, chunks);
+    EXPECT_EQ(indexer.totalSplats, 123'456u);
+    EXPECT_EQ(indexer.splatCount, 8u);
+    EXPECT_EQ(indexer.countLabel, "[label]");
+    const std::string meta = file("converted_from_ply.ytr");
+    EXPECT_NE(meta.find("\"totalSplats\": 123456,"), std::string::npos);
+    EXPECT_NE(meta.find("\"splats\": [label],"), std::string::npos);
+    EXPECT_NE(meta.find("\"indexDataSize\": 20,"), std::string::npos);
+}
+
+TEST_F(IndexerTest, AfterARunTheBlocksAndBuffersAreGoneAndTheLevelsStay) {
+    addBlocks({4, 4}, true);
+    Indexer indexer(std::vector<SplatHeader>(1), scratch.folder().string());
+    support::standardOutputOf(
+        [&] { indexer.run(bounding, chunks, 8, "[8]", 8, std::make_shared<Params>()); });
+    EXPECT_EQ(*chunks, ChunkList(2));
+    EXPECT_EQ(indexer.indexBuffer, nullptr);
+    ASSERT_EQ(indexer.levels->size(), 1u);
+    EXPECT_EQ(indexer.levels->at(0)->splatCount, 8u);
+    EXPECT_TRUE(indexer.levels->at(0)->cells->at(0)->empty());
+}
+
+TEST_F(IndexerTest, AnEmptyChunkListEndsTheProcess) {
+    bounding->hasShcoef = true;
+    EXPECT_PROCESS_EXIT(runIndexer(0), support::statusMinusOne,
+                        "^ERROR.indexer:548.: cannot GET lod0 data\n$");
+    bounding->hasShcoef = false;
+    EXPECT_PROCESS_EXIT(runIndexer(0), support::statusMinusOne,
+                        "^ERROR.indexer:708.: cannot GET lod0 data\n$");
+}
+
+// A level above 0 alone is built, but there is nothing to write.
+TEST_F(IndexerTest, BlocksOfOtherLevelsAloneEndTheProcess) {
+    addBlocks({4}, true);
+    chunks->front()->level = 1;
+    EXPECT_PROCESS_EXIT(runIndexer(4), support::statusMinusOne,
+                        "^ERROR.indexer:548.: cannot GET lod0 data\n$");
+}
+
+} // namespace
+
+} // namespace Tavrin::GaussionSplat
