@@ -15,5 +15,9 @@ write_basic_package_version_file(plyconvertConfigVersion.cmake COMPATIBILITY Sam
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/plyconvertConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/plyconvertConfigVersion.cmake
     DESTINATION ${package_folder})
 
+# The prefix is stated relative to the file: cmake --install takes another one than the configured, and an installed
+# tree may be moved.
+file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
 configure_file(cmake/plyconvert.pc.in plyconvert.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/plyconvert.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
