@@ -9,6 +9,8 @@
 # functions of lib.sh and the folders of PLYCONVERT_PATH in front of PATH. What differs from run to run (durations,
 # process ids, free space) is compared in a settled form. --update writes what was printed into the file.
 #
+# A line "<!-- setup: COMMAND -->" outside the blocks runs a command whose output is of no interest.
+#
 # A command that calls "skip REASON" ends the run with status 77, as CTest expects it.
 set -u
 
@@ -18,6 +20,7 @@ transcript=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
 export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
 
+shown=WORK # stands for the scratch folder; a document sets what looks better
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
 cleanups=()
 clean_up() {
@@ -38,7 +41,7 @@ source "$here/lib.sh"
 
 # What differs from run to run, in one form.
 settled() {
-    sed -E -e "s#$scratch/work#WORK#g" \
+    sed -E -e "s#$scratch/work#$shown#g" \
         -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
         -e 's/[0-9.:]+ (s|min), [0-9,]+ splats\/s/TIME, SPEED splats\/s/' \
         -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
@@ -72,7 +75,7 @@ finish() {
         [[ $update == no ]] && printf '%s: $ %s\n' "$(basename "$transcript")" "$command"
         [[ $update == no ]] && tail -n +3 "$scratch/difference"
     fi
-    sed -E "s#$scratch/work#WORK#g; s/(partial|replaced)-[0-9]+/\1-PID/g" "$scratch/actual" >>"$scratch/updated"
+    sed -E "s#$scratch/work#$shown#g; s/(partial|replaced)-[0-9]+/\1-PID/g" "$scratch/actual" >>"$scratch/updated"
     command=
     : >"$scratch/expected"
 }
@@ -81,6 +84,10 @@ in_block=no
 while IFS= read -r line || [[ -n $line ]]; do
     if [[ $in_block == no ]]; then
         [[ $line == '```console' ]] && in_block=yes
+        if [[ $line == '<!-- setup: '*' -->' ]]; then
+            setup=${line#'<!-- setup: '}
+            eval "${setup%' -->'}" >/dev/null || exit 1
+        fi
         printf '%s\n' "$line" >>"$scratch/updated"
     elif [[ $line == '```' ]]; then
         finish
