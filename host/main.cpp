@@ -2,7 +2,9 @@
 #include "console.h"
 #include "conversion.h"
 #include "convert_command.h"
+#include "export_command.h"
 #include "plyconvert.h"
+#include "verify_command.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -15,7 +17,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-const std::vector<AddCommand*> commands = {addConvertCommand};
+const std::vector<AddCommand*> commands = {addConvertCommand, addVerifyCommand, addExportCommand};
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,

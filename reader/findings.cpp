@@ -2,6 +2,14 @@
 
 namespace Tavrin::SplatReader {
 
+std::string joined(std::initializer_list<std::string_view> parts) {
+    std::string text;
+    for (const std::string_view part : parts) {
+        text.append(part);
+    }
+    return text;
+}
+
 std::string Finding::text() const {
     return file + ", byte " + std::to_string(offset) + ": expected " + expected + ", found " + found;
 }

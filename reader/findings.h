@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -10,6 +11,10 @@
 #include <vector>
 
 namespace Tavrin::SplatReader {
+
+// The parts as one text.
+// added.
+std::string joined(std::initializer_list<std::string_view> parts);
 
 struct Finding {
     std::string file;     // name inside the dataset folder

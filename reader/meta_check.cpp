@@ -27,8 +27,12 @@ std::string listText(const Triple& values, std::size_t count) {
     return text + "]";
 }
 
+std::string_view axisName(std::size_t axis) {
+    return std::string_view("xyz").substr(axis, 1);
+}
+
 std::string quoted(std::string_view text) {
-    return "\"" + std::string(text) + "\"";
+    return joined({"\"", text, "\""});
 }
 
 // Equal as numbers, with not-a-number equal to itself: repeated entries repeat that, too.
@@ -52,7 +56,7 @@ public:
 private:
     // The keys have been found in their order, so the first occurrence at a line's start is the key itself.
     std::uint64_t offsetOf(std::string_view key) const {
-        const std::size_t at = text_.find("\"" + std::string(key) + "\":");
+        const std::size_t at = text_.find(joined({"\"", key, "\":"}));
         return at == std::string_view::npos ? 0 : at;
     }
 
@@ -101,8 +105,8 @@ private:
         }
         if (meta_.splats.size() != 1 || meta_.splats.front() != meta_.totalSplats) {
             error("meta-counts", "splats",
-                  "[" + std::to_string(meta_.totalSplats) + "], as \"totalSplats\" says",
-                  meta_.splats.size() == 1 ? "[" + std::to_string(meta_.splats.front()) + "]"
+                  joined({"[", std::to_string(meta_.totalSplats), "], as \"totalSplats\" says"}),
+                  meta_.splats.size() == 1 ? joined({"[", std::to_string(meta_.splats.front()), "]"})
                                            : "an array of " + std::to_string(meta_.splats.size()));
         }
         const CellLengths cell = expectedCellLengths(meta_.totalSplats, meta_.boundingMin, meta_.boundingMax);
@@ -124,7 +128,7 @@ private:
             const double max = meta_.boundingMax[axis];
             if (!std::isfinite(min) || !std::isfinite(max) || min > max) {
                 error("meta-range", "boundingBox",
-                      "a finite box with min <= max on axis " + std::string(1, "xyz"[axis]),
+                      joined({"a finite box with min <= max on axis ", axisName(axis)}),
                       numberText(min) + " to " + numberText(max));
             }
         }
@@ -157,8 +161,7 @@ private:
     }
 
     std::string label(std::size_t attribute, std::size_t axis) const {
-        return "\"" + std::string(Format::attributeNames[attribute]) + "\" axis " +
-               std::string(1, "xyz"[axis]);
+        return joined({quoted(Format::attributeNames[attribute]), " axis ", axisName(axis)});
     }
 
     void checkRange(std::size_t attribute, const Range& range) {
@@ -247,7 +250,7 @@ std::string renderMeta(const Meta& meta, std::string_view lineEnd) {
     std::string text;
     const auto line = [&text, lineEnd](std::string_view content) { text.append(content).append(lineEnd); };
     const auto key = [&line](std::string_view name, const std::string& value) {
-        line("\t" + quoted(name) + ": " + value + ",");
+        line(joined({"\t", quoted(name), ": ", value, ","}));
     };
     line("{");
     key("version", quoted(meta.version));
@@ -269,7 +272,7 @@ std::string renderMeta(const Meta& meta, std::string_view lineEnd) {
     for (const std::uint64_t count : meta.splats) {
         counts += (counts.empty() ? "" : ", ") + std::to_string(count);
     }
-    key("splats", "[" + counts + "]");
+    key("splats", joined({"[", counts, "]"}));
     line("\t\"boundingBox\": {");
     line("\t\t\"min\": " + listText(meta.boundingMin, 3) + ", ");
     line("\t\t\"max\": " + listText(meta.boundingMax, 3));

@@ -16,7 +16,7 @@ std::string floatText(float value) {
 }
 
 std::string pointText(const std::array<float, 3>& point) {
-    return "(" + floatText(point[0]) + ", " + floatText(point[1]) + ", " + floatText(point[2]) + ")";
+    return joined({"(", floatText(point[0]), ", ", floatText(point[1]), ", ", floatText(point[2]), ")"});
 }
 
 void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "reader/dataset.h"
+
+#include <cstdint>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// Reads every cell's records of level 0 in their order, all cells at the same time. The windows of all cells
+// together take at most 64 MiB, or one record a cell where that is more.
+class CellReaders {
+public:
+    explicit CellReaders(const SplatReader::Dataset& dataset);
+
+    // Number of the cell with this key, if the index has it.
+    std::optional<std::size_t> find(std::uint32_t key) const;
+
+    // The cell's next record; nothing after its last.
+    std::optional<SplatReader::RecordCursor::View> next(std::size_t cell);
+
+    // Records of the cell that were not asked for.
+    std::uint64_t unread(std::size_t cell) const;
+
+private:
+    struct Window {
+        std::uint64_t next = 0; // record number in data.bin
+        std::uint64_t end = 0;
+        std::size_t at = 0; // record in the window
+        std::size_t filled = 0;
+        std::vector<std::byte> data;
+        std::vector<std::byte> coefficients;
+    };
+    void fill(Window& window);
+
+    std::uint32_t m_coefficientSize;
+    std::size_t m_windowRecords;
+    SplatReader::DatasetFile m_data;
+    std::optional<SplatReader::DatasetFile> m_coefficients;
+    std::unordered_map<std::uint32_t, std::size_t> m_cells;
+    std::vector<Window> m_windows;
+};
+
+} // namespace Tavrin::SplatProgram

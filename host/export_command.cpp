@@ -1,0 +1,192 @@
+#include "export_command.h"
+
+#include "console.h"
+#include "figures.h"
+#include "interrupt.h"
+#include "platform.h"
+#include "progress.h"
+#include "reader/verify.h"
+#include "scene_writer.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ExportOptions {
+    std::string dataset;
+    std::string scene;
+    std::vector<std::string> cells;
+    bool force = false;
+    bool quiet = false;
+};
+
+// The file that is written first and renamed when it is whole. Removed unless it was.
+class PartialFile {
+public:
+    explicit PartialFile(const fs::path& target)
+        : m_target(target), m_path(fs::path(target) += fmt::format(".partial-{}", ownProcessId())) {}
+    PartialFile(const PartialFile&) = delete;
+    PartialFile& operator=(const PartialFile&) = delete;
+    ~PartialFile() {
+        std::error_code ignored;
+        fs::remove(m_path, ignored);
+    }
+
+    const fs::path& path() const { return m_path; }
+
+    void publish() {
+        std::error_code error = flushToDisk(m_path);
+        if (!error) {
+            fs::rename(m_path, m_target, error);
+        }
+        if (error) {
+            throw Failure(ExitStatus::OutputRefused, fmt::format("{}: the file cannot be put in place: {}",
+                                                                 textFromPath(m_target), error.message()));
+        }
+    }
+
+private:
+    fs::path m_target;
+    fs::path m_path;
+};
+
+void checkTarget(const ExportOptions& options) {
+    const fs::path target = pathFromText(options.scene);
+    std::error_code ignored;
+    if (fs::is_directory(target, ignored)) {
+        throw Failure(ExitStatus::OutputRefused,
+                      fmt::format("{}: a folder stands there: give the name of a file", options.scene));
+    }
+    if (fs::exists(fs::symlink_status(target, ignored)) && !options.force) {
+        throw Failure(
+            ExitStatus::OutputRefused,
+            fmt::format("{}: the file is there already: give another name, or --force to replace it",
+                        options.scene));
+    }
+    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    const auto parent = identityOf(folder);
+    if (!parent || !fs::is_directory(folder, ignored)) {
+        throw Failure(ExitStatus::OutputRefused,
+                      fmt::format("{}: its folder does not exist: create it first", options.scene));
+    }
+    if (parent == identityOf(pathFromText(options.dataset))) {
+        throw Failure(ExitStatus::OutputRefused,
+                      fmt::format("{}: the dataset itself is in this folder: write the scene elsewhere",
+                                  options.scene));
+    }
+}
+
+SplatReader::Dataset openSound(const ExportOptions& options) {
+    const fs::path folder = pathFromText(options.dataset);
+    const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
+    if (!report.sound()) {
+        throw Failure(ExitStatus::InputRefused,
+                      fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)",
+                                  options.dataset, report.findings.errors().front().text()));
+    }
+    return SplatReader::Dataset::open(folder);
+}
+
+std::uint32_t parseKey(const std::string& text) {
+    const bool hex = text.starts_with("0x") || text.starts_with("0X");
+    const char* begin = text.data() + (hex ? 2 : 0);
+    const char* end = text.data() + text.size();
+    std::uint32_t key = 0;
+    const auto [stop, status] = std::from_chars(begin, end, key, hex ? 16 : 10);
+    if (status != std::errc() || stop != end || begin == end) {
+        throw Failure(
+            ExitStatus::Usage,
+            fmt::format("--cell {}: not a cell key: give a number as info --cells prints it", text));
+    }
+    return key;
+}
+
+std::vector<std::size_t> chooseCells(const SplatReader::Dataset& dataset, const ExportOptions& options) {
+    std::set<std::uint32_t> wanted;
+    for (const std::string& text : options.cells) {
+        wanted.insert(parseKey(text));
+    }
+    std::vector<std::size_t> cells;
+    std::set<std::uint32_t> missing = wanted;
+    for (std::size_t cell = 0; cell < dataset.cellCount(); ++cell) {
+        if (wanted.empty() || wanted.contains(dataset.cellKey(cell))) {
+            cells.push_back(cell);
+            missing.erase(dataset.cellKey(cell));
+        }
+    }
+    if (!missing.empty()) {
+        throw Failure(ExitStatus::InputRefused,
+                      fmt::format("{}: no cell has the key {}: plyconvert info --cells lists the keys",
+                                  options.dataset, *missing.begin()));
+    }
+    return cells;
+}
+
+ExitStatus runExport(const ExportOptions& options) {
+    catchInterrupts();
+    Progress progress(!options.quiet && standardErrorIsTerminal());
+    for (const std::string& text : options.cells) {
+        parseKey(text);
+    }
+    try {
+        const SplatReader::Dataset dataset = openSound(options);
+        checkTarget(options);
+        const std::vector<std::size_t> cells = chooseCells(dataset, options);
+        std::uint64_t splats = 0;
+        for (const std::size_t cell : cells) {
+            splats += dataset.range(cell, 0).count;
+        }
+        const SceneHeader header = sceneHeader(dataset.meta(), splats);
+        PartialFile partial(pathFromText(options.scene));
+        writeScene(dataset, cells, header.text, partial.path(),
+                   [&progress](double share) { progress.update("exporting", share); });
+        const std::uint64_t bytes = fs::file_size(partial.path());
+        partial.publish();
+        progress.clear();
+        for (const std::string& remark : header.remarks) {
+            reportWarning(fmt::format("{}: {}", options.dataset, remark));
+        }
+        if (dataset.levelCount() > 1) {
+            reportWarning(fmt::format("{}: of its {} levels, level 0 was exported", options.dataset,
+                                      dataset.levelCount()));
+        }
+        if (!options.quiet) {
+            fmt::print("{}: {} of {}, {}, in {}\n", options.scene, countText(splats, "splat", "splats"),
+                       countText(cells.size(), "cell", "cells"), bytesText(bytes),
+                       durationText(progress.seconds()));
+        }
+    } catch (const SplatReader::DatasetError& error) { // it changed since it was found sound
+        throw Failure(ExitStatus::InputRefused, fmt::format("{}: {}", options.dataset, error.what()));
+    }
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addExportCommand(CLI::App& program, Action& chosen) {
+    CLI::App* command = program.add_subcommand("export", "Turn a dataset back into a binary splat PLY file");
+    command->footer(exitStatusTable);
+    auto options = std::make_shared<ExportOptions>();
+    command->add_option("OUT", options->dataset, "the dataset's folder")->required();
+    command->add_option("scene.ply", options->scene, "the file to write")->required();
+    command
+        ->add_option("--cell", options->cells,
+                     "export the cell with this key alone (info --cells lists them); may be repeated")
+        ->type_name("KEY")
+        ->expected(1)
+        ->take_all();
+    command->add_flag("--force", options->force, "replace the file when it is there already");
+    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->callback([options, &chosen] { chosen = [options] { return runExport(*options); }; });
+}
+
+} // namespace Tavrin::SplatProgram

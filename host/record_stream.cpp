@@ -1,0 +1,58 @@
+#include "record_stream.h"
+
+#include "exit_status.h"
+#include "interrupt.h"
+#include "platform.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace Tavrin::SplatProgram {
+
+namespace {
+constexpr std::uint64_t windowBytes = 1 << 20;
+} // namespace
+
+RecordStream::RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
+                           std::uint64_t count)
+    : m_path(path), m_offset(offset), m_stride(stride), m_count(count) {
+    m_stream.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
+    m_stream.open(path, std::ios::binary);
+}
+
+const std::byte* RecordStream::next() {
+    if (m_position >= m_count) {
+        return nullptr;
+    }
+    if (m_position >= m_windowFirst + m_windowCount) {
+        fill();
+    }
+    const std::byte* record = m_window.data() + (m_position - m_windowFirst) * m_stride;
+    ++m_position;
+    return record;
+}
+
+void RecordStream::skip(std::uint64_t records) {
+    m_position += std::min(records, m_count - m_position);
+}
+
+void RecordStream::fill() {
+    throwIfInterrupted();
+    const std::uint64_t records =
+        std::min(std::max<std::uint64_t>(windowBytes / m_stride, 1), m_count - m_position);
+    m_window.resize(records * m_stride);
+    const std::uint64_t at = m_offset + m_position * m_stride;
+    m_stream.seekg(static_cast<std::streamoff>(at));
+    m_stream.read(reinterpret_cast<char*>(m_window.data()), static_cast<std::streamsize>(m_window.size()));
+    if (!m_stream) {
+        throw Failure(
+            ExitStatus::InputRefused,
+            fmt::format("{}: the file ends or cannot be read inside the {} bytes from byte {} on: check the "
+                        "file and the disk",
+                        textFromPath(m_path), m_window.size(), at));
+    }
+    m_windowFirst = m_position;
+    m_windowCount = records;
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// Walks fixed-size records of a file forwards through a window of 1 MiB.
+class RecordStream {
+public:
+    // `count` records of `stride` bytes from byte `offset` on; `stride` is at least 1.
+    RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
+                 std::uint64_t count);
+
+    // The next record, valid until the next call; null after the last. Throws a Failure (InputRefused) when
+    // the file ends before or cannot be read, or (Interrupted) when an interrupt was noted.
+    const std::byte* next();
+
+    // Steps over records without reading them.
+    void skip(std::uint64_t records);
+
+    std::uint64_t position() const { return m_position; } // number of the next record
+
+private:
+    void fill();
+
+    std::filesystem::path m_path;
+    std::ifstream m_stream;
+    std::uint64_t m_offset;
+    std::uint64_t m_stride;
+    std::uint64_t m_count;
+    std::uint64_t m_position = 0;
+    std::uint64_t m_windowFirst = 0; // number of the first record in the window
+    std::uint64_t m_windowCount = 0;
+    std::vector<std::byte> m_window;
+};
+
+} // namespace Tavrin::SplatProgram

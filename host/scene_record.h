@@ -1,0 +1,32 @@
+#pragma once
+
+#include "reader/dequantiser.h"
+
+#include <array>
+#include <cstdint>
+
+namespace Tavrin::SplatProgram {
+
+// The vertex properties that give a value back: inverses of what a conversion does to them. All results are
+// finite.
+
+// f_dc of a colour in [0, 1]. Full colour (1) comes out as full colour again in single precision.
+float colourProperty(double colour);
+
+// opacity, a logit, of an opacity in [0, 1]. 0 and 1 give -100 and 100, which every viewer turns into 0
+// and 1.
+float opacityProperty(double opacity);
+
+// scale, a natural logarithm, of a linear scale. 0 gives -104, whose exponential is 0 in single precision.
+float scaleProperty(double scale);
+
+// rot_0 .. rot_3 (w, x, y, z) of a packed rotation: a unit quaternion that packs to the same word again.
+// Where two components are nearly equal, the middles of their intervals can leave the dropped one smaller
+// than another; those are then moved together until it is the largest.
+std::array<float, 4> rotationProperties(std::uint32_t word);
+
+// One vertex record: 62 floats, or 17 without coefficients, whose rest is then left as it is.
+void fillRecord(const SplatReader::Splat& splat, const SplatReader::Record& stored, bool hasCoefficients,
+                std::array<float, 62>& record);
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,201 @@
+#include "scene_writer.h"
+
+#include "exit_status.h"
+#include "interrupt.h"
+#include "platform.h"
+#include "scene_record.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <fmt/format.h>
+#include <fstream>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
+
+// Shortest text that reads back as the same single-precision number, which is all that a header keeps.
+std::string numberText(double value) {
+    std::array<char, 32> buffer{};
+    const auto result =
+        std::to_chars(buffer.data(), buffer.data() + buffer.size(), static_cast<float>(value));
+    return std::string(buffer.data(), result.ptr);
+}
+
+bool isSinglePrecision(double value) {
+    constexpr double most = std::numeric_limits<float>::max();
+    return std::fabs(value) <= most && static_cast<double>(static_cast<float>(value)) == value;
+}
+
+// One word without anything that could end the line or the word.
+bool isWord(const std::string& text) {
+    return !text.empty() && std::ranges::none_of(text, [](unsigned char c) { return c <= ' ' || c == 0x7F; });
+}
+
+class HeaderWriter {
+public:
+    explicit HeaderWriter(const SplatReader::Meta& meta) : m_meta(meta) {}
+
+    SceneHeader write(std::uint64_t splats) {
+        line("ply");
+        line("format binary_little_endian 1.0");
+        line("comment exported by plyconvert from a quantised dataset");
+        // The keys are crossed in the meta document.
+        word("dataType", m_meta.source);
+        if (m_meta.dataType != "None") {
+            word("source", m_meta.dataType);
+        }
+        triple("offset", m_meta.offset, 0.0);
+        if (m_meta.epsg != 0) {
+            line(fmt::format("comment epsg {}", m_meta.epsg));
+        }
+        triple("shift", m_meta.shift, 0.0);
+        triple("scale", m_meta.scale, 1.0);
+        bounds("min", m_meta.boundingMin);
+        bounds("max", m_meta.boundingMax);
+        line(fmt::format("element vertex {}", splats));
+        properties();
+        line("end_header");
+        return std::move(m_header);
+    }
+
+private:
+    void line(const std::string& text) { m_header.text += text + "\n"; }
+
+    void word(const char* key, const std::string& value) {
+        if (isWord(value)) {
+            line(fmt::format("comment {} {}", key, value));
+        } else {
+            m_header.remarks.push_back(
+                fmt::format("the comment {} is not restored: its value is no word", key));
+        }
+    }
+
+    void number(const std::string& key, double value) {
+        if (isSinglePrecision(value)) {
+            line(fmt::format("comment {} {}", key, numberText(value)));
+        } else {
+            m_header.remarks.push_back(
+                fmt::format("the comment {} is not restored: {} is no single-precision number", key, value));
+        }
+    }
+
+    void triple(const std::string& name, const SplatReader::Triple& values, double otherwise) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            if (values[axis] != otherwise) {
+                number(name + axes[axis], values[axis]);
+            }
+        }
+    }
+
+    void bounds(const std::string& name, const SplatReader::Triple& values) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            number(name + axes[axis], values[axis]);
+        }
+    }
+
+    void properties() {
+        const auto property = [this](const std::string& name) { line("property float " + name); };
+        for (const char* name : {"x", "y", "z", "nx", "ny", "nz", "f_dc_0", "f_dc_1", "f_dc_2"}) {
+            property(name);
+        }
+        for (int i = 0; m_meta.hasCoefficients() && i < 45; ++i) {
+            property(fmt::format("f_rest_{}", i));
+        }
+        for (const char* name :
+             {"opacity", "scale_0", "scale_1", "scale_2", "rot_0", "rot_1", "rot_2", "rot_3"}) {
+            property(name);
+        }
+    }
+
+    const SplatReader::Meta& m_meta;
+    SceneHeader m_header;
+};
+
+class SceneFile {
+public:
+    explicit SceneFile(const std::filesystem::path& path) : m_path(path) {
+        m_stream.open(path, std::ios::binary | std::ios::trunc);
+        check();
+    }
+
+    void write(const void* bytes, std::size_t count) {
+        const auto* from = static_cast<const char*>(bytes);
+        m_buffer.insert(m_buffer.end(), from, from + count);
+        if (m_buffer.size() >= bufferBytes) {
+            flush();
+        }
+    }
+
+    void close() {
+        flush();
+        m_stream.close();
+        check();
+    }
+
+private:
+    static constexpr std::size_t bufferBytes = 1 << 20;
+
+    void flush() {
+        m_stream.write(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
+        m_buffer.clear();
+        check();
+    }
+
+    void check() {
+        if (!m_stream) {
+            throw Failure(ExitStatus::OutputRefused,
+                          fmt::format("{}: the file cannot be written: check the folder and the free disk",
+                                      textFromPath(m_path)));
+        }
+    }
+
+    std::filesystem::path m_path;
+    std::ofstream m_stream;
+    std::vector<char> m_buffer;
+};
+
+} // namespace
+
+SceneHeader sceneHeader(const SplatReader::Meta& meta, std::uint64_t splats) {
+    return HeaderWriter(meta).write(splats);
+}
+
+void writeScene(const SplatReader::Dataset& dataset, const std::vector<std::size_t>& cells,
+                const std::string& header, const std::filesystem::path& path, const ScanProgress& progress) {
+    static_assert(std::endian::native == std::endian::little, "records are written as they stand in memory");
+    constexpr std::uint64_t progressEvery = 16384;
+    SceneFile file(path);
+    file.write(header.data(), header.size());
+    const bool hasCoefficients = dataset.meta().hasCoefficients();
+    const std::size_t recordBytes = (hasCoefficients ? 62 : 17) * sizeof(float);
+    std::uint64_t all = 0;
+    for (const std::size_t cell : cells) {
+        all += dataset.range(cell, 0).count;
+    }
+    std::uint64_t done = 0;
+    std::array<float, 62> record{};
+    for (const std::size_t cell : cells) {
+        SplatReader::RecordCursor cursor = dataset.records(dataset.range(cell, 0));
+        SplatReader::RecordCursor::View view{};
+        while (cursor.next(view)) {
+            const SplatReader::Record stored = SplatReader::loadRecord(view.data);
+            SplatReader::Splat splat = dataset.dequantiser().splat(stored);
+            if (hasCoefficients) {
+                dataset.dequantiser().coefficients(view.coefficients, splat);
+            }
+            fillRecord(splat, stored, hasCoefficients, record);
+            file.write(record.data(), recordBytes);
+            if (done++ % progressEvery == 0) {
+                throwIfInterrupted();
+                progress(static_cast<double>(done) / static_cast<double>(all));
+            }
+        }
+    }
+    file.close();
+}
+
+} // namespace Tavrin::SplatProgram

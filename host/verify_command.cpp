@@ -1,0 +1,223 @@
+#include "verify_command.h"
+
+#include "comparison.h"
+#include "console.h"
+#include "figures.h"
+#include "input_check.h"
+#include "interrupt.h"
+#include "platform.h"
+#include "progress.h"
+#include "reader/verify.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+struct VerifyOptions {
+    std::string dataset;
+    std::string source; // empty without --against
+    bool quick = false;
+    bool full = false;
+    bool json = false;
+    bool strict = false;
+    bool quiet = false;
+};
+
+struct Result {
+    SplatReader::VerifyReport report;
+    std::optional<Comparison> comparison;
+    bool passed = false;
+};
+
+Result verify(const VerifyOptions& options, Progress& progress) {
+    const std::filesystem::path folder = pathFromText(options.dataset);
+    std::error_code ignored;
+    if (!std::filesystem::is_directory(folder, ignored)) {
+        throw Failure(ExitStatus::InputRefused,
+                      fmt::format("{}: no such folder: give the folder of a dataset", options.dataset));
+    }
+    std::optional<InputFacts> source;
+    if (!options.source.empty()) {
+        Verdict verdict(false, true);
+        source = checkInput(options.source, verdict);
+    }
+    SplatReader::VerifyOptions how;
+    how.level = options.quick ? SplatReader::VerifyLevel::quick : SplatReader::VerifyLevel::full;
+    how.progress = [&progress](std::uint64_t done, std::uint64_t all) {
+        throwIfInterrupted();
+        progress.update("reading records", static_cast<double>(done) / static_cast<double>(all));
+    };
+    Result result;
+    result.report = SplatReader::verifyDataset(folder, how);
+    // Where the files do not fit together, a comparison would only say so again, once a splat.
+    if (source && result.report.sound()) {
+        try {
+            const SplatReader::Dataset dataset = SplatReader::Dataset::open(folder);
+            result.comparison =
+                compareWithSource(dataset, source->file, result.report.findings, [&progress](double share) {
+                    progress.update("comparing with the source", share);
+                });
+        } catch (const SplatReader::DatasetError& error) { // it changed meanwhile
+            const SplatReader::Finding& finding = error.finding();
+            result.report.findings.error(finding.kind, finding.file, finding.offset, finding.expected,
+                                         finding.found);
+        }
+    }
+    const SplatReader::Findings& findings = result.report.findings;
+    result.passed = findings.errorCount() == 0 && (!options.strict || findings.warningCount() == 0);
+    return result;
+}
+
+void printFindings(const char* kind, const std::vector<SplatReader::Finding>& listed,
+                   const std::map<std::string, std::uint64_t>& kinds) {
+    std::map<std::string, std::uint64_t> shown;
+    for (const SplatReader::Finding& finding : listed) {
+        fmt::print("{}: {}\n", kind, printable(finding.text()));
+        ++shown[finding.kind];
+    }
+    for (const auto& [name, count] : kinds) {
+        if (count > shown[name]) {
+            fmt::print("{}: and {} more like these ({})\n", kind, countText(count - shown[name]), name);
+        }
+    }
+}
+
+void printComparison(const Comparison& comparison) {
+    fmt::print("compared with the source: {}, positions equal bit for bit\n",
+               countText(comparison.found, "splat", "splats"));
+    fmt::print("  {:<13} {:>15} {:>13} {:>13} {:>9}\n", "attribute", "values", "largest error", "RMS error",
+               "in steps");
+    for (const AttributeError& error : comparison.attributes) {
+        if (error.values + error.skipped == 0) {
+            continue;
+        }
+        fmt::print("  {:<13} {:>15} {:>13.4g} {:>13.4g} {:>9.3f}{}\n", error.name, countText(error.values),
+                   error.largest, error.rms(), error.largestSteps,
+                   error.skipped == 0
+                       ? std::string()
+                       : fmt::format("  ({} without a finite value)", countText(error.skipped)));
+    }
+}
+
+std::string verdictText(const SplatReader::Findings& findings) {
+    if (findings.errorCount() == 0 && findings.warningCount() == 0) {
+        return "no errors";
+    }
+    return countText(findings.errorCount(), "error", "errors") + ", " +
+           countText(findings.warningCount(), "warning", "warnings");
+}
+
+void printText(const VerifyOptions& options, const Result& result) {
+    const SplatReader::VerifyReport& report = result.report;
+    const SplatReader::Findings& findings = report.findings;
+    printFindings("error", findings.errors(), findings.errorKinds());
+    printFindings("warning", findings.warnings(), findings.warningKinds());
+    if (result.comparison && findings.errorCount() == 0) {
+        printComparison(*result.comparison);
+    }
+    if (report.splatsLeftOut > 0 && findings.errorCount() == 0) {
+        fmt::print("{} of the input's {} splats are left out: they lie outside the grid\n",
+                   countText(report.splatsLeftOut), countText(report.splatsHeld + report.splatsLeftOut));
+    }
+    fmt::print("{}: {} checked, {} in {}: {}\n", options.dataset,
+               options.quick ? "metadata, sizes and index" : "every record",
+               countText(report.splatsHeld, "splat", "splats"), countText(report.cells, "cell", "cells"),
+               verdictText(findings));
+}
+
+nlohmann::ordered_json findingsJson(const std::vector<SplatReader::Finding>& listed) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const SplatReader::Finding& finding : listed) {
+        list.push_back({{"kind", finding.kind},
+                        {"file", finding.file},
+                        {"offset", finding.offset},
+                        {"expected", finding.expected},
+                        {"found", finding.found}});
+    }
+    return list;
+}
+
+nlohmann::ordered_json comparisonJson(const Comparison& comparison) {
+    nlohmann::ordered_json attributes = nlohmann::ordered_json::array();
+    for (const AttributeError& error : comparison.attributes) {
+        attributes.push_back({{"name", error.name},
+                              {"values", error.values},
+                              {"notFinite", error.skipped},
+                              {"largestError", error.largest},
+                              {"rmsError", error.rms()},
+                              {"largestErrorInSteps", error.largestSteps}});
+    }
+    return {{"splats", comparison.splats},
+            {"found", comparison.found},
+            {"leftOut", comparison.leftOut},
+            {"attributes", attributes}};
+}
+
+void printJson(const VerifyOptions& options, const Result& result) {
+    const SplatReader::VerifyReport& report = result.report;
+    nlohmann::ordered_json json;
+    json["dataset"] = options.dataset;
+    json["level"] = options.quick ? "quick" : "full";
+    json["passed"] = result.passed;
+    json["errorCount"] = report.findings.errorCount();
+    json["warningCount"] = report.findings.warningCount();
+    json["errors"] = findingsJson(report.findings.errors());
+    json["warnings"] = findingsJson(report.findings.warnings());
+    json["cells"] = report.cells;
+    json["splatsHeld"] = report.splatsHeld;
+    json["splatsLeftOut"] = report.splatsLeftOut;
+    json["bytes"] = {{"meta", report.metaBytes},
+                     {"index", report.indexBytes},
+                     {"data", report.dataBytes},
+                     {"coefficients", report.coefficientBytes}};
+    if (result.comparison) {
+        json["against"] = comparisonJson(*result.comparison);
+        json["against"]["source"] = options.source;
+    }
+    fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+ExitStatus runVerify(const VerifyOptions& options) {
+    catchInterrupts();
+    Progress progress(!options.quiet && standardErrorIsTerminal());
+    const Result result = verify(options, progress);
+    progress.clear();
+    if (options.json) {
+        printJson(options, result);
+    } else if (!options.quiet) {
+        printText(options, result);
+    }
+    if (!result.passed) {
+        reportError(
+            fmt::format("{}: verification failed: {}", options.dataset, verdictText(result.report.findings)));
+        return ExitStatus::VerificationFailed;
+    }
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addVerifyCommand(CLI::App& program, Action& chosen) {
+    CLI::App* command =
+        program.add_subcommand("verify", "Check every relation between the files of a dataset");
+    command->footer(exitStatusTable);
+    auto options = std::make_shared<VerifyOptions>();
+    command->add_option("OUT", options->dataset, "the dataset's folder")->required();
+    CLI::Option* quick = command->add_flag("--quick", options->quick,
+                                           "check the meta document, the sizes and the index alone");
+    command->add_flag("--full", options->full, "check every record as well (this is the default)")
+        ->excludes(quick);
+    command->add_option("--against", options->source,
+                        "compare every splat with the PLY file that the dataset was made of");
+    command->add_flag("--json", options->json, "print the report as JSON");
+    command->add_flag("--strict", options->strict, "fail on warnings, too");
+    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->callback([options, &chosen] { chosen = [options] { return runVerify(*options); }; });
+}
+
+} // namespace Tavrin::SplatProgram
