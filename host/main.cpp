@@ -3,6 +3,7 @@
 #include "conversion.h"
 #include "convert_command.h"
 #include "export_command.h"
+#include "info_command.h"
 #include "plyconvert.h"
 #include "verify_command.h"
 
@@ -17,7 +18,8 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-const std::vector<AddCommand*> commands = {addConvertCommand, addVerifyCommand, addExportCommand};
+const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand, addVerifyCommand,
+                                           addExportCommand};
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,

@@ -75,6 +75,8 @@ std::uint64_t ownProcessId();
 // False only when the system is sure that no process has this id.
 bool processMayExist(std::uint64_t id);
 
+bool standardOutputIsTerminal();
+
 bool standardErrorIsTerminal();
 
 // Columns of the terminal on standard error; 80 when it does not tell.

@@ -126,6 +126,10 @@ bool processMayExist(std::uint64_t id) {
     return ::kill(process, 0) == 0 || errno != ESRCH;
 }
 
+bool standardOutputIsTerminal() {
+    return ::isatty(STDOUT_FILENO) == 1;
+}
+
 bool standardErrorIsTerminal() {
     return ::isatty(STDERR_FILENO) == 1;
 }

@@ -14,8 +14,8 @@ constexpr std::uint64_t windowBytes = 1 << 20;
 } // namespace
 
 RecordStream::RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
-                           std::uint64_t count)
-    : m_path(path), m_offset(offset), m_stride(stride), m_count(count) {
+                           std::uint64_t count, std::uint64_t windowRecords)
+    : m_path(path), m_offset(offset), m_stride(stride), m_count(count), m_windowRecords(windowRecords) {
     m_stream.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
     m_stream.open(path, std::ios::binary);
 }
@@ -39,7 +39,8 @@ void RecordStream::skip(std::uint64_t records) {
 void RecordStream::fill() {
     throwIfInterrupted();
     const std::uint64_t records =
-        std::min(std::max<std::uint64_t>(windowBytes / m_stride, 1), m_count - m_position);
+        std::min({std::max<std::uint64_t>(windowBytes / m_stride, 1),
+                  std::max<std::uint64_t>(m_windowRecords, 1), m_count - m_position});
     m_window.resize(records * m_stride);
     const std::uint64_t at = m_offset + m_position * m_stride;
     m_stream.seekg(static_cast<std::streamoff>(at));

@@ -11,9 +11,10 @@ namespace Tavrin::SplatProgram {
 // Walks fixed-size records of a file forwards through a window of 1 MiB.
 class RecordStream {
 public:
-    // `count` records of `stride` bytes from byte `offset` on; `stride` is at least 1.
+    // `count` records of `stride` bytes from byte `offset` on; `stride` is at least 1. At most
+    // `windowRecords` are read at a time, so that few bytes are read in vain where records are skipped.
     RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
-                 std::uint64_t count);
+                 std::uint64_t count, std::uint64_t windowRecords = UINT64_MAX);
 
     // The next record, valid until the next call; null after the last. Throws a Failure (InputRefused) when
     // the file ends before or cannot be read, or (Interrupted) when an interrupt was noted.
@@ -32,6 +33,7 @@ private:
     std::uint64_t m_offset;
     std::uint64_t m_stride;
     std::uint64_t m_count;
+    std::uint64_t m_windowRecords;
     std::uint64_t m_position = 0;
     std::uint64_t m_windowFirst = 0; // number of the first record in the window
     std::uint64_t m_windowCount = 0;

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "distribution.h"
+#include "reader/dataset.h"
+#include "scene_scan.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// One quantised attribute: its range and the step of each axis, in its own units.
+struct QuantiserFacts {
+    std::string name;
+    std::vector<double> min;
+    std::vector<double> max;
+    std::vector<double> step;
+};
+
+// What `info` says about a dataset.
+struct DatasetFacts {
+    std::string name; // as given
+    SplatReader::Dataset dataset;
+    std::uint64_t metaBytes = 0;
+    std::uint64_t indexBytes = 0;
+    std::uint64_t dataBytes = 0;
+    std::uint64_t coefficientBytes = 0;
+    // Splats of a cell at level 0.
+    std::uint32_t smallestCell = 0;
+    std::uint32_t medianCell = 0;
+    std::uint32_t largestCell = 0;
+    std::vector<QuantiserFacts> quantisers{};
+    bool scanned = false;      // every record was read
+    std::uint64_t sampled = 0; // records behind the percentiles
+    std::vector<Distribution> attributes{};
+};
+
+// `scan`: read every record, so that the smallest and largest values are those of the whole dataset. Throws
+// DatasetError when the folder is no dataset or cannot be read.
+DatasetFacts readDatasetFacts(const std::string& name, bool scan, const ScanProgress& progress);
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,92 @@
+#include "distribution.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace Tavrin::SplatProgram {
+
+namespace {
+constexpr std::uint64_t fewRecords = 262'144; // so many of 62 floats take 65 MB
+constexpr std::uint64_t sampleRuns = 4096;
+constexpr std::uint64_t runLength = 16;
+constexpr double lowShare = 0.01;
+constexpr double highShare = 0.99;
+} // namespace
+
+void Series::sample(double value) {
+    widen(value);
+    if (std::isfinite(value)) {
+        m_samples.push_back(static_cast<float>(value));
+    }
+}
+
+void Series::widen(double value) {
+    if (!std::isfinite(value)) {
+        ++m_notFinite;
+        return;
+    }
+    m_smallest = m_widened ? std::min(m_smallest, value) : value;
+    m_largest = m_widened ? std::max(m_largest, value) : value;
+    m_widened = true;
+    ++m_seen;
+}
+
+Distribution Series::finish() {
+    Distribution result;
+    result.name = m_name;
+    result.values = m_seen;
+    result.notFinite = m_notFinite;
+    result.smallest = m_smallest;
+    result.largest = m_largest;
+    if (m_samples.empty()) {
+        return result;
+    }
+    std::ranges::sort(m_samples);
+    const auto at = [this](double share) {
+        const double place = share * static_cast<double>(m_samples.size() - 1);
+        return static_cast<double>(m_samples[static_cast<std::size_t>(std::llround(place))]);
+    };
+    result.low = at(lowShare);
+    result.median = at(0.5);
+    result.high = at(highShare);
+    const double width = result.high - result.low;
+    const auto parts = static_cast<double>(result.bars.size());
+    for (const float value : m_samples) {
+        if (value < result.low || value > result.high) {
+            continue;
+        }
+        const double part = width > 0.0 ? (value - result.low) / width * parts : 0.0;
+        ++result.bars[std::min(static_cast<std::size_t>(part), result.bars.size() - 1)];
+    }
+    return result;
+}
+
+SamplePlan::SamplePlan(std::uint64_t all) : records(all) {
+    const bool few = all <= fewRecords;
+    runs = few ? (all > 0 ? 1 : 0) : sampleRuns;
+    length = few ? all : runLength;
+}
+
+std::uint64_t SamplePlan::start(std::uint64_t run) const {
+    if (runs <= 1) {
+        return 0;
+    }
+    const double share = static_cast<double>(run) / static_cast<double>(runs - 1);
+    return std::min(records - length,
+                    static_cast<std::uint64_t>(share * static_cast<double>(records - length)));
+}
+
+std::string barsText(const Distribution& distribution, bool blockElements) {
+    constexpr std::array<const char*, 9> blocks = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+    constexpr std::array<const char*, 9> ascii = {" ", ".", ":", "-", "=", "+", "*", "#", "@"};
+    const std::uint32_t most = std::max(1U, *std::ranges::max_element(distribution.bars));
+    std::string text;
+    for (const std::uint32_t count : distribution.bars) {
+        // Whatever is there at all gets at least the lowest mark.
+        const double height = std::ceil(8.0 * count / most);
+        text += (blockElements ? blocks : ascii)[static_cast<std::size_t>(height)];
+    }
+    return text;
+}
+
+} // namespace Tavrin::SplatProgram

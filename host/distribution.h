@@ -1,0 +1,61 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// How the values of one attribute are spread.
+struct Distribution {
+    std::string name;
+    std::uint64_t values = 0;    // finite ones
+    std::uint64_t notFinite = 0; // infinite or not a number
+    double smallest = 0.0;
+    double low = 0.0; // 1 % of the values lie below
+    double median = 0.0;
+    double high = 0.0; // 1 % of the values lie above
+    double largest = 0.0;
+    std::array<std::uint32_t, 16> bars{}; // counts in equal parts from `low` to `high`
+};
+
+// Collects the values of one attribute.
+class Series {
+public:
+    explicit Series(std::string name) : m_name(std::move(name)) {}
+
+    // For the percentiles and bars; each is kept in memory.
+    void sample(double value);
+    // For the smallest and largest alone.
+    void widen(double value);
+
+    Distribution finish();
+
+private:
+    std::string m_name;
+    std::vector<float> m_samples;
+    std::uint64_t m_notFinite = 0;
+    bool m_widened = false;
+    double m_smallest = 0.0;
+    double m_largest = 0.0;
+    std::uint64_t m_seen = 0;
+};
+
+// Which of `records` are looked at when not all can be: `runs` runs of `length` consecutive ones, evenly
+// spread; all records as one run when they are few.
+struct SamplePlan {
+    std::uint64_t runs = 0;
+    std::uint64_t length = 0;
+    std::uint64_t records = 0;
+
+    explicit SamplePlan(std::uint64_t all);
+    std::uint64_t start(std::uint64_t run) const;
+    std::uint64_t samples() const { return runs * length; }
+    bool everything() const { return samples() == records; }
+};
+
+// The bars as one character each: block elements, or ASCII characters of rising weight.
+std::string barsText(const Distribution& distribution, bool blockElements);
+
+} // namespace Tavrin::SplatProgram

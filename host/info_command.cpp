@@ -1,0 +1,96 @@
+#include "info_command.h"
+
+#include "console.h"
+#include "info_text.h"
+#include "interrupt.h"
+#include "platform.h"
+#include "progress.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <memory>
+#include <string>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+struct InfoOptions {
+    std::vector<std::string> paths;
+    bool scan = false;
+    bool json = false;
+    bool cells = false;
+};
+
+// The locale's character set by the environment, as programs decide it: the first of the three that is set.
+bool terminalTakesUtf8() {
+    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        const char* value = std::getenv(name);
+        if (value != nullptr && *value != '\0') {
+            const std::string_view locale(value);
+            return locale.find("UTF-8") != std::string_view::npos ||
+                   locale.find("utf8") != std::string_view::npos;
+        }
+    }
+    return false;
+}
+
+std::string describe(const std::string& path, const InfoOptions& options, Progress& progress) {
+    InfoStyle style;
+    style.cells = options.cells;
+    if (standardOutputIsTerminal()) {
+        style.bars = terminalTakesUtf8() ? Bars::Blocks : Bars::Ascii;
+    }
+    const ScanProgress report = [&progress](double share) { progress.update("reading", share); };
+    std::error_code ignored;
+    if (std::filesystem::is_directory(pathFromText(path), ignored)) {
+        try {
+            const DatasetFacts facts = readDatasetFacts(path, options.scan, report);
+            return options.json ? datasetJson(facts, options.cells) : datasetText(facts, style);
+        } catch (const SplatReader::DatasetError& error) {
+            throw Failure(ExitStatus::InputRefused,
+                          fmt::format("{}: not a dataset that can be read: {}", path, error.what()));
+        }
+    }
+    const SceneFacts facts = readSceneFacts(path, options.scan, report);
+    return options.json ? sceneJson(facts) : sceneText(facts, style);
+}
+
+ExitStatus runInfo(const InfoOptions& options) {
+    catchInterrupts();
+    Progress progress(standardErrorIsTerminal());
+    ExitStatus status = ExitStatus::Done;
+    bool first = true;
+    for (const std::string& path : options.paths) {
+        try {
+            const std::string text = describe(path, options, progress);
+            progress.clear();
+            fmt::print("{}{}", first || options.json ? "" : "\n", text);
+            first = false;
+        } catch (const Failure& failure) {
+            progress.clear();
+            if (failure.status() == ExitStatus::Interrupted) {
+                throw;
+            }
+            reportError(failure.what());
+            status = failure.status();
+        }
+    }
+    return status;
+}
+
+} // namespace
+
+void addInfoCommand(CLI::App& program, Action& chosen) {
+    CLI::App* command = program.add_subcommand("info", "Say what a splat PLY file or a dataset holds");
+    command->footer(exitStatusTable);
+    auto options = std::make_shared<InfoOptions>();
+    command->add_option("PATH", options->paths, "PLY files and datasets' folders")->required();
+    command->add_flag("--scan", options->scan,
+                      "read every record: the smallest and largest values are then those of the whole file");
+    command->add_flag("--json", options->json, "print one JSON object on a line for each path");
+    command->add_flag("--cells", options->cells, "list a dataset's cells");
+    command->callback([options, &chosen] { chosen = [options] { return runInfo(*options); }; });
+}
+
+} // namespace Tavrin::SplatProgram

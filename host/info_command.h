@@ -1,0 +1,9 @@
+#pragma once
+
+#include "command.h"
+
+namespace Tavrin::SplatProgram {
+
+AddCommand addInfoCommand;
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,264 @@
+#include "info_text.h"
+
+#include "console.h"
+#include "figures.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <fmt/format.h>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+// Six digits tell an attribute's values apart; whole documents have them all with --json.
+std::string numberText(double value) {
+    return fmt::format("{:.6g}", value);
+}
+
+template <typename Numbers>
+std::string numbersText(const Numbers& values) {
+    std::string text;
+    for (const double value : values) {
+        text += (text.empty() ? "" : ", ") + numberText(value);
+    }
+    return text;
+}
+
+std::string boxText(const SplatReader::Triple& min, const SplatReader::Triple& max) {
+    return fmt::format("({}) to ({})", numbersText(min), numbersText(max));
+}
+
+std::string line(const char* label, const std::string& value) {
+    return fmt::format("  {:<13}{}\n", label, value);
+}
+
+std::string sampleText(bool scanned, std::uint64_t sampled, std::uint64_t all) {
+    if (sampled == all) {
+        return fmt::format("all {} records", countText(all));
+    }
+    return fmt::format("percentiles from {} of {} records{}", countText(sampled), countText(all),
+                       scanned ? ", smallest and largest from all"
+                               : " (smallest and largest, too: --scan reads all)");
+}
+
+std::string attributesText(const std::vector<Distribution>& attributes, Bars bars) {
+    std::size_t width = 9;
+    for (const Distribution& attribute : attributes) {
+        width = std::max(width, attribute.name.size());
+    }
+    std::string text =
+        fmt::format("  {:<{}} {:>12} {:>12} {:>12} {:>12} {:>12}{}\n", "attribute", width, "smallest", "1 %",
+                    "median", "99 %", "largest", bars == Bars::None ? "" : "  1 % to 99 %");
+    for (const Distribution& attribute : attributes) {
+        if (attribute.values == 0) {
+            text += fmt::format("  {:<{}} no finite value in {}\n", printable(attribute.name), width,
+                                countText(attribute.notFinite, "record", "records"));
+            continue;
+        }
+        text += fmt::format("  {:<{}} {:>12} {:>12} {:>12} {:>12} {:>12}", printable(attribute.name), width,
+                            numberText(attribute.smallest), numberText(attribute.low),
+                            numberText(attribute.median), numberText(attribute.high),
+                            numberText(attribute.largest));
+        if (bars != Bars::None) {
+            text += "  " + barsText(attribute, bars == Bars::Blocks);
+        }
+        if (attribute.notFinite > 0) {
+            text += fmt::format("  ({} not finite)", countText(attribute.notFinite));
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+// A name's trailing number, and what stands before it.
+std::pair<std::string_view, std::optional<unsigned>> split(std::string_view name) {
+    const std::size_t digits = name.find_last_not_of("0123456789") + 1;
+    unsigned number = 0;
+    const auto [stop, status] = std::from_chars(name.data() + digits, name.data() + name.size(), number);
+    const bool numbered = digits > 0 && digits < name.size() && status == std::errc();
+    return {name.substr(0, digits), numbered ? std::optional(number) : std::nullopt};
+}
+
+// "float: x y z f_rest_0..44", each run of one type and each run of rising numbers drawn together.
+std::string propertiesText(const std::vector<PlyProperty>& properties) {
+    std::string text;
+    std::string lastType;
+    for (std::size_t i = 0; i < properties.size();) {
+        const PlyProperty& first = properties[i];
+        const std::string type = first.countType.empty() ? first.type : "list of " + first.type;
+        const auto [prefix, number] = split(first.name);
+        std::size_t run = 1;
+        while (number && i + run < properties.size() && properties[i + run].type == first.type &&
+               split(properties[i + run].name) == std::pair(prefix, std::optional(*number + unsigned(run)))) {
+            ++run;
+        }
+        if (type != lastType) {
+            text += fmt::format("{}{}:", text.empty() ? "" : "; ", printable(type));
+            lastType = type;
+        }
+        text += " " + printable(first.name);
+        text += run > 1 ? fmt::format("..{}", *number + run - 1) : "";
+        i += run;
+    }
+    constexpr std::size_t longest = 400;
+    return text.size() > longest ? text.substr(0, text.rfind(' ', longest)) + " ..." : text;
+}
+
+std::string elementsText(const SceneFacts& facts) {
+    std::string text;
+    for (const PlyElement& element : facts.header.elements) {
+        text += line("element", fmt::format("{}: {} of {}", printable(element.name),
+                                            countText(element.count, "record", "records"),
+                                            countText(element.properties.size(), "property", "properties")));
+        text += line("", propertiesText(element.properties));
+    }
+    return text;
+}
+
+std::string layoutText(const SceneFacts& facts) {
+    if (facts.layoutProblem.empty()) {
+        return fmt::format("{} floats a record, as the converter reads them", facts.recordBytes / 4);
+    }
+    return "the converter does not take it: " + facts.layoutProblem;
+}
+
+std::string bodyText(const SceneFacts& facts) {
+    std::string text = fmt::format("from byte {} on", countText(facts.header.length));
+    if (facts.expectedBytes > 0 && facts.bytes > facts.expectedBytes) {
+        text += fmt::format(", {} after the last record",
+                            countText(facts.bytes - facts.expectedBytes, "byte", "bytes"));
+    }
+    return text;
+}
+
+// x, y, z of the measured values, when they are those of every record.
+std::string measuredText(const SceneFacts& facts) {
+    const auto find = [&facts](const char* name) {
+        return std::ranges::find(facts.attributes, name, &Distribution::name);
+    };
+    const auto x = find("x");
+    const auto y = find("y");
+    const auto z = find("z");
+    const auto end = facts.attributes.end();
+    if (!facts.scanned || x == end || y == end || z == end) {
+        return facts.bodyProblem.empty() ? "not measured: --scan reads every record" : "";
+    }
+    return boxText({x->smallest, y->smallest, z->smallest}, {x->largest, y->largest, z->largest});
+}
+
+std::string statedText(const SceneFacts& facts) {
+    if (const auto box = facts.stated.bounds()) {
+        return boxText(box->min, box->max);
+    }
+    const bool any = facts.stated.numbers.contains("minx") || facts.stated.numbers.contains("maxx");
+    return any ? "stated, but not in a way that the converter uses: it measures"
+               : "none: the converter measures";
+}
+
+std::string cellTable(const DatasetFacts& facts) {
+    const SplatReader::Dataset& dataset = facts.dataset;
+    const SplatReader::Grid& grid = dataset.grid();
+    std::string text = fmt::format("  {:>10} {:>7} {:>7} {:>12} {:>14}  {}\n", "key", "column", "row",
+                                   "splats", "first record", "x and y of the lower corner");
+    for (std::size_t cell = 0; cell < dataset.cellCount(); ++cell) {
+        const std::uint32_t key = dataset.cellKey(cell);
+        const SplatReader::LevelRange& range = dataset.range(cell, 0);
+        const std::uint32_t column = SplatReader::keyColumn(key);
+        const std::uint32_t row = SplatReader::keyRow(key);
+        text += fmt::format("  {:>10} {:>7} {:>7} {:>12} {:>14}  {}, {}\n", key, column, row,
+                            countText(range.count), countText(range.offset / SplatReader::Format::recordSize),
+                            numberText(double{grid.originX} + column * double{grid.cellSizeX}),
+                            numberText(double{grid.originY} + row * double{grid.cellSizeY}));
+    }
+    return text;
+}
+
+std::string quantiserText(const std::vector<QuantiserFacts>& quantisers) {
+    std::string text = fmt::format("  {:<13} {:<34} {:<34} {}\n", "quantiser", "from", "to", "step");
+    for (const QuantiserFacts& quantiser : quantisers) {
+        const bool exact = std::ranges::all_of(quantiser.step, [](double step) { return step == 0.0; });
+        text += fmt::format("  {:<13} {:<34} {:<34} {}\n", quantiser.name, numbersText(quantiser.min),
+                            numbersText(quantiser.max), exact ? "0 (exact)" : numbersText(quantiser.step));
+    }
+    return text;
+}
+
+std::string geoText(const SplatReader::Meta& meta) {
+    return fmt::format("EPSG {}, offset ({}), shift ({}), scale ({})", meta.epsg, numbersText(meta.offset),
+                       numbersText(meta.shift), numbersText(meta.scale));
+}
+
+std::string cellsText(const DatasetFacts& facts) {
+    const std::size_t cells = facts.dataset.cellCount();
+    std::string text = countText(cells, "cell", "cells");
+    if (!facts.dataset.meta().oneCell()) {
+        text += fmt::format(" of {} by {} units", numberText(facts.dataset.meta().cellLengthX),
+                            numberText(facts.dataset.meta().cellLengthY));
+    }
+    if (cells > 1) {
+        text += fmt::format("; splats in one: {} at least, {} in the median, {} at most",
+                            countText(facts.smallestCell), countText(facts.medianCell),
+                            countText(facts.largestCell));
+    }
+    return text;
+}
+
+} // namespace
+
+std::string sceneText(const SceneFacts& facts, const InfoStyle& style) {
+    const bool splats = facts.degree.has_value();
+    std::string text =
+        fmt::format("{}: a PLY file{}, {}\n", facts.name,
+                    splats ? fmt::format(" of {}", countText(*facts.splats, "splat", "splats")) : "",
+                    bytesText(facts.bytes));
+    text += line("format", printable(facts.header.format));
+    text += elementsText(facts);
+    text += line("layout", printable(layoutText(facts)));
+    if (splats) {
+        text += line("degree", fmt::format("spherical harmonics of degree {}", *facts.degree));
+    }
+    text += line("body", bodyText(facts));
+    for (const std::string& comment : facts.comments) {
+        text += line("comment", printable(comment));
+    }
+    if (splats) {
+        text += line("stated box", statedText(facts));
+        text += line("measured box", measuredText(facts));
+    }
+    if (!facts.bodyProblem.empty()) {
+        return text + line("values", "not read: " + facts.bodyProblem);
+    }
+    text += line("values", sampleText(facts.scanned, facts.sampled, facts.splats.value_or(0)));
+    return text + attributesText(facts.attributes, style.bars);
+}
+
+std::string datasetText(const DatasetFacts& facts, const InfoStyle& style) {
+    const SplatReader::Dataset& dataset = facts.dataset;
+    const SplatReader::Meta& meta = dataset.meta();
+    std::string text = fmt::format(
+        "{}: a dataset of {}, {}\n", facts.name, countText(dataset.indexedCount(), "splat", "splats"),
+        bytesText(facts.metaBytes + facts.indexBytes + facts.dataBytes + facts.coefficientBytes));
+    text += line("guid", printable(meta.guid));
+    text += line("made of", fmt::format("{}, kind {}", printable(meta.dataType), printable(meta.source)));
+    text += line("place", geoText(meta));
+    text += line("box", boxText(meta.boundingMin, meta.boundingMax));
+    text += line("cells", cellsText(facts));
+    if (dataset.leftOut() > 0) {
+        text += line("left out", fmt::format("{} of the input lay outside the grid",
+                                             countText(dataset.leftOut(), "splat", "splats")));
+    }
+    if (dataset.levelCount() > 1) {
+        text += line("levels", std::to_string(dataset.levelCount()));
+    }
+    text += line("bytes", fmt::format("data.bin {}, shcoef.bin {}, index.bin {}, meta document {}",
+                                      countText(facts.dataBytes), countText(facts.coefficientBytes),
+                                      countText(facts.indexBytes), countText(facts.metaBytes)));
+    text += line("coefficients", meta.hasCoefficients() ? meta.packed() ? "packed" : "raw" : "none");
+    text += quantiserText(facts.quantisers);
+    text += line("values", sampleText(facts.scanned, facts.sampled, dataset.recordCount()));
+    text += attributesText(facts.attributes, style.bars);
+    return style.cells ? text + cellTable(facts) : text;
+}
+
+} // namespace Tavrin::SplatProgram

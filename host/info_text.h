@@ -1,0 +1,25 @@
+#pragma once
+
+#include "dataset_facts.h"
+#include "scene_facts.h"
+
+#include <string>
+
+namespace Tavrin::SplatProgram {
+
+enum class Bars { None, Ascii, Blocks };
+
+struct InfoStyle {
+    Bars bars = Bars::None;
+    bool cells = false; // a table of a dataset's cells
+};
+
+// What `info` prints for people: several lines, the last one ended.
+std::string sceneText(const SceneFacts& facts, const InfoStyle& style);
+std::string datasetText(const DatasetFacts& facts, const InfoStyle& style);
+
+// The same as one JSON object on one line. Numbers that JSON cannot hold are null.
+std::string sceneJson(const SceneFacts& facts);
+std::string datasetJson(const DatasetFacts& facts, bool cells);
+
+} // namespace Tavrin::SplatProgram

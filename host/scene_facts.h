@@ -1,0 +1,37 @@
+#pragma once
+
+#include "distribution.h"
+#include "ply_header.h"
+#include "scene_comments.h"
+#include "scene_scan.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+
+// What `info` says about a PLY file, a splat file or another.
+struct SceneFacts {
+    std::string name; // as given
+    std::uint64_t bytes = 0;
+    PlyHeader header;
+    std::vector<std::string> comments;   // comment and obj_info lines, without their first word
+    std::optional<std::uint64_t> splats; // records of the element vertex, if it has one
+    std::uint64_t recordBytes = 0;       // of a vertex; 0 when it has a list
+    std::string layoutProblem;           // why the converter refuses the layout; empty when it takes it
+    std::optional<int> degree;           // of the spherical harmonics, if the property names give one
+    SceneComments stated;
+    std::string bodyProblem;         // why no values can be read; empty when they can
+    std::uint64_t expectedBytes = 0; // of the whole file, when its elements have fixed sizes; else 0
+    bool scanned = false;            // every record was read
+    std::uint64_t sampled = 0;       // records behind the percentiles
+    std::vector<Distribution> attributes;
+};
+
+// `scan`: read every record, so that the smallest and largest values are those of the whole file. Throws a
+// Failure (InputRefused) when the file is no PLY or cannot be read.
+SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress& progress);
+
+} // namespace Tavrin::SplatProgram
