@@ -220,7 +220,9 @@ std::string sceneText(const SceneFacts& facts, const InfoStyle& style) {
     }
     text += line("body", bodyText(facts));
     for (const std::string& comment : facts.comments) {
-        text += line("comment", printable(comment));
+        const std::size_t word = comment.find_first_of(" \t");
+        text += line(comment.starts_with("obj_info") ? "obj_info" : "comment",
+                     printable(word == std::string::npos ? "" : comment.substr(word + 1)));
     }
     if (splats) {
         text += line("stated box", statedText(facts));

@@ -17,7 +17,7 @@ struct SceneFacts {
     std::string name; // as given
     std::uint64_t bytes = 0;
     PlyHeader header;
-    std::vector<std::string> comments;   // comment and obj_info lines, without their first word
+    std::vector<std::string> comments;   // comment and obj_info lines as they stand
     std::optional<std::uint64_t> splats; // records of the element vertex, if it has one
     std::uint64_t recordBytes = 0;       // of a vertex; 0 when it has a list
     std::string layoutProblem;           // why the converter refuses the layout; empty when it takes it
