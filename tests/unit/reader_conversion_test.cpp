@@ -196,7 +196,7 @@ TEST(ReaderConversion, OpaqueAndTransparentStaySo) {
 
 TEST(ReaderConversion, EverySampleComesBack) {
     const std::filesystem::path samples =
-        std::filesystem::path(__FILE__).parent_path() / "../../../shared/samples";
+        std::filesystem::path(PLYCONVERT_SOURCE_FOLDER) / "../shared/samples";
     if (!std::filesystem::is_directory(samples)) {
         GTEST_SKIP() << "the folder of sample scenes is missing: " << samples;
     }

@@ -19,8 +19,7 @@ using namespace Tavrin::SplatReader;
 using Row = std::vector<std::string>;
 
 std::string document() {
-    const std::filesystem::path path =
-        std::filesystem::path(__FILE__).parent_path() / ".." / ".." / "docs" / "format.md";
+    const std::filesystem::path path = std::filesystem::path(PLYCONVERT_SOURCE_FOLDER) / "docs" / "format.md";
     std::ifstream file(path);
     EXPECT_TRUE(file.is_open()) << path;
     std::stringstream text;
