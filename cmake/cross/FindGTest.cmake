@@ -1,0 +1,12 @@
+# GoogleTest for a cross build: built from the sources that Debian's googletest package puts under /usr/src.
+set(PLYCONVERT_GTEST_SOURCES /usr/src/googletest CACHE PATH "Sources of GoogleTest for cross builds")
+if(NOT TARGET GTest::gtest)
+    set(INSTALL_GTEST OFF)
+    add_subdirectory(${PLYCONVERT_GTEST_SOURCES} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+    if(NOT TARGET GTest::gtest)
+        foreach(library gtest gtest_main gmock gmock_main)
+            add_library(GTest::${library} ALIAS ${library})
+        endforeach()
+    endif()
+endif()
+set(GTest_FOUND TRUE)
