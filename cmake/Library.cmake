@@ -41,6 +41,10 @@ set_target_properties(plyconvert PROPERTIES
 if(WIN32)
     target_sources(plyconvert PRIVATE src/plyconvert.def)
     set_target_properties(plyconvert PROPERTIES PREFIX "")
+    if(MINGW)
+        # Only what the .def file names, whatever the linked-in C++ library marks for export.
+        target_link_options(plyconvert PRIVATE -Wl,--exclude-all-symbols)
+    endif()
 else()
     # Hidden visibility alone still leaves weak std:: symbols in the dynamic table; the version script leaves one name.
     target_link_options(plyconvert PRIVATE

@@ -95,6 +95,18 @@ std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level)
 
 namespace {
 
+// Write and flush. The runtime's write takes a 32-bit count on Windows, so a call gets less than that.
+void writeBytes(std::ofstream& file, const std::byte* bytes, std::uint64_t size) {
+    constexpr std::uint64_t most = std::uint64_t{1} << 30;
+    while (size > 0) {
+        const std::uint64_t count = std::min(size, most);
+        file.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(count));
+        bytes += count;
+        size -= count;
+    }
+    file.flush();
+}
+
 // Writes the cells of the list one after the other.
 struct DataWriter {
     Indexer& indexer;
@@ -173,15 +185,10 @@ struct DataWriter {
             }
             cell->clear();
         }
-        writePiece(dataFile, dataBuffer.get(), splats * dataRecordSize);
+        writeBytes(dataFile, dataBuffer.get(), splats * dataRecordSize);
         if (hasShcoef) {
-            writePiece(shcoefFile, shcoefBuffer.get(), splats * shcoefRecordSize);
+            writeBytes(shcoefFile, shcoefBuffer.get(), splats * shcoefRecordSize);
         }
-    }
-
-    static void writePiece(std::ofstream& file, const std::byte* bytes, std::uint64_t size) {
-        file.write(reinterpret_cast<const char*>(bytes), static_cast<std::streamsize>(size));
-        file.flush();
     }
 };
 
@@ -219,9 +226,7 @@ void Indexer::writeDataFiles() {
 
 void Indexer::writeIndexFile() {
     std::ofstream file = openOutput(outputFolder + "/index.bin", 850);
-    file.write(reinterpret_cast<const char*>(indexBuffer.get()),
-               static_cast<std::streamsize>(indexBufferSize));
-    file.flush();
+    writeBytes(file, indexBuffer.get(), indexBufferSize);
     indexBuffer.reset();
 }
 

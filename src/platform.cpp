@@ -7,12 +7,9 @@
 #include <string_view>
 
 #if defined(_WIN32)
-#define NOMINMAX
-#define WIN32_LEAN_AND_MEAN
-#include <windows.h>
-
+#include <clocale>
 #include <malloc.h>
-#include <process.h>
+#include <windows.h>
 #elif defined(__linux__)
 #include <cerrno>
 #include <sys/mman.h>
@@ -88,21 +85,21 @@ namespace {
 
 constexpr UINT utf8CodePage = 65001;
 
-// A host with the universal runtime can have a UTF-8 locale; the older runtime cannot, so its answer alone
-// would never be 65001.
-UINT localeCodePage() {
-    using CodePageFunction = unsigned int(__cdecl*)();
-    if (const HMODULE runtime = GetModuleHandleW(L"ucrtbase.dll")) {
-        const FARPROC address = GetProcAddress(runtime, "___lc_codepage_func");
-        if (address != nullptr) {
-            return reinterpret_cast<CodePageFunction>(reinterpret_cast<void*>(address))();
-        }
+// Whether the locale of the runtime is a UTF-8 one. The library may be linked against the older runtime,
+// which has no such locale, while its host's locale is that of the universal one.
+bool localeIsUtf8() {
+    if (___lc_codepage_func() == utf8CodePage) {
+        return true;
     }
-    return ___lc_codepage_func();
+    using CodePageFunction = unsigned int(__cdecl*)();
+    const HMODULE runtime = GetModuleHandleW(L"ucrtbase.dll");
+    const FARPROC address = runtime != nullptr ? GetProcAddress(runtime, "___lc_codepage_func") : nullptr;
+    return address != nullptr &&
+           reinterpret_cast<CodePageFunction>(reinterpret_cast<void*>(address))() == utf8CodePage;
 }
 
 UINT pathCodePage() {
-    if (localeCodePage() == utf8CodePage) {
+    if (localeIsUtf8()) {
         return utf8CodePage;
     }
     return AreFileApisANSI() ? CP_ACP : CP_OEMCP;

@@ -17,8 +17,8 @@ struct RunLog {
     std::mutex mutex;                      // serialises the writes to the stream
 };
 
-// Constant-initialised, so the mutex exists before any code of the library runs.
-constinit RunLog runLog;
+// Made while the library is loaded, at the latest: not every system's mutex is a constant expression.
+RunLog runLog;
 
 std::string formLine(const char* prefix, const std::string& message, const std::string& sourcePath,
                      std::int32_t line) {

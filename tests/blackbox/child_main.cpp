@@ -11,6 +11,8 @@
 //   address-space N     limit the address space to N bytes
 //   free-files N        leave room for N more open files
 //   hold PATH           keep PATH open without sharing it (Windows)
+//   oem-file-functions  SetFileApisToOEM (Windows)
+//   utf-8-locale        give the universal runtime a UTF-8 locale (Windows)
 //   input PATH          the next conversion's input
 //   output PATH         the next conversion's output folder
 //   convert             call plyConvert and report
@@ -135,6 +137,10 @@ struct Host {
             child::limitFreeFiles(std::stoi(value));
         } else if (name == "hold") {
             child::holdOpen(value);
+        } else if (name == "oem-file-functions") {
+            child::useOemFileFunctions();
+        } else if (name == "utf-8-locale") {
+            child::useUtf8Locale();
         } else if (name == "input") {
             input = value;
         } else if (name == "output") {

@@ -8,8 +8,8 @@
 #endif
 
 #if defined(_WIN32)
-#define NOMINMAX
-#define WIN32_LEAN_AND_MEAN
+#include "tests/windows/runtime.h"
+
 #include <windows.h>
 #else
 #include <dlfcn.h>
@@ -98,6 +98,16 @@ void holdOpen(const std::string& path) {
     }
 }
 
+void useOemFileFunctions() {
+    SetFileApisToOEM();
+}
+
+void useUtf8Locale() {
+    if (!windows_test::setUniversalLocale(".UTF-8")) {
+        throw std::runtime_error("no UTF-8 locale");
+    }
+}
+
 std::string narrowed(const std::filesystem::path& path) {
     const std::wstring& wide = path.native();
     const int length = WideCharToMultiByte(CP_ACP, 0, wide.data(), static_cast<int>(wide.size()), nullptr, 0,
@@ -171,6 +181,14 @@ void limitFreeFiles(int count) {
 
 void holdOpen(const std::string&) {
     throw std::runtime_error("an open file does not keep its name here");
+}
+
+void useOemFileFunctions() {
+    throw std::runtime_error("file functions have no code page here");
+}
+
+void useUtf8Locale() {
+    throw std::runtime_error("paths have no code page here");
 }
 
 std::string narrowed(const std::filesystem::path& path) {

@@ -26,6 +26,8 @@ void reportHardwareThreads(int count);
 void limitAddressSpace(std::uint64_t bytes);
 void limitFreeFiles(int count);
 void holdOpen(const std::string& path);
+void useOemFileFunctions();
+void useUtf8Locale();
 
 // A path as the 8-bit string that the library was given.
 std::string narrowed(const std::filesystem::path& path);

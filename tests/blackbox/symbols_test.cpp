@@ -11,7 +11,7 @@ using Symbols = BlackBox;
 
 TEST_F(Symbols, PlyConvertIsTheOnlyOneThatIsExported) {
 #if defined(_WIN32)
-    GTEST_SKIP() << "nm reads ELF files; the import library's own test looks at the DLL";
+    GTEST_SKIP() << "nm -D reads ELF files; the test Dll.ExportsOneNameAndNeedsTheSystemAlone looks at the DLL";
 #else
     const support::ProcessResult nm =
         support::runProcess({{"nm", "-D", "--defined-only", PLYCONVERT_LIBRARY}, {}, scratch.folder()});

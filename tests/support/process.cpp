@@ -5,8 +5,6 @@
 #include <stdexcept>
 
 #if defined(_WIN32)
-#define NOMINMAX
-#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 #else
 #include <cstdlib>

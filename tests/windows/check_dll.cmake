@@ -1,0 +1,34 @@
+# cmake -DOBJDUMP=... -DDLL=... -DIMPORT_LIBRARY=... -P check_dll.cmake
+# The DLL's name, its only export, and that every DLL it imports comes with the system.
+
+if(NOT DLL MATCHES "/plyconvert\\.dll$")
+    message(SEND_ERROR "The library is not called plyconvert.dll: ${DLL}")
+endif()
+if(NOT EXISTS ${IMPORT_LIBRARY})
+    message(SEND_ERROR "There is no import library: ${IMPORT_LIBRARY}")
+endif()
+
+execute_process(COMMAND ${OBJDUMP} -p ${DLL} OUTPUT_VARIABLE headers COMMAND_ERROR_IS_FATAL ANY)
+
+string(FIND "${headers}" "[Ordinal/Name Pointer] Table" start)
+string(SUBSTRING "${headers}" ${start} -1 exports)
+string(REGEX MATCHALL "\n[ \t]*\\[ *[0-9]+\\][^\n]*" exports "${exports}")
+list(TRANSFORM exports REPLACE ".*\\][ \t]*(.*)" "\\1")
+list(TRANSFORM exports REPLACE "^.*[ \t]" "")
+message(STATUS "Exports: ${exports}")
+if(NOT exports STREQUAL "plyConvert")
+    message(SEND_ERROR "Exports other than plyConvert: ${exports}")
+endif()
+
+string(REGEX MATCHALL "DLL Name: [^\r\n]+" imports "${headers}")
+list(TRANSFORM imports REPLACE "DLL Name: " "")
+list(TRANSFORM imports TOLOWER)
+message(STATUS "Imports: ${imports}")
+if(NOT imports)
+    message(SEND_ERROR "No imports were found")
+endif()
+foreach(import ${imports})
+    if(NOT import MATCHES "^(kernel32|msvcrt|advapi32|user32)\\.dll$|^api-ms-win-crt-.*\\.dll$")
+        message(SEND_ERROR "Imports a DLL that does not come with the system: ${import}")
+    endif()
+endforeach()
