@@ -69,7 +69,9 @@ test_sanitizers() {
     launcher=()
 }
 
+# Wine is started by the first program that runs in it, and stopped here, however the tests end.
 test_windows() {
+    trap '"$root/scripts/wine.sh" "$root/build/windows/wine" --stop' EXIT
     build windows windows
     run_tests windows
 }

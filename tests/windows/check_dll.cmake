@@ -12,9 +12,10 @@ execute_process(COMMAND ${OBJDUMP} -p ${DLL} OUTPUT_VARIABLE headers COMMAND_ERR
 
 string(FIND "${headers}" "[Ordinal/Name Pointer] Table" start)
 string(SUBSTRING "${headers}" ${start} -1 exports)
-string(REGEX MATCHALL "\n[ \t]*\\[ *[0-9]+\\][^\n]*" exports "${exports}")
-list(TRANSFORM exports REPLACE ".*\\][ \t]*(.*)" "\\1")
-list(TRANSFORM exports REPLACE "^.*[ \t]" "")
+string(FIND "${exports}" "\n\n" end) # an empty line ends the table
+string(SUBSTRING "${exports}" 0 ${end} exports)
+string(REGEX MATCHALL "\\[ *[0-9]+\\] +[^\r\n]+" exports "${exports}")
+string(REGEX REPLACE "\\[ *[0-9]+\\] +([0-9a-f]+ +)?" "" exports "${exports}")
 message(STATUS "Exports: ${exports}")
 if(NOT exports STREQUAL "plyConvert")
     message(SEND_ERROR "Exports other than plyConvert: ${exports}")
