@@ -144,6 +144,9 @@ std::string lastPathComponent(const std::string& path) {
 namespace {
 
 void* allocateAligned(std::uint64_t bytes) {
+    if (bytes > PTRDIFF_MAX - 2 * cacheLine) { // the runtime adds room for the alignment without a check
+        throw AllocationError();
+    }
     void* const block = _aligned_malloc(std::max<std::uint64_t>(bytes, 1), cacheLine);
     if (block == nullptr) {
         throw AllocationError();

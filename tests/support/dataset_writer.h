@@ -4,6 +4,7 @@
 
 #include <array>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -91,6 +92,9 @@ inline Bytes indexEntry(std::uint32_t key, const std::vector<LevelEntry>& levels
 }
 
 inline std::string number(double value) {
+    if (std::isnan(value)) {
+        return std::signbit(value) ? "-nan" : "nan"; // streams leave out the sign on some systems
+    }
     std::ostringstream text;
     text.imbue(std::locale::classic());
     text.precision(17);

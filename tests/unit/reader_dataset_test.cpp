@@ -166,6 +166,9 @@ TEST(ReaderDataset, LyingCountsAreRefusedBeforeAnythingIsAllocated) {
 }
 
 TEST(ReaderDataset, HugeFilesWithoutContentAreRefused) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "resize_file gives a file no more than the free room of the disk here";
+#endif
     const TemporaryFolder folder;
     writeFiles(folder.path(), DatasetWriter::oneCellFiles(DatasetWriter::smallScene()));
     std::filesystem::resize_file(folder.path() / "index.bin", 20ULL << 36); // sparse, 1.25 TiB

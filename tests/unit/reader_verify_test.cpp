@@ -295,6 +295,9 @@ TEST(ReaderVerify, AFolderThatIsNoneIsAFinding) {
 }
 
 TEST(ReaderVerify, SparseGiantsEndQuickly) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "resize_file gives a file no more than the free room of the disk here";
+#endif
     const TemporaryFolder folder;
     Files files = DatasetWriter::gridScene();
     writeFiles(folder.path(), files);
