@@ -9,7 +9,6 @@
 #include "src/runlog.h"
 #include "src/splatheader.h"
 
-#include <cfenv>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -23,20 +22,6 @@ namespace Tavrin::GaussionSplat {
 namespace {
 
 constexpr const char* sourcePath = "convert";
-
-// The default floating-point environment for the duration of a call, whatever rounding mode or flushing of
-// subnormals the host has set; worker threads inherit it. The host's own is put back afterwards.
-struct DefaultFloatEnvironment {
-    std::fenv_t saved;
-
-    DefaultFloatEnvironment() {
-        std::fegetenv(&saved);
-        std::fesetenv(FE_DFL_ENV);
-    }
-    ~DefaultFloatEnvironment() { std::fesetenv(&saved); }
-    DefaultFloatEnvironment(const DefaultFloatEnvironment&) = delete;
-    DefaultFloatEnvironment& operator=(const DefaultFloatEnvironment&) = delete;
-};
 
 // Decoded blocks that an exception leaves in the list are freed with it.
 struct ReleaseChunks {

@@ -10,6 +10,7 @@
 #include <clocale>
 #include <malloc.h>
 #include <windows.h>
+#include <xmmintrin.h>
 #elif defined(__linux__)
 #include <cerrno>
 #include <sys/mman.h>
@@ -64,6 +65,28 @@ void flushStandardOutput() {
 }
 
 } // namespace
+
+// The runtimes of Windows leave the control register of the vector unit, which does all our arithmetic, as it
+// is in fesetenv(FE_DFL_ENV), or a part of it. New threads start with the default one there, and inherit
+// their maker's elsewhere.
+DefaultFloatEnvironment::DefaultFloatEnvironment() {
+    std::fegetenv(&environment);
+#if defined(_WIN32)
+    constexpr unsigned defaultControl = 0x1F80; // round to nearest, subnormals as they are, no traps
+    vectorControl = _mm_getcsr();
+    std::fesetenv(FE_DFL_ENV);
+    _mm_setcsr(defaultControl);
+#else
+    std::fesetenv(FE_DFL_ENV);
+#endif
+}
+
+DefaultFloatEnvironment::~DefaultFloatEnvironment() {
+    std::fesetenv(&environment);
+#if defined(_WIN32)
+    _mm_setcsr(vectorControl);
+#endif
+}
 
 const char* AllocationError::what() const noexcept {
     return "bad allocation";

@@ -1,6 +1,7 @@
 // Everything that differs between systems, in one place.
 #pragma once
 
+#include <cfenv>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -27,6 +28,18 @@ std::string lastPathComponent(const std::string& path);
 // The same from a worker thread: standard output is flushed and the process ends at once, so that no static
 // destructor runs beside the other workers.
 [[noreturn]] void endProcessFromWorker(int status);
+
+// The default floating-point environment for as long as the object lives, whatever rounding mode or flushing
+// of subnormals the host has set. The host's own is put back afterwards.
+struct DefaultFloatEnvironment {
+    std::fenv_t environment;    // the host's
+    unsigned vectorControl = 0; // the host's MXCSR, where the environment may not hold it
+
+    DefaultFloatEnvironment();
+    ~DefaultFloatEnvironment();
+    DefaultFloatEnvironment(const DefaultFloatEnvironment&) = delete;
+    DefaultFloatEnvironment& operator=(const DefaultFloatEnvironment&) = delete;
+};
 
 // The allocation error with the library's own text, the same on every C++ runtime.
 struct AllocationError : std::bad_alloc {
