@@ -73,7 +73,9 @@ test_sanitizers() {
 test_windows() {
     trap '"$root/scripts/wine.sh" "$root/build/windows/wine" --stop' EXIT
     build windows windows
-    run_tests windows
+    # The large scenes are held to the hashes that the native builds give; comparing them with the reference a second
+    # time would say nothing new.
+    run_tests windows --exclude-regex '^Large/Golden[.]BytesAreThoseOfTheReference'
 }
 
 release=yes
