@@ -6,21 +6,26 @@
 
 namespace Tavrin::SplatReader {
 
+std::string textOf(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
 DatasetFile::DatasetFile(const std::filesystem::path& folder, std::string_view name) : name_(name) {
     const std::filesystem::path path = folder / std::filesystem::path(name_);
     std::error_code error;
     const std::filesystem::file_status status = std::filesystem::status(path, error);
     if (!std::filesystem::is_regular_file(status)) {
         throw DatasetError({name_, 0, "a file",
-                            !std::filesystem::exists(status) ? "none at " + path.string()
-                                                             : "something else at " + path.string(),
+                            !std::filesystem::exists(status) ? "none at " + textOf(path)
+                                                             : "something else at " + textOf(path),
                             "file-missing"});
     }
     size_ = std::filesystem::file_size(path, error);
     stream_.open(path, std::ios::binary);
     if (error || !stream_) {
         throw DatasetError(
-            {name_, 0, "a readable file", "one that cannot be opened at " + path.string(), "file-missing"});
+            {name_, 0, "a readable file", "one that cannot be opened at " + textOf(path), "file-missing"});
     }
 }
 

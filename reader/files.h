@@ -13,6 +13,9 @@
 
 namespace Tavrin::SplatReader {
 
+// A path as messages show it: UTF-8 on every system.
+std::string textOf(const std::filesystem::path& path);
+
 inline constexpr std::size_t windowSize = std::size_t{1} << 20;
 
 // One file of a dataset, opened for reading. Not to be shared between threads.

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "reader/dataset.h"
+#include "reader/files.h"
 #include "reader/grid.h"
 #include "reader/index_stream.h"
 #include "reader/verify_records.h"
@@ -38,7 +39,7 @@ public:
     void run() {
         std::error_code error;
         if (!std::filesystem::is_directory(folder_, error)) {
-            findings_.error("file-missing", folder_.string(), 0, "a dataset folder", "none");
+            findings_.error("file-missing", textOf(folder_), 0, "a dataset folder", "none");
             return;
         }
         readMeta();
