@@ -1,4 +1,5 @@
 // Single faults, one at a time, in datasets that a conversion wrote: each must be found, none may crash.
+#include "reader/record.h"
 #include "reader/verify.h"
 
 #include <cmath>
