@@ -477,6 +477,7 @@ TEST_F(ChunkerTest, ATaskWithoutLengthEndsTheProcess) {
         closeRunLog(); // the process below empties the folder, where Windows keeps a file that is open
         EXPECT_PROCESS_EXIT(
             {
+                openRunLog(logPath);
                 ChunkPass pass(bounding, chunks);
                 Chunker::Task task;
                 task.count = 1;

@@ -152,21 +152,27 @@ Files readFiles(const std::filesystem::path& folder) {
     return files;
 }
 
-std::uint64_t findingsOf(const Files& files, const std::filesystem::path& folder) {
+VerifyReport reportOf(const Files& files, const std::filesystem::path& folder) {
     writeFiles(folder, files);
     VerifyOptions options;
     options.level = VerifyLevel::full;
-    const VerifyReport report = verifyDataset(folder, options);
+    return verifyDataset(folder, options);
+}
+
+std::uint64_t findingsOf(const VerifyReport& report) {
     return report.findings.errorCount() + report.findings.warningCount();
 }
 
+// The sound dataset has no errors; a hand-made one may have warnings, such as of values that all lie at one
+// step.
 void expectEachFound(const Files& files, const std::vector<Mutation>& list) {
     const support::Scratch scratch;
-    ASSERT_EQ(findingsOf(files, scratch / "sound"), 0U);
+    const VerifyReport sound = reportOf(files, scratch / "sound");
+    ASSERT_EQ(sound.findings.errorCount(), 0U);
     for (const Mutation& mutation : list) {
         Files changed = files;
         mutation.apply(changed);
-        EXPECT_GT(findingsOf(changed, scratch / "changed"), 0U) << mutation.name;
+        EXPECT_GT(findingsOf(reportOf(changed, scratch / "changed")), findingsOf(sound)) << mutation.name;
     }
 }
 
