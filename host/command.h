@@ -3,6 +3,7 @@
 #include "exit_status.h"
 
 #include <functional>
+#include <string>
 
 namespace CLI {
 class App;
@@ -16,5 +17,11 @@ using Action = std::function<ExitStatus()>;
 // Each subcommand lives in NAME_command.cpp and has one function `addNAMECommand` of this form. It adds its
 // subcommand to `program` and leaves its action in `chosen` when the command line selects it.
 using AddCommand = void(CLI::App& program, Action& chosen);
+
+// Throws a Failure (Usage) when the word given for `name` is empty; `what` says what to name.
+void requireWord(const std::string& word, const char* name, const char* what);
+
+// Throws a Failure (InputRefused) when no folder stands there.
+void requireFolder(const std::string& path);
 
 } // namespace Tavrin::SplatProgram

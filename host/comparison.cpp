@@ -77,9 +77,9 @@ private:
     }
 
     void difference(const char* name, const std::string& expected, const std::string& found) {
-        m_findings.error("against-source", m_file, m_at,
-                         fmt::format("{} {}, as splat {} of the source has it", name, expected, m_number),
-                         found);
+        m_findings.error(
+            name == std::string_view("position") ? "against-position" : "against-value", m_file, m_at,
+            fmt::format("{} {}, as splat {} of the source has it", name, expected, m_number), found);
     }
 
     // `step` 0: kept without loss.
@@ -177,29 +177,38 @@ private:
     std::string_view m_file;
 };
 
-void checkTotals(const SplatReader::Dataset& dataset, const SplatFile& source, const Comparison& result,
-                 const CellReaders& cells, SplatReader::Findings& findings) {
-    if (dataset.meta().totalSplats != source.records) {
-        findings.error("against-source", Format::metaFile, 0,
+// False when the dataset cannot have been made of the source, so that comparing splats would say nothing.
+bool checkOrigin(const SplatReader::Dataset& dataset, const SplatFile& source,
+                 SplatReader::Findings& findings) {
+    const SplatReader::Meta& meta = dataset.meta();
+    const bool sameCount = meta.totalSplats == source.records;
+    const bool sameForm = meta.hasCoefficients() == source.layout.hasCoefficients();
+    if (!sameCount) {
+        findings.error("against-count", Format::metaFile, 0,
                        fmt::format("\"totalSplats\" {}, the records of the source", source.records),
-                       std::to_string(dataset.meta().totalSplats));
+                       std::to_string(meta.totalSplats));
     }
-    if (dataset.meta().hasCoefficients() != source.layout.hasCoefficients()) {
-        findings.error("against-source", Format::metaFile, 0,
+    if (!sameForm) {
+        findings.error("against-form", Format::metaFile, 0,
                        source.layout.hasCoefficients() ? "\"Quality\", as the source has coefficients"
                                                        : "\"Portable\", as the source has no coefficients",
-                       dataset.meta().fileType.substr(0, 60));
+                       fmt::format("\"{}\"", meta.fileType.substr(0, 60)));
     }
+    return sameCount && sameForm;
+}
+
+void checkTotals(const SplatReader::Dataset& dataset, const Comparison& result, const CellReaders& cells,
+                 SplatReader::Findings& findings) {
     for (std::size_t cell = 0; cell < dataset.cellCount(); ++cell) {
         if (cells.unread(cell) > 0) {
             findings.error(
-                "against-source", Format::indexFile, 0,
+                "against-count", Format::indexFile, 0,
                 fmt::format("cell {} with as many splats as the source has there", dataset.cellKey(cell)),
                 fmt::format("{} more", cells.unread(cell)));
         }
     }
     if (result.leftOut != dataset.leftOut()) {
-        findings.error("against-source", Format::indexFile, 0,
+        findings.error("against-count", Format::indexFile, 0,
                        fmt::format("{} splats of the source in no cell", dataset.leftOut()),
                        std::to_string(result.leftOut));
     }
@@ -215,6 +224,9 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFil
                              SplatReader::Findings& findings, const ScanProgress& progress) {
     constexpr std::uint64_t progressEvery = 65536;
     Comparison result;
+    if (!checkOrigin(dataset, source, findings)) {
+        return result;
+    }
     Comparer comparer(dataset, source.layout, findings);
     CellReaders cells(dataset);
     RecordStream stream(source.path, source.bodyAt, source.layout.recordBytes(), source.records);
@@ -229,7 +241,7 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFil
             ++result.found;
             comparer.compare(record, number, *stored);
         } else {
-            findings.error("against-source", Format::indexFile, 0,
+            findings.error("against-count", Format::indexFile, 0,
                            fmt::format("splat {} of the source in cell {}", number, key),
                            "no more splats there");
         }
@@ -237,7 +249,7 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFil
             progress(static_cast<double>(number) / static_cast<double>(source.records));
         }
     }
-    checkTotals(dataset, source, result, cells, findings);
+    checkTotals(dataset, result, cells, findings);
     result.attributes = comparer.errors();
     return result;
 }

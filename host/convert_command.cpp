@@ -84,16 +84,9 @@ Summary summarise(const ConvertOptions& options, const SplatReader::VerifyReport
     return summary;
 }
 
-void requireNames(const ConvertOptions& options) {
-    if (options.input.empty() || options.output.empty()) {
-        throw Failure(ExitStatus::Usage,
-                      fmt::format("{} is an empty word: name a {}", options.input.empty() ? "IN.ply" : "OUT",
-                                  options.input.empty() ? "file" : "folder"));
-    }
-}
-
 ExitStatus runConvert(const ConvertOptions& options) {
-    requireNames(options);
+    requireWord(options.input, "IN.ply", "a file");
+    requireWord(options.output, "OUT", "a folder");
     catchInterrupts();
     Verdict verdict(options.unchecked, options.quiet);
     Progress progress(!options.quiet && standardErrorIsTerminal());

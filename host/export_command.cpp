@@ -62,11 +62,13 @@ private:
 void checkTarget(const ExportOptions& options) {
     const fs::path target = pathFromText(options.scene);
     std::error_code ignored;
-    if (fs::is_directory(target, ignored)) {
+    const fs::file_status status = fs::symlink_status(target, ignored);
+    // Renaming would put a file in place of a folder, a device or a link, which is never meant.
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
         throw Failure(ExitStatus::OutputRefused,
-                      fmt::format("{}: a folder stands there: give the name of a file", options.scene));
+                      fmt::format("{}: no plain file stands there: give the name of a file", options.scene));
     }
-    if (fs::exists(fs::symlink_status(target, ignored)) && !options.force) {
+    if (fs::exists(status) && !options.force) {
         throw Failure(
             ExitStatus::OutputRefused,
             fmt::format("{}: the file is there already: give another name, or --force to replace it",
@@ -86,6 +88,7 @@ void checkTarget(const ExportOptions& options) {
 }
 
 SplatReader::Dataset openSound(const ExportOptions& options) {
+    requireFolder(options.dataset);
     const fs::path folder = pathFromText(options.dataset);
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
     if (!report.sound()) {
@@ -132,6 +135,8 @@ std::vector<std::size_t> chooseCells(const SplatReader::Dataset& dataset, const 
 }
 
 ExitStatus runExport(const ExportOptions& options) {
+    requireWord(options.dataset, "OUT", "a folder");
+    requireWord(options.scene, "scene.ply", "a file");
     catchInterrupts();
     Progress progress(!options.quiet && standardErrorIsTerminal());
     for (const std::string& text : options.cells) {

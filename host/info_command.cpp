@@ -52,6 +52,10 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
                           fmt::format("{}: not a dataset that can be read: {}", path, error.what()));
         }
     }
+    if (!std::filesystem::exists(pathFromText(path), ignored)) {
+        throw Failure(ExitStatus::InputRefused,
+                      fmt::format("{}: there is no such file or folder: check the path", path));
+    }
     const SceneFacts facts = readSceneFacts(path, options.scan, report);
     return options.json ? sceneJson(facts) : sceneText(facts, style);
 }
@@ -62,6 +66,7 @@ ExitStatus runInfo(const InfoOptions& options) {
     ExitStatus status = ExitStatus::Done;
     bool first = true;
     for (const std::string& path : options.paths) {
+        requireWord(path, "PATH", "a file or a folder");
         try {
             const std::string text = describe(path, options, progress);
             progress.clear();

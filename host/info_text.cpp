@@ -142,7 +142,7 @@ std::string measuredText(const SceneFacts& facts) {
     const auto z = find("z");
     const auto end = facts.attributes.end();
     if (!facts.scanned || x == end || y == end || z == end) {
-        return facts.bodyProblem.empty() ? "not measured: --scan reads every record" : "";
+        return "not measured: --scan reads every record";
     }
     return boxText({x->smallest, y->smallest, z->smallest}, {x->largest, y->largest, z->largest});
 }
@@ -226,6 +226,8 @@ std::string sceneText(const SceneFacts& facts, const InfoStyle& style) {
     }
     if (splats) {
         text += line("stated box", statedText(facts));
+    }
+    if (splats && facts.bodyProblem.empty()) {
         text += line("measured box", measuredText(facts));
     }
     if (!facts.bodyProblem.empty()) {

@@ -17,11 +17,11 @@ namespace {
 
 constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
 
-// Shortest text that reads back as the same single-precision number, which is all that a header keeps.
+// Shortest text that reads back as the same number: the single precision that a dataset keeps of a header's
+// numbers, to its last bit, for a reader in double precision as well.
 std::string numberText(double value) {
     std::array<char, 32> buffer{};
-    const auto result =
-        std::to_chars(buffer.data(), buffer.data() + buffer.size(), static_cast<float>(value));
+    const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
     return std::string(buffer.data(), result.ptr);
 }
 

@@ -10,6 +10,7 @@
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <fmt/format.h>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -36,11 +37,7 @@ struct Result {
 
 Result verify(const VerifyOptions& options, Progress& progress) {
     const std::filesystem::path folder = pathFromText(options.dataset);
-    std::error_code ignored;
-    if (!std::filesystem::is_directory(folder, ignored)) {
-        throw Failure(ExitStatus::InputRefused,
-                      fmt::format("{}: no such folder: give the folder of a dataset", options.dataset));
-    }
+    requireFolder(options.dataset);
     std::optional<InputFacts> source;
     if (!options.source.empty()) {
         Verdict verdict(false, true);
@@ -124,8 +121,10 @@ void printText(const VerifyOptions& options, const Result& result) {
         fmt::print("{} of the input's {} splats are left out: they lie outside the grid\n",
                    countText(report.splatsLeftOut), countText(report.splatsHeld + report.splatsLeftOut));
     }
-    fmt::print("{}: {} checked, {} in {}: {}\n", options.dataset,
-               options.quick ? "metadata, sizes and index" : "every record",
+    fmt::print("{}: {}, {} in {}: {}\n", options.dataset,
+               report.use      ? "every record checked"
+               : options.quick ? "metadata, sizes and index checked"
+                               : "the records were not read",
                countText(report.splatsHeld, "splat", "splats"), countText(report.cells, "cell", "cells"),
                verdictText(findings));
 }
@@ -183,6 +182,7 @@ void printJson(const VerifyOptions& options, const Result& result) {
 }
 
 ExitStatus runVerify(const VerifyOptions& options) {
+    requireWord(options.dataset, "OUT", "a folder");
     catchInterrupts();
     Progress progress(!options.quiet && standardErrorIsTerminal());
     const Result result = verify(options, progress);
@@ -193,6 +193,7 @@ ExitStatus runVerify(const VerifyOptions& options) {
         printText(options, result);
     }
     if (!result.passed) {
+        std::fflush(stdout); // the findings stand before the line that counts them
         reportError(
             fmt::format("{}: verification failed: {}", options.dataset, verdictText(result.report.findings)));
         return ExitStatus::VerificationFailed;

@@ -7,8 +7,10 @@
 // differ.
 #include "reader/dataset.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <string>

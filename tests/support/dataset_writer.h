@@ -261,6 +261,9 @@ inline StoredSplat splatAt(float x, float y, float z = 1.0F) {
     StoredSplat splat;
     splat.position = {x, y, z};
     splat.rotation = identityRotation;
+    // Spread over the steps, so that no value crowds at an end.
+    const auto word = static_cast<std::uint16_t>(30'000.0F + 300.0F * x / (1.0F + std::fabs(x) / 1000.0F));
+    splat.scale = splat.normal = {word, word, word};
     return splat;
 }
 

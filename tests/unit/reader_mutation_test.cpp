@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "plyconvert.h"
+#include "reader/record.h"
 #include "tests/support/dataset_writer.h"
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"
