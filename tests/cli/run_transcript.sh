@@ -44,6 +44,7 @@ settled() {
     sed -E -e "s#$scratch/work#$shown#g" \
         -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
         -e 's/[0-9.:]+ (s|min), [0-9,]+ splats\/s/TIME, SPEED splats\/s/' \
+        -e 's/, in [0-9.]+ s/, in TIME/' \
         -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
         -e 's/[0-9.]+ [KMGTP]iB and FREE/NEED and FREE/' \
         -e 's/"seconds":[0-9.e+-]+,"splatsPerSecond":[0-9]+/"seconds":TIME,"splatsPerSecond":SPEED/' \
