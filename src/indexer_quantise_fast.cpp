@@ -67,9 +67,9 @@ bool anyBit(__m128i bits) {
     return _mm_movemask_epi8(_mm_cmpeq_epi32(bits, _mm_setzero_si128())) != 0xFFFF;
 }
 
-// Two floats in the low half.
+// Two floats in the low half, from any address that a float may have.
 __m128 loadTwo(const float* values) {
-    return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(values)));
+    return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(values)));
 }
 
 // trunc((value - min) / extent * 65535.5) of two values, in the low half. With the reciprocal the product
