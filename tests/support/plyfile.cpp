@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 #include <limits>
 
 namespace support {
@@ -59,10 +58,7 @@ std::string PlyFile::header() const {
 
 std::string PlyFile::bytes() const {
     std::string text = header();
-    const std::size_t start = text.size();
-    text.resize(start + records.size() * sizeof(float));
-    std::memcpy(text.data() + start, records.data(), records.size() * sizeof(float));
-    return text;
+    return text.append(reinterpret_cast<const char*>(records.data()), records.size() * sizeof(float));
 }
 
 void PlyFile::write(const std::filesystem::path& path) const {
