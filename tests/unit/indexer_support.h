@@ -43,7 +43,9 @@ inline std::shared_ptr<ChunkData> chunkOf(const std::vector<float>& records, boo
     chunk->splatCount = static_cast<std::uint32_t>(records.size() / recordLayout(hasShcoef).floats);
     chunk->level = level;
     chunk->data = makeLargeArray<float>(records.size()).release();
-    std::memcpy(chunk->data, records.data(), records.size() * sizeof(float));
+    if (!records.empty()) {
+        std::memcpy(chunk->data, records.data(), records.size() * sizeof(float));
+    }
     return chunk;
 }
 
