@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #if defined(_WIN32)
 #include <io.h>
 #else
+#include <sys/resource.h>
 #include <unistd.h>
 #endif
 
@@ -30,6 +32,17 @@ inline void mergeOutput() {
     dup2(2, 1);
 #endif
 }
+
+#if !defined(_WIN32)
+// Let this process have no more than a few threads. Root is above such limits, so it becomes another user.
+inline void limitThreads() {
+    const auto lone = static_cast<uid_t>(20'000 + getpid() % 40'000);
+    const rlimit limit{.rlim_cur = 6, .rlim_max = 6};
+    if ((getuid() == 0 && setuid(lone) != 0) || setrlimit(RLIMIT_NPROC, &limit) != 0) {
+        std::_Exit(1);
+    }
+}
+#endif
 
 // What body writes to standard output.
 template <typename Body>

@@ -14,12 +14,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <limits>
 #include <map>
 #include <string>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -488,6 +491,26 @@ TEST_F(ChunkerTest, ATaskWithoutLengthEndsTheProcess) {
         EXPECT_EQ(log(), line); // of the process that ended, which ran this test in the same folder
     }
 }
+
+#if !defined(_WIN32)
+TEST_F(ChunkerTest, AThreadThatCannotStartLeavesAsTheStandardSystemError) {
+    const SplatHeader header = write(randomFile(63, 4, false));
+    EXPECT_PROCESS_EXIT(
+        {
+            support::limitThreads();
+            try {
+                chunk({header}, 1000);
+            } catch (const std::system_error& error) {
+                std::cout << (error.code() == std::errc::resource_unavailable_try_again ? "unavailable"
+                                                                                        : "another")
+                          << std::endl;
+            }
+            std::_Exit(9);
+        },
+        9, "^unavailable\n$");
+    EXPECT_EQ(log(), startLine); // of the process that ended
+}
+#endif
 
 TEST_F(ChunkerTest, ReleasingTheListFreesTheBlocksThatAreLeft) {
     const auto full = std::make_shared<ChunkData>();

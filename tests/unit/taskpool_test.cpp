@@ -15,7 +15,6 @@
 
 #if !defined(_WIN32)
 #include <csignal>
-#include <sys/resource.h>
 #include <unistd.h>
 #endif
 
@@ -290,19 +289,10 @@ TEST(TaskPoolDeathTest, NoThreadsAndATaskWaitForever) {
         testing::KilledBySignal(SIGALRM), "");
 }
 
-// Let this process have no more than a few threads. Root is above such limits, so it becomes another user.
-void limitThreads() {
-    const auto lone = static_cast<uid_t>(20'000 + getpid() % 40'000);
-    const rlimit limit{.rlim_cur = 6, .rlim_max = 6};
-    if ((getuid() == 0 && setuid(lone) != 0) || setrlimit(RLIMIT_NPROC, &limit) != 0) {
-        std::_Exit(1);
-    }
-}
-
 TEST(TaskPoolDeathTest, AThreadThatCannotStartIsTheStandardSystemErrorAndNoHang) {
     EXPECT_PROCESS_EXIT(
         {
-            limitThreads();
+            support::limitThreads();
             try {
                 JobPool pool(1000, ignore);
             } catch (const std::system_error& error) {
