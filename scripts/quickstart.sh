@@ -17,17 +17,6 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck source=scripts/packages.sh
 source "$root/scripts/packages.sh"
 
-# Prints the splats, the cells and the files of the dataset in folder $1.
-describe() {
-    local dataset=$1 splats cells file
-    splats=$(sed -n 's/.*"totalSplats": *\([0-9]*\).*/\1/p' "$dataset/converted_from_ply.ytr")
-    cells=$(($(stat -c %s "$dataset/index.bin") / 20)) # an index entry has 20 bytes
-    echo "$dataset: $splats splats in $cells ground cells"
-    for file in "$dataset"/*; do
-        printf '%12d bytes  %s\n' "$(stat -c %s "$file")" "${file##*/}"
-    done
-}
-
 install_missing "${packages[@]}"
 
 build=$root/build/release
@@ -39,9 +28,10 @@ if (($# == 2)); then
     scene=$1
     dataset=$2
 else
-    scene=$root/build/quickstart/town.ply
-    dataset=$root/build/quickstart/town
-    mkdir -p "$root/build/quickstart"
+    folder=${build%/*}/quickstart
+    mkdir -p "$folder"
+    scene=${folder#"$PWD"/}/town.ply
+    dataset=${folder#"$PWD"/}/town
     echo "Generating a town of 1,200,000 splats: $scene"
     "$build/bench/makescene" --splats 1200000 --bounds --source makescene "$scene"
 fi
@@ -49,4 +39,4 @@ fi
 echo "Converting"
 "$build/host/plyconvert" "$scene" "$dataset"
 echo
-describe "$dataset"
+"$build/host/plyconvert" info "$dataset"

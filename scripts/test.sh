@@ -5,7 +5,7 @@
 #   scripts/test.sh --dev           and the debug build
 #   scripts/test.sh --clang         and a release build with clang++
 #   scripts/test.sh --sanitizers    and address and undefined-behaviour sanitizers over every test, the thread
-#                                   sanitizer over the task pool, the run log and the chunker
+#                                   sanitizer over the task pool, the run log and both parallel passes
 #   scripts/test.sh --windows       and the cross build for Windows, under wine
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
@@ -21,14 +21,21 @@ usage() {
     sed -n '2,13s/^# \{0,1\}//p' "$root/scripts/test.sh"
 }
 
-# build FOLDER PRESET [OPTION...]
-# Configures a build folder and builds everything in it; the options go to the configuration.
-build() {
+# configure FOLDER PRESET [OPTION...]
+# Configures a build folder; the options go to CMake.
+configure() {
     local folder=$root/build/$1 preset=$2
     shift 2
-    echo "== ${folder##*/}: building"
     cmake -S "$root" -B "$folder" --preset "$preset" --log-level=WARNING "$@"
-    cmake --build "$folder" --parallel "$(nproc)"
+}
+
+# build FOLDER [OPTION...]
+# Builds what a build folder is configured for; the options go to the build.
+build() {
+    local folder=$root/build/$1
+    shift
+    echo "== ${folder##*/}: building"
+    cmake --build "$folder" --parallel "$(nproc)" "$@"
 }
 
 # run_tests FOLDER [OPTION...]
@@ -42,37 +49,43 @@ run_tests() {
 launcher=()
 
 test_release() {
-    build release release
+    configure release release
+    build release
     run_tests release
 }
 
 test_dev() {
-    build dev dev
+    configure dev dev
+    build dev
     run_tests dev
 }
 
 test_clang() {
-    build clang release -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+    configure clang release -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+    build clang
     run_tests clang
 }
 
 test_sanitizers() {
-    build asan-ubsan asan-ubsan
+    configure asan-ubsan asan-ubsan
+    build asan-ubsan
     run_tests asan-ubsan
-    build tsan tsan
+    configure tsan tsan
+    build tsan --target taskpool_test runlog_test chunker_test scan_test share_test
     # Where the kernel spreads addresses wider than the thread sanitizer of g++ 12 and 13 allows, it needs them in
     # order; a container may forbid that.
     if setarch -R true 2>/dev/null; then
         launcher=(setarch -R)
     fi
-    run_tests tsan --tests-regex '^(TaskPool|RunLog|Chunk)'
+    run_tests tsan --label-regex '^threads$'
     launcher=()
 }
 
 # Wine is started by the first program that runs in it, and stopped here, however the tests end.
 test_windows() {
     trap '"$root/scripts/wine.sh" "$root/build/windows/wine" --stop' EXIT
-    build windows windows
+    configure windows windows
+    build windows
     # The large scenes are held to the hashes that the native builds give; comparing them with the reference a second
     # time would say nothing new.
     run_tests windows --exclude-regex '^Large/Golden[.]BytesAreThoseOfTheReference'
