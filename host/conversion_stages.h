@@ -3,7 +3,6 @@
 #include "preflight.h"
 #include "progress.h"
 
-#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -21,17 +20,12 @@ public:
     void show(std::optional<std::uint64_t> bytesRead, Progress& progress);
 
 private:
-    enum Stage { Measuring, Reading, Grouping, Writing, stageCount };
-
     Stage stageNow() const;
     std::optional<double> shareOf(Stage stage, std::optional<std::uint64_t> bytesRead) const;
-    std::optional<double> secondsLeft(Stage stage, std::optional<double> share, double now) const;
 
     std::filesystem::path m_folder;
     const Plan* m_plan;
-    Stage m_stage = Measuring;
-    double m_stageStart = -1.0;     // seconds of the progress clock
-    double m_start = -1.0;          // of the conversion
+    Stage m_stage = Stage::Measuring;
     std::uint64_t m_readBefore = 0; // bytes read before the stage
 };
 

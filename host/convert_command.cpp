@@ -110,7 +110,7 @@ ExitStatus runConvert(const ConvertOptions& options) {
     requireUnchanged(options.input, stamp);
     const SplatReader::VerifyReport report =
         verifyConversion(partial.path(), options.input, plan, options.allowLoss, progress);
-    partial.flush([&](double share) { progress.update("flushing to disk", share); });
+    partial.flush([&](double share) { progress.update(Stage::Flushing, share); });
     progress.clear();
     if (const auto remark = partial.publish(options.input, options.force)) {
         verdict.warn(*remark);

@@ -132,13 +132,17 @@ std::optional<Plan> makePlan(const std::optional<InputFacts>& input, const Outpu
     checkDisk(plan, output, verdict);
 
     const std::optional<Box> bounds = plan.input.comments.bounds();
-    const ScanProgress show = [&](double share) { progress.update("checking the input", share); };
-    plan.extent = measureScene(file, bounds, show);
+    // Only scenes that are cut into cells take a second pass.
+    const bool takesTwoPasses = file.records > SplatReader::Format::oneCellMaximum;
+    const double pass = takesTwoPasses ? 0.5 : 1.0;
+    plan.extent =
+        measureScene(file, bounds, [&](double share) { progress.update(Stage::Checking, share * pass); });
     plan.isBoxMeasured = !bounds;
     plan.box = bounds ? *bounds : convertersBox(file, plan.extent);
     requireFiniteBox(plan, verdict);
     chooseGrid(plan);
-    plan.cells = countCells(file, plan.grid, show);
+    plan.cells = countCells(file, plan.grid,
+                            [&](double share) { progress.update(Stage::Checking, pass + share * pass); });
     progress.clear();
     plan.indexBytes = plan.cells.cells * indexEntryBytes;
     if (plan.memory <= plan.freeMemory) {

@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace Tavrin::SplatProgram {
+
+// What a conversion does, in this order.
+enum class Stage { Checking, Measuring, Reading, Grouping, Writing, Verifying, Flushing };
 
 // One line on standard error that is written over, at most six times a second: stage, percentage, time
 // elapsed and time left.
@@ -20,10 +22,8 @@ public:
 
     bool shown() const { return m_shown; }
 
-    // `share` of the stage that is done, 0 to 1, and seconds that the whole run still takes; nothing where
-    // unknown.
-    void update(std::string_view stage, std::optional<double> share = {},
-                std::optional<double> secondsLeft = {});
+    // `share` of the stage that is done, 0 to 1; nothing where that is not known.
+    void update(Stage stage, std::optional<double> share = {});
 
     // Removes the line, so that other lines can be written.
     void clear();
@@ -34,11 +34,15 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    // Seconds until the whole run is done; nothing while it is too early to say.
+    std::optional<double> secondsLeft(std::optional<double> share, double now) const;
     void write(std::string line);
 
     bool m_shown;
     Clock::time_point m_start;
     std::optional<Clock::time_point> m_lastUpdate;
+    Stage m_stage = Stage::Checking;
+    double m_stageStart = 0.0;    // seconds since the start
     std::size_t m_lineLength = 0; // of what stands on the terminal
 };
 

@@ -58,9 +58,10 @@ SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, 
     options.level = SplatReader::VerifyLevel::full;
     options.progress = [&](std::uint64_t done, std::uint64_t all) {
         throwIfInterrupted();
-        progress.update("verifying", all > 0 ? static_cast<double>(done) / static_cast<double>(all) : 1.0);
+        progress.update(Stage::Verifying,
+                        all > 0 ? static_cast<double>(done) / static_cast<double>(all) : 1.0);
     };
-    progress.update("verifying");
+    progress.update(Stage::Verifying);
     SplatReader::VerifyReport report = SplatReader::verifyDataset(folder, options);
     progress.clear();
     requireSound(report.findings, input, plan);
