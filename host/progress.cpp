@@ -13,6 +13,7 @@ namespace Tavrin::SplatProgram {
 namespace {
 
 constexpr std::chrono::milliseconds leastInterval(170); // less than six updates a second
+constexpr double leastDone = 0.04;                      // before that the estimate jumps
 
 struct StageFacts {
     const char* name;
@@ -41,18 +42,35 @@ void Progress::update(Stage stage, std::optional<double> share) {
         m_stage = stage;
         m_stageStart = now;
     }
-    const Clock::time_point moment = Clock::now();
-    if (!m_shown || (m_lastUpdate && moment - *m_lastUpdate < leastInterval)) {
-        return;
+    if (isDue()) {
+        show(stages[static_cast<std::size_t>(stage)].name, share, secondsLeft(share, now));
     }
-    m_lastUpdate = moment;
-    const StageFacts& facts = stages[static_cast<std::size_t>(stage)];
-    std::string line = facts.name;
+}
+
+void Progress::update(std::string_view task, double share) {
+    if (isDue()) {
+        show(task, share,
+             share < leastDone ? std::nullopt
+                               : std::optional(seconds() * std::max(0.0, 1.0 - share) / share));
+    }
+}
+
+bool Progress::isDue() {
+    const Clock::time_point now = Clock::now();
+    if (!m_shown || (m_lastUpdate && now - *m_lastUpdate < leastInterval)) {
+        return false;
+    }
+    m_lastUpdate = now;
+    return true;
+}
+
+void Progress::show(std::string_view name, std::optional<double> share, std::optional<double> left) {
+    std::string line(name);
     if (share) {
         line += fmt::format(" {:.0f} %", 100.0 * std::clamp(*share, 0.0, 1.0));
     }
-    line += fmt::format(", {}", durationText(now));
-    if (const auto left = secondsLeft(share, now)) {
+    line += fmt::format(", {}", durationText(seconds()));
+    if (left) {
         line += fmt::format(", about {} left", durationText(*left));
     }
     write(std::move(line));
@@ -61,7 +79,6 @@ void Progress::update(Stage stage, std::optional<double> share) {
 std::optional<double> Progress::secondsLeft(std::optional<double> share, double now) const {
     const double before = partBefore(m_stage);
     const double part = stages[static_cast<std::size_t>(m_stage)].part;
-    constexpr double leastDone = 0.04; // before that the estimate jumps
     if (share) {
         const double done = before + part * std::clamp(*share, 0.0, 1.0);
         return done < leastDone ? std::nullopt : std::optional(now * (1.0 - done) / done);

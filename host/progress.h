@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Tavrin::SplatProgram {
 
@@ -25,6 +26,9 @@ public:
     // `share` of the stage that is done, 0 to 1; nothing where that is not known.
     void update(Stage stage, std::optional<double> share = {});
 
+    // The same for a run that does nothing else.
+    void update(std::string_view task, double share);
+
     // Removes the line, so that other lines can be written.
     void clear();
 
@@ -34,8 +38,11 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    // True when a line may be shown now.
+    bool isDue();
     // Seconds until the whole run is done; nothing while it is too early to say.
     std::optional<double> secondsLeft(std::optional<double> share, double now) const;
+    void show(std::string_view name, std::optional<double> share, std::optional<double> left);
     void write(std::string line);
 
     bool m_shown;

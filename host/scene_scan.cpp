@@ -1,58 +1,32 @@
 #include "scene_scan.h"
 
-#include "exit_status.h"
-#include "interrupt.h"
-#include "platform.h"
+#include "record_stream.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
-#include <fmt/format.h>
-#include <fstream>
 #include <limits>
 #include <unordered_map>
-#include <vector>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
-constexpr std::uint64_t windowBytes =
-    1 << 20; // read at a time: stays in the cache, and 1 MiB keeps a disk busy
-
-// Calls visit(record) with a pointer to the bytes of each of `count` records of `stride` bytes from the start
-// of the body on. What lies behind the end of the file reads as zeros.
+// Calls visit(record) with a pointer to the bytes of each record.
 template <typename Visit>
-void forEachRecord(const SplatFile& file, std::uint64_t stride, std::uint64_t count,
-                   const ScanProgress& progress, Visit visit) {
-    std::ifstream stream;
-    stream.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
-    stream.open(file.path, std::ios::binary);
-    stream.seekg(static_cast<std::streamoff>(file.bodyAt));
-    const std::uint64_t windowRecords = std::max<std::uint64_t>(windowBytes / stride, 1);
-    std::vector<char> window(windowRecords * stride);
-    std::uint64_t left = file.size - std::min(file.size, file.bodyAt); // bytes of the file not read yet
-    for (std::uint64_t done = 0; done < count;) {
-        throwIfInterrupted();
-        const std::uint64_t records = std::min(windowRecords, count - done);
-        const std::uint64_t bytes = std::min(records * stride, left);
-        stream.read(window.data(), static_cast<std::streamsize>(bytes));
-        if (!stream) {
-            throw Failure(ExitStatus::InputRefused,
-                          fmt::format("{}: the file cannot be read at byte {}: check the disk",
-                                      textFromPath(file.path), file.size - left));
+void forEachRecord(const SplatFile& file, const ScanProgress& progress, Visit visit) {
+    constexpr std::uint64_t reportEvery = 4096; // records
+    RecordStream stream(file.path, file.bodyAt, file.layout.recordBytes(), file.records);
+    while (const std::byte* const record = stream.next()) {
+        visit(record);
+        if (stream.position() % reportEvery == 0) {
+            progress(static_cast<double>(stream.position()) / static_cast<double>(file.records));
         }
-        std::fill(window.begin() + static_cast<std::ptrdiff_t>(bytes), window.end(), '\0');
-        left -= bytes;
-        for (std::uint64_t i = 0; i < records; ++i) {
-            visit(window.data() + i * stride);
-        }
-        done += records;
-        progress(static_cast<double>(done) / static_cast<double>(count));
     }
 }
 
-std::array<float, 3> threeFloats(const char* bytes) {
+std::array<float, 3> threeFloats(const std::byte* bytes) {
     std::array<float, 3> values;
     std::memcpy(values.data(), bytes, sizeof values);
     return values;
@@ -110,7 +84,7 @@ SceneExtent measureScene(const SplatFile& file, const std::optional<Box>& bounds
     extent.box = emptyBox();
     Box logScale = emptyBox();
     const std::size_t scaleAt = file.layout.scaleFloat() * sizeof(float);
-    forEachRecord(file, file.layout.recordBytes(), file.records, progress, [&](const char* record) {
+    forEachRecord(file, progress, [&](const std::byte* record) {
         const std::array<float, 3> position = threeFloats(record);
         widen(extent.box, position);
         widen(logScale, threeFloats(record + scaleAt));
@@ -136,11 +110,21 @@ Box convertersBox(const SplatFile& file, const SceneExtent& extent) {
         }
         return box;
     }
-    // Behind the end of the file the scan finds zeros, which the box holds anyway.
+    // Behind the end of the file the scan finds zeros, which the box holds anyway; the last record may be
+    // cut.
     const std::uint64_t bodyBytes = file.size - file.bodyAt;
-    const std::uint64_t visited = std::min(file.records, bodyBytes / scanStride + 1);
-    forEachRecord(
-        file, scanStride, visited, [](double) {}, [&](const char* at) { widen(box, threeFloats(at)); });
+    const std::uint64_t whole = std::min(file.records, bodyBytes / scanStride);
+    RecordStream stream(file.path, file.bodyAt, scanStride, whole);
+    while (const std::byte* const at = stream.next()) {
+        widen(box, threeFloats(at));
+    }
+    if (whole < file.records && bodyBytes % scanStride > 0) {
+        std::array<std::byte, sizeof(float)* 3> cut = {};
+        const std::uint64_t left = std::min<std::uint64_t>(bodyBytes % scanStride, cut.size());
+        RecordStream end(file.path, file.bodyAt + whole * scanStride, left, 1);
+        std::memcpy(cut.data(), end.next(), left);
+        widen(box, threeFloats(cut.data()));
+    }
     return box;
 }
 
@@ -149,7 +133,7 @@ CellUse countCells(const SplatFile& file, const SplatReader::Grid& grid, const S
         return {1, file.records, 0};
     }
     std::unordered_map<std::uint32_t, std::uint64_t> counts;
-    forEachRecord(file, file.layout.recordBytes(), file.records, progress, [&](const char* record) {
+    forEachRecord(file, progress, [&](const std::byte* record) {
         const std::array<float, 3> position = threeFloats(record);
         ++counts[grid.keyAt(position[0], position[1])];
     });
