@@ -1,6 +1,24 @@
 # shellcheck shell=bash
 # What the transcripts and the other scripts of this folder share.
 
+PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT
+
+# enter_scratch: makes a folder that is gone after the script, and goes there.
+enter_scratch() {
+    scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
+    # Not for a job that was killed before it became the program.
+    trap '[[ $BASHPID != $$ ]] || rm -rf "$scratch"' EXIT
+    cd "$scratch" || exit 1
+}
+
+# fail TEXT: counts a failure and says what it is; the script ends with ((failures == 0)).
+failures=0
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+
 samples=$PROJECT/../shared/samples
 
 # properties 62|17: the property lines of a splat record.

@@ -6,19 +6,9 @@
 #
 #   PLYCONVERT_PATH=... FAULTS=.../faults.so publish_test.sh
 set -u
-here=$(dirname "$(realpath "$0")")
-export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
-trap '[[ $BASHPID != $$ ]] || rm -rf "$scratch"' EXIT
-cd "$scratch" || exit 1
 # shellcheck source=tests/cli/lib.sh
-source "$here/lib.sh"
-
-failures=0
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+enter_scratch
 
 ply old.ply 62 100
 ply new.ply 62 200

@@ -18,7 +18,6 @@ update=no
 [[ ${1:-} == --update ]] && update=yes && shift
 transcript=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
-export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
 
 shown=WORK # stands for the scratch folder; a document sets what looks better
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
