@@ -8,7 +8,6 @@ set -u
 # shellcheck source=tests/cli/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 enter_scratch
-set -m # jobs that are interrupted by SIGINT, as in a terminal
 
 moments=20
 record_options=(249 79)
@@ -52,7 +51,7 @@ for victim in child parent INT TERM HUP; do
     for ((moment = 0; moment < moments; ++moment)); do
         name="$victim at $moment/$moments"
         rm -rf out && cp -r old out
-        plyconvert --quiet new.ply out 2>errors &
+        as_in_a_terminal plyconvert --quiet new.ply out 2>errors &
         pid=$!
         sleep_microseconds $((duration * moment / moments))
         [[ $victim == parent ]] && child=$(cat "/proc/$pid/task/$pid/children" 2>/dev/null)

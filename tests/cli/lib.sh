@@ -96,6 +96,12 @@ small_disk() {
     cleanups+=("umount '$(realpath "$1")'")
 }
 
+# as_in_a_terminal COMMAND...: for a job in the background. It answers Ctrl-C, which such jobs of a script ignore, and
+# its process group is its own, with its process id for a number.
+as_in_a_terminal() {
+    exec setsid env --default-signal=INT "$@"
+}
+
 # child_of PID: the process that it started; waits until there is one, or until PID has ended.
 child_of() {
     local child=
