@@ -14,6 +14,13 @@
 #include <string>
 #include <thread>
 
+#if defined(__GNUC__)
+// Under the address sanitizer, too, memory that cannot be had is an error to handle and not the end.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+    return "allocator_may_return_null=1";
+}
+#endif
+
 namespace Tavrin::GaussionSplat {
 
 namespace {
