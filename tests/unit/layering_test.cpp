@@ -4,12 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -35,16 +36,27 @@ struct Include {
     }
 };
 
+// Take a word off the front of a line, with the blanks before it; false when the line goes on differently.
+bool take(std::string_view& line, std::string_view word) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+    const bool found = line.starts_with(word);
+    line.remove_prefix(found ? word.size() : 0);
+    return found;
+}
+
 std::vector<Include> includesOf(const fs::path& file) {
-    static const std::regex directive(R"(^\s*#\s*include\s*([<"])([^>"]+)[>"])");
     std::vector<Include> includes;
     std::istringstream text(support::readFile(file));
-    for (std::string line; std::getline(text, line);) {
-        std::smatch match;
-        if (std::regex_search(line, match, directive)) {
+    for (std::string wholeLine; std::getline(text, wholeLine);) {
+        std::string_view line = wholeLine;
+        if (!take(line, "#") || !take(line, "include")) {
+            continue;
+        }
+        const bool quoted = take(line, "\"");
+        if (quoted || take(line, "<")) {
             includes.push_back({.from = fs::relative(file, root).generic_string(),
-                                .name = match[2],
-                                .quoted = match[1] == "\""});
+                                .name = std::string(line.substr(0, line.find(quoted ? '"' : '>'))),
+                                .quoted = quoted});
         }
     }
     return includes;
