@@ -64,15 +64,15 @@ std::error_code flushToDisk(const std::filesystem::path& path) {
     ::close(handle);
     // Some network and user-space file systems cannot flush a folder; they keep its entries in order
     // themselves.
-    return error.value() == EINVAL ? std::error_code() : error;
+    return error.value() == EINVAL || error.value() == EOPNOTSUPP ? std::error_code() : error;
 }
 
 std::error_code exchangeNames(const std::filesystem::path& one, const std::filesystem::path& other) {
     if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
         return {};
     }
-    // File systems without the exchange say "invalid argument".
-    if (errno == EINVAL || errno == ENOSYS) {
+    // Most file systems without the exchange say "invalid argument".
+    if (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP) {
         return std::make_error_code(std::errc::function_not_supported);
     }
     return lastError();
