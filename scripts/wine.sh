@@ -35,23 +35,28 @@ start() {
         touch "$WINEPREFIX/ready"
     fi
     # A command interpreter that waits for its input.
-    setsid bash -c "sleep $longest_wait | '$wine' cmd.exe" &
+    # shellcheck disable=SC2016  # its own arguments
+    setsid bash -c 'sleep "$1" | "$2" cmd.exe' "$WINEPREFIX" "$longest_wait" "$wine" &
     echo $! >"$WINEPREFIX/waiting"
 }
 
+# Whether the waiting process runs. The number in the file may meanwhile be another process's, which does not have the
+# prefix among its arguments.
+is_waiting() {
+    [[ -f $WINEPREFIX/waiting ]] &&
+        tr '\0' '\n' 2>/dev/null <"/proc/$(<"$WINEPREFIX/waiting")/cmdline" | grep -qxF "$WINEPREFIX"
+}
+
 if [[ $1 == --stop ]]; then
-    if [[ -f $WINEPREFIX/waiting ]]; then
-        kill -- "-$(<"$WINEPREFIX/waiting")" 2>/dev/null || true
-        rm "$WINEPREFIX/waiting"
+    if is_waiting 2>/dev/null; then
+        kill -- "-$(<"$WINEPREFIX/waiting")" || true
     fi
+    rm -f "$WINEPREFIX/waiting"
     "$server" -k || true # ends what is left, wine's services among it
     exit 0
 fi
 
-is_waiting() {
-    [[ -f $WINEPREFIX/waiting ]] && kill -0 "$(<"$WINEPREFIX/waiting")" 2>/dev/null
-}
-if ! is_waiting; then
+if ! is_waiting 2>/dev/null; then
     (
         flock 9
         is_waiting || start 9>&- </dev/null >/dev/null 2>&1

@@ -65,7 +65,7 @@ struct TaskPool {
     }
 
 private:
-    static void pause() { std::this_thread::sleep_until(std::chrono::steady_clock::now() + taskPoolPause); }
+    static void pause() { std::this_thread::sleep_for(taskPoolPause); }
 
     std::size_t queueSize() {
         const std::lock_guard lock(mutex);

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -27,6 +28,9 @@ using support::Random;
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
 std::string printed(double value) {
+    if (std::isnan(value)) {
+        return std::signbit(value) ? "-nan" : "nan"; // not every C library prints the sign
+    }
     char text[64];
     std::snprintf(text, sizeof text, "%.17g", value);
     return text;

@@ -227,8 +227,14 @@ TEST(TaskPool, AWorkerPausesAfterEveryTask) {
     }
     pool.drain();
     ASSERT_EQ(starts.size(), 4u);
+#if defined(_WIN32)
+    constexpr auto least =
+        taskPoolPause / 2; // Windows sleeps until a tick of its timer, which may come early
+#else
+    constexpr auto least = taskPoolPause;
+#endif
     for (std::size_t i = 1; i < starts.size(); ++i) {
-        EXPECT_GE(starts[i] - starts[i - 1], taskPoolPause);
+        EXPECT_GE(starts[i] - starts[i - 1], least);
     }
 }
 
