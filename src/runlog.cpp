@@ -48,7 +48,8 @@ void logInfo(std::string message, std::string sourcePath, std::int32_t line) {
 
 void logError(std::string message, std::string sourcePath, std::int32_t line) {
     const std::string text = formLine("ERROR(", message, sourcePath, line);
-    std::cout << text << std::endl;
+    // In one piece, so that the lines of several workers stay whole without a lock.
+    std::cout << text + '\n' << std::flush;
     writeToFile(text);
 }
 

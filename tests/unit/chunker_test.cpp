@@ -347,7 +347,7 @@ TEST_F(ChunkerTest, AMissingFileCostsItsBlocksAlone) {
     std::filesystem::remove(missing.path);
     SplatHeader there = write(file, "there.ply");
     const std::string output = support::withPlainLineEnds(support::standardOutputOf([&] {
-        chunk({missing, there}, 1);
+        chunk({missing, there});
     }));
     EXPECT_EQ(counts(), (std::vector<std::uint32_t>{2, 1}));
     std::vector<float> expected = file.records;

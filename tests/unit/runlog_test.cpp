@@ -185,34 +185,58 @@ TEST_F(RunLogTest, TheLocaleOfTheHostChangesNothing) {
     EXPECT_EQ(lines(), (Lines{"ERROR(convert:1234567): m", "INFO(convert:1234567): m"}));
 }
 
-TEST_F(RunLogTest, LinesOfManyThreadsStayWhole) {
-    constexpr int threadCount = 8;
-    constexpr int lineCount = 250;
-    openRunLog(path);
+using LogOperation = void (*)(std::string message, std::string sourcePath, std::int32_t line);
+
+constexpr int writerCount = 8;
+constexpr int linesOfAWriter = 250;
+
+// The message of a writer, unlike any other in its letter and its length.
+std::string messageOf(char letter) {
+    return std::string(200 + 50 * static_cast<std::size_t>(letter - 'a'), letter);
+}
+
+// Writers on threads of their own log at the same time.
+void logFromManyThreads(LogOperation write) {
     std::vector<std::thread> threads;
-    for (int i = 0; i < threadCount; ++i) {
-        threads.emplace_back([i] {
-            const std::string message(200 + 50 * static_cast<std::size_t>(i), static_cast<char>('a' + i));
-            for (int line = 0; line < lineCount; ++line) {
-                logInfo(message, "src/chunker", line);
+    for (int i = 0; i < writerCount; ++i) {
+        threads.emplace_back([write, message = messageOf(static_cast<char>('a' + i))] {
+            for (int line = 0; line < linesOfAWriter; ++line) {
+                write(message, "src/chunker", line);
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    // Every thread's lines are there, whole and in its order, whatever stands between them.
+}
+
+// Every writer's lines are there, whole and in its order, whatever stands between them.
+void expectLinesOfAllWriters(const Lines& lines, const std::string& kind) {
     std::map<char, int> next;
-    for (const std::string& line : lines()) {
+    for (const std::string& line : lines) {
+        ASSERT_FALSE(line.empty());
         const char letter = line.back();
-        const std::size_t length = 200 + 50 * static_cast<std::size_t>(letter - 'a');
-        ASSERT_EQ(line,
-                  "INFO(chunker:" + std::to_string(next[letter]++) + "): " + std::string(length, letter));
+        ASSERT_TRUE(letter >= 'a' && letter < 'a' + writerCount) << line;
+        ASSERT_EQ(line, kind + "(chunker:" + std::to_string(next[letter]++) + "): " + messageOf(letter));
     }
-    ASSERT_EQ(next.size(), threadCount);
+    ASSERT_EQ(next.size(), writerCount);
     for (const auto& [letter, count] : next) {
-        EXPECT_EQ(count, lineCount) << letter;
+        EXPECT_EQ(count, linesOfAWriter) << letter;
     }
+}
+
+TEST_F(RunLogTest, LinesOfManyThreadsStayWhole) {
+    openRunLog(path);
+    logFromManyThreads(logInfo);
+    expectLinesOfAllWriters(lines(), "INFO");
+}
+
+TEST_F(RunLogTest, ErrorsOfManyThreadsStayWholeOnStandardOutputToo) {
+    openRunLog(path);
+    const std::filesystem::path echo = scratch / "echo.txt";
+    support::writeFile(echo, support::standardOutputOf([] { logFromManyThreads(logError); }));
+    expectLinesOfAllWriters(linesOf(echo.string()), "ERROR");
+    expectLinesOfAllWriters(lines(), "ERROR");
 }
 
 } // namespace
