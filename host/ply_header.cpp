@@ -188,8 +188,7 @@ PlyHeader readPlyHeader(const std::filesystem::path& path) {
     }
     throw Failure(
         ExitStatus::InputRefused,
-        fmt::format("{}: there is no end_header line in the first MiB: the file is cut, or no PLY file",
-                    file));
+        fmt::format("{}: the header has no end_header line: the file is cut, or no PLY file", file));
 }
 
 } // namespace Tavrin::SplatProgram
