@@ -37,8 +37,7 @@ struct FastQuantiser {
     void quantise(const float* splat, SplatsData& record) const;
 
 private:
-    static constexpr std::size_t coefficientLanes = 48; // 45 and padding
-    static constexpr std::size_t wideLanes = 6;         // normal and scale
+    static constexpr std::size_t wideLanes = 6; // normal and scale
 
     QuantiseSettings settings;
     std::size_t scaleAt;
@@ -47,11 +46,12 @@ private:
     bool usable; // the reciprocals are normal numbers
     alignas(16) double wideMin[wideLanes];
     alignas(16) double wideReciprocal[wideLanes];
-    alignas(16) double coefficientMin[coefficientLanes];
-    alignas(16) double coefficientReciprocal[coefficientLanes];
+    float coefficientMin[3];
+    float coefficientFactor[3]; // steps over extent, in units of fixed point
 
+    void setCoefficients();
     bool quantiseHead(const float* splat, SplatsData& record) const;
-    bool quantiseCoefficients(const float* shcoef, SplatsData& record) const;
+    void quantiseCoefficients(const float* shcoef, SplatsData& record) const;
 };
 
 // The pieces, each as a record holds it.

@@ -2,6 +2,7 @@
 
 #include "src/chunker_decode.h"
 
+#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -42,21 +43,34 @@ FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings)
         wideMin[3 + axis] = settings.scale[axis].min;
         wideReciprocal[3 + axis] = reciprocalOf(settings.scale[axis], usable);
     }
-    for (std::size_t lane = 0; lane < coefficientLanes; ++lane) {
-        const bool padding = lane >= 3 * shcoefPerChannel;
-        const QuantiseRange range = padding ? QuantiseRange{} : settings.shcoef[lane / shcoefPerChannel];
-        coefficientMin[lane] = range.min;
-        coefficientReciprocal[lane] = reciprocalOf(range, usable);
+    setCoefficients();
+}
+
+// Bits of a packed coefficient behind its point while it is one of fixed point.
+constexpr int fractionBits = 10;
+
+void FastQuantiser::setCoefficients() {
+    constexpr double steps[] = {2047.5, 1023.5, 2047.5};
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+        const QuantiseRange& range = settings.shcoef[channel];
+        const double reciprocal = reciprocalOf(range, usable);
+        coefficientMin[channel] = static_cast<float>(range.min);
+        coefficientFactor[channel] =
+            static_cast<float>(std::ldexp(steps[channel] * reciprocal, fractionBits));
+        // Single precision neither overflows nor loses bits on the way.
+        usable = usable && (reciprocal == 0.0 ||
+                            (range.min == coefficientMin[channel] && std::abs(range.extent) > 0x1p-100 &&
+                             std::abs(range.extent) < 0x1p100));
     }
 }
 
 void FastQuantiser::quantise(const float* splat, SplatsData& record) const {
     const bool packs = settings.hasShcoef && settings.compressed;
-    if (usable && (packs || !settings.hasShcoef) && quantiseHead(splat, record) &&
-        (!packs || quantiseCoefficients(splat + shcoefAt, record))) {
-        return;
+    if (!usable || packs != settings.hasShcoef || !quantiseHead(splat, record)) {
+        quantiseSplat(splat, settings, record);
+    } else if (packs) {
+        quantiseCoefficients(splat + shcoefAt, record);
     }
-    quantiseSplat(splat, settings, record);
 }
 
 #if PLYCONVERT_SSE2
@@ -132,51 +146,60 @@ bool FastQuantiser::quantiseHead(const float* splat, SplatsData& record) const {
     return true;
 }
 
-// The packed words. False when a value needs the plain form.
-//
-// A coefficient is normalised in double precision, rounded to single and then scaled in single precision.
-// With the reciprocal the double differs from the divided one by at most three units in the last place. Both
-// round to the same float unless one of them is that close to the midpoint of two floats, that is, unless the
-// 29 bits that the rounding drops are within 8 of 2^28. (Floats below the normal range round elsewhere, but
-// scale to 0 all the same.)
-bool FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record) const {
-    alignas(16) float normalised[coefficientLanes];
-    const __m128i toMidpoint = _mm_set1_epi32(8 - 0x10000000);
-    const __m128i awayFromMidpoint = _mm_set1_epi32(0x1FFFFFF0);
-    __m128i nearMidpoint = _mm_setzero_si128();
-    for (std::size_t lane = 0; lane < coefficientLanes; lane += 4) {
-        // The padding lanes read the opacity and the scale behind the coefficients.
-        const __m128 values = _mm_loadu_ps(shcoef + lane);
-        const __m128d low = _mm_mul_pd(_mm_sub_pd(_mm_cvtps_pd(values), _mm_load_pd(coefficientMin + lane)),
-                                       _mm_load_pd(coefficientReciprocal + lane));
-        const __m128d high = _mm_mul_pd(
-            _mm_sub_pd(_mm_cvtps_pd(_mm_movehl_ps(values, values)), _mm_load_pd(coefficientMin + lane + 2)),
-            _mm_load_pd(coefficientReciprocal + lane + 2));
-        const __m128i lowBits = _mm_castps_si128(
-            _mm_shuffle_ps(_mm_castpd_ps(low), _mm_castpd_ps(high), _MM_SHUFFLE(2, 0, 2, 0)));
-        const __m128i distance = _mm_and_si128(_mm_add_epi32(lowBits, toMidpoint), awayFromMidpoint);
-        nearMidpoint = _mm_or_si128(nearMidpoint, _mm_cmpeq_epi32(distance, _mm_setzero_si128()));
-        _mm_store_ps(normalised + lane, _mm_movelh_ps(_mm_cvtpd_ps(low), _mm_cvtpd_ps(high)));
-    }
-    normalised[45] = normalised[46] = normalised[47] = 0.0f;
+namespace {
 
-    __m128i doubtful = nearMidpoint;
-    const __m128 scale11 = _mm_set1_ps(2047.5f);
-    const __m128 scale10 = _mm_set1_ps(1023.5f);
-    for (std::size_t k = 0; k < 16; k += 4) { // the sixteenth word is made of neighbours and cleared below
-        const __m128i red = _mm_cvttps_epi32(_mm_mul_ps(_mm_load_ps(normalised + k), scale11));
-        const __m128i green =
-            _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(normalised + shcoefPerChannel + k), scale10));
-        const __m128i blue =
-            _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(normalised + 2 * shcoefPerChannel + k), scale11));
-        doubtful = _mm_or_si128(doubtful, _mm_srli_epi32(_mm_or_si128(red, blue), 11));
-        doubtful = _mm_or_si128(doubtful, _mm_srli_epi32(green, 10));
+// Four coefficients of one channel in their steps, as bits wide integers. doubtful collects the lanes where
+// these may differ from the plain form's.
+//
+// The plain form normalises in double precision, rounds to single, scales in single precision and truncates.
+// Here the difference, the factor and the product are each rounded to single once, which together with the
+// two roundings of the plain form is at most five of 2^-24 of the result, below 2^11 steps: less than 0.63 of
+// a unit of fixed point. So the steps agree unless the units are the first or the last ones of a step. Near
+// zero they agree even so: from one side as from the other they truncate to 0.
+__m128i fixedPoint(const float* values, __m128 min, __m128 factor, int bits, __m128i& doubtful) {
+    const __m128i zero = _mm_setzero_si128();
+    const __m128 product = _mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(values), min), factor);
+    const __m128i units = _mm_cvttps_epi32(product); // the smallest integer for what has none
+    const __m128i next = _mm_add_epi32(units, _mm_set1_epi32(1));
+    const __m128i atEdge =
+        _mm_cmpeq_epi32(_mm_and_si128(next, _mm_set1_epi32((1 << fractionBits) - 2)), zero);
+    const __m128i isInside = _mm_cmpeq_epi32(_mm_srli_epi32(units, fractionBits + bits), zero);
+    const __m128i isZero = _mm_cmpeq_epi32(units, zero);
+    const __m128i isSure = _mm_or_si128(_mm_andnot_si128(atEdge, isInside), isZero);
+    doubtful = _mm_or_si128(doubtful, _mm_xor_si128(isSure, _mm_set1_epi32(-1)));
+    return _mm_srli_epi32(units, fractionBits);
+}
+
+} // namespace
+
+// The packed words; the doubtful ones in the plain form.
+void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record) const {
+    const __m128 redMin = _mm_set1_ps(coefficientMin[0]);
+    const __m128 greenMin = _mm_set1_ps(coefficientMin[1]);
+    const __m128 blueMin = _mm_set1_ps(coefficientMin[2]);
+    const __m128 redFactor = _mm_set1_ps(coefficientFactor[0]);
+    const __m128 greenFactor = _mm_set1_ps(coefficientFactor[1]);
+    const __m128 blueFactor = _mm_set1_ps(coefficientFactor[2]);
+    const float* const greens = shcoef + shcoefPerChannel;
+    const float* const blues = greens + shcoefPerChannel;
+    unsigned doubtfulWords = 0;
+    // The sixteenth word is made of the neighbours' values, at last the opacity, and cleared below.
+    for (std::size_t k = 0; k < 16; k += 4) {
+        __m128i doubtful = _mm_setzero_si128();
+        const __m128i red = fixedPoint(shcoef + k, redMin, redFactor, 11, doubtful);
+        const __m128i green = fixedPoint(greens + k, greenMin, greenFactor, 10, doubtful);
+        const __m128i blue = fixedPoint(blues + k, blueMin, blueFactor, 11, doubtful);
         const __m128i word =
             _mm_or_si128(_mm_or_si128(red, _mm_slli_epi32(green, 11)), _mm_slli_epi32(blue, 21));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(record.packed + k), word);
+        doubtfulWords |= static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(doubtful))) << k;
+    }
+    for (doubtfulWords &= (1u << shcoefPerChannel) - 1; doubtfulWords != 0;
+         doubtfulWords &= doubtfulWords - 1) {
+        const auto k = static_cast<std::size_t>(std::countr_zero(doubtfulWords));
+        record.packed[k] = packCoefficientWord(shcoef[k], greens[k], blues[k], settings.shcoef);
     }
     record.packed[shcoefPerChannel] = 0;
-    return !anyBit(doubtful);
 }
 
 #else
@@ -184,9 +207,7 @@ bool FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
 bool FastQuantiser::quantiseHead(const float*, SplatsData&) const {
     return false;
 }
-bool FastQuantiser::quantiseCoefficients(const float*, SplatsData&) const {
-    return false;
-}
+void FastQuantiser::quantiseCoefficients(const float*, SplatsData&) const {}
 
 #endif
 

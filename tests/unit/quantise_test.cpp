@@ -356,6 +356,33 @@ TEST(QuantiseRecords, CoefficientStepsFallWhereTheRoundingPutsThem) {
     }
 }
 
+// Coefficients within a few floats of where the packed integer steps up, in ranges of floats as scenes have
+// them, and at both ends of the range.
+TEST(QuantiseRecords, CoefficientsAroundEveryStepFollowTheFormulas) {
+    Random random(65);
+    for (int i = 0; i < 20'000 && !testing::Test::HasFailure(); ++i) {
+        reference::Ranges ranges;
+        std::vector<float> splat(62, 0.25f);
+        for (std::size_t channel = 0; channel < 3; ++channel) {
+            const float magnitude = std::ldexp(1.0f, static_cast<int>(support::below(random, 40)) - 20);
+            const float min = i % 4 == 0 ? 0.0f : random.between(-magnitude, magnitude);
+            const float max = min + random.between(0.1f, 2.0f) * magnitude;
+            ranges.shcoef[channel] = {.min = min, .max = max};
+            const std::uint64_t steps = channel == 1 ? 1023 : 2047;
+            for (std::size_t k = 0; k < 15; ++k) {
+                const double step = static_cast<double>(support::below(random, steps + 1));
+                float value =
+                    static_cast<float>(min + (double{max} - min) * step / (static_cast<double>(steps) + 0.5));
+                for (std::uint64_t nudge = support::below(random, 4); nudge > 0; --nudge) {
+                    value = std::nextafter(value, k % 2 == 0 ? max : min);
+                }
+                splat[9 + 15 * channel + k] = k == 14 ? (i % 2 == 0 ? min : max) : value;
+            }
+        }
+        expectRecord(splat.data(), true, ranges);
+    }
+}
+
 TEST(CellKey, IsColumnAndRow) {
     const ChunkGrid grid{.cellSizeX = 30.0f, .cellSizeY = 20.0f, .originX = -10.0f, .originY = 5.0f};
     EXPECT_EQ(cellKey(-10.0f, 5.0f, grid), 0u);
