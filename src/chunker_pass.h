@@ -17,7 +17,8 @@ namespace Tavrin::GaussionSplat {
 struct DecodeJob {
     Chunker::Task task;
     WindowQueue windows;
-    LargeArray<float> block;           // the records, decoded in place
+    std::uint64_t spareBytes;          // behind the records
+    LargeArray<float> block;           // the records, decoded in place, and the spare bytes
     BlockRanges ranges;                // of the records decoded so far
     std::uint64_t decodedCount = 0;    // records decoded so far
     std::shared_ptr<ChunkCells> cells; // of the records decoded so far; empty without a grid

@@ -68,34 +68,72 @@ void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
     }
 }
 
-// Quantise the splats of a chunk into their places. The places of a few splats are found ahead of the work on
-// them, so that their scattered cache lines are on the way when they are written.
+// Splats whose places are found, and whose cache lines are asked for, ahead of the work on them: records lie
+// too far apart, and places too scattered, for the processor to foresee either.
+constexpr std::size_t splatsAhead = 32;
+
+void prefetchSplat(const float* splat, std::size_t recordFloats) {
+    constexpr std::size_t lineFloats = cacheLine / sizeof(float);
+    for (std::size_t at = 0; at < recordFloats; at += lineFloats) {
+        prefetch(splat + at);
+    }
+}
+
+// Offers the large pages of a chunk to the cells: those behind the records at once, the others when no splat
+// is left in them. A chunk below their size has none.
+class PageOffers {
+public:
+    PageOffers(const ChunkData& chunk, std::uint64_t chunkRecordBytes, CellTable& cellTable)
+        : table(cellTable), bytes(reinterpret_cast<std::byte*>(chunk.data)), recordBytes(chunkRecordBytes) {
+        const std::uint64_t records = chunk.splatCount * recordBytes;
+        const std::uint64_t size = chunk.allocatedBytes(recordBytes);
+        end = size >= largePage ? (records + largePage - 1) / largePage * largePage : 0;
+        for (std::uint64_t page = end; end > 0 && page < size; page += largePage) {
+            table.offer(bytes + page);
+        }
+    }
+
+    // Offer what lies before a record and was not offered yet.
+    void offerUpTo(std::uint64_t record) {
+        for (; offered + largePage <= std::min(end, record * recordBytes); offered += largePage) {
+            table.offer(bytes + offered);
+        }
+    }
+
+private:
+    CellTable& table;
+    std::byte* bytes;
+    std::uint64_t recordBytes;
+    std::uint64_t end;         // of the pages that hold records
+    std::uint64_t offered = 0; // bytes
+};
+
+// Quantise the splats of a chunk into their places.
 void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats,
                  const FastQuantiser& quantiser, CellTable& table) {
-    constexpr std::size_t ahead = 32;
-    SplatsData* places[ahead];
-    // The large pages of the block in which no splat is left to place go to the cells. A block below their
-    // size has none.
-    const std::uint64_t recordBytes = recordFloats * sizeof(float);
-    auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
-    std::uint64_t offered = 0;
+    SplatsData* places[splatsAhead];
+    const bool hasShcoef = recordFloats == recordLayout(true).floats;
+    PageOffers offers(chunk, recordFloats * sizeof(float), table);
     for (std::uint64_t done = 0; done < chunk.splatCount;) {
-        const std::size_t size =
-            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.splatCount - done, ahead));
+        const std::uint64_t left = chunk.splatCount - done;
+        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, splatsAhead));
         const float* const first = chunk.data + done * recordFloats;
         for (std::size_t i = 0; i < size; ++i) {
             places[i] = table.place(rule.keyOf(first + i * recordFloats));
-            prefetchForWriting(places[i]->position);
-            prefetchForWriting(places[i]->packed + 7); // the last line that a packed record reaches
+            prefetch(places[i]->position);
+            if (hasShcoef) {
+                prefetch(places[i]->packed + 7); // the last line that a packed record reaches
+            }
         }
         for (std::size_t i = 0; i < size; ++i) {
-            quantiser.quantise(first + i * recordFloats, *places[i]);
+            const float* const splat = first + i * recordFloats;
+            if (i + splatsAhead < left) {
+                prefetchSplat(splat + splatsAhead * recordFloats, recordFloats);
+            }
+            quantiser.quantise(splat, *places[i]);
         }
         done += size;
-        for (; chunk.splatCount * recordBytes >= largePage && offered + largePage <= done * recordBytes;
-             offered += largePage) {
-            table.offer(bytes + offered);
-        }
+        offers.offerUpTo(done);
     }
 }
 
@@ -123,7 +161,7 @@ void Indexer::buildIndex() {
             CellTable& table = builds[chunk->level].table;
             placeSplats(*chunk, rule, recordFloats, quantiser, table);
             table.withdrawOffers();
-            freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
+            freeLarge(chunk->data, chunk->allocatedBytes(recordFloats * sizeof(float)));
             chunk.reset();
         }
     }

@@ -31,8 +31,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-constexpr std::uint64_t cacheLine = 64; // bytes
-
 // Length of the root name: "C:", "\\server", or the three characters of "\\?" and "\\.".
 template <typename Character>
 std::size_t rootNameLength(std::basic_string_view<Character> path) {

@@ -56,6 +56,13 @@ inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
 void* allocateLarge(std::uint64_t bytes);
 void freeLarge(void* block, std::uint64_t bytes) noexcept;
 
+// Whether moveLargePage can succeed here.
+#if defined(__linux__)
+inline constexpr bool movesLargePages = true;
+#else
+inline constexpr bool movesLargePages = false;
+#endif
+
 // Put the memory of one large page in the place of another, untouched one, each a whole largePage of a block
 // of at least that size and aligned to it. What stood at from then stands at to, and from reads as zeros.
 // False, and nothing moved, where the system does not offer that. Throws AllocationError when the system
@@ -78,10 +85,12 @@ LargeArray<Element> makeLargeArray(std::uint64_t count) {
     return LargeArray<Element>(static_cast<Element*>(allocateLarge(bytes)), FreeLarge{bytes});
 }
 
-// Ask for the cache line of an address ahead of a write to it. A hint without effect on results.
-inline void prefetchForWriting(const void* address) {
+inline constexpr std::size_t cacheLine = 64; // bytes
+
+// Ask for the cache line of an address ahead of its use. A hint without effect on results.
+inline void prefetch(const void* address) {
 #if defined(__GNUC__)
-    __builtin_prefetch(address, 1);
+    __builtin_prefetch(address);
 #else
     (void)address;
 #endif
