@@ -284,7 +284,7 @@ void readHeader(benchmark::State& state) {
     const std::string path = folder.path + "/scene.ply";
     scenes::writeScene(path, fileOptions(true));
     for (auto _ : state) {
-        const SplatHeader header(path, std::make_shared<Params>(), 1);
+        SplatHeader header(path, std::make_shared<Params>(), 1);
         benchmark::DoNotOptimize(header.headerEnd);
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
