@@ -1,5 +1,7 @@
 #include "reader/findings.h"
 
+#include <algorithm>
+
 namespace Tavrin::SplatReader {
 
 std::string joined(std::initializer_list<std::string_view> parts) {
@@ -31,6 +33,27 @@ void Findings::add(List& list, std::string_view kind, std::string_view file, std
     if (ofKind <= perKind_) {
         list.kept.push_back(
             {std::string(file), offset, std::move(expected), std::move(found), std::string(kind)});
+    }
+}
+
+void Findings::append(const Findings& more) {
+    append(errors_, more.errors_);
+    append(warnings_, more.warnings_);
+}
+
+void Findings::append(List& list, const List& more) const {
+    list.total += more.total;
+    std::map<std::string, std::uint64_t> kept; // of each kind: no more are kept than were found
+    for (const auto& [kind, count] : list.kinds) {
+        kept[kind] = std::min<std::uint64_t>(count, perKind_);
+    }
+    for (const Finding& finding : more.kept) {
+        if (++kept[finding.kind] <= perKind_) {
+            list.kept.push_back(finding);
+        }
+    }
+    for (const auto& [kind, count] : more.kinds) {
+        list.kinds[kind] += count;
     }
 }
 

@@ -13,7 +13,6 @@
 namespace Tavrin::SplatReader {
 
 // The parts as one text.
-// added.
 std::string joined(std::initializer_list<std::string_view> parts);
 
 struct Finding {
@@ -47,6 +46,8 @@ public:
                std::string found);
     void warning(std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
                  std::string found);
+    // What another check found after this one: the same as if this one had found it.
+    void append(const Findings& more);
 
     const std::vector<Finding>& errors() const { return errors_.kept; }
     const std::vector<Finding>& warnings() const { return warnings_.kept; }
@@ -64,6 +65,7 @@ private:
     };
     void add(List& list, std::string_view kind, std::string_view file, std::uint64_t offset,
              std::string expected, std::string found);
+    void append(List& list, const List& more) const;
 
     std::size_t perKind_;
     List errors_;

@@ -19,6 +19,17 @@ std::string pointText(const std::array<float, 3>& point) {
     return joined({"(", floatText(point[0]), ", ", floatText(point[1]), ", ", floatText(point[2]), ")"});
 }
 
+// One component of an attribute, as messages name it.
+std::string componentText(std::string_view name, std::size_t axis) {
+    constexpr std::array<std::string_view, 3> channels = {"red", "green", "blue"};
+    if (name == "opacity") {
+        return "\"opacity\"";
+    }
+    const std::string text = joined({"\"", name, "\" "});
+    return text + (name == "color" || name == "shcoef" ? std::string(channels[axis])
+                                                       : std::string("on axis ") + "xyz"[axis]);
+}
+
 void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {
     use.lowest = std::min(use.lowest, quantised);
     use.highest = std::max(use.highest, quantised);
@@ -174,19 +185,19 @@ private:
             mismatch(name, axis, lowest, highest, use);
         } else if (use.lowest != lowest) {
             findings_.warning("record-range", Format::dataFile, 0,
-                              std::string("no \"") + name + "\" below byte " + std::to_string(lowest) +
-                                  " (the lower end of its range) on axis " + "xyz"[axis],
+                              "no " + componentText(name, axis) + " below byte " + std::to_string(lowest) +
+                                  ", the lower end of its range",
                               "byte 0, as a source value that is no number leaves it");
         }
     }
 
     void mismatch(const char* name, std::size_t axis, std::uint32_t lowest, std::uint32_t highest,
                   const ComponentUse& use) {
-        findings_.error(
-            "record-range", name == std::string("shcoef") ? Format::coefficientFile : Format::dataFile, 0,
-            std::string("\"") + name + "\" on axis " + "xyz"[axis] + " from step " + std::to_string(lowest) +
-                " to " + std::to_string(highest) + ", the ends of its range",
-            std::to_string(use.lowest) + " to " + std::to_string(use.highest));
+        findings_.error("record-range",
+                        name == std::string("shcoef") ? Format::coefficientFile : Format::dataFile, 0,
+                        componentText(name, axis) + " from step " + std::to_string(lowest) + " to " +
+                            std::to_string(highest) + ", the ends of its range",
+                        std::to_string(use.lowest) + " to " + std::to_string(use.highest));
     }
 
     // One far outlier widens a range until most values fall into one step, and their differences are lost.
@@ -198,8 +209,7 @@ private:
         const std::uint64_t most = std::max(use.atZero, use.atMaximum);
         if (most > use_.records / 2) {
             findings_.warning("record-saturated", Format::dataFile, 0,
-                              std::string("\"") + name + "\" on axis " + "xyz"[axis] +
-                                  " spread over the steps of its range",
+                              componentText(name, axis) + " spread over the steps of its range",
                               std::to_string(most) + " of " + std::to_string(use_.records) +
                                   " records at step " + (most == use.atZero ? "0" : "65535"));
         }
