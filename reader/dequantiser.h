@@ -74,7 +74,9 @@ private:
         std::uint32_t maximum = 0;
 
         double value(std::uint32_t quantised) const {
-            return quantised >= maximum ? last : min + (static_cast<double>(quantised) + 0.5) * step;
+            // Below the maximum it is a small number, which is faster to convert as a signed one.
+            const double q = static_cast<std::int32_t>(quantised);
+            return quantised >= maximum ? last : min + (q + 0.5) * step;
         }
     };
     static Axis makeAxis(const Range& range, std::size_t axis, std::uint32_t maximum, double factor);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -14,9 +15,13 @@ namespace Tavrin::SplatReader {
 template <typename Unsigned>
 Unsigned loadUnsigned(const std::byte* at) {
     Unsigned value = 0;
-    for (std::size_t i = sizeof(Unsigned); i-- > 0;) {
-        value = static_cast<Unsigned>((static_cast<std::uint64_t>(value) << 8) |
-                                      std::to_integer<std::uint64_t>(at[i]));
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(&value, at, sizeof value);
+    } else {
+        for (std::size_t i = sizeof(Unsigned); i-- > 0;) {
+            value = static_cast<Unsigned>((static_cast<std::uint64_t>(value) << 8) |
+                                          std::to_integer<std::uint64_t>(at[i]));
+        }
     }
     return value;
 }
