@@ -19,6 +19,9 @@ struct AttributeError {
     double squares = 0.0;
     double largestSteps = 0.0; // in quantiser steps
 
+    // Takes in what another comparison of this attribute found.
+    void add(const AttributeError& more);
+
     double rms() const;
 };
 
