@@ -9,27 +9,12 @@ namespace Tavrin::SplatProgram {
 namespace {
 
 using SplatReader::Dequantiser;
+namespace Format = SplatReader::Format;
 
-constexpr std::array<const char*, 20> seriesNames = {"x",
-                                                     "y",
-                                                     "z",
-                                                     "normal x",
-                                                     "normal y",
-                                                     "normal z",
-                                                     "red",
-                                                     "green",
-                                                     "blue",
-                                                     "opacity",
-                                                     "scale x",
-                                                     "scale y",
-                                                     "scale z",
-                                                     "rotation w",
-                                                     "rotation x",
-                                                     "rotation y",
-                                                     "rotation z",
-                                                     "coefficients red",
-                                                     "coefficients green",
-                                                     "coefficients blue"};
+constexpr std::array<const char*, 20> seriesNames = {
+    "x",          "y",          "z",          "normal x",   "normal y",     "normal z",   "red",
+    "green",      "blue",       "opacity",    "scale x",    "scale y",      "scale z",    "rotation w",
+    "rotation x", "rotation y", "rotation z", "shcoef red", "shcoef green", "shcoef blue"};
 
 class ValueReader {
 public:
@@ -138,7 +123,8 @@ std::vector<QuantiserFacts> quantisersOf(const SplatReader::Dataset& dataset) {
                                   {back.scaleStep(0), back.scaleStep(1), back.scaleStep(2)}));
     list.push_back(quantiserFacts("normal", meta.normal(),
                                   {back.normalStep(0), back.normalStep(1), back.normalStep(2)}));
-    list.push_back({"rotation", {-1.0}, {1.0}, {Dequantiser::rotationStep()}});
+    constexpr double farthest = 0.5 / Format::rotationGain; // of the three components that are kept
+    list.push_back({"rotation", {-farthest}, {farthest}, {Dequantiser::rotationStep()}});
     if (meta.hasCoefficients()) {
         const bool packed = meta.packed();
         list.push_back(
@@ -166,7 +152,6 @@ void measureCells(DatasetFacts& facts) {
 } // namespace
 
 DatasetFacts readDatasetFacts(const std::string& name, bool scan, const ScanProgress& progress) {
-    namespace Format = SplatReader::Format;
     const std::filesystem::path folder = pathFromText(name);
     DatasetFacts facts{name, SplatReader::Dataset::open(folder)};
     facts.metaBytes = SplatReader::DatasetFile(folder, Format::metaFile).size();

@@ -76,14 +76,18 @@ std::uint64_t SamplePlan::start(std::uint64_t run) const {
                     static_cast<std::uint64_t>(share * static_cast<double>(records - length)));
 }
 
-std::string barsText(const Distribution& distribution, bool blockElements) {
+std::string barsText(const Distribution& distribution, std::size_t count, bool blockElements) {
     constexpr std::array<const char*, 9> blocks = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
     constexpr std::array<const char*, 9> ascii = {" ", ".", ":", "-", "=", "+", "*", "#", "@"};
-    const std::uint32_t most = std::max(1U, *std::ranges::max_element(distribution.bars));
+    std::vector<std::uint32_t> bars(count);
+    for (std::size_t i = 0; i < distribution.bars.size(); ++i) {
+        bars[i * count / distribution.bars.size()] += distribution.bars[i];
+    }
+    const std::uint32_t most = std::max(1U, *std::ranges::max_element(bars));
     std::string text;
-    for (const std::uint32_t count : distribution.bars) {
+    for (const std::uint32_t bar : bars) {
         // Whatever is there at all gets at least the lowest mark.
-        const double height = std::ceil(8.0 * count / most);
+        const double height = std::ceil(8.0 * bar / most);
         text += (blockElements ? blocks : ascii)[static_cast<std::size_t>(height)];
     }
     return text;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -9,6 +10,8 @@ namespace Tavrin::SplatProgram {
 
 // How the values of one attribute are spread.
 struct Distribution {
+    static constexpr std::size_t parts = 16;
+
     std::string name;
     std::uint64_t values = 0;    // finite ones
     std::uint64_t notFinite = 0; // infinite or not a number
@@ -17,7 +20,7 @@ struct Distribution {
     double median = 0.0;
     double high = 0.0; // 1 % of the values lie above
     double largest = 0.0;
-    std::array<std::uint32_t, 16> bars{}; // counts in equal parts from `low` to `high`
+    std::array<std::uint32_t, parts> bars{}; // counts in equal parts from `low` to `high`
 };
 
 // Collects the values of one attribute.
@@ -55,7 +58,8 @@ struct SamplePlan {
     bool everything() const { return samples() == records; }
 };
 
-// The bars as one character each: block elements, or ASCII characters of rising weight.
-std::string barsText(const Distribution& distribution, bool blockElements);
+// The bars as `count` characters, a divisor of their number: block elements, or ASCII characters of rising
+// weight.
+std::string barsText(const Distribution& distribution, std::size_t count, bool blockElements);
 
 } // namespace Tavrin::SplatProgram

@@ -40,6 +40,7 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
     style.cells = options.cells;
     if (standardOutputIsTerminal()) {
         style.bars = terminalTakesUtf8() ? Bars::Blocks : Bars::Ascii;
+        style.columns = terminalColumns();
     }
     const ScanProgress report = [&progress](double share) { progress.update("reading", share); };
     std::error_code ignored;

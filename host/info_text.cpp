@@ -4,6 +4,7 @@
 #include "figures.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <fmt/format.h>
@@ -29,8 +30,31 @@ std::string boxText(const SplatReader::Triple& min, const SplatReader::Triple& m
     return fmt::format("({}) to ({})", numbersText(min), numbersText(max));
 }
 
-std::string line(const char* label, const std::string& value) {
-    return fmt::format("  {:<13}{}\n", label, value);
+// Broken at blanks where the terminal ends; `columns` 0 breaks nothing.
+std::string line(const char* label, const std::string& value, std::size_t columns) {
+    constexpr std::size_t indent = 15;
+    const std::size_t room = columns > 2 * indent ? columns - indent : std::string::npos;
+    std::string text = fmt::format("  {:<{}}", label, indent - 2);
+    std::string_view rest = value;
+    while (rest.size() > room) {
+        const std::size_t blank = rest.rfind(' ', room);
+        if (blank == std::string_view::npos || blank == 0) {
+            break;
+        }
+        text += fmt::format("{}\n{:{}}", rest.substr(0, blank), "", indent);
+        rest.remove_prefix(blank + 1);
+    }
+    return fmt::format("{}{}\n", text, rest);
+}
+
+// As many of the six digits as a table's column has room for.
+std::string cellText(double value) {
+    constexpr std::size_t room = 10;
+    std::string text = numberText(value);
+    for (int digits = 5; text.size() > room; --digits) {
+        text = fmt::format("{:.{}g}", value, digits);
+    }
+    return text;
 }
 
 std::string sampleText(bool scanned, std::uint64_t sampled, std::uint64_t all) {
@@ -42,26 +66,30 @@ std::string sampleText(bool scanned, std::uint64_t sampled, std::uint64_t all) {
                                : " (smallest and largest, too: --scan reads all)");
 }
 
-std::string attributesText(const std::vector<Distribution>& attributes, Bars bars) {
-    std::size_t width = 9;
-    for (const Distribution& attribute : attributes) {
-        width = std::max(width, attribute.name.size());
+std::string attributesText(const std::vector<Distribution>& attributes, const InfoStyle& style) {
+    constexpr std::size_t nameWidth = 12;
+    constexpr std::size_t tableWidth = 2 + nameWidth + 5 * 11 + 2;
+    std::size_t bars = style.bars == Bars::None ? 0 : Distribution::parts;
+    while (bars > 0 && tableWidth + bars > style.columns) {
+        bars = bars > 4 ? bars / 2 : 0;
     }
-    std::string text =
-        fmt::format("  {:<{}} {:>12} {:>12} {:>12} {:>12} {:>12}{}\n", "attribute", width, "smallest", "1 %",
-                    "median", "99 %", "largest", bars == Bars::None ? "" : "  1 % to 99 %");
+    std::string text = fmt::format("  {:<{}} {:>10} {:>10} {:>10} {:>10} {:>10}{}\n", "attribute", nameWidth,
+                                   "smallest", "1 %", "median", "99 %", "largest",
+                                   bars == 0   ? ""
+                                   : bars < 11 ? "  spread"
+                                               : "  1 % to 99 %");
     for (const Distribution& attribute : attributes) {
         if (attribute.values == 0) {
-            text += fmt::format("  {:<{}} no finite value in {}\n", printable(attribute.name), width,
+            text += fmt::format("  {:<{}} no finite value in {}\n", printable(attribute.name), nameWidth,
                                 countText(attribute.notFinite, "record", "records"));
             continue;
         }
-        text += fmt::format("  {:<{}} {:>12} {:>12} {:>12} {:>12} {:>12}", printable(attribute.name), width,
-                            numberText(attribute.smallest), numberText(attribute.low),
-                            numberText(attribute.median), numberText(attribute.high),
-                            numberText(attribute.largest));
-        if (bars != Bars::None) {
-            text += "  " + barsText(attribute, bars == Bars::Blocks);
+        text +=
+            fmt::format("  {:<{}} {:>10} {:>10} {:>10} {:>10} {:>10}", printable(attribute.name), nameWidth,
+                        cellText(attribute.smallest), cellText(attribute.low), cellText(attribute.median),
+                        cellText(attribute.high), cellText(attribute.largest));
+        if (bars > 0) {
+            text += "  " + barsText(attribute, bars, style.bars == Bars::Blocks);
         }
         if (attribute.notFinite > 0) {
             text += fmt::format("  ({} not finite)", countText(attribute.notFinite));
@@ -105,13 +133,15 @@ std::string propertiesText(const std::vector<PlyProperty>& properties) {
     return text.size() > longest ? text.substr(0, text.rfind(' ', longest)) + " ..." : text;
 }
 
-std::string elementsText(const SceneFacts& facts) {
+std::string elementsText(const SceneFacts& facts, std::size_t columns) {
     std::string text;
     for (const PlyElement& element : facts.header.elements) {
-        text += line("element", fmt::format("{}: {} of {}", printable(element.name),
-                                            countText(element.count, "record", "records"),
-                                            countText(element.properties.size(), "property", "properties")));
-        text += line("", propertiesText(element.properties));
+        text += line("element",
+                     fmt::format("{}: {} of {}", printable(element.name),
+                                 countText(element.count, "record", "records"),
+                                 countText(element.properties.size(), "property", "properties")),
+                     columns);
+        text += line("", propertiesText(element.properties), columns);
     }
     return text;
 }
@@ -160,7 +190,7 @@ std::string cellTable(const DatasetFacts& facts) {
     const SplatReader::Dataset& dataset = facts.dataset;
     const SplatReader::Grid& grid = dataset.grid();
     std::string text = fmt::format("  {:>10} {:>7} {:>7} {:>12} {:>14}  {}\n", "key", "column", "row",
-                                   "splats", "first record", "x and y of the lower corner");
+                                   "splats", "first record", "lower corner");
     for (std::size_t cell = 0; cell < dataset.cellCount(); ++cell) {
         const std::uint32_t key = dataset.cellKey(cell);
         const SplatReader::LevelRange& range = dataset.range(cell, 0);
@@ -174,12 +204,27 @@ std::string cellTable(const DatasetFacts& facts) {
     return text;
 }
 
+// As the attributes are listed.
+std::string componentName(const QuantiserFacts& quantiser, std::size_t i) {
+    constexpr std::array<const char*, 3> channels = {"red", "green", "blue"};
+    if (quantiser.step.size() == 1) {
+        return quantiser.name;
+    }
+    if (quantiser.name == "colour") {
+        return channels[i];
+    }
+    return quantiser.name == "coefficients" ? fmt::format("shcoef {}", channels[i])
+                                            : fmt::format("{} {}", quantiser.name, "xyz"[i]);
+}
+
 std::string quantiserText(const std::vector<QuantiserFacts>& quantisers) {
-    std::string text = fmt::format("  {:<13} {:<34} {:<34} {}\n", "quantiser", "from", "to", "step");
+    std::string text = fmt::format("  {:<12} {:>12} {:>12} {:>12}\n", "quantiser", "from", "to", "step");
     for (const QuantiserFacts& quantiser : quantisers) {
-        const bool exact = std::ranges::all_of(quantiser.step, [](double step) { return step == 0.0; });
-        text += fmt::format("  {:<13} {:<34} {:<34} {}\n", quantiser.name, numbersText(quantiser.min),
-                            numbersText(quantiser.max), exact ? "0 (exact)" : numbersText(quantiser.step));
+        for (std::size_t i = 0; i < quantiser.step.size(); ++i) {
+            const std::string step = quantiser.step[i] == 0.0 ? "exact" : numberText(quantiser.step[i]);
+            text += fmt::format("  {:<12} {:>12} {:>12} {:>12}\n", componentName(quantiser, i),
+                                numberText(quantiser.min[i]), numberText(quantiser.max[i]), step);
+        }
     }
     return text;
 }
@@ -208,60 +253,66 @@ std::string cellsText(const DatasetFacts& facts) {
 
 std::string sceneText(const SceneFacts& facts, const InfoStyle& style) {
     const bool splats = facts.degree.has_value();
+    const auto put = [&style](const char* label, const std::string& value) {
+        return line(label, value, style.columns);
+    };
     std::string text =
         fmt::format("{}: a PLY file{}, {}\n", facts.name,
                     splats ? fmt::format(" of {}", countText(*facts.splats, "splat", "splats")) : "",
                     bytesText(facts.bytes));
-    text += line("format", printable(facts.header.format));
-    text += elementsText(facts);
-    text += line("layout", printable(layoutText(facts)));
+    text += put("format", printable(facts.header.format));
+    text += elementsText(facts, style.columns);
+    text += put("layout", printable(layoutText(facts)));
     if (splats) {
-        text += line("degree", fmt::format("spherical harmonics of degree {}", *facts.degree));
+        text += put("degree", fmt::format("spherical harmonics of degree {}", *facts.degree));
     }
-    text += line("body", bodyText(facts));
+    text += put("body", bodyText(facts));
     for (const std::string& comment : facts.comments) {
         const std::size_t word = comment.find_first_of(" \t");
-        text += line(comment.starts_with("obj_info") ? "obj_info" : "comment",
-                     printable(word == std::string::npos ? "" : comment.substr(word + 1)));
+        text += put(comment.starts_with("obj_info") ? "obj_info" : "comment",
+                    printable(word == std::string::npos ? "" : comment.substr(word + 1)));
     }
     if (splats) {
-        text += line("stated box", statedText(facts));
+        text += put("stated box", statedText(facts));
     }
     if (splats && facts.bodyProblem.empty()) {
-        text += line("measured box", measuredText(facts));
+        text += put("measured box", measuredText(facts));
     }
     if (!facts.bodyProblem.empty()) {
-        return text + line("values", "not read: " + facts.bodyProblem);
+        return text + put("values", "not read: " + facts.bodyProblem);
     }
-    text += line("values", sampleText(facts.scanned, facts.sampled, facts.splats.value_or(0)));
-    return text + attributesText(facts.attributes, style.bars);
+    text += put("values", sampleText(facts.scanned, facts.sampled, facts.splats.value_or(0)));
+    return text + attributesText(facts.attributes, style);
 }
 
 std::string datasetText(const DatasetFacts& facts, const InfoStyle& style) {
     const SplatReader::Dataset& dataset = facts.dataset;
     const SplatReader::Meta& meta = dataset.meta();
+    const auto put = [&style](const char* label, const std::string& value) {
+        return line(label, value, style.columns);
+    };
     std::string text = fmt::format(
         "{}: a dataset of {}, {}\n", facts.name, countText(dataset.indexedCount(), "splat", "splats"),
         bytesText(facts.metaBytes + facts.indexBytes + facts.dataBytes + facts.coefficientBytes));
-    text += line("guid", printable(meta.guid));
-    text += line("made of", fmt::format("{}, kind {}", printable(meta.dataType), printable(meta.source)));
-    text += line("place", geoText(meta));
-    text += line("box", boxText(meta.boundingMin, meta.boundingMax));
-    text += line("cells", cellsText(facts));
+    text += put("guid", printable(meta.guid));
+    text += put("made of", fmt::format("{}, kind {}", printable(meta.dataType), printable(meta.source)));
+    text += put("place", geoText(meta));
+    text += put("box", boxText(meta.boundingMin, meta.boundingMax));
+    text += put("cells", cellsText(facts));
     if (dataset.leftOut() > 0) {
-        text += line("left out", fmt::format("{} of the input lay outside the grid",
-                                             countText(dataset.leftOut(), "splat", "splats")));
+        text += put("left out", fmt::format("{} of the input lay outside the grid",
+                                            countText(dataset.leftOut(), "splat", "splats")));
     }
     if (dataset.levelCount() > 1) {
-        text += line("levels", std::to_string(dataset.levelCount()));
+        text += put("levels", std::to_string(dataset.levelCount()));
     }
-    text += line("bytes", fmt::format("data.bin {}, shcoef.bin {}, index.bin {}, meta document {}",
-                                      countText(facts.dataBytes), countText(facts.coefficientBytes),
-                                      countText(facts.indexBytes), countText(facts.metaBytes)));
-    text += line("coefficients", meta.hasCoefficients() ? meta.packed() ? "packed" : "raw" : "none");
+    text += put("bytes", fmt::format("data.bin {}, shcoef.bin {}, index.bin {}, meta document {}",
+                                     countText(facts.dataBytes), countText(facts.coefficientBytes),
+                                     countText(facts.indexBytes), countText(facts.metaBytes)));
+    text += put("coefficients", meta.hasCoefficients() ? meta.packed() ? "packed" : "raw" : "none");
     text += quantiserText(facts.quantisers);
-    text += line("values", sampleText(facts.scanned, facts.sampled, dataset.recordCount()));
-    text += attributesText(facts.attributes, style.bars);
+    text += put("values", sampleText(facts.scanned, facts.sampled, dataset.recordCount()));
+    text += attributesText(facts.attributes, style);
     return style.cells ? text + cellTable(facts) : text;
 }
 

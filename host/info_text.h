@@ -3,6 +3,7 @@
 #include "dataset_facts.h"
 #include "scene_facts.h"
 
+#include <cstddef>
 #include <string>
 
 namespace Tavrin::SplatProgram {
@@ -11,7 +12,8 @@ enum class Bars { None, Ascii, Blocks };
 
 struct InfoStyle {
     Bars bars = Bars::None;
-    bool cells = false; // a table of a dataset's cells
+    std::size_t columns = 0; // of the terminal that it fits; 0 where there is none
+    bool cells = false;      // a table of a dataset's cells
 };
 
 // What `info` prints for people: several lines, the last one ended.
