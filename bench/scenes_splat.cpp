@@ -37,28 +37,6 @@ Quaternion turnFromZ(Vec n) {
     return n.z > -0.9999 ? Quaternion{1.0 + n.z, -n.y, n.x, 0.0} : Quaternion{0.0, 1.0, 0.0, 0.0};
 }
 
-// Real spherical harmonics of degrees 1 to 3, with the signs and in the order that splat renderers use.
-std::array<double, 15> harmonics(Vec d) {
-    const double xx = d.x * d.x;
-    const double yy = d.y * d.y;
-    const double zz = d.z * d.z;
-    return {-0.4886025119 * d.y,
-            0.4886025119 * d.z,
-            -0.4886025119 * d.x,
-            1.0925484306 * d.x * d.y,
-            -1.0925484306 * d.y * d.z,
-            0.3153915653 * (2.0 * zz - xx - yy),
-            -1.0925484306 * d.x * d.z,
-            0.5462742153 * (xx - yy),
-            -0.5900435899 * d.y * (3.0 * xx - yy),
-            2.8906114426 * d.x * d.y * d.z,
-            -0.4570457995 * d.y * (4.0 * zz - xx - yy),
-            0.3731763326 * d.z * (2.0 * zz - 3.0 * xx - 3.0 * yy),
-            -0.4570457995 * d.x * (4.0 * zz - xx - yy),
-            1.4453057213 * d.z * (xx - yy),
-            -0.5900435899 * d.x * (xx - 3.0 * yy)};
-}
-
 double glossOf(Material material) {
     switch (material) {
     case Material::Paint:
