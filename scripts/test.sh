@@ -81,10 +81,12 @@ test_sanitizers() {
     launcher=()
 }
 
-# Wine is started by the first program that runs in it, and stopped here, however the tests end.
+# Wine is started before the build, which lists each test program's tests by running it, and stopped however the tests
+# end.
 test_windows() {
     trap '"$root/scripts/wine.sh" "$root/build/windows/wine" --stop' EXIT
     configure windows windows
+    "$root/scripts/wine.sh" "$root/build/windows/wine" --start
     build windows
     # The large scenes are held to the hashes that the native builds give; comparing them with the reference a second
     # time would say nothing new.

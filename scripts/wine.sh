@@ -2,15 +2,19 @@
 # Runs a Windows program under wine, or prepares and stops the wine it runs in.
 #
 #   scripts/wine.sh PREFIX PROGRAM [ARGUMENT...]    run the program; its exit status modulo 256
+#   scripts/wine.sh PREFIX --start                  make wine ready, which the first program would do else
 #   scripts/wine.sh PREFIX --stop                   end everything that runs in the prefix
 #
-# PREFIX is the folder that wine keeps its files in; it is made when it is missing. The first run in it also starts
-# wine's server and one waiting process, which keeps wine's services up between programs: starting them anew costs
-# each program a second. Both are cut off from the caller's pipes, so that ctest and ninja do not wait for them.
+# PREFIX is the folder that wine keeps its files in; it is made when it is missing. Starting also leaves one waiting
+# process, which keeps wine's server and services up between programs: starting them anew costs each program a second.
+#
+# Wine's server and services outlive the program that happens to start them. So that ctest and ninja, which wait until
+# nobody can write to their pipes any more, never wait for those, no process of wine's gets hold of a pipe of the
+# caller's: what the program says goes to files, and from there to the caller when the program has ended.
 set -euo pipefail
 
 if (($# < 2)); then
-    sed -n '2,5s/^# \{0,1\}//p' "$0" >&2
+    sed -n '2,6s/^# \{0,1\}//p' "$0" >&2
     exit 1
 fi
 
@@ -27,39 +31,64 @@ wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
 server=$(command -v wineserver || echo /usr/lib/wine/wineserver64)
 
 # Seconds after which the waiting process ends when nobody stopped it.
-longest_wait=3600
+longest_wait=7200
+# Seconds that wine gets to make a prefix or to run nothing; it takes ten and one where nothing else runs.
+patience=600
 
 start() {
     if [[ ! -f $WINEPREFIX/ready ]]; then
-        "$wine" wineboot.exe --init
+        timeout -k 10 "$patience" "$wine" wineboot.exe --init
         touch "$WINEPREFIX/ready"
     fi
     # A command interpreter that waits for its input.
     # shellcheck disable=SC2016  # its own arguments
     setsid bash -c 'sleep "$1" | "$2" cmd.exe' "$WINEPREFIX" "$longest_wait" "$wine" &
-    echo $! >"$WINEPREFIX/waiting"
+    local waiting=$!
+    # Ends when the server and the services are up.
+    timeout -k 10 "$patience" "$wine" cmd.exe /c exit
+    echo "$waiting" >"$WINEPREFIX/waiting"
 }
 
 # Whether the waiting process runs. The number in the file may meanwhile be another process's, which does not have the
 # prefix among its arguments.
 is_waiting() {
+    local arguments
     [[ -f $WINEPREFIX/waiting ]] &&
-        tr '\0' '\n' 2>/dev/null <"/proc/$(<"$WINEPREFIX/waiting")/cmdline" | grep -qxF "$WINEPREFIX"
-}
+        mapfile -d '' -t arguments <"/proc/$(<"$WINEPREFIX/waiting")/cmdline" &&
+        [[ ${arguments[3]-} == "$WINEPREFIX" ]]
+} 2>/dev/null
 
-if [[ $1 == --stop ]]; then
-    if is_waiting 2>/dev/null; then
+stop() {
+    if is_waiting; then
         kill -- "-$(<"$WINEPREFIX/waiting")" || true
     fi
     rm -f "$WINEPREFIX/waiting"
-    "$server" -k || true # ends what is left, wine's services among it
+    # Ends what is left, wine's services among it. The server's own exit status tells whether there was one.
+    timeout -k 10 60 "$server" -k || true
+}
+
+if [[ $1 == --stop ]]; then
+    stop </dev/null >/dev/null 2>&1
     exit 0
 fi
 
-if ! is_waiting 2>/dev/null; then
+if ! is_waiting; then
     (
         flock 9
         is_waiting || start 9>&- </dev/null >/dev/null 2>&1
-    ) 9>"$WINEPREFIX/lock"
+    ) 9>"$WINEPREFIX/lock" || {
+        echo "wine does not start in $WINEPREFIX: remove the folder and try again" >&2
+        exit 1
+    }
 fi
-exec "$wine" "$@"
+if [[ $1 == --start ]]; then
+    exit 0
+fi
+
+said=$(mktemp -d "$WINEPREFIX/said.XXXXXX")
+trap 'rm -rf "$said"' EXIT
+status=0
+"$wine" "$@" >"$said/output" 2>"$said/errors" || status=$?
+cat "$said/output"
+cat "$said/errors" >&2
+exit "$status"
