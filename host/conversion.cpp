@@ -93,7 +93,10 @@ bool saysOutOfMemory(const ChildProcess& child) {
 
 int runConverter(const std::string& input, const std::string& folder) {
     try {
-        return statusOf(plyConvert(input.c_str(), folder.c_str()));
+        // The process that started this one knows that both can be named.
+        const std::string inputPath = converterPath(pathFromText(input)).value();
+        const std::string folderPath = converterPath(pathFromText(folder)).value();
+        return statusOf(plyConvert(inputPath.c_str(), folderPath.c_str()));
     } catch (const std::bad_alloc&) {
         return converterRanOutOfMemory;
     } catch (const std::exception& error) {

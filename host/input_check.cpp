@@ -43,6 +43,13 @@ void requireReadableFile(const std::string& name) {
         throw Failure(ExitStatus::InputRefused,
                       fmt::format("{}: cannot be read: {}: check its permissions", name, denied.message()));
     }
+    if (!converterPath(path)) {
+        throw Failure(
+            ExitStatus::InputRefused,
+            fmt::format("{}: this system's code page lacks a letter of the path: rename the file, or "
+                        "name it from inside its folder",
+                        name));
+    }
 }
 
 std::string atLine(const std::string& name, std::size_t line, const std::string& text) {

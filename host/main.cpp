@@ -4,6 +4,7 @@
 #include "convert_command.h"
 #include "export_command.h"
 #include "info_command.h"
+#include "platform.h"
 #include "plyconvert.h"
 #include "verify_command.h"
 
@@ -48,17 +49,18 @@ ExitStatus printUsageError(const std::string& what) {
     return ExitStatus::Usage;
 }
 
-ExitStatus run(int argc, char** argv) {
+ExitStatus run(const std::vector<std::string>& words) {
     CLI::App program("Converts Gaussian-splat PLY files to quantised datasets grouped by ground cell.",
                      "plyconvert");
     program.set_version_flag("--version", versionText());
     program.footer(exitStatusTable);
     program.require_subcommand(1);
+    program.allow_windows_style_options(false); // a word that begins with a slash is a path on every system
     Action chosen;
     for (AddCommand* add : commands) {
         add(program, chosen);
     }
-    std::vector<std::string> arguments = withCommand(program, {argv + 1, argv + argc});
+    std::vector<std::string> arguments = withCommand(program, words);
     // CLI11 takes its arguments last first.
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
     try {
@@ -88,12 +90,14 @@ ExitStatus run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace Tavrin::SplatProgram;
-    if (argc == 4 && std::string_view(argv[1]) == converterWord) {
-        return runConverter(argv[2], argv[3]);
+    const std::vector<std::string> words = commandLineWords(argc, argv);
+    if (words.size() == 3 && words[0] == converterWord) {
+        return runConverter(words[1], words[2]);
     }
+    const TerminalText terminal;
     ExitStatus status = ExitStatus::ConversionFailed;
     try {
-        status = run(argc, argv);
+        status = run(words);
     } catch (const std::bad_alloc&) {
         reportError("out of memory: close other programs or use a machine with more");
     } catch (const std::exception& error) {

@@ -27,13 +27,20 @@ bool standsIn(fs::path path, const FileIdentity& folder) {
     }
 }
 
+// Not every C++ library's functions for paths follow links on every system.
+fs::path linksFollowed(const fs::path& path) {
+    std::error_code error;
+    const fs::path resolved = resolvedPath(path, error);
+    return error ? path : resolved;
+}
+
 // A link in the folder would be lost as well as a file in it, so both the input's own name and what it leads
 // to are looked at.
 bool holdsInput(const OutputPlace& place, const std::string& input) {
     const auto folder = identityOf(place.folder);
     const fs::path path = fs::absolute(pathFromText(input));
-    return folder &&
-           (standsIn(fs::canonical(path), *folder) || standsIn(fs::canonical(path.parent_path()), *folder));
+    return folder && (standsIn(linksFollowed(fs::canonical(path)), *folder) ||
+                      standsIn(linksFollowed(fs::canonical(path.parent_path())), *folder));
 }
 
 // With --force everything in the folder goes, so nothing in it may be the input under another name, or lie on
@@ -95,7 +102,7 @@ OutputPlace resolveOutput(const std::string& name) {
     if (!path.has_filename()) {
         path = path.parent_path(); // a separator at the end
     }
-    place.folder = fs::weakly_canonical(path, error);
+    place.folder = resolvedPath(path, error);
     if (error) {
         refuse(name, fmt::format("cannot be resolved: {}", error.message()));
     }
@@ -115,6 +122,10 @@ OutputPlace resolveOutput(const std::string& name) {
 
 void checkOutput(OutputPlace& place, const std::string& input, bool force) {
     std::error_code error;
+    if (!converterPath(place.folder)) {
+        refuse(place.name, fmt::format("this system's code page lacks a letter of {}: choose another place",
+                                       textFromPath(place.folder)));
+    }
     if (!fs::is_directory(place.foundation, error)) {
         if (identityOf(place.foundation) == identityOf(pathFromText(input))) {
             refuse(place.name, place.exists ? "is the input itself: choose another name"
@@ -133,7 +144,8 @@ void checkOutput(OutputPlace& place, const std::string& input, bool force) {
     if (holdsInput(place, input)) {
         refuse(place.name, "holds the input, which would be deleted: choose another folder");
     }
-    if (const auto folder = identityOf(place.folder); folder && standsIn(fs::current_path(), *folder)) {
+    if (const auto folder = identityOf(place.folder);
+        folder && standsIn(linksFollowed(fs::current_path()), *folder)) {
         refuse(place.name, "is or holds the current folder: start from another folder, or name a new one");
     }
     checkContent(place, input, force);

@@ -9,12 +9,23 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 namespace Tavrin::SplatProgram {
 
 // Command-line words, messages and JSON are UTF-8 on every system.
 std::filesystem::path pathFromText(std::string_view text);
 std::string textFromPath(const std::filesystem::path& path);
+
+// The path in the bytes that the converter takes; nothing when they cannot hold it.
+std::optional<std::string> converterPath(const std::filesystem::path& path);
+
+// The words of the command line, without the program's own name. The arguments are those of main, which some
+// systems give in another form.
+std::vector<std::string> commandLineWords(int argc, char** argv);
+
+// The absolute path with the links followed in what exists of it.
+std::filesystem::path resolvedPath(const std::filesystem::path& path, std::error_code& error);
 
 // Which file or folder a path leads to, links followed: two paths with equal identities are one and the same,
 // whatever their spelling, and through whichever mount they go.
@@ -27,7 +38,8 @@ struct FileIdentity {
 // Nothing when the path leads nowhere.
 std::optional<FileIdentity> identityOf(const std::filesystem::path& path);
 
-// A file system (or a bind of a folder) is mounted exactly there, so the folder cannot be renamed.
+// A file system (or a bind of a folder) is mounted exactly there, so the folder cannot be renamed. On Windows
+// also a junction or a link to a folder.
 bool isMountPoint(const std::filesystem::path& folder);
 
 // No error when this process may create and rename entries of the folder.
@@ -40,7 +52,8 @@ std::error_code checkReadable(const std::filesystem::path& file);
 // at once, the limits of the control group and of the process counted in.
 std::uint64_t availableMemory();
 
-// Returns when the file's or folder's content is on the disk itself.
+// Returns when the file's or folder's content is on the disk itself; at once for a folder whose system keeps
+// the order of its entries by itself.
 std::error_code flushToDisk(const std::filesystem::path& path);
 
 // Exchanges the names of two existing folders in one step that nobody can see half done.
@@ -81,5 +94,18 @@ bool standardErrorIsTerminal();
 
 // Columns of the terminal on standard error; 80 when it does not tell.
 unsigned terminalColumns();
+
+// While it lives, a terminal takes what is written to it as UTF-8. On Windows it has a code page of its own,
+// which is put back afterwards.
+class TerminalText {
+public:
+    TerminalText();
+    TerminalText(const TerminalText&) = delete;
+    TerminalText& operator=(const TerminalText&) = delete;
+    ~TerminalText();
+
+private:
+    unsigned m_before; // code page of the terminal; 0 without one
+};
 
 } // namespace Tavrin::SplatProgram

@@ -27,6 +27,18 @@ std::string textFromPath(const std::filesystem::path& path) {
     return path.native();
 }
 
+std::optional<std::string> converterPath(const std::filesystem::path& path) {
+    return path.native();
+}
+
+std::vector<std::string> commandLineWords(int argc, char** argv) {
+    return {argv + std::min(argc, 1), argv + argc};
+}
+
+std::filesystem::path resolvedPath(const std::filesystem::path& path, std::error_code& error) {
+    return std::filesystem::weakly_canonical(path, error);
+}
+
 std::optional<FileIdentity> identityOf(const std::filesystem::path& path) {
     struct stat status = {};
     if (::stat(path.c_str(), &status) != 0) {
@@ -139,5 +151,9 @@ unsigned terminalColumns() {
     constexpr unsigned usual = 80;
     return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usual;
 }
+
+TerminalText::TerminalText() : m_before(0) {}
+
+TerminalText::~TerminalText() = default;
 
 } // namespace Tavrin::SplatProgram

@@ -78,7 +78,7 @@ HostReport Host::run() {
     const fs::path job = folder / "job";
     writeFile(job, steps_);
     HostReport report;
-    report.process = runProcess({{BLACKBOX_CHILD, pathBytes(job)}, environment_, folder});
+    report.process = runProcess({{BLACKBOX_CHILD, textOf(job)}, environment_, folder});
     std::istringstream lines(readFile(folder / "job.report"));
     for (std::string line; std::getline(lines, line);) {
         const std::size_t blank = line.find(' ');

@@ -83,6 +83,15 @@ std::string pathBytes(const fs::path& path) {
 #endif
 }
 
+std::string textOf(const fs::path& path) {
+    const std::u8string text = path.generic_u8string();
+    return {text.begin(), text.end()};
+}
+
+fs::path pathFromText(std::string_view text) {
+    return {std::u8string(text.begin(), text.end())};
+}
+
 std::string withPlainLineEnds(std::string_view text) {
     std::string plain;
     for (std::size_t i = 0; i < text.size(); ++i) {

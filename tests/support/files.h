@@ -33,6 +33,10 @@ std::set<std::string> filesUnder(const std::filesystem::path& folder);
 // A path as the 8-bit string that the library takes: UTF-8, on Windows the ANSI code page.
 std::string pathBytes(const std::filesystem::path& path);
 
+// Paths and UTF-8 text.
+std::string textOf(const std::filesystem::path& path);
+std::filesystem::path pathFromText(std::string_view text);
+
 // Text with every CR LF as LF.
 std::string withPlainLineEnds(std::string_view text);
 

@@ -41,10 +41,10 @@ HANDLE createInheritable(const fs::path& path) {
 }
 
 // The words hold no quotes and do not end in a backslash.
-std::string commandLine(const std::vector<std::string>& words) {
-    std::string line;
+std::wstring commandLine(const std::vector<std::string>& words) {
+    std::wstring line;
     for (const std::string& word : words) {
-        line += (line.empty() ? "\"" : " \"") + word + '"';
+        line += (line.empty() ? L"\"" : L" \"") + pathFromText(word).native() + L'"';
     }
     return line;
 }
@@ -53,23 +53,23 @@ void start(const ProcessCommand& command, const Captured& files, ProcessResult& 
     for (const auto& [name, value] : command.environment) {
         SetEnvironmentVariableA(name.c_str(), value.c_str());
     }
-    STARTUPINFOA startup{};
+    STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     startup.hStdOutput = createInheritable(files.output);
     startup.hStdError = createInheritable(files.errors);
     PROCESS_INFORMATION process{};
-    std::string line = commandLine(command.words);
+    std::wstring line = commandLine(command.words);
     const BOOL started =
-        CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+        CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
     for (const auto& entry : command.environment) {
         SetEnvironmentVariableA(entry.first.c_str(), nullptr);
     }
     if (!started) {
-        throw std::runtime_error("cannot start " + line);
+        throw std::runtime_error("cannot start " + command.words.front());
     }
     WaitForSingleObject(process.hProcess, INFINITE);
     DWORD status = 0;

@@ -16,7 +16,7 @@ struct ProcessResult {
 };
 
 struct ProcessCommand {
-    std::vector<std::string> words;                 // program and arguments
+    std::vector<std::string> words;                 // program and arguments, UTF-8 on every system
     std::map<std::string, std::string> environment; // added to the caller's own
     std::filesystem::path capture; // folder for the files that standard output and error go to
 };

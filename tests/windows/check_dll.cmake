@@ -1,6 +1,8 @@
 # cmake -DOBJDUMP=... -DDLL=... -DIMPORT_LIBRARY=... -P check_dll.cmake
 # The DLL's name, its only export, and that every DLL it imports comes with the system.
 
+include(${CMAKE_CURRENT_LIST_DIR}/check_imports.cmake)
+
 if(NOT DLL MATCHES "/plyconvert\\.dll$")
     message(SEND_ERROR "The library is not called plyconvert.dll: ${DLL}")
 endif()
@@ -21,15 +23,4 @@ if(NOT exports STREQUAL "plyConvert")
     message(SEND_ERROR "Exports other than plyConvert: ${exports}")
 endif()
 
-string(REGEX MATCHALL "DLL Name: [^\r\n]+" imports "${headers}")
-list(TRANSFORM imports REPLACE "DLL Name: " "")
-list(TRANSFORM imports TOLOWER)
-message(STATUS "Imports: ${imports}")
-if(NOT imports)
-    message(SEND_ERROR "No imports were found")
-endif()
-foreach(import ${imports})
-    if(NOT import MATCHES "^(kernel32|msvcrt|advapi32|user32)\\.dll$|^api-ms-win-crt-.*\\.dll$")
-        message(SEND_ERROR "Imports a DLL that does not come with the system: ${import}")
-    endif()
-endforeach()
+check_imports("${headers}" "")

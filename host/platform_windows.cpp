@@ -1,0 +1,256 @@
+#include "platform.h"
+
+#include "handle_windows.h"
+#include "text_windows.h"
+
+#include <algorithm>
+#include <windows.h>
+// Needs the former.
+#include <shellapi.h>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+std::error_code lastError() {
+    return {static_cast<int>(GetLastError()), std::system_category()};
+}
+
+// Opens a file or a folder that exists; a link leads to what is behind it.
+Handle open(const fs::path& path, DWORD access) {
+    // Without the flag folders cannot be opened.
+    return Handle(CreateFileW(path.c_str(), access, shareAll, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+}
+
+std::error_code errorOf(const Handle& handle) {
+    return handle ? std::error_code() : lastError();
+}
+
+// The system's name of what a handle stands for, without the prefix that only the system needs; empty on file
+// systems that do not tell.
+std::wstring finalName(const Handle& handle) {
+    constexpr std::size_t longestPath = 32768;
+    std::wstring name(longestPath, L'\0');
+    name.resize(GetFinalPathNameByHandleW(handle.get(), name.data(), static_cast<DWORD>(name.size()),
+                                          FILE_NAME_NORMALIZED | VOLUME_NAME_DOS));
+    constexpr std::wstring_view localPrefix = LR"(\\?\)";
+    constexpr std::wstring_view sharePrefix = LR"(\\?\UNC\)";
+    if (name.starts_with(sharePrefix)) {
+        return LR"(\\)" + name.substr(sharePrefix.size());
+    }
+    return name.starts_with(localPrefix) ? name.substr(localPrefix.size()) : name;
+}
+
+bool isConsole(DWORD stream) {
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(stream), &mode) != 0;
+}
+
+} // namespace
+
+// The runtime finds no folder by a name with a separator at its end.
+fs::path pathFromText(std::string_view text) {
+    fs::path path(wideFromText(text));
+    return path.has_relative_path() && !path.has_filename() ? path.parent_path() : path;
+}
+
+std::string textFromPath(const fs::path& path) {
+    return textFromWide(path.native());
+}
+
+// The code page is the one that the converter takes when nobody has set a locale: where the system knows this
+// program's manifest, it is UTF-8.
+std::optional<std::string> converterPath(const fs::path& path) {
+    if (GetACP() == CP_UTF8) {
+        return textFromPath(path);
+    }
+    const std::wstring& wide = path.native();
+    const int size = static_cast<int>(wide.size());
+    BOOL isLossy = FALSE;
+    const int length =
+        WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, wide.data(), size, nullptr, 0, nullptr, &isLossy);
+    std::string bytes(static_cast<std::size_t>(length), '\0');
+    WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, wide.data(), size, bytes.data(), length, nullptr,
+                        nullptr);
+    return isLossy ? std::nullopt : std::optional(std::move(bytes));
+}
+
+fs::path resolvedPath(const fs::path& path, std::error_code& error) {
+    const fs::path whole = fs::absolute(path, error).lexically_normal();
+    fs::path missing;
+    for (fs::path existing = whole; !error; existing = existing.parent_path()) {
+        if (const Handle handle = open(existing, 0)) {
+            const std::wstring name = finalName(handle);
+            return name.empty() ? whole : missing.empty() ? fs::path(name) : name / missing;
+        }
+        if (existing == existing.parent_path()) {
+            break;
+        }
+        missing = missing.empty() ? existing.filename() : existing.filename() / missing;
+    }
+    return whole;
+}
+
+std::optional<FileIdentity> identityOf(const fs::path& path) {
+    const Handle handle = open(path, 0);
+    BY_HANDLE_FILE_INFORMATION facts = {};
+    if (!handle || !GetFileInformationByHandle(handle.get(), &facts)) {
+        return std::nullopt;
+    }
+    constexpr unsigned wordBits = 32;
+    return FileIdentity{facts.dwVolumeSerialNumber,
+                        std::uint64_t{facts.nFileIndexHigh} << wordBits | facts.nFileIndexLow};
+}
+
+// Volumes are mounted by reparse points, as are other folders (junctions, links).
+bool isMountPoint(const fs::path& folder) {
+    const DWORD attributes = GetFileAttributesW(folder.c_str());
+    return folder == folder.root_path() ||
+           (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0);
+}
+
+std::error_code checkWritable(const fs::path& folder) {
+    return errorOf(open(folder, FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY));
+}
+
+std::error_code checkReadable(const fs::path& file) {
+    return errorOf(open(file, GENERIC_READ));
+}
+
+std::error_code flushToDisk(const fs::path& path) {
+    std::error_code error;
+    if (fs::is_directory(path, error)) {
+        return {}; // its entries are kept in order by the file system's journal
+    }
+    const Handle handle = open(path, GENERIC_WRITE);
+    return handle && FlushFileBuffers(handle.get()) ? std::error_code() : lastError();
+}
+
+// The system has no such step.
+std::error_code exchangeNames(const fs::path&, const fs::path&) {
+    return std::make_error_code(std::errc::function_not_supported);
+}
+
+std::error_code renameFolder(const fs::path& from, const fs::path& to) {
+    RemoveDirectoryW(to.c_str()); // if it is an empty folder, which only on other systems a rename replaces
+    // Virus scanners and indexers open what was just written, and let go of it soon.
+    constexpr int attempts = 20;
+    constexpr DWORD pause = 100; // milliseconds
+    for (int attempt = 1;; ++attempt) {
+        if (MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH)) {
+            return {};
+        }
+        const std::error_code error = lastError();
+        const bool mayPass = error.value() == ERROR_ACCESS_DENIED || error.value() == ERROR_SHARING_VIOLATION;
+        if (!mayPass || attempt == attempts) {
+            return error;
+        }
+        Sleep(pause);
+    }
+}
+
+// The lock is that nobody else may open the file. The handle is inherited, so that a child that outlives this
+// process by a moment keeps it.
+std::unique_ptr<LockFile> LockFile::take(const fs::path& path, std::error_code& error) {
+    error.clear();
+    SECURITY_ATTRIBUTES inherit = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    Handle handle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, &inherit, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!handle) {
+        if (GetLastError() != ERROR_SHARING_VIOLATION) {
+            error = lastError();
+        }
+        return nullptr;
+    }
+    return std::unique_ptr<LockFile>(new LockFile(path, reinterpret_cast<std::intptr_t>(handle.release())));
+}
+
+LockFile::~LockFile() {
+    const Handle handle(reinterpret_cast<HANDLE>(m_handle));
+    FILE_DISPOSITION_INFO removal = {};
+    removal.DeleteFile = TRUE;
+    SetFileInformationByHandle(handle.get(), FileDispositionInfo, &removal, sizeof removal);
+}
+
+std::uint64_t ownProcessId() {
+    return GetCurrentProcessId();
+}
+
+bool processMayExist(std::uint64_t id) {
+    if (id == 0 || id > MAXDWORD) {
+        return false;
+    }
+    const Handle process(OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(id)));
+    if (!process) {
+        return GetLastError() != ERROR_INVALID_PARAMETER;
+    }
+    // One that has ended is there as long as somebody holds a handle of it.
+    return WaitForSingleObject(process.get(), 0) != WAIT_OBJECT_0;
+}
+
+std::uint64_t availableMemory() {
+    MEMORYSTATUSEX machine = {};
+    machine.dwLength = sizeof machine;
+    if (!GlobalMemoryStatusEx(&machine)) {
+        return UINT64_MAX;
+    }
+    std::uint64_t available = std::min(machine.ullAvailPhys, machine.ullAvailPageFile);
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION job = {};
+    if (QueryInformationJobObject(nullptr, JobObjectExtendedLimitInformation, &job, sizeof job, nullptr)) {
+        const DWORD limits = job.BasicLimitInformation.LimitFlags;
+        if ((limits & JOB_OBJECT_LIMIT_PROCESS_MEMORY) != 0) {
+            available = std::min<std::uint64_t>(available, job.ProcessMemoryLimit);
+        }
+        if ((limits & JOB_OBJECT_LIMIT_JOB_MEMORY) != 0) {
+            available = std::min<std::uint64_t>(available, job.JobMemoryLimit);
+        }
+    }
+    return available;
+}
+
+std::vector<std::string> commandLineWords(int, char**) {
+    int count = 0;
+    wchar_t** const wide = CommandLineToArgvW(GetCommandLineW(), &count);
+    std::vector<std::string> words;
+    for (int i = 1; wide != nullptr && i < count; ++i) {
+        words.push_back(textFromWide(wide[i]));
+    }
+    LocalFree(wide);
+    return words;
+}
+
+bool standardOutputIsTerminal() {
+    return isConsole(STD_OUTPUT_HANDLE);
+}
+
+bool standardErrorIsTerminal() {
+    return isConsole(STD_ERROR_HANDLE);
+}
+
+unsigned terminalColumns() {
+    CONSOLE_SCREEN_BUFFER_INFO facts = {};
+    constexpr unsigned usual = 80;
+    if (!GetConsoleScreenBufferInfo(GetStdHandle(STD_ERROR_HANDLE), &facts)) {
+        return usual;
+    }
+    const int columns = facts.srWindow.Right - facts.srWindow.Left + 1;
+    return columns > 1 ? static_cast<unsigned>(columns) : usual;
+}
+
+TerminalText::TerminalText() : m_before(GetConsoleOutputCP()) {
+    if (m_before != 0) {
+        SetConsoleOutputCP(CP_UTF8);
+    }
+}
+
+TerminalText::~TerminalText() {
+    if (m_before != 0) {
+        SetConsoleOutputCP(m_before);
+    }
+}
+
+} // namespace Tavrin::SplatProgram
