@@ -10,6 +10,8 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 clang_packages=(clang)
+# libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
+fuzz_packages=(libclang-rt-dev llvm)
 windows_packages=(g++-mingw-w64-x86-64-posix wine64 googletest)
 
 # install_missing PACKAGE...

@@ -94,7 +94,9 @@ struct Dataset {
     std::string meta; // line ends as LF, question marks for the guid
 };
 
-Dataset convert(std::string_view file);
+// The conversion. With countAs, what follows from the number of splats (grid, cells, the counts of the meta
+// document) is that of a scene of so many, whose other splats are not there.
+Dataset convert(std::string_view file, std::int64_t countAs = 0);
 
 // The meta document of a conversion.
 std::string metaText(const Header& header, const Box& box, const Grid& grid, const Ranges& ranges);

@@ -108,12 +108,13 @@ std::string metaText(const Header& header, const Box& box, const Grid& grid, con
     return text + "\t\"attributes\": " + attributes(box, ranges) + "\n}\n";
 }
 
-Dataset convert(std::string_view file) {
-    const Header header = readHeader(file);
+Dataset convert(std::string_view file, std::int64_t countAs) {
+    Header header = readHeader(file);
     const Box box = boxOf(header, file);
-    const Grid grid = gridOf(header, box);
     Ranges ranges;
     const std::vector<Splat> splats = decode(header, file, ranges);
+    header.count = countAs > 0 ? countAs : header.count;
+    const Grid grid = gridOf(header, box);
 
     const bool oneCell = header.count <= 1'000'000;
     std::map<std::uint32_t, std::vector<std::size_t>> cells; // numbers of splats by key

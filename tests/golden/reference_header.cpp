@@ -4,17 +4,22 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <sstream>
 
 namespace reference {
 
 namespace {
 
+// Blanks, tabs and carriage returns part words; other white space belongs to them.
 std::vector<std::string> wordsOf(const std::string& line) {
-    std::istringstream stream(line);
     std::vector<std::string> words;
-    for (std::string word; stream >> word;) {
-        words.push_back(word);
+    std::string word;
+    for (const char c : line + ' ') {
+        if (c != ' ' && c != '\t' && c != '\r') {
+            word += c;
+        } else if (!word.empty()) {
+            words.push_back(word);
+            word.clear();
+        }
     }
     return words;
 }

@@ -1,0 +1,181 @@
+// A whole conversion of a small file of several blocks: it ends in one of the documented ways, the same way a
+// second time with blocks of another size, and what it writes is what the golden tests' reference converter
+// makes of the same bytes.
+//
+// An input is a few choices and then either the file as it stands or what to make one of: comments, a count
+// that may lie, records, and a cut anywhere.
+
+#include "fuzz/process_end.h"
+#include "fuzz/scene.h"
+#include "fuzz/target.h"
+#include "include/plyconvert.h"
+#include "reader/dataset.h"
+#include "reader/verify.h"
+#include "src/indexer.h"
+#include "src/runlog.h"
+#include "tests/golden/reference.h"
+#include "tests/support/dataset_writer.h"
+
+#include <cmath>
+#include <set>
+#include <stdexcept>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace Tavrin::GaussionSplat;
+
+constexpr long long mostRecords = 400;
+
+// A scene is cut into cells only above 1,000,000 splats. Here a small one is regrouped as if it had so many.
+// 0: as it is.
+constexpr std::int64_t statedCounts[] = {0, 1'000'001, 8'000'001, 100'000'001};
+
+struct Job {
+    fs::path input = fuzz::scratch() / "scene.ply";
+    fs::path output = fuzz::scratch() / "out";
+    std::int64_t countAs = 0;
+};
+
+// The steps of plyConvert, but for the count from which the grid and the cells follow.
+std::int32_t convertAs(const Job& job) {
+    if (!checkSplatHeader(job.input)) {
+        return PLYCONVERT_NOT_A_SPLAT_FILE;
+    }
+    const auto params = std::make_shared<Params>();
+    SplatHeader header(job.input, params, 1);
+    chooseGrid(job.countAs, header.bboxMin, header.bboxMax);
+    const auto bounding = std::make_shared<AttributeBounding>();
+    bounding->hasShcoef = header.hasShcoef;
+    header.recordSize = header.hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef;
+    const auto chunks = std::make_shared<ChunkList>();
+    fs::remove_all(job.output);
+    fs::create_directories(job.output);
+    openRunLog(job.output / "log.txt");
+    Chunker chunker{.bounding = {}, .name = {}, .headers = {header}, .flag = 1, .threadCount = 2};
+    chunker.doChunking(bounding, chunks, job.output);
+    const auto count = static_cast<std::uint64_t>(job.countAs);
+    Indexer indexer({header}, job.output);
+    indexer.run(bounding, chunks, count, '[' + std::to_string(count) + ']', count, params);
+    closeRunLog();
+    return PLYCONVERT_DONE;
+}
+
+std::string endingOf(const Job& job) {
+    chunkGrid = {}; // as in a fresh process
+    try {
+        const std::int32_t result =
+            job.countAs > 0 ? convertAs(job) : plyConvert(job.input.c_str(), job.output.c_str());
+        return "result " + std::to_string(result);
+    } catch (const std::invalid_argument& error) {
+        return std::string("invalid_argument ") + error.what();
+    } catch (const std::out_of_range& error) {
+        return std::string("out_of_range ") + error.what();
+    } catch (const fuzz::ProcessEnd& end) {
+        return "exit status " + std::to_string(end.status);
+    }
+}
+
+const std::set<std::string> documentedEndings = {
+    "result 0",
+    "result -1",
+    "exit status -1", // without splats
+    "invalid_argument invalid stof argument",
+    "invalid_argument invalid stoi argument",
+    "invalid_argument invalid stoll argument",
+    "out_of_range stof argument out of range",
+    "out_of_range stoi argument out of range",
+    "out_of_range stoll argument out of range",
+};
+
+// Every file of the folder after its name, the guid's digits left out.
+std::string filesOf(const fs::path& folder) {
+    if (!fs::exists(folder)) {
+        return "no folder";
+    }
+    std::string all;
+    for (const char* const name :
+         {"data.bin", "shcoef.bin", "index.bin", "converted_from_ply.ytr", "log.txt"}) {
+        if (fs::exists(folder / name)) {
+            std::string bytes = fuzz::readFile(folder / name);
+            const std::size_t guid = bytes.find("\t\"guid\": \"");
+            if (guid != bytes.npos && bytes.front() == '{') {
+                bytes.replace(guid + 10, 32, 32, '?');
+            }
+            all += std::string(name) + '\n' + bytes;
+        }
+    }
+    return all;
+}
+
+// The library is done: what it wrote is what the reference makes.
+void compareWithReference(const Job& job, const std::string& file) {
+    const reference::Dataset expected = reference::convert(file, job.countAs);
+    fuzz::requireEqual(fuzz::readFile(job.output / "data.bin"), expected.data, "data.bin");
+    fuzz::requireEqual(fuzz::readFile(job.output / "index.bin"), expected.index, "index.bin");
+    std::string meta = fuzz::readFile(job.output / "converted_from_ply.ytr");
+    const std::size_t guid = meta.find("\t\"guid\": \"");
+    fuzz::require(guid != meta.npos, "the meta document has a guid");
+    fuzz::requireEqual(meta.replace(guid + 10, 32, 32, '?'), expected.meta, "the meta document");
+    const bool hasCoefficients = fs::exists(job.output / "shcoef.bin");
+    fuzz::require(hasCoefficients == reference::readHeader(file).coefficients,
+                  "there are coefficients where the input has them");
+    if (hasCoefficients) {
+        fuzz::requireEqual(fuzz::readFile(job.output / "shcoef.bin"), expected.coefficients, "shcoef.bin");
+    }
+}
+
+// The reader takes whatever the library writes: it reports, it does not throw.
+void readBack(const Job& job) {
+    namespace Reader = Tavrin::SplatReader;
+    Reader::VerifyOptions options;
+    options.level = Reader::VerifyLevel::full;
+    Reader::verifyDataset(job.output, options);
+}
+
+// A walk over a grid of cells without number is as long as it says, which is no finding.
+bool gridIsSmall(const std::string& file, std::int64_t count) {
+    constexpr double mostCells = 10'000.0;
+    const reference::Header header = reference::readHeader(file);
+    const reference::Box box = reference::boxOf(header, file);
+    const double side = count > 8'000'000 ? 10.0 : 30.0; // or more
+    const double columns = (box.max[0] - box.min[0]) / side + 1.0;
+    const double rows = (box.max[1] - box.min[1]) / side + 1.0;
+    return columns >= 0.0 && rows >= 0.0 && columns < mostCells && rows < mostCells &&
+           columns * rows < mostCells;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzz::Source source(data, size);
+    const fuzz::Scene scene = fuzz::sceneOf(source);
+    if (!fuzz::statesAtMost(scene.file, mostRecords)) {
+        return -1;
+    }
+    Job job;
+    job.countAs = statedCounts[scene.countChoice % std::size(statedCounts)];
+    if (job.countAs > 0 && !gridIsSmall(scene.file, job.countAs)) {
+        job.countAs = 0;
+    }
+    DatasetWriter::writeFile(job.input, scene.file);
+    fs::remove_all(job.output);
+
+    blockSplats = scene.blockSplats;
+    const std::string ending = endingOf(job);
+    fuzz::require(documentedEndings.contains(ending), "the ending is documented: " + ending);
+    const std::string files = filesOf(job.output);
+    fuzz::require(files != "no folder" || (ending != "result 0" && ending != "exit status -1"),
+                  "an end behind the header leaves a folder");
+    fuzz::require(files == "no folder" || ending == "result 0" || ending == "exit status -1",
+                  "a header that is refused leaves no folder");
+
+    blockSplats = scene.otherBlockSplats;
+    fuzz::requireEqual(endingOf(job), ending, "the ending of a second run");
+    fuzz::requireEqual(filesOf(job.output), files, "the dataset of a second run");
+    if (ending == "result 0") {
+        compareWithReference(job, scene.file);
+        readBack(job);
+    }
+    return 0;
+}

@@ -1,0 +1,79 @@
+// The program's strict header reader over any bytes: a header or a Failure of one line, and a header that it
+// accepts ends where the library sees it end.
+
+#include "fuzz/process_end.h"
+#include "fuzz/target.h"
+#include "host/exit_status.h"
+#include "host/ply_header.h"
+#include "src/splatheader.h"
+#include "tests/support/dataset_writer.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace {
+
+using namespace Tavrin;
+
+constexpr long long mostRecords = 1000;
+
+std::string refusalOf(const std::filesystem::path& path, SplatProgram::PlyHeader& header) {
+    try {
+        header = SplatProgram::readPlyHeader(path);
+    } catch (const SplatProgram::Failure& failure) {
+        fuzz::require(failure.status() == SplatProgram::ExitStatus::InputRefused,
+                      "a refusal is one of the input");
+        return failure.what();
+    }
+    return {};
+}
+
+void checkRefusal(const std::string& refusal, const std::filesystem::path& path) {
+    fuzz::require(refusal.starts_with(path.string() + ":"), "a refusal names the file: " + refusal);
+    const bool oneLine = std::ranges::none_of(refusal, [](char c) { return c == '\n' || c == '\0'; });
+    fuzz::require(oneLine, "a refusal is one line: " + refusal);
+}
+
+// The library reads the same lines, however it takes what stands in them.
+void checkAgainstLibrary(const SplatProgram::PlyHeader& header, const std::string& file,
+                         const std::filesystem::path& path) {
+    if (header.endsWithCarriageReturn || !fuzz::statesAtMost(file, mostRecords)) {
+        return;
+    }
+    try {
+        const GaussionSplat::SplatHeader read(path, std::make_shared<GaussionSplat::Params>(), 1);
+        fuzz::require(static_cast<std::uint64_t>(read.headerEnd) == header.length,
+                      "program and library find the same end of the header");
+    } catch (const std::logic_error&) {
+        // a comment whose value is no number: the program looks at those apart
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string file(reinterpret_cast<const char*>(data), size);
+    const std::filesystem::path path = fuzz::scratch() / "scene.ply";
+    DatasetWriter::writeFile(path, file);
+    SplatProgram::PlyHeader header;
+    const std::string refusal = refusalOf(path, header);
+    if (!refusal.empty()) {
+        checkRefusal(refusal, path);
+        return 0;
+    }
+    fuzz::require(header.length <= size, "the header ends inside the file");
+    std::size_t lineBytes = 0;
+    for (const std::string& line : header.lines) {
+        lineBytes += line.size() + 1;
+    }
+    // The last line feed may be missing at the end of the file.
+    fuzz::require(lineBytes == header.length || lineBytes == header.length + 1, "the lines are the header");
+    fuzz::require(!header.format.empty() && header.lines.front().starts_with("ply"),
+                  "the header is one of PLY");
+    for (const SplatProgram::PlyElement& element : header.elements) {
+        fuzz::require(element.count <= INT64_MAX && element.line <= header.lines.size(),
+                      "an element has a count and a line");
+    }
+    checkAgainstLibrary(header, file, path);
+    return 0;
+}

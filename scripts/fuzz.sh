@@ -1,0 +1,126 @@
+#!/usr/bin/env bash
+# Lets libFuzzer look for inputs that break the library, its readers and the reader of datasets.
+#
+#   scripts/fuzz.sh MINUTES             every target in turn, two at a time, MINUTES in all
+#   scripts/fuzz.sh MINUTES TARGET...   these targets alone
+#
+# What is found lies in build/fuzz/findings, one file an input, and the exit status is then 1. The corpora grow from one
+# run to the next in build/fuzz/corpus. At the end: executions of each target, and how much of the code its corpus reaches.
+# Needs clang; what is missing is installed with apt-get.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# shellcheck source=scripts/packages.sh
+source "$root/scripts/packages.sh"
+
+# The shares of the time: what takes long per input and has much code behind it gets more.
+declare -A shares=([conversion]=4 [dataset]=3 [header]=2 [number]=1 [strict_header]=1 [text]=1)
+order=(conversion dataset header number strict_header text)
+
+if [[ ${1:-} == -h || ${1:-} == --help ]]; then
+    sed -n '2,9s/^# \{0,1\}//p' "$root/scripts/fuzz.sh"
+    exit 0
+fi
+if ! [[ ${1:-} =~ ^[1-9][0-9]*$ ]]; then
+    echo "fuzz.sh needs the minutes to fuzz in all, a whole number: scripts/fuzz.sh 10" >&2
+    exit 2
+fi
+seconds=$(($1 * 60))
+shift
+targets=("$@")
+if ((${#targets[@]} == 0)); then
+    targets=("${order[@]}")
+fi
+for target in "${targets[@]}"; do
+    if [[ -z ${shares[$target]:-} ]]; then
+        echo "No target $target. There are: ${order[*]}" >&2
+        exit 2
+    fi
+done
+
+install_missing "${packages[@]}" "${clang_packages[@]}" "${fuzz_packages[@]}"
+folder=$root/build/fuzz
+cmake -S "$root" -B "$folder" --preset fuzz --log-level=WARNING
+cmake --build "$folder" --parallel "$(nproc)"
+cmake -S "$root" -B "$root/build/coverage" --preset coverage --log-level=WARNING
+cmake --build "$root/build/coverage" --parallel "$(nproc)"
+
+mkdir -p "$folder/findings" "$folder/logs"
+# The targets' files, in memory where that can be had.
+place=/tmp
+if [[ -w /dev/shm ]]; then
+    place=/dev/shm
+fi
+TMPDIR=$(mktemp -d "$place/plyconvert-fuzz.XXXXXX")
+export TMPDIR
+trap 'rm -rf "$TMPDIR"' EXIT
+# Freed blocks are kept back for a while, so that a use is noticed; not so many that every one is a fresh page.
+export ASAN_OPTIONS=quarantine_size_mb=32 UBSAN_OPTIONS=print_stacktrace=1
+
+# fuzz TARGET SECONDS
+fuzz() {
+    local target=$1 corpus=$folder/corpus/$1 options=()
+    mkdir -p "$corpus"
+    case $target in
+    header | strict_header | conversion) options=(-dict="$root/fuzz/ply.dict") ;;
+    dataset) options=(-dict="$root/fuzz/dataset.dict") ;;
+    esac
+    # The limits for one input are so long because a loaded machine may stop a process for a while.
+    "$folder/fuzz/${target}_fuzz" -max_total_time="$2" -timeout=300 -report_slow_units=300 -rss_limit_mb=4096 -close_fd_mask=1 \
+        -print_final_stats=1 -artifact_prefix="$folder/findings/$target-" "${options[@]}" \
+        "$corpus" "$root/fuzz/corpus/$target" >"$folder/logs/$target.log" 2>&1
+}
+
+all=0
+for target in "${targets[@]}"; do
+    all=$((all + shares[$target]))
+done
+failed=0
+running=0
+for target in "${targets[@]}"; do
+    # Two at a time: each gets its share of twice the time.
+    if ((running == 2)); then
+        wait -n || failed=1
+        running=$((running - 1))
+    fi
+    share=$((seconds * 2 * shares[$target] / all))
+    ((share <= seconds)) || share=$seconds
+    echo "== $target: $share s"
+    fuzz "$target" "$share" &
+    running=$((running + 1))
+done
+while ((running > 0)); do
+    wait -n || failed=1
+    running=$((running - 1))
+done
+
+# final STATISTIC LOG
+final() {
+    sed -n "s/^stat::$1: *//p" "$2"
+}
+echo
+printf '%-14s %14s %9s %10s\n' target executions per\ s findings
+for target in "${targets[@]}"; do
+    log=$folder/logs/$target.log
+    findings=$(find "$folder/findings" -name "$target-*" | wc -l)
+    printf '%-14s %14s %9s %10s\n' "$target" "$(final number_of_executed_units "$log")" \
+        "$(final average_exec_per_sec "$log")" "$findings"
+done
+
+echo
+objects=()
+rm -f "$folder"/logs/*.profraw
+for target in "${targets[@]}"; do
+    program=$root/build/coverage/fuzz/${target}_fuzz
+    LLVM_PROFILE_FILE=$folder/logs/$target.profraw "$program" "$folder/corpus/$target" "$root/fuzz/corpus/$target" \
+        >/dev/null 2>"$folder/logs/$target.replay" || failed=1
+    objects+=(-object "$program")
+done
+llvm-profdata merge -o "$folder/logs/all.profdata" "$folder"/logs/*.profraw
+llvm-cov report "${objects[@]:1}" -instr-profile="$folder/logs/all.profdata" -show-region-summary=false \
+    -ignore-filename-regex="$root/(fuzz|tests|host/(console|platform|exit_status))"
+
+if ((failed)) || [[ -n $(find "$folder/findings" -type f) ]]; then
+    echo "Findings: $folder/findings; what they said: $folder/logs" >&2
+    exit 1
+fi
