@@ -316,6 +316,28 @@ TEST(DecodeRecords, AgreesWithTheFormulasForEveryCount) {
     }
 }
 
+TEST(DecodeRecords, EveryVariantGivesTheBytesAndBoundsOfTheOthers) {
+    const std::vector<DecodeVariant> variants = decodeVariants();
+    ASSERT_FALSE(variants.empty());
+    EXPECT_STREQ(variants.back().name, "baseline");
+    Random random(46);
+    for (const bool hasShcoef : {false, true}) {
+        for (const std::size_t count : {1, 7, 127, 128, 129, 1000, 20'000}) {
+            const std::vector<float> records = anyRecords(random, count, hasShcoef);
+            std::vector<float> expected = records;
+            const reference::Ranges bounds = reference::decodeBlock(expected, hasShcoef);
+            for (const DecodeVariant& variant : variants) {
+                SCOPED_TRACE(variant.name);
+                std::vector<float> decoded = records;
+                BlockRanges ranges;
+                variant.decode(decoded.data(), count, hasShcoef, ranges);
+                expectRanges(ranges, bounds, false);
+                expectRecords(decoded, expected, recordLayout(hasShcoef).floats);
+            }
+        }
+    }
+}
+
 TEST(DecodeRecords, WidensTheRangesItIsGiven) {
     std::vector<float> record(17, 0.0f);
     record[0] = 5.0f;
