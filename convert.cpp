@@ -103,6 +103,7 @@ std::int32_t convert(const std::string& input, const std::string& output) {
 std::int32_t plyConvert(const char* inputPath, const char* outputFolder) {
     using namespace Tavrin::GaussionSplat;
     const DefaultFloatEnvironment environment;
+    const StandardStreams streams;
     try {
         return convert(inputPath, outputFolder);
     } catch (const AllocationError&) {

@@ -173,6 +173,10 @@ std::optional<std::string> PartialFolder::publish(const std::string& input, bool
     replace();
     m_isPublished = true;
     flushToDisk(m_place.folder.parent_path());
+    for (const fs::path& parent :
+         m_createdParents) { // nothing leads to a folder whose name is not on the disk
+        flushToDisk(parent.parent_path());
+    }
     std::error_code error;
     for (const fs::path& old : {m_path, m_replaced}) {
         if (m_place.content == FolderContent::Other) {

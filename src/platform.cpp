@@ -11,9 +11,13 @@
 #include <malloc.h>
 #include <windows.h>
 #include <xmmintrin.h>
-#elif defined(__linux__)
+#else
 #include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+#if defined(__linux__)
 #include <sys/mman.h>
+#endif
 #endif
 
 // The address sanitizer sees overruns of blocks from the heap alone, so under it every block comes from
@@ -102,6 +106,10 @@ void endProcessFromWorker(int status) {
 
 #if defined(_WIN32)
 
+// The runtime keeps descriptors 0 to 2 for the standard streams of a process that was started without any.
+StandardStreams::StandardStreams() = default;
+StandardStreams::~StandardStreams() = default;
+
 namespace {
 
 constexpr UINT utf8CodePage = 65001;
@@ -182,6 +190,28 @@ void freeAligned(void* block) noexcept {
 } // namespace
 
 #else
+
+StandardStreams::StandardStreams() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) != -1 || errno != EBADF) {
+            continue;
+        }
+        const int nowhere =
+            open("/dev/null", O_RDWR | O_CLOEXEC); // gets the lowest free descriptor: this one
+        isOpenedHere[descriptor] = nowhere == descriptor;
+        if (nowhere > descriptor) {
+            (void)close(nowhere);
+        }
+    }
+}
+
+StandardStreams::~StandardStreams() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (isOpenedHere[descriptor]) {
+            (void)close(descriptor);
+        }
+    }
+}
 
 std::filesystem::path nativePath(const std::string& path) {
     return std::filesystem::path(path);

@@ -41,6 +41,17 @@ struct DefaultFloatEnvironment {
     DefaultFloatEnvironment& operator=(const DefaultFloatEnvironment&) = delete;
 };
 
+// Standard streams that the host has closed lead nowhere for as long as the object lives: otherwise the
+// system gives their descriptors to the next files that are opened, and what is printed ends up in those.
+struct StandardStreams {
+    bool isOpenedHere[3] = {}; // by descriptor
+
+    StandardStreams();
+    ~StandardStreams();
+    StandardStreams(const StandardStreams&) = delete;
+    StandardStreams& operator=(const StandardStreams&) = delete;
+};
+
 // The allocation error with the library's own text, the same on every C++ runtime.
 struct AllocationError : std::bad_alloc {
     const char* what() const noexcept override;

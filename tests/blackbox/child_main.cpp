@@ -13,12 +13,16 @@
 //   hold PATH           keep PATH open without sharing it (Windows)
 //   oem-file-functions  SetFileApisToOEM (Windows)
 //   utf-8-locale        give the universal runtime a UTF-8 locale (Windows)
+//   small-stack         make the next conversions on a thread with a stack of 256 KiB
+//   reload N            unload the library and load it again, N times (Linux)
 //   input PATH          the next conversion's input
 //   output PATH         the next conversion's output folder
 //   convert             call plyConvert and report
 //
-// It reports to JOB.report, so that standard output and standard error hold what the library writes alone.
+// and the steps of child_faults.h. It reports to JOB.report, so that standard output and standard error hold
+// what the library writes alone.
 
+#include "tests/blackbox/child_faults.h"
 #include "tests/blackbox/child_system.h"
 
 #include <cfenv>
@@ -49,6 +53,8 @@ struct Host {
     child::Library library;
     std::string input;
     std::string output;
+    std::string libraryPath;
+    bool hasSmallStack = false;
 
     void say(const std::string& key, const std::string& value) {
         std::fputs((key + ' ' + value + '\n').c_str(), report);
@@ -91,7 +97,12 @@ struct Host {
         const child::FloatMode before = child::floatMode();
         const std::string localeBefore = std::setlocale(LC_ALL, nullptr);
         say("call", std::to_string(std::thread::hardware_concurrency()));
-        callLibrary();
+        if (hasSmallStack) {
+            constexpr std::size_t smallStack = 256 * 1024;
+            child::onStack(smallStack, [this] { callLibrary(); });
+        } else {
+            callLibrary();
+        }
         say("float-mode", child::floatMode() == before ? "kept" : "changed");
         say("locale", std::setlocale(LC_ALL, nullptr) == localeBefore ? "kept" : "changed");
     }
@@ -107,6 +118,21 @@ struct Host {
         }
     }
 
+    void load(const std::string& path) {
+        libraryPath = path;
+        library.load(path);
+    }
+
+    void reload(int times) {
+        for (int i = 0; i < times; ++i) {
+            library.unload();
+            if (child::isMapped(libraryPath)) {
+                throw std::runtime_error("the library stays when it is unloaded");
+            }
+            library.load(libraryPath);
+        }
+    }
+
     void setRounding(const std::string& name) {
         const int mode = name == "upward" ? FE_UPWARD : name == "downward" ? FE_DOWNWARD : FE_TOWARDZERO;
         if (std::fesetround(mode) != 0) {
@@ -116,7 +142,7 @@ struct Host {
 
     void step(const std::string& name, const std::string& value) {
         if (name == "library") {
-            library.load(value);
+            load(value);
         } else if (name == "folder") {
             std::filesystem::current_path(value);
         } else if (name == "locale") {
@@ -141,13 +167,17 @@ struct Host {
             child::useOemFileFunctions();
         } else if (name == "utf-8-locale") {
             child::useUtf8Locale();
+        } else if (name == "small-stack") {
+            hasSmallStack = true;
+        } else if (name == "reload") {
+            reload(std::stoi(value));
         } else if (name == "input") {
             input = value;
         } else if (name == "output") {
             output = value;
         } else if (name == "convert") {
             convert();
-        } else {
+        } else if (!child::faultStep(name, value, input)) {
             throw std::runtime_error("unknown step " + name);
         }
     }
@@ -158,7 +188,7 @@ int run(const std::string& job) {
     if (report == nullptr) {
         return 3;
     }
-    Host host{report, {}, {}, {}};
+    Host host{.report = report, .library = {}, .input = {}, .output = {}, .libraryPath = {}};
     std::ifstream steps(job, std::ios::binary);
     try {
         for (std::string line; std::getline(steps, line);) {

@@ -2,6 +2,10 @@
 
 #include "tests/blackbox/blackbox.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
 namespace blackbox {
 namespace {
 
@@ -142,6 +146,164 @@ TEST_F(Hosts, TwoConversionsDifferInTheirGuid) {
     EXPECT_NE(support::metaValue(first, "guid"), support::metaValue(second, "guid"));
     EXPECT_EQ(support::withoutGuid(first), support::withoutGuid(second));
 }
+
+TEST_F(Hosts, AThreadWithASmallStackChangesNothing) {
+#if !defined(__linux__)
+    GTEST_SKIP() << "the size of a stack is chosen on Linux alone";
+#endif
+    Host host(scratch.folder());
+    host.step("small-stack");
+    expectSameAsOrdinary(host);
+}
+
+#if defined(__linux__)
+
+TEST_F(Hosts, AnEmptyEnvironmentChangesNothing) {
+    Host host(scratch.folder());
+    host.step("without-environment");
+    expectSameAsOrdinary(host);
+}
+
+TEST_F(Hosts, AForkBeforeTheCallChangesNothing) {
+    Host host(scratch.folder());
+    host.step("fork");
+    expectSameAsOrdinary(host);
+}
+
+// No thread and no lock of an earlier conversion is missed in the child process.
+TEST_F(Hosts, AForkBetweenTwoCallsChangesNothing) {
+    scene().write(input);
+    const HostReport report =
+        Host(scratch.folder()).convert(input, scratch / "first").step("fork").convert(input, output).run();
+    expectDone(report, 2);
+    expectSameDataset(support::readDataset(scratch / "first"), support::readDataset(output));
+}
+
+TEST_F(Hosts, LoadingAndUnloadingAHundredTimesChangesNothing) {
+    scene().write(input);
+    Host host(scratch.folder());
+    constexpr std::size_t rounds = 10;
+    for (std::size_t round = 0; round < rounds; ++round) {
+        host.convert(input, scratch / ("out" + std::to_string(round))).step("reload", "10");
+    }
+    expectDone(host.run(), rounds);
+    const DatasetFiles first = support::readDataset(scratch / "out0");
+    for (std::size_t round = 1; round < rounds; ++round) {
+        expectSameDataset(first, support::readDataset(scratch / ("out" + std::to_string(round))));
+    }
+}
+
+// The descriptors of the standard streams that a host has closed are not given to files of the dataset, where
+// the empty lines of standard output would end up.
+TEST_F(Hosts, AClosedStandardOutputPutsNothingIntoTheFiles) {
+    scene().write(input);
+    const fs::path ordinary = scratch / "ordinary";
+    expectDone(Host(scratch.folder()).convert(input, ordinary).run());
+    const DatasetFiles expected = support::readDataset(ordinary);
+    for (const char* also : {"1", "0", "2"}) {
+        const HostReport report =
+            Host(scratch.folder()).step("close", "1").step("close", also).convert(input, output).run();
+        expectDone(report);
+        EXPECT_EQ(report.process.output, "");
+        const DatasetFiles found = support::readDataset(output);
+        expectSameDataset(expected, found);
+        EXPECT_EQ(std::count(found.log.begin(), found.log.end(), '\n'),
+                  std::count(expected.log.begin(), expected.log.end(), '\n'));
+    }
+}
+
+// The first empty lines come before the first record: a host that does not ignore the signal is gone by then.
+TEST_F(Hosts, ABrokenPipeEndsAHostByItsSignal) {
+    scene().write(input);
+    const HostReport report = Host(scratch.folder()).step("broken-pipe").convert(input, output).run();
+    ASSERT_EQ(report.childFailure, "");
+    EXPECT_FALSE(report.process.exited);
+    EXPECT_EQ(report.process.status, SIGPIPE);
+    EXPECT_EQ(fs::file_size(output / "data.bin"), 0u);
+}
+
+TEST_F(Hosts, ABrokenPipeWhoseSignalIsIgnoredChangesNothing) {
+    scene().write(input);
+    const fs::path ordinary = scratch / "ordinary";
+    expectDone(Host(scratch.folder()).convert(input, ordinary).run());
+    expectDone(Host(scratch.folder())
+                   .step("ignore-signal", std::to_string(SIGPIPE))
+                   .step("broken-pipe")
+                   .convert(input, output)
+                   .run());
+    expectSameDataset(support::readDataset(ordinary), support::readDataset(output));
+}
+
+TEST_F(Hosts, ALostCurrentFolderDoesNotMatterToAbsolutePaths) {
+    Host host(scratch.folder());
+    host.step("lost-folder", support::pathBytes(scratch / "lost"));
+    expectSameAsOrdinary(host);
+}
+
+TEST_F(Hosts, InALostCurrentFolderARelativeInputIsMissing) {
+    oneSplat().write(input);
+    const HostReport report = Host(scratch.folder())
+                                  .step("lost-folder", support::pathBytes(scratch / "lost"))
+                                  .convert("scene.ply", support::pathBytes(output))
+                                  .run();
+    ASSERT_EQ(report.childFailure, "");
+    EXPECT_EQ(report.calls.at(0).result, -2);
+    EXPECT_FALSE(fs::exists(output));
+}
+
+TEST_F(Hosts, InALostCurrentFolderARelativeOutputCannotBeCreated) {
+    oneSplat().write(input);
+    const HostReport report = Host(scratch.folder())
+                                  .step("lost-folder", support::pathBytes(scratch / "lost"))
+                                  .convert(support::pathBytes(input), "out")
+                                  .run();
+    ASSERT_EQ(report.childFailure, "");
+    EXPECT_EQ(report.calls.at(0).exception, "filesystem_error");
+    EXPECT_THAT(report.calls.at(0).what, testing::HasSubstr("create_directories"));
+    EXPECT_EQ(report.calls.at(0).path1, "out");
+    EXPECT_EQ(report.calls.at(0).code, ENOENT);
+}
+
+class LongPaths : public Hosts {
+protected:
+    // A folder below the scratch folder whose whole path has so many bytes.
+    fs::path folderOfLength(std::size_t length) const {
+        std::string path = support::pathBytes(scratch.folder());
+        while (length - path.size() > 250) {
+            path += '/' + std::string(200, 'd');
+        }
+        return path + '/' + std::string(length - path.size() - 1, 'e');
+    }
+};
+
+// The longest path that the system takes has 4,095 bytes; the longest file name of a dataset has 23 with its
+// separator.
+TEST_F(LongPaths, AnOutputOf4072BytesIsConvertedTo) {
+    output = folderOfLength(4072);
+    Host host(scratch.folder());
+    expectSameAsOrdinary(host);
+}
+
+// One more, and the meta document has no room.
+TEST_F(LongPaths, AnOutputOf4073BytesLacksItsMetaDocument) {
+    oneSplat().write(input);
+    output = folderOfLength(4073);
+    const HostReport report = convertToProcessEnd(exitMinusOne);
+    EXPECT_EQ(report.process.output,
+              emptyLines(2) + "ERROR(indexer:519): cannot open meta file,write file fail\n");
+    EXPECT_TRUE(fs::exists(output / "index.bin"));
+}
+
+TEST_F(LongPaths, AnOutputThatTheSystemDoesNotTakeThrowsExists) {
+    oneSplat().write(input);
+    output = folderOfLength(4096);
+    const HostReport report = convert();
+    EXPECT_EQ(report.calls.at(0).exception, "filesystem_error");
+    EXPECT_THAT(report.calls.at(0).what, testing::HasSubstr("exists"));
+    EXPECT_EQ(report.calls.at(0).code, ENAMETOOLONG);
+}
+
+#endif
 
 } // namespace
 } // namespace blackbox

@@ -4,12 +4,15 @@
  * FAULT_KILL_AT=N       the process is killed in place of its Nth call that changes names or flushes
  * FAULT_NO_EXCHANGE=1   the file system knows no exchange of names
  * FAULT_FSYNC=N         the Nth flush fails as a full disk does
- * FAULT_HOLD=FILE       the process that runs the converter creates FILE when it is about to create its folder, and
- *                       goes on when FILE is gone
+ * FAULT_HOLD=FILE       the process that runs the converter creates FILE when it is about to create its
+ *                       folder, and goes on when FILE is gone
+ * FAULT_WATCH=COMMAND   "COMMAND cut NAME" is run before each call of the program, and of the process that
+ *                       runs the converter, that changes names or flushes; "COMMAND flushed PATH" after each
+ *                       flush
  * FAULT_COUNT=FILE      the number of those calls is written to the file when the process exits
  *
- * But for FAULT_HOLD, processes that the program starts are left alone: the variables are taken away before it starts
- * any.
+ * But for FAULT_HOLD and FAULT_WATCH, processes that the program starts are left alone: the variables are
+ * taken away before it starts any.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -58,7 +61,21 @@ __attribute__((destructor)) static void writeCount(void) {
     }
 }
 
-static void countCall(void) {
+static void watch(const char* what, const char* subject) {
+    const char* command = getenv("FAULT_WATCH");
+    if (command == NULL) {
+        return;
+    }
+    char line[8192];
+    snprintf(line, sizeof line, "LD_PRELOAD= %s %s '%s'", command, what, subject);
+    if (system(line) != 0) {
+        fprintf(stderr, "faults: failed: %s\n", line);
+        abort();
+    }
+}
+
+static void countCall(const char* name) {
+    watch("cut", name);
     if (++calls == killAt) {
         raise(SIGKILL);
     }
@@ -66,14 +83,14 @@ static void countCall(void) {
 
 int rename(const char* from, const char* to) {
     int (*next)(const char*, const char*) = (int (*)(const char*, const char*))dlsym(RTLD_NEXT, "rename");
-    countCall();
+    countCall("rename");
     return next(from, to);
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned int flags) {
     int (*next)(int, const char*, int, const char*, unsigned int) =
         (int (*)(int, const char*, int, const char*, unsigned int))dlsym(RTLD_NEXT, "renameat2");
-    countCall();
+    countCall("renameat2");
     if (noExchange && (flags & RENAME_EXCHANGE) != 0) {
         errno = EINVAL;
         return -1;
@@ -83,24 +100,31 @@ int renameat2(int fromFolder, const char* from, int toFolder, const char* to, un
 
 int remove(const char* path) {
     int (*next)(const char*) = (int (*)(const char*))dlsym(RTLD_NEXT, "remove");
-    countCall();
+    countCall("remove");
     return next(path);
 }
 
 int unlink(const char* path) {
     int (*next)(const char*) = (int (*)(const char*))dlsym(RTLD_NEXT, "unlink");
-    countCall();
+    countCall("unlink");
     return next(path);
 }
 
 int fsync(int file) {
     int (*next)(int) = (int (*)(int))dlsym(RTLD_NEXT, "fsync");
-    countCall();
+    countCall("fsync");
     if (++flushes == failingFlush) {
         errno = ENOSPC;
         return -1;
     }
-    return next(file);
+    const int result = getenv("FAULT_WATCH") != NULL ? 0 : next(file); // the watcher stands for the disk
+    char link[64];
+    char path[4096] = "";
+    snprintf(link, sizeof link, "/proc/self/fd/%d", file);
+    if (result == 0 && readlink(link, path, sizeof path - 1) > 0) {
+        watch("flushed", path);
+    }
+    return result;
 }
 
 int mkdir(const char* path, mode_t mode) {
@@ -113,5 +137,6 @@ int mkdir(const char* path, mode_t mode) {
             usleep(1000);
         }
     }
+    watch("cut", "mkdir");
     return next(path, mode);
 }

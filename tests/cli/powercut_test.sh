@@ -1,0 +1,131 @@
+#!/usr/bin/env bash
+# Cuts the power before each of the program's calls that change names or flush: what was not flushed is lost. Two
+# disks are tried, one that loses every name and every content that was not flushed, and one that keeps names in order
+# and loses contents (see powercut.cpp). On both the output folder holds the earlier dataset or the new one, whole; on
+# a file system that exchanges no names it may be missing for one moment, and the next run puts the earlier one back.
+# After the run has said that it is done, the new dataset is there. The next run succeeds from every such disk.
+#
+#   PLYCONVERT_PATH=... FAULTS=.../faults.so powercut_test.sh
+set -u
+# shellcheck source=tests/cli/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+enter_scratch
+
+ply old.ply 62 100
+ply new.ply 62 200
+plyconvert --quiet old.ply old || exit 1
+plyconvert --quiet new.ply new || exit 1
+hashes old >old.hashes
+hashes new >new.hashes
+cp new.ply bad.ply && edited bad.ply 's/^element/comment epsg abc\n&/'
+tried=0
+
+# What the output folder of a disk is; a dataset counts as one when it verifies.
+look() {
+    if [[ ! -e $1 ]]; then
+        echo missing
+    elif [[ -z $(listing "$1") ]]; then
+        echo empty
+    else
+        hashes "$1" >found.hashes 2>/dev/null
+        if ! plyconvert verify --quiet "$1" >/dev/null 2>&1; then
+            echo broken
+        elif cmp -s found.hashes old.hashes; then
+            echo old
+        elif cmp -s found.hashes new.hashes; then
+            echo new
+        else
+            echo broken
+        fi
+    fi
+}
+
+# check DISK OUT STATE TEXT: what a cut has left, and what the next run makes of it. The output folder was as STATE
+# says before.
+declare -A known
+check() {
+    local disk=$1 out=$2 state=$3 name=$4 now key
+    key=$(cd "$disk" && find . -printf '%P %y\n' -type f -exec sha256sum {} + | LC_ALL=C sort | sha256sum)
+    if [[ -n ${known[$key]:-} ]]; then
+        now=${known[$key]}
+    else
+        now=$(look "$disk/$out")
+        known[$key]=$now
+        tried=$((tried + 1))
+        if [[ $now == missing && $state == old ]]; then
+            # The next run may fail: what was set aside is back before it does.
+            plyconvert --quiet --unchecked bad.ply "$disk/$out" 2>/dev/null
+            [[ $exchange == no && $(look "$disk/$out") =~ ^(old|new)$ ]] || known[$key]=lost
+        fi
+        plyconvert --quiet new.ply "$disk/$out" || fail "$name: the next run fails"
+        [[ $(look "$disk/$out") == new ]] || fail "$name: after the next run $(look "$disk/$out")"
+        now=${known[$key]}
+    fi
+    [[ $now == "$state" || $now == new || ($now == missing && $exchange == no) ]] ||
+        fail "$name: the output folder is $now"
+    found=$now
+}
+
+# check_cuts STATE OUT TEXT: every cut of the runs so far.
+check_cuts() {
+    local number disk seen=()
+    for ((number = 1; number <= $(find state/cuts -name '*.call' | wc -l); ++number)); do
+        for disk in lost names; do
+            check "state/cuts/$number.$disk" "$2" "$1" "$3, cut $number before $(cat "state/cuts/$number.call"), $disk"
+            seen+=("$found")
+        done
+    done
+    echo "$3: $(printf '%s\n' "${seen[@]}" | sort | uniq -c | paste -s -d ' ' | tr -s ' ')"
+    known=()
+}
+
+# watched COMMAND...: the program, every cut of which is written down.
+watched() {
+    env "${fault[@]}" FAULT_WATCH="powercut $scratch/state $scratch/disk" LD_PRELOAD="$FAULTS" plyconvert --quiet "$@"
+}
+
+# before STATE: the disk as it is before the run.
+before() {
+    rm -rf disk state && mkdir disk && cp new.ply disk
+    case $1 in
+    old) cp -r old disk/out ;;
+    empty) mkdir disk/out ;;
+    esac
+    powercut state disk begin
+}
+
+for exchange in yes no; do
+    fault=()
+    [[ $exchange == no ]] && fault=(FAULT_NO_EXCHANGE=1)
+    for state in old empty missing deep; do
+        name="exchange $exchange, before $state"
+        before "$state"
+        out=out
+        [[ $state == deep ]] && out=a/b/out && state=missing
+        watched disk/new.ply "disk/$out" || fail "$name: the run fails"
+        powercut state disk cut end
+        last=$(find state/cuts -name '*.call' | wc -l)
+        ((last >= 10)) || fail "$name: only $last cuts"
+        for disk in lost names; do
+            [[ $(look "state/cuts/$last.$disk/$out") == new ]] || fail "$name: done, and $disk holds no new dataset"
+        done
+        check_cuts "$state" "$out" "$name"
+    done
+done
+
+# The program is killed when it has exchanged the names; the next run cleans up, and the power is cut before its calls.
+for exchange in yes no; do
+    fault=()
+    [[ $exchange == no ]] && fault=(FAULT_NO_EXCHANGE=1)
+    for call in 8 9; do # before and after the folder that holds both is flushed
+        name="exchange $exchange, killed at call $call"
+        before old
+        fault+=(FAULT_KILL_AT=$call)
+        watched disk/new.ply disk/out 2>/dev/null
+        unset 'fault[-1]'
+        watched disk/new.ply disk/out || fail "$name: the next run fails"
+        check_cuts old out "$name"
+    done
+done
+echo "$tried different disks"
+((failures == 0))
