@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
-# Kills the conversion or the process that runs the converter, or interrupts it, at twenty moments spread over a
-# whole run, with an earlier dataset in place. Whatever happens, the output folder holds the earlier dataset or the
-# new one, whole, and the next run removes what a killed one left.
+# Kills the conversion or the process that runs the converter, or interrupts it, at moments drawn from a whole run,
+# with an earlier dataset in place. Whatever happens, the output folder holds the earlier dataset or the new one,
+# whole, and the next run removes what a killed one left.
 #
-#   PLYCONVERT_PATH=... kill_test.sh
+#   PLYCONVERT_PATH=... kill_test.sh [MOMENTS [SEED]]
+#
+# MOMENTS for each way to end a run, 20 unless given: one in each of so many equal parts of the run. SEED, 1 unless
+# given, decides where in its part a moment lies.
 set -u
 # shellcheck source=tests/cli/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 enter_scratch
 
-moments=20
+moments=${1:-20}
+RANDOM=${2:-1}
 record_options=(249 79)
 ply old.ply 62 1000
 ply new.ply 62 150000
@@ -49,11 +53,12 @@ strike() {
 declare -A outcomes
 for victim in child parent INT TERM HUP; do
     for ((moment = 0; moment < moments; ++moment)); do
-        name="$victim at $moment/$moments"
+        delay=$((duration * (moment * 32768 + RANDOM) / (moments * 32768)))
+        name="$victim after $delay of $duration us"
         rm -rf out && cp -r old out
         as_in_a_terminal plyconvert --quiet new.ply out 2>errors &
         pid=$!
-        sleep_microseconds $((duration * moment / moments))
+        sleep_microseconds "$delay"
         [[ $victim == parent ]] && child=$(cat "/proc/$pid/task/$pid/children" 2>/dev/null)
         strike "$victim" "$pid"
         wait "$pid" 2>/dev/null

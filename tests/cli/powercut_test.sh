@@ -117,7 +117,11 @@ done
 for exchange in yes no; do
     fault=()
     [[ $exchange == no ]] && fault=(FAULT_NO_EXCHANGE=1)
-    for call in 8 9; do # before and after the folder that holds both is flushed
+    # Calls 1 to 6 flush, call 7 exchanges the names; without the exchange calls 8 and 9 rename. Then the folder that
+    # holds both names is flushed: the kill comes before that and after.
+    flush=8
+    [[ $exchange == no ]] && flush=10
+    for call in $flush $((flush + 1)); do
         name="exchange $exchange, killed at call $call"
         before old
         fault+=(FAULT_KILL_AT=$call)
