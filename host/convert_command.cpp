@@ -128,24 +128,20 @@ ExitStatus runConvert(const ConvertOptions& options) {
 } // namespace
 
 void addConvertCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command =
-        program.add_subcommand("convert", "Convert a splat PLY file to a dataset (the word convert "
-                                          "may be left out)");
+    CLI::App* command = program.add_subcommand("convert", "Convert a splat PLY file to a dataset");
     command->footer(exitStatusTable);
     auto options = std::make_shared<ConvertOptions>();
     command->add_option("IN.ply", options->input, "the splat PLY file")->required();
-    command->add_option("OUT", options->output, "the dataset's folder; an earlier dataset in it is replaced")
+    command->add_option("OUT", options->output, "the dataset's folder; an earlier dataset is replaced")
         ->required();
-    command->add_flag("--force", options->force,
-                      "replace the folder whatever it holds: all of it is deleted");
+    command->add_flag("--force", options->force, "replace the folder with everything that it holds");
     command->add_flag("--dry-run", options->dryRun, "check everything, print the plan, convert nothing");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");
     command->add_flag("--json", options->json, "print the summary or the plan as JSON");
     command->add_flag("--allow-loss", options->allowLoss,
                       "publish though splats outside the grid are left out");
     command->add_flag("--unchecked", options->unchecked,
-                      "warn of what the check of the input, of free disk and of "
-                      "free memory would refuse");
+                      "only warn of a bad input, and of too little disk or memory");
     command->callback([options, &chosen] { chosen = [options] { return runConvert(*options); }; });
 }
 

@@ -184,8 +184,7 @@ void addExportCommand(CLI::App& program, Action& chosen) {
     command->add_option("OUT", options->dataset, "the dataset's folder")->required();
     command->add_option("scene.ply", options->scene, "the file to write")->required();
     command
-        ->add_option("--cell", options->cells,
-                     "export the cell with this key alone (info --cells lists them); may be repeated")
+        ->add_option("--cell", options->cells, "export this cell alone (see info --cells); may be repeated")
         ->type_name("KEY")
         ->expected(1)
         ->take_all();

@@ -92,8 +92,7 @@ void addInfoCommand(CLI::App& program, Action& chosen) {
     command->footer(exitStatusTable);
     auto options = std::make_shared<InfoOptions>();
     command->add_option("PATH", options->paths, "PLY files and datasets' folders")->required();
-    command->add_flag("--scan", options->scan,
-                      "read every record: the smallest and largest values are then those of the whole file");
+    command->add_flag("--scan", options->scan, "read every record, not some: for a box, and true extremes");
     command->add_flag("--json", options->json, "print one JSON object on a line for each path");
     command->add_flag("--cells", options->cells, "list a dataset's cells");
     command->callback([options, &chosen] { chosen = [options] { return runInfo(*options); }; });

@@ -49,9 +49,19 @@ ExitStatus printUsageError(const std::string& what) {
     return ExitStatus::Usage;
 }
 
+// Every line of help fits 80 columns; what is in brackets in the usage line need not be marked as optional
+// again.
+void layOutHelp(CLI::App& program) {
+    program.get_formatter()->column_width(20);
+    program.get_formatter()->label("REQUIRED", "");
+    program.get_formatter()->label("TEXT", "");
+}
+
 ExitStatus run(const std::vector<std::string>& words) {
-    CLI::App program("Converts Gaussian-splat PLY files to quantised datasets grouped by ground cell.",
+    CLI::App program("Converts Gaussian-splat PLY files to quantised datasets grouped by ground cell.\n"
+                     "\"plyconvert IN.ply OUT\" is short for \"plyconvert convert IN.ply OUT\".\n",
                      "plyconvert");
+    layOutHelp(program);
     program.set_version_flag("--version", versionText());
     program.footer(exitStatusTable);
     program.require_subcommand(1);

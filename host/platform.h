@@ -92,7 +92,7 @@ bool standardOutputIsTerminal();
 
 bool standardErrorIsTerminal();
 
-// Columns of the terminal on standard error; 80 when it does not tell.
+// Columns of the terminal on standard error, or else on standard output; 80 when neither tells.
 unsigned terminalColumns();
 
 // While it lives, a terminal takes what is written to it as UTF-8. On Windows it has a code page of its own,

@@ -149,7 +149,12 @@ bool standardErrorIsTerminal() {
 unsigned terminalColumns() {
     winsize size = {};
     constexpr unsigned usual = 80;
-    return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : usual;
+    for (const int stream : {STDERR_FILENO, STDOUT_FILENO}) {
+        if (::ioctl(stream, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+            return size.ws_col;
+        }
+    }
+    return usual;
 }
 
 TerminalText::TerminalText() : m_before(0) {}

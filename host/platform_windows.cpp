@@ -234,7 +234,8 @@ bool standardErrorIsTerminal() {
 unsigned terminalColumns() {
     CONSOLE_SCREEN_BUFFER_INFO facts = {};
     constexpr unsigned usual = 80;
-    if (!GetConsoleScreenBufferInfo(GetStdHandle(STD_ERROR_HANDLE), &facts)) {
+    if (!GetConsoleScreenBufferInfo(GetStdHandle(STD_ERROR_HANDLE), &facts) &&
+        !GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &facts)) {
         return usual;
     }
     const int columns = facts.srWindow.Right - facts.srWindow.Left + 1;

@@ -209,16 +209,19 @@ void addVerifyCommand(CLI::App& program, Action& chosen) {
     command->footer(exitStatusTable);
     auto options = std::make_shared<VerifyOptions>();
     command->add_option("OUT", options->dataset, "the dataset's folder")->required();
-    CLI::Option* quick = command->add_flag("--quick", options->quick,
-                                           "check the meta document, the sizes and the index alone");
-    command->add_flag("--full", options->full, "check every record as well (this is the default)")
-        ->excludes(quick);
-    command->add_option("--against", options->source,
-                        "compare every splat with the PLY file that the dataset was made of");
+    command->add_flag("--quick", options->quick, "check the meta document, the sizes and the index alone");
+    command->add_flag("--full", options->full, "check every record as well (this is the default)");
+    command->add_option("--against", options->source, "compare every splat with the file it was made of")
+        ->type_name("IN.ply");
     command->add_flag("--json", options->json, "print the report as JSON");
     command->add_flag("--strict", options->strict, "fail on warnings, too");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");
-    command->callback([options, &chosen] { chosen = [options] { return runVerify(*options); }; });
+    command->callback([options, &chosen] {
+        if (options->quick && options->full) {
+            throw CLI::ExcludesError("--quick", "--full");
+        }
+        chosen = [options] { return runVerify(*options); };
+    });
 }
 
 } // namespace Tavrin::SplatProgram
