@@ -44,6 +44,7 @@ settled() {
         -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
         -e 's/[0-9.:]+ (s|min), [0-9,]+ splats\/s/TIME, SPEED splats\/s/' \
         -e 's/, in [0-9.]+ s/, in TIME/' \
+        -e 's/(guid +)[0-9a-f]{32}/\1GUID/' \
         -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
         -e 's/[0-9.]+ [KMGTP]iB and FREE/NEED and FREE/' \
         -e 's/"seconds":[0-9.e+-]+,"splatsPerSecond":[0-9]+/"seconds":TIME,"splatsPerSecond":SPEED/' \
@@ -51,6 +52,7 @@ settled() {
 }
 
 failures=0
+commands=0
 command=
 : >"$scratch/expected"
 : >"$scratch/updated"
@@ -67,6 +69,7 @@ finish() {
     fi
     # The last line may lack its line feed.
     [[ -s $scratch/actual && -n $(tail -c 1 "$scratch/actual") ]] && echo >>"$scratch/actual"
+    commands=$((commands + 1))
     settled "$scratch/actual" >"$scratch/actual.settled"
     settled "$scratch/expected" >"$scratch/expected.settled"
     if ! diff -u --label expected "$scratch/expected.settled" --label printed "$scratch/actual.settled" \
@@ -108,6 +111,10 @@ done <"$transcript"
 if [[ $update == yes ]]; then
     cp "$scratch/updated" "$transcript"
     exit 0
+fi
+if ((commands == 0)); then
+    echo "There is no command in it."
+    exit 1
 fi
 if ((failures > 0)); then
     echo "$failures commands printed something else."
