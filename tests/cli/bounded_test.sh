@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# The memory of verify --full --against and of export is bounded whatever the size of the scene. 64 MiB are for what
+# is read ahead of all cells together, up to 17 batches of 8192 splats with 360 bytes each for the comparison (50 MB),
+# and as much again for the rest of the program.
+#
+#   PLYCONVERT_PATH=... bounded_test.sh
+set -u
+# shellcheck source=tests/cli/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+if ldd "$(command -v plyconvert)" | grep -q -e libasan -e libtsan; then
+    echo "skipped: a sanitizer takes memory of its own"
+    exit 77
+fi
+enter_scratch
+
+most=$((192 * 1024)) # KiB
+# measured NAME COMMAND...: runs it and says what it took.
+measured() {
+    local name=$1 started=$EPOCHREALTIME
+    shift
+    peak peak.txt "$@" >printed || fail "$name: $(tail -n 3 printed)"
+    # Both are microseconds once the point is out.
+    printf '%s: %d MiB, %d ms\n' "$name" $(($(<peak.txt) / 1024)) $(((${EPOCHREALTIME/./} - ${started/./}) / 1000))
+}
+
+makescene -n 4000001 --bounds town.ply || exit 1
+measured "convert" plyconvert town.ply town
+(($(<peak.txt) > most)) || fail "the conversion's peak is not seen"
+for command in "verify --full --against town.ply town" "export town back.ply" "info --scan town"; do
+    # shellcheck disable=SC2086
+    measured "$command" plyconvert $command
+    (($(<peak.txt) < most)) || fail "$command: $(<peak.txt) KiB"
+done
+((failures == 0))
