@@ -20,6 +20,8 @@
 namespace blackbox {
 namespace {
 
+#if !defined(_WIN32)
+
 using support::PlyFile;
 
 // Everything that a header can come to, the calls' results and the ends of the process.
@@ -49,8 +51,6 @@ PlyFile soundFile(bool coefficients) {
     }
     return ply;
 }
-
-#if !defined(_WIN32)
 
 // What standard output got and the folder holds, the guid's digits left out.
 std::string hashOfLeft(const fs::path& output, const fs::path& standardOutput) {
