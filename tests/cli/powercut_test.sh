@@ -119,7 +119,7 @@ for exchange in yes no; do
     [[ $exchange == no ]] && call=10
     name="exchange $exchange, killed at call $call"
     before old
-    fault+=(FAULT_KILL_AT=$call)
+    fault+=("FAULT_KILL_AT=$call")
     watched disk/new.ply disk/out 2>/dev/null
     unset 'fault[-1]'
     watched disk/new.ply disk/out || fail "$name: the next run fails"
