@@ -2,7 +2,6 @@
 
 #include "fuzz/target.h"
 
-#include <sched.h>
 #include <time.h>
 
 namespace fuzz {
@@ -21,11 +20,14 @@ void failProcessEnd(int status) {
     abort();
 }
 
-// The pools' pauses of 10 ms would leave a few dozen inputs a second.
-int yieldInstead(const timespec* pause, timespec* remaining) __asm__("__wrap_nanosleep");
+// The pools' pauses of 10 ms would leave a few dozen inputs a second. Not a yield: on a loaded machine that
+// gives the rest of the time slice away.
+int systemPause(const timespec* pause, timespec* remaining) __asm__("__real_nanosleep");
+int pauseBriefly(const timespec* pause, timespec* remaining) __asm__("__wrap_nanosleep");
 
-int yieldInstead(const timespec*, timespec*) {
-    return sched_yield();
+int pauseBriefly(const timespec*, timespec*) {
+    constexpr timespec brief{.tv_sec = 0, .tv_nsec = 20'000};
+    return systemPause(&brief, nullptr);
 }
 
 } // namespace fuzz
