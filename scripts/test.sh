@@ -5,7 +5,9 @@
 #   scripts/test.sh --dev           and the debug build
 #   scripts/test.sh --clang         and a release build with clang++
 #   scripts/test.sh --sanitizers    and address and undefined-behaviour sanitizers over every test, the thread
-#                                   sanitizer over the task pool, the run log and both parallel passes
+#                                   sanitizer over the task pool, the run log, both parallel passes and whole conversions
+#                                   in small blocks, the fuzz corpora among them;
+#                                   and valgrind over a conversion of each kind
 #   scripts/test.sh --windows       and the cross build for Windows, under wine
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
@@ -18,7 +20,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/packages.sh"
 
 usage() {
-    sed -n '2,13s/^# \{0,1\}//p' "$root/scripts/test.sh"
+    sed -n '2,15s/^# \{0,1\}//p' "$root/scripts/test.sh"
 }
 
 # configure FOLDER PRESET [OPTION...]
@@ -71,7 +73,8 @@ test_sanitizers() {
     build asan-ubsan
     run_tests asan-ubsan
     configure tsan tsan
-    build tsan --target taskpool_test runlog_test chunker_test scan_test share_test
+    build tsan --target taskpool_test runlog_test chunker_test scan_test share_test conversion_test \
+        header_fuzz conversion_fuzz
     # Where the kernel spreads addresses wider than the thread sanitizer of g++ 12 and 13 allows, it needs them in
     # order; a container may forbid that.
     if setarch -R true 2>/dev/null; then
@@ -79,6 +82,10 @@ test_sanitizers() {
     fi
     run_tests tsan --label-regex '^threads$'
     launcher=()
+    # What is shipped, under valgrind: a conversion of each kind.
+    configure release release
+    build release --target makescene convertonce
+    run_tests release --build-config Memcheck --label-regex '^memcheck$'
 }
 
 # Wine is started before the build, which lists each test program's tests by running it, and stopped however the tests
