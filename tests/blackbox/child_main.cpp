@@ -8,6 +8,7 @@
 //   flush-subnormals    set the processor's flush-to-zero and subnormals-are-zero modes
 //   one-processor       keep the process on one processor
 //   hardware-threads N  let the system report N hardware threads (Linux)
+//   few-threads         become a user who may have no more than a few threads (Linux)
 //   address-space N     limit the address space to N bytes
 //   free-files N        leave room for N more open files
 //   hold PATH           keep PATH open without sharing it (Windows)
@@ -103,6 +104,7 @@ struct Host {
         } else {
             callLibrary();
         }
+        say("peak-memory", std::to_string(child::peakMemory()));
         say("float-mode", child::floatMode() == before ? "kept" : "changed");
         say("locale", std::setlocale(LC_ALL, nullptr) == localeBefore ? "kept" : "changed");
     }
@@ -157,6 +159,8 @@ struct Host {
             child::keepToOneProcessor();
         } else if (name == "hardware-threads") {
             child::reportHardwareThreads(std::stoi(value));
+        } else if (name == "few-threads") {
+            child::limitThreads();
         } else if (name == "address-space") {
             child::limitAddressSpace(std::stoull(value));
         } else if (name == "free-files") {

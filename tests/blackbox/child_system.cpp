@@ -1,6 +1,7 @@
 #include "tests/blackbox/child_system.h"
 
 #include <cfenv>
+#include <fstream>
 #include <stdexcept>
 
 #if defined(__x86_64__) || defined(_M_X64)
@@ -83,6 +84,10 @@ void reportHardwareThreads(int) {
     throw std::runtime_error("the number of hardware threads cannot be set here");
 }
 
+void limitThreads() {
+    throw std::runtime_error("threads cannot be limited here");
+}
+
 void limitAddressSpace(std::uint64_t) {
     throw std::runtime_error("the address space cannot be limited here");
 }
@@ -106,6 +111,10 @@ void useUtf8Locale() {
     if (!windows_test::setUniversalLocale(".UTF-8")) {
         throw std::runtime_error("no UTF-8 locale");
     }
+}
+
+std::uint64_t peakMemory() {
+    return 0;
 }
 
 std::string narrowed(const std::filesystem::path& path) {
@@ -166,6 +175,15 @@ void setLimit(__rlimit_resource_t resource, rlim_t value) {
 
 } // namespace
 
+// Root is above such limits, so it becomes another user.
+void limitThreads() {
+    const auto lone = static_cast<uid_t>(20'000 + getpid() % 40'000);
+    setLimit(RLIMIT_NPROC, 6);
+    if (getuid() == 0 && setuid(lone) != 0) {
+        throw std::runtime_error("cannot become another user");
+    }
+}
+
 void limitAddressSpace(std::uint64_t bytes) {
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
@@ -189,6 +207,17 @@ void useOemFileFunctions() {
 
 void useUtf8Locale() {
     throw std::runtime_error("paths have no code page here");
+}
+
+// Not getrusage: its value is inherited from the process that started this one.
+std::uint64_t peakMemory() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            return std::stoull(line.substr(6)) * 1024;
+        }
+    }
+    return 0;
 }
 
 std::string narrowed(const std::filesystem::path& path) {

@@ -23,11 +23,15 @@ void flushSubnormals();
 
 void keepToOneProcessor();
 void reportHardwareThreads(int count);
+void limitThreads();
 void limitAddressSpace(std::uint64_t bytes);
 void limitFreeFiles(int count);
 void holdOpen(const std::string& path);
 void useOemFileFunctions();
 void useUtf8Locale();
+
+// Bytes of resident memory that the process has had at most; 0 where the system does not tell.
+std::uint64_t peakMemory();
 
 // A path as the 8-bit string that the library was given.
 std::string narrowed(const std::filesystem::path& path);

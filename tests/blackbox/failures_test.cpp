@@ -10,15 +10,6 @@
 #include <sys/stat.h>
 #endif
 
-// A sanitizer's runtime reserves terabytes of address space, so that no limit can be set on it.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
-#endif
-#endif
-
 namespace blackbox {
 namespace {
 
@@ -155,6 +146,26 @@ TEST_F(Failures, AnInputWithoutASizeThrowsFileSize) {
     const HostReport report = convert();
     writer.join();
     expectFileSystemError(report, "file_size", support::pathBytes(input), std::errc::not_supported);
+    expectOldOutputUntouched();
+}
+
+// The scan for the bounds starts its workers before the output folder is touched. Those that had started have
+// ended: the host reaches its end.
+TEST_F(Failures, AThreadThatCannotStartIsTheStandardSystemError) {
+    oneSplat().write(input);
+    makeOldOutput();
+    const HostReport report =
+        Host(scratch.folder())
+            .step("hardware-threads", "1000")
+            .step("folder", support::pathBytes(scratch.folder()))
+            .step("few-threads") // and with it another user, who may not come here by the path
+            .convert(std::string("scene.ply"), std::string("out"))
+            .run();
+    ASSERT_EQ(report.childFailure, "");
+    ASSERT_EQ(report.calls.size(), 1u);
+    EXPECT_EQ(report.calls.front().exception, "system_error");
+    EXPECT_EQ(report.calls.front().code, static_cast<int>(std::errc::resource_unavailable_try_again));
+    EXPECT_TRUE(report.endReached);
     expectOldOutputUntouched();
 }
 

@@ -40,6 +40,8 @@ void applyLine(HostReport& report, const std::string& key, const std::string& va
         call.path1 = value;
     } else if (key == "path2") {
         call.path2 = value;
+    } else if (key == "peak-memory") {
+        call.peakMemory = std::stoull(value);
     } else if (key == "float-mode") {
         call.floatModeKept = value == "kept";
     } else if (key == "locale") {

@@ -22,6 +22,8 @@ struct CallReport {
     int code = 0;
     std::string path1; // for filesystem_error
     std::string path2;
+    std::uint64_t peakMemory =
+        0; // bytes of resident memory at most until the call returned; 0: not known here
     bool floatModeKept = false;
     bool localeKept = false;
 };
