@@ -33,7 +33,7 @@ target_link_libraries(plyconvert_core PRIVATE $<BUILD_INTERFACE:plyconvert_setti
 
 add_library(plyconvert SHARED $<TARGET_OBJECTS:plyconvert_core>)
 add_library(plyconvert::plyconvert ALIAS plyconvert)
-target_link_libraries(plyconvert PRIVATE Threads::Threads)
+target_link_libraries(plyconvert PRIVATE Threads::Threads $<BUILD_INTERFACE:plyconvert_settings>)
 target_include_directories(plyconvert INTERFACE
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>)
 set_target_properties(plyconvert PROPERTIES
