@@ -9,14 +9,6 @@
 #include <system_error>
 #include <unistd.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
-#endif
-#endif
-
 namespace blackbox {
 namespace {
 
