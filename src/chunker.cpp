@@ -21,23 +21,9 @@ std::mutex chunkMutex; // the chunk lock: guards the shared ranges, the chunk li
 
 } // namespace
 
-namespace {
-
-// Spare memory pays where it is most of what the quantised splats take: several threads clear it then instead
-// of one. Where the records themselves are, fresh memory costs no more than that which was touched long ago.
-// A block below the size of a large page has none to hand on.
-std::uint64_t spareBytesOf(const Chunker::Task& task) {
-    const std::uint64_t quantised = task.count * quantisedSplatSize;
-    return movesLargePages && task.length >= largePage && task.length < quantised / 2
-               ? quantised - task.length
-               : 0;
-}
-
-} // namespace
-
 DecodeJob::DecodeJob(const Chunker::Task& blockTask)
-    : task(blockTask), windows(blockTask.count), spareBytes(spareBytesOf(blockTask)),
-      block(makeLargeArray<float>((blockTask.length + spareBytes) / sizeof(float))) {}
+    : task(blockTask), windows(blockTask.count),
+      block(makeLargeArray<float>(blockTask.length / sizeof(float))) {}
 
 ChunkPass::ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList)
     : bounding(std::move(sharedBounding)), chunks(std::move(chunkList)), blocks(chunkMutex) {}
@@ -56,7 +42,6 @@ void finishBlock(DecodeJob& job, ChunkPass& pass) {
     pass.finished.push_back({job.task.ordinal, job.ranges});
     pass.chunks->push_back(chunk);
     chunk->data = job.block.release();
-    chunk->spareBytes = job.spareBytes;
     chunk->cells = std::move(job.cells);
 }
 
@@ -70,17 +55,6 @@ void joinCells(DecodeJob& job, std::unique_ptr<ChunkCells> cells) {
     }
     for (const CellCount& cell : cells->counter.counts()) {
         job.cells->counter.add(cell.key, cell.splats);
-    }
-}
-
-// Touch the share of a block's spare memory that belongs to some of its records, so that the system clears it
-// on a worker's time.
-void touchSpare(DecodeJob& job, std::uint64_t first, std::uint64_t count) {
-    constexpr std::uint64_t smallPage = 4096;
-    const std::uint64_t each = job.spareBytes / job.task.count;
-    auto* const spare = reinterpret_cast<std::byte*>(job.block.get()) + job.task.length;
-    for (std::uint64_t at = first * each; at < (first + count) * each; at += smallPage) {
-        spare[at] = std::byte{0};
     }
 }
 
@@ -99,7 +73,6 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
         float* const window = job.block.get() + first * recordFloats;
         reader.read(task.offset + first * task.stride, window, count * task.stride);
         decodeRecords(window, count, hasShcoef, ranges);
-        touchSpare(job, first, count);
         for (std::uint64_t i = 0; cells && i < count; ++i) {
             const float* const position = window + i * recordFloats + positionAt;
             cells->counter.add(cellKey(position[0], position[1], cells->grid), 1);
@@ -203,7 +176,7 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
 void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept {
     for (std::shared_ptr<ChunkData>& chunk : chunks) {
         if (chunk) {
-            freeLarge(chunk->data, chunk->allocatedBytes(recordSize));
+            freeLarge(chunk->data, std::uint64_t{chunk->splatCount} * recordSize);
             chunk.reset();
         }
     }

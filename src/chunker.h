@@ -24,19 +24,12 @@ struct ChunkCells {
 struct ChunkData {
     std::uint32_t splatCount = 0;
     std::uint32_t level = 0;
-    // splatCount records in file order, and spareBytes more, from allocateLarge. Not freed here: the indexer
-    // frees it with freeLarge as soon as it has regrouped the block.
+    // splatCount records in file order, from allocateLarge. Not freed here: the indexer frees it with
+    // freeLarge as soon as it has regrouped the block.
     float* data = nullptr;
     // Counted while the block was in the cache, for scenes that have a grid; the indexer counts what is not
     // here.
     std::shared_ptr<const ChunkCells> cells;
-    // Memory behind the records that the workers have touched already: with theirs it is as much as the
-    // block's splats take once they are quantised, and pages of it are moved there.
-    std::uint64_t spareBytes = 0;
-
-    std::uint64_t allocatedBytes(std::uint64_t recordSize) const {
-        return splatCount * recordSize + spareBytes;
-    }
 };
 
 using ChunkList = std::vector<std::shared_ptr<ChunkData>>;

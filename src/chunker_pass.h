@@ -17,8 +17,7 @@ namespace Tavrin::GaussionSplat {
 struct DecodeJob {
     Chunker::Task task;
     WindowQueue windows;
-    std::uint64_t spareBytes;          // behind the records
-    LargeArray<float> block;           // the records, decoded in place, and the spare bytes
+    LargeArray<float> block;           // the records, decoded in place
     BlockRanges ranges;                // of the records decoded so far
     std::uint64_t decodedCount = 0;    // records decoded so far
     std::shared_ptr<ChunkCells> cells; // of the records decoded so far; empty without a grid

@@ -79,41 +79,16 @@ void prefetchSplat(const float* splat, std::size_t recordFloats) {
     }
 }
 
-// Offers the large pages of a chunk to the cells: those behind the records at once, the others when no splat
-// is left in them. A chunk below their size has none.
-class PageOffers {
-public:
-    PageOffers(const ChunkData& chunk, std::uint64_t chunkRecordBytes, CellTable& cellTable)
-        : table(cellTable), bytes(reinterpret_cast<std::byte*>(chunk.data)), recordBytes(chunkRecordBytes) {
-        const std::uint64_t records = chunk.splatCount * recordBytes;
-        const std::uint64_t size = chunk.allocatedBytes(recordBytes);
-        end = size >= largePage ? (records + largePage - 1) / largePage * largePage : 0;
-        for (std::uint64_t page = end; end > 0 && page < size; page += largePage) {
-            table.offer(bytes + page);
-        }
-    }
-
-    // Offer what lies before a record and was not offered yet.
-    void offerUpTo(std::uint64_t record) {
-        for (; offered + largePage <= std::min(end, record * recordBytes); offered += largePage) {
-            table.offer(bytes + offered);
-        }
-    }
-
-private:
-    CellTable& table;
-    std::byte* bytes;
-    std::uint64_t recordBytes;
-    std::uint64_t end;         // of the pages that hold records
-    std::uint64_t offered = 0; // bytes
-};
-
 // Quantise the splats of a chunk into their places.
 void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats,
                  const FastQuantiser& quantiser, CellTable& table) {
     SplatsData* places[splatsAhead];
     const bool hasShcoef = recordFloats == recordLayout(true).floats;
-    PageOffers offers(chunk, recordFloats * sizeof(float), table);
+    // The large pages of the block in which no splat is left to place go to the cells. A block below their
+    // size has none.
+    const std::uint64_t recordBytes = recordFloats * sizeof(float);
+    auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
+    std::uint64_t offered = 0;
     for (std::uint64_t done = 0; done < chunk.splatCount;) {
         const std::uint64_t left = chunk.splatCount - done;
         const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, splatsAhead));
@@ -133,7 +108,10 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
             quantiser.quantise(splat, *places[i]);
         }
         done += size;
-        offers.offerUpTo(done);
+        for (; chunk.splatCount * recordBytes >= largePage && offered + largePage <= done * recordBytes;
+             offered += largePage) {
+            table.offer(bytes + offered);
+        }
     }
 }
 
@@ -161,7 +139,7 @@ void Indexer::buildIndex() {
             CellTable& table = builds[chunk->level].table;
             placeSplats(*chunk, rule, recordFloats, quantiser, table);
             table.withdrawOffers();
-            freeLarge(chunk->data, chunk->allocatedBytes(recordFloats * sizeof(float)));
+            freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
             chunk.reset();
         }
     }

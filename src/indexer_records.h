@@ -2,7 +2,6 @@
 #pragma once
 
 #include "src/platform.h"
-#include "src/records.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,7 +25,7 @@ struct SplatsData {
     std::uint32_t packed[16]; // one word a coefficient, then zeros
     float raw[48];            // R0, G0, B0, R1, ... and three zeros
 };
-static_assert(sizeof(SplatsData) == quantisedSplatSize && alignof(SplatsData) == 4);
+static_assert(sizeof(SplatsData) == 288 && alignof(SplatsData) == 4);
 static_assert(offsetof(SplatsData, position) == 0 && offsetof(SplatsData, colour) == 12);
 static_assert(offsetof(SplatsData, scale) == 16 && offsetof(SplatsData, rotation) == 22);
 static_assert(offsetof(SplatsData, normal) == 26 && offsetof(SplatsData, packed) == 32);

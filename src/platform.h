@@ -67,13 +67,6 @@ inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
 void* allocateLarge(std::uint64_t bytes);
 void freeLarge(void* block, std::uint64_t bytes) noexcept;
 
-// Whether moveLargePage can succeed here.
-#if defined(__linux__)
-inline constexpr bool movesLargePages = true;
-#else
-inline constexpr bool movesLargePages = false;
-#endif
-
 // Put the memory of one large page in the place of another, untouched one, each a whole largePage of a block
 // of at least that size and aligned to it. What stood at from then stands at to, and from reads as zeros.
 // False, and nothing moved, where the system does not offer that. Throws AllocationError when the system

@@ -62,9 +62,6 @@ struct AttributeBounding {
     bool hasShcoef = true; // the input declares f_rest_0
 };
 
-// Bytes that a splat takes in memory once it is quantised.
-inline constexpr std::uint64_t quantisedSplatSize = 288;
-
 // Widen range by other: strict comparisons, so NaN never replaces a bound and of two equal bounds the first
 // stays. The x overload serves opacity, whose y and z stay empty.
 void widen(AttributeRange& range, const AttributeRange& other);
