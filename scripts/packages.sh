@@ -3,12 +3,13 @@
 # shellcheck disable=SC2034  # the lists are used there
 
 # Compiler and tools, the libraries of the program (CLI11, fmt, nlohmann-json), of the tests (GoogleTest) and of
-# the benchmarks, and what runs conversions to look for errors of memory.
+# the benchmarks, what runs conversions to look for errors of memory, the character tables from which a test makes a
+# locale, and what a project that uses the library asks for its flags.
 packages=(
     g++ cmake ninja-build
     libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    valgrind
+    valgrind locales pkg-config
 )
 clang_packages=(clang)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
