@@ -105,7 +105,7 @@ public:
     ~TerminalText();
 
 private:
-    unsigned m_before; // code page of the terminal; 0 without one
+    [[maybe_unused]] unsigned m_before; // code page of the terminal; 0 without one
 };
 
 } // namespace Tavrin::SplatProgram
