@@ -31,6 +31,7 @@ struct Options {
     int runs = 5;
     fs::path folder;
     bool scaling = false;
+    bool claimsMemory = true;
     bool json = false;
 };
 
@@ -135,25 +136,38 @@ Case measureCase(const Workplace& place, const Options& options, std::uint64_t s
     place.convert(); // untimed: fills the caches and tells the size of the output
     result.inputBytes = fs::file_size(place.scene());
     result.outputBytes = bytesIn(place.dataset());
+    const auto claim = [&] {
+        if (options.claimsMemory) {
+            measure::claimMemory(static_cast<std::uint64_t>(result.allowedPeak()) + result.outputBytes);
+        }
+    };
     for (int k = 0; k < options.runs; ++k) {
+        claim();
         result.floors.push_back(place.floor(result.outputBytes));
         fs::remove(place.copy());
+        claim();
         result.conversions.push_back(place.convert());
         fs::remove_all(place.dataset());
     }
     return result;
 }
 
-// With the scene that is there.
-Scaling measureScaling(const Workplace& place, const Options& options, std::uint64_t splats) {
+// With the scene of the case that was measured last.
+Scaling measureScaling(const Workplace& place, const Options& options, const Case& item) {
     Scaling result;
-    result.splats = splats;
+    result.splats = item.splats;
+    const auto convert = [&](int processors) {
+        if (options.claimsMemory) {
+            measure::claimMemory(static_cast<std::uint64_t>(item.allowedPeak()) + item.outputBytes);
+        }
+        return place.convert(processors);
+    };
     const auto parallelPart = [](const Run& run) { return run.stages[0] + run.stages[1]; };
     std::vector<Run> one;
     std::vector<Run> two;
     for (int k = 0; k < options.runs; ++k) {
-        one.push_back(place.convert(1));
-        two.push_back(place.convert(2));
+        one.push_back(convert(1));
+        two.push_back(convert(2));
     }
     result.one = medianOf(one, parallelPart);
     result.two = medianOf(two, parallelPart);
@@ -312,6 +326,8 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag(
         "--scaling", options.scaling,
         "also one processor against two, and workers' memory, with the largest scene with coefficients");
+    app.add_flag("!--no-claim", options.claimsMemory,
+                 "do not have another process fill and free as much memory just before each run");
     app.add_flag("--json", options.json, "JSON with every run instead of tables");
 }
 
@@ -327,7 +343,7 @@ void measureAll(const Options& options) {
         for (const std::uint64_t splats : options.splats) {
             cases.push_back(measureCase(place, options, splats, coefficients));
             if (options.scaling && coefficients && splats == most) {
-                scaling.push_back(measureScaling(place, options, splats));
+                scaling.push_back(measureScaling(place, options, cases.back()));
             }
         }
     }
@@ -336,10 +352,11 @@ void measureAll(const Options& options) {
         return;
     }
     const nlohmann::json facts = machine();
-    std::cout << fmt::format("{}, {} processors, {}, {}, compiler {}; {} runs, warm cache, medians.\n\n",
+    std::cout << fmt::format("{}, {} processors, {}, {}, compiler {}; {} runs, warm cache{}, medians.\n\n",
                              facts["processor"].get<std::string>(), facts["processors"].get<long>(),
                              facts["memory"].get<std::string>(), facts["system"].get<std::string>(),
-                             facts["compiler"].get<std::string>(), options.runs);
+                             facts["compiler"].get<std::string>(), options.runs,
+                             options.claimsMemory ? ", memory claimed" : "");
     printCases(cases);
     for (const Scaling& item : scaling) {
         printScaling(item);

@@ -12,8 +12,10 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 extern char** environ;
 
@@ -127,6 +129,27 @@ double seconds(const timeval& time) {
 }
 
 } // namespace
+
+void claimMemory(std::uint64_t bytes) {
+    constexpr std::uint64_t page = 4096;
+    // Not in this process: its children would inherit its peak.
+    const pid_t child = fork();
+    if (child == 0) {
+        void* const memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED) {
+            _exit(1);
+        }
+        (void)madvise(memory, bytes, MADV_HUGEPAGE);
+        for (std::uint64_t at = 0; at < bytes; at += page) {
+            static_cast<volatile char*>(memory)[at] = 1;
+        }
+        _exit(0);
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
+        throw std::runtime_error("cannot have " + std::to_string(bytes) + " bytes of memory");
+    }
+}
 
 Run run(const std::vector<std::string>& command, const std::filesystem::path& log, int processors) {
     Run result;

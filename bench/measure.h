@@ -35,6 +35,11 @@ struct Run {
 // watched log lacks a line.
 Run run(const std::vector<std::string>& command, const std::filesystem::path& log = {}, int processors = 0);
 
+// Makes sure that the system has this many bytes of memory at hand for the next process: another one fills as
+// many and ends. The host of a virtual machine may have taken back what was free for some seconds, and the
+// first touch of such memory costs several times as much. Throws std::runtime_error when it cannot be had.
+void claimMemory(std::uint64_t bytes);
+
 // The middle of the values, the mean of both for an even number. There must be one.
 double median(std::vector<double> values);
 
