@@ -44,18 +44,31 @@ std::array<double, 4> unpackRotation(std::uint32_t word) {
     return rotation;
 }
 
+namespace {
+
+// For each stored component, the square of the smallest magnitude that its interval holds.
+std::array<double, Format::rotationMaximum + 1> makeNearestSquares() {
+    std::array<double, Format::rotationMaximum + 1> squares{};
+    for (std::size_t stored = 0; stored < squares.size(); ++stored) {
+        const double low = static_cast<double>(stored) / Format::rotationFactor - 0.5;
+        const double high = std::min(static_cast<double>(stored + 1) / Format::rotationFactor, 1.0) - 0.5;
+        const double nearest = (low <= 0.0 && high >= 0.0 ? 0.0 : std::min(std::fabs(low), std::fabs(high))) /
+                               Format::rotationGain;
+        squares[stored] = nearest * nearest;
+    }
+    return squares;
+}
+
+} // namespace
+
 bool rotationPossible(std::uint32_t word) {
+    static const std::array<double, Format::rotationMaximum + 1> nearestSquares = makeNearestSquares();
     const RotationWord parts = unpackRotationWord(word);
     double squares = 0.0;
     double greatest = 0.0;
     for (const std::uint32_t stored : parts.component) {
-        const double low = stored / Format::rotationFactor - 0.5;
-        const double high = std::min((stored + 1) / Format::rotationFactor, 1.0) - 0.5;
-        // The smallest magnitude that the interval holds.
-        const double nearest = (low <= 0.0 && high >= 0.0 ? 0.0 : std::min(std::fabs(low), std::fabs(high))) /
-                               Format::rotationGain;
-        squares += nearest * nearest;
-        greatest = std::max(greatest, nearest * nearest);
+        squares += nearestSquares[stored];
+        greatest = std::max(greatest, nearestSquares[stored]);
     }
     constexpr double singlePrecisionSlack = 1e-5;
     return squares + greatest <= 1.0 + singlePrecisionSlack;

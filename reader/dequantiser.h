@@ -71,12 +71,14 @@ private:
         double min = 0.0;
         double step = 0.0; // 0 where every quantised value means `min`
         double last = 0.0; // the value at `maximum`
-        std::uint32_t maximum = 0;
+        double maximum = 0.0;
 
+        // In double precision throughout, so that loops over it become vector code. Quantised values have 16
+        // bits at most, and are faster to convert as signed ones.
         double value(std::uint32_t quantised) const {
-            // Below the maximum it is a small number, which is faster to convert as a signed one.
             const double q = static_cast<std::int32_t>(quantised);
-            return quantised >= maximum ? last : min + (q + 0.5) * step;
+            const double middle = min + (q + 0.5) * step;
+            return q >= maximum ? last : middle;
         }
     };
     static Axis makeAxis(const Range& range, std::size_t axis, std::uint32_t maximum, double factor);

@@ -1,7 +1,12 @@
 #include "reader/verify_records.h"
 
+#include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cmath>
+#include <future>
+#include <thread>
+#include <vector>
 
 #include "reader/dataset.h"
 #include "reader/grid.h"
@@ -28,6 +33,25 @@ std::string componentText(std::string_view name, std::size_t axis) {
     const std::string text = joined({"\"", name, "\" "});
     return text + (name == "color" || name == "shcoef" ? std::string(channels[axis])
                                                        : std::string("on axis ") + "xyz"[axis]);
+}
+
+void join(ComponentUse& use, const ComponentUse& more) {
+    use.lowest = std::min(use.lowest, more.lowest);
+    use.highest = std::max(use.highest, more.highest);
+    use.atZero += more.atZero;
+    use.atMaximum += more.atMaximum;
+}
+
+void join(RecordUse& use, const RecordUse& more) {
+    use.records += more.records;
+    use.undefinedRotations += more.undefinedRotations;
+    join(use.opacity, more.opacity);
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        join(use.colour[axis], more.colour[axis]);
+        join(use.scale[axis], more.scale[axis]);
+        join(use.normal[axis], more.normal[axis]);
+        join(use.coefficient[axis], more.coefficient[axis]);
+    }
 }
 
 void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {
@@ -60,27 +84,7 @@ public:
         ++use_.records;
     }
 
-    // The ranges come from the records, so their ends must have been met; records left out take that away.
-    RecordUse finish(bool nothingLeftOut) {
-        if (use_.records > 0 && nothingLeftOut) {
-            for (std::size_t axis = 0; axis < 3; ++axis) {
-                checkBytes("color", meta_.colour(), axis, use_.colour[axis]);
-                checkEnds("scale", meta_.scaleRange(), axis, use_.scale[axis], Format::wordMaximum);
-                checkEnds("normal", meta_.normal(), axis, use_.normal[axis], Format::wordMaximum);
-            }
-            checkBytes("opacity", meta_.opacity(), 0, use_.opacity);
-            if (meta_.hasCoefficients() && meta_.packed()) {
-                checkEnds("shcoef", meta_.coefficients(), 0, use_.coefficient[0], Format::redBlueMaximum);
-                checkEnds("shcoef", meta_.coefficients(), 1, use_.coefficient[1], Format::greenMaximum);
-                checkEnds("shcoef", meta_.coefficients(), 2, use_.coefficient[2], Format::redBlueMaximum);
-            }
-        }
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            checkCrowding("scale", axis, use_.scale[axis], meta_.scaleRange());
-            checkCrowding("normal", axis, use_.normal[axis], meta_.normal());
-        }
-        return use_;
-    }
+    const RecordUse& use() const { return use_; }
 
 private:
     void checkPosition(const Record& record, const IndexStream::Range* cell) {
@@ -161,6 +165,43 @@ private:
         }
     }
 
+    const Meta& meta_;
+    Grid grid_;
+    std::uint32_t coefficientSize_;
+    Findings& findings_;
+    RecordUse use_;
+    std::uint64_t at_ = 0;
+    std::uint64_t coefficientAt_ = 0;
+};
+
+// What all records together must satisfy.
+class UseVerifier {
+public:
+    UseVerifier(const Meta& meta, const RecordUse& use, Findings& findings)
+        : meta_(meta), use_(use), findings_(findings) {}
+
+    // The ranges come from the records, so their ends must have been met; records left out take that away.
+    void check(bool nothingLeftOut) {
+        if (use_.records > 0 && nothingLeftOut) {
+            for (std::size_t axis = 0; axis < 3; ++axis) {
+                checkBytes("color", meta_.colour(), axis, use_.colour[axis]);
+                checkEnds("scale", meta_.scaleRange(), axis, use_.scale[axis], Format::wordMaximum);
+                checkEnds("normal", meta_.normal(), axis, use_.normal[axis], Format::wordMaximum);
+            }
+            checkBytes("opacity", meta_.opacity(), 0, use_.opacity);
+            if (meta_.hasCoefficients() && meta_.packed()) {
+                checkEnds("shcoef", meta_.coefficients(), 0, use_.coefficient[0], Format::redBlueMaximum);
+                checkEnds("shcoef", meta_.coefficients(), 1, use_.coefficient[1], Format::greenMaximum);
+                checkEnds("shcoef", meta_.coefficients(), 2, use_.coefficient[2], Format::redBlueMaximum);
+            }
+        }
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            checkCrowding("scale", axis, use_.scale[axis], meta_.scaleRange());
+            checkCrowding("normal", axis, use_.normal[axis], meta_.normal());
+        }
+    }
+
+private:
     // The largest value of the source stands at the top step, the smallest at step 0.
     void checkEnds(const char* name, const Range& range, std::size_t axis, const ComponentUse& use,
                    std::uint32_t maximum) {
@@ -216,19 +257,21 @@ private:
     }
 
     const Meta& meta_;
-    Grid grid_;
-    std::uint32_t coefficientSize_;
+    const RecordUse& use_;
     Findings& findings_;
-    RecordUse use_;
-    std::uint64_t at_ = 0;
-    std::uint64_t coefficientAt_ = 0;
 };
 
-// Which range of the index the next record of data.bin belongs to.
+// Which range of the index the next record of data.bin belongs to, from record `first` on.
 class RangeWalker {
 public:
-    RangeWalker(DatasetFile& file, std::uint32_t levels, std::uint64_t entries)
-        : stream_(file, levels, entries) {}
+    RangeWalker(DatasetFile& file, std::uint32_t levels, std::uint64_t entries, std::uint64_t first)
+        : stream_(file, levels, entries) {
+        while (first > 0 && stream_.next(range_)) {
+            const auto passed = static_cast<std::uint32_t>(std::min<std::uint64_t>(first, range_.count));
+            first -= passed;
+            left_ = range_.count - passed;
+        }
+    }
 
     const IndexStream::Range* step() {
         while (left_ == 0) {
@@ -247,32 +290,87 @@ private:
     std::uint32_t left_ = 0;
 };
 
+// What the parts of one verification share.
+struct RecordsJob {
+    const std::filesystem::path& folder;
+    const VerifyOptions& options;
+    const Meta& meta;
+    std::uint64_t records;
+    std::uint64_t cells; // entries of the index
+    std::uint32_t coefficientSize;
+    bool useIndex;
+    std::atomic<std::uint64_t> done = 0; // records
+};
+
+// What was found in a part of the records.
+struct PartReport {
+    Findings findings;
+    RecordUse use;
+    bool isRead = false; // to its end
+};
+
+// Records [first, first + count). Progress is told from one of the parts alone.
+PartReport verifyPart(RecordsJob& job, std::uint64_t first, std::uint64_t count, bool tellsProgress) {
+    constexpr std::uint64_t progressEvery = 65536;
+    PartReport part{Findings(job.options.findingsPerKind), {}, false};
+    try {
+        DatasetFile index(job.folder, Format::indexFile);
+        RangeWalker walker(index, static_cast<std::uint32_t>(job.meta.totalLevel), job.cells,
+                           job.useIndex ? first : 0);
+        RecordVerifier verifier(job.meta, job.coefficientSize, part.findings);
+        RecordCursor cursor(job.folder, first, count, job.coefficientSize);
+        RecordCursor::View view{};
+        while (cursor.next(view)) {
+            verifier.check(view, job.useIndex ? walker.step() : nullptr);
+            if ((view.index - first) % progressEvery == progressEvery - 1) {
+                const std::uint64_t done = job.done += progressEvery;
+                if (tellsProgress && job.options.progress) {
+                    job.options.progress(done, job.records);
+                }
+            }
+        }
+        part.use = verifier.use();
+        part.isRead = true;
+    } catch (const DatasetError& error) { // a file shrank meanwhile, or cannot be read
+        const Finding& finding = error.finding();
+        part.findings.error(finding.kind, finding.file, finding.offset, finding.expected, finding.found);
+    }
+    return part;
+}
+
 } // namespace
 
 void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& options, bool useIndex,
                    VerifyReport& report) {
-    constexpr std::uint64_t progressEvery = 65536;
+    constexpr std::uint64_t fewest = 65536; // records that are worth a thread
+    constexpr std::uint64_t most = 16;      // parts: each has windows of its own
     const Meta& meta = *report.meta;
-    const std::uint64_t records = report.dataBytes / Format::recordSize;
     const std::uint32_t coefficientSize = !meta.hasCoefficients() ? 0
                                           : meta.packed()         ? Format::packedCoefficientSize
                                                                   : Format::rawCoefficientSize;
-    try {
-        DatasetFile index(folder, Format::indexFile);
-        RangeWalker walker(index, static_cast<std::uint32_t>(meta.totalLevel), report.cells);
-        RecordVerifier verifier(meta, coefficientSize, report.findings);
-        RecordCursor cursor(folder, 0, records, coefficientSize);
-        RecordCursor::View view{};
-        while (cursor.next(view)) {
-            verifier.check(view, useIndex ? walker.step() : nullptr);
-            if (options.progress && view.index % progressEvery == 0) {
-                options.progress(view.index, records);
-            }
-        }
-        report.use = verifier.finish(report.splatsLeftOut == 0 && useIndex);
-    } catch (const DatasetError& error) { // a file shrank meanwhile, or cannot be read
-        const Finding& finding = error.finding();
-        report.findings.error(finding.kind, finding.file, finding.offset, finding.expected, finding.found);
+    RecordsJob job{folder,       options,         meta,    report.dataBytes / Format::recordSize,
+                   report.cells, coefficientSize, useIndex};
+    const std::uint64_t processors = std::clamp<std::uint64_t>(std::thread::hardware_concurrency(), 1, most);
+    const std::uint64_t size = std::max((job.records + processors - 1) / processors, fewest);
+    std::vector<std::future<PartReport>> others;
+    for (std::uint64_t first = size; first < job.records; first += size) {
+        const std::uint64_t count = std::min(size, job.records - first);
+        // Where no thread can be had the part is read when it is asked for.
+        others.push_back(std::async(std::launch::async | std::launch::deferred,
+                                    [&job, first, count] { return verifyPart(job, first, count, false); }));
+    }
+    // Put together in the order of the records: the same findings on every machine, up to where a file ended.
+    PartReport part = verifyPart(job, 0, std::min(size, job.records), true);
+    RecordUse use = part.use;
+    report.findings.append(part.findings);
+    for (std::size_t i = 0; i < others.size() && part.isRead; ++i) {
+        part = others[i].get();
+        join(use, part.use);
+        report.findings.append(part.findings);
+    }
+    if (part.isRead) {
+        UseVerifier(meta, use, report.findings).check(report.splatsLeftOut == 0 && useIndex);
+        report.use = use;
     }
 }
 

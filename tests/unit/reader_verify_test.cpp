@@ -286,6 +286,57 @@ TEST(ReaderVerify, FindingsOfOneKindAreCountedPastTheirLimit) {
     EXPECT_EQ(report.findings.errors().size(), 2U);
 }
 
+// More records than one thread reads: what each finds comes together in the order of the file.
+TEST(ReaderVerify, ManyRecordsAreCheckedInTheirOrder) {
+    constexpr std::size_t count = 200'000;
+    std::vector<DatasetWriter::StoredSplat> splats = DatasetWriter::smallScene();
+    splats.resize(count, splats[1]);
+    Files files = DatasetWriter::oneCellFiles(splats);
+    constexpr std::size_t coefficientSize = 64;
+    for (const std::size_t broken : {count - 1, std::size_t{150'000}, std::size_t{3}}) {
+        files.coefficients[broken * coefficientSize + 60] = '\1';
+    }
+    const TemporaryFolder folder;
+    writeFiles(folder.path(), files);
+    VerifyOptions options;
+    options.level = VerifyLevel::full;
+    options.findingsPerKind = 2;
+    std::uint64_t told = 0;
+    options.progress = [&](std::uint64_t done, std::uint64_t all) {
+        EXPECT_EQ(all, count);
+        EXPECT_LE(told, done);
+        EXPECT_LE(done, all);
+        told = done;
+    };
+    const VerifyReport report = verifyDataset(folder.path(), options);
+    EXPECT_GT(told, 0U);
+    EXPECT_EQ(report.findings.errorKinds().at("record-padding"), 3U) << allFindings(report);
+    ASSERT_EQ(report.findings.errors().size(), 2U);
+    EXPECT_EQ(report.findings.errors()[0].offset, 3U * coefficientSize + 60);
+    EXPECT_EQ(report.findings.errors()[1].offset, 150'000U * coefficientSize + 60);
+    ASSERT_TRUE(report.use);
+    EXPECT_EQ(report.use->records, count);
+    EXPECT_EQ(report.use->opacity.atMaximum, 1U);
+    EXPECT_EQ(report.use->scale[2].lowest, 0U);
+    EXPECT_EQ(report.use->scale[2].highest, 65535U);
+}
+
+TEST(ReaderVerify, EveryOneOfManyRecordsIsLookedForInItsOwnCell) {
+    constexpr std::size_t each = 70'000;
+    std::vector<DatasetWriter::StoredSplat> first(each, DatasetWriter::smallScene()[1]);
+    std::vector<DatasetWriter::StoredSplat> second = first;
+    for (std::size_t i = 0; i < each; ++i) {
+        first[i].position = {-5.0F, -15.0F, 0.0F};
+        second[i].position = {25.0F, -15.0F, 0.0F};
+    }
+    second[each - 2].position = first[0].position;
+    const VerifyReport report = verify(DatasetWriter::gridFiles({{0, first}, {1, second}}));
+    EXPECT_EQ(report.findings.errorKinds().at("record-cell"), 1U) << allFindings(report);
+    EXPECT_THAT(allFindings(report), HasSubstr("byte " + std::to_string((2 * each - 2) * 32) +
+                                               ": expected a position in cell (1, 0), found (-5, -15, 0), "
+                                               "which lies in cell (0, 0)"));
+}
+
 TEST(ReaderVerify, AFolderThatIsNoneIsAFinding) {
     const TemporaryFolder folder;
     EXPECT_THAT(allFindings(verifyDataset(folder.path() / "none")),
