@@ -216,7 +216,9 @@ private:
     }
 
     void checkBytes(const char* name, const Range& range, std::size_t axis, const ComponentUse& use) {
-        if (!range.finite(axis) || range.min[axis] < 0.0 || range.max[axis] > 1.0) {
+        // A range that is not inside [0, 1] is another check's to report.
+        if (!range.finite(axis) || !(range.min[axis] >= 0.0 && range.min[axis] <= range.max[axis]) ||
+            range.max[axis] > 1.0) {
             return;
         }
         const auto lowest = static_cast<std::uint32_t>(static_cast<float>(range.min[axis]) * 255.0F);

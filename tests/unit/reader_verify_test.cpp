@@ -215,6 +215,11 @@ const std::vector<Fault>& faults() {
              inRecord(f, 0, 14, 200, 1);
          },
          "record-range", full},
+        {"colour range far turned round",
+         [](Files& f) {
+             inMeta(f, "\"color\",\n\t\t\t\"min\": [0, 0, 0]", "\"color\",\n\t\t\t\"min\": [0, 0, 1e13]");
+         },
+         "meta-range", full},
         {"highest opacity gone", [](Files& f) { inRecord(f, 4, 15, 7, 1); }, "record-range", full},
         {"highest coefficients gone",
          [](Files& f) { f.coefficients.replace(256, 60, std::string(60, '\1')); }, "record-range", full},
