@@ -57,6 +57,8 @@ std::string planText(const Plan& plan, const OutputPlace& output) {
         text += row("shcoef.bin", countText(plan.coefficientBytes, "byte", "bytes"));
     }
     text += row("index.bin", plan.areCellsKnown ? countText(plan.indexBytes, "byte", "bytes") : "not known");
+    text += row("meta document", "at most " + countText(plan.metaBytesAtMost, "byte", "bytes"));
+    text += row("log.txt", "at most " + countText(plan.logBytesAtMost, "byte", "bytes"));
     text += row("disk", fmt::format("{}, {} are free", bytesText(plan.diskBytes), bytesText(plan.freeDisk)));
     text += row("peak memory",
                 fmt::format("{}, {} are free", bytesText(plan.memory), bytesText(plan.freeMemory)));
@@ -83,6 +85,8 @@ std::string planJson(const Plan& plan, const OutputPlace& output, const std::vec
     json["leftOut"] = plan.cells.leftOut;
     json["dataBytes"] = plan.dataBytes;
     json["shcoefBytes"] = plan.coefficientBytes;
+    json["metaBytesAtMost"] = plan.metaBytesAtMost;
+    json["logBytesAtMost"] = plan.logBytesAtMost;
     json["diskBytes"] = plan.diskBytes;
     json["freeDiskBytes"] = plan.freeDisk;
     json["memoryBytes"] = plan.memory;

@@ -83,6 +83,9 @@ private:
     std::intptr_t m_handle;
 };
 
+// What a line feed of a text file becomes on the disk.
+std::uint64_t lineEndBytes();
+
 std::uint64_t ownProcessId();
 
 // False only when the system is sure that no process has this id.

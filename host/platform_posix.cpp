@@ -126,6 +126,10 @@ LockFile::~LockFile() {
     ::close(static_cast<int>(m_handle));
 }
 
+std::uint64_t lineEndBytes() {
+    return 1;
+}
+
 std::uint64_t ownProcessId() {
     return static_cast<std::uint64_t>(::getpid());
 }

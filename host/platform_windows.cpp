@@ -176,6 +176,11 @@ LockFile::~LockFile() {
     SetFileInformationByHandle(handle.get(), FileDispositionInfo, &removal, sizeof removal);
 }
 
+// CR LF
+std::uint64_t lineEndBytes() {
+    return 2;
+}
+
 std::uint64_t ownProcessId() {
     return GetCurrentProcessId();
 }

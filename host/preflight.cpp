@@ -3,6 +3,7 @@
 #include "figures.h"
 #include "platform.h"
 #include "reader/format.h"
+#include "text_sizes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -145,6 +146,8 @@ std::optional<Plan> makePlan(const std::optional<InputFacts>& input, const Outpu
                             [&](double share) { progress.update(Stage::Checking, pass + share * pass); });
     progress.clear();
     plan.indexBytes = plan.cells.cells * indexEntryBytes;
+    plan.metaBytesAtMost = metaBytesAtMost(plan);
+    plan.logBytesAtMost = logBytesAtMost(plan, output);
     if (plan.memory <= plan.freeMemory) {
         checkMemory(plan, verdict); // now that the fullest cell is known
     }

@@ -22,6 +22,8 @@ struct Plan {
     std::uint64_t dataBytes = 0;
     std::uint64_t coefficientBytes = 0;
     std::uint64_t indexBytes = 0;
+    std::uint64_t metaBytesAtMost = 0;
+    std::uint64_t logBytesAtMost = 0;
     std::uint64_t diskBytes = 0; // all files and room for the texts
     std::uint64_t freeDisk = 0;
     std::uint64_t memory = 0; // peak of the conversion

@@ -65,10 +65,14 @@ void cleanUpDeadRun(const fs::path& folder, std::uint64_t process) {
         renameFolder(replaced, folder);
     }
     removeDataset(replaced);
-    removeDataset(beside(folder, partialMark, process));
+    removeDataset(partialPath(folder, process));
 }
 
 } // namespace
+
+fs::path partialPath(const fs::path& folder, std::uint64_t process) {
+    return beside(folder, partialMark, process);
+}
 
 void cleanUpDeadRuns(const fs::path& folder) {
     std::set<std::uint64_t> processes;
@@ -85,7 +89,7 @@ void cleanUpDeadRuns(const fs::path& folder) {
 }
 
 PartialFolder::PartialFolder(OutputPlace place)
-    : m_place(std::move(place)), m_path(beside(m_place.folder, partialMark, ownProcessId())),
+    : m_place(std::move(place)), m_path(partialPath(m_place.folder, ownProcessId())),
       m_replaced(beside(m_place.folder, replacedMark, ownProcessId())) {
     createParents();
     const fs::path lockPath = beside(m_place.folder, partialMark, ownProcessId(), lockMark);

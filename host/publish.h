@@ -18,6 +18,9 @@ namespace Tavrin::SplatProgram {
 //   OUT.replaced-PID      the earlier dataset, for the moment between two renames on file systems without an
 //                         exchange of names
 
+// OUT.partial-PID of an output folder and a process id.
+std::filesystem::path partialPath(const std::filesystem::path& folder, std::uint64_t process);
+
 // Puts back an earlier dataset that a dead run had renamed but not yet replaced, and removes what dead runs
 // left beside the output folder. What live runs write, and files that no conversion writes, stay.
 void cleanUpDeadRuns(const std::filesystem::path& folder);
