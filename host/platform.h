@@ -95,11 +95,14 @@ bool standardOutputIsTerminal();
 
 bool standardErrorIsTerminal();
 
+// The terminal on standard error acts on control sequences instead of showing them.
+bool standardErrorTakesSequences();
+
 // Columns of the terminal on standard error, or else on standard output; 80 when neither tells.
 unsigned terminalColumns();
 
-// While it lives, a terminal takes what is written to it as UTF-8. On Windows it has a code page of its own,
-// which is put back afterwards.
+// While it lives, a terminal takes what is written to it as UTF-8, and control sequences on standard error.
+// On Windows both must be asked for, and are put back afterwards.
 class TerminalText {
 public:
     TerminalText();
@@ -108,7 +111,10 @@ public:
     ~TerminalText();
 
 private:
-    [[maybe_unused]] unsigned m_before; // code page of the terminal; 0 without one
+    // Windows alone reads them.
+    [[maybe_unused]] unsigned m_codePage;  // of the terminal before; 0 without one
+    [[maybe_unused]] unsigned long m_mode; // of the terminal on standard error before
+    [[maybe_unused]] bool m_isModeSet;
 };
 
 } // namespace Tavrin::SplatProgram

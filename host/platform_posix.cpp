@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -150,6 +152,11 @@ bool standardErrorIsTerminal() {
     return ::isatty(STDERR_FILENO) == 1;
 }
 
+bool standardErrorTakesSequences() {
+    const char* const kind = std::getenv("TERM");
+    return kind != nullptr && *kind != '\0' && std::string_view(kind) != "dumb";
+}
+
 unsigned terminalColumns() {
     winsize size = {};
     constexpr unsigned usual = 80;
@@ -161,7 +168,7 @@ unsigned terminalColumns() {
     return usual;
 }
 
-TerminalText::TerminalText() : m_before(0) {}
+TerminalText::TerminalText() : m_codePage(0), m_mode(0), m_isModeSet(false) {}
 
 TerminalText::~TerminalText() = default;
 

@@ -236,6 +236,13 @@ bool standardErrorIsTerminal() {
     return isConsole(STD_ERROR_HANDLE);
 }
 
+// TerminalText has asked for it.
+bool standardErrorTakesSequences() {
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) &&
+           (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+}
+
 unsigned terminalColumns() {
     CONSOLE_SCREEN_BUFFER_INFO facts = {};
     constexpr unsigned usual = 80;
@@ -247,15 +254,21 @@ unsigned terminalColumns() {
     return columns > 1 ? static_cast<unsigned>(columns) : usual;
 }
 
-TerminalText::TerminalText() : m_before(GetConsoleOutputCP()) {
-    if (m_before != 0) {
+TerminalText::TerminalText() : m_codePage(GetConsoleOutputCP()), m_mode(0), m_isModeSet(false) {
+    if (m_codePage != 0) {
         SetConsoleOutputCP(CP_UTF8);
     }
+    const HANDLE terminal = GetStdHandle(STD_ERROR_HANDLE);
+    m_isModeSet = GetConsoleMode(terminal, &m_mode) &&
+                  SetConsoleMode(terminal, m_mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
 }
 
 TerminalText::~TerminalText() {
-    if (m_before != 0) {
-        SetConsoleOutputCP(m_before);
+    if (m_codePage != 0) {
+        SetConsoleOutputCP(m_codePage);
+    }
+    if (m_isModeSet) {
+        SetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), m_mode);
     }
 }
 

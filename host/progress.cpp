@@ -15,6 +15,11 @@ namespace {
 constexpr std::chrono::milliseconds leastInterval(170); // less than six updates a second
 constexpr double leastDone = 0.04;                      // before that the estimate jumps
 
+// Control sequences (ECMA-48 and DEC), which every terminal of today takes.
+constexpr std::string_view eraseBelow = "\x1b[J"; // from the cursor on
+constexpr std::string_view wrapOff = "\x1b[?7l";
+constexpr std::string_view wrapOn = "\x1b[?7h";
+
 struct StageFacts {
     const char* name;
     double
@@ -94,8 +99,6 @@ std::optional<double> Progress::secondsLeft(std::optional<double> share, double 
 void Progress::clear() {
     if (m_lineLength > 0) {
         write("");
-        std::fputc('\r', stderr);
-        m_lineLength = 0;
     }
 }
 
@@ -103,13 +106,20 @@ double Progress::seconds() const {
     return std::chrono::duration<double>(Clock::now() - m_start).count();
 }
 
-// Only carriage returns and blanks are used, which every terminal knows. A line as wide as the terminal would
-// wrap.
+// The cursor rests on the first column. A terminal that becomes narrower may break the line in two, and then
+// keeps the cursor at the start of the first: what is below is erased with it. A line as wide as the terminal
+// would wrap, and so would one that is written while the terminal shrinks, unless it is told not to.
 void Progress::write(std::string line) {
-    line.resize(std::min<std::size_t>(line.size(), terminalColumns() - 1));
+    const std::size_t room = terminalColumns() - 1;
+    line.resize(std::min(line.size(), room));
     const std::size_t length = line.size();
-    line.append(m_lineLength > length ? m_lineLength - length : 0, ' ');
-    line.insert(line.begin(), '\r');
+    if (!standardErrorTakesSequences()) {
+        line.append(std::min(std::max(m_lineLength, length), room) - length, ' ');
+        line = fmt::format("\r{}\r", line);
+    } else {
+        // Erasing comes last: some terminals keep what they show when they are told to erase all of it.
+        line = fmt::format("\r{}{}{}{}\r", wrapOff, line.empty() ? " " : line, eraseBelow, wrapOn);
+    }
     std::fwrite(line.data(), 1, line.size(), stderr);
     m_lineLength = length;
 }

@@ -4,12 +4,12 @@
 
 # Compiler and tools, the libraries of the program (CLI11, fmt, nlohmann-json), of the tests (GoogleTest) and of
 # the benchmarks, what runs conversions to look for errors of memory, the character tables from which a test makes a
-# locale, and what a project that uses the library asks for its flags.
+# locale, what a project that uses the library asks for its flags, and a terminal that changes its size.
 packages=(
     g++ cmake ninja-build
     libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    valgrind locales pkg-config
+    valgrind locales pkg-config tmux
 )
 clang_packages=(clang)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.

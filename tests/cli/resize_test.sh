@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Makes the terminal narrower and wider while a conversion shows how far it is: there is one line of progress at every
+# width, nothing of an earlier one is left, and what stood on the terminal before stays. The process that runs the
+# converter is stopped meanwhile, so that the run waits for the terminal.
+#
+#   PLYCONVERT_PATH=... resize_test.sh
+set -u
+# shellcheck source=tests/cli/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+command -v tmux >/dev/null || { echo "skipped: there is no tmux" && exit 77; }
+enter_scratch
+
+terminal() {
+    tmux -S "$scratch/terminal" -f /dev/null "$@"
+}
+converter=
+trap 'kill -CONT $converter 2>/dev/null; terminal kill-server 2>/dev/null; rm -rf "$scratch"' EXIT
+
+# Everything that was shown and still stands, without empty lines.
+shown() {
+    terminal capture-pane -p -S - | grep -v '^ *$'
+}
+
+# wait_for COMMAND...: until it succeeds, for a minute at most.
+wait_for() {
+    local try
+    for ((try = 0; try < 1200; ++try)); do
+        "$@" && return
+        sleep 0.05
+    done
+    echo "waited in vain for: $*" && shown
+    exit 1
+}
+
+progress='^(checking|measuring|reading|grouping|writing|verifying|flushing) '
+has_progress() { shown | grep -q -E "$progress"; }
+has_other_progress() { [[ $(shown | grep -E "$progress" | tail -n 1) != "$1" ]]; }
+has_ended() { [[ -e ended ]]; }
+
+ply in.ply 62 20000
+terminal new-session -d -x 100 -y 12 "printf '%s\n' first second
+    sh -c 'echo \$\$ >run; exec plyconvert in.ply out'; echo \$? >ended; cat"
+terminal set-option -g status off
+terminal resize-window -x 100 -y 12
+wait_for test -s run
+converter=$(child_of "$(cat run)")
+kill -STOP "$converter"
+for width in 100 60 40 80 38 100; do
+    terminal resize-window -x "$width" -y 12
+    # The line after the next is certainly drawn for the new width.
+    for _ in 1 2; do
+        wait_for has_progress
+        wait_for has_other_progress "$(shown | grep -E "$progress" | tail -n 1)"
+    done
+    shown >lines
+    [[ $(head -n 2 lines) == $'first\nsecond' && $(wc -l <lines) == 3 && $(tail -n 1 lines) =~ $progress ]] ||
+        fail "$width columns show: $(cat lines)"
+done
+kill -CONT "$converter"
+wait_for has_ended
+shown >lines
+[[ $(cat ended) == 0 && $(head -n 2 lines) == $'first\nsecond' && $(sed -n 3p lines) == 'out: 20,000 splats in 1 cell'* ]] ||
+    fail "in the end there is: $(cat ended lines)"
+((failures == 0))
