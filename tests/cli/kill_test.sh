@@ -3,10 +3,11 @@
 # with an earlier dataset in place. Whatever happens, the output folder holds the earlier dataset or the new one,
 # whole, and the next run removes what a killed one left.
 #
-#   PLYCONVERT_PATH=... kill_test.sh [MOMENTS [SEED]]
+#   PLYCONVERT_PATH=... kill_test.sh [MOMENTS [SEED [SPLATS]]]
 #
 # MOMENTS for each way to end a run, 20 unless given: one in each of so many equal parts of the run. SEED, 1 unless
-# given, decides where in its part a moment lies.
+# given, decides where in its part a moment lies. SPLATS of the new dataset, 150,000 unless given: fewer where a build
+# is slow.
 set -u
 # shellcheck source=tests/cli/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -14,9 +15,10 @@ enter_scratch
 
 moments=${1:-20}
 RANDOM=${2:-1}
+splats=${3:-150000}
 record_options=(249 79)
 ply old.ply 62 1000
-ply new.ply 62 150000
+ply new.ply 62 "$splats"
 plyconvert --quiet old.ply old || exit 1
 started=$(date +%s%N)
 plyconvert --quiet new.ply new || exit 1
