@@ -109,10 +109,12 @@ OutputPlace resolveOutput(const std::string& name) {
     if (!place.folder.has_filename() && place.folder != place.folder.root_path()) {
         place.folder = place.folder.parent_path();
     }
-    if (fs::is_symlink(fs::symlink_status(place.folder, error))) {
+    place.exists = fs::exists(place.folder, error);
+    // Not every C++ library knows the links of every system.
+    if (fs::is_symlink(fs::symlink_status(place.folder, error)) ||
+        (!place.exists && isMountPoint(place.folder))) {
         refuse(name, "is a link that leads nowhere: remove it, or create the folder behind it");
     }
-    place.exists = fs::exists(place.folder, error);
     place.foundation = place.folder;
     while (!fs::exists(place.foundation, error) && place.foundation != place.foundation.root_path()) {
         place.foundation = place.foundation.parent_path();

@@ -121,7 +121,12 @@ TEST(PlatformMemory, IsNoMoreThanTheMachines) {
     EXPECT_LE(availableMemory(), machine.ullTotalPhys);
 }
 
-// Child processes: this program, started with one of the next four as the only test.
+std::vector<std::string> childWords(const std::string& test) {
+    return {"--gtest_also_run_disabled_tests", "--gtest_filter=ChildSide.DISABLED_" + test,
+            "--gtest_catch_exceptions=0"};
+}
+
+// Child processes: this program, started with one of the next six as the only test.
 
 TEST(ChildSide, DISABLED_PrintsItsWords) {
     for (const std::string& word : commandLineWords(0, nullptr)) {
@@ -144,14 +149,38 @@ TEST(ChildSide, DISABLED_Waits) {
     Sleep(INFINITE);
 }
 
+// Where a child of a child says who it is.
+constexpr const char* idFile = "PLYCONVERT_TEST_ID_FILE";
+
+TEST(ChildSide, DISABLED_SaysItsIdAndWaits) {
+    support::writeFile(pathFromText(std::getenv(idFile)), std::to_string(ownProcessId()) + '\n');
+    Sleep(INFINITE);
+}
+
+TEST(ChildSide, DISABLED_HasAChildThatWaits) {
+    const ChildProcess child(childWords("SaysItsIdAndWaits"));
+    Sleep(INFINITE);
+}
+
 TEST(ChildSide, DISABLED_Crashes) {
     // What such an exception ends with when nobody catches it; raising one would start wine's debugger.
     TerminateProcess(GetCurrentProcess(), EXCEPTION_ACCESS_VIOLATION);
 }
 
-std::vector<std::string> childWords(const std::string& test) {
-    return {"--gtest_also_run_disabled_tests", "--gtest_filter=ChildSide.DISABLED_" + test,
-            "--gtest_catch_exceptions=0"};
+HANDLE startChildSide(const std::string& test) {
+    std::wstring program(MAX_PATH, L'\0');
+    program.resize(GetModuleFileNameW(nullptr, program.data(), MAX_PATH));
+    std::wstring line = L"child";
+    for (const std::string& word : childWords(test)) {
+        line += L' ' + pathFromText(word).native();
+    }
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = {};
+    EXPECT_TRUE(CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS,
+                               nullptr, nullptr, &startup, &process));
+    CloseHandle(process.hThread);
+    return process.hProcess;
 }
 
 void waitForEnd(ChildProcess& child) {
@@ -187,6 +216,29 @@ TEST(PlatformChild, EndsWithTheObject) {
     ChildProcess child(childWords("Waits"));
     EXPECT_FALSE(child.waitFor(std::chrono::milliseconds(1)));
     // Its destructor returns when the process has ended; the test ends only then.
+}
+
+// Killed from outside, the process that has the object runs no destructor.
+TEST(PlatformChild, EndsWithTheProcessThatStartedIt) {
+    constexpr DWORD patience = 120'000; // milliseconds
+    const support::Scratch scratch;
+    const fs::path idPath = scratch / "id";
+    SetEnvironmentVariableA(idFile, textFromPath(idPath).c_str());
+    // Not a ChildProcess: its job would end the child's child, too.
+    const HANDLE parent = startChildSide("HasAChildThatWaits");
+    std::string id;
+    while (!id.ends_with('\n') && WaitForSingleObject(parent, 20) == WAIT_TIMEOUT) {
+        id = fs::exists(idPath) ? support::readFile(idPath) : "";
+    }
+    ASSERT_TRUE(id.ends_with('\n')) << "the parent has ended";
+    const HANDLE child = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, std::stoul(id));
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(WaitForSingleObject(child, 0), DWORD{WAIT_TIMEOUT}) << "it ends by itself";
+    TerminateProcess(parent, 1);
+    CloseHandle(parent);
+    EXPECT_EQ(WaitForSingleObject(child, patience), DWORD{WAIT_OBJECT_0}) << "it lives on";
+    TerminateProcess(child, 1);
+    CloseHandle(child);
 }
 
 TEST(PlatformChild, ThatCrashesNamesTheException) {

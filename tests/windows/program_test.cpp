@@ -8,7 +8,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 #include <windows.h>
 
@@ -25,9 +27,106 @@ constexpr int usage = 1;
 constexpr int inputRefused = 2;
 constexpr int outputRefused = 3;
 constexpr int verificationFailed = 6;
+constexpr int interrupted = 130;
 
 const std::set<std::string> datasetNames = {"converted_from_ply.ytr", "data.bin", "index.bin", "log.txt",
                                             "shcoef.bin"};
+
+// The program, started and not waited for. A process group of its own gets Ctrl-Break alone; without one, the
+// program gets what its caller's console gets.
+class Running {
+public:
+    Running(const std::vector<std::string>& words, const fs::path& errors) {
+        SECURITY_ATTRIBUTES inherit = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+        const HANDLE file = CreateFileW(errors.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                        CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof startup;
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = file;
+        startup.hStdError = file;
+        std::string line = PLYCONVERT_PROGRAM;
+        for (const std::string& word : words) {
+            line += " \"" + word + '"';
+        }
+        std::wstring wide = support::pathFromText(line).native();
+        EXPECT_TRUE(CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                   &startup, &m_process));
+        CloseHandle(file);
+    }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+    ~Running() {
+        CloseHandle(m_process.hThread);
+        CloseHandle(m_process.hProcess);
+    }
+
+    DWORD id() const { return m_process.dwProcessId; }
+
+    bool hasEnded() const { return WaitForSingleObject(m_process.hProcess, 0) == WAIT_OBJECT_0; }
+
+    // From outside, without a chance to clean up.
+    void kill() const { TerminateProcess(m_process.hProcess, 1); }
+
+    int status() const {
+        WaitForSingleObject(m_process.hProcess, INFINITE);
+        DWORD status = 0;
+        GetExitCodeProcess(m_process.hProcess, &status);
+        return static_cast<int>(status);
+    }
+
+private:
+    PROCESS_INFORMATION m_process = {};
+};
+
+// A link to a folder, while this object lives. Wine makes none, but takes those of the system below it for
+// what they are.
+class FolderLink {
+public:
+    FolderLink(const fs::path& target, fs::path link) : m_link(std::move(link)) {
+        constexpr DWORD unprivileged = 2; // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
+        CreateSymbolicLinkW(m_link.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY | unprivileged);
+        m_isBelow = !exists();
+        if (m_isBelow) {
+            runBelow(L"ln", L"-s " + target.generic_wstring(), true);
+        }
+    }
+    FolderLink(const FolderLink&) = delete;
+    FolderLink& operator=(const FolderLink&) = delete;
+    // Before what it leads to goes: wine cannot remove one that leads nowhere.
+    ~FolderLink() {
+        if (m_isBelow) {
+            runBelow(L"rm", L"", false);
+        } else {
+            RemoveDirectoryW(m_link.c_str());
+        }
+    }
+
+    const fs::path& path() const { return m_link; }
+
+    bool exists() const {
+        const DWORD attributes = GetFileAttributesW(m_link.c_str());
+        return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    }
+
+private:
+    // Runs a program of the system below on the link until it is there, or is not.
+    void runBelow(const std::wstring& program, const std::wstring& words, bool isThere) const {
+        std::wstring line = program + L' ' + words + L' ' + m_link.generic_wstring();
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION process = {}; // without handles: it is none of wine's
+        const BOOL isStarted = CreateProcessW((L"Z:\\bin\\" + program).c_str(), line.data(), nullptr, nullptr,
+                                              FALSE, 0, nullptr, nullptr, &startup, &process);
+        EXPECT_TRUE(isStarted);
+        while (isStarted && exists() != isThere) {
+            Sleep(1);
+        }
+    }
+
+    fs::path m_link;
+    bool m_isBelow = false;
+};
 
 class Program : public testing::Test {
 protected:
@@ -247,6 +346,131 @@ TEST_F(Program, LeavesWhatALiveRunWrites) {
     EXPECT_EQ(names(), (std::set<std::string>{"out", "out.partial-4000000001", "out.partial-4000000001.lock",
                                               "scene.ply"}));
     CloseHandle(held);
+}
+
+// A last part that is a link leads to the folder behind it.
+TEST_F(Program, ReplacesTheDatasetBehindALink) {
+    convertFirst(10);
+    const FolderLink link(output, work / "link");
+    const fs::path other = work / "other.ply";
+    write(other, 20);
+    ASSERT_EQ(convert(other, link.path()).status, done);
+    EXPECT_EQ(support::readFile(output / "data.bin").size(), 20u * 32);
+    EXPECT_TRUE(link.exists());
+    EXPECT_EQ(names(), (std::set<std::string>{"link", "other.ply", "out", "scene.ply"}));
+}
+
+TEST_F(Program, RefusesAFolderWithALinkInItThoughForced) {
+    convertFirst(10);
+    fs::create_directories(work / "mine");
+    const FolderLink link(output, work / "mine" / "link");
+    const std::vector<std::string> words = {"--force", support::textOf(input),
+                                            support::textOf(work / "mine")};
+    expectRefusal(run(words), outputRefused, "mounted at");
+    EXPECT_EQ(support::filesUnder(output), datasetNames);
+    EXPECT_EQ(names(), (std::set<std::string>{"mine", "out", "scene.ply"}));
+}
+
+TEST_F(Program, RefusesAFolderThatHoldsTheInputByALink) {
+    write(input, 10);
+    const FolderLink link(work, scratch / "link");
+    expectRefusal(convert(input, link.path()), outputRefused, "holds the input");
+    expectRefusal(convert(link.path() / "scene.ply", work), outputRefused, "holds the input");
+}
+
+// A conversion that is under way, with an earlier dataset in place.
+class ProgramUnderWay : public Program {
+protected:
+    std::string earlier; // data.bin
+
+    void SetUp() override {
+        Program::SetUp();
+        convertFirst(10);
+        earlier = support::readFile(output / "data.bin");
+        write(input, 200'000);
+    }
+
+    // Starts conversions until one is met while the converter writes, and does to it what is wanted. Which
+    // moment that is, chance decides; that a conversion ends before is rare.
+    int strike(const std::function<void(const Running&)>& blow) const {
+        constexpr int attempts = 20;
+        for (int attempt = 0; attempt < attempts; ++attempt) {
+            const Running program({support::textOf(input), support::textOf(output)}, scratch / "errors");
+            const fs::path partial = work / ("out.partial-" + std::to_string(program.id()));
+            while (!fs::exists(partial) && !program.hasEnded()) {
+                Sleep(1);
+            }
+            blow(program);
+            const int status = program.status();
+            if (status != done) {
+                return status;
+            }
+        }
+        return done;
+    }
+
+    void expectTheEarlierDataset() const {
+        EXPECT_TRUE(support::readFile(output / "data.bin") == earlier);
+        EXPECT_EQ(support::filesUnder(output), datasetNames);
+    }
+};
+
+// With a console of this process's own, so that an event reaches nobody but the program and the process
+// itself.
+class ProgramInAConsole : public ProgramUnderWay {
+protected:
+    void SetUp() override {
+        ProgramUnderWay::SetUp();
+        FreeConsole();
+        ASSERT_TRUE(AllocConsole());
+        SetConsoleCtrlHandler(ignore, TRUE);
+    }
+
+    void TearDown() override {
+        SetConsoleCtrlHandler(ignore, FALSE);
+        FreeConsole();
+    }
+
+    void interruptBy(DWORD event) const {
+        const int status =
+            strike([event](const Running&) { EXPECT_TRUE(GenerateConsoleCtrlEvent(event, 0)); });
+        EXPECT_EQ(status, interrupted);
+        EXPECT_EQ(support::withPlainLineEnds(support::readFile(scratch / "errors")),
+                  "plyconvert: error: interrupted: nothing was published, what was written is removed\n");
+        expectTheEarlierDataset();
+        EXPECT_EQ(names(), (std::set<std::string>{"out", "scene.ply"}));
+    }
+
+private:
+    static BOOL WINAPI ignore(DWORD) { return TRUE; }
+};
+
+TEST_F(ProgramInAConsole, EndsAtCtrlC) {
+    interruptBy(CTRL_C_EVENT);
+}
+
+TEST_F(ProgramInAConsole, EndsAtCtrlBreak) {
+    if (!GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, 0)) {
+        GTEST_SKIP() << "this system sends no Ctrl-Break, as wine 8.0 does not";
+    }
+    interruptBy(CTRL_BREAK_EVENT);
+}
+
+// The converter ends with the program, sooner or later; then its folder can be removed.
+TEST_F(ProgramUnderWay, LeavesTheEarlierDatasetWhenKilled) {
+    EXPECT_EQ(strike([](const Running& program) { program.kill(); }), 1);
+    expectTheEarlierDataset();
+    const std::set<std::string> left = names();
+    EXPECT_EQ(left.size(), 4u) << "the folder that was written, and its lock";
+    support::writeFile(work / "bad.ply", "no PLY file");
+    const auto cleanUp = [&] {
+        return run({"--unchecked", support::textOf(work / "bad.ply"), support::textOf(output)}).status;
+    };
+    while (cleanUp() == inputRefused && names().size() > 3) {
+        Sleep(10);
+    }
+    EXPECT_EQ(names(), (std::set<std::string>{"bad.ply", "out", "scene.ply"}));
+    expectTheEarlierDataset();
 }
 
 } // namespace
