@@ -58,7 +58,8 @@ for victim in child parent INT TERM HUP; do
         delay=$((duration * (moment * 32768 + RANDOM) / (moments * 32768)))
         name="$victim after $delay of $duration us"
         rm -rf out && cp -r old out
-        as_in_a_terminal plyconvert --quiet new.ply out 2>errors &
+        # Under nohup, too, the end of the terminal ends it.
+        as_in_a_terminal env --default-signal=HUP plyconvert --quiet new.ply out 2>errors &
         pid=$!
         sleep_microseconds "$delay"
         [[ $victim == parent ]] && child=$(cat "/proc/$pid/task/$pid/children" 2>/dev/null)

@@ -97,10 +97,9 @@ small_disk() {
 }
 
 # as_in_a_terminal COMMAND...: for a job in the background. It answers Ctrl-C, which such jobs of a script ignore, and
-# the end of its terminal, which it ignores under nohup; and its process group is its own, with its process id for a
-# number.
+# its process group is its own, with its process id for a number.
 as_in_a_terminal() {
-    exec setsid env --default-signal=INT,HUP "$@"
+    exec setsid env --default-signal=INT "$@"
 }
 
 # child_of PID: the process that it started; waits until there is one, or until PID has ended.
