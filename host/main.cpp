@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fmt/format.h>
 #include <new>
 #include <string>
@@ -87,6 +88,13 @@ ExitStatus run(const std::vector<std::string>& words) {
         const std::vector<std::string> unknown = program.remaining(true);
         return printUsageError(unknown.empty() ? error.what()
                                                : fmt::format("{} is not known", unknown.front()));
+    } catch (const CLI::ExtrasError& error) {
+        std::error_code ignored;
+        // One word too many may be the first: a subcommand that is none.
+        const bool isFirst = arguments.size() > words.size() && !words.front().starts_with('-') &&
+                             !std::filesystem::exists(pathFromText(words.front()), ignored);
+        return printUsageError(isFirst ? words.front() + " is neither a subcommand nor a file"
+                                       : error.what());
     } catch (const CLI::ParseError& error) {
         return printUsageError(error.what());
     } catch (const Failure& failure) {
