@@ -97,9 +97,10 @@ small_disk() {
 }
 
 # as_in_a_terminal COMMAND...: for a job in the background. It answers Ctrl-C, which such jobs of a script ignore, and
-# its process group is its own, with its process id for a number.
+# its process group is its own, with its process id for a number. In a sanitizer's build it looks for no leaks: a process
+# whose helper for that is ended by the signal waits for it for ever.
 as_in_a_terminal() {
-    exec setsid env --default-signal=INT "$@"
+    ASAN_OPTIONS=${ASAN_OPTIONS:-}:detect_leaks=0 exec setsid env --default-signal=INT "$@"
 }
 
 # child_of PID: the process that it started; waits until there is one, or until PID has ended.
