@@ -25,7 +25,7 @@ std::string describeByte(std::string_view text, std::uint64_t offset) {
     }
     const auto byte = static_cast<unsigned char>(text[offset]);
     if (byte >= 0x20 && byte < 0x7F) {
-        return std::string("\"") + text[offset] + "\"";
+        return text[offset] == '"' ? "a quotation mark" : std::string("\"") + text[offset] + "\"";
     }
     return "the byte " + std::to_string(byte);
 }

@@ -203,7 +203,7 @@ TEST(ReaderMeta, AMissingCommaIsNamedWithItsPlace) {
     EXPECT_EQ(finding.kind, "meta-syntax");
     EXPECT_EQ(finding.offset, text.find("\"guid\""));
     EXPECT_EQ(finding.text(), "converted_from_ply.ytr, byte " + std::to_string(text.find("\"guid\"")) +
-                                  ": expected \",\" or \"}\", found \"\"\"");
+                                  ": expected \",\" or \"}\", found a quotation mark");
 }
 
 TEST(ReaderMeta, DeepAndLongTextsStopEarly) {
