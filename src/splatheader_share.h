@@ -18,11 +18,20 @@
 namespace Tavrin::GaussionSplat {
 
 // The windows of one block of records.
+//
+// A turn takes several that lie one behind the other. Workers that took single windows in turn would come to
+// the same untouched large page at the same time, and the system would clear one for each of them and throw
+// all but one away.
 struct WindowQueue {
     std::uint64_t records = 0;
+    std::uint64_t turnRecords;          // at most; a whole number of windows
     std::atomic<std::uint64_t> next{0}; // the first record that nobody has taken
 
-    explicit WindowQueue(std::uint64_t blockRecords) : records(blockRecords) {}
+    explicit WindowQueue(std::uint64_t blockRecords)
+        : records(blockRecords),
+          turnRecords(
+              std::clamp<std::uint64_t>(blockRecords / (fewestTurns * windowRecords), 1, mostWindows) *
+              windowRecords) {}
 
     bool isEmpty() const { return next.load(std::memory_order_relaxed) >= records; }
 
@@ -32,15 +41,23 @@ struct WindowQueue {
     std::uint64_t takeAll(Work work) {
         std::uint64_t taken = 0;
         for (;;) {
-            const std::uint64_t first = next.fetch_add(windowRecords);
-            if (first >= records) {
+            const std::uint64_t begin = next.fetch_add(turnRecords);
+            if (begin >= records) {
                 return taken;
             }
-            const std::uint64_t count = std::min(records - first, windowRecords);
-            work(first, count);
-            taken += count;
+            const std::uint64_t end = std::min(records, begin + turnRecords);
+            for (std::uint64_t first = begin; first < end; first += windowRecords) {
+                work(first, std::min(end - first, windowRecords));
+            }
+            taken += end - begin;
         }
     }
+
+private:
+    // A turn of so many windows is more than a large page of the smaller records, and so many turns leave
+    // little to wait for at the end of a block.
+    static constexpr std::uint64_t mostWindows = 32;
+    static constexpr std::uint64_t fewestTurns = 32;
 };
 
 // The blocks of one pass that are being worked on. Everything but mutex is guarded by it; the pass gives its
