@@ -5,9 +5,8 @@
 #   scripts/test.sh --dev           and the debug build
 #   scripts/test.sh --clang         and a release build with clang++
 #   scripts/test.sh --sanitizers    and address and undefined-behaviour sanitizers over every test, the thread
-#                                   sanitizer over the task pool, the run log, both parallel passes and whole conversions
-#                                   in small blocks, the fuzz corpora among them;
-#                                   and valgrind over a conversion of each kind
+#                                   sanitizer over the unit, black-box and golden suites and the fuzz corpora, but for the
+#                                   largest scenes, and valgrind over a conversion of each kind
 #   scripts/test.sh --windows       and the cross build for Windows, under wine
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
@@ -20,7 +19,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/packages.sh"
 
 usage() {
-    sed -n '2,15s/^# \{0,1\}//p' "$root/scripts/test.sh"
+    sed -n '2,14s/^# \{0,1\}//p' "$root/scripts/test.sh"
 }
 
 # configure FOLDER PRESET [OPTION...]
@@ -73,14 +72,13 @@ test_sanitizers() {
     build asan-ubsan
     run_tests asan-ubsan
     configure tsan tsan
-    build tsan --target taskpool_test runlog_test chunker_test scan_test share_test conversion_test \
-        header_fuzz conversion_fuzz
+    build tsan
     # Where the kernel spreads addresses wider than the thread sanitizer of g++ 12 and 13 allows, it needs them in
     # order; a container may forbid that.
     if setarch -R true 2>/dev/null; then
         launcher=(setarch -R)
     fi
-    run_tests tsan --label-regex '^threads$'
+    run_tests tsan --label-regex '^(unit|blackbox|golden|fuzz)$' --label-exclude '^(large|exhaustive)$'
     launcher=()
     # What is shipped, under valgrind: a conversion of each kind.
     configure release release
