@@ -128,6 +128,13 @@ private:
     fs::path folder;
 };
 
+// As much as a run of the case may use, files in the page cache included.
+void claimMemory(const Options& options, const Case& item) {
+    if (options.claimsMemory) {
+        measure::claimMemory(static_cast<std::uint64_t>(item.allowedPeak()) + item.outputBytes);
+    }
+}
+
 Case measureCase(const Workplace& place, const Options& options, std::uint64_t splats, bool coefficients) {
     Case result;
     result.splats = splats;
@@ -136,16 +143,11 @@ Case measureCase(const Workplace& place, const Options& options, std::uint64_t s
     place.convert(); // untimed: fills the caches and tells the size of the output
     result.inputBytes = fs::file_size(place.scene());
     result.outputBytes = bytesIn(place.dataset());
-    const auto claim = [&] {
-        if (options.claimsMemory) {
-            measure::claimMemory(static_cast<std::uint64_t>(result.allowedPeak()) + result.outputBytes);
-        }
-    };
     for (int k = 0; k < options.runs; ++k) {
-        claim();
+        claimMemory(options, result);
         result.floors.push_back(place.floor(result.outputBytes));
         fs::remove(place.copy());
-        claim();
+        claimMemory(options, result);
         result.conversions.push_back(place.convert());
         fs::remove_all(place.dataset());
     }
@@ -157,9 +159,7 @@ Scaling measureScaling(const Workplace& place, const Options& options, const Cas
     Scaling result;
     result.splats = item.splats;
     const auto convert = [&](int processors) {
-        if (options.claimsMemory) {
-            measure::claimMemory(static_cast<std::uint64_t>(item.allowedPeak()) + item.outputBytes);
-        }
+        claimMemory(options, item);
         return place.convert(processors);
     };
     const auto parallelPart = [](const Run& run) { return run.stages[0] + run.stages[1]; };

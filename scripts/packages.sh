@@ -2,15 +2,16 @@
 # What the builds and the tests need from the system, and how it gets there. Sourced by the other scripts.
 # shellcheck disable=SC2034  # the lists are used there
 
-# Compiler and tools, the libraries of the program (CLI11, fmt, nlohmann-json), of the tests (GoogleTest) and of
-# the benchmarks, what runs conversions to look for errors of memory, the character tables from which a test makes a
-# locale, what a project that uses the library asks for its flags, and a terminal that changes its size.
+# Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json), of the tests (GoogleTest) and of
+# the benchmarks: what configuring and building needs.
 packages=(
     g++ cmake ninja-build
     libcli11-dev libfmt-dev nlohmann-json3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    valgrind locales pkg-config tmux
 )
+# What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a
+# project that uses the library asks for its flags, and a terminal that changes its size.
+test_packages=(valgrind locales pkg-config tmux)
 clang_packages=(clang)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
 fuzz_packages=(libclang-rt-dev llvm)

@@ -100,7 +100,7 @@ test_windows() {
 
 release=yes
 builds=()
-wanted=("${packages[@]}")
+wanted=("${packages[@]}" "${test_packages[@]}")
 for argument in "$@"; do
     case $argument in
     --dev | --clang | --sanitizers | --windows) builds+=("${argument#--}") ;;
