@@ -39,13 +39,18 @@ build() {
     cmake --build "$folder" --parallel "$(nproc)" "$@"
 }
 
+# Seconds after which a test that states no limit of its own counts as hung. The longest takes two minutes on two idle
+# processors.
+patience=900
+
 # run_tests FOLDER [OPTION...]
 # Runs the tests of a build folder; the options go to ctest.
 run_tests() {
     local folder=$root/build/$1
     shift
     echo "== ${folder##*/}: testing"
-    "${launcher[@]}" ctest --test-dir "$folder" --output-on-failure --no-tests=error --parallel "$(nproc)" "$@"
+    "${launcher[@]}" ctest --test-dir "$folder" --output-on-failure --no-tests=error --parallel "$(nproc)" \
+        --timeout "$patience" "$@"
 }
 launcher=()
 
