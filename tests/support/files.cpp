@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -17,12 +18,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The test's name, with what a file name cannot hold replaced.
+// The test's name, with what a file name cannot hold replaced, and that of the kernels it was told to take:
+// the same test may be running with others.
 std::string nameOfRunningTest() {
     const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
     std::string name = test == nullptr ? "none" : std::string(test->test_suite_name()) + "." + test->name();
     std::replace(name.begin(), name.end(), '/', '.');
-    return name;
+    const char* const kernels = std::getenv("PLYCONVERT_KERNELS");
+    return kernels == nullptr ? name : name + "." + kernels;
 }
 
 } // namespace
