@@ -45,7 +45,7 @@ private:
     std::size_t rotationAt;
     bool usable; // the reciprocals are normal numbers
     alignas(16) double wideMin[wideLanes];
-    alignas(16) double wideReciprocal[wideLanes];
+    alignas(16) double wideFactor[wideLanes]; // 65535.5 over extent
     float coefficientMin[3];
     float coefficientFactor[3]; // steps over extent, in units of fixed point
 

@@ -39,9 +39,9 @@ FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings)
     rotationAt = layout.rotation;
     for (std::size_t axis = 0; axis < 3; ++axis) {
         wideMin[axis] = settings.normal[axis].min;
-        wideReciprocal[axis] = reciprocalOf(settings.normal[axis], usable);
+        wideFactor[axis] = 65535.5 * reciprocalOf(settings.normal[axis], usable);
         wideMin[3 + axis] = settings.scale[axis].min;
-        wideReciprocal[3 + axis] = reciprocalOf(settings.scale[axis], usable);
+        wideFactor[3 + axis] = 65535.5 * reciprocalOf(settings.scale[axis], usable);
     }
     setCoefficients();
 }
@@ -86,18 +86,25 @@ __m128 loadTwo(const float* values) {
     return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(values)));
 }
 
-// trunc((value - min) / extent * 65535.5) of two values, in the low half. With the reciprocal the product
-// differs from the divided one by a few units in the last place, below 2^-34 for results up to 65535.5, so
-// the integers agree unless the product lies within 2^-30 of one; doubtful collects the lanes where it does,
-// or where the result has more than 16 bits.
-__m128i wideTwo(__m128 values, const double* min, const double* reciprocal, __m128i& doubtful) {
+// trunc((value - min) / extent * 65535.5) of two values, in the low half. With the factor the product differs
+// from the divided one by a few units in the last place, below 2^-34 for results up to 65535.5, so the
+// integers agree unless the product lies within 2^-30 of one; doubtful collects the lanes where it does, or
+// where the result has more than 16 bits.
+__m128i wideTwo(__m128 values, const double* min, const double* factor, __m128i& doubtful) {
     const __m128d margin = _mm_set1_pd(0x1p-30);
     const __m128d difference = _mm_sub_pd(_mm_cvtps_pd(values), _mm_load_pd(min));
-    const __m128d product = _mm_mul_pd(_mm_mul_pd(difference, _mm_load_pd(reciprocal)), _mm_set1_pd(65535.5));
+    const __m128d product = _mm_mul_pd(difference, _mm_load_pd(factor));
     const __m128i above = _mm_cvttpd_epi32(_mm_add_pd(product, margin));
     const __m128i below = _mm_cvttpd_epi32(_mm_sub_pd(product, margin));
     doubtful = _mm_or_si128(doubtful, _mm_or_si128(_mm_xor_si128(above, below), _mm_srli_epi32(above, 16)));
     return above;
+}
+
+// The two integers of wideTwo, the first in the low half.
+std::uint64_t lowTwo(__m128i integers) {
+    std::uint64_t both;
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(&both), integers);
+    return both;
 }
 
 } // namespace
@@ -107,10 +114,10 @@ bool FastQuantiser::quantiseHead(const float* splat, SplatsData& record) const {
     __m128i doubtful = _mm_setzero_si128();
     const float* const normal = splat + normalAt;
     const float* const scale = splat + scaleAt;
-    const __m128i normalXy = wideTwo(loadTwo(normal), wideMin, wideReciprocal, doubtful);
+    const __m128i normalXy = wideTwo(loadTwo(normal), wideMin, wideFactor, doubtful);
     const __m128i normalZScaleX = wideTwo(_mm_unpacklo_ps(_mm_load_ss(normal + 2), _mm_load_ss(scale)),
-                                          wideMin + 2, wideReciprocal + 2, doubtful);
-    const __m128i scaleYz = wideTwo(loadTwo(scale + 1), wideMin + 4, wideReciprocal + 4, doubtful);
+                                          wideMin + 2, wideFactor + 2, doubtful);
+    const __m128i scaleYz = wideTwo(loadTwo(scale + 1), wideMin + 4, wideFactor + 4, doubtful);
 
     const __m128 colours =
         _mm_movelh_ps(loadTwo(splat + colourAt),
@@ -120,10 +127,10 @@ bool FastQuantiser::quantiseHead(const float* splat, SplatsData& record) const {
 
     const __m128 rotationFactors = _mm_setr_ps(1023.5f, 1023.5f, 1023.5f, 3.5f);
     const __m128i rotation = _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(splat + rotationAt), rotationFactors));
-    doubtful = _mm_or_si128(doubtful, _mm_srli_epi32(rotation, 10));
-    alignas(16) std::uint32_t parts[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(parts), rotation);
-    if (anyBit(doubtful) || parts[3] > 3) {
+    const __m128i most = _mm_setr_epi32(1023, 1023, 1023, 3);
+    doubtful =
+        _mm_or_si128(doubtful, _mm_or_si128(_mm_srli_epi32(rotation, 10), _mm_cmpgt_epi32(rotation, most)));
+    if (anyBit(doubtful)) {
         return false;
     }
 
@@ -131,43 +138,52 @@ bool FastQuantiser::quantiseHead(const float* splat, SplatsData& record) const {
     const __m128i words = _mm_packs_epi32(colourBytes, colourBytes);
     const int colourWord = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
     std::memcpy(record.colour, &colourWord, sizeof record.colour);
-    const std::uint32_t rotationWord = parts[0] | parts[1] << 10 | parts[2] << 20 | parts[3] << 30;
+    // The parts in pairs of 20 bits, part 0 + part 1 * 2^10 and part 2 + part 3 * 2^10.
+    const std::uint64_t pairs =
+        lowTwo(_mm_madd_epi16(_mm_packs_epi32(rotation, rotation), _mm_set1_epi32(1 | 1024 << 16)));
+    const auto rotationWord = static_cast<std::uint32_t>(pairs | pairs >> 32 << 20);
     std::memcpy(record.rotation, &rotationWord, sizeof record.rotation);
-    alignas(16) std::uint32_t wide[3][4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(wide[0]), normalXy);
-    _mm_store_si128(reinterpret_cast<__m128i*>(wide[1]), normalZScaleX);
-    _mm_store_si128(reinterpret_cast<__m128i*>(wide[2]), scaleYz);
-    record.normal[0] = static_cast<std::uint16_t>(wide[0][0]);
-    record.normal[1] = static_cast<std::uint16_t>(wide[0][1]);
-    record.normal[2] = static_cast<std::uint16_t>(wide[1][0]);
-    record.scale[0] = static_cast<std::uint16_t>(wide[1][1]);
-    record.scale[1] = static_cast<std::uint16_t>(wide[2][0]);
-    record.scale[2] = static_cast<std::uint16_t>(wide[2][1]);
+    const std::uint64_t xy = lowTwo(normalXy);
+    const std::uint64_t zx = lowTwo(normalZScaleX);
+    const std::uint64_t yz = lowTwo(scaleYz);
+    record.normal[0] = static_cast<std::uint16_t>(xy);
+    record.normal[1] = static_cast<std::uint16_t>(xy >> 32);
+    record.normal[2] = static_cast<std::uint16_t>(zx);
+    record.scale[0] = static_cast<std::uint16_t>(zx >> 32);
+    record.scale[1] = static_cast<std::uint16_t>(yz);
+    record.scale[2] = static_cast<std::uint16_t>(yz >> 32);
     return true;
 }
 
 namespace {
 
-// Four coefficients of one channel in their steps, as bits wide integers. doubtful collects the lanes where
-// these may differ from the plain form's.
+// Four coefficients of one channel in their steps, in units of fixed point.
 //
 // The plain form normalises in double precision, rounds to single, scales in single precision and truncates.
 // Here the difference, the factor and the product are each rounded to single once, which together with the
 // two roundings of the plain form is at most five of 2^-24 of the result, below 2^11 steps: less than 0.63 of
 // a unit of fixed point. So the steps agree unless the units are the first or the last ones of a step. Near
 // zero they agree even so: from one side as from the other they truncate to 0.
-__m128i fixedPoint(const float* values, __m128 min, __m128 factor, int bits, __m128i& doubtful) {
-    const __m128i zero = _mm_setzero_si128();
-    const __m128 product = _mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(values), min), factor);
-    const __m128i units = _mm_cvttps_epi32(product); // the smallest integer for what has none
-    const __m128i next = _mm_add_epi32(units, _mm_set1_epi32(1));
-    const __m128i atEdge =
-        _mm_cmpeq_epi32(_mm_and_si128(next, _mm_set1_epi32((1 << fractionBits) - 2)), zero);
-    const __m128i isInside = _mm_cmpeq_epi32(_mm_srli_epi32(units, fractionBits + bits), zero);
-    const __m128i isZero = _mm_cmpeq_epi32(units, zero);
-    const __m128i isSure = _mm_or_si128(_mm_andnot_si128(atEdge, isInside), isZero);
-    doubtful = _mm_or_si128(doubtful, _mm_xor_si128(isSure, _mm_set1_epi32(-1)));
-    return _mm_srli_epi32(units, fractionBits);
+__m128i fixedPoint(const float* values, __m128 min, __m128 factor) {
+    // The conversion gives the smallest integer for what has none.
+    return _mm_cvttps_epi32(_mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(values), min), factor));
+}
+
+// Zero where units are the first or the last ones of a step, else 2 to 1022.
+__m128i distanceFromEdge(__m128i units) {
+    return _mm_and_si128(_mm_add_epi32(units, _mm_set1_epi32(1)), _mm_set1_epi32((1 << fractionBits) - 2));
+}
+
+// The same, but never zero near zero.
+__m128i distanceFromDoubt(__m128i units) {
+    return _mm_sub_epi32(distanceFromEdge(units), _mm_cmpeq_epi32(units, _mm_setzero_si128()));
+}
+
+// A bit for each lane in which one of the three, which have at most ten bits, is zero.
+unsigned zeroLanes(__m128i a, __m128i b, __m128i c) {
+    const __m128i least = _mm_min_epi16(_mm_min_epi16(a, b), c);
+    return static_cast<unsigned>(
+        _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(least, _mm_setzero_si128()))));
 }
 
 } // namespace
@@ -182,24 +198,40 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
     const __m128 blueFactor = _mm_set1_ps(coefficientFactor[2]);
     const float* const greens = shcoef + shcoefPerChannel;
     const float* const blues = greens + shcoefPerChannel;
+    __m128i wide = _mm_setzero_si128();   // all bits of red and blue
+    __m128i narrow = _mm_setzero_si128(); // all bits of green
     unsigned doubtfulWords = 0;
-    // The sixteenth word is made of the neighbours' values, at last the opacity, and cleared below.
+    // The sixteenth word is made of the neighbours' values, at last the opacity, and stays zero.
+    __m128i used = _mm_set1_epi32(-1);
     for (std::size_t k = 0; k < 16; k += 4) {
-        __m128i doubtful = _mm_setzero_si128();
-        const __m128i red = fixedPoint(shcoef + k, redMin, redFactor, 11, doubtful);
-        const __m128i green = fixedPoint(greens + k, greenMin, greenFactor, 10, doubtful);
-        const __m128i blue = fixedPoint(blues + k, blueMin, blueFactor, 11, doubtful);
-        const __m128i word =
-            _mm_or_si128(_mm_or_si128(red, _mm_slli_epi32(green, 11)), _mm_slli_epi32(blue, 21));
+        if (k == 12) {
+            used = _mm_setr_epi32(-1, -1, -1, 0);
+        }
+        const __m128i red = _mm_and_si128(fixedPoint(shcoef + k, redMin, redFactor), used);
+        const __m128i green = _mm_and_si128(fixedPoint(greens + k, greenMin, greenFactor), used);
+        const __m128i blue = _mm_and_si128(fixedPoint(blues + k, blueMin, blueFactor), used);
+        wide = _mm_or_si128(wide, _mm_or_si128(red, blue));
+        narrow = _mm_or_si128(narrow, green);
+        unsigned doubtful = zeroLanes(distanceFromEdge(red), distanceFromEdge(green), distanceFromEdge(blue));
+        if (doubtful != 0) {
+            doubtful = zeroLanes(distanceFromDoubt(red), distanceFromDoubt(green), distanceFromDoubt(blue));
+        }
+        doubtfulWords |= doubtful << k;
+        const __m128i redSteps = _mm_srli_epi32(red, fractionBits);
+        const __m128i greenSteps = _mm_srli_epi32(green, fractionBits);
+        const __m128i blueSteps = _mm_srli_epi32(blue, fractionBits);
+        const __m128i word = _mm_or_si128(_mm_or_si128(redSteps, _mm_slli_epi32(greenSteps, 11)),
+                                          _mm_slli_epi32(blueSteps, 21));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(record.packed + k), word);
-        doubtfulWords |= static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(doubtful))) << k;
     }
-    for (doubtfulWords &= (1u << shcoefPerChannel) - 1; doubtfulWords != 0;
-         doubtfulWords &= doubtfulWords - 1) {
+    if (anyBit(_mm_or_si128(_mm_srli_epi32(wide, fractionBits + 11),
+                            _mm_srli_epi32(narrow, fractionBits + 10)))) {
+        doubtfulWords = (1u << shcoefPerChannel) - 1;
+    }
+    for (; doubtfulWords != 0; doubtfulWords &= doubtfulWords - 1) {
         const auto k = static_cast<std::size_t>(std::countr_zero(doubtfulWords));
         record.packed[k] = packCoefficientWord(shcoef[k], greens[k], blues[k], settings.shcoef);
     }
-    record.packed[shcoefPerChannel] = 0;
 }
 
 #else
