@@ -21,9 +21,37 @@ std::mutex chunkMutex; // the chunk lock: guards the shared ranges, the chunk li
 
 } // namespace
 
-DecodeJob::DecodeJob(const Chunker::Task& blockTask)
+namespace {
+
+// Nothing where there is no memory: for what the conversion can do without.
+template <typename Element>
+LargeArray<Element> tryLargeArray(std::uint64_t count) {
+    try {
+        return makeLargeArray<Element>(count);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+LargeArray<std::byte> makeRoom(const Chunker::Task& task) {
+    if (!largePagesMove() || task.stride >= indexedSplatBytes) {
+        return nullptr;
+    }
+    const std::uint64_t bytes = task.count * (indexedSplatBytes - task.stride) / largePage * largePage;
+    return bytes == 0 ? nullptr : tryLargeArray<std::byte>(bytes);
+}
+
+} // namespace
+
+DecodeJob::DecodeJob(const Chunker::Task& blockTask, bool countsCells)
     : task(blockTask), windows(blockTask.count),
-      block(makeLargeArray<float>(blockTask.length / sizeof(float))) {}
+      block(makeLargeArray<float>(blockTask.length / sizeof(float))), room(makeRoom(blockTask)),
+      cells(countsCells ? std::make_shared<ChunkCells>() : nullptr) {
+    if (cells) {
+        cells->grid = chunkGrid;
+        cells->keys = tryLargeArray<std::uint32_t>(task.count);
+    }
+}
 
 ChunkPass::ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList)
     : bounding(std::move(sharedBounding)), chunks(std::move(chunkList)), blocks(chunkMutex) {}
@@ -43,18 +71,33 @@ void finishBlock(DecodeJob& job, ChunkPass& pass) {
     pass.chunks->push_back(chunk);
     chunk->data = job.block.release();
     chunk->cells = std::move(job.cells);
+    chunk->room = std::move(job.room);
 }
 
-void joinCells(DecodeJob& job, std::unique_ptr<ChunkCells> cells) {
-    if (!cells) {
-        return;
+// Find the cells of the records of a window, which starts with the first-th record of the block.
+void findCells(const float* window, std::size_t recordFloats, std::uint64_t first, std::uint64_t count,
+               ChunkCells& cells, CellCounter& counter) {
+    std::uint32_t* const keys = cells.keys.get();
+    for (std::uint64_t i = 0; i < count; ++i, window += recordFloats) {
+        const std::uint32_t key = cellKey(window[positionAt], window[positionAt + 1], cells.grid);
+        counter.add(key, 1);
+        if (keys != nullptr) {
+            keys[first + i] = key;
+        }
     }
-    if (!job.cells) {
-        job.cells = std::move(cells);
-        return;
-    }
-    for (const CellCount& cell : cells->counter.counts()) {
-        job.cells->counter.add(cell.key, cell.splats);
+}
+
+// Touch the pages of the room that begin in the share of a window's records: each page is one window's.
+void touchRoom(const DecodeJob& job, std::uint64_t first, std::uint64_t count) {
+    constexpr std::uint64_t smallestPage = 4096;
+    const std::uint64_t size = job.room.get_deleter().bytes;
+    const std::uint64_t share = indexedSplatBytes - job.task.stride;
+    const auto firstPageFrom = [size](std::uint64_t at) {
+        return std::min(size, (at + largePage - 1) / largePage * largePage);
+    };
+    const std::uint64_t end = firstPageFrom((first + count) * share);
+    for (std::uint64_t at = firstPageFrom(first * share); at < end; at += smallestPage) {
+        const_cast<volatile std::byte&>(job.room[at]) = std::byte{0};
     }
 }
 
@@ -67,20 +110,23 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const bool hasShcoef = pass.bounding->hasShcoef;
     const std::size_t recordFloats = recordLayout(hasShcoef).floats;
     BlockRanges ranges;
-    auto cells = pass.countsCells ? std::make_unique<ChunkCells>(ChunkCells{.grid = chunkGrid, .counter = {}})
-                                  : nullptr;
+    const auto counter = job.cells ? std::make_unique<CellCounter>() : nullptr;
     const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         float* const window = job.block.get() + first * recordFloats;
         reader.read(task.offset + first * task.stride, window, count * task.stride);
         decodeRecords(window, count, hasShcoef, ranges);
-        for (std::uint64_t i = 0; cells && i < count; ++i) {
-            const float* const position = window + i * recordFloats + positionAt;
-            cells->counter.add(cellKey(position[0], position[1], cells->grid), 1);
+        if (counter) {
+            findCells(window, recordFloats, first, count, *job.cells, *counter);
+        }
+        if (job.room) {
+            touchRoom(job, first, count);
         }
     });
     const std::lock_guard lock(chunkMutex);
     joinRanges(job.ranges, ranges);
-    joinCells(job, std::move(cells));
+    for (std::size_t i = 0; counter && i < counter->counts().size(); ++i) {
+        job.cells->counter.add(counter->counts()[i].key, counter->counts()[i].splats);
+    }
     job.decodedCount += decoded;
     if (decoded > 0 && job.decodedCount == task.count) {
         finishBlock(job, pass);
@@ -101,7 +147,7 @@ void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
         logError("file cannot open ", sourcePath, 61);
         return;
     }
-    auto job = std::make_shared<DecodeJob>(task);
+    auto job = std::make_shared<DecodeJob>(task, pass.countsCells);
     pass.blocks.share(job);
     decodeWindows(*job, reader, pass);
     pass.blocks.helpOthers(

@@ -2,6 +2,7 @@
 // attribute ranges.
 #pragma once
 
+#include "src/platform.h"
 #include "src/records.h"
 #include "src/splatheader.h"
 #include "src/splatheader_cells.h"
@@ -13,10 +14,14 @@
 
 namespace Tavrin::GaussionSplat {
 
-// The splats of a block counted by cell of a grid.
+// Bytes that the indexer's record of a splat takes in memory.
+inline constexpr std::uint64_t indexedSplatBytes = 288;
+
+// The cells of a block's splats in a grid, found while the block was in the cache.
 struct ChunkCells {
     ChunkGrid grid;
-    CellCounter counter;
+    CellCounter counter;              // splats by cell
+    LargeArray<std::uint32_t> keys{}; // cellKey of every splat, in the order of the block
 };
 
 // One decoded block. The records keep the layout of the input (62 or 17 floats); colour holds [0, 1] values,
@@ -27,9 +32,12 @@ struct ChunkData {
     // splatCount records in file order, from allocateLarge. Not freed here: the indexer frees it with
     // freeLarge as soon as it has regrouped the block.
     float* data = nullptr;
-    // Counted while the block was in the cache, for scenes that have a grid; the indexer counts what is not
-    // here.
+    // For scenes that have a grid; the indexer finds what is not here.
     std::shared_ptr<const ChunkCells> cells;
+    // Whole large pages for what the indexer's records of the block take beyond data, which the workers have
+    // touched. The system clears memory at its first touch; the workers have that done side by side, the
+    // indexer has one thread. May be empty.
+    LargeArray<std::byte> room;
 };
 
 using ChunkList = std::vector<std::shared_ptr<ChunkData>>;

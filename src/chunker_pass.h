@@ -18,11 +18,13 @@ struct DecodeJob {
     Chunker::Task task;
     WindowQueue windows;
     LargeArray<float> block;           // the records, decoded in place
+    LargeArray<std::byte> room;        // ChunkData::room
     BlockRanges ranges;                // of the records decoded so far
     std::uint64_t decodedCount = 0;    // records decoded so far
-    std::shared_ptr<ChunkCells> cells; // of the records decoded so far; empty without a grid
+    std::shared_ptr<ChunkCells> cells; // counted: the records decoded so far; empty without a grid
 
-    explicit DecodeJob(const Chunker::Task& block);
+    // countsCells: the scene has a grid.
+    DecodeJob(const Chunker::Task& block, bool countsCells);
 };
 
 // What the workers of one pass share, guarded by the chunk lock, a process-wide mutex.

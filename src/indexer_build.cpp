@@ -12,6 +12,7 @@ namespace Tavrin::GaussionSplat {
 void RecordArena::moveSpare(std::uint64_t page) {
     if (moveLargePage(spare.back(), block.get() + page * largePage)) {
         spare.pop_back();
+        given = std::min(given, spare.size());
     }
 }
 
@@ -23,7 +24,20 @@ void CellTable::reserve(LODData& level) {
     if (total > std::numeric_limits<std::size_t>::max() / sizeof(SplatsData)) {
         throw AllocationError();
     }
-    arena = std::make_shared<RecordArena>(total * sizeof(SplatsData));
+    const std::uint64_t bytes = total * sizeof(SplatsData);
+    try {
+        arena = std::make_shared<RecordArena>(bytes);
+    } catch (const std::bad_alloc&) {
+        // Addresses are short. The memory that was given saves time alone, and has some to give back.
+        rooms.clear();
+        arena = std::make_shared<RecordArena>(bytes);
+    }
+    for (const LargeArray<std::byte>& room : rooms) {
+        for (std::uint64_t at = 0; at < room.get_deleter().bytes; at += largePage) {
+            arena->spare.push_back(room.get() + at);
+        }
+    }
+    arena->given = arena->spare.size();
     for (const CellCount& cell : counter.counts()) {
         auto records = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
         records->resize(cell.splats); // sets nothing: the allocator leaves records as they are
@@ -32,12 +46,26 @@ void CellTable::reserve(LODData& level) {
     }
 }
 
+void CellTable::close() {
+    arena->given = 0;
+    arena->withdrawOffers();
+    rooms.clear();
+}
+
 namespace {
 
 // Which cell a splat belongs to: the one cell with key 0, or the grid's.
 struct CellRule {
     bool single;
     ChunkGrid grid;
+
+    // Whether the chunk's cells are those of this rule.
+    bool knows(const ChunkData& chunk) const { return !single && chunk.cells && chunk.cells->grid == grid; }
+
+    // The keys of all its splats, or null where they have to be found.
+    const std::uint32_t* keysOf(const ChunkData& chunk) const {
+        return knows(chunk) ? chunk.cells->keys.get() : nullptr;
+    }
 
     std::uint32_t keyOf(const float* splat) const {
         return single ? 0 : cellKey(splat[positionAt], splat[positionAt + 1], grid);
@@ -57,7 +85,7 @@ void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
         if (chunk.splatCount > 0) {
             counter.add(0, chunk.splatCount);
         }
-    } else if (chunk.cells && chunk.cells->grid == rule.grid) {
+    } else if (rule.knows(chunk)) {
         for (const CellCount& cell : chunk.cells->counter.counts()) {
             counter.add(cell.key, cell.splats);
         }
@@ -69,7 +97,9 @@ void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
 }
 
 // Splats whose places are found, and whose cache lines are asked for, ahead of the work on them: records lie
-// too far apart, and places too scattered, for the processor to foresee either.
+// too far apart, and places too scattered, for the processor to foresee either. One splat's lines at a time,
+// in between the work on others: a processor waits while more lines are on their way than it can keep track
+// of.
 constexpr std::size_t splatsAhead = 32;
 
 void prefetchSplat(const float* splat, std::size_t recordFloats) {
@@ -84,38 +114,40 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
                  const FastQuantiser& quantiser, CellTable& table) {
     SplatsData* places[splatsAhead];
     const bool hasShcoef = recordFloats == recordLayout(true).floats;
-    // The large pages of the block in which no splat is left to place go to the cells. A block below their
-    // size has none.
+    // The large pages of the block in which no splat is left to place go to the cells.
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
+    const std::uint64_t size = chunk.splatCount;
     auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
     std::uint64_t offered = 0;
-    for (std::uint64_t done = 0; done < chunk.splatCount;) {
-        const std::uint64_t left = chunk.splatCount - done;
-        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left, splatsAhead));
-        const float* const first = chunk.data + done * recordFloats;
-        for (std::size_t i = 0; i < size; ++i) {
-            places[i] = table.place(rule.keyOf(first + i * recordFloats));
-            prefetch(places[i]->position);
-            if (hasShcoef) {
-                prefetch(places[i]->packed + 7); // the last line that a packed record reaches
-            }
+    const std::uint32_t* const keys = rule.keysOf(chunk);
+    const auto findPlace = [&](std::uint64_t i) {
+        const float* const splat = chunk.data + i * recordFloats;
+        SplatsData* const place = table.place(keys != nullptr ? keys[i] : rule.keyOf(splat));
+        places[i % splatsAhead] = place;
+        prefetch(place->position);
+        if (hasShcoef) {
+            prefetch(place->packed + 15); // the last line that a packed record reaches
         }
-        for (std::size_t i = 0; i < size; ++i) {
-            const float* const splat = first + i * recordFloats;
-            if (i + splatsAhead < left) {
-                prefetchSplat(splat + splatsAhead * recordFloats, recordFloats);
-            }
-            quantiser.quantise(splat, *places[i]);
+        prefetchSplat(splat, recordFloats);
+    };
+    for (std::uint64_t i = 0; i < std::min<std::uint64_t>(size, splatsAhead); ++i) {
+        findPlace(i);
+    }
+    for (std::uint64_t i = 0; i < size; ++i) {
+        quantiser.quantise(chunk.data + i * recordFloats, *places[i % splatsAhead]);
+        if (i + splatsAhead < size) {
+            findPlace(i + splatsAhead);
         }
-        done += size;
-        for (; chunk.splatCount * recordBytes >= largePage && offered + largePage <= done * recordBytes;
-             offered += largePage) {
+        if (offered + largePage <= (i + 1) * recordBytes) {
             table.offer(bytes + offered);
+            offered += largePage;
         }
     }
 }
 
 } // namespace
+
+static_assert(indexedSplatBytes == sizeof(SplatsData));
 
 // The cells of every level are counted first, so that no vector grows by copying; within a cell the records
 // then follow the order of the chunk list and of each chunk.
@@ -128,6 +160,7 @@ void Indexer::buildIndex() {
     for (const std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk) {
             countSplats(*chunk, rule, recordFloats, builds[chunk->level]);
+            builds[chunk->level].table.give(std::move(chunk->room));
         }
     }
     for (auto& [number, build] : builds) {
@@ -142,6 +175,9 @@ void Indexer::buildIndex() {
             freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
             chunk.reset();
         }
+    }
+    for (auto& [number, build] : builds) {
+        build.table.close();
     }
 }
 

@@ -27,17 +27,25 @@ public:
         return record;
     }
 
+    // Give memory for the records, whole large pages that are there already; it may be empty. Call before
+    // reserve.
+    void give(LargeArray<std::byte> room) { rooms.push_back(std::move(room)); }
+
     // Offer memory that nobody reads any more, a large page of a block from allocateLarge, for records to
     // come.
     void offer(void* page) { arena->spare.push_back(page); }
 
     // Take back what is left of the offers: their block is about to be freed, and its addresses may be
     // somebody else's by the time a record needs a page.
-    void withdrawOffers() { arena->spare.clear(); }
+    void withdrawOffers() { arena->withdrawOffers(); }
+
+    // No splats are left to place: free what is left of the memory that was given.
+    void close();
 
 private:
-    std::shared_ptr<RecordArena> arena; // set by reserve
-    std::vector<SplatsData*> next;      // by number of cell
+    std::shared_ptr<RecordArena> arena;       // set by reserve
+    std::vector<SplatsData*> next;            // by number of cell
+    std::vector<LargeArray<std::byte>> rooms; // what was given
 };
 
 } // namespace Tavrin::GaussionSplat

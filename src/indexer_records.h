@@ -47,9 +47,12 @@ struct RecordArena {
     std::uint64_t used = 0;            // bytes given to cells
     std::vector<std::uint8_t> settled; // for each large page: it has memory of its own
     std::vector<void*> spare;          // large pages of other blocks, free to be moved here
+    std::size_t given = 0;             // the first so many of them stay until they are moved
 
     explicit RecordArena(std::uint64_t bytes)
         : block(makeLargeArray<std::byte>(bytes)), size(bytes), settled(bytes / largePage + 1) {}
+
+    void withdrawOffers() { spare.resize(given); }
 
     bool holds(const void* pointer) const { return pointer >= block.get() && pointer < block.get() + size; }
 

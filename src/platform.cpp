@@ -287,6 +287,10 @@ void freeLarge(void* block, std::uint64_t bytes) noexcept {
     }
 }
 
+bool largePagesMove() noexcept {
+    return true;
+}
+
 bool moveLargePage(void* from, void* to) {
     // The source stays mapped, so that no other thread's mapping can come to lie in the block before it is
     // freed.
@@ -311,6 +315,10 @@ void* allocateLarge(std::uint64_t bytes) {
 
 void freeLarge(void* block, std::uint64_t) noexcept {
     freeAligned(block);
+}
+
+bool largePagesMove() noexcept {
+    return false;
 }
 
 bool moveLargePage(void*, void*) {

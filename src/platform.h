@@ -73,6 +73,9 @@ void freeLarge(void* block, std::uint64_t bytes) noexcept;
 // fails half-way and the place cannot be had again.
 bool moveLargePage(void* from, void* to);
 
+// Whether moveLargePage may succeed here.
+bool largePagesMove() noexcept;
+
 struct FreeLarge {
     std::uint64_t bytes = 0;
     void operator()(void* block) const noexcept { freeLarge(block, bytes); }

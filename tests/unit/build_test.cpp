@@ -2,6 +2,7 @@
 
 #include "src/indexer_quantise.h"
 
+#include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/floats.h"
 #include "tests/support/reference.h"
@@ -9,12 +10,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <sys/resource.h>
+#endif
 
 namespace Tavrin::GaussionSplat {
 
@@ -246,24 +254,100 @@ TEST_F(BuildTest, PagesMoveWhileOneCellGrows) {
     }
 }
 
-std::shared_ptr<ChunkCells> countedBy(const std::vector<float>& block, const ChunkGrid& countedGrid) {
+// Memory that was touched while the block was decoded holds records; what is not needed is freed, and none of
+// it stays on offer.
+TEST_F(BuildTest, GivenMemoryHoldsRecordsAndIsFreed) {
+    Random random(81);
+    chunkGrid.cellSizeX = chunkGrid.cellSizeY = 1.0f;
+    for (const bool hasShcoef : {false, true}) {
+        for (const std::uint64_t splatCount : {single, grid}) {
+            *indexer.levels = LevelMap();
+            indexer.chunks->clear();
+            const std::vector<std::vector<float>> blocks = {decodedScene(random, 20'000, hasShcoef, 45.0f),
+                                                            decodedScene(random, 15'000, hasShcoef, 45.0f)};
+            for (const std::vector<float>& block : blocks) {
+                indexer.chunks->push_back(chunkOf(block, hasShcoef));
+                indexer.chunks->back()->room = makeLargeArray<std::byte>(6 * largePage);
+                std::memset(indexer.chunks->back()->room.get(), 0xAA, 6 * largePage);
+            }
+            scene = rangesOf(blocks[0], hasShcoef);
+            for (std::size_t at = 0; at < blocks[1].size(); at += recordLayout(hasShcoef).floats) {
+                scene.fold(blocks[1].data() + at, hasShcoef);
+            }
+            indexer.bounding = boundingOf(scene, hasShcoef);
+            indexer.splatCount = splatCount;
+            indexer.buildIndex();
+            EXPECT_TRUE(actual(0) == expected(blocks, hasShcoef, splatCount == single));
+            const auto& cell = indexer.levels->at(0)->cells->begin()->second;
+            EXPECT_TRUE(cell->get_allocator().arena->spare.empty());
+        }
+    }
+}
+
+#if defined(__linux__)
+
+// Whether the address space of this process still has so many bytes in one piece.
+bool hasAddresses(std::uint64_t bytes) {
+    void* const mapping = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return mapping != MAP_FAILED && munmap(mapping, bytes) == 0;
+}
+
+struct BuildDeathTest : BuildTest {
+    // Build where the addresses of the records are to be had for those of the memory that was given alone.
+    [[noreturn]] void buildInAFullAddressSpace() {
+        constexpr std::uint64_t splats = 100'000; // 28.8 MB of records
+        constexpr std::uint64_t given = 20 * largePage;
+        Random random(82);
+        const std::vector<std::vector<float>> blocks = {decodedScene(random, splats, false, 45.0f)};
+        const auto chunk = chunkOf(blocks[0], false);
+        *indexer.chunks = {chunk};
+        scene = rangesOf(blocks[0], false);
+        indexer.bounding = boundingOf(scene, false);
+        indexer.splatCount = single;
+        chunk->room = makeLargeArray<std::byte>(given);
+        rlimit limit{};
+        getrlimit(RLIMIT_AS, &limit);
+        std::uint64_t used = 0;
+        std::ifstream("/proc/self/statm") >> used;
+        limit.rlim_cur = used * 4096 + splats * sizeof(SplatsData) / 2;
+        setrlimit(RLIMIT_AS, &limit);
+        if (hasAddresses(splats * sizeof(SplatsData))) {
+            std::_Exit(1);
+        }
+        indexer.buildIndex();
+        std::_Exit(indexer.levels->at(0)->cells->at(0)->size() == splats ? 0 : 2);
+    }
+};
+
+TEST_F(BuildDeathTest, GivenMemoryIsGivenBackWhereAddressesAreShort) {
+    if (!largePagesMove()) {
+        GTEST_SKIP() << "no memory is given in this build, which the address sanitizer watches";
+    }
+    EXPECT_PROCESS_EXIT(buildInAFullAddressSpace(), 0, "");
+}
+
+#endif
+
+std::shared_ptr<ChunkCells> foundBefore(const std::vector<float>& block, const ChunkGrid& itsGrid) {
     auto cells = std::make_shared<ChunkCells>();
-    cells->grid = countedGrid;
+    cells->grid = itsGrid;
+    cells->keys = makeLargeArray<std::uint32_t>(block.size() / 17);
     for (std::size_t at = 0; at < block.size(); at += 17) {
-        cells->counter.add(cellKey(block[at], block[at + 1], countedGrid), 1);
+        cells->keys[at / 17] = cellKey(block[at], block[at + 1], itsGrid);
+        cells->counter.add(cells->keys[at / 17], 1);
     }
     return cells;
 }
 
-TEST_F(BuildTest, CellsCountedBeforeAreUsedForTheirOwnGridAlone) {
+TEST_F(BuildTest, CellsFoundBeforeAreUsedForTheirOwnGridAlone) {
     Random random(80);
     const std::vector<float> block = decodedScene(random, 500, false, 40.0f);
     ChunkGrid other = chunkGrid;
     other.cellSizeX = 3.0f;
-    for (const ChunkGrid& countedGrid : {chunkGrid, other}) {
+    for (const ChunkGrid& itsGrid : {chunkGrid, other}) {
         *indexer.levels = LevelMap();
         const auto chunk = chunkOf(block, false);
-        chunk->cells = countedBy(block, countedGrid);
+        chunk->cells = foundBefore(block, itsGrid);
         *indexer.chunks = {chunk};
         scene = rangesOf(block, false);
         indexer.bounding = boundingOf(scene, false);

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,10 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
 
 namespace Tavrin::GaussionSplat {
 
@@ -418,11 +423,13 @@ TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
     const PlyFile file = randomFile(61, 3000, false);
     const SplatHeader header = write(file);
     bounding->hasShcoef = false;
+    std::vector<std::uint32_t> keys;
     std::map<std::uint32_t, std::uint64_t> expected;
     for (std::size_t at = 0; at < file.records.size(); at += 17) {
-        ++expected[reference::cellKey(
-            file.records[at], file.records[at + 1],
-            {.originX = -10.0f, .originY = -10.0f, .cellSizeX = 5.0f, .cellSizeY = 4.0f})];
+        keys.push_back(
+            reference::cellKey(file.records[at], file.records[at + 1],
+                               {.originX = -10.0f, .originY = -10.0f, .cellSizeX = 5.0f, .cellSizeY = 4.0f}));
+        ++expected[keys.back()];
     }
     ChunkPass pass(bounding, chunks);
     pass.countsCells = true;
@@ -439,6 +446,27 @@ TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
     }
     EXPECT_EQ(actual, expected);
     EXPECT_EQ(chunks->front()->cells->grid, chunkGrid);
+    const std::uint32_t* const found = chunks->front()->cells->keys.get();
+    EXPECT_EQ(std::vector<std::uint32_t>(found, found + file.count()), keys);
+}
+
+// 20,000 records of 68 bytes leave 4.4 MB to those of 288 bytes: two large pages.
+TEST_F(ChunkerTest, ABlockBringsTheMemoryThatItsRecordsWillTakeBeyondIt) {
+    chunk({write(randomFile(63, 20'000, false)), write(randomFile(64, 100, false), "small.ply")});
+    ASSERT_EQ(chunks->size(), 2u);
+    EXPECT_EQ(chunks->back()->room, nullptr);
+    const LargeArray<std::byte>& room = chunks->front()->room;
+    if (!largePagesMove()) {
+        EXPECT_EQ(room, nullptr);
+        return;
+    }
+    ASSERT_NE(room, nullptr);
+    ASSERT_EQ(room.get_deleter().bytes, 2 * largePage);
+#if defined(__linux__)
+    std::vector<unsigned char> present(2 * largePage / 4096);
+    ASSERT_EQ(mincore(room.get(), 2 * largePage, present.data()), 0);
+    EXPECT_TRUE(std::all_of(present.begin(), present.end(), [](unsigned char page) { return page != 0; }));
+#endif
 }
 
 TEST_F(CellCountTest, ScenesOfOneCellAreNotCounted) {
