@@ -6,7 +6,7 @@ namespace Tavrin::SplatProgram {
 
 namespace {
 constexpr std::size_t budget = std::size_t{64} << 20; // bytes of all windows
-constexpr std::size_t largestWindow = 8192;           // records
+constexpr std::size_t largestWindow = 1024; // records
 } // namespace
 
 CellReaders::CellReaders(const SplatReader::Dataset& dataset)
@@ -27,9 +27,16 @@ CellReaders::CellReaders(const SplatReader::Dataset& dataset)
     }
 }
 
-std::optional<std::size_t> CellReaders::find(std::uint32_t key) const {
-    const auto found = m_cells.find(key);
-    return found == m_cells.end() ? std::nullopt : std::optional(found->second);
+std::optional<std::size_t> CellReaders::find(std::uint32_t key) {
+    Remembered& entry = m_remembered[(key ^ key >> 11) % m_remembered.size()];
+    if (entry.cellAndOne == 0 || entry.key != key) {
+        const auto found = m_cells.find(key);
+        if (found == m_cells.end()) {
+            return std::nullopt;
+        }
+        entry = {key, found->second + 1};
+    }
+    return entry.cellAndOne - 1;
 }
 
 std::optional<SplatReader::RecordCursor::View> CellReaders::next(std::size_t cell) {

@@ -2,6 +2,7 @@
 
 #include "reader/dataset.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <unordered_map>
@@ -16,7 +17,7 @@ public:
     explicit CellReaders(const SplatReader::Dataset& dataset);
 
     // Number of the cell with this key, if the index has it.
-    std::optional<std::size_t> find(std::uint32_t key) const;
+    std::optional<std::size_t> find(std::uint32_t key);
 
     // The cell's next record; nothing after its last.
     std::optional<SplatReader::RecordCursor::View> next(std::size_t cell);
@@ -40,6 +41,12 @@ private:
     SplatReader::DatasetFile m_data;
     std::optional<SplatReader::DatasetFile> m_coefficients;
     std::unordered_map<std::uint32_t, std::size_t> m_cells;
+    // Where keys were found: most lookups end here, as a scene has few cells.
+    struct Remembered {
+        std::uint32_t key = 0;
+        std::size_t cellAndOne = 0; // 0: empty
+    };
+    std::array<Remembered, 1024> m_remembered{};
     std::vector<Window> m_windows;
 };
 

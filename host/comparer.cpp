@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <limits>
+#include <numeric>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -33,6 +34,35 @@ float storedColour(float coefficient) {
     return value < 0.0F ? 0.0F : value > 1.0F ? 1.0F : value;
 }
 
+double opacityOf(float logit) {
+    return 1.0 / (std::exp(-double{logit}) + 1.0);
+}
+
+// Byte 0 comes back as 0, so the whole step lies below it.
+double opacityStepOf(std::uint8_t stored) {
+    return Dequantiser::opacityStep() * (stored == 0 ? 2.0 : 1.0);
+}
+
+double lengthOf(const std::array<float, 4>& q) {
+    double squares = 0.0;
+    for (const float c : q) {
+        squares += double{c} * c;
+    }
+    return std::sqrt(squares);
+}
+
+// The converter squares in single precision, whose range ends far below and above.
+bool isLengthKept(double length) {
+    constexpr double smallest = 1e-18;
+    constexpr double largest = 1e18;
+    return length > smallest && length < largest;
+}
+
+// Whether a component is larger than the one that was dropped as the largest.
+bool isLarger(float component, float dropped) {
+    return std::fabs(component) > std::fabs(dropped) * (1.0F + static_cast<float>(relativeSlack));
+}
+
 } // namespace
 
 Comparer::Comparer(const SplatReader::Dataset& dataset, const SplatLayout& layout)
@@ -42,15 +72,27 @@ Comparer::Comparer(const SplatReader::Dataset& dataset, const SplatLayout& layou
     for (std::size_t i = 0; i < names.size(); ++i) {
         m_errors[i].name = names[i];
     }
+    // The least number on top lets "less than" hold for no distance at all, and fail for infinite ones.
+    constexpr double least = std::numeric_limits<double>::min();
     m_areCoefficientsRanged = m_hasCoefficients && m_meta.packed();
     for (std::size_t axis = 0; axis < 3; ++axis) {
         m_isNormalFinite[axis] = m_meta.normal().finite(axis);
         m_isScaleFinite[axis] = m_meta.scaleRange().finite(axis);
+        m_isHeadRanged = m_isHeadRanged && m_isNormalFinite[axis] && m_isScaleFinite[axis];
+        m_headStep[normalLane + axis] = m_back.normalStep(axis);
+        m_headStep[colourLane + axis] = Dequantiser::colourStep();
+        m_headStep[scaleLane + axis] = m_back.scaleStep(axis);
         m_isCoefficientFinite[axis] = m_meta.coefficients().finite(axis);
         m_areCoefficientsRanged = m_areCoefficientsRanged && m_isCoefficientFinite[axis];
-        // The least number on top lets "less than" hold for no distance at all, and fail for infinite ones.
-        m_coefficientSlack[axis] =
-            allowedFor(m_back.coefficientStep(axis)) + std::numeric_limits<double>::min();
+        m_coefficientSlack[axis] = allowedFor(m_back.coefficientStep(axis)) + least;
+    }
+    m_headStep[opacityLane] = opacityStepOf(1);
+    m_headStep[noOpacityLane] = opacityStepOf(0);
+    for (std::size_t i = 0; i < 4; ++i) {
+        m_headStep[rotationLane + i] = Dequantiser::rotationStep();
+    }
+    for (std::size_t lane = 0; lane < laneCount; ++lane) {
+        m_headSlack[lane] = allowedFor(m_headStep[lane]) + least;
     }
 }
 
@@ -70,38 +112,113 @@ void Comparer::compare(const std::byte* source, std::uint64_t number,
     std::array<float, 62> values; // filled as far as it is read
     std::memcpy(values.data(), source, m_layout.recordBytes());
     const SplatReader::Record record = SplatReader::loadRecord(stored.data);
-    SplatReader::Splat splat = m_back.splat(record);
-    const float* tail = values.data() + m_layout.scaleFloat();
-    for (std::size_t axis = 0; axis < 3; ++axis) {
-        checkRanged(normal, m_isNormalFinite[axis], values[3 + axis], splat.normal[axis],
-                    m_back.normalStep(axis), record.normal[axis]);
-        check(colour, storedColour(values[6 + axis]), splat.colour[axis], Dequantiser::colourStep(),
-              record.colour[axis]);
-        checkRanged(scale, m_isScaleFinite[axis], std::exp(double{tail[axis]}), splat.scale[axis],
-                    m_back.scaleStep(axis), record.scale[axis]);
+    if (!agreeHead(values.data(), record)) {
+        checkHead(values.data(), record);
     }
-    // Byte 0 comes back as 0, so the whole step lies below it.
-    check(opacity, 1.0 / (std::exp(-double{tail[-1]}) + 1.0), splat.opacity,
-          Dequantiser::opacityStep() * (record.opacity == 0 ? 2.0 : 1.0), record.opacity);
-    checkRotation({tail[4], tail[5], tail[6], tail[3]}, record.rotation, splat);
-    if (m_hasCoefficients && !(m_areCoefficientsRanged && agree(values.data() + 9, stored.coefficients))) {
-        checkCoefficients(values.data() + 9, stored, splat);
+    if (m_hasCoefficients &&
+        !(m_areCoefficientsRanged && agreeCoefficients(values.data() + 9, stored.coefficients))) {
+        checkCoefficients(values.data() + 9, stored);
     }
 }
 
 std::vector<AttributeError> Comparer::errors() const {
     std::vector<AttributeError> errors(m_errors.begin(), m_errors.end());
-    AttributeError& error = errors[coefficients];
-    error.values += m_agreeing * coefficientCount;
-    for (std::size_t i = 0; i < coefficientCount; ++i) {
-        error.squares += m_squares[i];
-        error.largest = std::max(error.largest, m_largest[i]);
-        const double step = m_back.coefficientStep(i / Format::coefficientsPerChannel);
-        if (step > 0.0) {
-            error.largestSteps = std::max(error.largestSteps, m_largest[i] / step);
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        addLane(errors[normal], m_headErrors, normalLane + axis, m_headStep[normalLane + axis]);
+        addLane(errors[colour], m_headErrors, colourLane + axis, m_headStep[colourLane + axis]);
+        addLane(errors[scale], m_headErrors, scaleLane + axis, m_headStep[scaleLane + axis]);
+        for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
+            addLane(errors[coefficients], m_coefficientErrors[axis], k, m_back.coefficientStep(axis));
         }
     }
+    addLane(errors[opacity], m_headErrors, opacityLane, m_headStep[opacityLane]);
+    addLane(errors[opacity], m_headErrors, noOpacityLane, m_headStep[noOpacityLane]);
+    for (std::size_t i = 0; i < 4; ++i) {
+        addLane(errors[rotation], m_headErrors, rotationLane + i, m_headStep[rotationLane + i]);
+    }
+    for (const Attribute attribute :
+         {normal, colour, scale, rotation}) { // of a rotation three parts are kept
+        errors[attribute].values += 3 * m_agreeingHeads;
+    }
+    errors[opacity].values += m_agreeingHeads;
+    errors[coefficients].values += m_agreeing * coefficientCount;
     return errors;
+}
+
+void Comparer::LaneErrors::add(const Lanes& distances) {
+    for (std::size_t lane = 0; lane < laneCount; ++lane) {
+        squares[lane] += distances[lane] * distances[lane];
+        largest[lane] = std::max(largest[lane], distances[lane]);
+    }
+}
+
+void Comparer::addLane(AttributeError& error, const LaneErrors& lanes, std::size_t lane, double step) const {
+    error.squares += lanes.squares[lane];
+    error.largest = std::max(error.largest, lanes.largest[lane]);
+    if (step > 0.0) {
+        error.largestSteps = std::max(error.largestSteps, lanes.largest[lane] / step);
+    }
+}
+
+// Nearly every splat agrees in everything, and one pass without branches finds that out. When it is false, as
+// for every value that is not finite, nothing was counted, and checkHead says what differs.
+bool Comparer::agreeHead(const float* source, const SplatReader::Record& record) {
+    const float* tail = source + m_layout.scaleFloat();
+    const std::array<float, 4> q = {tail[4], tail[5], tail[6], tail[3]};
+    const double length = lengthOf(q);
+    if (!m_isHeadRanged || !isLengthKept(length)) {
+        return false;
+    }
+    Lanes expected{};
+    Lanes found{};
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        expected[normalLane + axis] = source[3 + axis];
+        found[normalLane + axis] = m_back.normal(axis, record.normal[axis]);
+        expected[colourLane + axis] = storedColour(source[6 + axis]);
+        found[colourLane + axis] = m_back.colour(axis, record.colour[axis]);
+        expected[scaleLane + axis] = std::exp(double{tail[axis]});
+        found[scaleLane + axis] = m_back.scale(axis, record.scale[axis]);
+    }
+    const std::size_t itsLane = record.opacity == 0 ? noOpacityLane : opacityLane;
+    expected[itsLane] = opacityOf(tail[-1]);
+    found[itsLane] = m_back.opacity(record.opacity);
+    const std::size_t dropped = SplatReader::unpackRotationWord(record.rotation).largest;
+    const std::array<double, 4> back = SplatReader::unpackRotation(record.rotation);
+    const double factor = (q[dropped] >= 0.0F ? 1.0 : -1.0) / length;
+    bool isLargest = true;
+    for (std::size_t i = 0; i < 4; ++i) {
+        expected[rotationLane + i] = i == dropped ? 0.0 : factor * q[i];
+        found[rotationLane + i] = i == dropped ? 0.0 : back[(i + 1) % 4];
+        isLargest = isLargest && !isLarger(q[i], q[dropped]);
+    }
+    Lanes distances;
+    Lanes differing;
+    for (std::size_t lane = 0; lane < laneCount; ++lane) {
+        distances[lane] = std::fabs(found[lane] - expected[lane]);
+        const double allowed = m_headSlack[lane] + std::fabs(expected[lane]) * relativeSlack;
+        differing[lane] = distances[lane] < allowed ? 0.0 : 1.0;
+    }
+    if (!isLargest || std::accumulate(differing.begin(), differing.end(), 0.0) != 0.0) {
+        return false;
+    }
+    ++m_agreeingHeads;
+    m_headErrors.add(distances);
+    return true;
+}
+
+void Comparer::checkHead(const float* source, const SplatReader::Record& record) {
+    const SplatReader::Splat splat = m_back.splat(record);
+    const float* tail = source + m_layout.scaleFloat();
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        checkRanged(normal, m_isNormalFinite[axis], source[3 + axis], splat.normal[axis],
+                    m_back.normalStep(axis), record.normal[axis]);
+        check(colour, storedColour(source[6 + axis]), splat.colour[axis], Dequantiser::colourStep(),
+              record.colour[axis]);
+        checkRanged(scale, m_isScaleFinite[axis], std::exp(double{tail[axis]}), splat.scale[axis],
+                    m_back.scaleStep(axis), record.scale[axis]);
+    }
+    check(opacity, opacityOf(tail[-1]), splat.opacity, opacityStepOf(record.opacity), record.opacity);
+    checkRotation({tail[4], tail[5], tail[6], tail[3]}, record.rotation, splat);
 }
 
 void Comparer::difference(Attribute attribute, const std::string& expected, const std::string& found) {
@@ -147,15 +264,8 @@ void Comparer::checkRanged(Attribute attribute, bool isRangeFinite, double expec
 // `q` in the packing's order: x, y, z, w.
 void Comparer::checkRotation(const std::array<float, 4>& q, std::uint32_t word,
                              const SplatReader::Splat& splat) {
-    double length = 0.0;
-    for (const float c : q) {
-        length += double{c} * c;
-    }
-    length = std::sqrt(length);
-    // The converter squares in single precision, whose range ends far below and above.
-    constexpr double smallest = 1e-18;
-    constexpr double largest = 1e18;
-    if (!(length > smallest && length < largest)) {
+    const double length = lengthOf(q);
+    if (!isLengthKept(length)) {
         ++m_errors[rotation].skipped;
         return;
     }
@@ -167,50 +277,49 @@ void Comparer::checkRotation(const std::array<float, 4>& q, std::uint32_t word,
         if (i != dropped) {
             check(rotation, expected, found, Dequantiser::rotationStep(), 0);
         }
-        if (std::fabs(q[i]) > std::fabs(q[dropped]) * (1.0F + static_cast<float>(relativeSlack))) {
+        if (isLarger(q[i], q[dropped])) {
             difference(rotation, fmt::format("with component {} as the largest", i),
                        fmt::format("component {}", dropped));
         }
     }
 }
 
-// The coefficients are nine tenths of a comparison, and nearly all of them agree: one pass without branches
-// finds that out. When it is false, as for every value that is not finite, nothing was counted, and
-// checkCoefficients says what differs.
-bool Comparer::agree(const float* source, const std::byte* stored) {
+// The same for the coefficients, with checkCoefficients. The sixteenth lane holds what follows a channel, in
+// the source as in the record, and does not count.
+bool Comparer::agreeCoefficients(const float* source, const std::byte* stored) {
     constexpr std::size_t perChannel = Format::coefficientsPerChannel;
-    std::array<std::array<std::uint32_t, perChannel>, 3> quantised;
-    for (std::size_t k = 0; k < perChannel; ++k) {
+    static_assert(laneCount == perChannel + 1 && Format::packedCoefficientSize == 4 * laneCount);
+    std::array<std::array<std::uint32_t, laneCount>, 3> quantised;
+    for (std::size_t k = 0; k < laneCount; ++k) {
         const auto word =
             SplatReader::unpackCoefficientWord(SplatReader::loadUnsigned<std::uint32_t>(stored + 4 * k));
         for (std::size_t channel = 0; channel < 3; ++channel) {
             quantised[channel][k] = word.channel[channel];
         }
     }
-    Distances distances;
-    std::uint32_t within = 0;
+    std::array<Lanes, 3> distances;
+    Lanes differing{};
     for (std::size_t channel = 0; channel < 3; ++channel) {
         const double slack = m_coefficientSlack[channel];
-        for (std::size_t k = 0; k < perChannel; ++k) {
-            const std::size_t i = channel * perChannel + k;
-            const double expected = source[i];
-            distances[i] = std::fabs(m_back.coefficient(channel, quantised[channel][k]) - expected);
-            within += distances[i] < slack + std::fabs(expected) * relativeSlack ? 1 : 0;
+        for (std::size_t k = 0; k < laneCount; ++k) {
+            const double expected = source[channel * perChannel + k];
+            const double distance = std::fabs(m_back.coefficient(channel, quantised[channel][k]) - expected);
+            distances[channel][k] = distance;
+            differing[k] += distance < slack + std::fabs(expected) * relativeSlack ? 0.0 : 1.0;
         }
     }
-    if (within != distances.size()) {
+    if (std::accumulate(differing.begin(), differing.begin() + perChannel, 0.0) != 0.0) {
         return false;
     }
     ++m_agreeing;
-    for (std::size_t i = 0; i < distances.size(); ++i) {
-        m_squares[i] += distances[i] * distances[i];
-        m_largest[i] = std::max(m_largest[i], distances[i]);
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+        m_coefficientErrors[channel].add(distances[channel]);
     }
     return true;
 }
 
-void Comparer::checkCoefficients(const float* source, const SplatReader::RecordCursor::View& stored,
-                                 SplatReader::Splat& splat) {
+void Comparer::checkCoefficients(const float* source, const SplatReader::RecordCursor::View& stored) {
+    SplatReader::Splat splat;
     m_back.coefficients(stored.coefficients, splat);
     const std::uint64_t size = m_meta.packed() ? Format::packedCoefficientSize : Format::rawCoefficientSize;
     m_file = Format::coefficientFile;

@@ -31,33 +31,57 @@ public:
 private:
     enum Attribute : std::size_t { normal, colour, opacity, scale, rotation, coefficients, attributeCount };
     static constexpr std::size_t coefficientCount = 3 * SplatReader::Format::coefficientsPerChannel;
-    using Distances = std::array<double, coefficientCount>;
 
+    // Values that are compared in step. Their number is one that vectors divide; what a splat has no value
+    // for agrees.
+    static constexpr std::size_t laneCount = 16;
+    using Lanes = std::array<double, laneCount>;
+    // Everything but position and coefficients. A byte of opacity 0 has a step of its own, and so a lane.
+    enum HeadLane : std::size_t {
+        normalLane = 0,
+        colourLane = 3,
+        scaleLane = 6,
+        opacityLane = 9,
+        noOpacityLane = 10,
+        rotationLane = 11
+    };
+    // How far values came back from their source, over the splats of which all did agree.
+    struct LaneErrors {
+        Lanes squares{};
+        Lanes largest{};
+
+        void add(const Lanes& distances);
+    };
+
+    bool agreeHead(const float* source, const SplatReader::Record& record);
+    void checkHead(const float* source, const SplatReader::Record& record);
+    void addLane(AttributeError& error, const LaneErrors& lanes, std::size_t lane, double step) const;
     void difference(Attribute attribute, const std::string& expected, const std::string& found);
     void check(Attribute attribute, double expected, double found, double step, std::uint32_t quantised);
     void checkRanged(Attribute attribute, bool isRangeFinite, double expected, double found, double step,
                      std::uint32_t quantised);
     void checkRotation(const std::array<float, 4>& q, std::uint32_t word, const SplatReader::Splat& splat);
-    bool agree(const float* source, const std::byte* stored);
-    void checkCoefficients(const float* source, const SplatReader::RecordCursor::View& stored,
-                           SplatReader::Splat& splat);
+    bool agreeCoefficients(const float* source, const std::byte* stored);
+    void checkCoefficients(const float* source, const SplatReader::RecordCursor::View& stored);
 
     const SplatReader::Dequantiser& m_back;
     const SplatReader::Meta& m_meta;
     SplatLayout m_layout;
     bool m_hasCoefficients;
     bool m_areCoefficientsRanged; // packed, every channel with a finite range
+    bool m_isHeadRanged = true;   // normal and scale have finite ranges
     std::array<bool, 3> m_isNormalFinite{};
     std::array<bool, 3> m_isScaleFinite{};
     std::array<bool, 3> m_isCoefficientFinite{};
-    std::array<double, 3> m_coefficientSlack{}; // farthest that a value may come back from its source
+    Lanes m_headStep{};
+    Lanes m_headSlack{};                        // farthest that a value may come back from its source
+    std::array<double, 3> m_coefficientSlack{}; // the same
     SplatReader::Findings m_findings;
     std::array<AttributeError, attributeCount> m_errors;
-    // Of the splats whose coefficients all agree; added up a coefficient apart, so that they can be added in
-    // step.
-    std::uint64_t m_agreeing = 0;
-    Distances m_squares{};
-    Distances m_largest{};
+    std::uint64_t m_agreeingHeads = 0;
+    LaneErrors m_headErrors;
+    std::uint64_t m_agreeing = 0; // coefficients
+    std::array<LaneErrors, 3> m_coefficientErrors;
     std::uint64_t m_number = 0;
     std::uint64_t m_at = 0;
     std::string_view m_file;

@@ -9,6 +9,7 @@
 #include <deque>
 #include <fmt/format.h>
 #include <future>
+#include <memory>
 #include <thread>
 
 namespace Tavrin::SplatProgram {
@@ -16,51 +17,15 @@ namespace {
 
 namespace Format = SplatReader::Format;
 
-// Records of the source and those of the dataset that came of them, copied so that a worker compares them
-// while the files are read on.
-class Batch {
-public:
-    static constexpr std::size_t splats = 8192;
-
-    Batch(std::size_t sourceBytes, std::size_t coefficientBytes)
-        : m_sourceBytes(sourceBytes), m_coefficientBytes(coefficientBytes) {
-        m_source.reserve(splats * sourceBytes);
-        m_stored.reserve(splats * Format::recordSize);
-        m_coefficients.reserve(splats * coefficientBytes);
-        m_numbers.reserve(splats);
-        m_places.reserve(splats);
-    }
-
-    bool isFull() const { return m_numbers.size() == splats; }
-
-    void add(const std::byte* source, std::uint64_t number, const SplatReader::RecordCursor::View& stored) {
-        m_source.insert(m_source.end(), source, source + m_sourceBytes);
-        m_stored.insert(m_stored.end(), stored.data, stored.data + Format::recordSize);
-        if (stored.coefficients != nullptr) {
-            m_coefficients.insert(m_coefficients.end(), stored.coefficients,
-                                  stored.coefficients + m_coefficientBytes);
-        }
-        m_numbers.push_back(number);
-        m_places.push_back(stored.index);
-    }
-
-    void compareWith(Comparer& comparer) const {
-        for (std::size_t i = 0; i < m_numbers.size(); ++i) {
-            const std::byte* coefficients =
-                m_coefficients.empty() ? nullptr : m_coefficients.data() + i * m_coefficientBytes;
-            comparer.compare(m_source.data() + i * m_sourceBytes, m_numbers[i],
-                             {m_places[i], m_stored.data() + i * Format::recordSize, coefficients});
-        }
-    }
-
-private:
-    std::size_t m_sourceBytes;
-    std::size_t m_coefficientBytes; // 0 without
-    std::vector<std::byte> m_source;
-    std::vector<std::byte> m_stored;
-    std::vector<std::byte> m_coefficients;
-    std::vector<std::uint64_t> m_numbers; // of the splats in the source
-    std::vector<std::uint64_t> m_places;  // of the records in the dataset
+// Records of the source, a window of them, and copies of those of the dataset that came of them, so that a
+// worker compares them while the files are read on.
+struct Batch {
+    std::vector<std::byte> source;
+    std::uint64_t first = 0;             // number of the first one in the source
+    std::vector<std::uint64_t> numbers;  // of those that the dataset has, in the source
+    std::vector<std::uint64_t> places;   // of the records in the dataset
+    std::vector<std::byte> stored;       // the records
+    std::vector<std::byte> coefficients; // theirs, empty without
 };
 
 // Compares batches on as many threads as there are processors. What they find is gathered in the order of the
@@ -69,18 +34,43 @@ class BatchComparison {
 public:
     BatchComparison(const SplatReader::Dataset& dataset, const SplatLayout& layout,
                     SplatReader::Findings& findings)
-        : m_dataset(dataset), m_layout(layout), m_findings(findings), m_batch(newBatch()),
+        : m_dataset(dataset), m_layout(layout), m_findings(findings),
           m_errors(Comparer(dataset, layout).errors()) {}
 
-    void add(const std::byte* source, std::uint64_t number, const SplatReader::RecordCursor::View& stored) {
-        m_batch.add(source, number, stored);
-        if (m_batch.isFull()) {
-            start();
+    // The batch to fill next; the memory of one that has been compared.
+    std::unique_ptr<Batch> empty() {
+        if (m_running.size() == m_most) {
+            gather();
+        }
+        std::unique_ptr<Batch> batch = m_done ? std::move(m_done) : std::make_unique<Batch>();
+        batch->numbers.clear();
+        batch->places.clear();
+        batch->stored.clear();
+        batch->coefficients.clear();
+        return batch;
+    }
+
+    void add(Batch& batch, std::uint64_t number, const SplatReader::RecordCursor::View& stored) const {
+        batch.numbers.push_back(number);
+        batch.places.push_back(stored.index);
+        batch.stored.insert(batch.stored.end(), stored.data, stored.data + Format::recordSize);
+        if (stored.coefficients != nullptr) {
+            batch.coefficients.insert(batch.coefficients.end(), stored.coefficients,
+                                      stored.coefficients + m_dataset.coefficientSize());
         }
     }
 
+    void start(std::unique_ptr<Batch> batch) {
+        auto compareBatch = [this, batch = std::move(batch)]() mutable {
+            Comparer comparer(m_dataset, m_layout);
+            compare(*batch, comparer);
+            return Compared{std::move(comparer), std::move(batch)};
+        };
+        // Where no thread can be had the batch is compared when it is gathered.
+        m_running.push_back(std::async(std::launch::async | std::launch::deferred, std::move(compareBatch)));
+    }
+
     std::vector<AttributeError> finish() {
-        start();
         while (!m_running.empty()) {
             gather();
         }
@@ -88,27 +78,28 @@ public:
     }
 
 private:
-    Batch newBatch() const { return {m_layout.recordBytes(), m_dataset.coefficientSize()}; }
+    struct Compared {
+        Comparer comparer;
+        std::unique_ptr<Batch> batch;
+    };
 
-    void start() {
-        if (m_running.size() == m_most) {
-            gather();
+    void compare(const Batch& batch, Comparer& comparer) const {
+        for (std::size_t i = 0; i < batch.numbers.size(); ++i) {
+            const std::byte* coefficients = batch.coefficients.empty()
+                                                ? nullptr
+                                                : batch.coefficients.data() + i * m_dataset.coefficientSize();
+            comparer.compare(batch.source.data() + (batch.numbers[i] - batch.first) * m_layout.recordBytes(),
+                             batch.numbers[i],
+                             {batch.places[i], batch.stored.data() + i * Format::recordSize, coefficients});
         }
-        auto compareBatch = [this, batch = std::move(m_batch)] {
-            Comparer comparer(m_dataset, m_layout);
-            batch.compareWith(comparer);
-            return comparer;
-        };
-        // Where no thread can be had the batch is compared when it is gathered.
-        m_running.push_back(std::async(std::launch::async | std::launch::deferred, std::move(compareBatch)));
-        m_batch = newBatch();
     }
 
     void gather() {
-        const Comparer comparer = m_running.front().get();
+        Compared compared = m_running.front().get();
         m_running.pop_front();
-        m_findings.append(comparer.findings());
-        const std::vector<AttributeError> errors = comparer.errors();
+        m_done = std::move(compared.batch);
+        m_findings.append(compared.comparer.findings());
+        const std::vector<AttributeError> errors = compared.comparer.errors();
         for (std::size_t i = 0; i < errors.size(); ++i) {
             m_errors[i].add(errors[i]);
         }
@@ -117,10 +108,10 @@ private:
     const SplatReader::Dataset& m_dataset;
     SplatLayout m_layout;
     SplatReader::Findings& m_findings;
-    std::size_t m_most = std::clamp(std::thread::hardware_concurrency(), 1U, 16U); // batches in memory
-    Batch m_batch;
+    std::size_t m_most = std::clamp(std::thread::hardware_concurrency(), 1U, 16U); // batches being compared
     std::vector<AttributeError> m_errors;
-    std::deque<std::future<Comparer>>
+    std::unique_ptr<Batch> m_done;
+    std::deque<std::future<Compared>>
         m_running; // in the order of the source; goes first, as it uses the rest
 };
 
@@ -177,32 +168,40 @@ double AttributeError::rms() const {
 
 Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFile& source,
                              SplatReader::Findings& findings, const ScanProgress& progress) {
-    constexpr std::uint64_t progressEvery = 65536;
     Comparison result;
     if (!checkOrigin(dataset, source, findings)) {
         return result;
     }
     BatchComparison comparison(dataset, source.layout, findings);
     CellReaders cells(dataset);
-    RecordStream stream(source.path, source.bodyAt, source.layout.recordBytes(), source.records);
-    while (const std::byte* record = stream.next()) {
-        const std::uint64_t number = result.splats++;
-        const std::uint32_t key =
-            dataset.grid().keyAt(SplatReader::loadFloat(record), SplatReader::loadFloat(record + 4));
-        const std::optional<std::size_t> cell = cells.find(key);
-        if (!cell) {
-            ++result.leftOut;
-        } else if (const auto stored = cells.next(*cell)) {
-            ++result.found;
-            comparison.add(record, number, *stored);
-        } else {
-            findings.error("against-count", Format::indexFile, 0,
-                           fmt::format("splat {} of the source in cell {}", number, key),
-                           "no more splats there");
+    const std::uint64_t recordBytes = source.layout.recordBytes();
+    RecordStream stream(source.path, source.bodyAt, recordBytes, source.records);
+    for (;;) {
+        auto batch = comparison.empty();
+        batch->first = stream.position();
+        const std::uint64_t count = stream.read(batch->source);
+        if (count == 0) {
+            break;
         }
-        if (number % progressEvery == 0) {
-            progress(static_cast<double>(number) / static_cast<double>(source.records));
+        progress(static_cast<double>(batch->first) / static_cast<double>(source.records));
+        for (std::uint64_t i = 0; i < count; ++i) {
+            const std::byte* record = batch->source.data() + i * recordBytes;
+            const std::uint64_t number = result.splats++;
+            const std::uint32_t key =
+                dataset.grid().keyAt(SplatReader::loadFloat(record), SplatReader::loadFloat(record + 4));
+            const std::optional<std::size_t> cell = cells.find(key);
+            if (!cell) {
+                ++result.leftOut;
+            } else if (const auto stored = cells.next(*cell)) {
+                ++result.found;
+                comparison.add(*batch, number, *stored);
+            } else {
+                findings.error("against-count", Format::indexFile, 0,
+                               fmt::format("splat {} of the source in cell {}", number, key),
+                               "no more splats there");
+            }
         }
+        comparison.start(std::move(batch));
     }
     result.attributes = comparison.finish();
     checkTotals(dataset, result, cells, findings);

@@ -20,13 +20,17 @@ public:
     // the file ends before or cannot be read, or (Interrupted) when an interrupt was noted.
     const std::byte* next();
 
+    // Reads the next records, as many as a window holds, into memory of the caller's, which is resized to
+    // them: 0 after the last. Throws as next() does.
+    std::uint64_t read(std::vector<std::byte>& records);
+
     // Steps over records without reading them.
     void skip(std::uint64_t records);
 
     std::uint64_t position() const { return m_position; } // number of the next record
 
 private:
-    void fill();
+    std::uint64_t readAt(std::uint64_t first, std::vector<std::byte>& records);
 
     std::filesystem::path m_path;
     std::ifstream m_stream;

@@ -24,10 +24,14 @@ struct VerifyOptions {
     std::function<void(std::uint64_t, std::uint64_t)> progress;
 };
 
-// What the quantised values of one component did, over all records.
-struct ComponentUse {
-    std::uint32_t lowest = UINT32_MAX; // quantised value seen
+// The quantised values seen.
+struct ValueSpan {
+    std::uint32_t lowest = UINT32_MAX;
     std::uint32_t highest = 0;
+};
+
+// What the quantised values of one component did, over all records.
+struct ComponentUse : ValueSpan {
     std::uint64_t atZero = 0;    // records at quantised value 0
     std::uint64_t atMaximum = 0; // records at the largest quantised value
 };
@@ -38,8 +42,7 @@ struct RecordUse {
     ComponentUse opacity;
     std::array<ComponentUse, 3> scale;
     std::array<ComponentUse, 3> normal;
-    std::array<ComponentUse, 3>
-        coefficient;                      // red, green, blue, over all 15 of each record; packed form alone
+    std::array<ValueSpan, 3> coefficient; // red, green, blue, over all 15 of each record; packed form alone
     std::uint64_t undefinedRotations = 0; // word 0: the source's rotation was not a number
 };
 

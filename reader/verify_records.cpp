@@ -35,9 +35,13 @@ std::string componentText(std::string_view name, std::size_t axis) {
                                                        : std::string("on axis ") + "xyz"[axis]);
 }
 
+void join(ValueSpan& span, const ValueSpan& more) {
+    span.lowest = std::min(span.lowest, more.lowest);
+    span.highest = std::max(span.highest, more.highest);
+}
+
 void join(ComponentUse& use, const ComponentUse& more) {
-    use.lowest = std::min(use.lowest, more.lowest);
-    use.highest = std::max(use.highest, more.highest);
+    join(static_cast<ValueSpan&>(use), more);
     use.atZero += more.atZero;
     use.atMaximum += more.atMaximum;
 }
@@ -60,6 +64,44 @@ void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {
     use.atZero += quantised == 0 ? 1U : 0U;
     use.atMaximum += quantised == maximum ? 1U : 0U;
 }
+
+// The spans of packed coefficients, a word of the record apart, so that a loop over the words becomes vector
+// code. The sixteenth word is the padding and does not count. Signed, as vectors compare.
+class CoefficientSpans {
+public:
+    CoefficientSpans() {
+        for (Words& lowest : lowest_) {
+            lowest.fill(INT32_MAX);
+        }
+    }
+
+    void note(const std::byte* record) {
+        for (std::size_t k = 0; k < words; ++k) {
+            const CoefficientWord word = unpackCoefficientWord(loadUnsigned<std::uint32_t>(record + 4 * k));
+            for (std::size_t channel = 0; channel < 3; ++channel) {
+                const auto value = static_cast<std::int32_t>(word.channel[channel]);
+                lowest_[channel][k] = std::min(lowest_[channel][k], value);
+                highest_[channel][k] = std::max(highest_[channel][k], value);
+            }
+        }
+    }
+
+    void joinInto(std::array<ValueSpan, 3>& spans) const {
+        for (std::size_t channel = 0; channel < 3; ++channel) {
+            for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
+                join(spans[channel], {static_cast<std::uint32_t>(lowest_[channel][k]),
+                                      static_cast<std::uint32_t>(highest_[channel][k])});
+            }
+        }
+    }
+
+private:
+    static constexpr std::size_t words = Format::packedCoefficientSize / 4;
+    using Words = std::array<std::int32_t, words>;
+
+    std::array<Words, 3> lowest_;
+    std::array<Words, 3> highest_{};
+};
 
 class RecordVerifier {
 public:
@@ -84,7 +126,13 @@ public:
         ++use_.records;
     }
 
-    const RecordUse& use() const { return use_; }
+    RecordUse use() const {
+        RecordUse use = use_;
+        if (use.records > 0 && coefficientSize_ == Format::packedCoefficientSize) {
+            coefficients_.joinInto(use.coefficient);
+        }
+        return use;
+    }
 
 private:
     void checkPosition(const Record& record, const IndexStream::Range* cell) {
@@ -128,12 +176,7 @@ private:
     }
 
     void checkPacked(const std::byte* record) {
-        for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
-            const CoefficientWord word = unpackCoefficientWord(loadUnsigned<std::uint32_t>(record + 4 * k));
-            note(use_.coefficient[0], word.channel[0], Format::redBlueMaximum);
-            note(use_.coefficient[1], word.channel[1], Format::greenMaximum);
-            note(use_.coefficient[2], word.channel[2], Format::redBlueMaximum);
-        }
+        coefficients_.note(record);
         const auto padding = loadUnsigned<std::uint32_t>(record + Format::packedPaddingOffset);
         if (padding != 0) {
             findings_.error("record-padding", Format::coefficientFile,
@@ -170,6 +213,7 @@ private:
     std::uint32_t coefficientSize_;
     Findings& findings_;
     RecordUse use_;
+    CoefficientSpans coefficients_;
     std::uint64_t at_ = 0;
     std::uint64_t coefficientAt_ = 0;
 };
@@ -203,15 +247,15 @@ public:
 
 private:
     // The largest value of the source stands at the top step, the smallest at step 0.
-    void checkEnds(const char* name, const Range& range, std::size_t axis, const ComponentUse& use,
+    void checkEnds(const char* name, const Range& range, std::size_t axis, const ValueSpan& span,
                    std::uint32_t maximum) {
         if (!range.finite(axis)) {
             return;
         }
         const bool flat = range.min[axis] == range.max[axis];
         const std::uint32_t highest = flat ? 0 : maximum;
-        if (use.lowest != 0 || use.highest != highest) {
-            mismatch(name, axis, 0, highest, use);
+        if (span.lowest != 0 || span.highest != highest) {
+            mismatch(name, axis, 0, highest, span);
         }
     }
 
@@ -235,12 +279,12 @@ private:
     }
 
     void mismatch(const char* name, std::size_t axis, std::uint32_t lowest, std::uint32_t highest,
-                  const ComponentUse& use) {
+                  const ValueSpan& span) {
         findings_.error("record-range",
                         name == std::string("shcoef") ? Format::coefficientFile : Format::dataFile, 0,
                         componentText(name, axis) + " from step " + std::to_string(lowest) + " to " +
                             std::to_string(highest) + ", the ends of its range",
-                        std::to_string(use.lowest) + " to " + std::to_string(use.highest));
+                        std::to_string(span.lowest) + " to " + std::to_string(span.highest));
     }
 
     // One far outlier widens a range until most values fall into one step, and their differences are lost.

@@ -95,8 +95,11 @@ TEST(ReaderVerify, ReportsHowTheStepsAreUsed) {
     EXPECT_EQ(report.use->scale[0].highest, 65535U);
     EXPECT_EQ(report.use->scale[0].atZero, 1U);
     EXPECT_EQ(report.use->opacity.atMaximum, 1U);
-    EXPECT_EQ(report.use->coefficient[1].highest, 1023U);
-    EXPECT_EQ(report.use->coefficient[1].atMaximum, 15U);
+    const std::array<std::uint32_t, 3> maxima = {2047U, 1023U, 2047U};
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+        EXPECT_EQ(report.use->coefficient[channel].lowest, 0U);
+        EXPECT_EQ(report.use->coefficient[channel].highest, maxima[channel]);
+    }
 }
 
 struct Fault {
