@@ -110,7 +110,8 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const bool hasShcoef = pass.bounding->hasShcoef;
     const std::size_t recordFloats = recordLayout(hasShcoef).floats;
     BlockRanges ranges;
-    const auto counter = job.cells ? std::make_unique<CellCounter>() : nullptr;
+    // Not told from job.cells, which goes with the block: a worker that comes to help may find it finished.
+    const auto counter = pass.countsCells ? std::make_unique<CellCounter>() : nullptr;
     const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         float* const window = job.block.get() + first * recordFloats;
         reader.read(task.offset + first * task.stride, window, count * task.stride);
