@@ -4,6 +4,7 @@
 #include "tests/support/conversion.h"
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"
+#include "tests/support/sanitizers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,15 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-
-// A sanitizer's runtime reserves terabytes of address space, so that no limit can be set on it.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
-#endif
-#endif
 
 namespace blackbox {
 
