@@ -134,10 +134,10 @@ int watchProcess(pid_t process) {
     return descriptor;
 }
 
-// How long to wait before looking at the log again: a fiftieth of what has passed. Every look takes a
-// processor from the command, which has work for all of them; at one every half millisecond 3,000,000 splats
-// took 5 % longer.
-int milliseconds(Clock::duration passed) {
+// Milliseconds to wait before looking at the log again: a fiftieth of what has passed, 1 to 10. Every look
+// takes a processor from the command, which has work for all of them; at one every half millisecond 3,000,000
+// splats took 5 % longer.
+int untilNextLook(Clock::duration passed) {
     const auto fiftieth = std::chrono::duration_cast<std::chrono::milliseconds>(passed / 50).count();
     return static_cast<int>(std::clamp<std::int64_t>(fiftieth, 1, 10));
 }
@@ -180,7 +180,7 @@ Run run(const std::vector<std::string>& command, const std::filesystem::path& lo
     }
     if (!log.empty()) {
         pollfd process{.fd = watchProcess(child), .events = POLLIN, .revents = 0};
-        while (poll(&process, 1, milliseconds(Clock::now() - begin)) == 0) {
+        while (poll(&process, 1, untilNextLook(Clock::now() - begin)) != 1) {
             watch.look();
         }
         close(process.fd);

@@ -6,7 +6,7 @@ namespace Tavrin::SplatProgram {
 
 namespace {
 constexpr std::size_t budget = std::size_t{64} << 20; // bytes of all windows
-constexpr std::size_t largestWindow = 1024; // records
+constexpr std::size_t largestWindow = 1024;           // records
 } // namespace
 
 CellReaders::CellReaders(const SplatReader::Dataset& dataset)

@@ -141,7 +141,7 @@ std::vector<AttributeError> Comparer::errors() const {
         errors[attribute].values += 3 * m_agreeingHeads;
     }
     errors[opacity].values += m_agreeingHeads;
-    errors[coefficients].values += m_agreeing * coefficientCount;
+    errors[coefficients].values += m_agreeingCoefficients * coefficientCount;
     return errors;
 }
 
@@ -152,7 +152,7 @@ void Comparer::LaneErrors::add(const Lanes& distances) {
     }
 }
 
-void Comparer::addLane(AttributeError& error, const LaneErrors& lanes, std::size_t lane, double step) const {
+void Comparer::addLane(AttributeError& error, const LaneErrors& lanes, std::size_t lane, double step) {
     error.squares += lanes.squares[lane];
     error.largest = std::max(error.largest, lanes.largest[lane]);
     if (step > 0.0) {
@@ -184,10 +184,10 @@ bool Comparer::agreeHead(const float* source, const SplatReader::Record& record)
     found[itsLane] = m_back.opacity(record.opacity);
     const std::size_t dropped = SplatReader::unpackRotationWord(record.rotation).largest;
     const std::array<double, 4> back = SplatReader::unpackRotation(record.rotation);
-    const double factor = (q[dropped] >= 0.0F ? 1.0 : -1.0) / length;
+    const double sign = q[dropped] >= 0.0F ? 1.0 : -1.0;
     bool isLargest = true;
     for (std::size_t i = 0; i < 4; ++i) {
-        expected[rotationLane + i] = i == dropped ? 0.0 : factor * q[i];
+        expected[rotationLane + i] = i == dropped ? 0.0 : sign * q[i] / length;
         found[rotationLane + i] = i == dropped ? 0.0 : back[(i + 1) % 4];
         isLargest = isLargest && !isLarger(q[i], q[dropped]);
     }
@@ -284,8 +284,8 @@ void Comparer::checkRotation(const std::array<float, 4>& q, std::uint32_t word,
     }
 }
 
-// The same for the coefficients, with checkCoefficients. The sixteenth lane holds what follows a channel, in
-// the source as in the record, and does not count.
+// What agreeHead is to checkHead, for the coefficients and checkCoefficients. The sixteenth lane holds what
+// follows a channel, in the source as in the record, and does not count.
 bool Comparer::agreeCoefficients(const float* source, const std::byte* stored) {
     constexpr std::size_t perChannel = Format::coefficientsPerChannel;
     static_assert(laneCount == perChannel + 1 && Format::packedCoefficientSize == 4 * laneCount);
@@ -311,7 +311,7 @@ bool Comparer::agreeCoefficients(const float* source, const std::byte* stored) {
     if (std::accumulate(differing.begin(), differing.begin() + perChannel, 0.0) != 0.0) {
         return false;
     }
-    ++m_agreeing;
+    ++m_agreeingCoefficients;
     for (std::size_t channel = 0; channel < 3; ++channel) {
         m_coefficientErrors[channel].add(distances[channel]);
     }

@@ -55,7 +55,7 @@ private:
 
     bool agreeHead(const float* source, const SplatReader::Record& record);
     void checkHead(const float* source, const SplatReader::Record& record);
-    void addLane(AttributeError& error, const LaneErrors& lanes, std::size_t lane, double step) const;
+    static void addLane(AttributeError& error, const LaneErrors& lanes, std::size_t lane, double step);
     void difference(Attribute attribute, const std::string& expected, const std::string& found);
     void check(Attribute attribute, double expected, double found, double step, std::uint32_t quantised);
     void checkRanged(Attribute attribute, bool isRangeFinite, double expected, double found, double step,
@@ -80,7 +80,7 @@ private:
     std::array<AttributeError, attributeCount> m_errors;
     std::uint64_t m_agreeingHeads = 0;
     LaneErrors m_headErrors;
-    std::uint64_t m_agreeing = 0; // coefficients
+    std::uint64_t m_agreeingCoefficients = 0;
     std::array<LaneErrors, 3> m_coefficientErrors;
     std::uint64_t m_number = 0;
     std::uint64_t m_at = 0;

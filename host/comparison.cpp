@@ -174,6 +174,7 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFil
     }
     BatchComparison comparison(dataset, source.layout, findings);
     CellReaders cells(dataset);
+    SplatReader::Findings missing; // told after what the batches find, which comes in when they are done
     const std::uint64_t recordBytes = source.layout.recordBytes();
     RecordStream stream(source.path, source.bodyAt, recordBytes, source.records);
     for (;;) {
@@ -196,14 +197,15 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFil
                 ++result.found;
                 comparison.add(*batch, number, *stored);
             } else {
-                findings.error("against-count", Format::indexFile, 0,
-                               fmt::format("splat {} of the source in cell {}", number, key),
-                               "no more splats there");
+                missing.error("against-count", Format::indexFile, 0,
+                              fmt::format("splat {} of the source in cell {}", number, key),
+                              "no more splats there");
             }
         }
         comparison.start(std::move(batch));
     }
     result.attributes = comparison.finish();
+    findings.append(missing);
     checkTotals(dataset, result, cells, findings);
     return result;
 }

@@ -19,10 +19,6 @@ constexpr const char* sourcePath = "src/chunker";
 
 std::mutex chunkMutex; // the chunk lock: guards the shared ranges, the chunk list and what belongs to them
 
-} // namespace
-
-namespace {
-
 // Nothing where there is no memory: for what the conversion can do without.
 template <typename Element>
 LargeArray<Element> tryLargeArray(std::uint64_t count) {
@@ -33,19 +29,24 @@ LargeArray<Element> tryLargeArray(std::uint64_t count) {
     }
 }
 
-LargeArray<std::byte> makeRoom(const Chunker::Task& task) {
-    if (!largePagesMove() || task.stride >= indexedSplatBytes) {
-        return nullptr;
-    }
-    const std::uint64_t bytes = task.count * (indexedSplatBytes - task.stride) / largePage * largePage;
-    return bytes == 0 ? nullptr : tryLargeArray<std::byte>(bytes);
+// What a splat's record takes beyond what is already there of it, so that all together stays at the record's
+// size.
+std::uint64_t roomForOne(const Chunker::Task& task, bool countsCells) {
+    const std::uint64_t there = task.stride + (countsCells ? sizeof(std::uint32_t) : 0);
+    return indexedSplatBytes - std::min(indexedSplatBytes, there);
+}
+
+LargeArray<std::byte> makeRoom(std::uint64_t bytes) {
+    const std::uint64_t whole = bytes / largePage * largePage;
+    return whole > 0 && largePagesMove() ? tryLargeArray<std::byte>(whole) : nullptr;
 }
 
 } // namespace
 
 DecodeJob::DecodeJob(const Chunker::Task& blockTask, bool countsCells)
     : task(blockTask), windows(blockTask.count),
-      block(makeLargeArray<float>(blockTask.length / sizeof(float))), room(makeRoom(blockTask)),
+      block(makeLargeArray<float>(blockTask.length / sizeof(float))),
+      roomPerSplat(roomForOne(blockTask, countsCells)), room(makeRoom(blockTask.count * roomPerSplat)),
       cells(countsCells ? std::make_shared<ChunkCells>() : nullptr) {
     if (cells) {
         cells->grid = chunkGrid;
@@ -87,16 +88,15 @@ void findCells(const float* window, std::size_t recordFloats, std::uint64_t firs
     }
 }
 
-// Touch the pages of the room that begin in the share of a window's records: each page is one window's.
+// Touch the pages of the room that begin in the part of a window's records: each page is one window's.
 void touchRoom(const DecodeJob& job, std::uint64_t first, std::uint64_t count) {
     constexpr std::uint64_t smallestPage = 4096;
     const std::uint64_t size = job.room.get_deleter().bytes;
-    const std::uint64_t share = indexedSplatBytes - job.task.stride;
     const auto firstPageFrom = [size](std::uint64_t at) {
         return std::min(size, (at + largePage - 1) / largePage * largePage);
     };
-    const std::uint64_t end = firstPageFrom((first + count) * share);
-    for (std::uint64_t at = firstPageFrom(first * share); at < end; at += smallestPage) {
+    const std::uint64_t end = firstPageFrom((first + count) * job.roomPerSplat);
+    for (std::uint64_t at = firstPageFrom(first * job.roomPerSplat); at < end; at += smallestPage) {
         const_cast<volatile std::byte&>(job.room[at]) = std::byte{0};
     }
 }

@@ -12,12 +12,14 @@
 
 namespace Tavrin::GaussionSplat {
 
-// One block being decoded. Everything but windows and the records of the windows taken is guarded by the
-// chunk lock.
+// One block being decoded. Everything but windows is guarded by the chunk lock, and but for what belongs to
+// the records of a window, in block, room and cells->keys, which is its worker's until it has counted them as
+// decoded.
 struct DecodeJob {
     Chunker::Task task;
     WindowQueue windows;
     LargeArray<float> block;           // the records, decoded in place
+    std::uint64_t roomPerSplat;        // bytes; constant
     LargeArray<std::byte> room;        // ChunkData::room
     BlockRanges ranges;                // of the records decoded so far
     std::uint64_t decodedCount = 0;    // records decoded so far

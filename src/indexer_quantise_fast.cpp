@@ -203,16 +203,19 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
     unsigned doubtfulWords = 0;
     // The sixteenth word is made of the neighbours' values, at last the opacity, and stays zero.
     __m128i used = _mm_set1_epi32(-1);
+    unsigned usedLanes = 15; // a bit for each
     for (std::size_t k = 0; k < 16; k += 4) {
         if (k == 12) {
             used = _mm_setr_epi32(-1, -1, -1, 0);
+            usedLanes = 7;
         }
         const __m128i red = _mm_and_si128(fixedPoint(shcoef + k, redMin, redFactor), used);
         const __m128i green = _mm_and_si128(fixedPoint(greens + k, greenMin, greenFactor), used);
         const __m128i blue = _mm_and_si128(fixedPoint(blues + k, blueMin, blueFactor), used);
         wide = _mm_or_si128(wide, _mm_or_si128(red, blue));
         narrow = _mm_or_si128(narrow, green);
-        unsigned doubtful = zeroLanes(distanceFromEdge(red), distanceFromEdge(green), distanceFromEdge(blue));
+        unsigned doubtful =
+            usedLanes & zeroLanes(distanceFromEdge(red), distanceFromEdge(green), distanceFromEdge(blue));
         if (doubtful != 0) {
             doubtful = zeroLanes(distanceFromDoubt(red), distanceFromDoubt(green), distanceFromDoubt(blue));
         }

@@ -39,15 +39,15 @@ inline constexpr std::size_t rawCoefficientsSize = sizeof(SplatsData::raw);
 // when the last cell is.
 //
 // Memory that the system hands out has to be cleared by it first, which costs more than filling the records.
-// So pages of the decoded blocks that nobody reads any more are put in the place of pages of the arena that
-// nobody has touched yet.
+// So pages of the decoded blocks that nobody reads any more, and pages that were touched before for this
+// purpose, are put in the place of pages of the arena that nobody has touched yet.
 struct RecordArena {
     LargeArray<std::byte> block;
     std::uint64_t size;                // bytes
     std::uint64_t used = 0;            // bytes given to cells
     std::vector<std::uint8_t> settled; // for each large page: it has memory of its own
     std::vector<void*> spare;          // large pages of other blocks, free to be moved here
-    std::size_t given = 0;             // the first so many of them stay until they are moved
+    std::size_t given = 0; // so many of them, the first, were given for good: withdrawOffers keeps them
 
     explicit RecordArena(std::uint64_t bytes)
         : block(makeLargeArray<std::byte>(bytes)), size(bytes), settled(bytes / largePage + 1) {}

@@ -287,10 +287,6 @@ void freeLarge(void* block, std::uint64_t bytes) noexcept {
     }
 }
 
-bool largePagesMove() noexcept {
-    return true;
-}
-
 bool moveLargePage(void* from, void* to) {
     // The source stays mapped, so that no other thread's mapping can come to lie in the block before it is
     // freed.
@@ -305,6 +301,21 @@ bool moveLargePage(void* from, void* to) {
         throw AllocationError();
     }
     return false;
+}
+
+// Kernels before 5.7 refuse, and some sandboxes, whatever the headers promise: tried once, with a page that
+// nobody touched.
+bool largePagesMove() noexcept {
+    static const bool doThey = [] {
+        try {
+            const LargeArray<std::byte> from = makeLargeArray<std::byte>(largePage);
+            const LargeArray<std::byte> to = makeLargeArray<std::byte>(largePage);
+            return moveLargePage(from.get(), to.get());
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }();
+    return doThey;
 }
 
 #else

@@ -73,7 +73,7 @@ void freeLarge(void* block, std::uint64_t bytes) noexcept;
 // fails half-way and the place cannot be had again.
 bool moveLargePage(void* from, void* to);
 
-// Whether moveLargePage may succeed here.
+// Whether moveLargePage succeeds here, as far as the system tells beforehand.
 bool largePagesMove() noexcept;
 
 struct FreeLarge {
