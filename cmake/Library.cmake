@@ -11,6 +11,7 @@ add_library(plyconvert_core STATIC
     src/splatheader_numbers.cpp
     src/splatheader_blocks.cpp
     src/splatheader_scan.cpp
+    src/splatheader_cells.cpp
     src/chunker.cpp
     src/chunker_decode.cpp
     src/indexer.cpp

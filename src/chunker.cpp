@@ -78,13 +78,11 @@ void finishBlock(DecodeJob& job, ChunkPass& pass) {
 // Find the cells of the records of a window, which starts with the first-th record of the block.
 void findCells(const float* window, std::size_t recordFloats, std::uint64_t first, std::uint64_t count,
                ChunkCells& cells, CellCounter& counter) {
-    std::uint32_t* const keys = cells.keys.get();
-    for (std::uint64_t i = 0; i < count; ++i, window += recordFloats) {
-        const std::uint32_t key = cellKey(window[positionAt], window[positionAt + 1], cells.grid);
-        counter.add(key, 1);
-        if (keys != nullptr) {
-            keys[first + i] = key;
-        }
+    std::uint32_t own[windowRecords];
+    std::uint32_t* const keys = cells.keys ? cells.keys.get() + first : own;
+    cellKeys(window, recordFloats, count, cells.grid, keys);
+    for (std::uint64_t i = 0; i < count; ++i) {
+        counter.add(keys[i], 1);
     }
 }
 

@@ -41,7 +41,7 @@ void CellTable::reserve(LODData& level) {
     for (const CellCount& cell : counter.counts()) {
         auto records = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
         records->resize(cell.splats); // sets nothing: the allocator leaves records as they are
-        next.push_back(records->data());
+        filling.push_back({.next = records->data(), .settledEnd = records->data()});
         level.cells->emplace(cell.key, std::move(records));
     }
 }

@@ -22,8 +22,11 @@ public:
 
     // The place of the next splat of the cell of key; at most as many as were counted.
     SplatsData* place(std::uint32_t key) {
-        SplatsData* const record = next[counter.numberOf(key)]++;
-        arena->settle(record);
+        Filling& cell = filling[counter.numberOf(key)];
+        SplatsData* const record = cell.next++;
+        if (record >= cell.settledEnd) {
+            cell.settledEnd = arena->settle(record);
+        }
         return record;
     }
 
@@ -43,8 +46,13 @@ public:
     void close();
 
 private:
+    struct Filling {
+        SplatsData* next;
+        SplatsData* settledEnd; // the records before this one have memory
+    };
+
     std::shared_ptr<RecordArena> arena;       // set by reserve
-    std::vector<SplatsData*> next;            // by number of cell
+    std::vector<Filling> filling;             // by number of cell
     std::vector<LargeArray<std::byte>> rooms; // what was given
 };
 

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <unordered_map>
 #include <vector>
@@ -17,19 +18,30 @@ namespace Tavrin::GaussionSplat {
 // a single cell.
 inline constexpr std::uint64_t singleCellSplats = 1'000'000;
 
+// Where nearIndex holds.
+inline bool isNear(float cells) {
+    return cells > -1e9f && cells < 1e9f;
+}
+
+// floor(cells) for a number that an int holds: the truncation, less one where that went up.
+inline std::int32_t nearIndex(float cells) {
+    const auto truncated = static_cast<std::int32_t>(cells);
+    return truncated - (static_cast<float>(truncated) > cells ? 1 : 0);
+}
+
 // The cell of a splat: X index in the low 16 bits OR-ed with the Y index shifted left by 16. Neither is
 // masked: an index below 0 or above 65,535 runs into the other half. Single precision.
 inline std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
-    // floor(v) truncated to an integer; where an int holds it, the truncation, less one where that went up.
-    const auto index = [](float v) {
-        if (v > -1e9f && v < 1e9f) {
-            const auto truncated = static_cast<std::int32_t>(v);
-            return static_cast<std::uint32_t>(truncated - (static_cast<float>(truncated) > v ? 1 : 0));
-        }
-        return static_cast<std::uint32_t>(truncateToBits(std::floor(v)));
+    const auto index = [](float cells) {
+        return isNear(cells) ? static_cast<std::uint32_t>(nearIndex(cells))
+                             : static_cast<std::uint32_t>(truncateToBits(std::floor(cells)));
     };
     return index((x - grid.originX) / grid.cellSizeX) | index((y - grid.originY) / grid.cellSizeY) << 16;
 }
+
+// cellKey of count splats, whose x and y stand at the start of records of stride floats.
+void cellKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
+              std::uint32_t* keys);
 
 // Splats of one cell.
 struct CellCount {
@@ -40,10 +52,12 @@ struct CellCount {
 // Counts splats by cell, and numbers the cells in the order in which they are first seen.
 class CellCounter {
 public:
+    CellCounter() { remembered[hashOf(0)].key = 1; }
+
     // The number of the cell of key, a new one with no splats when it is seen first.
     std::uint32_t numberOf(std::uint32_t key) {
         const Remembered& entry = remembered[hashOf(key)];
-        return entry.key == key && entry.numberAndOne != 0 ? entry.numberAndOne - 1 : find(key);
+        return entry.key == key ? entry.number : find(key);
     }
 
     void add(std::uint32_t key, std::uint64_t splats) { cells[numberOf(key)].splats += splats; }
@@ -52,10 +66,11 @@ public:
     const std::vector<CellCount>& counts() const { return cells; }
 
 private:
-    // Where a key was found: a scene has far fewer cells than this has entries.
+    // Where a key was found: a scene has far fewer cells than this has entries. An empty entry holds a key
+    // whose place is another, so that no key is found there.
     struct Remembered {
         std::uint32_t key = 0;
-        std::uint32_t numberAndOne = 0; // 0: empty
+        std::uint32_t number = 0;
     };
     static constexpr std::size_t rememberedCount = 4096; // a power of two
 
@@ -70,7 +85,7 @@ private:
         if (isNew) {
             cells.push_back({.key = key, .splats = 0});
         }
-        remembered[hashOf(key)] = {.key = key, .numberAndOne = entry->second + 1};
+        remembered[hashOf(key)] = {.key = key, .number = entry->second};
         return entry->second;
     }
 };

@@ -383,68 +383,6 @@ TEST(QuantiseRecords, CoefficientsAroundEveryStepFollowTheFormulas) {
     }
 }
 
-TEST(CellKey, IsColumnAndRow) {
-    const ChunkGrid grid{.cellSizeX = 30.0f, .cellSizeY = 20.0f, .originX = -10.0f, .originY = 5.0f};
-    EXPECT_EQ(cellKey(-10.0f, 5.0f, grid), 0u);
-    EXPECT_EQ(cellKey(19.9f, 24.9f, grid), 0u);
-    EXPECT_EQ(cellKey(20.0f, 5.0f, grid), 1u);
-    EXPECT_EQ(cellKey(-10.0f, 25.0f, grid), 1u << 16);
-    EXPECT_EQ(cellKey(85.0f, 70.0f, grid), 3u | 3u << 16);
-}
-
-TEST(CellKey, BelowTheOriginBothHalvesAreSet) {
-    const ChunkGrid grid{.cellSizeX = 30.0f, .cellSizeY = 30.0f};
-    EXPECT_EQ(cellKey(-0.5f, 0.0f, grid), 0xFFFFFFFFu); // column -1
-    EXPECT_EQ(cellKey(-30.5f, 100.0f, grid), 0xFFFFFFFEu);
-    EXPECT_EQ(cellKey(0.0f, -0.5f, grid), 0xFFFF0000u); // row -1
-    EXPECT_EQ(cellKey(31.0f, -31.0f, grid), 0xFFFE0001u);
-}
-
-TEST(CellKey, ManyColumnsRunIntoTheRows) {
-    const ChunkGrid grid{.cellSizeX = 1.0f, .cellSizeY = 1.0f};
-    EXPECT_EQ(cellKey(65'535.0f, 0.0f, grid), 0xFFFFu);
-    EXPECT_EQ(cellKey(65'536.0f, 0.0f, grid), 0x10000u);
-    EXPECT_EQ(cellKey(65'537.0f, 2.0f, grid), 0x30001u);
-    EXPECT_EQ(cellKey(0.0f, 65'536.0f, grid), 0u); // shifted out
-    EXPECT_EQ(cellKey(3e9f, 0.0f, grid), 3'000'000'000u);
-}
-
-TEST(CellKey, WhatNoIntegerHoldsIsZero) {
-    const ChunkGrid grid{.cellSizeX = 30.0f, .cellSizeY = 30.0f};
-    EXPECT_EQ(cellKey(nan, nan, grid), 0u);
-    EXPECT_EQ(cellKey(infinity, -infinity, grid), 0u);
-    EXPECT_EQ(cellKey(nan, 31.0f, grid), 1u << 16);
-    EXPECT_EQ(cellKey(1.0f, 1.0f, ChunkGrid()), 0u); // cells of no size
-}
-
-TEST(CellKey, IsComputedInSinglePrecision) {
-    Random random(64);
-    bool doubleWouldDiffer = false;
-    for (int i = 0; i < 400'000; ++i) {
-        const bool wild = i % 2 == 0;
-        const auto any = [&](float low, float high) {
-            return wild ? support::mixedFloat(random, low, high) : random.between(low, high);
-        };
-        const ChunkGrid grid{.cellSizeX = any(0.01f, 30.0f),
-                             .cellSizeY = any(0.01f, 30.0f),
-                             .originX = any(-500.0f, 500.0f),
-                             .originY = any(-500.0f, 500.0f)};
-        const float x = any(-1000.0f, 1000.0f);
-        const float y = any(-1000.0f, 1000.0f);
-        const std::uint32_t expected = reference::cellKey(x, y,
-                                                          {.originX = grid.originX,
-                                                           .originY = grid.originY,
-                                                           .cellSizeX = grid.cellSizeX,
-                                                           .cellSizeY = grid.cellSizeY});
-        ASSERT_EQ(cellKey(x, y, grid), expected)
-            << support::describe(x) << ' ' << support::describe(y) << ' ' << support::describe(grid.originX);
-        const double column = std::floor((double{x} - double{grid.originX}) / double{grid.cellSizeX});
-        doubleWouldDiffer =
-            doubleWouldDiffer || (!wild && reference::truncated(column) != (expected & 0xFFFF));
-    }
-    EXPECT_TRUE(doubleWouldDiffer);
-}
-
 } // namespace
 
 } // namespace Tavrin::GaussionSplat

@@ -1,0 +1,48 @@
+#include "src/splatheader_cells.h"
+
+#include <algorithm>
+
+namespace Tavrin::GaussionSplat {
+
+namespace {
+
+constexpr std::size_t tileSplats = 64;
+
+// The indices along one axis of a tile of positions, and whether all of them are near. A straight loop that
+// the compiler turns into vector code; where a position is not near it is worth nothing.
+bool nearIndices(const float (&positions)[tileSplats], float origin, float cellSize,
+                 std::uint32_t (&indices)[tileSplats]) {
+    unsigned far = 0;
+    for (std::size_t i = 0; i < tileSplats; ++i) {
+        const float cells = (positions[i] - origin) / cellSize;
+        const bool near = isNear(cells);
+        far |= near ? 0u : 1u;
+        indices[i] = static_cast<std::uint32_t>(nearIndex(near ? cells : 0.0f));
+    }
+    return far == 0;
+}
+
+} // namespace
+
+void cellKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
+              std::uint32_t* keys) {
+    alignas(64) float x[tileSplats] = {};
+    alignas(64) float y[tileSplats] = {};
+    alignas(64) std::uint32_t columns[tileSplats];
+    alignas(64) std::uint32_t rows[tileSplats];
+    for (std::uint64_t done = 0; done < count; done += tileSplats) {
+        const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(count - done, tileSplats));
+        const float* const tile = records + done * stride;
+        for (std::size_t i = 0; i < size; ++i) {
+            x[i] = tile[i * stride];
+            y[i] = tile[i * stride + 1];
+        }
+        const bool nearColumns = nearIndices(x, grid.originX, grid.cellSizeX, columns);
+        const bool nearRows = nearIndices(y, grid.originY, grid.cellSizeY, rows);
+        for (std::size_t i = 0; i < size; ++i) {
+            keys[done + i] = nearColumns && nearRows ? columns[i] | rows[i] << 16 : cellKey(x[i], y[i], grid);
+        }
+    }
+}
+
+} // namespace Tavrin::GaussionSplat
