@@ -57,8 +57,8 @@ struct RecordArena {
 
     bool holds(const void* pointer) const { return pointer >= block.get() && pointer < block.get() + size; }
 
-    // Call before the first write to record, which stands in this arena. What it returns stands behind it: the
-    // records before that, from record on, have memory and need no call of their own.
+    // Call before the first write to record, which stands in this arena. What it returns stands behind it:
+    // the records before that, from record on, have memory and need no call of their own.
     SplatsData* settle(SplatsData* record) {
         const auto at = static_cast<std::uint64_t>(reinterpret_cast<std::byte*>(record) - block.get());
         const std::uint64_t last = (at + sizeof(SplatsData) - 1) / largePage;
