@@ -17,6 +17,7 @@ add_library(plyconvert_core STATIC
     src/indexer.cpp
     src/indexer_quantise.cpp
     src/indexer_quantise_fast.cpp
+    src/indexer_quantise_avx2.cpp
     src/indexer_build.cpp
     src/indexer_files.cpp
     src/indexer_meta.cpp)

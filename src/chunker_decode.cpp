@@ -4,15 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <string_view>
-
-// A compiler that can translate single functions for a processor with wider vectors than the build's own.
-#if defined(__GNUC__) && defined(__x86_64__)
-#define PLYCONVERT_AVX2 1
-#else
-#define PLYCONVERT_AVX2 0
-#endif
 
 namespace Tavrin::GaussionSplat {
 
@@ -257,7 +248,7 @@ void foldChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
     }
 }
 
-// The body of every variant of decodeRecords.
+// The body of decodeRecords for all kernels.
 inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
     const RecordLayout& layout = recordLayout(hasShcoef);
     LaneRanges<copiedLanes> copied;
@@ -283,10 +274,6 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, Blo
     foldChannels(shcoef, ranges.shcoef);
 }
 
-void decodeBaseline(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
-    decodeTiles(records, count, hasShcoef, ranges);
-}
-
 #if PLYCONVERT_AVX2
 
 // The same code with everything that it calls, so that no function which others share is translated for the
@@ -297,47 +284,19 @@ __attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::ui
     decodeTiles(records, count, hasShcoef, ranges);
 }
 
-std::vector<DecodeVariant> findVariants() {
-    __builtin_cpu_init();
-    std::vector<DecodeVariant> variants;
-    if (__builtin_cpu_supports("avx2") != 0) {
-        variants.push_back({"avx2", decodeAvx2});
-    }
-    variants.push_back({"baseline", decodeBaseline});
-    return variants;
-}
-
-#else
-
-std::vector<DecodeVariant> findVariants() {
-    return {{"baseline", decodeBaseline}};
-}
-
 #endif
-
-// The first variant, or the one that the environment names: tests of whole conversions choose it so.
-DecodeFunction chooseVariant() {
-    const std::vector<DecodeVariant> variants = findVariants();
-    const char* const wanted = std::getenv("PLYCONVERT_KERNELS");
-    for (const DecodeVariant& variant : variants) {
-        if (wanted != nullptr && std::string_view(wanted) == variant.name) {
-            return variant.decode;
-        }
-    }
-    return variants.front().decode;
-}
-
-// Chosen while the library is loaded: no worker reads the environment, which a host may be changing.
-const DecodeFunction chosenVariant = chooseVariant();
 
 } // namespace
 
-std::vector<DecodeVariant> decodeVariants() {
-    return findVariants();
-}
-
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
-    chosenVariant(records, count, hasShcoef, ranges);
+void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
+                   [[maybe_unused]] Kernels kernels) {
+#if PLYCONVERT_AVX2
+    if (kernels == Kernels::avx2) {
+        decodeAvx2(records, count, hasShcoef, ranges);
+        return;
+    }
+#endif
+    decodeTiles(records, count, hasShcoef, ranges);
 }
 
 namespace {

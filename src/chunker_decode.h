@@ -4,13 +4,13 @@
 // columns.
 #pragma once
 
+#include "src/platform.h"
 #include "src/records.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <vector>
 
 namespace Tavrin::GaussionSplat {
 
@@ -76,18 +76,8 @@ void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges);
 
 // Decode count records in place, each as decodeRecord does, and widen ranges by them. The bounds are those of
 // decodeRecord but for the sign of a zero, which settleZeroBounds puts right once the whole block is there.
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
-
-// decodeRecords for one kind of processor. Every variant gives the same bytes and bounds.
-using DecodeFunction = void (*)(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
-struct DecodeVariant {
-    const char* name;
-    DecodeFunction decode;
-};
-
-// The variants that this processor runs, the fastest first, which decodeRecords takes unless the environment
-// variable PLYCONVERT_KERNELS names another.
-std::vector<DecodeVariant> decodeVariants();
+void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
+                   Kernels kernels = chosenKernels());
 
 // Widen ranges by those of other records of the same block.
 void joinRanges(BlockRanges& ranges, const BlockRanges& other);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "src/indexer_records.h"
+#include "src/platform.h"
 #include "src/records.h"
 
 #include <cstdint>
@@ -32,26 +33,37 @@ void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsD
 // the same integers, and the few splats where it might not go through quantiseSplat. One for each scene;
 // immutable.
 struct FastQuantiser {
-    explicit FastQuantiser(const QuantiseSettings& quantiseSettings);
+    explicit FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels = chosenKernels());
 
     void quantise(const float* splat, SplatsData& record) const;
 
-private:
-    static constexpr std::size_t wideLanes = 6; // normal and scale
+    // Bits of a packed coefficient behind its point while it is a number of fixed point.
+    static constexpr int fractionBits = 10;
 
+private:
     QuantiseSettings settings;
     std::size_t scaleAt;
     std::size_t opacityAt;
     std::size_t rotationAt;
-    bool usable; // the reciprocals are normal numbers
-    alignas(16) double wideMin[wideLanes];
-    alignas(16) double wideFactor[wideLanes]; // 65535.5 over extent
+    bool usable; // the reciprocals are normal numbers, and the form of the records is one that is quantised
+                 // fast
+    bool usesAvx2;
+    // Normal, a gap that gives 0, scale, a gap.
+    alignas(32) double wideMin[8] = {};
+    alignas(32) double wideFactor[8] = {}; // 65535.5 over extent
     float coefficientMin[3];
     float coefficientFactor[3]; // steps over extent, in units of fixed point
 
     void setCoefficients();
-    bool quantiseHead(const float* splat, SplatsData& record) const;
+
+    // Each false when a value of the record's first 32 bytes needs the plain form.
+    bool quantiseNarrow(const float* splat, SplatsData& record) const;
+    bool quantiseWide(const float* splat, SplatsData& record) const;
+
     void quantiseCoefficients(const float* shcoef, SplatsData& record) const;
+
+    // Pack the words whose bits are set in the plain form.
+    void packPlainly(unsigned words, const float* shcoef, SplatsData& record) const;
 };
 
 // The pieces, each as a record holds it.

@@ -17,6 +17,8 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
+constexpr int fractionBits = FastQuantiser::fractionBits;
+
 // The reciprocal of an extent, or 0 where every finite value quantises to 0: an extent of zero gives NaN or
 // an infinity, and an infinite extent gives 0, all of which truncate to 0. usable turns false where a
 // reciprocal would lose precision.
@@ -31,8 +33,10 @@ double reciprocalOf(const QuantiseRange& range, bool& usable) {
 
 } // namespace
 
-FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings)
-    : settings(quantiseSettings), usable(PLYCONVERT_SSE2) {
+FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels)
+    : settings(quantiseSettings),
+      usable(PLYCONVERT_SSE2 && (quantiseSettings.compressed || !quantiseSettings.hasShcoef)),
+      usesAvx2(kernels == Kernels::avx2) {
     const RecordLayout& layout = recordLayout(settings.hasShcoef);
     scaleAt = layout.scale;
     opacityAt = layout.opacity;
@@ -40,14 +44,11 @@ FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings)
     for (std::size_t axis = 0; axis < 3; ++axis) {
         wideMin[axis] = settings.normal[axis].min;
         wideFactor[axis] = 65535.5 * reciprocalOf(settings.normal[axis], usable);
-        wideMin[3 + axis] = settings.scale[axis].min;
-        wideFactor[3 + axis] = 65535.5 * reciprocalOf(settings.scale[axis], usable);
+        wideMin[4 + axis] = settings.scale[axis].min;
+        wideFactor[4 + axis] = 65535.5 * reciprocalOf(settings.scale[axis], usable);
     }
     setCoefficients();
 }
-
-// Bits of a packed coefficient behind its point while it is one of fixed point.
-constexpr int fractionBits = 10;
 
 void FastQuantiser::setCoefficients() {
     constexpr double steps[] = {2047.5, 1023.5, 2047.5};
@@ -65,11 +66,16 @@ void FastQuantiser::setCoefficients() {
 }
 
 void FastQuantiser::quantise(const float* splat, SplatsData& record) const {
-    const bool packs = settings.hasShcoef && settings.compressed;
-    if (!usable || packs != settings.hasShcoef || !quantiseHead(splat, record)) {
+    if (!usable || !(usesAvx2 ? quantiseWide(splat, record) : quantiseNarrow(splat, record))) {
         quantiseSplat(splat, settings, record);
-    } else if (packs) {
-        quantiseCoefficients(splat + shcoefAt, record);
+    }
+}
+
+void FastQuantiser::packPlainly(unsigned words, const float* shcoef, SplatsData& record) const {
+    for (; words != 0; words &= words - 1) {
+        const auto k = static_cast<std::size_t>(std::countr_zero(words));
+        record.packed[k] = packCoefficientWord(shcoef[k], shcoef[shcoefPerChannel + k],
+                                               shcoef[2 * shcoefPerChannel + k], settings.shcoef);
     }
 }
 
@@ -90,10 +96,10 @@ __m128 loadTwo(const float* values) {
 // from the divided one by a few units in the last place, below 2^-34 for results up to 65535.5, so the
 // integers agree unless the product lies within 2^-30 of one; doubtful collects the lanes where it does, or
 // where the result has more than 16 bits.
-__m128i wideTwo(__m128 values, const double* min, const double* factor, __m128i& doubtful) {
+__m128i wideTwo(__m128 values, __m128d min, __m128d factor, __m128i& doubtful) {
     const __m128d margin = _mm_set1_pd(0x1p-30);
-    const __m128d difference = _mm_sub_pd(_mm_cvtps_pd(values), _mm_load_pd(min));
-    const __m128d product = _mm_mul_pd(difference, _mm_load_pd(factor));
+    const __m128d difference = _mm_sub_pd(_mm_cvtps_pd(values), min);
+    const __m128d product = _mm_mul_pd(difference, factor);
     const __m128i above = _mm_cvttpd_epi32(_mm_add_pd(product, margin));
     const __m128i below = _mm_cvttpd_epi32(_mm_sub_pd(product, margin));
     doubtful = _mm_or_si128(doubtful, _mm_or_si128(_mm_xor_si128(above, below), _mm_srli_epi32(above, 16)));
@@ -109,15 +115,19 @@ std::uint64_t lowTwo(__m128i integers) {
 
 } // namespace
 
-// Position, colour, scale, rotation and normal. False when a value needs the plain form.
-bool FastQuantiser::quantiseHead(const float* splat, SplatsData& record) const {
+bool FastQuantiser::quantiseNarrow(const float* splat, SplatsData& record) const {
     __m128i doubtful = _mm_setzero_si128();
     const float* const normal = splat + normalAt;
     const float* const scale = splat + scaleAt;
-    const __m128i normalXy = wideTwo(loadTwo(normal), wideMin, wideFactor, doubtful);
-    const __m128i normalZScaleX = wideTwo(_mm_unpacklo_ps(_mm_load_ss(normal + 2), _mm_load_ss(scale)),
-                                          wideMin + 2, wideFactor + 2, doubtful);
-    const __m128i scaleYz = wideTwo(loadTwo(scale + 1), wideMin + 4, wideFactor + 4, doubtful);
+    const auto thirds = [](const double* values) {
+        return _mm_unpacklo_pd(_mm_load_sd(values + 2), _mm_load_sd(values + 6));
+    };
+    const __m128i normalXy =
+        wideTwo(loadTwo(normal), _mm_load_pd(wideMin), _mm_load_pd(wideFactor), doubtful);
+    const __m128i scaleXy =
+        wideTwo(loadTwo(scale), _mm_load_pd(wideMin + 4), _mm_load_pd(wideFactor + 4), doubtful);
+    const __m128i bothZ = wideTwo(_mm_unpacklo_ps(_mm_load_ss(normal + 2), _mm_load_ss(scale + 2)),
+                                  thirds(wideMin), thirds(wideFactor), doubtful);
 
     const __m128 colours =
         _mm_movelh_ps(loadTwo(splat + colourAt),
@@ -143,15 +153,18 @@ bool FastQuantiser::quantiseHead(const float* splat, SplatsData& record) const {
         lowTwo(_mm_madd_epi16(_mm_packs_epi32(rotation, rotation), _mm_set1_epi32(1 | 1024 << 16)));
     const auto rotationWord = static_cast<std::uint32_t>(pairs | pairs >> 32 << 20);
     std::memcpy(record.rotation, &rotationWord, sizeof record.rotation);
-    const std::uint64_t xy = lowTwo(normalXy);
-    const std::uint64_t zx = lowTwo(normalZScaleX);
-    const std::uint64_t yz = lowTwo(scaleYz);
-    record.normal[0] = static_cast<std::uint16_t>(xy);
-    record.normal[1] = static_cast<std::uint16_t>(xy >> 32);
-    record.normal[2] = static_cast<std::uint16_t>(zx);
-    record.scale[0] = static_cast<std::uint16_t>(zx >> 32);
-    record.scale[1] = static_cast<std::uint16_t>(yz);
-    record.scale[2] = static_cast<std::uint16_t>(yz >> 32);
+    const std::uint64_t normals = lowTwo(normalXy);
+    const std::uint64_t scales = lowTwo(scaleXy);
+    const std::uint64_t thirdOnes = lowTwo(bothZ);
+    record.normal[0] = static_cast<std::uint16_t>(normals);
+    record.normal[1] = static_cast<std::uint16_t>(normals >> 32);
+    record.normal[2] = static_cast<std::uint16_t>(thirdOnes);
+    record.scale[0] = static_cast<std::uint16_t>(scales);
+    record.scale[1] = static_cast<std::uint16_t>(scales >> 32);
+    record.scale[2] = static_cast<std::uint16_t>(thirdOnes >> 32);
+    if (settings.hasShcoef) {
+        quantiseCoefficients(splat + shcoefAt, record);
+    }
     return true;
 }
 
@@ -231,18 +244,14 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
                             _mm_srli_epi32(narrow, fractionBits + 10)))) {
         doubtfulWords = (1u << shcoefPerChannel) - 1;
     }
-    for (; doubtfulWords != 0; doubtfulWords &= doubtfulWords - 1) {
-        const auto k = static_cast<std::size_t>(std::countr_zero(doubtfulWords));
-        record.packed[k] = packCoefficientWord(shcoef[k], greens[k], blues[k], settings.shcoef);
-    }
+    packPlainly(doubtfulWords, shcoef, record);
 }
 
 #else
 
-bool FastQuantiser::quantiseHead(const float*, SplatsData&) const {
+bool FastQuantiser::quantiseNarrow(const float*, SplatsData&) const {
     return false;
 }
-void FastQuantiser::quantiseCoefficients(const float*, SplatsData&) const {}
 
 #endif
 

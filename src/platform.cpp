@@ -94,6 +94,43 @@ const char* AllocationError::what() const noexcept {
     return "bad allocation";
 }
 
+const char* nameOf(Kernels kernels) {
+    return kernels == Kernels::avx2 ? "avx2" : "baseline";
+}
+
+std::vector<Kernels> supportedKernels() {
+    std::vector<Kernels> supported;
+#if PLYCONVERT_AVX2
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2") != 0) {
+        supported.push_back(Kernels::avx2);
+    }
+#endif
+    supported.push_back(Kernels::baseline);
+    return supported;
+}
+
+namespace {
+
+Kernels chooseKernels() {
+    const std::vector<Kernels> supported = supportedKernels();
+    const char* const wanted = std::getenv("PLYCONVERT_KERNELS");
+    for (const Kernels kernels : supported) {
+        if (wanted != nullptr && std::string_view(wanted) == nameOf(kernels)) {
+            return kernels;
+        }
+    }
+    return supported.front();
+}
+
+const Kernels chosen = chooseKernels();
+
+} // namespace
+
+Kernels chosenKernels() {
+    return chosen;
+}
+
 void endProcess(int status) {
     flushStandardOutput();
     std::exit(status);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 namespace Tavrin::GaussionSplat {
 
@@ -91,6 +92,25 @@ LargeArray<Element> makeLargeArray(std::uint64_t count) {
     const std::uint64_t bytes = count * sizeof(Element);
     return LargeArray<Element>(static_cast<Element*>(allocateLarge(bytes)), FreeLarge{bytes});
 }
+
+// A compiler that can translate single functions for a processor with wider vectors than the build's own.
+#if defined(__GNUC__) && defined(__x86_64__)
+#define PLYCONVERT_AVX2 1
+#else
+#define PLYCONVERT_AVX2 0
+#endif
+
+// Translations of the innermost loops for different processors. Every one gives the same bytes.
+enum class Kernels : std::uint8_t { baseline, avx2 };
+const char* nameOf(Kernels kernels);
+
+// Those that this processor runs, the fastest first.
+std::vector<Kernels> supportedKernels();
+
+// The first of them unless the environment variable PLYCONVERT_KERNELS names another, by which tests of whole
+// conversions choose. Settled while the library is loaded: no worker reads the environment, which a host may
+// be changing.
+Kernels chosenKernels();
 
 inline constexpr std::size_t cacheLine = 64; // bytes
 

@@ -235,12 +235,16 @@ void expectRecord(const float* splat, bool hasShcoef, const reference::Ranges& r
         const QuantiseSettings settings = quantiseSettings(*bounding, compressed);
         SplatsData plain;
         quantiseSplat(splat, settings, plain);
-        SplatsData fast;
-        FastQuantiser(settings).quantise(splat, fast);
-        for (const auto& [record, variant] : {std::pair(&plain, "plain"), std::pair(&fast, "fast")}) {
-            ASSERT_EQ(std::memcmp(record, expected.data.data(), expected.data.size()), 0) << variant;
+        std::vector<std::pair<SplatsData, std::string>> records = {{plain, "plain"}};
+        for (const Kernels kernels : supportedKernels()) {
+            SplatsData fast;
+            FastQuantiser(settings, kernels).quantise(splat, fast);
+            records.emplace_back(fast, nameOf(kernels));
+        }
+        for (const auto& [record, variant] : records) {
+            ASSERT_EQ(std::memcmp(&record, expected.data.data(), expected.data.size()), 0) << variant;
             const void* const coefficients =
-                compressed ? static_cast<const void*>(record->packed) : static_cast<const void*>(record->raw);
+                compressed ? static_cast<const void*>(record.packed) : static_cast<const void*>(record.raw);
             const void* const wanted = compressed ? expected.packed.data() : expected.raw.data();
             const std::size_t size = compressed ? expected.packed.size() : expected.raw.size();
             ASSERT_TRUE(!hasShcoef || std::memcmp(coefficients, wanted, size) == 0) << variant;
@@ -294,6 +298,31 @@ TEST(QuantiseRecords, OfAnyValuesInAnyRangesFollowTheFormulas) {
             value = i % 3 == 0 ? random.between(0.0f, 1.0f) : support::mixedFloat(random, -1.0f, 2.0f);
         }
         expectRecord(splat.data(), hasShcoef, ranges);
+    }
+}
+
+// One value is where none should be, all others are in their ranges and far from a step: nothing but this
+// value can lead to the plain form.
+TEST(QuantiseRecords, OneValueOutOfItsRangeWrapsAlone) {
+    const float values[] = {-0.0f,   -1e-9f, -0.001f, -0.02f, -0.4f,     -1.5f, -40.0f, -3e9f, 1.0001f,
+                            1.0021f, 1.02f,  1.3f,    2.7f,   300.0f,    7e4f,  3e9f,   1e20f, infinity,
+                            -1e20f,  nan,    -nan,    1e-40f, -infinity, 1.0f,  0.0f,   512.0f};
+    reference::Ranges ranges;
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        for (reference::Bounds* const bounds :
+             {&ranges.normal[axis], &ranges.scale[axis], &ranges.shcoef[axis]}) {
+            *bounds = {.min = 0.0, .max = 1.0};
+        }
+    }
+    for (const bool hasShcoef : {false, true}) {
+        for (std::size_t at = 0; at < (hasShcoef ? 62u : 17u); ++at) {
+            for (const float value : values) {
+                std::vector<float> splat(hasShcoef ? 62 : 17, 0.3345f);
+                splat[at] = value;
+                SCOPED_TRACE(std::to_string(at) + ": " + support::describe(value));
+                ASSERT_NO_FATAL_FAILURE(expectRecord(splat.data(), hasShcoef, ranges));
+            }
+        }
     }
 }
 
