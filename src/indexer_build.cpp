@@ -16,7 +16,24 @@ void RecordArena::moveSpare(std::uint64_t page) {
     }
 }
 
-void CellTable::reserve(LODData& level) {
+namespace {
+
+// How many of bytes may be on large pages when so many cells grow side by side and the pages that they fill
+// may take memory beyond what is filled of them, up to spareMemory. Three pages of a cell is what generated
+// scenes were seen to take so: one that is being filled, and those that wait for a block to be read to its
+// end.
+std::uint64_t bytesOnLargePages(std::uint64_t bytes, std::uint64_t cells, std::uint64_t spareMemory) {
+    const std::uint64_t unfilled = std::min(bytes, 3 * largePage * cells);
+    if (unfilled <= spareMemory) {
+        return bytes;
+    }
+    return static_cast<std::uint64_t>(static_cast<double>(bytes) * static_cast<double>(spareMemory) /
+                                      static_cast<double>(unfilled));
+}
+
+} // namespace
+
+void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
     std::uint64_t total = 0;
     for (const CellCount& cell : counter.counts()) {
         total += cell.splats;
@@ -25,12 +42,17 @@ void CellTable::reserve(LODData& level) {
         throw AllocationError();
     }
     const std::uint64_t bytes = total * sizeof(SplatsData);
+    std::uint64_t spareMemory = largestBlock;
+    for (const LargeArray<std::byte>& room : rooms) {
+        spareMemory += room.get_deleter().bytes;
+    }
+    const std::uint64_t largeBytes = bytesOnLargePages(bytes, counter.counts().size(), spareMemory);
     try {
-        arena = std::make_shared<RecordArena>(bytes);
+        arena = std::make_shared<RecordArena>(bytes, largeBytes);
     } catch (const std::bad_alloc&) {
         // Addresses are short. The memory that was given saves time alone, and has some to give back.
         rooms.clear();
-        arena = std::make_shared<RecordArena>(bytes);
+        arena = std::make_shared<RecordArena>(bytes, largeBytes);
     }
     for (const LargeArray<std::byte>& room : rooms) {
         for (std::uint64_t at = 0; at < room.get_deleter().bytes; at += largePage) {
@@ -157,14 +179,16 @@ void Indexer::buildIndex() {
     const CellRule rule{.single = splatCount <= singleCellSplats, .grid = chunkGrid};
     const std::size_t recordFloats = recordLayout(settings.hasShcoef).floats;
     LevelBuilds builds;
+    std::uint64_t largestBlock = 0;
     for (const std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk) {
+            largestBlock = std::max(largestBlock, chunk->splatCount * recordFloats * sizeof(float));
             countSplats(*chunk, rule, recordFloats, builds[chunk->level]);
             builds[chunk->level].table.give(std::move(chunk->room));
         }
     }
     for (auto& [number, build] : builds) {
-        build.table.reserve(*build.lod);
+        build.table.reserve(*build.lod, largestBlock);
         levels->emplace(number, build.lod);
     }
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {

@@ -17,8 +17,9 @@ public:
     CellCounter counter;
 
     // Make a vector of exactly the counted size for each cell in level, all from one large block that is not
-    // cleared. Throws AllocationError.
-    void reserve(LODData& level);
+    // cleared. Throws AllocationError. While the records are placed, the memory of all tables stays below
+    // that of the records and largestBlock, the bytes of the largest decoded block.
+    void reserve(LODData& level, std::uint64_t largestBlock);
 
     // The place of the next splat of the cell of key; at most as many as were counted.
     SplatsData* place(std::uint32_t key) {
@@ -36,7 +37,7 @@ public:
 
     // Offer memory that nobody reads any more, a large page of a block from allocateLarge, for records to
     // come.
-    void offer(void* page) { arena->spare.push_back(page); }
+    void offer(void* page) { arena->offer(page); }
 
     // Take back what is left of the offers: their block is about to be freed, and its addresses may be
     // somebody else's by the time a record needs a page.

@@ -42,16 +42,37 @@ inline constexpr std::size_t rawCoefficientsSize = sizeof(SplatsData::raw);
 // Memory that the system hands out has to be cleared by it first, which costs more than filling the records.
 // So pages of the decoded blocks that nobody reads any more, and pages that were touched before for this
 // purpose, are put in the place of pages of the arena that nobody has touched yet.
+//
+// Cells that are filled side by side have a page each that holds little at first. Where there are too many of
+// them for that, the arena is on large pages in its first part alone, and on ordinary ones behind.
 struct RecordArena {
     LargeArray<std::byte> block;
     std::uint64_t size;                // bytes
     std::uint64_t used = 0;            // bytes given to cells
-    std::vector<std::uint8_t> settled; // for each large page: it has memory of its own
+    std::vector<std::uint8_t> settled; // for each large page: it has memory of its own, or ordinary pages
+    std::uint64_t unsettled;           // large pages that are not
     std::vector<void*> spare;          // large pages of other blocks, free to be moved here
     std::size_t given = 0; // so many of them, the first, were given for good: withdrawOffers keeps them
 
-    explicit RecordArena(std::uint64_t bytes)
-        : block(makeLargeArray<std::byte>(bytes)), size(bytes), settled(bytes / largePage + 1) {}
+    // Of bytes, the first largeBytes on large pages, up to a part of one.
+    RecordArena(std::uint64_t bytes, std::uint64_t largeBytes)
+        : block(makeLargeArray<std::byte>(bytes)), size(bytes), settled(bytes / largePage + 1, 1),
+          unsettled(largeBytes >= bytes ? settled.size() : largeBytes / largePage) {
+        std::fill_n(settled.begin(), unsettled, std::uint8_t{0});
+        if (const std::uint64_t large = unsettled * largePage; large < bytes) {
+            useOrdinaryPages(block.get() + large, bytes - large);
+        }
+    }
+
+    // Offer a large page of another block that nobody reads any more. What no record will need goes back to
+    // the system at once.
+    void offer(void* page) {
+        if (spare.size() < unsettled && largePagesMove()) {
+            spare.push_back(page);
+        } else {
+            releaseLargePage(page);
+        }
+    }
 
     void withdrawOffers() { spare.resize(given); }
 
@@ -71,6 +92,7 @@ private:
     void settlePage(std::uint64_t page) {
         if (settled[page] == 0) {
             settled[page] = 1;
+            --unsettled;
             if (!spare.empty()) {
                 moveSpare(page);
             }

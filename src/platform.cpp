@@ -340,6 +340,14 @@ bool moveLargePage(void* from, void* to) {
     return false;
 }
 
+void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept {
+    (void)madvise(part, roundUp(bytes), MADV_NOHUGEPAGE);
+}
+
+void releaseLargePage(void* page) noexcept {
+    (void)madvise(page, largePage, MADV_DONTNEED);
+}
+
 // Kernels before 5.7 refuse, and some sandboxes, whatever the headers promise: tried once, with a page that
 // nobody touched.
 bool largePagesMove() noexcept {
@@ -364,6 +372,10 @@ void* allocateLarge(std::uint64_t bytes) {
 void freeLarge(void* block, std::uint64_t) noexcept {
     freeAligned(block);
 }
+
+void useOrdinaryPages(void*, std::uint64_t) noexcept {}
+
+void releaseLargePage(void*) noexcept {}
 
 bool largePagesMove() noexcept {
     return false;

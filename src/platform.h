@@ -77,6 +77,14 @@ bool moveLargePage(void* from, void* to);
 // Whether moveLargePage succeeds here, as far as the system tells beforehand.
 bool largePagesMove() noexcept;
 
+// Have an untouched part of a large block, from a whole large page on to its end, on ordinary pages, which
+// the system clears one by one as they are touched, whatever it was advised to before.
+void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept;
+
+// Give the memory of a whole large page of a large block back to the system, which may take it or not; nobody
+// reads it any more.
+void releaseLargePage(void* page) noexcept;
+
 struct FreeLarge {
     std::uint64_t bytes = 0;
     void operator()(void* block) const noexcept { freeLarge(block, bytes); }

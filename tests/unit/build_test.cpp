@@ -243,6 +243,27 @@ TEST_F(BuildTest, NoPageOfAFreedBlockStaysOnOffer) {
     EXPECT_TRUE(arena->spare.empty());
 }
 
+// So many cells that the memory which their pages would take ahead of the records is more than a block: the
+// records' memory is on large pages in its first part alone, and the blocks' pages go back where no record
+// needs them.
+TEST_F(BuildTest, ManyCellsShareLargeAndOrdinaryPages) {
+    Random random(81);
+    chunkGrid.cellSizeX = chunkGrid.cellSizeY = 1.0f;
+    for (const bool hasShcoef : {false, true}) {
+        *indexer.levels = LevelMap();
+        indexer.chunks->clear();
+        const std::vector<std::vector<float>> blocks = {decodedScene(random, 50'000, hasShcoef, 45.0f),
+                                                        decodedScene(random, 20'000, hasShcoef, 45.0f),
+                                                        decodedScene(random, 50'000, hasShcoef, 45.0f)};
+        build(blocks, hasShcoef, grid);
+        EXPECT_TRUE(actual(0) == expected(blocks, hasShcoef, false));
+        const RecordArena& arena = *indexer.levels->at(0)->cells->begin()->second->get_allocator().arena;
+        EXPECT_EQ(arena.size, 120'000 * sizeof(SplatsData));
+        EXPECT_EQ(arena.unsettled, 0u);
+        EXPECT_TRUE(arena.spare.empty());
+    }
+}
+
 // One cell, written from its start to its end: the pages of the block are taken as they become free.
 TEST_F(BuildTest, PagesMoveWhileOneCellGrows) {
     Random random(79);

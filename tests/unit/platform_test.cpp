@@ -136,6 +136,27 @@ TEST(MoveLargePage, MovesOnePageAndLeavesItsNeighbours) {
     from.get()[largePage] = 0x66;
 }
 
+TEST(LargeBlocks, HoldWhatIsWrittenToOrdinaryPages) {
+    constexpr std::uint64_t size = 3 * largePage + 100;
+    const LargeArray<unsigned char> block = makeLargeArray<unsigned char>(size);
+    useOrdinaryPages(block.get() + largePage, size - largePage);
+    std::fill_n(block.get(), size, static_cast<unsigned char>(0x77));
+    EXPECT_TRUE(
+        std::all_of(block.get(), block.get() + size, [](unsigned char byte) { return byte == 0x77; }));
+}
+
+TEST(LargeBlocks, KeepTheirOtherPagesWhenOneIsReleased) {
+    constexpr std::uint64_t size = 3 * largePage;
+    const LargeArray<unsigned char> block = makeLargeArray<unsigned char>(size);
+    std::fill_n(block.get(), size, static_cast<unsigned char>(0x77));
+    releaseLargePage(block.get() + largePage);
+    const auto isKept = [](unsigned char byte) { return byte == 0x77; };
+    EXPECT_TRUE(std::all_of(block.get(), block.get() + largePage, isKept));
+    EXPECT_TRUE(std::all_of(block.get() + 2 * largePage, block.get() + size, isKept));
+    block.get()[largePage] = 0x55; // its addresses stay
+    EXPECT_EQ(block.get()[largePage], 0x55);
+}
+
 void sayGoodbye() {
     std::fputs("exit handler ran", stderr);
 }
