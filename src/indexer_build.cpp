@@ -18,17 +18,16 @@ void RecordArena::moveSpare(std::uint64_t page) {
 
 namespace {
 
-// How many of bytes may be on large pages when so many cells grow side by side and the pages that they fill
-// may take memory beyond what is filled of them, up to spareMemory. Three pages of a cell is what generated
-// scenes were seen to take so: one that is being filled, and those that wait for a block to be read to its
-// end.
-std::uint64_t bytesOnLargePages(std::uint64_t bytes, std::uint64_t cells, std::uint64_t spareMemory) {
-    const std::uint64_t unfilled = std::min(bytes, 3 * largePage * cells);
-    if (unfilled <= spareMemory) {
-        return bytes;
-    }
-    return static_cast<std::uint64_t>(static_cast<double>(bytes) * static_cast<double>(spareMemory) /
-                                      static_cast<double>(unfilled));
+// How many of the bytes of so many cells, which grow side by side, may be on large pages when these may take
+// up to spareMemory ahead of the records, and what was given besides. A cell has one page that is not yet
+// filled; all of them together have no more unfilled than what is not placed yet, of which the given memory
+// is a share.
+std::uint64_t bytesOnLargePages(std::uint64_t bytes, std::uint64_t cells, std::uint64_t spareMemory,
+                                std::uint64_t given) {
+    const double onePageEach = static_cast<double>(cells) * static_cast<double>(largePage);
+    const double share = std::min(1.0, static_cast<double>(spareMemory) / onePageEach);
+    const auto bytesOfCells = static_cast<std::uint64_t>(share * static_cast<double>(bytes));
+    return std::min(bytes, std::max(bytesOfCells, spareMemory + given));
 }
 
 } // namespace
@@ -42,11 +41,13 @@ void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
         throw AllocationError();
     }
     const std::uint64_t bytes = total * sizeof(SplatsData);
-    std::uint64_t spareMemory = largestBlock;
+    std::uint64_t given = 0;
     for (const LargeArray<std::byte>& room : rooms) {
-        spareMemory += room.get_deleter().bytes;
+        given += room.get_deleter().bytes;
     }
-    const std::uint64_t largeBytes = bytesOnLargePages(bytes, counter.counts().size(), spareMemory);
+    constexpr std::uint64_t small = std::uint64_t{16} << 20; // against what the process takes anyway
+    const std::uint64_t largeBytes =
+        bytesOnLargePages(bytes, counter.counts().size(), largestBlock + small, given);
     try {
         arena = std::make_shared<RecordArena>(bytes, largeBytes);
     } catch (const std::bad_alloc&) {

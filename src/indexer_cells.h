@@ -18,7 +18,7 @@ public:
 
     // Make a vector of exactly the counted size for each cell in level, all from one large block that is not
     // cleared. Throws AllocationError. While the records are placed, the memory of all tables stays below
-    // that of the records and largestBlock, the bytes of the largest decoded block.
+    // that of the records and largestBlock, the bytes of the largest decoded block, and a little.
     void reserve(LODData& level, std::uint64_t largestBlock);
 
     // The place of the next splat of the cell of key; at most as many as were counted.
