@@ -19,15 +19,17 @@ void RecordArena::moveSpare(std::uint64_t page) {
 namespace {
 
 // How many of the bytes of so many cells, which grow side by side, may be on large pages when these may take
-// up to spareMemory ahead of the records, and what was given besides. A cell has one page that is not yet
-// filled; all of them together have no more unfilled than what is not placed yet, of which the given memory
-// is a share.
+// up to spareMemory ahead of the records beyond what was given for them.
+//
+// A cell is ahead by at most the one page that it fills, and all of them by no more than what is not placed
+// yet. While that shrinks, the given memory that is not used yet shrinks at the same rate.
 std::uint64_t bytesOnLargePages(std::uint64_t bytes, std::uint64_t cells, std::uint64_t spareMemory,
                                 std::uint64_t given) {
-    const double onePageEach = static_cast<double>(cells) * static_cast<double>(largePage);
-    const double share = std::min(1.0, static_cast<double>(spareMemory) / onePageEach);
-    const auto bytesOfCells = static_cast<std::uint64_t>(share * static_cast<double>(bytes));
-    return std::min(bytes, std::max(bytesOfCells, spareMemory + given));
+    const double pagesOfCell =
+        static_cast<double>(bytes) / (static_cast<double>(cells) * static_cast<double>(largePage));
+    const double ahead = static_cast<double>(spareMemory) * std::max(1.0, pagesOfCell);
+    return ahead < static_cast<double>(bytes) ? std::min(bytes, given + static_cast<std::uint64_t>(ahead))
+                                              : bytes;
 }
 
 } // namespace
