@@ -5,6 +5,10 @@
 #include <algorithm>
 #include <cmath>
 
+#if PLYCONVERT_SSE2
+#include <emmintrin.h>
+#endif
+
 namespace Tavrin::GaussionSplat {
 
 namespace {
@@ -127,10 +131,78 @@ struct Tile {
     alignas(64) float opacity[tileRecords];
     alignas(64) float scale[3][tileRecords];
     alignas(64) float rotation[4][tileRecords];
+    alignas(64) float behindColour[tileRecords]; // the first coefficient, or the opacity, as it was read
 };
 
-void loadTile(const float* records, std::size_t count, const RecordLayout& layout, Tile& tile) {
-    for (std::size_t i = 0; i < count; ++i, records += layout.floats) {
+static_assert(layoutWithShcoef.scale == layoutWithShcoef.opacity + 1 &&
+              layoutWithoutShcoef.scale == layoutWithoutShcoef.opacity + 1);
+
+// Records are taken apart and put together four at a time where the build has vectors of four: opacity and
+// scale, and rotation, stand side by side in both layouts.
+#if PLYCONVERT_SSE2
+
+constexpr std::size_t recordsAtOnce = 4;
+
+// Four values of each of four records, which lie stride floats apart, into four columns.
+inline void takeApart(const float* records, std::size_t stride, float* a, float* b, float* c, float* d) {
+    __m128 first = _mm_loadu_ps(records);
+    __m128 second = _mm_loadu_ps(records + stride);
+    __m128 third = _mm_loadu_ps(records + 2 * stride);
+    __m128 fourth = _mm_loadu_ps(records + 3 * stride);
+    _MM_TRANSPOSE4_PS(first, second, third, fourth);
+    _mm_store_ps(a, first);
+    _mm_store_ps(b, second);
+    _mm_store_ps(c, third);
+    _mm_store_ps(d, fourth);
+}
+
+inline void putTogether(const float* a, const float* b, const float* c, const float* d, float* records,
+                        std::size_t stride) {
+    __m128 first = _mm_load_ps(a);
+    __m128 second = _mm_load_ps(b);
+    __m128 third = _mm_load_ps(c);
+    __m128 fourth = _mm_load_ps(d);
+    _MM_TRANSPOSE4_PS(first, second, third, fourth);
+    _mm_storeu_ps(records, first);
+    _mm_storeu_ps(records + stride, second);
+    _mm_storeu_ps(records + 2 * stride, third);
+    _mm_storeu_ps(records + 3 * stride, fourth);
+}
+
+// What stands behind the colours is put back as it was.
+inline void loadFour(const float* records, const RecordLayout& layout, Tile& tile, std::size_t i) {
+    takeApart(records + colourAt, layout.floats, tile.colour[0] + i, tile.colour[1] + i, tile.colour[2] + i,
+              tile.behindColour + i);
+    takeApart(records + layout.opacity, layout.floats, tile.opacity + i, tile.scale[0] + i, tile.scale[1] + i,
+              tile.scale[2] + i);
+    takeApart(records + layout.rotation, layout.floats, tile.rotation[0] + i, tile.rotation[1] + i,
+              tile.rotation[2] + i, tile.rotation[3] + i);
+}
+
+inline void storeFour(float* records, const RecordLayout& layout, const Tile& tile, std::size_t i) {
+    putTogether(tile.colour[0] + i, tile.colour[1] + i, tile.colour[2] + i, tile.behindColour + i,
+                records + colourAt, layout.floats);
+    putTogether(tile.opacity + i, tile.scale[0] + i, tile.scale[1] + i, tile.scale[2] + i,
+                records + layout.opacity, layout.floats);
+    putTogether(tile.rotation[0] + i, tile.rotation[1] + i, tile.rotation[2] + i, tile.rotation[3] + i,
+                records + layout.rotation, layout.floats);
+}
+
+#else
+
+constexpr std::size_t recordsAtOnce = tileRecords + 1; // never so many
+
+inline void loadFour(const float*, const RecordLayout&, Tile&, std::size_t) {}
+inline void storeFour(float*, const RecordLayout&, const Tile&, std::size_t) {}
+
+#endif
+
+inline void loadTile(const float* records, std::size_t count, const RecordLayout& layout, Tile& tile) {
+    std::size_t i = 0;
+    for (; i + recordsAtOnce <= count; i += recordsAtOnce, records += recordsAtOnce * layout.floats) {
+        loadFour(records, layout, tile, i);
+    }
+    for (; i < count; ++i, records += layout.floats) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             tile.colour[axis][i] = records[colourAt + axis];
             tile.scale[axis][i] = records[layout.scale + axis];
@@ -142,8 +214,12 @@ void loadTile(const float* records, std::size_t count, const RecordLayout& layou
     }
 }
 
-void storeTile(float* records, std::size_t count, const RecordLayout& layout, const Tile& tile) {
-    for (std::size_t i = 0; i < count; ++i, records += layout.floats) {
+inline void storeTile(float* records, std::size_t count, const RecordLayout& layout, const Tile& tile) {
+    std::size_t i = 0;
+    for (; i + recordsAtOnce <= count; i += recordsAtOnce, records += recordsAtOnce * layout.floats) {
+        storeFour(records, layout, tile, i);
+    }
+    for (; i < count; ++i, records += layout.floats) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             records[colourAt + axis] = tile.colour[axis][i];
             records[layout.scale + axis] = tile.scale[axis][i];

@@ -6,11 +6,8 @@
 #include <cmath>
 #include <cstring>
 
-#if defined(__SSE2__) || defined(_M_X64)
-#define PLYCONVERT_SSE2 1
+#if PLYCONVERT_SSE2
 #include <emmintrin.h>
-#else
-#define PLYCONVERT_SSE2 0
 #endif
 
 namespace Tavrin::GaussionSplat {

@@ -101,6 +101,13 @@ LargeArray<Element> makeLargeArray(std::uint64_t count) {
     return LargeArray<Element>(static_cast<Element*>(allocateLarge(bytes)), FreeLarge{bytes});
 }
 
+// A build with vectors of four floats.
+#if defined(__SSE2__) || defined(_M_X64)
+#define PLYCONVERT_SSE2 1
+#else
+#define PLYCONVERT_SSE2 0
+#endif
+
 // A compiler that can translate single functions for a processor with wider vectors than the build's own.
 #if defined(__GNUC__) && defined(__x86_64__)
 #define PLYCONVERT_AVX2 1
