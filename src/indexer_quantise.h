@@ -61,6 +61,7 @@ private:
     bool quantiseWide(const float* splat, SplatsData& record) const;
 
     void quantiseCoefficients(const float* shcoef, SplatsData& record) const;
+    void quantiseCoefficientsWide(const float* shcoef, SplatsData& record) const;
 
     // Pack the words whose bits are set in the plain form.
     void packPlainly(unsigned words, const float* shcoef, SplatsData& record) const;

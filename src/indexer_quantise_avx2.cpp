@@ -110,13 +110,16 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
     const __m128i rotationBetween = _mm_shuffle_epi8(
         rotationWord, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 0, 1, 2, 3, -1, -1, -1, -1, -1, -1));
     _mm_storeu_si128(bytes + 1, _mm_or_si128(scaleAndNormal, rotationBetween));
-    if (!settings.hasShcoef) {
-        return true;
+    if (settings.hasShcoef) {
+        quantiseCoefficientsWide(splat + shcoefAt, record);
     }
+    return true;
+}
 
-    // Fifteen words, the eighth of them twice.
+// Fifteen words, the eighth of them twice.
+__attribute__((target("avx2"))) void FastQuantiser::quantiseCoefficientsWide(const float* reds,
+                                                                             SplatsData& record) const {
     constexpr std::size_t secondAt = shcoefPerChannel - 8;
-    const float* const reds = splat + shcoefAt;
     const float* const greens = reds + shcoefPerChannel;
     const float* const blues = greens + shcoefPerChannel;
     const FixedPoint first{.red = fixedPoint(reds, coefficientMin[0], coefficientFactor[0]),
@@ -142,7 +145,6 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
         constexpr unsigned allWords = (1u << shcoefPerChannel) - 1;
         packPlainly(fits ? doubtfulLanes(first) | doubtfulLanes(second) << secondAt : allWords, reds, record);
     }
-    return true;
 }
 
 #else
@@ -150,6 +152,7 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
 bool FastQuantiser::quantiseWide(const float*, SplatsData&) const {
     return false;
 }
+void FastQuantiser::quantiseCoefficientsWide(const float*, SplatsData&) const {}
 
 #endif
 
