@@ -1,6 +1,7 @@
 #include "src/chunker_decode.h"
 
 #include "src/chunker_elementary.h"
+#include "src/splatheader_lanes.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,13 +13,6 @@
 namespace Tavrin::GaussionSplat {
 
 namespace {
-
-inline float minimum(float a, float b) {
-    return a > b ? b : a;
-}
-inline float maximum(float a, float b) {
-    return b > a ? b : a;
-}
 
 inline float scaleOf(float logScale) {
     const float root = eighthRoot(exponential(logScale));
@@ -251,48 +245,14 @@ void decodeTile(Tile& tile) {
     }
 }
 
-// Bounds of Lanes values side by side.
+// Fold the bounds of count lanes from the first on into range.
 template <std::size_t Lanes>
-struct LaneRanges {
-    alignas(64) float min[Lanes];
-    alignas(64) float max[Lanes];
-
-    LaneRanges() {
-        std::fill(std::begin(min), std::end(min), std::numeric_limits<float>::infinity());
-        std::fill(std::begin(max), std::end(max), -std::numeric_limits<float>::infinity());
+void foldInto(const LaneRanges<Lanes>& bounds, ValueRange& range, std::size_t first, std::size_t count) {
+    for (std::size_t lane = first; lane < first + count; ++lane) {
+        range.min = minimum(range.min, bounds.min[lane]);
+        range.max = maximum(range.max, bounds.max[lane]);
     }
-
-    // Fold in Lanes values of each of count records that lie stride floats apart.
-    void foldRecords(const float* values, std::size_t count, std::size_t stride) {
-        std::size_t i = 0;
-        for (; i + 4 <= count;
-             i += 4, values += 4 * stride) { // four at a time: the bounds are loaded and stored once
-            const float* const a = values;
-            const float* const b = a + stride;
-            const float* const c = b + stride;
-            const float* const d = c + stride;
-            for (std::size_t lane = 0; lane < Lanes; ++lane) {
-                const float low = minimum(minimum(min[lane], a[lane]), b[lane]);
-                const float high = maximum(maximum(max[lane], a[lane]), b[lane]);
-                min[lane] = minimum(minimum(low, c[lane]), d[lane]);
-                max[lane] = maximum(maximum(high, c[lane]), d[lane]);
-            }
-        }
-        for (; i < count; ++i, values += stride) {
-            for (std::size_t lane = 0; lane < Lanes; ++lane) {
-                min[lane] = minimum(min[lane], values[lane]);
-                max[lane] = maximum(max[lane], values[lane]);
-            }
-        }
-    }
-
-    void foldInto(ValueRange& range, std::size_t first, std::size_t count) const {
-        for (std::size_t lane = first; lane < first + count; ++lane) {
-            range.min = minimum(range.min, min[lane]);
-            range.max = maximum(range.max, max[lane]);
-        }
-    }
-};
+}
 
 // Bounds of a column of a tile.
 void foldColumn(const float (&column)[tileRecords], std::size_t count, ValueRange& range) {
@@ -300,7 +260,7 @@ void foldColumn(const float (&column)[tileRecords], std::size_t count, ValueRang
     LaneRanges<lanes> bounds;
     const std::size_t whole = count - count % lanes;
     bounds.foldRecords(column, whole / lanes, lanes);
-    bounds.foldInto(range, 0, lanes);
+    foldInto(bounds, range, 0, lanes);
     for (std::size_t i = whole; i < count; ++i) {
         range.fold(column[i]);
     }
@@ -320,7 +280,7 @@ template <std::size_t Lanes>
 void foldChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
     constexpr std::size_t each = Lanes / 3;
     for (std::size_t channel = 0; channel < 3; ++channel) {
-        lanes.foldInto(ranges[channel], channel * each, each);
+        foldInto(lanes, ranges[channel], channel * each, each);
     }
 }
 
@@ -344,8 +304,8 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, Blo
         done += size;
     }
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        copied.foldInto(ranges.position[axis], positionAt + axis, 1);
-        copied.foldInto(ranges.normal[axis], normalAt + axis, 1);
+        foldInto(copied, ranges.position[axis], positionAt + axis, 1);
+        foldInto(copied, ranges.normal[axis], normalAt + axis, 1);
     }
     foldChannels(shcoef, ranges.shcoef);
 }

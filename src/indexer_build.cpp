@@ -16,23 +16,23 @@ void RecordArena::moveSpare(std::uint64_t page) {
     }
 }
 
-namespace {
-
-// How many of the bytes of so many cells, which grow side by side, may be on large pages when these may take
-// up to spareMemory ahead of the records beyond what was given for them.
-//
-// A cell is ahead by at most the one page that it fills, and all of them by no more than what is not placed
-// yet. While that shrinks, the given memory that is not used yet shrinks at the same rate.
-std::uint64_t bytesOnLargePages(std::uint64_t bytes, std::uint64_t cells, std::uint64_t spareMemory,
+std::uint64_t bytesOnLargePages(const std::vector<CellCount>& cells, std::uint64_t spareMemory,
                                 std::uint64_t given) {
-    const double pagesOfCell =
-        static_cast<double>(bytes) / (static_cast<double>(cells) * static_cast<double>(largePage));
-    const double ahead = static_cast<double>(spareMemory) * std::max(1.0, pagesOfCell);
-    return ahead < static_cast<double>(bytes) ? std::min(bytes, given + static_cast<std::uint64_t>(ahead))
-                                              : bytes;
+    std::uint64_t bytes = 0;
+    std::uint64_t ahead = 0;
+    for (const CellCount& cell : cells) {
+        const std::uint64_t cellBytes = cell.splats * sizeof(SplatsData);
+        const std::uint64_t bytesWithIt = bytes + cellBytes;
+        ahead += std::min(cellBytes, largePage);
+        const double fresh =
+            1.0 - static_cast<double>(std::min(given, bytesWithIt)) / static_cast<double>(bytesWithIt);
+        if (static_cast<double>(ahead) * fresh > static_cast<double>(spareMemory)) {
+            return bytes;
+        }
+        bytes = bytesWithIt;
+    }
+    return bytes;
 }
-
-} // namespace
 
 void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
     std::uint64_t total = 0;
@@ -47,9 +47,13 @@ void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
     for (const LargeArray<std::byte>& room : rooms) {
         given += room.get_deleter().bytes;
     }
-    constexpr std::uint64_t small = std::uint64_t{16} << 20; // against what the process takes anyway
-    const std::uint64_t largeBytes =
-        bytesOnLargePages(bytes, counter.counts().size(), largestBlock + small, given);
+    // What the process takes anyway leaves room for a little more; an ordinary page and what is known of it
+    // count for every cell.
+    constexpr std::uint64_t little = std::uint64_t{16} << 20;
+    constexpr std::uint64_t bytesOfCell = 4096 + 300;
+    const std::uint64_t spareMemory = largestBlock + little;
+    const std::uint64_t largeBytes = bytesOnLargePages(
+        counter.counts(), spareMemory - std::min(spareMemory, counter.counts().size() * bytesOfCell), given);
     try {
         arena = std::make_shared<RecordArena>(bytes, largeBytes);
     } catch (const std::bad_alloc&) {

@@ -10,6 +10,15 @@
 
 namespace Tavrin::GaussionSplat {
 
+// How many bytes of the records of these cells, from the first cell on, may be on large pages: whole cells,
+// while these pages take at most spareMemory ahead of the records beyond what was given for them.
+//
+// A cell is ahead by at most the one page that it fills, and all of them by no more than what is not placed
+// yet. While that shrinks, the given memory that is not used yet shrinks at the same rate, as long as the
+// cells fill side by side.
+std::uint64_t bytesOnLargePages(const std::vector<CellCount>& cells, std::uint64_t spareMemory,
+                                std::uint64_t given);
+
 // The cells of one level: first counted, then reserved exactly, then filled in the order that splats are
 // placed.
 class CellTable {

@@ -11,7 +11,7 @@ namespace Tavrin::GaussionSplat {
 
 #if PLYCONVERT_AVX2
 
-// Inlined in any case: not every system passes or spills the wider vectors as it ought to.
+// Inlined in any case: not every system passes the wider vectors as it ought to.
 #define PLYCONVERT_INLINE_AVX2 __attribute__((target("avx2"), always_inline)) inline
 
 namespace {
@@ -80,11 +80,13 @@ PLYCONVERT_INLINE_AVX2 __m256i packWords(const FixedPoint& units) {
 __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* splat,
                                                                  SplatsData& record) const {
     __m128i doubtful = _mm_setzero_si128();
-    // The fourth of the four is the value behind, which the gap turns to 0.
+    // The fourth of the four is the value behind, which the gap turns to 0; what is not finite gives the
+    // plain form.
     const __m128i normal = wideFour(splat + normalAt, wideMin, wideFactor, doubtful);
     const __m128i scale = wideFour(splat + scaleAt, wideMin + 4, wideFactor + 4, doubtful);
 
-    // The low byte of each is right in any case: what is too large for an integer is a multiple of 256.
+    // The low byte of each is right in any case: what is too large for an integer is a multiple of 256, and
+    // NaN gives 0.
     const __m128 colours =
         _mm_insert_ps(_mm_loadu_ps(splat + colourAt), _mm_load_ss(splat + opacityAt), 3 << 4);
     const __m128i colourBytes = _mm_cvttps_epi32(_mm_mul_ps(colours, _mm_set1_ps(255.0f)));

@@ -54,12 +54,14 @@ struct RecordArena {
     std::vector<void*> spare;          // large pages of other blocks, free to be moved here
     std::size_t given = 0; // so many of them, the first, were given for good: withdrawOffers keeps them
 
-    // Of bytes, the first largeBytes on large pages, up to a part of one.
+    // Of bytes, the first largeBytes on large pages, up to a part of one. What is smaller than a large page
+    // is not on one.
     RecordArena(std::uint64_t bytes, std::uint64_t largeBytes)
-        : block(makeLargeArray<std::byte>(bytes)), size(bytes), settled(bytes / largePage + 1, 1),
-          unsettled(largeBytes >= bytes ? settled.size() : largeBytes / largePage) {
+        : block(makeLargeArray<std::byte>(bytes)), size(bytes),
+          settled((bytes + largePage - 1) / largePage, 1),
+          unsettled(largeBytes < bytes || bytes < largePage ? largeBytes / largePage : settled.size()) {
         std::fill_n(settled.begin(), unsettled, std::uint8_t{0});
-        if (const std::uint64_t large = unsettled * largePage; large < bytes) {
+        if (const std::uint64_t large = unsettled * largePage; large < bytes && bytes >= largePage) {
             useOrdinaryPages(block.get() + large, bytes - large);
         }
     }

@@ -12,14 +12,14 @@ constexpr std::size_t tileSplats = 64;
 // the compiler turns into vector code; where a position is not near it is worth nothing.
 bool nearIndices(const float (&positions)[tileSplats], float origin, float cellSize,
                  std::uint32_t (&indices)[tileSplats]) {
-    unsigned far = 0;
+    unsigned outside = 0;
     for (std::size_t i = 0; i < tileSplats; ++i) {
         const float cells = (positions[i] - origin) / cellSize;
-        const bool near = isNear(cells);
-        far |= near ? 0u : 1u;
-        indices[i] = static_cast<std::uint32_t>(nearIndex(near ? cells : 0.0f));
+        const bool holds = isNear(cells);
+        outside |= holds ? 0u : 1u;
+        indices[i] = static_cast<std::uint32_t>(nearIndex(holds ? cells : 0.0f));
     }
-    return far == 0;
+    return outside == 0;
 }
 
 } // namespace

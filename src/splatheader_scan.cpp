@@ -2,10 +2,10 @@
 
 #include "src/platform.h"
 #include "src/splatheader_blocks.h"
+#include "src/splatheader_lanes.h"
 #include "src/taskpool.h"
 
 #include <algorithm>
-#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -15,23 +15,12 @@ namespace {
 
 std::mutex scanMutex; // guards the merge into the shared box
 
-// Bounds of one axis in single precision: the minimum and maximum of floats do not change by widening them
-// first.
-struct AxisBounds {
-    float min = std::numeric_limits<float>::infinity();
-    float max = -std::numeric_limits<float>::infinity();
-
-    // Strict comparisons: NaN never replaces a bound.
-    void fold(float value) {
-        min = min > value ? value : min;
-        max = value > max ? value : max;
-    }
-
-    void mergeInto(double& sharedMin, double& sharedMax) const {
-        sharedMin = sharedMin > min ? double{min} : sharedMin;
-        sharedMax = max > sharedMax ? double{max} : sharedMax;
-    }
-};
+// The bounds of one axis, in single precision: the minimum and maximum of floats do not change by widening
+// them first.
+void mergeAxis(float min, float max, double& sharedMin, double& sharedMax) {
+    sharedMin = sharedMin > min ? double{min} : sharedMin;
+    sharedMax = max > sharedMax ? double{max} : sharedMax;
+}
 
 // Scan windows of a block until none is left. Record 0 is visited twice: the visits run from 0 to count
 // inclusive, visit k reading record max(k - 1, 0). For a minimum and a maximum the second visit changes
@@ -41,22 +30,15 @@ void scanWindows(ScanJob& job, RecordReader& reader, ScanPass& pass) {
     const std::uint64_t recordFloats = task.stride / sizeof(float);
     const LargeArray<float> window =
         makeLargeArray<float>(std::min(task.count, windowRecords) * recordFloats);
-    AxisBounds x;
-    AxisBounds y;
-    AxisBounds z;
+    LaneRanges<4> bounds; // x, y, z, and the value behind, which makes the vector full
     job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         reader.read(task.offset + first * task.stride, window.get(), count * task.stride);
-        for (const float* record = window.get(); record != window.get() + count * recordFloats;
-             record += recordFloats) {
-            x.fold(record[0]);
-            y.fold(record[1]);
-            z.fold(record[2]);
-        }
+        bounds.foldRecords(window.get(), count, recordFloats);
     });
     const std::lock_guard lock(pass.blocks.mutex);
-    x.mergeInto(pass.min.x, pass.max.x);
-    y.mergeInto(pass.min.y, pass.max.y);
-    z.mergeInto(pass.min.z, pass.max.z);
+    mergeAxis(bounds.min[0], bounds.max[0], pass.min.x, pass.max.x);
+    mergeAxis(bounds.min[1], bounds.max[1], pass.min.y, pass.max.y);
+    mergeAxis(bounds.min[2], bounds.max[2], pass.min.z, pass.max.z);
 }
 
 } // namespace

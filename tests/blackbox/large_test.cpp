@@ -74,6 +74,21 @@ protected:
         ply.write(input);
     }
 
+    // A scene of several blocks with coefficients: 402 cells that each take a little less than a large page,
+    // and behind them one large cell.
+    void writeSmallCellsBeforeALargeOne() {
+        PlyFile ply;
+        ply.coefficients = true;
+        ply.comments = {"comment minx 0", "comment miny 0", "comment maxx 30000", "comment maxy 30"};
+        ply.records.reserve(count * ply.recordFloats());
+        support::Random random(7);
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::uint64_t cell = i < 402 * 7281 ? random.next() % 402 : 500;
+            ply.add({.position = {30.0f * static_cast<float>(cell) + 15.0f, 15.0f, 1.0f}});
+        }
+        ply.write(input);
+    }
+
     // The hashes of what a run leaves in the output folder, which is then removed.
     std::map<std::string, std::string> hashesOf(Host& host) {
         const HostReport report = host.convert(input, output).run();
@@ -131,6 +146,11 @@ TEST_F(Large, MemoryStaysWithinTheFormula) {
         SCOPED_TRACE("ten thousand cells");
         writeScatteredSplats();
         expectPeakWithinTheFormula(false);
+    }
+    {
+        SCOPED_TRACE("small cells before a large one, coefficients");
+        writeSmallCellsBeforeALargeOne();
+        expectPeakWithinTheFormula(true);
     }
 #endif
 }

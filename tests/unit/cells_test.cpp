@@ -126,13 +126,13 @@ TEST(CellKeys, AreThoseOfTheSplatsOneByOneForEveryCount) {
 TEST(CellKeys, OfPositionsThatNoIntegerHoldsTouchNoOthers) {
     Random random(66);
     const ChunkGrid grid{.cellSizeX = 0.5f, .cellSizeY = 0.25f, .originX = -3.0f, .originY = 7.0f};
-    const float far[] = {nan, infinity, -infinity, 5e8f, -5e8f, 3e9f, -3e9f, 1e30f};
+    const float outside[] = {nan, infinity, -infinity, 5e8f, -5e8f, 3e9f, -3e9f, 1e30f};
     for (std::size_t at = 0; at < 130; ++at) {
         std::vector<float> xAndY(2 * 200);
         for (float& value : xAndY) {
             value = random.between(-50.0f, 50.0f);
         }
-        xAndY[2 * at + at % 2] = far[at % std::size(far)];
+        xAndY[2 * at + at % 2] = outside[at % std::size(outside)];
         expectKeys(xAndY, 17, grid);
     }
 }

@@ -14,6 +14,10 @@
 #include <string>
 #include <thread>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 #if defined(__GNUC__)
 // Under the address sanitizer, too, memory that cannot be had is an error to handle and not the end.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
@@ -136,10 +140,27 @@ TEST(MoveLargePage, MovesOnePageAndLeavesItsNeighbours) {
     from.get()[largePage] = 0x66;
 }
 
-TEST(LargeBlocks, HoldWhatIsWrittenToOrdinaryPages) {
+// Whether the ordinary page that holds an address is in memory.
+bool isResident([[maybe_unused]] const void* address) {
+#if defined(__linux__)
+    constexpr std::uintptr_t page = 4096;
+    unsigned char present = 0;
+    void* const start = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(address) / page * page);
+    return mincore(start, 1, &present) == 0 && (present & 1) != 0;
+#else
+    return false;
+#endif
+}
+
+TEST(LargeBlocks, HaveOrdinaryPagesWhereAsked) {
     constexpr std::uint64_t size = 3 * largePage + 100;
     const LargeArray<unsigned char> block = makeLargeArray<unsigned char>(size);
     useOrdinaryPages(block.get() + largePage, size - largePage);
+    block.get()[largePage] = 1;
+    if (largePagesMove()) { // otherwise blocks come from elsewhere
+        EXPECT_TRUE(isResident(block.get() + largePage));
+        EXPECT_FALSE(isResident(block.get() + largePage + largePage / 2));
+    }
     std::fill_n(block.get(), size, static_cast<unsigned char>(0x77));
     EXPECT_TRUE(
         std::all_of(block.get(), block.get() + size, [](unsigned char byte) { return byte == 0x77; }));
@@ -153,6 +174,7 @@ TEST(LargeBlocks, KeepTheirOtherPagesWhenOneIsReleased) {
     const auto isKept = [](unsigned char byte) { return byte == 0x77; };
     EXPECT_TRUE(std::all_of(block.get(), block.get() + largePage, isKept));
     EXPECT_TRUE(std::all_of(block.get() + 2 * largePage, block.get() + size, isKept));
+    EXPECT_TRUE(!largePagesMove() || block.get()[largePage] == 0x00);
     block.get()[largePage] = 0x55; // its addresses stay
     EXPECT_EQ(block.get()[largePage], 0x55);
 }

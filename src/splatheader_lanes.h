@@ -1,0 +1,55 @@
+// Bounds of many values side by side, for loops that turn into vector code.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
+#include <limits>
+
+namespace Tavrin::GaussionSplat {
+
+// Strict comparisons: where b is NaN, or a zero like a, the result is a.
+inline float minimum(float a, float b) {
+    return a > b ? b : a;
+}
+inline float maximum(float a, float b) {
+    return b > a ? b : a;
+}
+
+// Bounds of Lanes values side by side.
+template <std::size_t Lanes>
+struct LaneRanges {
+    alignas(64) float min[Lanes];
+    alignas(64) float max[Lanes];
+
+    LaneRanges() {
+        std::fill(std::begin(min), std::end(min), std::numeric_limits<float>::infinity());
+        std::fill(std::begin(max), std::end(max), -std::numeric_limits<float>::infinity());
+    }
+
+    // Fold in Lanes values of each of count records that lie stride floats apart.
+    void foldRecords(const float* values, std::size_t count, std::size_t stride) {
+        std::size_t i = 0;
+        for (; i + 4 <= count;
+             i += 4, values += 4 * stride) { // four at a time: the bounds are loaded and stored once
+            const float* const a = values;
+            const float* const b = a + stride;
+            const float* const c = b + stride;
+            const float* const d = c + stride;
+            for (std::size_t lane = 0; lane < Lanes; ++lane) {
+                const float low = minimum(minimum(min[lane], a[lane]), b[lane]);
+                const float high = maximum(maximum(max[lane], a[lane]), b[lane]);
+                min[lane] = minimum(minimum(low, c[lane]), d[lane]);
+                max[lane] = maximum(maximum(high, c[lane]), d[lane]);
+            }
+        }
+        for (; i < count; ++i, values += stride) {
+            for (std::size_t lane = 0; lane < Lanes; ++lane) {
+                min[lane] = minimum(min[lane], values[lane]);
+                max[lane] = maximum(max[lane], values[lane]);
+            }
+        }
+    }
+};
+
+} // namespace Tavrin::GaussionSplat
