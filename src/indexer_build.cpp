@@ -34,7 +34,7 @@ std::uint64_t bytesOnLargePages(const std::vector<CellCount>& cells, std::uint64
     return bytes;
 }
 
-void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
+void CellTable::reserve(LODData& level, std::uint64_t spareMemory) {
     std::uint64_t total = 0;
     for (const CellCount& cell : counter.counts()) {
         total += cell.splats;
@@ -47,13 +47,10 @@ void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
     for (const LargeArray<std::byte>& room : rooms) {
         given += room.get_deleter().bytes;
     }
-    // What the process takes anyway leaves room for a little more; an ordinary page and what is known of it
-    // count for every cell.
-    constexpr std::uint64_t little = std::uint64_t{16} << 20;
-    constexpr std::uint64_t bytesOfCell = 4096 + 300;
-    const std::uint64_t spareMemory = largestBlock + little;
-    const std::uint64_t largeBytes = bytesOnLargePages(
-        counter.counts(), spareMemory - std::min(spareMemory, counter.counts().size() * bytesOfCell), given);
+    // An ordinary page of its own, and what is known of it, count for every cell.
+    const std::uint64_t ofCells = counter.counts().size() * (4096 + 300);
+    const std::uint64_t largeBytes =
+        bytesOnLargePages(counter.counts(), spareMemory - std::min(spareMemory, ofCells), given);
     try {
         arena = std::make_shared<RecordArena>(bytes, largeBytes);
     } catch (const std::bad_alloc&) {
@@ -76,8 +73,9 @@ void CellTable::reserve(LODData& level, std::uint64_t largestBlock) {
 }
 
 void CellTable::close() {
+    arena->spare.erase(arena->spare.begin(),
+                       arena->spare.begin() + static_cast<std::ptrdiff_t>(arena->given));
     arena->given = 0;
-    arena->withdrawOffers();
     rooms.clear();
 }
 
@@ -194,8 +192,10 @@ void Indexer::buildIndex() {
             builds[chunk->level].table.give(std::move(chunk->room));
         }
     }
+    // A block of input may be there beside the records, and a little that the process leaves of its share.
+    constexpr std::uint64_t little = std::uint64_t{16} << 20;
     for (auto& [number, build] : builds) {
-        build.table.reserve(*build.lod, largestBlock);
+        build.table.reserve(*build.lod, (largestBlock + little) / builds.size());
         levels->emplace(number, build.lod);
     }
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {

@@ -26,9 +26,10 @@ public:
     CellCounter counter;
 
     // Make a vector of exactly the counted size for each cell in level, all from one large block that is not
-    // cleared. Throws AllocationError. While the records are placed, the memory of all tables stays below
-    // that of the records and largestBlock, the bytes of the largest decoded block, and a little.
-    void reserve(LODData& level, std::uint64_t largestBlock);
+    // cleared. Throws AllocationError. While the splats are placed, side by side in all cells, the block and
+    // the decoded blocks together take at most spareMemory more than the records; above some hundred thousand
+    // cells, 4.4 kB a cell more than that.
+    void reserve(LODData& level, std::uint64_t spareMemory);
 
     // The place of the next splat of the cell of key; at most as many as were counted.
     SplatsData* place(std::uint32_t key) {

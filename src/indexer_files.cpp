@@ -107,8 +107,8 @@ void writeBytes(std::ofstream& file, const std::byte* bytes, std::uint64_t size)
 }
 
 // Records that are gathered and written at a time, across the ends of cells: their 96 bytes each stay in the
-// second-level cache between the two, and every write begins at a multiple of its size, from which the system
-// makes few large pages of its cache. The files get the same bytes as from one write a cell, and have all of
+// second-level cache between the two, and every write begins at a multiple of its size, which the system
+// caches in fewer and larger pieces. The files get the same bytes as from one write a cell, and have all of
 // them before the line that says so; until then they are nobody's to read.
 constexpr std::size_t gatheredRecords = 4096;
 constexpr std::size_t gatheredAhead = 32; // records whose cache lines are asked for ahead of the copy

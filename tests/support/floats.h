@@ -6,10 +6,14 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
 namespace support {
+
+inline constexpr float infinity = std::numeric_limits<float>::infinity();
+inline constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 
 inline std::uint32_t bitsOf(float value) {
     return std::bit_cast<std::uint32_t>(value);

@@ -228,16 +228,23 @@ TEST_F(BuildTest, EveryBlockIsFreedAndTheListKeepsItsLength) {
     EXPECT_EQ(*indexer.chunks, (ChunkList{without, nullptr}));
 }
 
-// Blocks large enough that their pages are handed on to the cells, splats scattered so that most cells have
-// pages before any is offered. A page that stayed on offer behind the end of its block would later be taken
-// out of whatever lies at its address then.
+// The first block's splats open a page of each of their cells at once and then fill these, so that its own
+// pages are still on offer at its end. One that stayed there would later be taken out of whatever lies at its
+// address then.
 TEST_F(BuildTest, NoPageOfAFreedBlockStaysOnOffer) {
     Random random(78);
-    chunkGrid.cellSizeX = chunkGrid.cellSizeY = 1.0f;
-    const std::vector<std::vector<float>> blocks = {decodedScene(random, 100'000, false, 45.0f),
-                                                    decodedScene(random, 100'000, false, 45.0f)};
-    build(blocks, false, grid);
-    EXPECT_TRUE(actual(0) == expected(blocks, false, false));
+    constexpr std::size_t floats = 62;
+    std::vector<std::vector<float>> blocks = {decodedScene(random, 58'000, true, 4.0f),
+                                              decodedScene(random, 60'000, true, 4.0f)};
+    for (std::size_t i = 0; i < 58'000; ++i) {
+        blocks[0][i * floats] = -35.0f + 10.0f * static_cast<float>(i % 8);
+        blocks[0][i * floats + 1] = -30.0f;
+    }
+    for (std::size_t i = 0; i < 60'000; ++i) {
+        blocks[1][i * floats + 1] = 40.0f;
+    }
+    build(blocks, true, grid);
+    EXPECT_TRUE(actual(0) == expected(blocks, true, false));
     const std::shared_ptr<RecordArena> arena =
         indexer.levels->at(0)->cells->begin()->second->get_allocator().arena;
     EXPECT_TRUE(arena->spare.empty());

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <vector>
 
@@ -17,10 +16,9 @@ namespace Tavrin::GaussionSplat {
 namespace {
 
 namespace reference = support::reference;
+using support::infinity;
+using support::nan;
 using support::Random;
-
-constexpr float infinity = std::numeric_limits<float>::infinity();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 
 std::uint32_t referenceKey(float x, float y, const ChunkGrid& grid) {
     return reference::cellKey(x, y,

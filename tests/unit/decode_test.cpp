@@ -21,8 +21,8 @@ using support::describe;
 using support::Random;
 using support::sameFloat;
 
-constexpr float infinity = std::numeric_limits<float>::infinity();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+using support::infinity;
+using support::nan;
 
 TEST(RecordLayout, IsThatOfTheFiles) {
     EXPECT_EQ(positionAt * 4, 0u);

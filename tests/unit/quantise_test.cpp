@@ -18,10 +18,9 @@ namespace Tavrin::GaussionSplat {
 namespace {
 
 namespace reference = support::reference;
+using support::infinity;
+using support::nan;
 using support::Random;
-
-constexpr float infinity = std::numeric_limits<float>::infinity();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 
 template <typename Value>
 Value valueAt(const SplatsData& record, std::size_t offset) {

@@ -27,8 +27,8 @@ namespace {
 using support::Random;
 using Position = std::array<float, 3>;
 
-constexpr float infinity = std::numeric_limits<float>::infinity();
-constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+using support::infinity;
+using support::nan;
 struct Box {
     Vector3 min;
     Vector3 max;
