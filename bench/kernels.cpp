@@ -1,12 +1,12 @@
 // kernels: the inner loops of the converter one by one, over splats of the generated town, in splats (items)
 // and bytes a second. Run with --benchmark_filter=... to choose.
-#include "bench/scenes.h"
+#include "scenes/scenes.h"
+#include "src/blocks.h"
 #include "src/chunker_decode.h"
 #include "src/chunker_elementary.h"
 #include "src/indexer.h"
 #include "src/indexer_quantise.h"
 #include "src/splatheader.h"
-#include "src/splatheader_blocks.h"
 #include "src/splatheader_scan.h"
 
 #include <benchmark/benchmark.h>

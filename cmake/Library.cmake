@@ -9,9 +9,9 @@ add_library(plyconvert_core STATIC
     src/platform.cpp
     src/splatheader.cpp
     src/splatheader_numbers.cpp
-    src/splatheader_blocks.cpp
+    src/blocks.cpp
     src/splatheader_scan.cpp
-    src/splatheader_cells.cpp
+    src/cells.cpp
     src/chunker.cpp
     src/chunker_decode.cpp
     src/indexer.cpp

@@ -11,6 +11,7 @@
 #include "include/plyconvert.h"
 #include "reader/dataset.h"
 #include "reader/verify.h"
+#include "src/blocks.h"
 #include "src/indexer.h"
 #include "src/runlog.h"
 #include "tests/golden/reference.h"

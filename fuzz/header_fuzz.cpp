@@ -3,6 +3,7 @@
 
 #include "fuzz/process_end.h"
 #include "fuzz/target.h"
+#include "src/blocks.h"
 #include "src/splatheader.h"
 #include "tests/golden/reference.h"
 #include "tests/support/dataset_writer.h"

@@ -3,8 +3,8 @@
 
 #include "fuzz/process_end.h"
 #include "fuzz/target.h"
-#include "host/exit_status.h"
-#include "host/ply_header.h"
+#include "program/scene/ply_header.h"
+#include "program/system/exit_status.h"
 #include "src/splatheader.h"
 #include "tests/support/dataset_writer.h"
 

@@ -22,27 +22,27 @@ extern "C" {
 #endif
 
 /* Results of plyConvert. No other value is returned. */
-#define PLYCONVERT_DONE 0               /* the dataset is complete */
+#define PLYCONVERT_DONE 0                /* the dataset is complete */
 #define PLYCONVERT_NOT_A_SPLAT_FILE (-1) /* the header check refused the input; nothing was touched */
-#define PLYCONVERT_NO_INPUT (-2)        /* the input path does not exist; nothing was touched */
+#define PLYCONVERT_NO_INPUT (-2)         /* the input path does not exist; nothing was touched */
 
 /* Convert one scene. The call does all of its work before it returns, on the caller's thread and on worker
  * threads of its own, which have ended when it returns.
  *
  * inputPath     the PLY file: binary little-endian, one vertex element whose record is exactly 62 four-byte
- *               floats (x y z, nx ny nz, f_dc_0..2, f_rest_0..44, opacity, scale_0..2, rot_0..3), or 17 without
- *               the f_rest properties. Zero-terminated, not null.
- * outputFolder  the folder to write, without a separator at its end. Zero-terminated, not null.
+ *               floats (x y z, nx ny nz, f_dc_0..2, f_rest_0..44, opacity, scale_0..2, rot_0..3), or 17
+ * without the f_rest properties. Zero-terminated, not null. outputFolder  the folder to write, without a
+ * separator at its end. Zero-terminated, not null.
  *
- * Both paths are UTF-8 on Linux. On Windows they are in the code page of the narrow file functions: UTF-8 when
- * the runtime's locale code page is 65001, else the ANSI code page, or the OEM code page after SetFileApisToOEM.
- * The strings are copied; the caller keeps them.
+ * Both paths are UTF-8 on Linux. On Windows they are in the code page of the narrow file functions: UTF-8
+ * when the runtime's locale code page is 65001, else the ANSI code page, or the OEM code page after
+ * SetFileApisToOEM. The strings are copied; the caller keeps them.
  *
  * What it deletes: when outputFolder exists, it and EVERYTHING under it is removed before the first splat is
  * converted. A file that stands in its place is removed too. An input inside it is lost.
  *
- * What it writes: converted_from_ply.ytr, data.bin, index.bin, log.txt, and shcoef.bin when the input declares
- * f_rest_0. Two empty lines go to standard output for every ground cell.
+ * What it writes: converted_from_ply.ytr, data.bin, index.bin, log.txt, and shcoef.bin when the input
+ * declares f_rest_0. Two empty lines go to standard output for every ground cell.
  *
  * What it does not check: whether the vertex layout is one of the two above, whether the file holds as many
  * records as its header says (missing ones are read as zeros), whether splats lie inside the bounds stated in
@@ -64,7 +64,8 @@ extern "C" {
  * Calls must not overlap: the run log and the ground grid are shared by the whole process. One call after the
  * other is fine, from any thread.
  *
- * Memory: about 288 bytes a splat and one block of 2,000,000 input records (496 MB, or 136 MB without f_rest).
+ * Memory: about 288 bytes a splat and one block of 2,000,000 input records (496 MB, or 136 MB without
+ * f_rest).
  */
 PLYCONVERT_API int32_t plyConvert(const char* inputPath, const char* outputFolder);
 

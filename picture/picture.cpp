@@ -1,4 +1,4 @@
-#include "bench/picture.h"
+#include "picture/picture.h"
 
 #include <cmath>
 #include <fstream>

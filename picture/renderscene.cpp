@@ -2,8 +2,8 @@
 //
 // Every splat is projected as an elliptical Gaussian and blended over what lies behind it. Plain and exact
 // rather than fast: some seconds for a million splats.
-#include "bench/picture.h"
-#include "bench/scenes_math.h"
+#include "picture/picture.h"
+#include "scenes/math.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,12 +1,12 @@
-#include "command.h"
-#include "console.h"
-#include "conversion.h"
-#include "convert_command.h"
-#include "export_command.h"
-#include "info_command.h"
-#include "platform.h"
 #include "plyconvert.h"
-#include "verify_command.h"
+#include "program/commands/command.h"
+#include "program/commands/convert_command.h"
+#include "program/commands/export_command.h"
+#include "program/commands/info_command.h"
+#include "program/commands/verify_command.h"
+#include "program/convert/conversion.h"
+#include "program/system/platform.h"
+#include "program/terminal/console.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>

@@ -1,5 +1,5 @@
 // makescene: writes a seeded scene as a PLY file.
-#include "bench/scenes.h"
+#include "scenes/scenes.h"
 
 #include <CLI/CLI.hpp>
 

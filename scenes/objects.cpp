@@ -1,5 +1,5 @@
 // What stands on the town's ground: buildings, trees, cars, lamps, and the shade they throw.
-#include "bench/scenes_town.h"
+#include "scenes/town.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
-#include "bench/scenes.h"
+#include "scenes/scenes.h"
 
-#include "bench/scenes_splat.h"
+#include "scenes/splat.h"
 
 #include <algorithm>
 #include <bit>

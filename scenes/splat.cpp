@@ -1,4 +1,4 @@
-#include "bench/scenes_splat.h"
+#include "scenes/splat.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // Turns a town into splats: each from its index alone, so that a file of any length is written as it comes.
 #pragma once
 
-#include "bench/scenes.h"
-#include "bench/scenes_town.h"
+#include "scenes/scenes.h"
+#include "scenes/town.h"
 
 #include <vector>
 

@@ -1,4 +1,4 @@
-#include "bench/scenes_town.h"
+#include "scenes/town.h"
 
 #include <algorithm>
 

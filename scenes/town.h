@@ -2,7 +2,7 @@
 // its own, with the ground rectangle centred on the origin and z up.
 #pragma once
 
-#include "bench/scenes_math.h"
+#include "scenes/math.h"
 
 #include <cstdint>
 #include <vector>

@@ -119,7 +119,7 @@ for target in "${targets[@]}"; do
 done
 llvm-profdata merge -o "$folder/logs/all.profdata" "$folder"/logs/*.profraw
 llvm-cov report "${objects[@]:1}" -instr-profile="$folder/logs/all.profdata" -show-region-summary=false \
-    -ignore-filename-regex="$root/(fuzz|tests|host/(console|platform|exit_status))"
+    -ignore-filename-regex="$root/(fuzz|tests|program/(terminal/console|system))"
 
 if ((failed)) || [[ -n $(find "$folder/findings" -type f) ]]; then
     echo "Findings: $folder/findings; what they said: $folder/logs" >&2

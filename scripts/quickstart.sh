@@ -22,7 +22,7 @@ install_missing "${packages[@]}"
 build=$root/build/release
 echo "Building in $build"
 cmake -S "$root" --preset release --log-level=WARNING
-cmake --build "$build" --parallel "$(nproc)" --target plyconvert_program makescene
+cmake --build "$build" --parallel "$(nproc)" --target plyconvert_executable makescene
 
 if (($# == 2)); then
     scene=$1
@@ -33,10 +33,10 @@ else
     scene=${folder#"$PWD"/}/town.ply
     dataset=${folder#"$PWD"/}/town
     echo "Generating a town of 1,200,000 splats: $scene"
-    "$build/bench/makescene" --splats 1200000 --bounds --source makescene "$scene"
+    "$build/scenes/makescene" --splats 1200000 --bounds --source makescene "$scene"
 fi
 
 echo "Converting"
-"$build/host/plyconvert" "$scene" "$dataset"
+"$build/program/plyconvert" "$scene" "$dataset"
 echo
-"$build/host/plyconvert" info "$dataset"
+"$build/program/plyconvert" info "$dataset"

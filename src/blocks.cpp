@@ -1,4 +1,4 @@
-#include "src/splatheader_blocks.h"
+#include "src/blocks.h"
 
 #include "src/platform.h"
 

@@ -1,13 +1,15 @@
 // What both parallel passes share: how a file is cut into blocks, and how the records of a block are read.
 #pragma once
 
-#include "src/splatheader.h"
-
 #include <cstdint>
 #include <fstream>
 #include <string>
 
 namespace Tavrin::GaussionSplat {
+
+// Splats of one block, the unit of work of both parallel passes: 2,000,000. Tests alone set it smaller, to
+// see several blocks in a small scene; nothing that ships writes it.
+extern std::uint64_t blockSplats;
 
 // Records that are read and worked on at a time. At 248 bytes a window is 254 KB: it stays in the
 // second-level cache between the read and the work, and gives the same bytes as one read of the whole block.

@@ -6,7 +6,7 @@
 // depend on who took which.
 #pragma once
 
-#include "src/splatheader_blocks.h"
+#include "src/blocks.h"
 
 #include <algorithm>
 #include <atomic>

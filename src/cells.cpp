@@ -1,4 +1,4 @@
-#include "src/splatheader_cells.h"
+#include "src/cells.h"
 
 #include <algorithm>
 

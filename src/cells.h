@@ -2,7 +2,6 @@
 #pragma once
 
 #include "src/conversions.h"
-#include "src/splatheader.h"
 
 #include <array>
 #include <cmath>
@@ -12,6 +11,19 @@
 #include <vector>
 
 namespace Tavrin::GaussionSplat {
+
+// A grid of ground cells. A splat at (x, y) lies in column floor((x - originX) / cellSizeX) and row
+// floor((y - originY) / cellSizeY), in single precision.
+struct ChunkGrid {
+    float cellSizeX = 0.0f; // scene units
+    float cellSizeY = 0.0f;
+    float originX = 0.0f;
+    float originY = 0.0f;
+    std::int32_t cellCountX = 0;
+    std::int32_t cellCountY = 0;
+
+    bool operator==(const ChunkGrid&) const = default;
+};
 
 // A scene of more splats than this is split into ground cells, one of up to so many is a single cell with key
 // 0. Deliberately not the test of the grid's own choice: exactly 1,000,000 splats get a grid's cell size and

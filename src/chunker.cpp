@@ -1,10 +1,10 @@
 #include "src/chunker.h"
 
+#include "src/blocks.h"
 #include "src/chunker_decode.h"
 #include "src/chunker_pass.h"
 #include "src/platform.h"
 #include "src/runlog.h"
-#include "src/splatheader_blocks.h"
 #include "src/taskpool.h"
 
 #include <algorithm>

@@ -2,10 +2,10 @@
 // attribute ranges.
 #pragma once
 
+#include "src/cells.h"
 #include "src/platform.h"
 #include "src/records.h"
 #include "src/splatheader.h"
-#include "src/splatheader_cells.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,7 @@
 #include "src/chunker_decode.h"
 
 #include "src/chunker_elementary.h"
-#include "src/splatheader_lanes.h"
+#include "src/lanes.h"
 
 #include <algorithm>
 #include <cmath>

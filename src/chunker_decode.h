@@ -14,25 +14,6 @@
 
 namespace Tavrin::GaussionSplat {
 
-// Where the attributes of a vertex record start, in floats.
-struct RecordLayout {
-    std::size_t floats; // of the whole record
-    std::size_t opacity;
-    std::size_t scale;
-    std::size_t rotation;
-};
-inline constexpr std::size_t positionAt = 0;
-inline constexpr std::size_t normalAt = 3;
-inline constexpr std::size_t colourAt = 6;
-inline constexpr std::size_t shcoefAt = 9; // 15 red, 15 green, 15 blue
-inline constexpr std::size_t shcoefPerChannel = 15;
-inline constexpr RecordLayout layoutWithShcoef{.floats = 62, .opacity = 54, .scale = 55, .rotation = 58};
-inline constexpr RecordLayout layoutWithoutShcoef{.floats = 17, .opacity = 9, .scale = 10, .rotation = 13};
-
-inline const RecordLayout& recordLayout(bool hasShcoef) {
-    return hasShcoef ? layoutWithShcoef : layoutWithoutShcoef;
-}
-
 // The linear scale of a logarithmic one. The root-then-square sequence is intended.
 float decodeScale(float logScale);
 

@@ -1,10 +1,10 @@
 // One pass of the chunker: what its workers share, and the body that decodes one block.
 #pragma once
 
+#include "src/blocks_share.h"
 #include "src/chunker.h"
 #include "src/chunker_decode.h"
 #include "src/platform.h"
-#include "src/splatheader_share.h"
 
 #include <cstdint>
 #include <memory>

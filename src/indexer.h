@@ -1,11 +1,11 @@
 // The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone.
 #pragma once
 
+#include "src/cells.h"
 #include "src/chunker.h"
 #include "src/indexer_records.h"
 #include "src/records.h"
 #include "src/splatheader.h"
-#include "src/splatheader_cells.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,8 +1,8 @@
 // Reserving and filling the cells of one level while the index is built.
 #pragma once
 
+#include "src/cells.h"
 #include "src/indexer_records.h"
-#include "src/splatheader_cells.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,7 @@
 // The plain records that travel through a whole conversion.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -13,6 +14,39 @@ struct Vector3 {
     double y = 0.0;
     double z = 0.0;
 };
+
+// The vertex record: 32-bit floats without gaps. Positions of the attributes and sizes are in floats unless a
+// name says bytes.
+inline constexpr std::size_t positionAt = 0;
+inline constexpr std::size_t normalAt = 3;
+inline constexpr std::size_t colourAt = 6;
+inline constexpr std::size_t shcoefAt = 9; // 15 red, 15 green, 15 blue; only where there are any
+inline constexpr std::size_t shcoefPerChannel = 15;
+inline constexpr std::size_t shcoefFloats = 3 * shcoefPerChannel;
+
+// Where the attributes behind the colour start.
+struct RecordLayout {
+    std::size_t floats; // of the whole record
+    std::size_t opacity;
+    std::size_t scale;
+    std::size_t rotation;
+};
+inline constexpr RecordLayout layoutWithoutShcoef{.floats = 17, .opacity = 9, .scale = 10, .rotation = 13};
+inline constexpr RecordLayout layoutWithShcoef{.floats = layoutWithoutShcoef.floats + shcoefFloats,
+                                               .opacity = layoutWithoutShcoef.opacity + shcoefFloats,
+                                               .scale = layoutWithoutShcoef.scale + shcoefFloats,
+                                               .rotation = layoutWithoutShcoef.rotation + shcoefFloats};
+
+inline const RecordLayout& recordLayout(bool hasShcoef) {
+    return hasShcoef ? layoutWithShcoef : layoutWithoutShcoef;
+}
+
+inline constexpr std::uint32_t recordSizeWithoutShcoef = layoutWithoutShcoef.floats * sizeof(float); // bytes
+inline constexpr std::uint32_t recordSizeWithShcoef = layoutWithShcoef.floats * sizeof(float);
+static_assert(recordSizeWithoutShcoef == 68 && recordSizeWithShcoef == 248);
+
+// Bytes from record to record in the bounding-box scan, whatever the header declares.
+inline constexpr std::uint32_t scanStride = recordSizeWithShcoef;
 
 // What the comment lines of the PLY header say about the scene. Created once a conversion, filled by the
 // header reader and read-only from then on, so any thread may read it. The numbers are parsed in single

@@ -6,6 +6,7 @@
 // types or at their order.
 #pragma once
 
+#include "src/cells.h"
 #include "src/records.h"
 
 #include <cstdint>
@@ -14,15 +15,6 @@
 #include <tuple>
 
 namespace Tavrin::GaussionSplat {
-
-// Bytes of a vertex record of 32-bit floats: position 3, normal 3, colour 3, opacity 1, scale 3, rotation 4,
-// and with spherical harmonics of degree 3 another 45.
-inline constexpr std::uint32_t recordSizeWithoutShcoef = 17 * sizeof(float);
-inline constexpr std::uint32_t recordSizeWithShcoef = 62 * sizeof(float);
-
-// Splats of one block, the unit of work of both parallel passes: 2,000,000. Tests alone set it smaller, to
-// see several blocks in a small scene; nothing that ships writes it.
-extern std::uint64_t blockSplats;
 
 // The header of one input file. A value: copied into lists.
 struct SplatHeader {
@@ -70,19 +62,8 @@ struct SplatHeader {
 // to standard output when it cannot be opened.
 bool checkSplatHeader(std::string path);
 
-// The ground grid, process-wide: written by the header reader, read by the indexer and its writers. A splat
-// at (x, y) lies in column floor((x - originX) / cellSizeX) and row floor((y - originY) / cellSizeY), in
-// single precision.
-struct ChunkGrid {
-    float cellSizeX = 0.0f; // scene units
-    float cellSizeY = 0.0f;
-    float originX = 0.0f;
-    float originY = 0.0f;
-    std::int32_t cellCountX = 0;
-    std::int32_t cellCountY = 0;
-
-    bool operator==(const ChunkGrid&) const = default;
-};
+// The ground grid of the conversion, process-wide: written by the header reader, read by the indexer and its
+// writers.
 extern ChunkGrid chunkGrid;
 
 // A scene of at least this many splats gets a grid of square cells; below, one cell spans the scene.

@@ -1,8 +1,8 @@
 #include "src/splatheader_scan.h"
 
+#include "src/blocks.h"
+#include "src/lanes.h"
 #include "src/platform.h"
-#include "src/splatheader_blocks.h"
-#include "src/splatheader_lanes.h"
 #include "src/taskpool.h"
 
 #include <algorithm>

@@ -1,13 +1,10 @@
 // The bounding-box scan of one block, apart from the pool that runs it.
 #pragma once
 
+#include "src/blocks_share.h"
 #include "src/splatheader.h"
-#include "src/splatheader_share.h"
 
 namespace Tavrin::GaussionSplat {
-
-// The stride of the scan whatever the header declares: 62 four-byte floats.
-inline constexpr std::uint32_t scanStride = recordSizeWithShcoef;
 
 // One block being scanned.
 struct ScanJob {

@@ -1,6 +1,6 @@
-#include "command.h"
+#include "program/commands/command.h"
 
-#include "platform.h"
+#include "program/system/platform.h"
 
 #include <fmt/format.h>
 

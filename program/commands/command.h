@@ -1,6 +1,6 @@
 #pragma once
 
-#include "exit_status.h"
+#include "program/system/exit_status.h"
 
 #include <functional>
 #include <string>

@@ -1,12 +1,12 @@
-#include "export_command.h"
+#include "program/commands/export_command.h"
 
-#include "console.h"
-#include "figures.h"
-#include "interrupt.h"
-#include "platform.h"
-#include "progress.h"
+#include "program/scene/scene_writer.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
+#include "program/terminal/console.h"
+#include "program/terminal/figures.h"
+#include "program/terminal/progress.h"
 #include "reader/verify.h"
-#include "scene_writer.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>

@@ -1,10 +1,10 @@
-#include "info_command.h"
+#include "program/commands/info_command.h"
 
-#include "console.h"
-#include "info_text.h"
-#include "interrupt.h"
-#include "platform.h"
-#include "progress.h"
+#include "program/info/info_text.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
+#include "program/terminal/console.h"
+#include "program/terminal/progress.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>

@@ -1,12 +1,12 @@
-#include "verify_command.h"
+#include "program/commands/verify_command.h"
 
-#include "comparison.h"
-#include "console.h"
-#include "figures.h"
-#include "input_check.h"
-#include "interrupt.h"
-#include "platform.h"
-#include "progress.h"
+#include "program/compare/comparison.h"
+#include "program/convert/input_check.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
+#include "program/terminal/console.h"
+#include "program/terminal/figures.h"
+#include "program/terminal/progress.h"
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "command.h"
+#include "program/commands/command.h"
 
 namespace Tavrin::SplatProgram {
 

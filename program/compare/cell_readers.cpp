@@ -1,4 +1,4 @@
-#include "cell_readers.h"
+#include "program/compare/cell_readers.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "comparer.h"
+#include "program/compare/comparer.h"
 
 #include <algorithm>
 #include <cmath>

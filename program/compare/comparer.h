@@ -1,6 +1,6 @@
 #pragma once
 
-#include "comparison.h"
+#include "program/compare/comparison.h"
 
 #include <array>
 #include <cstddef>

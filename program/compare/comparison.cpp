@@ -1,8 +1,8 @@
-#include "comparison.h"
+#include "program/compare/comparison.h"
 
-#include "cell_readers.h"
-#include "comparer.h"
-#include "record_stream.h"
+#include "program/compare/cell_readers.h"
+#include "program/compare/comparer.h"
+#include "program/scene/record_stream.h"
 
 #include <algorithm>
 #include <cmath>

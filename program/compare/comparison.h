@@ -1,8 +1,8 @@
 #pragma once
 
+#include "program/scene/scene_scan.h"
 #include "reader/dataset.h"
 #include "reader/findings.h"
-#include "scene_scan.h"
 
 #include <cstdint>
 #include <string>

@@ -1,11 +1,11 @@
-#include "conversion.h"
+#include "program/convert/conversion.h"
 
-#include "child_process.h"
-#include "conversion_stages.h"
-#include "exit_status.h"
-#include "interrupt.h"
-#include "platform.h"
 #include "plyconvert.h"
+#include "program/convert/conversion_stages.h"
+#include "program/system/child_process.h"
+#include "program/system/exit_status.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 #include <cstdio>

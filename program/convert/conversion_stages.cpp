@@ -1,4 +1,4 @@
-#include "conversion_stages.h"
+#include "program/convert/conversion_stages.h"
 
 #include <algorithm>
 #include <fstream>

@@ -1,6 +1,6 @@
-#include "dataset_folder.h"
+#include "program/convert/dataset_folder.h"
 
-#include "platform.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
-#include "input_check.h"
+#include "program/convert/input_check.h"
 
-#include "figures.h"
-#include "platform.h"
+#include "program/system/platform.h"
+#include "program/terminal/figures.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "scene_comments.h"
-#include "scene_scan.h"
-#include "verdict.h"
+#include "program/convert/verdict.h"
+#include "program/scene/scene_comments.h"
+#include "program/scene/scene_scan.h"
 
 #include <optional>
 #include <string>

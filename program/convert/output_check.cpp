@@ -1,7 +1,7 @@
-#include "output_check.h"
+#include "program/convert/output_check.h"
 
-#include "exit_status.h"
-#include "platform.h"
+#include "program/system/exit_status.h"
+#include "program/system/platform.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "dataset_folder.h"
+#include "program/convert/dataset_folder.h"
 
 #include <filesystem>
 #include <string>

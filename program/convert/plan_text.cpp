@@ -1,7 +1,7 @@
-#include "plan_text.h"
+#include "program/convert/plan_text.h"
 
-#include "figures.h"
-#include "platform.h"
+#include "program/system/platform.h"
+#include "program/terminal/figures.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>

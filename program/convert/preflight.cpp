@@ -1,9 +1,9 @@
-#include "preflight.h"
+#include "program/convert/preflight.h"
 
-#include "figures.h"
-#include "platform.h"
+#include "program/convert/text_sizes.h"
+#include "program/system/platform.h"
+#include "program/terminal/figures.h"
 #include "reader/format.h"
-#include "text_sizes.h"
 
 #include <algorithm>
 #include <cmath>

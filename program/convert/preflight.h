@@ -1,9 +1,9 @@
 #pragma once
 
-#include "input_check.h"
-#include "output_check.h"
-#include "progress.h"
-#include "verdict.h"
+#include "program/convert/input_check.h"
+#include "program/convert/output_check.h"
+#include "program/convert/verdict.h"
+#include "program/terminal/progress.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,7 +1,7 @@
-#include "publish.h"
+#include "program/convert/publish.h"
 
-#include "exit_status.h"
-#include "interrupt.h"
+#include "program/system/exit_status.h"
+#include "program/system/interrupt.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "output_check.h"
-#include "platform.h"
+#include "program/convert/output_check.h"
+#include "program/system/platform.h"
 
 #include <filesystem>
 #include <functional>

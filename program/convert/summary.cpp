@@ -1,6 +1,6 @@
-#include "summary.h"
+#include "program/convert/summary.h"
 
-#include "figures.h"
+#include "program/terminal/figures.h"
 
 #include <cmath>
 #include <fmt/format.h>

@@ -1,7 +1,7 @@
-#include "text_sizes.h"
+#include "program/convert/text_sizes.h"
 
-#include "platform.h"
-#include "publish.h"
+#include "program/convert/publish.h"
+#include "program/system/platform.h"
 #include "reader/format.h"
 
 #include <algorithm>

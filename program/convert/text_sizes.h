@@ -1,6 +1,6 @@
 #pragma once
 
-#include "preflight.h"
+#include "program/convert/preflight.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
-#include "verdict.h"
+#include "program/convert/verdict.h"
 
-#include "console.h"
+#include "program/terminal/console.h"
 
 namespace Tavrin::SplatProgram {
 

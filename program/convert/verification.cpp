@@ -1,8 +1,8 @@
-#include "verification.h"
+#include "program/convert/verification.h"
 
-#include "exit_status.h"
-#include "figures.h"
-#include "interrupt.h"
+#include "program/system/exit_status.h"
+#include "program/system/interrupt.h"
+#include "program/terminal/figures.h"
 
 #include <algorithm>
 #include <fmt/format.h>

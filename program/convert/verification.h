@@ -1,7 +1,7 @@
 #pragma once
 
-#include "preflight.h"
-#include "progress.h"
+#include "program/convert/preflight.h"
+#include "program/terminal/progress.h"
 #include "reader/verify.h"
 
 #include <filesystem>

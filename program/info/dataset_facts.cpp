@@ -1,7 +1,7 @@
-#include "dataset_facts.h"
+#include "program/info/dataset_facts.h"
 
-#include "interrupt.h"
-#include "platform.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 

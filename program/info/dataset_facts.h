@@ -1,8 +1,8 @@
 #pragma once
 
-#include "distribution.h"
+#include "program/info/distribution.h"
+#include "program/scene/scene_scan.h"
 #include "reader/dataset.h"
-#include "scene_scan.h"
 
 #include <cstdint>
 #include <string>

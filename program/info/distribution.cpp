@@ -1,4 +1,4 @@
-#include "distribution.h"
+#include "program/info/distribution.h"
 
 #include <algorithm>
 #include <cmath>

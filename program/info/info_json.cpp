@@ -1,4 +1,4 @@
-#include "info_text.h"
+#include "program/info/info_text.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,7 +1,7 @@
-#include "info_text.h"
+#include "program/info/info_text.h"
 
-#include "console.h"
-#include "figures.h"
+#include "program/terminal/console.h"
+#include "program/terminal/figures.h"
 
 #include <algorithm>
 #include <array>

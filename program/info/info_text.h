@@ -1,7 +1,7 @@
 #pragma once
 
-#include "dataset_facts.h"
-#include "scene_facts.h"
+#include "program/info/dataset_facts.h"
+#include "program/info/scene_facts.h"
 
 #include <cstddef>
 #include <string>

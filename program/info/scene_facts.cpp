@@ -1,9 +1,9 @@
-#include "scene_facts.h"
+#include "program/info/scene_facts.h"
 
-#include "exit_status.h"
-#include "platform.h"
-#include "record_stream.h"
-#include "splat_layout.h"
+#include "program/scene/record_stream.h"
+#include "program/scene/splat_layout.h"
+#include "program/system/exit_status.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 #include <bit>

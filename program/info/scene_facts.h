@@ -1,9 +1,9 @@
 #pragma once
 
-#include "distribution.h"
-#include "ply_header.h"
-#include "scene_comments.h"
-#include "scene_scan.h"
+#include "program/info/distribution.h"
+#include "program/scene/ply_header.h"
+#include "program/scene/scene_comments.h"
+#include "program/scene/scene_scan.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,8 +1,8 @@
-#include "ply_header.h"
+#include "program/scene/ply_header.h"
 
-#include "console.h"
-#include "exit_status.h"
-#include "platform.h"
+#include "program/system/exit_status.h"
+#include "program/system/platform.h"
+#include "program/terminal/console.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
-#include "record_stream.h"
+#include "program/scene/record_stream.h"
 
-#include "exit_status.h"
-#include "interrupt.h"
-#include "platform.h"
+#include "program/system/exit_status.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 #include <fmt/format.h>

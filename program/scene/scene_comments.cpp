@@ -1,6 +1,6 @@
-#include "scene_comments.h"
+#include "program/scene/scene_comments.h"
 
-#include "console.h"
+#include "program/terminal/console.h"
 
 #include <algorithm>
 #include <array>

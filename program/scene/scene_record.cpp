@@ -1,4 +1,4 @@
-#include "scene_record.h"
+#include "program/scene/scene_record.h"
 
 #include <algorithm>
 #include <cmath>

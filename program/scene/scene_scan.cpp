@@ -1,6 +1,6 @@
-#include "scene_scan.h"
+#include "program/scene/scene_scan.h"
 
-#include "record_stream.h"
+#include "program/scene/record_stream.h"
 
 #include <algorithm>
 #include <cmath>

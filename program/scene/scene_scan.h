@@ -1,8 +1,8 @@
 #pragma once
 
+#include "program/scene/scene_comments.h"
+#include "program/scene/splat_layout.h"
 #include "reader/grid.h"
-#include "scene_comments.h"
-#include "splat_layout.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,9 +1,9 @@
-#include "scene_writer.h"
+#include "program/scene/scene_writer.h"
 
-#include "exit_status.h"
-#include "interrupt.h"
-#include "platform.h"
-#include "scene_record.h"
+#include "program/scene/scene_record.h"
+#include "program/system/exit_status.h"
+#include "program/system/interrupt.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 #include <bit>

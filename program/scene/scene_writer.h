@@ -1,7 +1,7 @@
 #pragma once
 
+#include "program/scene/scene_scan.h"
 #include "reader/dataset.h"
-#include "scene_scan.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -1,4 +1,4 @@
-#include "splat_layout.h"
+#include "program/scene/splat_layout.h"
 
 #include <algorithm>
 #include <fmt/format.h>

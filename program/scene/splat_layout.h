@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ply_header.h"
+#include "program/scene/ply_header.h"
 
 #include <array>
 #include <cstdint>

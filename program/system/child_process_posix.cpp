@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "program/system/child_process.h"
 
 #include <array>
 #include <cerrno>

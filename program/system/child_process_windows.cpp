@@ -1,7 +1,7 @@
-#include "child_process.h"
+#include "program/system/child_process.h"
 
-#include "handle_windows.h"
-#include "text_windows.h"
+#include "program/system/handle_windows.h"
+#include "program/system/text_windows.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
-#include "interrupt.h"
+#include "program/system/interrupt.h"
 
-#include "exit_status.h"
+#include "program/system/exit_status.h"
 
 namespace Tavrin::SplatProgram {
 

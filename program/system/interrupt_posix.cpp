@@ -1,4 +1,4 @@
-#include "interrupt.h"
+#include "program/system/interrupt.h"
 
 #include <csignal>
 #include <initializer_list>

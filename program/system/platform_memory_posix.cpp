@@ -1,4 +1,4 @@
-#include "platform.h"
+#include "program/system/platform.h"
 
 #include <algorithm>
 #include <fstream>

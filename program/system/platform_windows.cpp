@@ -1,7 +1,7 @@
-#include "platform.h"
+#include "program/system/platform.h"
 
-#include "handle_windows.h"
-#include "text_windows.h"
+#include "program/system/handle_windows.h"
+#include "program/system/text_windows.h"
 
 #include <algorithm>
 #include <windows.h>

@@ -1,4 +1,4 @@
-#include "text_windows.h"
+#include "program/system/text_windows.h"
 
 #include <windows.h>
 

@@ -1,4 +1,4 @@
-#include "console.h"
+#include "program/terminal/console.h"
 
 #include <cstdio>
 #include <fmt/format.h>

@@ -1,4 +1,4 @@
-#include "figures.h"
+#include "program/terminal/figures.h"
 
 #include <array>
 #include <cmath>

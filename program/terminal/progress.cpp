@@ -1,7 +1,7 @@
-#include "progress.h"
+#include "program/terminal/progress.h"
 
-#include "figures.h"
-#include "platform.h"
+#include "program/system/platform.h"
+#include "program/terminal/figures.h"
 
 #include <algorithm>
 #include <array>

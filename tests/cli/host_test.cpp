@@ -1,7 +1,7 @@
 // The program's parts whose corners no run of the program reaches easily.
-#include "host/child_process.h"
-#include "host/console.h"
-#include "host/figures.h"
+#include "program/system/child_process.h"
+#include "program/terminal/console.h"
+#include "program/terminal/figures.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The scenes whose converted bytes are held to hashes, and how their hashes are taken.
 #pragma once
 
-#include "bench/scenes.h"
+#include "scenes/scenes.h"
 
 #include <filesystem>
 #include <map>

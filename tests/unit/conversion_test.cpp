@@ -1,6 +1,7 @@
 // Whole conversions in blocks of a few splats: many in one process, and every size of block.
 
 #include "plyconvert.h"
+#include "src/blocks.h"
 #include "src/chunker.h"
 #include "src/splatheader.h"
 

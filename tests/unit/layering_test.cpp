@@ -92,16 +92,19 @@ std::string unitOf(const std::string& path) {
 }
 
 TEST(Layering, UnitsOfTheLibraryIncludeOnlyThoseBelowThem) {
-    const Names leaves = {"platform", "conversions"};
+    const Names leaves = {"platform", "conversions", "lanes"};
     const std::map<std::string, Names> below = {
         {"platform", {}},
         {"conversions", {}},
+        {"lanes", {}},
         {"records", {}},
         {"taskpool", {}},
         {"runlog", {}},
-        {"splatheader", {"records", "taskpool"}},
-        {"chunker", {"splatheader", "records", "runlog", "taskpool"}},
-        {"indexer", {"chunker", "splatheader", "records", "runlog"}},
+        {"cells", {"records"}},
+        {"blocks", {"records"}},
+        {"splatheader", {"blocks", "cells", "records", "taskpool"}},
+        {"chunker", {"splatheader", "blocks", "cells", "records", "runlog", "taskpool"}},
+        {"indexer", {"chunker", "splatheader", "cells", "records", "runlog"}},
     };
     const std::vector<Include> includes = includesUnder("src");
     ASSERT_FALSE(includes.empty());
@@ -162,11 +165,42 @@ TEST(Layering, TheReaderSharesNoCodeWithTheLibrary) {
 }
 
 TEST(Layering, TheProgramUsesTheExportedFunctionAndTheReaderAlone) {
-    for (const Include& include : includesUnder("host")) {
+    for (const Include& include : includesUnder("program")) {
         const std::string target = include.target();
         const bool allowed =
-            target == "include/plyconvert.h" || folderOf(target) == "host" || folderOf(target) == "reader";
+            target == "include/plyconvert.h" || folderOf(target) == "program" || folderOf(target) == "reader";
         EXPECT_TRUE(allowed || (!include.quoted && target.empty()))
+            << include.from << " includes " << include.name;
+    }
+}
+
+// The folder of a file of the program; main.cpp stands above all.
+std::string programFolderOf(const std::string& path) {
+    const std::string inside = path.substr(std::string("program/").size());
+    return inside.find('/') == std::string::npos ? "main" : folderOf(inside);
+}
+
+TEST(Layering, FoldersOfTheProgramIncludeOnlyThoseBelowThem) {
+    const Names work = {"scene", "terminal", "system"};
+    const Names all = {"commands", "convert", "info", "compare", "scene", "terminal", "system"};
+    const std::map<std::string, Names> below = {
+        {"main", all},
+        {"commands", all},
+        {"convert", work},
+        {"info", work},
+        {"compare", work},
+        {"scene", {"terminal", "system"}},
+        {"terminal", {"system"}},
+        {"system", {}},
+    };
+    for (const Include& include : includesUnder("program")) {
+        if (folderOf(include.target()) != "program") {
+            continue;
+        }
+        const std::string from = programFolderOf(include.from);
+        const std::string to = programFolderOf(include.target());
+        ASSERT_EQ(below.count(from), 1u) << include.from << " stands in no folder of the table";
+        EXPECT_TRUE(from == to || below.at(from).count(to) > 0)
             << include.from << " includes " << include.name;
     }
 }
@@ -181,8 +215,8 @@ TEST(Layering, SuitesOfTheShippedLibraryIncludeNothingOfIt) {
         }
         for (const Include& include : includesUnder(place)) {
             const std::string folder = folderOf(include.target());
-            const bool ownPieces = include.from == "tests/cli/host_test.cpp" && folder == "host";
-            EXPECT_TRUE(ownPieces || (folder != "src" && folder != "host"))
+            const bool ownPieces = include.from == "tests/cli/host_test.cpp" && folder == "program";
+            EXPECT_TRUE(ownPieces || (folder != "src" && folder != "program"))
                 << include.from << " includes " << include.name;
         }
     }

@@ -1,4 +1,4 @@
-#include "bench/scenes.h"
+#include "scenes/scenes.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "src/splatheader_share.h"
+#include "src/blocks_share.h"
 
 #include "tests/support/files.h"
 

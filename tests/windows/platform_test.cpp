@@ -1,7 +1,7 @@
 // What the program asks of the system.
 
-#include "host/child_process.h"
-#include "host/platform.h"
+#include "program/system/child_process.h"
+#include "program/system/platform.h"
 #include "tests/support/files.h"
 
 #include <gmock/gmock.h>
