@@ -1,0 +1,52 @@
+// Where the records of a conversion come from: one narrow interface over every kind of input.
+#pragma once
+
+#include "src/records.h"
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace Tavrin::SplatSource {
+
+// An input that cannot be read as what it claims to be. The message is one line: the file, the place in it,
+// what is wrong and what to do.
+struct SourceError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// An input that was cut, replaced or written to since it was opened, or that the system fails to read. The
+// message is one line.
+struct SourceChanged : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// A scene as a sequence of canonical vertex records (src/records.h): 62 floats with the 45 rest coefficients,
+// 17 without. Opening a source reads headers alone; records are read on demand and not kept.
+struct Source {
+    Source() = default;
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+    virtual ~Source() = default;
+
+    // Records of the input, those that read leaves out among them.
+    std::uint64_t count = 0;
+    // Records have 62 floats, else 17.
+    bool hasCoefficients = false;
+    // What the header states, as the converter's header reader understands it: numbers in single precision.
+    GaussionSplat::Params params;
+    // A comment minx or maxx was seen: params.dataType follows from it where no comment states one.
+    bool boundsSeen = false;
+
+    // Writes the canonical form of the input's records [first, first + size) to `records`, in their order,
+    // and returns how many there are: fewer than `size` only where records are dropped. `records` has room
+    // for `size`; first + size is at most count. The same range gives the same records every time. Safe from
+    // several threads at once. Throws SourceError or SourceChanged.
+    virtual std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const = 0;
+
+    // Throws SourceChanged when a file of the source is no longer the one that was opened: its size, its time
+    // of change or its identity differ.
+    virtual void requireUnchanged() const = 0;
+};
+
+} // namespace Tavrin::SplatSource

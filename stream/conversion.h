@@ -1,0 +1,86 @@
+// The conversion of a scene of any size: two passes over a source, bounded memory, the library's bytes.
+//
+// measure reads the scene once and finds everything that the dataset's texts and sizes depend on; place reads
+// it again and writes every record to its final offset. Neither holds the splats.
+#pragma once
+
+#include "source/source.h"
+#include "src/cells.h"
+#include "src/records.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatStream {
+
+// The conversion cannot be done within the stated memory; `least` bytes would do.
+struct TooLittleMemory : std::runtime_error {
+    TooLittleMemory(const std::string& text, std::uint64_t least) : std::runtime_error(text), least(least) {}
+    std::uint64_t least;
+};
+
+// A file of the dataset cannot be created, written or closed. One line: the file, and what the system said.
+struct WriteError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// What a caller settles. The dataset's bytes depend on none of it.
+struct Settings {
+    unsigned threads = 1;                 // workers, at least 1
+    std::uint64_t maxMemory = UINT64_MAX; // bytes that a pass may allocate
+    std::uint64_t windowRecords = 1024;   // records that a worker reads at a time; tests alone set it
+    // Called now and then, by one thread at a time, with the splats that the pass has done. It may throw to
+    // end the pass; the exception leaves measure or place.
+    std::function<void(std::uint64_t splats)> progress;
+};
+
+// One occupied cell that the dataset lists.
+struct Cell {
+    std::uint32_t key = 0;
+    std::uint64_t splats = 0;
+};
+
+// What one pass over the scene finds.
+struct Measured {
+    std::uint64_t read = 0;   // records of the input
+    std::uint64_t splats = 0; // of those, the ones that were not dropped
+    bool hasCoefficients = false;
+    GaussionSplat::Params params;
+    bool isBoxStated = false;       // by the header; else measured
+    GaussionSplat::Vector3 bboxMin; // of the dataset
+    GaussionSplat::Vector3 bboxMax;
+    GaussionSplat::ChunkGrid grid;
+    GaussionSplat::AttributeBounding bounding; // of decoded values, as the library finds them
+    GaussionSplat::Vector3 positionMin;        // of the finite coordinates, axis by axis
+    GaussionSplat::Vector3 positionMax;
+    std::uint64_t notFinite = 0; // splats with a coordinate that is not finite
+    std::uint64_t outside = 0;   // splats outside the stated box
+    std::vector<Cell> cells;     // in the order of index.bin
+    std::uint64_t leftOut = 0;   // splats in no listed cell
+};
+
+// Reads the source once on settings.threads workers. Throws what the source throws, TooLittleMemory, or
+// std::bad_alloc.
+Measured measure(const SplatSource::Source& source, const Settings& settings);
+
+// Bytes that place will allocate at its peak with these settings; at most settings.maxMemory where that can
+// be kept. Throws TooLittleMemory.
+std::uint64_t placeMemory(const Measured& measured, const Settings& settings);
+
+// Writes data.bin, shcoef.bin and index.bin of a measured scene into `folder`, which exists and is empty but
+// for the log. Throws what the source throws, WriteError, TooLittleMemory, or std::bad_alloc; files that were
+// begun stay for the caller to remove.
+void place(const SplatSource::Source& source, const Measured& measured, const std::filesystem::path& folder,
+           const Settings& settings);
+
+// measure's result to a whole dataset, as plyConvert(inputName, folderName) leaves it: log.txt, the files of
+// place, and the meta document, in the library's order and with its log lines. The names are those that the
+// log gives. Throws as place does.
+void writeDataset(const SplatSource::Source& source, const Measured& measured, const std::string& inputName,
+                  const std::filesystem::path& folder, const Settings& settings);
+
+} // namespace Tavrin::SplatStream
