@@ -1,0 +1,48 @@
+// Counts, sizes and durations as people read them.
+#include "program/terminal/figures.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+TEST(Figures, CountsHaveThousandsSeparators) {
+    EXPECT_EQ(countText(0), "0");
+    EXPECT_EQ(countText(999), "999");
+    EXPECT_EQ(countText(1'000), "1,000");
+    EXPECT_EQ(countText(123'456), "123,456");
+    EXPECT_EQ(countText(UINT64_MAX), "18,446,744,073,709,551,615");
+}
+
+TEST(Figures, CountsNameWhatTheyCount) {
+    EXPECT_EQ(countText(0, "splat", "splats"), "0 splats");
+    EXPECT_EQ(countText(1, "splat", "splats"), "1 splat");
+    EXPECT_EQ(countText(2, "splat", "splats"), "2 splats");
+}
+
+TEST(Figures, BytesAreShownInTheUnitThatFits) {
+    EXPECT_EQ(bytesText(0), "0 bytes");
+    EXPECT_EQ(bytesText(1), "1 byte");
+    EXPECT_EQ(bytesText(1'023), "1,023 bytes");
+    EXPECT_EQ(bytesText(1'024), "1.0 KiB");
+    EXPECT_EQ(bytesText(1'536), "1.5 KiB");
+    EXPECT_EQ(bytesText((1 << 20) - 1), "1.0 MiB"); // not 1024.0 KiB
+    EXPECT_EQ(bytesText(std::uint64_t{5} << 40), "5.0 TiB");
+    EXPECT_EQ(bytesText(UINT64_MAX), "16.0 EiB");
+}
+
+TEST(Figures, DurationsNeverShowSixtySeconds) {
+    EXPECT_EQ(durationText(0.0), "0.0 s");
+    EXPECT_EQ(durationText(9.94), "9.9 s");
+    EXPECT_EQ(durationText(9.96), "10 s");
+    EXPECT_EQ(durationText(59.4), "59 s");
+    EXPECT_EQ(durationText(59.6), "1:00 min");
+    EXPECT_EQ(durationText(185), "3:05 min");
+    EXPECT_EQ(durationText(3599.7), "1:00 h");
+    EXPECT_EQ(durationText(8100), "2:15 h");
+}
+
+} // namespace
+} // namespace Tavrin::SplatProgram
