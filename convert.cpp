@@ -4,6 +4,7 @@
 
 #include "src/chunker.h"
 #include "src/indexer.h"
+#include "src/large_pages.h"
 #include "src/platform.h"
 #include "src/records.h"
 #include "src/runlog.h"

@@ -7,6 +7,8 @@ add_library(plyconvert_core STATIC
     src/records.cpp
     src/runlog.cpp
     src/platform.cpp
+    src/large_pages.cpp
+    src/kernels.cpp
     src/splatheader.cpp
     src/splatheader_numbers.cpp
     src/blocks.cpp

@@ -3,6 +3,7 @@
 #include "src/blocks.h"
 #include "src/chunker_decode.h"
 #include "src/chunker_pass.h"
+#include "src/large_pages.h"
 #include "src/platform.h"
 #include "src/runlog.h"
 #include "src/taskpool.h"

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "src/cells.h"
-#include "src/platform.h"
+#include "src/large_pages.h"
 #include "src/records.h"
 #include "src/splatheader.h"
 

@@ -4,7 +4,7 @@
 // columns.
 #pragma once
 
-#include "src/platform.h"
+#include "src/kernels.h"
 #include "src/records.h"
 
 #include <array>
@@ -58,7 +58,7 @@ void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges);
 // Decode count records in place, each as decodeRecord does, and widen ranges by them. The bounds are those of
 // decodeRecord but for the sign of a zero, which settleZeroBounds puts right once the whole block is there.
 void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
-                   Kernels kernels = chosenKernels());
+                   Kernels kernels = chosenKernels);
 
 // Widen ranges by those of other records of the same block.
 void joinRanges(BlockRanges& ranges, const BlockRanges& other);

@@ -4,7 +4,7 @@
 #include "src/blocks_share.h"
 #include "src/chunker.h"
 #include "src/chunker_decode.h"
-#include "src/platform.h"
+#include "src/large_pages.h"
 
 #include <cstdint>
 #include <memory>

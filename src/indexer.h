@@ -4,6 +4,7 @@
 #include "src/cells.h"
 #include "src/chunker.h"
 #include "src/indexer_records.h"
+#include "src/large_pages.h"
 #include "src/records.h"
 #include "src/splatheader.h"
 

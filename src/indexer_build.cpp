@@ -2,6 +2,7 @@
 #include "src/indexer.h"
 #include "src/indexer_cells.h"
 #include "src/indexer_quantise.h"
+#include "src/kernels.h"
 
 #include <algorithm>
 #include <limits>

@@ -3,6 +3,7 @@
 
 #include "src/cells.h"
 #include "src/indexer_records.h"
+#include "src/large_pages.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,7 @@
 #include "src/indexer_files.h"
 
 #include "src/indexer.h"
+#include "src/kernels.h"
 #include "src/platform.h"
 #include "src/runlog.h"
 

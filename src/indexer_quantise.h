@@ -2,7 +2,7 @@
 #pragma once
 
 #include "src/indexer_records.h"
-#include "src/platform.h"
+#include "src/kernels.h"
 #include "src/records.h"
 
 #include <cstdint>
@@ -33,7 +33,7 @@ void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsD
 // the same integers, and the few splats where it might not go through quantiseSplat. One for each scene;
 // immutable.
 struct FastQuantiser {
-    explicit FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels = chosenKernels());
+    explicit FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels = chosenKernels);
 
     void quantise(const float* splat, SplatsData& record) const;
 

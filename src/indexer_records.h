@@ -1,7 +1,7 @@
 // The output record of one splat, the memory that holds all of them, and the levels they are grouped into.
 #pragma once
 
-#include "src/platform.h"
+#include "src/large_pages.h"
 
 #include <algorithm>
 #include <cstddef>

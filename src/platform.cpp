@@ -8,27 +8,12 @@
 
 #if defined(_WIN32)
 #include <clocale>
-#include <malloc.h>
 #include <windows.h>
 #include <xmmintrin.h>
 #else
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
-#endif
-
-// The address sanitizer sees overruns of blocks from the heap alone, so under it every block comes from
-// there.
-#if defined(__linux__) && defined(MREMAP_DONTUNMAP) && !defined(__SANITIZE_ADDRESS__)
-#define PLYCONVERT_LARGE_PAGES 1
-#endif
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#undef PLYCONVERT_LARGE_PAGES
-#endif
 #endif
 
 namespace Tavrin::GaussionSplat {
@@ -88,47 +73,6 @@ DefaultFloatEnvironment::~DefaultFloatEnvironment() {
 #if defined(_WIN32)
     _mm_setcsr(vectorControl);
 #endif
-}
-
-const char* AllocationError::what() const noexcept {
-    return "bad allocation";
-}
-
-const char* nameOf(Kernels kernels) {
-    return kernels == Kernels::avx2 ? "avx2" : "baseline";
-}
-
-std::vector<Kernels> supportedKernels() {
-    std::vector<Kernels> supported;
-#if PLYCONVERT_AVX2
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2") != 0) {
-        supported.push_back(Kernels::avx2);
-    }
-#endif
-    supported.push_back(Kernels::baseline);
-    return supported;
-}
-
-namespace {
-
-Kernels chooseKernels() {
-    const std::vector<Kernels> supported = supportedKernels();
-    const char* const wanted = std::getenv("PLYCONVERT_KERNELS");
-    for (const Kernels kernels : supported) {
-        if (wanted != nullptr && std::string_view(wanted) == nameOf(kernels)) {
-            return kernels;
-        }
-    }
-    return supported.front();
-}
-
-const Kernels chosen = chooseKernels();
-
-} // namespace
-
-Kernels chosenKernels() {
-    return chosen;
 }
 
 void endProcess(int status) {
@@ -207,25 +151,6 @@ std::string lastPathComponent(const std::string& path) {
     return narrow(lastComponent<wchar_t>(widen(path)));
 }
 
-namespace {
-
-void* allocateAligned(std::uint64_t bytes) {
-    if (bytes > PTRDIFF_MAX - 2 * cacheLine) { // the runtime adds room for the alignment without a check
-        throw AllocationError();
-    }
-    void* const block = _aligned_malloc(std::max<std::uint64_t>(bytes, 1), cacheLine);
-    if (block == nullptr) {
-        throw AllocationError();
-    }
-    return block;
-}
-
-void freeAligned(void* block) noexcept {
-    _aligned_free(block);
-}
-
-} // namespace
-
 #else
 
 StandardStreams::StandardStreams() {
@@ -256,133 +181,6 @@ std::filesystem::path nativePath(const std::string& path) {
 
 std::string lastPathComponent(const std::string& path) {
     return lastComponent<char>(path);
-}
-
-namespace {
-
-void* allocateAligned(std::uint64_t bytes) {
-    if (bytes > PTRDIFF_MAX - cacheLine) {
-        throw AllocationError();
-    }
-    const std::uint64_t size = (std::max<std::uint64_t>(bytes, 1) + cacheLine - 1) / cacheLine * cacheLine;
-    void* const block = std::aligned_alloc(cacheLine, size);
-    if (block == nullptr) {
-        throw AllocationError();
-    }
-    return block;
-}
-
-void freeAligned(void* block) noexcept {
-    std::free(block);
-}
-
-} // namespace
-
-#endif
-
-#if defined(PLYCONVERT_LARGE_PAGES)
-
-namespace {
-
-std::uint64_t roundUp(std::uint64_t bytes) {
-    return (bytes + largePage - 1) / largePage * largePage;
-}
-
-} // namespace
-
-void* allocateLarge(std::uint64_t bytes) {
-    if (bytes < largePage) {
-        return allocateAligned(bytes);
-    }
-    if (bytes > PTRDIFF_MAX - 2 * largePage) {
-        throw AllocationError();
-    }
-    // One page more than asked for, of which the parts before and behind the aligned block are given back.
-    const std::uint64_t size = roundUp(bytes);
-    void* const mapping =
-        mmap(nullptr, size + largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapping == MAP_FAILED) {
-        throw AllocationError();
-    }
-    auto* const start = static_cast<std::byte*>(mapping);
-    const std::uint64_t before =
-        roundUp(reinterpret_cast<std::uintptr_t>(start)) - reinterpret_cast<std::uintptr_t>(start);
-    if (before > 0) {
-        (void)munmap(start, before);
-    }
-    (void)munmap(start + before + size, largePage - before);
-    (void)madvise(start + before, size,
-                  MADV_HUGEPAGE); // where it is refused the block stays on ordinary pages
-    return start + before;
-}
-
-void freeLarge(void* block, std::uint64_t bytes) noexcept {
-    if (block == nullptr || bytes < largePage) {
-        freeAligned(block);
-    } else {
-        (void)munmap(block, roundUp(bytes));
-    }
-}
-
-bool moveLargePage(void* from, void* to) {
-    // The source stays mapped, so that no other thread's mapping can come to lie in the block before it is
-    // freed.
-    if (mremap(from, largePage, largePage, MREMAP_MAYMOVE | MREMAP_FIXED | MREMAP_DONTUNMAP, to) !=
-        MAP_FAILED) {
-        return true;
-    }
-    // A failure may or may not have unmapped the target. Mapping it again succeeds only where it is gone.
-    void* const again =
-        mmap(to, largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    if (again == MAP_FAILED && errno != EEXIST) {
-        throw AllocationError();
-    }
-    return false;
-}
-
-void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept {
-    (void)madvise(part, roundUp(bytes), MADV_NOHUGEPAGE);
-}
-
-void releaseLargePage(void* page) noexcept {
-    (void)madvise(page, largePage, MADV_DONTNEED);
-}
-
-// Kernels before 5.7 refuse, and some sandboxes, whatever the headers promise: tried once, with a page that
-// nobody touched.
-bool largePagesMove() noexcept {
-    static const bool doThey = [] {
-        try {
-            const LargeArray<std::byte> from = makeLargeArray<std::byte>(largePage);
-            const LargeArray<std::byte> to = makeLargeArray<std::byte>(largePage);
-            return moveLargePage(from.get(), to.get());
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
-    }();
-    return doThey;
-}
-
-#else
-
-void* allocateLarge(std::uint64_t bytes) {
-    return allocateAligned(bytes);
-}
-
-void freeLarge(void* block, std::uint64_t) noexcept {
-    freeAligned(block);
-}
-
-void useOrdinaryPages(void*, std::uint64_t) noexcept {}
-
-void releaseLargePage(void*) noexcept {}
-
-bool largePagesMove() noexcept {
-    return false;
-}
-
-bool moveLargePage(void*, void*) {
-    return false;
 }
 
 #endif

@@ -2,6 +2,7 @@
 
 #include "src/blocks.h"
 #include "src/lanes.h"
+#include "src/large_pages.h"
 #include "src/platform.h"
 #include "src/taskpool.h"
 

@@ -27,6 +27,17 @@ TEST_F(Symbols, PlyConvertIsTheOnlyOneThatIsExported) {
 #endif
 }
 
+// The environment is the host's: nothing in it changes what a conversion does.
+TEST_F(Symbols, NoEnvironmentVariableIsRead) {
+    EXPECT_EQ(support::readFile(PLYCONVERT_LIBRARY).find("PLYCONVERT_KERNELS"), std::string::npos);
+#if !defined(_WIN32) // nm -D reads ELF files
+    const support::ProcessResult nm =
+        support::runProcess({{"nm", "-D", "--undefined-only", PLYCONVERT_LIBRARY}, {}, scratch.folder()});
+    ASSERT_TRUE(nm.exited && nm.status == 0) << nm.errors;
+    EXPECT_THAT(nm.output, testing::Not(testing::HasSubstr(" getenv")));
+#endif
+}
+
 #if defined(PLYCONVERT_HARDENED)
 
 // What the tool says of a file: its words, parted by single blanks, line by line.

@@ -5,6 +5,8 @@
 #include "tests/support/sha256.h"
 
 #include <algorithm>
+#include <ostream>
+#include <sstream>
 #include <stdexcept>
 
 namespace golden {
@@ -82,16 +84,26 @@ const Scene& goldenScene(const std::string& name) {
     return *found;
 }
 
-std::map<std::string, std::string> hashesOf(const Scene& scene, const fs::path& scratch) {
+std::vector<Scene> scenesOfSize(bool large) {
+    std::vector<Scene> list;
+    for (const Scene& scene : goldenScenes()) {
+        if (scene.large == large) {
+            list.push_back(scene);
+        }
+    }
+    return list;
+}
+
+void PrintTo(const Scene& scene, std::ostream* stream) {
+    *stream << scene.name;
+}
+
+Hashes hashesOf(const Scene& scene, const fs::path& scratch, const Converter& convert) {
     const fs::path input = scratch / "scene.ply";
     const fs::path output = scratch / "out";
     scenes::writeScene(input, scene.options);
-    const support::HostReport report = support::convertOnce(scratch, input, output);
-    if (report.calls.size() != 1 || report.calls.front().result != 0) {
-        throw std::runtime_error("the conversion of " + scene.name + " did not come to its end: " +
-                                 report.childFailure + report.process.output + report.process.errors);
-    }
-    std::map<std::string, std::string> hashes{{"scene.ply", support::sha256OfFile(input)}};
+    convert(input, output);
+    Hashes hashes{{"scene.ply", support::sha256OfFile(input)}};
     for (const std::string& name : support::filesUnder(output)) {
         if (name == metaFile) {
             const std::string meta = support::withPlainLineEnds(support::readFile(output / name));
@@ -105,7 +117,29 @@ std::map<std::string, std::string> hashesOf(const Scene& scene, const fs::path& 
     return hashes;
 }
 
-std::string linesOf(const Scene& scene, const std::map<std::string, std::string>& hashes) {
+Hashes hashesOf(const Scene& scene, const fs::path& scratch) {
+    return hashesOf(scene, scratch, [&](const fs::path& input, const fs::path& output) {
+        const support::HostReport report = support::convertOnce(scratch, input, output);
+        if (report.calls.size() != 1 || report.calls.front().result != 0) {
+            throw std::runtime_error("the conversion of " + scene.name + " did not come to its end: " +
+                                     report.childFailure + report.process.output + report.process.errors);
+        }
+    });
+}
+
+std::map<std::string, Hashes> expectedHashes() {
+    std::istringstream lines(support::withPlainLineEnds(support::readFile(PLYCONVERT_GOLDEN_HASHES)));
+    std::map<std::string, Hashes> expected;
+    std::string hash;
+    std::string path;
+    while (lines >> hash >> path) {
+        const std::size_t slash = path.find('/');
+        expected[path.substr(0, slash)][path.substr(slash + 1)] = hash;
+    }
+    return expected;
+}
+
+std::string linesOf(const Scene& scene, const Hashes& hashes) {
     std::string lines;
     for (const auto& [file, hash] : hashes) {
         lines += hash + "  " + scene.name + "/" + file + "\n";

@@ -4,6 +4,8 @@
 #include "scenes/scenes.h"
 
 #include <filesystem>
+#include <functional>
+#include <iosfwd>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,14 +19,30 @@ struct Scene {
 };
 
 const std::vector<Scene>& goldenScenes();
+std::vector<Scene> scenesOfSize(bool large);
 const Scene& goldenScene(const std::string& name);
 
-// SHA-256 by file: the scene itself ("scene.ply"), data.bin, shcoef.bin, index.bin and the meta document, the
-// last with question marks for the digits of its guid and with LF line ends. Converts in `scratch`, whose
-// files are removed again. Throws std::runtime_error when the conversion does not come to its end.
-std::map<std::string, std::string> hashesOf(const Scene& scene, const std::filesystem::path& scratch);
+// The name of a scene is its name in the names of tests.
+void PrintTo(const Scene& scene, std::ostream* stream);
+
+using Hashes = std::map<std::string, std::string>; // SHA-256 by file
+
+// Converts a scene's file; throws std::runtime_error when the conversion does not come to its end.
+using Converter =
+    std::function<void(const std::filesystem::path& input, const std::filesystem::path& output)>;
+
+// The hashes of a scene ("scene.ply"), data.bin, shcoef.bin, index.bin and the meta document, the last with
+// question marks for the digits of its guid and with LF line ends. Converts in `scratch`, whose files are
+// removed again.
+Hashes hashesOf(const Scene& scene, const std::filesystem::path& scratch, const Converter& convert);
+
+// The same by the shipped library in a process of its own.
+Hashes hashesOf(const Scene& scene, const std::filesystem::path& scratch);
+
+// What hashes.txt says, by scene.
+std::map<std::string, Hashes> expectedHashes();
 
 // The lines of hashes.txt for a scene: HASH, two blanks, SCENE/FILE, as sha256sum prints them.
-std::string linesOf(const Scene& scene, const std::map<std::string, std::string>& hashes);
+std::string linesOf(const Scene& scene, const Hashes& hashes);
 
 } // namespace golden

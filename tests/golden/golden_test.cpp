@@ -11,28 +11,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <set>
 
 namespace golden {
 
-void PrintTo(const Scene& scene, std::ostream* stream) {
-    *stream << scene.name;
-}
-
 namespace {
-
-// By scene, then by file.
-std::map<std::string, std::map<std::string, std::string>> expectedHashes() {
-    std::istringstream lines(support::withPlainLineEnds(support::readFile(PLYCONVERT_GOLDEN_HASHES)));
-    std::map<std::string, std::map<std::string, std::string>> expected;
-    std::string hash;
-    std::string path;
-    while (lines >> hash >> path) {
-        const std::size_t slash = path.find('/');
-        expected[path.substr(0, slash)][path.substr(slash + 1)] = hash;
-    }
-    return expected;
-}
 
 class Golden : public testing::TestWithParam<Scene> {};
 
@@ -44,16 +27,6 @@ TEST_P(Golden, BytesAreTheExpectedOnes) {
     ASSERT_EQ(hashes.at("scene.ply"), expected.at("scene.ply"))
         << "the scene itself is another one, so its dataset says nothing";
     EXPECT_EQ(hashes, expected) << "the lines that hashes.txt would hold:\n" << linesOf(scene, hashes);
-}
-
-std::vector<Scene> scenesOfSize(bool large) {
-    std::vector<Scene> list;
-    for (const Scene& scene : goldenScenes()) {
-        if (scene.large == large) {
-            list.push_back(scene);
-        }
-    }
-    return list;
 }
 
 std::string nameOf(const testing::TestParamInfo<Scene>& scene) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -18,14 +17,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The test's name, with what a file name cannot hold replaced, and that of the kernels it was told to take:
-// the same test may be running with others.
+// The test's name, with what a file name cannot hold replaced.
 std::string nameOfRunningTest() {
     const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
     std::string name = test == nullptr ? "none" : std::string(test->test_suite_name()) + "." + test->name();
     std::replace(name.begin(), name.end(), '/', '.');
-    const char* const kernels = std::getenv("PLYCONVERT_KERNELS");
-    return kernels == nullptr ? name : name + "." + kernels;
+    return name;
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "src/chunker.h"
 
 #include "src/chunker_pass.h"
-#include "src/platform.h"
+#include "src/large_pages.h"
 #include "src/runlog.h"
 
 #include "tests/support/deathtest.h"

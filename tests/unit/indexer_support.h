@@ -3,7 +3,7 @@
 
 #include "src/chunker.h"
 #include "src/chunker_decode.h"
-#include "src/platform.h"
+#include "src/large_pages.h"
 #include "src/records.h"
 
 #include "tests/support/floats.h"

@@ -1,7 +1,6 @@
 // Files beyond 4 GiB: sizes and positions have 64 bits on every system. The file is sparse; it takes no room.
 
 #include "src/blocks.h"
-#include "src/platform.h"
 #include "src/records.h"
 #include "src/splatheader.h"
 

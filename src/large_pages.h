@@ -1,0 +1,60 @@
+// Memory for large blocks, on huge pages that can be moved from one block to another where the system offers
+// that.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+
+namespace Tavrin::GaussionSplat {
+
+// The allocation error with the library's own text, the same on every C++ runtime.
+struct AllocationError : std::bad_alloc {
+    const char* what() const noexcept override;
+};
+
+// The unit in which memory of large blocks can be handed on, and the alignment of a block of at least that
+// size.
+inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
+
+// Uninitialised memory for large blocks, aligned to 64 bytes or better and on huge pages where the system
+// offers them by advice: clearing 4 KiB pages one fault at a time costs as much as decoding. Throws
+// AllocationError. The caller frees it with freeLarge, giving the same size; a null pointer is allowed there.
+void* allocateLarge(std::uint64_t bytes);
+void freeLarge(void* block, std::uint64_t bytes) noexcept;
+
+// Put the memory of one large page in the place of another, untouched one, each a whole largePage of a block
+// of at least that size and aligned to it. What stood at from then stands at to, and from reads as zeros.
+// False, and nothing moved, where the system does not offer that. Throws AllocationError when the system
+// fails half-way and the place cannot be had again.
+bool moveLargePage(void* from, void* to);
+
+// Whether moveLargePage succeeds here, as far as the system tells beforehand.
+bool largePagesMove() noexcept;
+
+// Have an untouched part of a large block, from a whole large page on to its end, on ordinary pages, which
+// the system clears one by one as they are touched, whatever it was advised to before.
+void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept;
+
+// Give the memory of a whole large page of a large block back to the system, which may take it or not; nobody
+// reads it any more.
+void releaseLargePage(void* page) noexcept;
+
+struct FreeLarge {
+    std::uint64_t bytes = 0;
+    void operator()(void* block) const noexcept { freeLarge(block, bytes); }
+};
+template <typename Element>
+using LargeArray = std::unique_ptr<Element[], FreeLarge>;
+
+template <typename Element>
+LargeArray<Element> makeLargeArray(std::uint64_t count) {
+    if (count > SIZE_MAX / sizeof(Element)) {
+        throw AllocationError();
+    }
+    const std::uint64_t bytes = count * sizeof(Element);
+    return LargeArray<Element>(static_cast<Element*>(allocateLarge(bytes)), FreeLarge{bytes});
+}
+
+} // namespace Tavrin::GaussionSplat
