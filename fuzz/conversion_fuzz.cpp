@@ -14,7 +14,7 @@
 #include "src/blocks.h"
 #include "src/indexer.h"
 #include "src/runlog.h"
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 #include "tests/support/dataset_writer.h"
 
 #include <cmath>

@@ -5,7 +5,7 @@
 #include "fuzz/target.h"
 #include "src/blocks.h"
 #include "src/splatheader.h"
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 #include "tests/support/dataset_writer.h"
 
 #include <array>
@@ -77,8 +77,8 @@ void compare(const Reading& reading, const std::string& file) {
     requireSameVector(header.bboxMax, box.max, "the upper corner");
     if (header.vertexCount >= 0) { // below, the count is a very large one to the grid
         const reference::Grid grid = reference::gridOf(expected, box);
-        requireSameBits(reading.grid.cellSizeX, grid.cellX, "cellSizeX");
-        requireSameBits(reading.grid.cellSizeY, grid.cellY, "cellSizeY");
+        requireSameBits(reading.grid.cellSizeX, grid.cellSizeX, "cellSizeX");
+        requireSameBits(reading.grid.cellSizeY, grid.cellSizeY, "cellSizeY");
         requireSameBits(reading.grid.originX, grid.originX, "originX");
         requireSameBits(reading.grid.originY, grid.originY, "originY");
         fuzz::require(reading.grid.cellCountX == 0 && reading.grid.cellCountY == 0, "the counts are kept");

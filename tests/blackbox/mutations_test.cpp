@@ -3,7 +3,7 @@
 // is made is the one that the format's rules give.
 
 #include "tests/blackbox/blackbox.h"
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 #include "tests/support/sha256.h"
 
 #if !defined(_WIN32)

@@ -4,7 +4,7 @@
 // a change, and when nothing but it shows in the comparison, golden_print makes the new file.
 
 #include "tests/golden/golden_scenes.h"
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 #include "tests/support/files.h"
 #include "tests/support/sha256.h"
 
@@ -33,7 +33,7 @@ std::string nameOf(const testing::TestParamInfo<Scene>& scene) {
     return scene.param.name;
 }
 
-// The same hashes come from the converter in reference.h: they are the format's, not only this library's.
+// The same hashes come from the reference converter: they are the format's, not only this library's.
 TEST_P(Golden, BytesAreThoseOfTheReference) {
     const Scene& scene = GetParam();
     const support::Scratch scratch;

@@ -1,6 +1,6 @@
-// The library's bytes against those of the converter in reference.h.
+// The library's bytes against those of the reference converter.
 
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 #include "tests/support/conversion.h"
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"

@@ -1,9 +1,10 @@
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 
-#include <cmath>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <vector>
 
 namespace reference {
 
@@ -16,24 +17,13 @@ void append(std::string& bytes, Value value) {
     bytes.append(raw, sizeof value);
 }
 
-// The low 32 bits of a float's floor; 0 for what no 64-bit integer holds.
-std::uint32_t floorBits(float value) {
-    const float floor = std::floor(value);
-    if (std::isfinite(floor) && std::fabs(floor) < 0x1p63f) {
-        return static_cast<std::uint32_t>(static_cast<std::int64_t>(floor));
-    }
-    return 0;
-}
-
-std::uint32_t keyOf(const Splat& splat, const Grid& grid) {
-    const float column = (splat.position[0] - grid.originX) / grid.cellX;
-    const float row = (splat.position[1] - grid.originY) / grid.cellY;
-    return floorBits(column) | floorBits(row) << 16;
+std::size_t floatsOf(const Header& header) {
+    return header.coefficients ? 62 : 17;
 }
 
 // The keys in the order of the files: columns outside, rows inside, occupied cells alone.
-std::vector<std::uint32_t> keysInOrder(const Grid& grid,
-                                       const std::map<std::uint32_t, std::vector<std::size_t>>& cells) {
+template <typename Cells>
+std::vector<std::uint32_t> keysInOrder(const Grid& grid, const Cells& cells) {
     std::vector<std::uint32_t> keys;
     for (std::int32_t column = 0; column < grid.columns; ++column) {
         for (std::int32_t row = 0; row < grid.rows; ++row) {
@@ -71,8 +61,9 @@ std::string entry(const char* name, const std::string& min, const std::string& m
            ", \n\t\t\t\"max\": " + max + "\n\t\t}" + end + "\n";
 }
 
-std::string entry(const char* name, const Range& range, const char* end = ",") {
-    return entry(name, triple(range.min), triple(range.max), end);
+std::string entry(const char* name, const Bounds (&range)[3], const char* end = ",") {
+    return entry(name, triple({range[0].min, range[1].min, range[2].min}),
+                 triple({range[0].max, range[1].max, range[2].max}), end);
 }
 
 std::string attributes(const Box& box, const Ranges& ranges) {
@@ -80,12 +71,10 @@ std::string attributes(const Box& box, const Ranges& ranges) {
     return "[\n" + entry("position", timesTen(box.min), timesTen(box.max), ",") +
            entry("normal", ranges.normal) + entry("color", ranges.colour) +
            entry("shcoef", ranges.coefficients) +
-           entry("opacity", list({ranges.opacity.min[0]}), list({ranges.opacity.max[0]}), ",") +
+           entry("opacity", list({ranges.opacity.min}), list({ranges.opacity.max}), ",") +
            entry("scale", ranges.scale) + entry("envnormal", ranges.normal) +
            entry("envshcoef", ranges.coefficients) + entry("envscale", ranges.scale, "") + "\t]";
 }
-
-} // namespace
 
 std::string metaText(const Header& header, const Box& box, const Grid& grid, const Ranges& ranges) {
     std::string text = "{\n\t\"version\": \"4.0\",\n\t\"guid\": \"" + std::string(32, '?') +
@@ -94,8 +83,8 @@ std::string metaText(const Header& header, const Box& box, const Grid& grid, con
     text += "\t\"source\": \"" + header.dataType + "\",\n";
     text += "\t\"dataType\": \"" + header.source + "\",\n";
     text += "\t\"totalSplats\": " + std::to_string(header.count) + ",\n\t\"totalLevel\": 1,\n";
-    text += "\t\"cellLengthX\": " + number(grid.cellX) + ",\n";
-    text += "\t\"cellLengthY\": " + number(grid.cellY) + ",\n\t\"indexDataSize\": 20,\n";
+    text += "\t\"cellLengthX\": " + number(grid.cellSizeX) + ",\n";
+    text += "\t\"cellLengthY\": " + number(grid.cellSizeY) + ",\n\t\"indexDataSize\": 20,\n";
     text += "\t\"offset\": " + triple(header.offset) + ",\n";
     text += "\t\"epsg\": " + std::to_string(header.epsg) + ",\n";
     text += "\t\"shift\": " + triple(header.shift) + ",\n";
@@ -108,33 +97,51 @@ std::string metaText(const Header& header, const Box& box, const Grid& grid, con
     return text + "\t\"attributes\": " + attributes(box, ranges) + "\n}\n";
 }
 
+// The records behind the header, one after the other; what lies behind the end of the file is zeros.
+std::vector<float> recordsOf(const Header& header, std::string_view file) {
+    const std::size_t count = header.count > 0 ? static_cast<std::size_t>(header.count) : 0;
+    std::vector<float> records(count * floatsOf(header));
+    if (header.end < file.size() && !records.empty()) {
+        std::memcpy(records.data(), file.data() + header.end,
+                    std::min(records.size() * sizeof(float), file.size() - header.end));
+    }
+    return records;
+}
+
+} // namespace
+
 Dataset convert(std::string_view file, std::int64_t countAs) {
     Header header = readHeader(file);
     const Box box = boxOf(header, file);
-    Ranges ranges;
-    const std::vector<Splat> splats = decode(header, file, ranges);
+    std::vector<float> records = recordsOf(header, file);
+    Ranges ranges = decodeBlock(records, header.coefficients);
+    if (!header.coefficients) {
+        std::fill_n(ranges.coefficients, 3, Bounds{0.0, 1.0});
+    }
     header.count = countAs > 0 ? countAs : header.count;
     const Grid grid = gridOf(header, box);
 
     const bool oneCell = header.count <= 1'000'000;
-    std::map<std::uint32_t, std::vector<std::size_t>> cells; // numbers of splats by key
-    for (std::size_t i = 0; i < splats.size(); ++i) {
-        cells[oneCell ? 0 : keyOf(splats[i], grid)].push_back(i);
+    std::map<std::uint32_t, std::vector<const float*>> cells; // decoded records by key
+    for (std::size_t at = 0; at < records.size(); at += floatsOf(header)) {
+        const float* const record = records.data() + at;
+        cells[oneCell ? 0 : cellKey(record[0], record[1], grid)].push_back(record);
     }
     const std::vector<std::uint32_t> keys =
         oneCell ? std::vector<std::uint32_t>{0} : keysInOrder(grid, cells);
 
     Dataset dataset;
     for (const std::uint32_t key : keys) {
-        const std::vector<std::size_t>& members = cells[key];
+        const std::vector<const float*>& members = cells[key];
         append(dataset.index, key);
         append(dataset.index, static_cast<std::uint32_t>(members.size()));
         append(dataset.index, static_cast<std::uint64_t>(dataset.data.size()));
         append(dataset.index, static_cast<std::uint32_t>(members.size() * 32));
-        for (const std::size_t i : members) {
-            dataset.data += dataRecord(splats[i], ranges);
+        for (const float* const record : members) {
+            const Quantised quantised = quantise(record, header.coefficients, ranges);
+            dataset.data.append(quantised.data.begin(), quantised.data.end());
             if (header.coefficients) {
-                dataset.coefficients += coefficientRecord(splats[i], ranges);
+                dataset.coefficients.append(quantised.packed.begin(), quantised.packed.end());
             }
         }
     }

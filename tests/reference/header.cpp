@@ -1,4 +1,4 @@
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -123,8 +123,8 @@ Grid gridOf(const Header& header, const Box& box) {
     grid.originX = static_cast<float>(box.min[0]);
     grid.originY = static_cast<float>(box.min[1]);
     if (header.count < 1'000'000) {
-        grid.cellX = static_cast<float>(extentX);
-        grid.cellY = static_cast<float>(extentY);
+        grid.cellSizeX = static_cast<float>(extentX);
+        grid.cellSizeY = static_cast<float>(extentY);
         return grid;
     }
     double side = header.count > 8'000'000 ? 15.0 : 30.0;
@@ -133,8 +133,8 @@ Grid gridOf(const Header& header, const Box& box) {
     } else if (header.count > 100'000'000) {
         side = 10.0;
     }
-    grid.cellX = static_cast<float>(side);
-    grid.cellY = static_cast<float>(side);
+    grid.cellSizeX = static_cast<float>(side);
+    grid.cellSizeY = static_cast<float>(side);
     grid.columns = static_cast<std::int32_t>((side + extentX) / side);
     grid.rows = static_cast<std::int32_t>((extentY + side) / side);
     return grid;

@@ -1,9 +1,9 @@
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 
 #include <cmath>
 #include <cstring>
 
-namespace support::reference {
+namespace reference {
 
 namespace {
 
@@ -19,10 +19,10 @@ constexpr Offsets narrow{.size = 68, .opacity = 36, .scale = 40, .rotation = 52}
 constexpr std::size_t positionOffset = 0;
 constexpr std::size_t normalOffset = 12;
 constexpr std::size_t colourOffset = 24;
-constexpr std::size_t shcoefOffset = 36;
+constexpr std::size_t coefficientOffset = 36;
 
-const Offsets& offsetsOf(bool hasShcoef) {
-    return hasShcoef ? wide : narrow;
+const Offsets& offsetsOf(bool hasCoefficients) {
+    return hasCoefficients ? wide : narrow;
 }
 
 float get(const float* record, std::size_t offset, std::size_t index = 0) {
@@ -63,15 +63,15 @@ std::uint32_t coefficientWord(float red, float green, float blue, const Bounds (
 
 } // namespace
 
-void Ranges::fold(const float* record, bool hasShcoef) {
-    const Offsets& offsets = offsetsOf(hasShcoef);
+void Ranges::fold(const float* record, bool hasCoefficients) {
+    const Offsets& offsets = offsetsOf(hasCoefficients);
     for (std::size_t axis = 0; axis < 3; ++axis) {
         position[axis].fold(get(record, positionOffset, axis));
         normal[axis].fold(get(record, normalOffset, axis));
         colour[axis].fold(get(record, colourOffset, axis));
         scale[axis].fold(get(record, offsets.scale, axis));
-        for (std::size_t k = 0; hasShcoef && k < 15; ++k) {
-            shcoef[axis].fold(get(record, shcoefOffset, 15 * axis + k));
+        for (std::size_t k = 0; hasCoefficients && k < 15; ++k) {
+            coefficients[axis].fold(get(record, coefficientOffset, 15 * axis + k));
         }
     }
     opacity.fold(get(record, offsets.opacity));
@@ -138,8 +138,8 @@ std::array<float, 4> rotation(float rot0, float rot1, float rot2, float rot3) {
     return packed;
 }
 
-void decode(float* record, bool hasShcoef) {
-    const Offsets& offsets = offsetsOf(hasShcoef);
+void decode(float* record, bool hasCoefficients) {
+    const Offsets& offsets = offsetsOf(hasCoefficients);
     float* const rot = record + offsets.rotation / 4;
     const std::array<float, 4> packed = rotation(rot[0], rot[1], rot[2], rot[3]);
     std::memcpy(rot, packed.data(), sizeof packed);
@@ -153,21 +153,21 @@ void decode(float* record, bool hasShcoef) {
     o = opacity(o);
 }
 
-Ranges decodeBlock(std::vector<float>& records, bool hasShcoef) {
-    const std::size_t stride = offsetsOf(hasShcoef).size / 4;
+Ranges decodeBlock(std::vector<float>& records, bool hasCoefficients) {
+    const std::size_t stride = offsetsOf(hasCoefficients).size / 4;
     const std::size_t count = records.size() / stride;
     for (std::size_t i = 0; i < count; ++i) {
-        decode(records.data() + i * stride, hasShcoef);
+        decode(records.data() + i * stride, hasCoefficients);
     }
     Ranges ranges;
     for (std::size_t k = 0; count > 0 && k <= count; ++k) {
-        ranges.fold(records.data() + (k == 0 ? 0 : k - 1) * stride, hasShcoef);
+        ranges.fold(records.data() + (k == 0 ? 0 : k - 1) * stride, hasCoefficients);
     }
     return ranges;
 }
 
-Quantised quantise(const float* record, bool hasShcoef, const Ranges& ranges) {
-    const Offsets& offsets = offsetsOf(hasShcoef);
+Quantised quantise(const float* record, bool hasCoefficients, const Ranges& ranges) {
+    const Offsets& offsets = offsetsOf(hasCoefficients);
     Quantised result{};
     for (std::size_t axis = 0; axis < 3; ++axis) {
         putFloat(result.data, 4 * axis, record + positionOffset / 4 + axis);
@@ -183,12 +183,12 @@ Quantised quantise(const float* record, bool hasShcoef, const Ranges& ranges) {
         word |= truncated(get(record, offsets.rotation, part) * factor) << (10 * part);
     }
     put(result.data, 22, word);
-    for (std::size_t k = 0; hasShcoef && k < 15; ++k) {
+    for (std::size_t k = 0; hasCoefficients && k < 15; ++k) {
         put(result.packed, 4 * k,
-            coefficientWord(get(record, shcoefOffset, k), get(record, shcoefOffset, 15 + k),
-                            get(record, shcoefOffset, 30 + k), ranges.shcoef));
+            coefficientWord(get(record, coefficientOffset, k), get(record, coefficientOffset, 15 + k),
+                            get(record, coefficientOffset, 30 + k), ranges.coefficients));
         for (std::size_t channel = 0; channel < 3; ++channel) {
-            putFloat(result.raw, 12 * k + 4 * channel, record + shcoefOffset / 4 + 15 * channel + k);
+            putFloat(result.raw, 12 * k + 4 * channel, record + coefficientOffset / 4 + 15 * channel + k);
         }
     }
     return result;
@@ -208,4 +208,4 @@ std::uint32_t cellKey(float x, float y, const Grid& grid) {
     return truncated(column) | truncated(row) << 16;
 }
 
-} // namespace support::reference
+} // namespace reference

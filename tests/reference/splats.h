@@ -1,5 +1,5 @@
-// The conversion of one splat, step by step as its formulas state it: what the library's kernels are held
-// against. Shares no code with them.
+// The conversion of one splat, step by step as its formulas state it. The library's kernels are held against
+// it and share no code with it.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 #include <limits>
 #include <vector>
 
-namespace support::reference {
+namespace reference {
 
 // Bounds of one value; strict comparisons in double precision.
 struct Bounds {
@@ -30,12 +30,12 @@ struct Ranges {
     Bounds position[3];
     Bounds normal[3];
     Bounds colour[3];
-    Bounds shcoef[3]; // red, green, blue
+    Bounds coefficients[3]; // red, green, blue
     Bounds opacity;
     Bounds scale[3];
 
-    // A record of 62 floats or 17.
-    void fold(const float* record, bool hasShcoef);
+    // Takes in a decoded record of 62 floats or 17.
+    void fold(const float* record, bool hasCoefficients);
 };
 
 // The functions of the decoder.
@@ -44,30 +44,33 @@ float colour(float coefficient);
 float opacity(float logit);
 std::array<float, 4> rotation(float rot0, float rot1, float rot2, float rot3);
 
-// Decode a record of 62 floats or 17 in place.
-void decode(float* record, bool hasShcoef);
+// Decodes a record of 62 floats or 17 in place.
+void decode(float* record, bool hasCoefficients);
 
-// Decode a block of records in place; its ranges. The visits run from 0 to the number of records, visit k
-// folding record max(k - 1, 0).
-Ranges decodeBlock(std::vector<float>& records, bool hasShcoef);
+// Decodes a block of records in place and returns its ranges. Visits run from 0 to the number of records;
+// visit k folds record max(k - 1, 0), so the first record counts twice.
+Ranges decodeBlock(std::vector<float>& records, bool hasCoefficients);
 
-// The files' records of one decoded splat.
+// What the files hold of one decoded splat.
 struct Quantised {
     std::array<std::uint8_t, 32> data;
-    std::array<std::uint8_t, 64> packed{}; // zeros without coefficients, like raw
+    std::array<std::uint8_t, 64> packed{}; // zeros without coefficients, as is raw
     std::array<std::uint8_t, 192> raw{};
 };
-Quantised quantise(const float* record, bool hasShcoef, const Ranges& ranges);
+Quantised quantise(const float* record, bool hasCoefficients, const Ranges& ranges);
 
 // The value truncated toward zero, low 32 bits; 0 where 64 bits do not hold it.
 std::uint32_t truncated(double value);
 
+// The ground grid. Columns and rows are what the walk over the cells counts; a key does not depend on them.
 struct Grid {
     float originX = 0.0f;
     float originY = 0.0f;
     float cellSizeX = 1.0f;
     float cellSizeY = 1.0f;
+    std::int32_t columns = 0;
+    std::int32_t rows = 0;
 };
 std::uint32_t cellKey(float x, float y, const Grid& grid);
 
-} // namespace support::reference
+} // namespace reference

@@ -3,7 +3,7 @@
 // it.
 
 #include "reader/verify.h"
-#include "tests/golden/reference.h"
+#include "tests/reference/converter.h"
 #include "tests/support/conversion.h"
 #include "tests/support/files.h"
 

@@ -5,7 +5,7 @@
 #include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/floats.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 #include "tests/support/sanitizers.h"
 #include "tests/unit/indexer_support.h"
 
@@ -31,7 +31,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-namespace reference = support::reference;
 using support::Random;
 
 // Records by cell key, each as its bytes stand in the files, in the order of insertion.

@@ -1,7 +1,7 @@
 #include "src/cells.h"
 
 #include "tests/support/floats.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-namespace reference = support::reference;
 using support::infinity;
 using support::nan;
 using support::Random;

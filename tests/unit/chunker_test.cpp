@@ -9,7 +9,7 @@
 #include "tests/support/files.h"
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 
 #include <gtest/gtest.h>
 
@@ -36,7 +36,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-namespace reference = support::reference;
 using support::PlyFile;
 using support::Random;
 
@@ -133,7 +132,7 @@ void expectBounding(const AttributeBounding& bounding, const reference::Ranges& 
     expectRange(bounding.scale, ranges.scale);
     expectRange(bounding.opacity, {ranges.opacity, {}, {}});
     if (bounding.hasShcoef) {
-        expectRange(bounding.shcoef, ranges.shcoef);
+        expectRange(bounding.shcoef, ranges.coefficients);
     } else {
         constexpr reference::Bounds unit{.min = 0.0, .max = 1.0};
         expectRange(bounding.shcoef, {unit, unit, unit});

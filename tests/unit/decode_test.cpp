@@ -2,7 +2,7 @@
 
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-namespace reference = support::reference;
 using support::describe;
 using support::Random;
 using support::sameFloat;
@@ -243,7 +242,7 @@ void expectRanges(const BlockRanges& ranges, const reference::Ranges& expected, 
         expectRange(ranges.position[axis], expected.position[axis], signOfZero, "position");
         expectRange(ranges.normal[axis], expected.normal[axis], signOfZero, "normal");
         expectRange(ranges.colour[axis], expected.colour[axis], signOfZero, "colour");
-        expectRange(ranges.shcoef[axis], expected.shcoef[axis], signOfZero, "shcoef");
+        expectRange(ranges.shcoef[axis], expected.coefficients[axis], signOfZero, "shcoef");
         expectRange(ranges.scale[axis], expected.scale[axis], signOfZero, "scale");
     }
     expectRange(ranges.opacity, expected.opacity, signOfZero, "opacity");

@@ -8,7 +8,7 @@
 
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 
 #include <cstdint>
 #include <cstring>
@@ -17,18 +17,18 @@
 
 namespace Tavrin::GaussionSplat {
 
-inline void setRange(AttributeRange& range, const support::reference::Bounds (&bounds)[3]) {
+inline void setRange(AttributeRange& range, const reference::Bounds (&bounds)[3]) {
     range.min = {bounds[0].min, bounds[1].min, bounds[2].min};
     range.max = {bounds[0].max, bounds[1].max, bounds[2].max};
 }
 
-inline std::shared_ptr<AttributeBounding> boundingOf(const support::reference::Ranges& ranges,
+inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ranges,
                                                      bool hasShcoef) {
     auto bounding = std::make_shared<AttributeBounding>();
     setRange(bounding->position, ranges.position);
     setRange(bounding->normal, ranges.normal);
     setRange(bounding->color, ranges.colour);
-    setRange(bounding->shcoef, ranges.shcoef);
+    setRange(bounding->shcoef, ranges.coefficients);
     setRange(bounding->scale, ranges.scale);
     bounding->opacity.min.x = ranges.opacity.min;
     bounding->opacity.max.x = ranges.opacity.max;
@@ -58,13 +58,13 @@ inline std::vector<float> decodedScene(support::Random& random, std::size_t coun
         file.add(support::randomSplat(random, 2 * halfSide, 2 * halfSide));
     }
     for (std::size_t i = 0; i < count; ++i) {
-        support::reference::decode(file.records.data() + i * file.recordFloats(), hasShcoef);
+        reference::decode(file.records.data() + i * file.recordFloats(), hasShcoef);
     }
     return file.records;
 }
 
-inline support::reference::Ranges rangesOf(const std::vector<float>& decoded, bool hasShcoef) {
-    support::reference::Ranges ranges;
+inline reference::Ranges rangesOf(const std::vector<float>& decoded, bool hasShcoef) {
+    reference::Ranges ranges;
     const std::size_t recordFloats = recordLayout(hasShcoef).floats;
     for (std::size_t at = 0; at < decoded.size(); at += recordFloats) {
         ranges.fold(decoded.data() + at, hasShcoef);

@@ -4,7 +4,7 @@
 
 #include "tests/support/deathtest.h"
 #include "tests/support/files.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 #include "tests/unit/indexer_support.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +19,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-namespace reference = support::reference;
 using support::Random;
 
 struct IndexerTest : testing::Test {

@@ -1,7 +1,7 @@
 #include "src/indexer_quantise.h"
 
 #include "tests/support/floats.h"
-#include "tests/support/reference.h"
+#include "tests/reference/splats.h"
 #include "tests/unit/indexer_support.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-namespace reference = support::reference;
 using support::infinity;
 using support::nan;
 using support::Random;
@@ -290,7 +289,7 @@ TEST(QuantiseRecords, OfAnyValuesInAnyRangesFollowTheFormulas) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             ranges.normal[axis] = anyBounds(random);
             ranges.scale[axis] = anyBounds(random);
-            ranges.shcoef[axis] = anyBounds(random);
+            ranges.coefficients[axis] = anyBounds(random);
         }
         std::vector<float> splat(hasShcoef ? 62 : 17);
         for (float& value : splat) {
@@ -309,7 +308,7 @@ TEST(QuantiseRecords, OneValueOutOfItsRangeWrapsAlone) {
     reference::Ranges ranges;
     for (std::size_t axis = 0; axis < 3; ++axis) {
         for (reference::Bounds* const bounds :
-             {&ranges.normal[axis], &ranges.scale[axis], &ranges.shcoef[axis]}) {
+             {&ranges.normal[axis], &ranges.scale[axis], &ranges.coefficients[axis]}) {
             *bounds = {.min = 0.0, .max = 1.0};
         }
     }
@@ -378,7 +377,7 @@ TEST(QuantiseRecords, CoefficientStepsFallWhereTheRoundingPutsThem) {
             for (std::uint64_t nudge = support::below(random, 5); nudge > 0; --nudge) {
                 difference = std::nextafter(difference, i % 2 == 0 ? 1e9 : -1e9);
             }
-            ranges.shcoef[channel] = {.min = -difference, .max = extent - difference};
+            ranges.coefficients[channel] = {.min = -difference, .max = extent - difference};
         }
         expectRecord(splat.data(), true, ranges);
     }
@@ -395,7 +394,7 @@ TEST(QuantiseRecords, CoefficientsAroundEveryStepFollowTheFormulas) {
             const float magnitude = std::ldexp(1.0f, static_cast<int>(support::below(random, 40)) - 20);
             const float min = i % 4 == 0 ? 0.0f : random.between(-magnitude, magnitude);
             const float max = min + random.between(0.1f, 2.0f) * magnitude;
-            ranges.shcoef[channel] = {.min = min, .max = max};
+            ranges.coefficients[channel] = {.min = min, .max = max};
             const std::uint64_t steps = channel == 1 ? 1023 : 2047;
             for (std::size_t k = 0; k < 15; ++k) {
                 const double step = static_cast<double>(support::below(random, steps + 1));
