@@ -86,6 +86,12 @@ hashes() {
     done)
 }
 
+# json_lines COMMAND...: runs a command that prints JSON, and breaks the line at the objects of its arrays.
+json_lines() {
+    "$@" | sed -E -e 's/([[,])\{/\1\n{/g' -e 's/\}\]/}\n]/g'
+    return "${PIPESTATUS[0]}"
+}
+
 # small_disk FOLDER SIZE: mounts a file system in memory at the folder, of a size like 8m. It is gone after the run.
 small_disk() {
     mkdir -p "$1"
