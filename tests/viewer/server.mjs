@@ -1,0 +1,58 @@
+// A small web server for the tests: serves the page and datasets as `plyconvert view` does, knows single ranges, keeps a record of
+// what was asked for, and can be told to misbehave.
+import { createReadStream, existsSync, readFileSync, statSync } from "node:fs";
+import { createServer } from "node:http";
+import { basename, join } from "node:path";
+
+// `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone.
+// server.log holds {path, status, first, last} of every GET; server.fault may be a function of (path, response, request)
+// that answers itself and then returns true.
+export async function startServer(page, datasets, { list = true, ranges = true } = {}) {
+    const state = { log: [], fault: undefined };
+    const files = new Map([["/", page]]);
+    datasets.forEach((folder, i) => {
+        for (const name of ["converted_from_ply.ytr", "index.bin", "data.bin", "shcoef.bin"]) {
+            if (existsSync(join(folder, name))) files.set(`/data/${i}/${name}`, join(folder, name));
+        }
+    });
+    const server = createServer((request, response) => {
+        const path = new URL(request.url, "http://localhost").pathname;
+        if (state.fault?.(path, response, request)) return;
+        if (path === "/datasets.json" && list) {
+            response.setHeader("Content-Type", "application/json");
+            response.end(JSON.stringify(datasets.map((folder, i) => ({ name: basename(folder), base: `data/${i}/` }))));
+            return;
+        }
+        const file = files.get(path);
+        if (file === undefined) {
+            response.writeHead(404).end();
+            return;
+        }
+        sendFile(request, response, path, file, ranges, state.log);
+    });
+    await new Promise((resolve) => server.listen(0, "127.0.0.1", resolve));
+    return Object.assign(state, {
+        address: `http://127.0.0.1:${server.address().port}/`,
+        close: () => new Promise((resolve) => (server.closeAllConnections(), server.close(resolve))),
+    });
+}
+
+function sendFile(request, response, path, file, ranges, log) {
+    const { size } = statSync(file);
+    response.setHeader("Content-Type", path === "/" ? "text/html; charset=utf-8" : "application/octet-stream");
+    const asked = ranges ? /^bytes=(\d+)-(\d+)$/.exec(request.headers.range ?? "") : null;
+    const [first, last] = asked ? [Number(asked[1]), Math.min(Number(asked[2]), size - 1)] : [0, size - 1];
+    if (asked && first >= size) {
+        response.writeHead(416, { "Content-Range": `bytes */${size}` }).end();
+        return;
+    }
+    if (asked) response.setHeader("Content-Range", `bytes ${first}-${last}/${size}`);
+    response.writeHead(asked ? 206 : 200, { "Content-Length": last - first + 1 });
+    if (request.method === "HEAD") {
+        response.end();
+        return;
+    }
+    log.push({ path, status: asked ? 206 : 200, first, last });
+    if (size === 0) response.end(readFileSync(file));
+    else createReadStream(file, { start: first, end: last }).pipe(response);
+}

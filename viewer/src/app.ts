@@ -1,0 +1,405 @@
+// The page: elements, what is open, and the loop that draws.
+import { type Pose, framing, poseFrom, poseText, viewOf, type View } from "./camera.ts";
+import { Controls, type Target } from "./controls.ts";
+import { Dataset } from "./dataset.ts";
+import { button, div, element, setFacts, whole } from "./dom.ts";
+import { type Box, datasetFacts, pointedText, splatFacts } from "./facts.ts";
+import { chosen, dropped, sourceFrom } from "./folder.ts";
+import { ViewError, files } from "./format.ts";
+import { GroundMap } from "./map.ts";
+import { isOneCell } from "./meta.ts";
+import type { Look } from "./renderer.ts";
+import { type Figures, Scene } from "./scene.ts";
+import { HttpSource, type Source, isAbort } from "./sources.ts";
+import workerText from "worker:./worker.ts";
+
+interface Listed {
+    name: string;
+    base: string;
+}
+
+const layersWhileMoving = 2; // whose colours follow the eye in one picture
+const planning = 120; // milliseconds between two looks at what is needed
+const skies = { light: [0.62, 0.74, 0.88], dark: [0.07, 0.082, 0.1] } as const;
+
+export class App implements Target {
+    pose: Pose = { target: [0, 0, 0], distance: 10, yaw: 0, pitch: 0.6 };
+    private readonly canvas = element("picture", HTMLCanvasElement);
+    private readonly gl: WebGL2RenderingContext;
+    private readonly controls: Controls;
+    private dataset: Dataset | undefined;
+    private scene: Scene | undefined;
+    private map: GroundMap | undefined;
+    private budget = 1_000_000;
+    private touched = false; // somebody has chosen the view
+    private framed = false; // the view fits the splats that came first
+    private scheduled = false;
+    private planned = 0; // when
+    private moving = 0; // when the camera moved last
+    private linking = 0;
+    private opened = 0; // counts what was opened: an earlier one that comes late is dropped
+    private final = false; // the last picture has the colours of its eye
+    private listed: Listed[] = [];
+    private readonly watchers: (() => void)[] = [];
+
+    constructor() {
+        const gl = this.canvas.getContext("webgl2", { alpha: false, antialias: false, depth: false, powerPreference: "high-performance" });
+        if (gl === null) {
+            throw new ViewError("This browser gives no WebGL2: switch hardware acceleration on in its settings, or use a current Firefox, Chrome, Edge or Safari.");
+        }
+        this.gl = gl;
+        this.controls = new Controls(this.canvas, this);
+        this.connect();
+        this.connectContext();
+        this.connectMap();
+    }
+
+    // Opens what the address asks for, what the server lists, or what lies beside the page; else asks for a folder.
+    async start(): Promise<void> {
+        const asked = new URLSearchParams(location.search).get("data");
+        if (!location.protocol.startsWith("http")) {
+            if (asked !== null) throw new ViewError("A page opened from a file cannot fetch a dataset: drop the folder here, or use plyconvert view.");
+            return this.welcome();
+        }
+        if (asked !== null) return this.openAddress(asked, asked);
+        this.listed = await listFrom("datasets.json");
+        if (this.listed.length === 0) {
+            const beside = await fetch(files.meta, { method: "HEAD" }).catch(() => undefined);
+            return beside?.ok === true ? this.openAddress(".", location.pathname) : this.welcome();
+        }
+        const choice = element("choice", HTMLSelectElement);
+        choice.replaceChildren(...this.listed.map(({ name }, i) => new Option(name, String(i))));
+        div("datasets").hidden = this.listed.length < 2;
+        const first = Math.min(this.listed.length - 1, Math.max(0, Number(linkPart("d")) || 0));
+        choice.value = String(first);
+        await this.openAddress(this.listed[first].base, this.listed[first].name);
+    }
+
+    private welcome(): void {
+        div("welcome").hidden = false;
+        button("welcome-folder").focus();
+    }
+
+    private async openAddress(address: string, name: string): Promise<void> {
+        const url = new URL(address, location.href);
+        if (url.protocol !== "http:" && url.protocol !== "https:") throw new ViewError("?data= takes the address of a folder on a web server.");
+        await this.open(new HttpSource(url, name));
+    }
+
+    private async open(source: Source): Promise<void> {
+        const mine = ++this.opened;
+        this.say("");
+        const dataset = await Dataset.open(source);
+        if (mine !== this.opened) return;
+        div("welcome").hidden = true;
+        div("side").hidden = div("status").hidden = false;
+        div("splat-details").hidden = true;
+        document.title = `${source.name} - plyconvert viewer`;
+        this.dataset = dataset;
+        setFacts(div("facts"), datasetFacts(dataset));
+        this.map = new GroundMap(element("map", HTMLCanvasElement), dataset.cells, (cell) => this.scene?.isHere(cell) ?? false);
+        const linked = poseFrom(linkPart("v"));
+        this.touched = linked !== undefined;
+        this.framed = this.touched;
+        this.pose = linked ?? this.firstPose(undefined);
+        this.build();
+    }
+
+    // Puts the dataset into graphics memory, from nothing.
+    private build(): void {
+        this.scene?.end();
+        this.scene = undefined;
+        if (this.dataset === undefined || this.gl.isContextLost()) return;
+        const url = URL.createObjectURL(new Blob([workerText], { type: "text/javascript" }));
+        const worker = new Worker(url);
+        URL.revokeObjectURL(url);
+        const told = (error: unknown): void => this.fail(error, true);
+        this.scene = new Scene(this.gl, this.dataset, this.budget, worker, () => this.invalidate(), told);
+        this.planned = 0;
+        this.invalidate();
+    }
+
+    // `box` is that of the splats in memory. Cells say better where the ground is, splats how high it is.
+    private firstPose(box: Box | undefined): Pose {
+        const { meta } = this.dataset!;
+        if (isOneCell(meta) && box !== undefined) return framing(box.min, box.max);
+        const { min, max } = this.map!.middle();
+        const low = box?.min[2] ?? (Number.isFinite(meta.box.min[2]) ? meta.box.min[2] : 0);
+        const high = box?.max[2] ?? (Number.isFinite(meta.box.max[2]) ? meta.box.max[2] : 0);
+        const finite = [...min, ...max].every(Number.isFinite);
+        return finite ? framing([...min, low], [...max, high]) : framing([-10, -10, -10], [10, 10, 10]);
+    }
+
+    private async frame(): Promise<void> {
+        const { scene } = this;
+        const box = await scene?.frame();
+        if (scene === undefined || scene !== this.scene) return;
+        this.pose = this.firstPose(box);
+        this.moved(false);
+    }
+
+    moved(byHand = true): void {
+        this.touched ||= byHand;
+        this.moving = performance.now();
+        clearTimeout(this.linking);
+        if (this.touched) this.linking = window.setTimeout(() => this.link(), 300);
+        this.invalidate();
+    }
+
+    private link(): void {
+        const dataset = this.listed.length > 1 ? `d=${element("choice", HTMLSelectElement).value}&` : "";
+        history.replaceState(null, "", `#${dataset}v=${poseText(this.pose)}`);
+    }
+
+    private invalidate(): void {
+        if (this.scheduled) return;
+        this.scheduled = true;
+        requestAnimationFrame((now) => this.tick(now));
+    }
+
+    private tick(now: number): void {
+        this.scheduled = false;
+        const { scene } = this;
+        if (scene === undefined || this.gl.isContextLost()) return;
+        if (!scene.ready()) return this.invalidate();
+        const flying = this.controls.fly(now);
+        const view = this.view();
+        if (now - this.planned >= planning || this.planned === 0) {
+            this.planned = now;
+            scene.update(view);
+        } else if (this.moving > this.planned) {
+            window.setTimeout(() => this.invalidate(), planning);
+        }
+        if (!this.framed && scene.figures.drawn > 0) {
+            this.framed = true;
+            if (!this.touched) void this.frame();
+        }
+        const still = now - this.moving > planning;
+        this.final = scene.draw(view, this.look(), still ? Infinity : layersWhileMoving);
+        this.map?.draw(view, this.pose.target);
+        this.progress(scene.figures);
+        if (flying || !this.final) this.invalidate();
+        if (this.isSettled()) this.watchers.splice(0).forEach((watcher) => watcher());
+    }
+
+    private view(): View {
+        const ratio = Math.min(2, devicePixelRatio);
+        const most = this.gl.getParameter(this.gl.MAX_RENDERBUFFER_SIZE) as number;
+        const side = (css: number): number => Math.max(1, Math.min(most, Math.round(css * ratio)));
+        const [width, height] = [side(this.canvas.clientWidth), side(this.canvas.clientHeight)];
+        if (this.canvas.width !== width || this.canvas.height !== height) {
+            this.canvas.width = width;
+            this.canvas.height = height;
+        }
+        return viewOf(this.pose, width, height);
+    }
+
+    private look(): Look {
+        return { background: skies[isDark() ? "dark" : "light"], pointSize: this.points() ? 2 * Math.min(2, devicePixelRatio) : 0 };
+    }
+
+    private points(): boolean {
+        return element("points", HTMLInputElement).checked;
+    }
+
+    private progress(figures: Figures): void {
+        element("progress", HTMLProgressElement).value = figures.wanted > 0 ? Math.min(1, figures.loaded / figures.wanted) : 0;
+        const all = this.dataset!.count;
+        const rest = figures.wanted < all ? `, ${whole(all)} in all` : "";
+        div("progress-text").textContent = `${whole(Math.min(figures.loaded, figures.wanted))} of ${whole(figures.wanted)} splats${rest}`;
+    }
+
+    // An empty text takes the message away.
+    private say(text: string, retry = false): void {
+        div("message").hidden = text === "";
+        div("message-text").textContent = text;
+        button("retry").hidden = !retry;
+    }
+
+    fail(error: unknown, retry = false): void {
+        if (isAbort(error)) return;
+        const known = error instanceof ViewError;
+        if (!known) console.error(error);
+        this.say(known ? error.message : `The page has an error of its own: ${String(error)}`, retry);
+    }
+
+    private attempt(work: () => Promise<void> | void): void {
+        Promise.resolve()
+            .then(work)
+            .catch((error: unknown) => this.fail(error));
+    }
+
+    private connect(): void {
+        const picker = element("files", HTMLInputElement);
+        for (const id of ["folder", "welcome-folder"]) button(id).onclick = () => picker.click();
+        picker.onchange = () => this.attempt(() => this.open(sourceFrom(chosen(picker.files!))));
+        button("frame").onclick = () => this.attempt(() => this.frameByHand());
+        button("save").onclick = () => this.attempt(() => this.save());
+        button("theme").onclick = () => this.toggleTheme();
+        button("help-open").onclick = () => this.help();
+        button("retry").onclick = () => {
+            this.say("");
+            this.scene?.retry();
+            this.planned = 0;
+        };
+        element("points", HTMLInputElement).onchange = () => this.invalidate();
+        const choice = element("choice", HTMLSelectElement);
+        choice.onchange = () => {
+            history.replaceState(null, "", `#d=${choice.value}`);
+            const { base, name } = this.listed[Number(choice.value)];
+            this.attempt(() => this.openAddress(base, name));
+        };
+        const budget = element("budget", HTMLInputElement);
+        const text = element("budget-text", HTMLOutputElement);
+        const show = (): void => void (text.value = `at most ${whole(Number(budget.value))}`);
+        show();
+        budget.oninput = show;
+        budget.onchange = () => {
+            this.budget = Number(budget.value);
+            this.attempt(() => this.build());
+        };
+        document.addEventListener("keydown", (event) => this.key(event));
+        window.addEventListener("resize", () => this.invalidate());
+        matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.invalidate());
+        window.addEventListener("hashchange", () => {
+            const pose = poseFrom(linkPart("v"));
+            if (pose === undefined) return;
+            this.pose = pose;
+            this.moved();
+        });
+        this.connectDrop();
+    }
+
+    private connectDrop(): void {
+        const shown = (on: boolean): void => void document.body.classList.toggle("dropping", on);
+        document.addEventListener("dragover", (event) => {
+            event.preventDefault();
+            shown(true);
+        });
+        document.addEventListener("dragleave", () => shown(false));
+        document.addEventListener("drop", (event) => {
+            event.preventDefault();
+            shown(false);
+            const { dataTransfer } = event;
+            if (dataTransfer === null) return;
+            const found = dropped(dataTransfer);
+            this.attempt(async () => this.open(sourceFrom(await found)));
+        });
+    }
+
+    private connectContext(): void {
+        this.canvas.addEventListener("webglcontextlost", (event) => {
+            event.preventDefault();
+            this.scene?.end();
+            this.scene = undefined;
+            this.say("The graphics driver took the picture's memory away. The page goes on as soon as it gives it back.");
+        });
+        this.canvas.addEventListener("webglcontextrestored", () => {
+            this.say("");
+            this.attempt(() => this.build());
+        });
+    }
+
+    private connectMap(): void {
+        const canvas = element("map", HTMLCanvasElement);
+        canvas.addEventListener("pointermove", (event) => {
+            if (this.map === undefined || this.dataset === undefined) return;
+            div("pointed").textContent = pointedText(this.map.at(event.offsetX, event.offsetY), this.dataset.meta);
+        });
+        canvas.addEventListener("click", (event) => {
+            const place = this.map?.at(event.offsetX, event.offsetY);
+            if (place === undefined) return;
+            this.pose = { ...this.pose, target: [place.x, place.y, this.pose.target[2]] };
+            this.moved();
+        });
+    }
+
+    private key(event: KeyboardEvent): void {
+        const { target } = event;
+        const typing = target instanceof HTMLInputElement || target instanceof HTMLSelectElement;
+        if (typing || event.ctrlKey || event.metaKey || event.altKey || event.repeat) return;
+        if (event.code === "KeyF") this.attempt(() => this.frameByHand());
+        if (event.code === "KeyP") this.attempt(() => this.save());
+        if (event.code === "KeyH") this.help();
+    }
+
+    private async frameByHand(): Promise<void> {
+        this.touched = true;
+        await this.frame();
+    }
+
+    private help(): void {
+        const dialog = element("help", HTMLDialogElement);
+        if (dialog.open) dialog.close();
+        else dialog.showModal();
+    }
+
+    private toggleTheme(): void {
+        document.documentElement.dataset["theme"] = isDark() ? "light" : "dark";
+        this.invalidate();
+    }
+
+    // The picture as it is now, with the colours of this eye.
+    picture(): Promise<Blob> {
+        this.scene?.draw(this.view(), this.look(), Infinity);
+        return new Promise((resolve, reject) => {
+            this.canvas.toBlob((blob) => (blob === null ? reject(new ViewError("The browser could not save the picture.")) : resolve(blob)), "image/png");
+        });
+    }
+
+    private async save(): Promise<void> {
+        const link = document.createElement("a");
+        link.href = URL.createObjectURL(await this.picture());
+        link.download = `${(this.dataset?.source.name ?? "view").replace(/[^\w.-]+/g, "_")}.png`;
+        link.click();
+        setTimeout(() => URL.revokeObjectURL(link.href), 10000);
+    }
+
+    clicked(x: number, y: number): void {
+        if (!this.points()) return;
+        this.attempt(async () => {
+            const view = this.view();
+            const ratio = view.width / this.canvas.clientWidth;
+            const ray = { ...view, x: (x * ratio - view.width / 2) / view.focal, y: (view.height / 2 - y * ratio) / view.focal };
+            const picked = await this.scene?.pick({ ...ray, radius: (6 * ratio) / view.focal });
+            div("splat-details").hidden = picked === undefined;
+            if (picked !== undefined) setFacts(div("splat"), splatFacts(picked, this.dataset!.meta));
+        });
+    }
+
+    private isSettled(): boolean {
+        return this.final && this.framed && this.scene?.settled(this.view()) === true;
+    }
+
+    // For tests and scripts: the figures of what is shown.
+    figures(): Figures | undefined {
+        return this.scene?.figures;
+    }
+
+    // Resolves once everything that the view asks for is drawn.
+    settled(): Promise<void> {
+        return new Promise((resolve) => {
+            this.watchers.push(resolve);
+            this.planned = 0;
+            this.invalidate();
+        });
+    }
+}
+
+function isDark(): boolean {
+    const theme = document.documentElement.dataset["theme"];
+    return theme === undefined ? matchMedia("(prefers-color-scheme: dark)").matches : theme === "dark";
+}
+
+function linkPart(name: string): string {
+    return new URLSearchParams(location.hash.slice(1)).get(name) ?? "";
+}
+
+async function listFrom(address: string): Promise<Listed[]> {
+    const response = await fetch(address).catch(() => undefined);
+    if (response?.ok !== true) return [];
+    const list: unknown = await response.json().catch(() => undefined);
+    const fits = (one: unknown): one is Listed =>
+        typeof one === "object" && one !== null && typeof (one as Listed).name === "string" && typeof (one as Listed).base === "string";
+    return Array.isArray(list) ? list.filter(fits) : [];
+}

@@ -1,0 +1,70 @@
+// What is said of a dataset, of the ground under the pointer and of a splat.
+import type { Dataset } from "./dataset.ts";
+import { list, short, whole } from "./dom.ts";
+import type { Range, Triple } from "./format.ts";
+import type { Pointed } from "./map.ts";
+import type { Cell, Meta } from "./meta.ts";
+import type { Picked } from "./scene.ts";
+
+type Facts = [string, string][];
+
+const range = (r: Range): string => r.min.map((min, i) => `${short(min)} to ${short(r.max[i])}`).join("\n");
+
+export function datasetFacts(dataset: Dataset): Facts {
+    const { meta, cells } = dataset;
+    const counts = cells.map((cell) => cell.count).sort((a, b) => a - b);
+    const leftOut = meta.totalSplats - dataset.count;
+    return [
+        ["name", dataset.source.name],
+        ["splats", leftOut > 0 ? `${whole(dataset.count)} (${whole(leftOut)} were left out)` : whole(dataset.count)],
+        ["cells", `${whole(cells.length)} of ${short(meta.cellLengthX)} by ${short(meta.cellLengthY)} units`],
+        ["splats in a cell", `${whole(counts[0])} to ${whole(counts[counts.length - 1])}, median ${whole(counts[counts.length >> 1])}`],
+        ["guid", meta.guid],
+        ["made of", `${meta.dataType}, kind ${meta.source}`],
+        ["EPSG", String(meta.epsg)],
+        ["offset", list(meta.offset, String)],
+        ["shift", list(meta.shift, String)],
+        ["scale", list(meta.scale, String)],
+        ["box", `${list(meta.box.min)}\nto ${list(meta.box.max)}`],
+        ["coefficients", meta.coefficientSize === 0 ? "none" : meta.coefficientSize === 64 ? "packed" : "unpacked"],
+        ["colours", range(meta.ranges.color)],
+        ["opacities", range(meta.ranges.opacity)],
+        ["scales", range(meta.ranges.scale)],
+        ["normals", range(meta.ranges.normal)],
+        ...(meta.coefficientSize > 0 ? ([["coefficients of red, green, blue", range(meta.ranges.shcoef)]] as Facts) : []),
+    ];
+}
+
+export function cellName(cell: Cell): string {
+    return `key ${cell.key} (column ${cell.key & 0xffff}, row ${cell.key >>> 16})`;
+}
+
+export function pointedText(pointed: Pointed, meta: Meta): string {
+    const fine = (value: number): string => value.toFixed(3);
+    const [x, y] = [pointed.x + meta.offset[0], pointed.y + meta.offset[1]];
+    const place = `x ${fine(x)}, y ${fine(y)}${meta.epsg === 0 ? "" : ` (EPSG ${meta.epsg})`}`;
+    return `${place}\n${pointed.cell === undefined ? "no cell" : `cell ${cellName(pointed.cell)}: ${whole(pointed.cell.count)} splats`}`;
+}
+
+export function splatFacts(picked: Picked, meta: Meta): Facts {
+    const { splat } = picked;
+    const facts: Facts = [
+        ["cell", `key ${picked.cellKey} (column ${picked.cellKey & 0xffff}, row ${picked.cellKey >>> 16})`],
+        ["number in the cell", whole(picked.number)],
+        ["record", whole(picked.record)],
+        ["position", list(splat.position, String)],
+        ["with the offset", list(splat.position.map((value, i) => value + meta.offset[i]), String)],
+        ["colour", list(splat.colour)],
+        ["opacity", short(splat.opacity)],
+        ["scale", list(splat.scale)],
+        ["rotation w, x, y, z", list(splat.rotation)],
+        ["normal", list(splat.normal)],
+    ];
+    ["red", "green", "blue"].forEach((channel, i) => {
+        const values = splat.coefficients.slice(15 * i, 15 * i + 15);
+        if (values.length > 0) facts.push([`coefficients, ${channel}`, list(values)]);
+    });
+    return facts;
+}
+
+export type Box = { min: Triple; max: Triple };

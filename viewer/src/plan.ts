@@ -1,0 +1,72 @@
+// Which pieces of a dataset should be in memory for a view. A piece is a cell, or a part of a large one: what one fetch brings.
+import type { View } from "./camera.ts";
+import { dot, minus } from "./camera.ts";
+import type { Triple } from "./format.ts";
+import type { Cell } from "./meta.ts";
+import type { Run } from "./slots.ts";
+
+export interface Piece {
+    id: number;
+    cell: number;
+    first: number; // number of its first splat in the cell
+    count: number;
+    state: "away" | "coming" | "here";
+    runs: Run[]; // while here
+    abort: AbortController | undefined; // while coming
+}
+
+const pieceSize = 32768; // splats: 3 MB with coefficients
+
+export function piecesOf(cells: readonly Cell[]): Piece[] {
+    const pieces: Piece[] = [];
+    cells.forEach((cell, index) => {
+        for (let first = 0; first < cell.count; first += pieceSize) {
+            const count = Math.min(pieceSize, cell.count - first);
+            pieces.push({ id: pieces.length, cell: index, first, count, state: "away", runs: [], abort: undefined });
+        }
+    });
+    return pieces;
+}
+
+// What is here counts as nearer than it is, so that two cells at the same distance do not take turns.
+const loyalty = 0.85 ** 2;
+// What is out of the picture counts as twice as far.
+const outside = 2 ** 2;
+
+function score(cell: Cell, low: number, high: number, view: View): number {
+    const min: Triple = [cell.min[0], cell.min[1], low];
+    const max: Triple = [cell.max[0], cell.max[1], high];
+    let squares = 0;
+    for (let i = 0; i < 3; ++i) squares += Math.max(min[i] - view.eye[i], 0, view.eye[i] - max[i]) ** 2;
+    const radius = 0.5 * Math.hypot(...minus(max, min));
+    const centre = minus([(min[0] + max[0]) / 2, (min[1] + max[1]) / 2, (low + high) / 2], view.eye);
+    const depth = dot(centre, view.forward);
+    const beside = (direction: Triple, pixels: number): boolean => {
+        const tangent = (0.5 * pixels) / view.focal;
+        return (Math.abs(dot(centre, direction)) - tangent * depth) / Math.hypot(1, tangent) > radius;
+    };
+    const hidden = depth < -radius || beside(view.right, view.width) || beside(view.up, view.height);
+    return hidden ? squares * outside : squares;
+}
+
+// The pieces for a view, the nearest first, as many as `capacity` splats allow. `low` and `high` bound the scene's heights.
+export function wantedPieces(
+    cells: readonly Cell[],
+    pieces: readonly Piece[],
+    view: View,
+    capacity: number,
+    [low, high]: readonly [number, number],
+): Piece[] {
+    const cellScores = cells.map((cell) => score(cell, low, high, view));
+    const scores = Float64Array.from(pieces, (piece) => cellScores[piece.cell] * (piece.state === "here" ? loyalty : 1));
+    const order = Uint32Array.from(pieces.keys()).sort((a, b) => scores[a] - scores[b] || a - b);
+    const wanted: Piece[] = [];
+    let left = capacity;
+    for (const index of order) {
+        const piece = pieces[index];
+        if (piece.count > left) break;
+        left -= piece.count;
+        wanted.push(piece);
+    }
+    return wanted;
+}

@@ -1,0 +1,37 @@
+// The worker's thread.
+import { type Reply, type Request, Sorter } from "./sorting.ts";
+
+interface WorkerScope {
+    onmessage: ((event: MessageEvent<Request>) => void) | null;
+    postMessage(message: Reply, transfer?: Transferable[]): void;
+}
+const scope = self as unknown as WorkerScope;
+let sorter = new Sorter(0, false);
+
+scope.onmessage = ({ data: request }) => {
+    switch (request.type) {
+        case "reset":
+            sorter = new Sorter(request.capacity, request.keepNormals);
+            break;
+        case "add":
+            scope.postMessage({ type: "added", piece: request.piece, ...sorter.add(request.piece, request.runs, request.records) });
+            break;
+        case "remove":
+            sorter.remove(request.piece);
+            break;
+        case "sort": {
+            const begin = performance.now();
+            const { order, count } = sorter.sort(request.eye, request.order);
+            const buffer = order.buffer as ArrayBuffer;
+            const milliseconds = performance.now() - begin;
+            scope.postMessage({ type: "sorted", sequence: request.sequence, order: buffer, count, milliseconds }, [buffer]);
+            break;
+        }
+        case "pick":
+            scope.postMessage({ type: "picked", token: request.token, hit: sorter.pick(request.ray) });
+            break;
+        case "frame":
+            scope.postMessage({ type: "framed", token: request.token, box: sorter.frame() });
+            break;
+    }
+};
