@@ -9,9 +9,10 @@
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
-#include <fmt/format.h>
 #include <memory>
 #include <set>
 #include <string>
@@ -33,30 +34,30 @@ struct ExportOptions {
 class PartialFile {
 public:
     explicit PartialFile(const fs::path& target)
-        : m_target(target), m_path(fs::path(target) += fmt::format(".partial-{}", ownProcessId())) {}
+        : target_(target), path_(fs::path(target) += fmt::format(".partial-{}", ownProcessId())) {}
     PartialFile(const PartialFile&) = delete;
     PartialFile& operator=(const PartialFile&) = delete;
     ~PartialFile() {
         std::error_code ignored;
-        fs::remove(m_path, ignored);
+        fs::remove(path_, ignored);
     }
 
-    const fs::path& path() const { return m_path; }
+    const fs::path& path() const { return path_; }
 
     void publish() {
-        std::error_code error = flushToDisk(m_path);
+        std::error_code error = flushToDisk(path_);
         if (!error) {
-            fs::rename(m_path, m_target, error);
+            fs::rename(path_, target_, error);
         }
         if (error) {
-            throw Failure(ExitStatus::OutputRefused, fmt::format("{}: the file cannot be put in place: {}",
-                                                                 textFromPath(m_target), error.message()));
+            throw Failure(ExitStatus::outputRefused, fmt::format("{}: the file cannot be put in place: {}",
+                                                                 textFromPath(target_), error.message()));
         }
     }
 
 private:
-    fs::path m_target;
-    fs::path m_path;
+    fs::path target_;
+    fs::path path_;
 };
 
 void checkTarget(const ExportOptions& options) {
@@ -65,23 +66,23 @@ void checkTarget(const ExportOptions& options) {
     const fs::file_status status = fs::symlink_status(target, ignored);
     // Renaming would put a file in place of a folder, a device or a link, which is never meant.
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: no plain file stands there: give the name of a file", options.scene));
     }
     if (fs::exists(status) && !options.force) {
         throw Failure(
-            ExitStatus::OutputRefused,
+            ExitStatus::outputRefused,
             fmt::format("{}: the file is there already: give another name, or --force to replace it",
                         options.scene));
     }
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     const auto parent = identityOf(folder);
     if (!parent || !fs::is_directory(folder, ignored)) {
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: its folder does not exist: create it first", options.scene));
     }
     if (parent == identityOf(pathFromText(options.dataset))) {
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: the dataset itself is in this folder: write the scene elsewhere",
                                   options.scene));
     }
@@ -92,7 +93,7 @@ SplatReader::Dataset openSound(const ExportOptions& options) {
     const fs::path folder = pathFromText(options.dataset);
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
     if (!report.sound()) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)",
                                   options.dataset, report.findings.errors().front().text()));
     }
@@ -107,7 +108,7 @@ std::uint32_t parseKey(const std::string& text) {
     const auto [stop, status] = std::from_chars(begin, end, key, hex ? 16 : 10);
     if (status != std::errc() || stop != end || begin == end) {
         throw Failure(
-            ExitStatus::Usage,
+            ExitStatus::usage,
             fmt::format("--cell {}: not a cell key: give a number as info --cells prints it", text));
     }
     return key;
@@ -127,7 +128,7 @@ std::vector<std::size_t> chooseCells(const SplatReader::Dataset& dataset, const 
         }
     }
     if (!missing.empty()) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: no cell has the key {}: plyconvert info --cells lists the keys",
                                   options.dataset, *missing.begin()));
     }
@@ -170,9 +171,9 @@ ExitStatus runExport(const ExportOptions& options) {
                        durationText(progress.seconds()));
         }
     } catch (const SplatReader::DatasetError& error) { // it changed since it was found sound
-        throw Failure(ExitStatus::InputRefused, fmt::format("{}: {}", options.dataset, error.what()));
+        throw Failure(ExitStatus::inputRefused, fmt::format("{}: {}", options.dataset, error.what()));
     }
-    return ExitStatus::Done;
+    return ExitStatus::done;
 }
 
 } // namespace
