@@ -2,6 +2,7 @@
 
 #include "program/scene/scene_writer.h"
 #include "program/system/interrupt.h"
+#include "program/system/partial_file.h"
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
@@ -9,10 +10,9 @@
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <charconv>
+#include <fmt/format.h>
 #include <memory>
 #include <set>
 #include <string>
@@ -30,59 +30,12 @@ struct ExportOptions {
     bool quiet = false;
 };
 
-// The file that is written first and renamed when it is whole. Removed unless it was.
-class PartialFile {
-public:
-    explicit PartialFile(const fs::path& target)
-        : target_(target), path_(fs::path(target) += fmt::format(".partial-{}", ownProcessId())) {}
-    PartialFile(const PartialFile&) = delete;
-    PartialFile& operator=(const PartialFile&) = delete;
-    ~PartialFile() {
-        std::error_code ignored;
-        fs::remove(path_, ignored);
-    }
-
-    const fs::path& path() const { return path_; }
-
-    void publish() {
-        std::error_code error = flushToDisk(path_);
-        if (!error) {
-            fs::rename(path_, target_, error);
-        }
-        if (error) {
-            throw Failure(ExitStatus::outputRefused, fmt::format("{}: the file cannot be put in place: {}",
-                                                                 textFromPath(target_), error.message()));
-        }
-    }
-
-private:
-    fs::path target_;
-    fs::path path_;
-};
-
 void checkTarget(const ExportOptions& options) {
     const fs::path target = pathFromText(options.scene);
-    std::error_code ignored;
-    const fs::file_status status = fs::symlink_status(target, ignored);
-    // Renaming would put a file in place of a folder, a device or a link, which is never meant.
-    if (fs::exists(status) && !fs::is_regular_file(status)) {
-        throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: no plain file stands there: give the name of a file", options.scene));
-    }
-    if (fs::exists(status) && !options.force) {
-        throw Failure(
-            ExitStatus::outputRefused,
-            fmt::format("{}: the file is there already: give another name, or --force to replace it",
-                        options.scene));
-    }
+    checkTargetFile(options.scene, options.force);
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    const auto parent = identityOf(folder);
-    if (!parent || !fs::is_directory(folder, ignored)) {
-        throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: its folder does not exist: create it first", options.scene));
-    }
-    if (parent == identityOf(pathFromText(options.dataset))) {
-        throw Failure(ExitStatus::outputRefused,
+    if (identityOf(folder) == identityOf(pathFromText(options.dataset))) {
+        throw Failure(ExitStatus::OutputRefused,
                       fmt::format("{}: the dataset itself is in this folder: write the scene elsewhere",
                                   options.scene));
     }
@@ -93,7 +46,7 @@ SplatReader::Dataset openSound(const ExportOptions& options) {
     const fs::path folder = pathFromText(options.dataset);
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
     if (!report.sound()) {
-        throw Failure(ExitStatus::inputRefused,
+        throw Failure(ExitStatus::InputRefused,
                       fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)",
                                   options.dataset, report.findings.errors().front().text()));
     }
@@ -108,7 +61,7 @@ std::uint32_t parseKey(const std::string& text) {
     const auto [stop, status] = std::from_chars(begin, end, key, hex ? 16 : 10);
     if (status != std::errc() || stop != end || begin == end) {
         throw Failure(
-            ExitStatus::usage,
+            ExitStatus::Usage,
             fmt::format("--cell {}: not a cell key: give a number as info --cells prints it", text));
     }
     return key;
@@ -128,7 +81,7 @@ std::vector<std::size_t> chooseCells(const SplatReader::Dataset& dataset, const 
         }
     }
     if (!missing.empty()) {
-        throw Failure(ExitStatus::inputRefused,
+        throw Failure(ExitStatus::InputRefused,
                       fmt::format("{}: no cell has the key {}: plyconvert info --cells lists the keys",
                                   options.dataset, *missing.begin()));
     }
@@ -171,9 +124,9 @@ ExitStatus runExport(const ExportOptions& options) {
                        durationText(progress.seconds()));
         }
     } catch (const SplatReader::DatasetError& error) { // it changed since it was found sound
-        throw Failure(ExitStatus::inputRefused, fmt::format("{}: {}", options.dataset, error.what()));
+        throw Failure(ExitStatus::InputRefused, fmt::format("{}: {}", options.dataset, error.what()));
     }
-    return ExitStatus::done;
+    return ExitStatus::Done;
 }
 
 } // namespace
