@@ -4,16 +4,16 @@
 #include "program/commands/export_command.h"
 #include "program/commands/info_command.h"
 #include "program/commands/verify_command.h"
+#include "program/commands/view_command.h"
 #include "program/convert/conversion.h"
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
-
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <fmt/format.h>
 #include <new>
 #include <string>
 #include <vector>
@@ -22,7 +22,7 @@ namespace Tavrin::SplatProgram {
 namespace {
 
 const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand, addVerifyCommand,
-                                           addExportCommand};
+                                           addExportCommand, addViewCommand};
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,
@@ -48,7 +48,7 @@ std::vector<std::string> withCommand(const CLI::App& program, std::vector<std::s
 
 ExitStatus printUsageError(const std::string& what) {
     reportError(what + " (plyconvert --help shows the usage)");
-    return ExitStatus::usage;
+    return ExitStatus::Usage;
 }
 
 // Every line of help fits 80 columns; what is in brackets in the usage line need not be marked as optional
@@ -80,10 +80,10 @@ ExitStatus run(const std::vector<std::string>& words) {
         return chosen();
     } catch (const CLI::CallForHelp&) {
         fmt::print("{}", program.help());
-        return ExitStatus::done;
+        return ExitStatus::Done;
     } catch (const CLI::CallForVersion&) {
         fmt::print("{}\n", versionText());
-        return ExitStatus::done;
+        return ExitStatus::Done;
     } catch (const CLI::RequiredError& error) {
         // What is there and unknown tells more than what is missing.
         const std::vector<std::string> unknown = program.remaining(true);
@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
         return runConverter(words[1], words[2]);
     }
     const TerminalText terminal;
-    ExitStatus status = ExitStatus::conversionFailed;
+    ExitStatus status = ExitStatus::ConversionFailed;
     try {
         status = run(words);
     } catch (const std::bad_alloc&) {
@@ -122,9 +122,9 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         reportError(error.what());
     }
-    if (!finishStandardOutput() && status == ExitStatus::done) {
+    if (!finishStandardOutput() && status == ExitStatus::Done) {
         reportError("standard output could not be written: is the disk full or the pipe closed?");
-        status = ExitStatus::conversionFailed;
+        status = ExitStatus::ConversionFailed;
     }
     return static_cast<int>(status);
 }

@@ -1,8 +1,6 @@
 // Reading files of any size through windows of a fixed size.
 #pragma once
 
-#include "reader/findings.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -10,6 +8,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "reader/findings.h"
 
 namespace Tavrin::SplatReader {
 

@@ -1,9 +1,9 @@
 // Inside the reader: the full level of verifyDataset, record by record.
 #pragma once
 
-#include "reader/verify.h"
-
 #include <filesystem>
+
+#include "reader/verify.h"
 
 namespace Tavrin::SplatReader {
 

@@ -2,11 +2,11 @@
 # What the builds and the tests need from the system, and how it gets there. Sourced by the other scripts.
 # shellcheck disable=SC2034  # the lists are used there
 
-# Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json), of the tests (GoogleTest) and of
-# the benchmarks: what configuring and building needs.
+# Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json; Beast of Boost and zlib for the server
+# and the page of view), of the tests (GoogleTest) and of the benchmarks: what configuring and building needs.
 packages=(
     g++ cmake ninja-build
-    libcli11-dev libfmt-dev nlohmann-json3-dev
+    libcli11-dev libfmt-dev nlohmann-json3-dev libboost-dev zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 # What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a
@@ -15,7 +15,7 @@ test_packages=(valgrind locales pkg-config tmux)
 clang_packages=(clang)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
 fuzz_packages=(libclang-rt-dev llvm)
-windows_packages=(g++-mingw-w64-x86-64-posix wine64 googletest)
+windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletest)
 
 # install_missing PACKAGE...
 # Installs those that are not there, on systems with apt-get. Elsewhere, and where nobody may install, names them

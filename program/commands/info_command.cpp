@@ -7,9 +7,8 @@
 #include "program/terminal/progress.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
-
 #include <cstdlib>
+#include <fmt/format.h>
 #include <memory>
 #include <string>
 
@@ -40,7 +39,7 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
     InfoStyle style;
     style.cells = options.cells;
     if (standardOutputIsTerminal()) {
-        style.bars = terminalTakesUtf8() ? Bars::blocks : Bars::ascii;
+        style.bars = terminalTakesUtf8() ? Bars::Blocks : Bars::Ascii;
         style.columns = terminalColumns();
     }
     const ScanProgress report = [&progress](double share) { progress.update("reading", share); };
@@ -50,12 +49,12 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
             const DatasetFacts facts = readDatasetFacts(path, options.scan, report);
             return options.json ? datasetJson(facts, options.cells) : datasetText(facts, style);
         } catch (const SplatReader::DatasetError& error) {
-            throw Failure(ExitStatus::inputRefused,
+            throw Failure(ExitStatus::InputRefused,
                           fmt::format("{}: not a dataset that can be read: {}", path, error.what()));
         }
     }
     if (!std::filesystem::exists(pathFromText(path), ignored)) {
-        throw Failure(ExitStatus::inputRefused,
+        throw Failure(ExitStatus::InputRefused,
                       fmt::format("{}: there is no such file or folder: check the path", path));
     }
     const SceneFacts facts = readSceneFacts(path, options.scan, report);
@@ -65,7 +64,7 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
 ExitStatus runInfo(const InfoOptions& options) {
     catchInterrupts();
     Progress progress(standardErrorIsTerminal());
-    ExitStatus status = ExitStatus::done;
+    ExitStatus status = ExitStatus::Done;
     bool first = true;
     for (const std::string& path : options.paths) {
         requireWord(path, "PATH", "a file or a folder");
@@ -76,7 +75,7 @@ ExitStatus runInfo(const InfoOptions& options) {
             first = false;
         } catch (const Failure& failure) {
             progress.clear();
-            if (failure.status() == ExitStatus::interrupted) {
+            if (failure.status() == ExitStatus::Interrupted) {
                 throw;
             }
             reportError(failure.what());

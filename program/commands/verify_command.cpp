@@ -10,11 +10,10 @@
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
 #include <cstdio>
+#include <fmt/format.h>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 namespace Tavrin::SplatProgram {
@@ -197,9 +196,9 @@ ExitStatus runVerify(const VerifyOptions& options) {
         std::fflush(stdout); // the findings stand before the line that counts them
         reportError(
             fmt::format("{}: verification failed: {}", options.dataset, verdictText(result.report.findings)));
-        return ExitStatus::verificationFailed;
+        return ExitStatus::VerificationFailed;
     }
-    return ExitStatus::done;
+    return ExitStatus::Done;
 }
 
 } // namespace

@@ -5,7 +5,7 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        info | verify | export) command=${COMP_WORDS[1]} ;;
+        info | verify | export | view) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
@@ -13,11 +13,12 @@ _plyconvert() {
     info) options='--scan --json --cells --help' ;;
     verify) options='--quick --full --against --json --strict --quiet --help' ;;
     export) options='--cell --force --quiet --help' ;;
+    view) options='--port --no-open --write-html --force --help' ;;
     esac
     ((COMP_CWORD > 1)) || options+=' --version'
     COMPREPLY=()
-    if [[ $before == --cell ]]; then
-        return # a key, which only the dataset knows
+    if [[ $before == --cell || $before == --port ]]; then
+        return # a key, which only the dataset knows, or a number
     fi
     if [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
@@ -27,7 +28,7 @@ _plyconvert() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pP][lL][yY]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'convert info verify export' -- "$word")
+        mapfile -t words < <(compgen -W 'convert info verify export view' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }

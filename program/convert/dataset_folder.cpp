@@ -24,19 +24,19 @@ FolderListing listFolder(const fs::path& folder) {
         const std::string name = textFromPath(entry.path().filename());
         const bool isOwn = std::ranges::find(datasetFiles, name) != datasetFiles.end();
         if (!isOwn || entry.symlink_status().type() != fs::file_type::regular) {
-            return {FolderContent::other, "it holds " + name + (isOwn ? ", which is no plain file" : "")};
+            return {FolderContent::Other, "it holds " + name + (isOwn ? ", which is no plain file" : "")};
         }
         names.insert(name);
     }
     if (names.empty()) {
-        return {FolderContent::empty, {}};
+        return {FolderContent::Empty, {}};
     }
     for (const char* name : necessaryFiles) {
         if (!names.contains(name)) {
-            return {FolderContent::other, std::string("it lacks ") + name};
+            return {FolderContent::Other, std::string("it lacks ") + name};
         }
     }
-    return {FolderContent::dataset, {}};
+    return {FolderContent::Dataset, {}};
 }
 
 std::error_code removeDataset(const fs::path& folder) {

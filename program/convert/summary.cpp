@@ -2,10 +2,9 @@
 
 #include "program/terminal/figures.h"
 
+#include <cmath>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-
-#include <cmath>
 
 namespace Tavrin::SplatProgram {
 namespace {

@@ -4,9 +4,8 @@
 #include "program/system/platform.h"
 #include "reader/format.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+#include <fmt/format.h>
 #include <initializer_list>
 #include <limits>
 #include <string>

@@ -5,15 +5,15 @@
 namespace Tavrin::SplatProgram {
 
 void Verdict::refuse(ExitStatus status, const std::string& line) {
-    if (!unchecked_) {
+    if (!m_unchecked) {
         throw Failure(status, line);
     }
     warn("unchecked: " + line);
 }
 
 void Verdict::warn(const std::string& line) {
-    warnings_.push_back(line);
-    if (!silent_) {
+    m_warnings.push_back(line);
+    if (!m_silent) {
         reportWarning(line);
     }
 }

@@ -4,15 +4,14 @@
 #include "program/system/interrupt.h"
 #include "program/terminal/figures.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
 [[noreturn]] void fail(const std::string& input, const std::string& what) {
-    throw Failure(ExitStatus::verificationFailed,
+    throw Failure(ExitStatus::VerificationFailed,
                   fmt::format("{}: the written dataset is not sound: {}", input, what));
 }
 
@@ -59,10 +58,10 @@ SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, 
     options.level = SplatReader::VerifyLevel::full;
     options.progress = [&](std::uint64_t done, std::uint64_t all) {
         throwIfInterrupted();
-        progress.update(Stage::verifying,
+        progress.update(Stage::Verifying,
                         all > 0 ? static_cast<double>(done) / static_cast<double>(all) : 1.0);
     };
-    progress.update(Stage::verifying);
+    progress.update(Stage::Verifying);
     SplatReader::VerifyReport report = SplatReader::verifyDataset(folder, options);
     progress.clear();
     requireSound(report.findings, input, plan);
@@ -71,7 +70,7 @@ SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, 
     }
     if (report.splatsLeftOut > 0 && !allowLoss) {
         throw Failure(
-            ExitStatus::splatsLeftOut,
+            ExitStatus::SplatsLeftOut,
             fmt::format("{}: {} of {} outside the grid and are left out: state bounds that hold them, or "
                         "--allow-loss",
                         input, countText(report.splatsLeftOut),

@@ -3,12 +3,10 @@
 #include "program/system/handle_windows.h"
 #include "program/system/text_windows.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
+#include <fmt/format.h>
 #include <system_error>
-
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {
@@ -114,7 +112,7 @@ struct ChildProcess::State {
     ChildEnd end;
 };
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : state_(std::make_unique<State>()) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : m_state(std::make_unique<State>()) {
     const std::wstring program = ownProgram();
     std::wstring line = L"plyconvert";
     for (const std::string& argument : arguments) {
@@ -127,9 +125,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : state_(s
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = nothing.get();
-    startup.hStdOutput = state_->output.write.get();
-    startup.hStdError = state_->error.write.get();
-    state_->job = endingJob();
+    startup.hStdOutput = m_state->output.write.get();
+    startup.hStdError = m_state->error.write.get();
+    m_state->job = endingJob();
     // What the child inherits: a crash ends it without a window that asks what to do.
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     // Without a console no Ctrl-C reaches it. It runs once it is in the job.
@@ -138,28 +136,28 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : state_(s
                         DETACHED_PROCESS | CREATE_SUSPENDED, nullptr, nullptr, &startup, &started)) {
         throwLastError("CreateProcess");
     }
-    state_->process = Handle(started.hProcess);
+    m_state->process = Handle(started.hProcess);
     const Handle thread(started.hThread);
-    if (!AssignProcessToJobObject(state_->job.get(), started.hProcess) ||
+    if (!AssignProcessToJobObject(m_state->job.get(), started.hProcess) ||
         ResumeThread(thread.get()) == static_cast<DWORD>(-1)) {
         const DWORD error = GetLastError();
         TerminateProcess(started.hProcess, 1);
         SetLastError(error);
         throwLastError("AssignProcessToJobObject");
     }
-    state_->output.write.close();
-    state_->error.write.close();
+    m_state->output.write.close();
+    m_state->error.write.close();
 }
 
 ChildProcess::~ChildProcess() {
-    if (!state_->hasEnded) {
-        TerminateProcess(state_->process.get(), 1);
-        WaitForSingleObject(state_->process.get(), INFINITE);
+    if (!m_state->hasEnded) {
+        TerminateProcess(m_state->process.get(), 1);
+        WaitForSingleObject(m_state->process.get(), INFINITE);
     }
 }
 
 bool ChildProcess::waitFor(std::chrono::milliseconds patience) {
-    State& state = *state_;
+    State& state = *m_state;
     if (state.hasEnded) {
         return true;
     }
@@ -185,21 +183,21 @@ bool ChildProcess::waitFor(std::chrono::milliseconds patience) {
 }
 
 const ChildEnd& ChildProcess::end() const {
-    return state_->end;
+    return m_state->end;
 }
 
 const std::vector<std::string>& ChildProcess::outputLines() const {
-    return state_->outputLines.lines();
+    return m_state->outputLines.lines();
 }
 
 const std::vector<std::string>& ChildProcess::errorLines() const {
-    return state_->errorLines.lines();
+    return m_state->errorLines.lines();
 }
 
 std::optional<std::uint64_t> ChildProcess::bytesRead() const {
     IO_COUNTERS counters = {};
-    return GetProcessIoCounters(state_->process.get(), &counters) ? std::optional(counters.ReadTransferCount)
-                                                                  : std::nullopt;
+    return GetProcessIoCounters(m_state->process.get(), &counters) ? std::optional(counters.ReadTransferCount)
+                                                                   : std::nullopt;
 }
 
 } // namespace Tavrin::SplatProgram

@@ -6,7 +6,7 @@ namespace Tavrin::SplatProgram {
 
 void throwIfInterrupted() {
     if (interrupted()) {
-        throw Failure(ExitStatus::interrupted,
+        throw Failure(ExitStatus::Interrupted,
                       "interrupted: nothing was published, what was written is removed");
     }
 }

@@ -1,7 +1,6 @@
 #include "program/system/interrupt.h"
 
 #include <atomic>
-
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {

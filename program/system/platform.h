@@ -77,10 +77,10 @@ public:
     ~LockFile();
 
 private:
-    LockFile(std::filesystem::path path, std::intptr_t handle) : path_(std::move(path)), handle_(handle) {}
+    LockFile(std::filesystem::path path, std::intptr_t handle) : m_path(std::move(path)), m_handle(handle) {}
 
-    std::filesystem::path path_;
-    std::intptr_t handle_;
+    std::filesystem::path m_path;
+    std::intptr_t m_handle;
 };
 
 // What a line feed of a text file becomes on the disk.
@@ -98,6 +98,10 @@ bool standardErrorIsTerminal();
 // The terminal on standard error acts on control sequences instead of showing them.
 bool standardErrorTakesSequences();
 
+// Asks the system to show the address in the user's browser, and does not wait for it. False when this
+// session has no screen to show it on. Whether the browser comes nobody tells.
+bool openInBrowser(const std::string& address);
+
 // Columns of the terminal on standard error, or else on standard output; 80 when neither tells.
 unsigned terminalColumns();
 
@@ -112,9 +116,9 @@ public:
 
 private:
     // Windows alone reads them.
-    [[maybe_unused]] unsigned codePage_;  // of the terminal before; 0 without one
-    [[maybe_unused]] unsigned long mode_; // of the terminal on standard error before
-    [[maybe_unused]] bool isModeSet_;
+    [[maybe_unused]] unsigned m_codePage;  // of the terminal before; 0 without one
+    [[maybe_unused]] unsigned long m_mode; // of the terminal on standard error before
+    [[maybe_unused]] bool m_isModeSet;
 };
 
 } // namespace Tavrin::SplatProgram

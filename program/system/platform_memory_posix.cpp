@@ -4,7 +4,6 @@
 #include <fstream>
 #include <initializer_list>
 #include <limits>
-
 #include <sys/resource.h>
 #include <unistd.h>
 

@@ -1,8 +1,7 @@
 #include "program/terminal/console.h"
 
-#include <fmt/format.h>
-
 #include <cstdio>
+#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 

@@ -1,9 +1,8 @@
 #include "program/terminal/figures.h"
 
-#include <fmt/format.h>
-
 #include <array>
 #include <cmath>
+#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 

@@ -5,9 +5,8 @@
 #if defined(__linux__)
 
 #include <csignal>
-#include <system_error>
-
 #include <sys/mount.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace blackbox {

@@ -8,7 +8,6 @@
 #include <windows.h>
 #else
 #include <cstdlib>
-
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>

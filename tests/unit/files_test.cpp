@@ -1,9 +1,10 @@
-#include "tests/support/files.h"
+#include "src/indexer_files.h"
 
 #include "src/indexer.h"
-#include "src/indexer_files.h"
 #include "src/runlog.h"
+
 #include "tests/support/deathtest.h"
+#include "tests/support/files.h"
 #include "tests/support/plyfile.h"
 
 #include <gtest/gtest.h>

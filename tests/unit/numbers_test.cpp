@@ -1,4 +1,5 @@
 #include "src/splatheader_numbers.h"
+
 #include "tests/support/floats.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 #include "src/indexer_quantise.h"
+
 #include "tests/support/floats.h"
 #include "tests/reference/splats.h"
 #include "tests/unit/indexer_support.h"

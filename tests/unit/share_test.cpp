@@ -1,4 +1,5 @@
 #include "src/blocks_share.h"
+
 #include "tests/support/files.h"
 
 #include <gtest/gtest.h>

@@ -14,7 +14,6 @@
 
 #if !defined(_WIN32)
 #include <csignal>
-
 #include <unistd.h>
 #endif
 

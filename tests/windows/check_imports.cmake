@@ -9,7 +9,7 @@ function(check_imports headers own)
         message(SEND_ERROR "No imports were found")
     endif()
     foreach(import ${imports})
-        if(NOT import MATCHES "^(kernel32|msvcrt|advapi32|user32|shell32)\\.dll$|^api-ms-win-crt-.*\\.dll$"
+        if(NOT import MATCHES "^(kernel32|msvcrt|advapi32|user32|shell32|ws2_32|mswsock)\\.dll$|^api-ms-win-crt-.*\\.dll$"
            AND NOT import STREQUAL own)
             message(SEND_ERROR "Imports a DLL that does not come with the system: ${import}")
         endif()

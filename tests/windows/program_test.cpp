@@ -12,7 +12,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
 #include <windows.h>
 
 namespace windows_test {
@@ -52,43 +51,43 @@ public:
         }
         std::wstring wide = support::pathFromText(line).native();
         EXPECT_TRUE(CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                   &startup, &process_));
+                                   &startup, &m_process));
         CloseHandle(file);
     }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
     ~Running() {
-        CloseHandle(process_.hThread);
-        CloseHandle(process_.hProcess);
+        CloseHandle(m_process.hThread);
+        CloseHandle(m_process.hProcess);
     }
 
-    DWORD id() const { return process_.dwProcessId; }
+    DWORD id() const { return m_process.dwProcessId; }
 
-    bool hasEnded() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_OBJECT_0; }
+    bool hasEnded() const { return WaitForSingleObject(m_process.hProcess, 0) == WAIT_OBJECT_0; }
 
     // From outside, without a chance to clean up.
-    void kill() const { TerminateProcess(process_.hProcess, 1); }
+    void kill() const { TerminateProcess(m_process.hProcess, 1); }
 
     int status() const {
-        WaitForSingleObject(process_.hProcess, INFINITE);
+        WaitForSingleObject(m_process.hProcess, INFINITE);
         DWORD status = 0;
-        GetExitCodeProcess(process_.hProcess, &status);
+        GetExitCodeProcess(m_process.hProcess, &status);
         return static_cast<int>(status);
     }
 
 private:
-    PROCESS_INFORMATION process_ = {};
+    PROCESS_INFORMATION m_process = {};
 };
 
 // A link to a folder, while this object lives. Wine makes none, but takes those of the system below it for
 // what they are.
 class FolderLink {
 public:
-    FolderLink(const fs::path& target, fs::path link) : link_(std::move(link)) {
+    FolderLink(const fs::path& target, fs::path link) : m_link(std::move(link)) {
         constexpr DWORD unprivileged = 2; // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
-        CreateSymbolicLinkW(link_.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY | unprivileged);
-        isBelow_ = !exists();
-        if (isBelow_) {
+        CreateSymbolicLinkW(m_link.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY | unprivileged);
+        m_isBelow = !exists();
+        if (m_isBelow) {
             runBelow(L"ln", L"-s " + target.generic_wstring(), true);
         }
     }
@@ -96,24 +95,24 @@ public:
     FolderLink& operator=(const FolderLink&) = delete;
     // Before what it leads to goes: wine cannot remove one that leads nowhere.
     ~FolderLink() {
-        if (isBelow_) {
+        if (m_isBelow) {
             runBelow(L"rm", L"", false);
         } else {
-            RemoveDirectoryW(link_.c_str());
+            RemoveDirectoryW(m_link.c_str());
         }
     }
 
-    const fs::path& path() const { return link_; }
+    const fs::path& path() const { return m_link; }
 
     bool exists() const {
-        const DWORD attributes = GetFileAttributesW(link_.c_str());
+        const DWORD attributes = GetFileAttributesW(m_link.c_str());
         return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
     }
 
 private:
     // Runs a program of the system below on the link until it is there, or is not.
     void runBelow(const std::wstring& program, const std::wstring& words, bool isThere) const {
-        std::wstring line = program + L' ' + words + L' ' + link_.generic_wstring();
+        std::wstring line = program + L' ' + words + L' ' + m_link.generic_wstring();
         STARTUPINFOW startup = {};
         startup.cb = sizeof startup;
         PROCESS_INFORMATION process = {}; // without handles: it is none of wine's
@@ -125,8 +124,8 @@ private:
         }
     }
 
-    fs::path link_;
-    bool isBelow_ = false;
+    fs::path m_link;
+    bool m_isBelow = false;
 };
 
 class Program : public testing::Test {

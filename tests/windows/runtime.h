@@ -1,9 +1,9 @@
 // The universal C runtime beside the one that the tests are linked against.
 #pragma once
 
-#include <clocale>
-
 #include <windows.h>
+
+#include <clocale>
 
 namespace windows_test {
 

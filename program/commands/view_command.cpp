@@ -1,0 +1,119 @@
+#include "program/commands/view_command.h"
+
+#include "program/serve/content.h"
+#include "program/serve/page.h"
+#include "program/serve/server.h"
+#include "program/system/interrupt.h"
+#include "program/system/partial_file.h"
+#include "program/system/platform.h"
+#include "program/terminal/console.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <fmt/format.h>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ViewOptions {
+    std::vector<std::string> datasets;
+    std::uint16_t port = 0;
+    bool noOpen = false;
+    std::string page; // the file of --write-html; empty without it
+    bool force = false;
+};
+
+// Another file in a dataset's folder would keep the next conversion from replacing the dataset.
+void checkPage(const ViewOptions& options) {
+    checkTargetFile(options.page, options.force);
+    const fs::path target = pathFromText(options.page);
+    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+    for (const std::string& dataset : options.datasets) {
+        if (identityOf(folder) == identityOf(pathFromText(dataset))) {
+            throw Failure(ExitStatus::OutputRefused,
+                          fmt::format("{}: the dataset itself is in this folder: write the page beside it",
+                                      options.page));
+        }
+    }
+}
+
+ExitStatus writePage(const ViewOptions& options) {
+    for (const std::string& dataset : options.datasets) {
+        requireSoundDataset(dataset);
+    }
+    checkPage(options);
+    PartialFile partial(pathFromText(options.page));
+    std::ofstream file(partial.path(), std::ios::binary);
+    file << pageText();
+    file.close();
+    if (!file) {
+        throw Failure(
+            ExitStatus::OutputRefused,
+            fmt::format("{}: the page cannot be written: make room, or write it elsewhere", options.page));
+    }
+    partial.publish();
+    return ExitStatus::Done;
+}
+
+ExitStatus serve(const ViewOptions& options) {
+    const Content content = Content::ofDatasets(options.datasets);
+    Server server(content, options.port);
+    const std::string address = fmt::format("http://127.0.0.1:{}/", server.port());
+    fmt::print("{}\n", address);
+    if (!finishStandardOutput()) {
+        return ExitStatus::Done; // the program's end reports it
+    }
+    if (!options.noOpen) {
+        openInBrowser(address);
+    }
+    server.run(interrupted);
+    return ExitStatus::Done;
+}
+
+ExitStatus runView(const ViewOptions& options) {
+    for (const std::string& dataset : options.datasets) {
+        requireWord(dataset, "OUT", "a folder");
+        requireFolder(dataset);
+    }
+    catchInterrupts();
+    return options.page.empty() ? serve(options) : writePage(options);
+}
+
+} // namespace
+
+void addViewCommand(CLI::App& program, Action& chosen) {
+    CLI::App* command = program.add_subcommand("view", "Show datasets in the browser");
+    command->footer(std::string("Example:\n  plyconvert view town\n\n") + exitStatusTable);
+    auto options = std::make_shared<ViewOptions>();
+    command->add_option("OUT", options->datasets, "the datasets' folders")->required();
+    constexpr int largestPort = 65535;
+    CLI::Option* const port =
+        command->add_option("--port", options->port, "serve at this port (default: a free one)")
+            ->type_name("N")
+            ->check(CLI::Range(0, largestPort).description(""));
+    command->add_flag("--no-open", options->noOpen, "print the address, open no browser");
+    CLI::Option* const page =
+        command->add_option("--write-html", options->page, "write the page to a file, serve nothing")
+            ->type_name("FILE");
+    command->add_flag("--force", options->force, "replace the file of --write-html");
+    command->callback([options, port, page, &chosen] {
+        if (page->count() > 0 && (port->count() > 0 || options->noOpen)) {
+            throw CLI::ExcludesError("--write-html", port->count() > 0 ? "--port" : "--no-open");
+        }
+        if (options->force && page->count() == 0) {
+            throw CLI::RequiresError("--force", "--write-html");
+        }
+        if (page->count() > 0) {
+            requireWord(options->page, "--write-html", "a file");
+        }
+        chosen = [options] { return runView(*options); };
+    });
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,124 @@
+#include "program/serve/content.h"
+
+#include "program/serve/page.h"
+#include "program/system/exit_status.h"
+#include "reader/format.h"
+#include "reader/verify.h"
+
+#include <array>
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+#include <zlib.h>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::array datasetFiles = {SplatReader::Format::metaFile, SplatReader::Format::dataFile,
+                                     SplatReader::Format::coefficientFile, SplatReader::Format::indexFile};
+
+std::string tagOfBytes(std::string_view bytes) {
+    const auto sum = crc32_z(0, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
+    return fmt::format("\"{:x}-{:x}\"", bytes.size(), sum);
+}
+
+std::string tagOfFile(const StampedFile::Stamp& stamp) {
+    return fmt::format("\"{:x}-{:x}-{:x}-{:x}\"", stamp.identity.device, stamp.identity.number, stamp.size,
+                       stamp.time);
+}
+
+// The last part of a folder's path, through links and dots; the word as it was given when there is none.
+std::string nameOf(const std::string& folder) {
+    std::error_code error;
+    const fs::path path = resolvedPath(pathFromText(folder), error);
+    const std::string name =
+        textFromPath(path.has_filename() ? path.filename() : path.parent_path().filename());
+    return error || name.empty() ? folder : name;
+}
+
+std::string listOf(const std::vector<std::string>& folders) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (std::size_t i = 0; i < folders.size(); ++i) {
+        list.push_back({{"name", nameOf(folders[i])}, {"base", fmt::format("data/{}/", i)}});
+    }
+    return list.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+// The file of a dataset; nothing when there is none of that name.
+std::optional<StampedFile> openFile(const fs::path& path) {
+    std::error_code error;
+    std::optional<StampedFile> file = StampedFile::open(path, error);
+    if (!file && error != std::errc::no_such_file_or_directory && error != std::errc::not_a_directory) {
+        throw Failure(ExitStatus::InputRefused,
+                      fmt::format("{}: cannot be opened: {}", textFromPath(path), error.message()));
+    }
+    return file;
+}
+
+} // namespace
+
+void requireSoundDataset(const std::string& folder) {
+    const SplatReader::VerifyReport report = SplatReader::verifyDataset(pathFromText(folder));
+    if (!report.sound()) {
+        throw Failure(ExitStatus::InputRefused,
+                      fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)", folder,
+                                  report.findings.errors().front().text()));
+    }
+}
+
+Content Content::ofDatasets(const std::vector<std::string>& folders) {
+    Content content;
+    content.addText("/", "the page", "text/html; charset=utf-8", pageText(), pageGzip());
+    content.addText("/datasets.json", "the list of datasets", "application/json", listOf(folders));
+    for (std::size_t i = 0; i < folders.size(); ++i) {
+        content.addDataset(folders[i], fmt::format("/data/{}/", i));
+    }
+    return content;
+}
+
+const Resource* Content::find(std::string_view path) const {
+    const auto found = m_resources.find(path);
+    return found == m_resources.end() ? nullptr : &found->second;
+}
+
+void Content::addText(const std::string& path, std::string name, std::string type, std::string bytes,
+                      std::string gzip) {
+    std::string tag = tagOfBytes(bytes);
+    m_resources.emplace(path, Resource{std::move(name), std::move(type), std::move(tag), std::move(bytes),
+                                       std::move(gzip), std::nullopt});
+}
+
+// The files are opened first, checked by their names, and must then still be the ones of these names: another
+// dataset may take the folder at any moment.
+void Content::addDataset(const std::string& folder, const std::string& base) {
+    std::array<std::optional<StampedFile>, datasetFiles.size()> files;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        files[i] = openFile(pathFromText(folder) / datasetFiles[i]);
+    }
+    requireSoundDataset(folder);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::optional<FileIdentity> named = identityOf(pathFromText(folder) / datasetFiles[i]);
+        const bool isSame =
+            files[i] ? named == files[i]->stamp().identity && files[i]->isUnchanged() : !named;
+        if (!isSame) {
+            throw Failure(
+                ExitStatus::InputRefused,
+                fmt::format("{}: {} was replaced while it was checked: try again", folder, datasetFiles[i]));
+        }
+        if (files[i]) {
+            std::string tag = tagOfFile(files[i]->stamp());
+            m_resources.emplace(base + std::string(datasetFiles[i]),
+                                Resource{fmt::format("{} of {}", datasetFiles[i], folder),
+                                         "application/octet-stream",
+                                         std::move(tag),
+                                         {},
+                                         {},
+                                         std::move(files[i])});
+        }
+    }
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,75 @@
+#include "program/system/stamped_file.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr std::intptr_t noHandle = -1;
+
+std::optional<StampedFile::Stamp> stampOf(std::intptr_t handle) {
+    constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
+    struct stat status = {};
+    if (::fstat(static_cast<int>(handle), &status) != 0) {
+        return std::nullopt;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    return StampedFile::Stamp{{status.st_dev, status.st_ino},
+                              static_cast<std::uint64_t>(status.st_size),
+                              status.st_mtim.tv_sec * nanosecondsPerSecond + status.st_mtim.tv_nsec};
+}
+
+} // namespace
+
+std::optional<StampedFile> StampedFile::open(const std::filesystem::path& path, std::error_code& error) {
+    error.clear();
+    // A pipe of that name must not be waited for.
+    const std::intptr_t handle = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const std::optional<Stamp> stamp = handle == noHandle ? std::nullopt : stampOf(handle);
+    if (!stamp) {
+        error = {errno, std::system_category()};
+        if (handle != noHandle) {
+            ::close(static_cast<int>(handle));
+        }
+        return std::nullopt;
+    }
+    return StampedFile(handle, *stamp);
+}
+
+StampedFile::StampedFile(StampedFile&& other) noexcept
+    : m_handle(std::exchange(other.m_handle, noHandle)), m_stamp(other.m_stamp) {}
+
+StampedFile::~StampedFile() {
+    if (m_handle != noHandle) {
+        ::close(static_cast<int>(m_handle));
+    }
+}
+
+bool StampedFile::isUnchanged() const {
+    return stampOf(m_handle) == m_stamp;
+}
+
+bool StampedFile::read(std::uint64_t offset, char* target, std::size_t count) const {
+    while (count > 0) {
+        const ssize_t got = ::pread(static_cast<int>(m_handle), target, count, static_cast<off_t>(offset));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return false;
+        }
+        offset += static_cast<std::uint64_t>(got);
+        target += got;
+        count -= static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+} // namespace Tavrin::SplatProgram

@@ -1,0 +1,73 @@
+// A server that answers in a thread of its own while a test asks it.
+#pragma once
+
+#include "program/serve/content.h"
+#include "program/serve/server.h"
+#include "tests/serve/raw_client.h"
+#include "tests/support/dataset_writer.h"
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Serving {
+
+namespace Program = Tavrin::SplatProgram;
+
+class Running {
+public:
+    explicit Running(const std::vector<std::string>& folders, const Program::ServerLimits& limits = {})
+        : m_content(Program::Content::ofDatasets(folders)), m_server(m_content, 0, limits),
+          m_thread([this] { m_server.run([this] { return m_shouldEnd.load(); }); }) {}
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+    ~Running() { end(); }
+
+    std::uint16_t port() const { return m_server.port(); }
+
+    // One request on a connection of its own.
+    RawClient::Answer ask(const std::string& method, const std::string& target,
+                          const std::string& fields = {}) const {
+        return RawClient::Connection(port()).ask(method, target, fields);
+    }
+
+    // Returns when the server has ended; it still holds its sockets.
+    void end() {
+        m_shouldEnd = true;
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+private:
+    std::atomic<bool> m_shouldEnd = false;
+    Program::Content m_content;
+    Program::Server m_server;
+    std::thread m_thread;
+};
+
+// Five splats in one cell.
+inline std::string smallDataset(const std::filesystem::path& folder) {
+    DatasetWriter::writeFiles(folder, DatasetWriter::oneCellFiles(DatasetWriter::smallScene()));
+    return folder.string();
+}
+
+// More than the system keeps between a server and a client that does not read: 32 MB of data.bin, all zeros.
+inline constexpr std::uint64_t manySplats = 1'000'000;
+inline std::string largeDataset(const std::filesystem::path& folder) {
+    DatasetWriter::MetaFields fields;
+    fields.cellLengthX = fields.cellLengthY = 30;
+    DatasetWriter::Files files = DatasetWriter::oneCellFiles({}, fields);
+    fields.totalSplats = manySplats;
+    files.meta = DatasetWriter::metaText(fields);
+    files.index = DatasetWriter::indexEntry(0, {{manySplats, 0}});
+    DatasetWriter::writeFiles(folder, files);
+    std::filesystem::resize_file(folder / "data.bin", manySplats * 32);
+    std::filesystem::resize_file(folder / "shcoef.bin", manySplats * 64);
+    return folder.string();
+}
+
+} // namespace Serving
