@@ -22,8 +22,6 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-constexpr const char* sourcePath = "convert";
-
 // Decoded blocks that an exception leaves in the list are freed with it.
 struct ReleaseChunks {
     ChunkList& chunks;
@@ -81,8 +79,8 @@ std::int32_t convert(const std::string& input, const std::string& output) {
     // untouched.
     recreateFolder(output);
     openRunLog(output + "/log.txt");
-    logInfo("input data file:" + input, sourcePath, 74);
-    logInfo("out input file path:" + output, sourcePath, 75);
+    logInfo(LogLines::inputPath, input);
+    logInfo(LogLines::outputPath, output);
 
     Chunker chunker{.bounding = {},
                     .name = {},

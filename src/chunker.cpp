@@ -185,7 +185,7 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
                          std::string output) {
     bounding = sharedBounding;
     name = std::move(output);
-    logInfo("Start chunking... ", sourcePath, 37);
+    logInfo(LogLines::chunkingStarts);
     const AttributeBounding before = *bounding;
     ChunkPass pass(bounding, chunks);
     std::uint64_t splats = 0;
@@ -216,7 +216,7 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
         pool.drain();
     }
     settleOrder(pass, before);
-    logInfo("chunking finished . ", sourcePath, 342);
+    logInfo(LogLines::chunkingEnds);
 }
 
 void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept {

@@ -1,6 +1,5 @@
 #include "src/indexer.h"
 
-#include "src/indexer_files.h"
 #include "src/runlog.h"
 
 #include <thread>
@@ -15,7 +14,7 @@ Indexer::Indexer(std::vector<SplatHeader> inputHeaders, std::string output, std:
 void Indexer::run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList,
                   std::uint64_t vertexCount, std::string label, std::uint64_t count,
                   std::shared_ptr<Params> sharedParams) {
-    logInfo("Start Index ,need a little time ... ", indexerSource, 29);
+    logInfo(LogLines::indexStarts);
     bounding = std::move(sharedBounding);
     params = std::move(sharedParams);
     chunks = std::move(chunkList);
@@ -23,13 +22,13 @@ void Indexer::run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared
     countLabel = std::move(label);
     splatCount = count;
     buildIndex();
-    logInfo("Index finished ,Start create Data... ", indexerSource, 38);
+    logInfo(LogLines::dataStarts);
     writeDataFiles();
-    logInfo("Index finished ,Start create Index... ", indexerSource, 40);
+    logInfo(LogLines::indexFileStarts);
     writeIndexFile();
-    logInfo("Index finished ,Start create meta data ", indexerSource, 42);
+    logInfo(LogLines::metaStarts);
     writeMeta();
-    logInfo("All tasks finished .", indexerSource, 45);
+    logInfo(LogLines::allDone);
 }
 
 } // namespace Tavrin::GaussionSplat

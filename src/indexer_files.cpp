@@ -75,13 +75,21 @@ void store(std::byte* place, Value value) {
 } // namespace
 
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level) {
+    std::vector<std::uint32_t> occupied;
+    occupied.reserve(level.cells->size());
+    for (const auto& entry : *level.cells) {
+        occupied.push_back(entry.first);
+    }
+    return walkGrid(grid, occupied);
+}
+
+std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied) {
     // Going over the occupied cells instead of the grid keeps a sparse scene with far-off bounds from walking
     // 2^62 empty cells; sorting by column and row gives the walk's order.
     const auto columns = static_cast<std::uint32_t>(std::max(grid.cellCountX, 0));
     const auto rows = static_cast<std::uint32_t>(std::max(grid.cellCountY, 0));
     std::vector<WalkStep> steps;
-    for (const auto& entry : *level.cells) {
-        const std::uint32_t key = entry.first;
+    for (const std::uint32_t key : occupied) {
         forEachStep(key, columns, rows, [&](std::uint32_t column, std::uint32_t row) {
             steps.push_back({column, row, key});
         });
@@ -239,10 +247,10 @@ void Indexer::writeDataFiles() {
         entry += indexEntrySize;
     }
     writer.finish();
-    logInfo("Data create finished , free file stream... ", indexerSource, hasShcoef ? 694 : 827);
+    logInfo(LogLines::dataCreated(hasShcoef));
     writer.dataFile.close();
     writer.shcoefFile.close();
-    logInfo("Data create finished , free file stream success.", indexerSource, hasShcoef ? 701 : 832);
+    logInfo(LogLines::dataClosed(hasShcoef));
 }
 
 void Indexer::writeIndexFile() {

@@ -11,9 +11,10 @@ namespace Tavrin::GaussionSplat {
 
 inline constexpr const char* indexerSource = "src/indexer";
 
-// The keys that a walk over the grid finds in cells, in the order of the walk: column by column, row by row.
-// The walk forms the key of each column and row without masking either to 16 bits, so on a grid of more than
-// 65,536 columns or rows it meets a key more than once.
+// The keys that a walk over the grid finds among occupied, which holds none twice, in the order of the walk:
+// column by column, row by row. The walk forms the key of each column and row without masking either to 16
+// bits, so on a grid of more than 65,536 columns or rows it meets a key more than once.
+std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied);
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level);
 
 } // namespace Tavrin::GaussionSplat

@@ -74,9 +74,10 @@ std::string member(const std::string& key, const std::string& value) {
     return tabs(1) + quoted(key) + ": " + value + ",\n";
 }
 
-std::string metaText(const Indexer& indexer) {
-    const Params& params = *indexer.params;
-    const SplatHeader& header = indexer.headers.front();
+} // namespace
+
+std::string metaText(const MetaValues& values) {
+    const Params& params = values.params;
     std::string text = tabs(0) + "{\n";
     text += member("version", quoted("4.0"));
     text += member("guid", quoted(generateGuid()));
@@ -84,25 +85,23 @@ std::string metaText(const Indexer& indexer) {
     text += member("description", quoted("Tavrin all right reserved"));
     text += member("source", quoted(params.dataType)); // deliberately crosswise, this and the next
     text += member("dataType", quoted(params.source));
-    text += member("totalSplats", std::to_string(indexer.totalSplats));
-    text += member("totalLevel", std::to_string(indexer.totalLevel));
-    text += member("cellLengthX", formatNumber(chunkGrid.cellSizeX));
-    text += member("cellLengthY", formatNumber(chunkGrid.cellSizeY));
-    text += member("indexDataSize", std::to_string(indexer.indexEntrySize));
+    text += member("totalSplats", std::to_string(values.splats));
+    text += member("totalLevel", std::to_string(values.totalLevel));
+    text += member("cellLengthX", formatNumber(values.grid.cellSizeX));
+    text += member("cellLengthY", formatNumber(values.grid.cellSizeY));
+    text += member("indexDataSize", std::to_string(values.indexEntrySize));
     text += member("offset", formatVector3(params.offsetx, params.offsety, params.offsetz));
     text += member("epsg", std::to_string(params.epsg));
     text += member("shift", formatVector3(params.shiftx, params.shifty, params.shiftz));
     text += member("scale", formatVector3(params.scalex, params.scaley, params.scalez));
-    text += member("splats", indexer.countLabel);
-    text += member("boundingBox", boundingBoxJson(header.bboxMin, header.bboxMax));
-    text += member("encoding", quoted(indexer.compressed != 0 ? "COMPRESS" : "DEFAULT"));
-    text += member("fileType", quoted(indexer.bounding->hasShcoef ? "Quality" : "Portable"));
+    text += member("splats", values.countLabel);
+    text += member("boundingBox", boundingBoxJson(values.bboxMin, values.bboxMax));
+    text += member("encoding", quoted(values.compressed ? "COMPRESS" : "DEFAULT"));
+    text += member("fileType", quoted(values.bounding.hasShcoef ? "Quality" : "Portable"));
     text += tabs(1) + quoted("attributes") + ": " +
-            attributesJson(*indexer.bounding, header.bboxMin, header.bboxMax) + "\n";
+            attributesJson(values.bounding, values.bboxMin, values.bboxMax) + "\n";
     return text + tabs(0) + "}\n";
 }
-
-} // namespace
 
 std::string attributesJson(const AttributeBounding& bounding, const Vector3& bboxMin,
                            const Vector3& bboxMax) {
@@ -129,8 +128,18 @@ std::string attributesJson(const AttributeBounding& bounding, const Vector3& bbo
 }
 
 void Indexer::writeMeta() {
-    const std::string text = metaText(*this);
-    std::ofstream file(nativePath(outputFolder + "/converted_from_ply.ytr"), std::ios::out | std::ios::trunc);
+    const SplatHeader& header = headers.front();
+    const std::string text = metaText({.params = *params,
+                                       .bounding = *bounding,
+                                       .grid = chunkGrid,
+                                       .bboxMin = header.bboxMin,
+                                       .bboxMax = header.bboxMax,
+                                       .splats = totalSplats,
+                                       .totalLevel = totalLevel,
+                                       .indexEntrySize = indexEntrySize,
+                                       .countLabel = countLabel,
+                                       .compressed = compressed != 0});
+    std::ofstream file(nativePath(outputFolder + '/' + metaFileName), std::ios::out | std::ios::trunc);
     if (!file) {
         logError("cannot open meta file,write file fail", indexerSource, 519);
         endProcess(-1);

@@ -1,8 +1,10 @@
 // The texts of the meta document.
 #pragma once
 
+#include "src/cells.h"
 #include "src/records.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -34,5 +36,24 @@ std::string boundingBoxJson(const Vector3& bboxMin, const Vector3& bboxMax);
 // bounding box times ten, and the three "env" entries repeat the ranges of normal, shcoef and scale; both are
 // deliberate.
 std::string attributesJson(const AttributeBounding& bounding, const Vector3& bboxMin, const Vector3& bboxMax);
+
+inline constexpr const char* metaFileName = "converted_from_ply.ytr";
+
+// What the meta document tells of a dataset.
+struct MetaValues {
+    const Params& params;
+    const AttributeBounding& bounding;
+    const ChunkGrid& grid;
+    Vector3 bboxMin;
+    Vector3 bboxMax;
+    std::uint64_t splats = 0;
+    std::int32_t totalLevel = 1;
+    std::uint32_t indexEntrySize = 0; // bytes
+    std::string countLabel;           // the splat count between brackets
+    bool compressed = true;           // the coefficients are packed
+};
+
+// The whole document, with a guid of its own. Lines end with a line feed.
+std::string metaText(const MetaValues& values);
 
 } // namespace Tavrin::GaussionSplat

@@ -46,6 +46,14 @@ void logInfo(std::string message, std::string sourcePath, std::int32_t line) {
     writeToFile(formLine("INFO(", message, sourcePath, line));
 }
 
+std::string infoLine(const RunLogLine& line, const std::string& rest) {
+    return formLine("INFO(", line.message + rest, line.sourcePath, line.line);
+}
+
+void logInfo(const RunLogLine& line, const std::string& rest) {
+    writeToFile(infoLine(line, rest));
+}
+
 void logError(std::string message, std::string sourcePath, std::int32_t line) {
     const std::string text = formLine("ERROR(", message, sourcePath, line);
     // In one piece, so that the lines of several workers stay whole without a lock.

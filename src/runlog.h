@@ -6,6 +6,8 @@
 // closeRunLog take no lock: they are called while no worker runs.
 #pragma once
 
+#include "src/runlog_lines.h"
+
 #include <cstdint>
 #include <string>
 
@@ -16,6 +18,12 @@ void openRunLog(std::string path);
 
 // One INFO line to the file; dropped when no log has ever been opened in this process.
 void logInfo(std::string message, std::string sourcePath, std::int32_t line);
+
+// The same for a line of the table, whose message goes on with rest.
+void logInfo(const RunLogLine& line, const std::string& rest = {});
+
+// The text of that line, without its end.
+std::string infoLine(const RunLogLine& line, const std::string& rest = {});
 
 // One ERROR line to standard output and, when a log has been opened, to the file.
 void logError(std::string message, std::string sourcePath, std::int32_t line);

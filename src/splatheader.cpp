@@ -159,6 +159,11 @@ bool checkSplatHeader(std::string path) {
     return found[0] && found[1] && found[2] && found[3];
 }
 
+// The limits are single-precision constants. A scene that really starts at x = 0 is scanned.
+bool statesBounds(const Params& params) {
+    return std::abs(params.minx) > double{0.001f} && std::abs(params.maxx) > double{0.1f};
+}
+
 SplatHeader::SplatHeader(std::string inputPath, const std::shared_ptr<Params>& params, std::int32_t) {
     fileSize = fileSizeOf(inputPath);
     std::ifstream file = openInput(inputPath);
@@ -177,9 +182,7 @@ SplatHeader::SplatHeader(std::string inputPath, const std::shared_ptr<Params>& p
     file.close();
     boundsFromHeader = reading.boundsSeen;
 
-    // Stated bounds count when both x bounds are away from their defaults; the limits are single-precision
-    // constants. A scene that really starts at x = 0 is scanned.
-    if (std::abs(params->minx) > double{0.001f} && std::abs(params->maxx) > double{0.1f}) {
+    if (statesBounds(*params)) {
         bboxMin = {params->minx, params->miny, params->minz};
         bboxMax = {params->maxx, params->maxy, params->maxz};
     } else {
@@ -204,22 +207,29 @@ double cellSize(std::uint64_t vertexCount, double extentX, double extentY) {
 
 } // namespace
 
-void chooseGrid(std::int64_t vertexCount, const Vector3& bboxMin, const Vector3& bboxMax) {
+ChunkGrid gridFor(std::int64_t vertexCount, const Vector3& bboxMin, const Vector3& bboxMax,
+                  const ChunkGrid& before) {
+    ChunkGrid grid = before;
     const double extentX = bboxMax.x - bboxMin.x;
     const double extentY = bboxMax.y - bboxMin.y;
     const auto count = static_cast<std::uint64_t>(vertexCount);
-    chunkGrid.originX = static_cast<float>(bboxMin.x);
-    chunkGrid.originY = static_cast<float>(bboxMin.y);
+    grid.originX = static_cast<float>(bboxMin.x);
+    grid.originY = static_cast<float>(bboxMin.y);
     if (count < gridVertexCount) {
-        chunkGrid.cellSizeX = static_cast<float>(extentX);
-        chunkGrid.cellSizeY = static_cast<float>(extentY);
-        return;
+        grid.cellSizeX = static_cast<float>(extentX);
+        grid.cellSizeY = static_cast<float>(extentY);
+        return grid;
     }
     const double size = cellSize(count, extentX, extentY);
-    chunkGrid.cellSizeX = static_cast<float>(size);
-    chunkGrid.cellSizeY = static_cast<float>(size);
-    chunkGrid.cellCountX = static_cast<std::int32_t>(truncateToBits((size + extentX) / size));
-    chunkGrid.cellCountY = static_cast<std::int32_t>(truncateToBits((extentY + size) / size));
+    grid.cellSizeX = static_cast<float>(size);
+    grid.cellSizeY = static_cast<float>(size);
+    grid.cellCountX = static_cast<std::int32_t>(truncateToBits((size + extentX) / size));
+    grid.cellCountY = static_cast<std::int32_t>(truncateToBits((extentY + size) / size));
+    return grid;
+}
+
+void chooseGrid(std::int64_t vertexCount, const Vector3& bboxMin, const Vector3& bboxMax) {
+    chunkGrid = gridFor(vertexCount, bboxMin, bboxMax, chunkGrid);
 }
 
 } // namespace Tavrin::GaussionSplat

@@ -69,8 +69,15 @@ extern ChunkGrid chunkGrid;
 // A scene of at least this many splats gets a grid of square cells; below, one cell spans the scene.
 inline constexpr std::uint64_t gridVertexCount = 1'000'000;
 
+// Whether a header's bounds count: both x bounds are away from their defaults. Else the box is measured.
+bool statesBounds(const Params& params);
+
+// The grid of a scene. Below gridVertexCount the cell counts are those of before. A negative vertexCount
+// counts as a very large one.
+ChunkGrid gridFor(std::int64_t vertexCount, const Vector3& bboxMin, const Vector3& bboxMax,
+                  const ChunkGrid& before);
+
 // Set chunkGrid for a scene. Below gridVertexCount the cell counts keep the values of the conversion before.
-// A negative vertexCount counts as a very large one.
 void chooseGrid(std::int64_t vertexCount, const Vector3& bboxMin, const Vector3& bboxMax);
 
 } // namespace Tavrin::GaussionSplat
