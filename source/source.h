@@ -44,6 +44,13 @@ struct Source {
     // several threads at once. Throws SourceError or SourceChanged.
     virtual std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const = 0;
 
+    // The box of a scene whose header states no usable one holds the origin and the position of every record.
+    // The converter's own scan of a file may step differently from its records: then this is the number of
+    // positions it sees, and readBoxPositions gives those of [first, first + size), three floats each, at
+    // the start of `positions`, which has room for 62 floats each. 0: the records' own positions count.
+    virtual std::uint64_t boxPositions() const { return 0; }
+    virtual void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const;
+
     // Throws SourceChanged when a file of the source is no longer the one that was opened: its size, its time
     // of change or its identity differ.
     virtual void requireUnchanged() const = 0;

@@ -19,7 +19,7 @@ namespace Tavrin::SplatStream {
 
 // The conversion cannot be done within the stated memory; `least` bytes would do.
 struct TooLittleMemory : std::runtime_error {
-    TooLittleMemory(const std::string& text, std::uint64_t least) : std::runtime_error(text), least(least) {}
+    TooLittleMemory(const std::string& text, std::uint64_t bytes) : std::runtime_error(text), least(bytes) {}
     std::uint64_t least;
 };
 

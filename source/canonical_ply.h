@@ -1,0 +1,41 @@
+// The scene of a binary little-endian PLY file whose records are in the canonical form already.
+#pragma once
+
+#include "source/record_file.h"
+#include "source/source.h"
+
+#include <cstdint>
+#include <filesystem>
+
+namespace Tavrin::SplatSource {
+
+// Where the records of a file stand, and what its header says of them.
+struct CanonicalPlyFacts {
+    std::uint64_t bodyAt = 0; // byte offset of the first record
+    std::uint64_t count = 0;  // records
+    bool hasCoefficients = false;
+    GaussionSplat::Params params;
+    bool boundsSeen = false;
+};
+
+class CanonicalPly final : public Source {
+public:
+    // Throws SourceError when the file cannot be opened or ends before its last record.
+    CanonicalPly(const std::filesystem::path& path, const CanonicalPlyFacts& facts);
+
+    std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override;
+
+    // The converter's scan steps by 248 bytes from the first record on, whatever the size of a record, and
+    // sees zeros behind the end of the file.
+    std::uint64_t boxPositions() const override;
+    void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const override;
+
+    void requireUnchanged() const override { m_file.requireUnchanged(); }
+
+private:
+    RecordFile m_file;
+    std::uint64_t m_bodyAt;
+    std::uint64_t m_recordBytes;
+};
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,84 @@
+#include "source/record_file.h"
+
+#include "source/source.h"
+
+#include <cstddef>
+#include <system_error>
+
+namespace Tavrin::SplatSource {
+
+namespace {
+
+std::string systemText(int error) {
+    return std::error_code(error, std::system_category()).message();
+}
+
+} // namespace
+
+std::string textOf(const std::filesystem::path& path) {
+    const std::u8string text = path.u8string();
+    return {text.begin(), text.end()};
+}
+
+RecordFile::RecordFile(const std::filesystem::path& path) : m_path(path) {
+    int error = 0;
+    m_handle = open(path, error);
+    if (error != 0) {
+        throw SourceError(name() + ": the file cannot be opened: " + systemText(error) +
+                          ": check the path and the permissions");
+    }
+    m_opened = stateOf(m_handle, error);
+    if (error != 0) {
+        close(m_handle);
+        throw SourceError(name() + ": the system tells nothing of the file: " + systemText(error) +
+                          ": check the disk");
+    }
+}
+
+RecordFile::~RecordFile() {
+    close(m_handle);
+}
+
+std::uint64_t RecordFile::readUpTo(std::uint64_t offset, void* destination, std::uint64_t length) const {
+    std::uint64_t got = 0;
+    while (got < length) {
+        int error = 0;
+        const std::uint64_t more =
+            readSome(m_handle, offset + got, static_cast<std::byte*>(destination) + got, length - got, error);
+        if (error != 0) {
+            throw SourceChanged(name() + ": the system fails to read at byte " +
+                                std::to_string(offset + got) + ": " + systemText(error) + ": check the disk");
+        }
+        if (more == 0) {
+            break;
+        }
+        got += more;
+    }
+    return got;
+}
+
+void RecordFile::read(std::uint64_t offset, void* destination, std::uint64_t length) const {
+    const std::uint64_t got = readUpTo(offset, destination, length);
+    if (got < length) {
+        throw SourceChanged(name() + ": the file ends at byte " + std::to_string(offset + got) + " where " +
+                            std::to_string(length - got) +
+                            " more bytes were expected: it was cut while it was read; start again once it is "
+                            "whole");
+    }
+}
+
+void RecordFile::requireUnchanged() const {
+    int error = 0;
+    const FileState named = stateOf(m_path, error);
+    if (error != 0) {
+        throw SourceChanged(name() + ": the file is gone: " + systemText(error) +
+                            ": leave it in its place while it is read");
+    }
+    const FileState held = stateOf(m_handle, error);
+    if (error != 0 || held != m_opened || named != m_opened) {
+        throw SourceChanged(name() + ": the file was changed or replaced while it was read: start again once "
+                                     "nothing writes to it");
+    }
+}
+
+} // namespace Tavrin::SplatSource

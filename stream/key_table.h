@@ -1,0 +1,83 @@
+// Numbers for keys: an open hash table of eight bytes an entry.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace Tavrin::SplatStream {
+
+class KeyTable {
+public:
+    static constexpr std::uint32_t none = UINT32_MAX;
+
+    // Room for `keys` keys without growing.
+    explicit KeyTable(std::uint64_t keys = 0) { resize(entriesFor(keys)); }
+
+    // The number of a key, or none.
+    std::uint32_t find(std::uint32_t key) const {
+        for (std::size_t at = hashOf(key);; at = (at + 1) & m_mask) {
+            const Entry& entry = m_entries[at];
+            if (entry.number == none || entry.key == key) {
+                return entry.number;
+            }
+        }
+    }
+
+    // Give a key that is not there a number. isFull must be false.
+    void insert(std::uint32_t key, std::uint32_t number) {
+        std::size_t at = hashOf(key);
+        while (m_entries[at].number != none) {
+            at = (at + 1) & m_mask;
+        }
+        m_entries[at] = {key, number};
+        ++m_used;
+    }
+
+    // The next insert needs a larger table.
+    bool isFull() const { return m_used * 2 >= m_entries.size(); }
+    void grow() {
+        std::vector<Entry> old = std::move(m_entries);
+        resize(old.size() * 2);
+        for (const Entry& entry : old) {
+            if (entry.number != none) {
+                insert(entry.key, entry.number);
+            }
+        }
+    }
+
+    static std::uint64_t bytesFor(std::uint64_t keys) { return entriesFor(keys) * sizeof(Entry); }
+    std::uint64_t bytes() const { return m_entries.size() * sizeof(Entry); }
+
+private:
+    struct Entry {
+        std::uint32_t key = 0;
+        std::uint32_t number = none; // an empty entry
+    };
+
+    std::vector<Entry> m_entries; // a power of two
+    std::size_t m_mask = 0;
+    std::size_t m_used = 0;
+    unsigned m_shift = 0;
+
+    static std::uint64_t entriesFor(std::uint64_t keys) {
+        constexpr std::uint64_t least = 256;
+        return keys * 2 + 2 < least ? least : std::bit_ceil(keys * 2 + 2);
+    }
+
+    void resize(std::size_t entries) {
+        m_entries.assign(entries, {});
+        m_mask = entries - 1;
+        m_used = 0;
+        m_shift = static_cast<unsigned>(64 - std::countr_zero(entries));
+    }
+
+    // The high bits of a product with the golden ratio.
+    std::size_t hashOf(std::uint32_t key) const {
+        return static_cast<std::size_t>(key * UINT64_C(0x9E3779B97F4A7C15) >> m_shift);
+    }
+};
+
+} // namespace Tavrin::SplatStream

@@ -1,0 +1,356 @@
+#include "stream/cell_counts.h"
+#include "stream/conversion.h"
+#include "stream/crew.h"
+#include "stream/raw_ranges.h"
+
+#include "src/indexer_files.h"
+#include "src/lanes.h"
+#include "src/platform.h"
+#include "src/splatheader.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace Tavrin::SplatStream {
+
+using namespace GaussionSplat;
+
+namespace {
+
+struct Box {
+    Vector3 min;
+    Vector3 max;
+};
+
+bool lieIn(const float* position, const Box& box) {
+    return position[0] >= box.min.x && position[0] <= box.max.x && position[1] >= box.min.y &&
+           position[1] <= box.max.y && position[2] >= box.min.z && position[2] <= box.max.z;
+}
+
+// What one worker finds in its windows.
+struct Found {
+    explicit Found(bool hasCoefficients) : ranges(hasCoefficients) {}
+
+    RawRanges ranges;
+    ValueRange finite[3]; // of the finite coordinates, kept from the first one that is not finite on
+    std::uint64_t splats = 0;
+    std::uint64_t notFinite = 0;
+    std::uint64_t outside = 0;
+    CellCounts cells;
+    ValueRange scan[3]; // of the positions that the box is taken from
+
+    LargeArray<float> window;
+    std::vector<std::uint32_t> keys;
+};
+
+// The x and y of every splat: the grid is known only when all of them are read.
+struct KeptPositions {
+    LargeArray<float> positions;       // two floats each, by record of the input
+    std::vector<std::uint32_t> counts; // splats of each window
+};
+
+// The pass, and what it is made of.
+struct MeasurePass {
+    const SplatSource::Source& source;
+    const Settings& settings;
+    Windows windows;
+    std::size_t recordFloats;
+    std::uint64_t windowFloats; // of a worker's window
+    std::optional<Box> statedBox;
+    std::optional<ChunkGrid> expectedGrid; // cells are counted on the way
+    std::uint64_t spareMemory = 0;         // what cell counts may take
+    KeptPositions kept;
+    std::vector<std::unique_ptr<Found>> found; // by worker
+    unsigned workers = 1;
+
+    MeasurePass(const SplatSource::Source& scene, const Settings& chosen);
+
+    Measured run();
+
+private:
+    std::uint64_t workerBytes() const; // but for the cells it counts
+    std::uint64_t leastForCells() const;
+    void planMemory();
+    void readAll();
+    void readWindow(std::uint64_t window, Found& own);
+    void lookAtPositions(std::uint64_t count, Found& own);
+    void keepPositions(std::uint64_t window, std::uint64_t count, const Found& own);
+    void scanBox();
+    void settleBox(Measured& measured) const;
+    void countCells(Measured& measured);
+    void countAgain(const ChunkGrid& grid);
+    void countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own);
+    void addKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
+                 Found& own);
+    void forEachWindow(const Windows& all, Crew& crew,
+                       const std::function<void(std::uint64_t, Found&)>& body);
+};
+
+std::uint64_t checkedWindow(const Settings& settings) {
+    return std::clamp<std::uint64_t>(settings.windowRecords, 1, std::uint64_t{1} << 20);
+}
+
+MeasurePass::MeasurePass(const SplatSource::Source& scene, const Settings& chosen)
+    : source(scene),
+      settings(chosen), windows{.records = scene.count, .windowRecords = checkedWindow(chosen)},
+      recordFloats(recordLayout(scene.hasCoefficients).floats) {
+    if (statesBounds(source.params)) {
+        const Params& params = source.params;
+        statedBox = Box{.min = {params.minx, params.miny, params.minz},
+                        .max = {params.maxx, params.maxy, params.maxz}};
+    }
+    const bool ownPositions = !statedBox && source.boxPositions() > 0;
+    windowFloats = std::min(windows.windowRecords, std::max<std::uint64_t>(windows.records, 1)) *
+                   (ownPositions ? layoutWithShcoef.floats : recordFloats);
+    planMemory();
+    for (unsigned worker = 0; worker < workers; ++worker) {
+        found.push_back(std::make_unique<Found>(source.hasCoefficients));
+        found.back()->window = makeLargeArray<float>(windowFloats);
+        found.back()->keys.resize(windows.windowRecords);
+        found.back()->cells.limit(spareMemory / workers, leastForCells());
+    }
+}
+
+std::uint64_t MeasurePass::workerBytes() const {
+    return windowFloats * sizeof(float) + windows.windowRecords * sizeof(std::uint32_t) + sizeof(Found) +
+           CellCounts::leastBytes;
+}
+
+// Enough for a cell a splat: planMemory leaves half of what is spare to the cells.
+std::uint64_t MeasurePass::leastForCells() const {
+    return settings.threads * (workerBytes() + 4 * CellCounts::peakBytes(source.count));
+}
+
+// As many workers as fit; positions are kept where they fit beside them, and are else read once more.
+void MeasurePass::planMemory() {
+    const std::uint64_t least = workerBytes();
+    if (settings.maxMemory < least) {
+        throw TooLittleMemory("measuring the scene needs " + std::to_string(least) + " bytes of memory",
+                              least);
+    }
+    workers = static_cast<unsigned>(std::clamp<std::uint64_t>(
+        std::min<std::uint64_t>(settings.threads, windows.count()), 1, settings.maxMemory / least));
+    spareMemory = settings.maxMemory - workers * least;
+    if (source.count <= singleCellSplats) {
+        return;
+    }
+    if (statedBox) {
+        expectedGrid = gridFor(static_cast<std::int64_t>(source.count), statedBox->min, statedBox->max, {});
+        return;
+    }
+    // Half of the memory stays for what is known of cells.
+    const std::uint64_t counts = windows.count() * sizeof(std::uint32_t);
+    const std::uint64_t bytes = source.count * 2 * sizeof(float);
+    if (bytes + counts <= spareMemory / 2) {
+        kept.positions = makeLargeArray<float>(source.count * 2);
+        kept.counts.resize(windows.count());
+        spareMemory -= bytes + counts;
+    }
+}
+
+void MeasurePass::forEachWindow(const Windows& all, Crew& crew,
+                                const std::function<void(std::uint64_t, Found&)>& body) {
+    std::atomic<std::uint64_t> next = 0;
+    crew.run(workers, [&](unsigned worker) {
+        for (;;) {
+            const std::uint64_t window = next.fetch_add(1, std::memory_order_relaxed);
+            if (window >= all.count() || crew.isStopped()) {
+                return;
+            }
+            body(window, *found[worker]);
+            crew.advance(0);
+        }
+    });
+}
+
+void MeasurePass::lookAtPositions(std::uint64_t count, Found& own) {
+    const float* const records = own.window.get();
+    std::uint64_t notFinite = 0;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const float* const position = records + i * recordFloats;
+        // The difference of a number with itself is zero, of anything else NaN.
+        const float all =
+            (position[0] - position[0]) + (position[1] - position[1]) + (position[2] - position[2]);
+        notFinite += all == 0.0f ? 0 : 1;
+    }
+    own.notFinite += notFinite;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const float value = records[i * recordFloats + axis];
+            if (std::isfinite(value)) {
+                own.finite[axis].fold(value);
+            }
+        }
+    }
+    for (std::uint64_t i = 0; statedBox && i < count; ++i) {
+        own.outside += lieIn(records + i * recordFloats, *statedBox) ? 0 : 1;
+    }
+}
+
+void MeasurePass::keepPositions(std::uint64_t window, std::uint64_t count, const Found& own) {
+    float* place = kept.positions.get() + 2 * windows.first(window);
+    const float* record = own.window.get();
+    for (std::uint64_t i = 0; i < count; ++i, record += recordFloats, place += 2) {
+        place[0] = record[positionAt];
+        place[1] = record[positionAt + 1];
+    }
+    kept.counts[window] = static_cast<std::uint32_t>(count);
+}
+
+void MeasurePass::readWindow(std::uint64_t window, Found& own) {
+    const std::uint64_t first = windows.first(window);
+    const std::uint64_t count = source.read(first, windows.size(window), own.window.get());
+    own.splats += count;
+    own.ranges.fold(own.window.get(), count, first);
+    lookAtPositions(count, own);
+    if (expectedGrid) {
+        addKeys(own.window.get(), recordFloats, count, *expectedGrid, own);
+    } else if (kept.positions) {
+        keepPositions(window, count, own);
+    }
+}
+
+void MeasurePass::readAll() {
+    Crew crew(settings);
+    forEachWindow(windows, crew, [&](std::uint64_t window, Found& own) {
+        readWindow(window, own);
+        crew.advance(windows.size(window));
+    });
+    crew.reportEnd();
+}
+
+void MeasurePass::scanBox() {
+    Crew crew(settings);
+    const Windows all{.records = source.boxPositions(), .windowRecords = windows.windowRecords};
+    forEachWindow(all, crew, [&](std::uint64_t window, Found& own) {
+        source.readBoxPositions(all.first(window), all.size(window), own.window.get());
+        for (std::uint64_t i = 0; i < 3 * all.size(window); ++i) {
+            own.scan[i % 3].fold(own.window[i]);
+        }
+    });
+}
+
+// The measured box holds the origin: it starts from there.
+void MeasurePass::settleBox(Measured& measured) const {
+    measured.isBoxStated = statedBox.has_value();
+    if (statedBox) {
+        measured.bboxMin = statedBox->min;
+        measured.bboxMax = statedBox->max;
+        return;
+    }
+    float min[3] = {};
+    float max[3] = {};
+    for (const std::unique_ptr<Found>& own : found) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const ValueRange& range =
+                source.boxPositions() > 0 ? own->scan[axis] : own->ranges.column(positionAt + axis);
+            min[axis] = minimum(min[axis], range.min);
+            max[axis] = maximum(max[axis], range.max);
+        }
+    }
+    measured.bboxMin = {min[0], min[1], min[2]};
+    measured.bboxMax = {max[0], max[1], max[2]};
+}
+
+void MeasurePass::addKeys(const float* records, std::size_t stride, std::uint64_t count,
+                          const ChunkGrid& grid, Found& own) {
+    cellKeys(records, stride, count, grid, own.keys.data());
+    for (std::uint64_t i = 0; i < count; ++i) {
+        own.cells.add(own.keys[i]);
+    }
+}
+
+void MeasurePass::countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own) {
+    if (kept.positions) {
+        addKeys(kept.positions.get() + 2 * windows.first(window), 2, kept.counts[window], grid, own);
+        return;
+    }
+    const std::uint64_t count = source.read(windows.first(window), windows.size(window), own.window.get());
+    addKeys(own.window.get(), recordFloats, count, grid, own);
+}
+
+void MeasurePass::countAgain(const ChunkGrid& grid) {
+    for (const std::unique_ptr<Found>& own : found) {
+        own->cells.clear();
+    }
+    Crew crew(settings);
+    crew.advance(source.count); // the pass has done all splats, and says so when it ends
+    forEachWindow(windows, crew, [&](std::uint64_t window, Found& own) { countWindow(window, grid, own); });
+}
+
+// A key that the walk meets again lists a cell that is empty by then.
+void listCells(const CellCounts& counts, Measured& measured) {
+    std::uint64_t listed = 0;
+    std::vector<bool> isListed(counts.size());
+    for (const std::uint32_t key : walkGrid(measured.grid, counts.keys())) {
+        const std::uint32_t number = counts.numberOf(key);
+        const std::uint64_t splats = isListed[number] ? 0 : counts.splats(number);
+        isListed[number] = true;
+        measured.cells.push_back({.key = key, .splats = splats});
+        listed += splats;
+    }
+    measured.leftOut = measured.splats - listed;
+}
+
+void MeasurePass::countCells(Measured& measured) {
+    measured.grid =
+        gridFor(static_cast<std::int64_t>(measured.splats), measured.bboxMin, measured.bboxMax, {});
+    if (measured.splats <= singleCellSplats) {
+        measured.cells = {{.key = 0, .splats = measured.splats}};
+        return;
+    }
+    if (!expectedGrid || *expectedGrid != measured.grid) {
+        countAgain(measured.grid);
+    }
+    CellCounts& all = found.front()->cells;
+    all.limit(spareMemory, leastForCells());
+    for (std::size_t worker = 1; worker < found.size(); ++worker) {
+        all.join(found[worker]->cells);
+        found[worker]->cells.clear();
+    }
+    kept = {};
+    listCells(all, measured);
+}
+
+Measured MeasurePass::run() {
+    readAll();
+    if (!statedBox && source.boxPositions() > 0) {
+        scanBox();
+    }
+    Measured measured;
+    measured.read = source.count;
+    measured.hasCoefficients = source.hasCoefficients;
+    measured.params = source.params;
+    settleBox(measured);
+    RawRanges ranges(source.hasCoefficients);
+    ValueRange finite[3];
+    for (const std::unique_ptr<Found>& own : found) {
+        measured.splats += own->splats;
+        measured.notFinite += own->notFinite;
+        measured.outside += own->outside;
+        ranges.join(own->ranges);
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            finite[axis].min = minimum(finite[axis].min, own->finite[axis].min);
+            finite[axis].max = maximum(finite[axis].max, own->finite[axis].max);
+        }
+    }
+    measured.positionMin = {finite[0].min, finite[1].min, finite[2].min};
+    measured.positionMax = {finite[0].max, finite[1].max, finite[2].max};
+    measured.bounding = ranges.decoded();
+    countCells(measured);
+    source.requireUnchanged();
+    return measured;
+}
+
+} // namespace
+
+Measured measure(const SplatSource::Source& source, const Settings& settings) {
+    const DefaultFloatEnvironment environment;
+    return MeasurePass(source, settings).run();
+}
+
+} // namespace Tavrin::SplatStream

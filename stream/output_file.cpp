@@ -1,0 +1,60 @@
+#include "stream/output_file.h"
+
+#include "source/record_file.h"
+#include "stream/conversion.h"
+
+#include <cstddef>
+#include <string>
+#include <system_error>
+
+namespace Tavrin::SplatStream {
+
+void OutputFile::fail(const char* what, int error) const {
+    throw WriteError(SplatSource::textOf(m_path) + ": " + what + ": " +
+                     std::error_code(error, std::system_category()).message());
+}
+
+OutputFile::OutputFile(const std::filesystem::path& path) : m_path(path) {
+    int error = 0;
+    m_handle = open(path, error);
+    if (error != 0) {
+        fail("the file cannot be created", error);
+    }
+}
+
+OutputFile::~OutputFile() {
+    if (m_handle != closed) {
+        closeHandle(m_handle);
+    }
+}
+
+void OutputFile::reserve(std::uint64_t bytes) {
+    if (bytes == 0) {
+        return;
+    }
+    if (const int error = reserveBytes(m_handle, bytes); error != 0) {
+        fail(("no room for its " + std::to_string(bytes) + " bytes").c_str(), error);
+    }
+}
+
+void OutputFile::write(std::uint64_t offset, const void* bytes, std::uint64_t length) {
+    for (std::uint64_t done = 0; done < length;) {
+        int error = 0;
+        const std::uint64_t more = writeSome(
+            m_handle, offset + done, static_cast<const std::byte*>(bytes) + done, length - done, error);
+        if (error != 0) {
+            fail(("writing fails at byte " + std::to_string(offset + done)).c_str(), error);
+        }
+        done += more;
+    }
+}
+
+void OutputFile::close() {
+    const std::intptr_t handle = m_handle;
+    m_handle = closed;
+    if (const int error = closeHandle(handle); error != 0) {
+        fail("closing the file fails", error);
+    }
+}
+
+} // namespace Tavrin::SplatStream

@@ -1,0 +1,119 @@
+// The output cut into pages: pieces of records that are filled in memory and written whole.
+//
+// A page belongs to one large cell or to a run of small ones, so that it is open no longer than it must be.
+// All positions are in records of the output, which follow each other cell by cell.
+#pragma once
+
+#include "src/platform.h"
+#include "stream/conversion.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace Tavrin::SplatStream {
+
+// Records of a page at most: more are written no faster.
+inline constexpr std::uint64_t mostPageRecords = 4096;
+
+// How a scene's cells are cut into pages of a size.
+struct PagePlan {
+    std::uint64_t pageRecords = 1; // a power of two
+    std::uint64_t holders = 0; // large cells and runs of small ones: each has a page that waits for records
+    std::uint64_t least = 0;   // pages with which the pass never comes to a stop
+    std::uint64_t wanted = 0;  // pages with which no worker waits for another's
+};
+
+// windowRecords: records that take their places at once.
+PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
+                   unsigned workers);
+
+// A page that is being filled.
+struct Page {
+    std::uint64_t first = 0;                // its first record in the output
+    std::uint32_t records = 0;              // of the page
+    std::atomic<std::uint32_t> missing = 0; // that are not filled in yet
+    std::byte* data = nullptr;              // records * 32 bytes
+    std::byte* coefficients = nullptr;      // records * 64 bytes, where there are any
+};
+
+// Memory for pages: as many as are needed, up to a limit, and used again and again. Thread-safe.
+class PagePool {
+public:
+    PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most);
+
+    // A free page, null while the most are in use. Throws std::bad_alloc.
+    Page* take();
+    void giveBack(Page* page);
+    // Returns once there is a page to take, or stop was called.
+    void wait();
+    void stop();
+
+    static std::uint64_t pageBytes(std::uint64_t pageRecords, bool hasCoefficients);
+
+private:
+    std::uint64_t m_pageRecords;
+    bool m_hasCoefficients;
+    std::uint64_t m_most;
+    std::mutex m_mutex;
+    std::condition_variable m_freed;
+    bool m_stopped = false;
+    std::uint64_t m_made = 0;
+    std::vector<Page*> m_free;
+    std::vector<std::unique_ptr<Page[]>> m_pages;
+    std::vector<GaussionSplat::LargeArray<std::byte>> m_memory;
+
+    void makeMore();
+};
+
+// Where the next records of each cell go. Not thread-safe: the workers take their places in turn.
+class Places {
+public:
+    Places(const std::vector<Cell>& cells, std::uint64_t pageRecords);
+
+    // Places of some records of one cell, one behind the other in a page.
+    struct Segment {
+        Page* page;
+        std::uint32_t at; // in the page
+        std::uint32_t count;
+    };
+
+    // So many records of a cell, by number among the cells that have splats, have no place yet.
+    std::uint64_t left(std::uint32_t cell) const { return m_cells[cell].end - m_cells[cell].next; }
+
+    // Appends the places of the next records of a cell: of `count`, at most left(cell), or of fewer where the
+    // pool has no more pages. Returns how many.
+    std::uint64_t take(std::uint32_t cell, std::uint64_t count, PagePool& pool,
+                       std::vector<Segment>& segments);
+
+    static std::uint64_t bytesFor(std::uint64_t cells) {
+        return cells * (sizeof(CellState) + sizeof(Holder));
+    }
+
+private:
+    struct CellState {
+        std::uint64_t next;
+        std::uint64_t end;
+        std::uint32_t holder;
+        bool isAlone; // in its holder
+    };
+    // The open page of a large cell or of a run of small ones.
+    struct Holder {
+        Page* page = nullptr;
+        std::uint64_t first = 0; // of a run: its extent
+        std::uint64_t end = 0;
+        std::uint64_t left = 0; // records of the open page whose places are not taken yet
+    };
+
+    std::uint64_t m_pageRecords;
+    std::vector<CellState> m_cells;
+    std::vector<Holder> m_holders;
+
+    bool open(Holder& holder, const CellState& cell, PagePool& pool);
+};
+
+} // namespace Tavrin::SplatStream

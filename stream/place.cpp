@@ -1,0 +1,399 @@
+#include "stream/place.h"
+
+#include "src/chunker_decode.h"
+#include "src/indexer_quantise.h"
+#include "src/platform.h"
+#include "stream/crew.h"
+#include "stream/key_table.h"
+#include "stream/output_file.h"
+#include "stream/pages.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <thread>
+
+namespace Tavrin::SplatStream {
+
+using namespace GaussionSplat;
+
+namespace {
+
+constexpr std::uint32_t notListed = UINT32_MAX;
+
+// How the pass runs within its memory.
+struct Plan {
+    unsigned workers = 1;
+    std::uint64_t windowRecords = 1;
+    PagePlan pages;
+    std::uint64_t mostPages = 0;
+    std::uint64_t bytes = 0; // at its peak
+};
+
+std::uint64_t occupiedCells(const Measured& measured) {
+    std::uint64_t cells = 0;
+    for (const Cell& cell : measured.cells) {
+        cells += cell.splats > 0 ? 1 : 0;
+    }
+    return cells;
+}
+
+std::uint64_t workerBytes(const Measured& measured, std::uint64_t windowRecords, std::uint64_t cells) {
+    constexpr std::uint64_t ofRecord = 2 * sizeof(std::uint32_t) + 64; // key, slot, and the slot's own
+    return windowRecords * (recordLayout(measured.hasCoefficients).floats * sizeof(float) + ofRecord) +
+           cells * sizeof(std::uint32_t);
+}
+
+constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+
+// What a run without a limit allows itself: small where few cells fill side by side; many cells get more, as
+// writing small pieces is slow.
+constexpr std::uint64_t fewCellsBudget = 48 * mebibyte;
+constexpr std::uint64_t manyCellsBudget = 440 * mebibyte;
+constexpr std::uint64_t smallPage = 1024; // records
+
+// The largest pages that fit.
+std::optional<Plan> planWithin(const Measured& measured, const Settings& settings, unsigned workers,
+                               std::uint64_t budget) {
+    Plan plan;
+    plan.workers = workers;
+    const std::uint64_t records = std::max<std::uint64_t>(measured.read, 1);
+    plan.windowRecords = std::clamp<std::uint64_t>(settings.windowRecords, 1, std::min(records, mebibyte));
+    const std::uint64_t cells = occupiedCells(measured);
+    const std::uint64_t fixed = workers * workerBytes(measured, plan.windowRecords, cells) +
+                                KeyTable::bytesFor(cells) + Places::bytesFor(cells);
+    for (std::uint64_t size = mostPageRecords; size > 0; size /= 2) {
+        plan.pages = planPages(measured.cells, size, plan.windowRecords, workers);
+        const std::uint64_t pageBytes = PagePool::pageBytes(size, measured.hasCoefficients);
+        plan.bytes = fixed + plan.pages.least * pageBytes;
+        if (plan.bytes <= budget) {
+            plan.mostPages =
+                std::min(plan.pages.wanted, plan.pages.least + (budget - plan.bytes) / pageBytes);
+            plan.bytes = fixed + plan.mostPages * pageBytes;
+            return plan;
+        }
+    }
+    return std::nullopt;
+}
+
+Plan planPass(const Measured& measured, const Settings& settings) {
+    const unsigned threads = std::max(settings.threads, 1u);
+    const std::uint64_t limit = settings.maxMemory;
+    for (const std::uint64_t budget : {fewCellsBudget, manyCellsBudget}) {
+        const auto plan = planWithin(measured, settings, threads, std::min(limit, budget));
+        if (plan && (plan->pages.pageRecords >= smallPage || budget >= std::min(limit, manyCellsBudget))) {
+            return *plan;
+        }
+    }
+    for (unsigned workers = threads; workers > 0; workers /= 2) {
+        if (const auto plan = planWithin(measured, settings, workers, limit)) {
+            return *plan;
+        }
+    }
+    const std::uint64_t cells = occupiedCells(measured);
+    const PagePlan pages = planPages(measured.cells, 1, settings.windowRecords, 1);
+    const std::uint64_t least = workerBytes(measured, settings.windowRecords, cells) +
+                                KeyTable::bytesFor(cells) + Places::bytesFor(cells) +
+                                pages.least * PagePool::pageBytes(1, measured.hasCoefficients);
+    throw TooLittleMemory("writing the dataset needs " + std::to_string(least) + " bytes of memory", least);
+}
+
+// The workers take their places one after the other, in the order of their windows.
+class Turn {
+public:
+    // False when the crew was stopped.
+    bool wait(std::uint64_t window, const Crew& crew) {
+        for (int spin = 0; spin < 4096; ++spin) {
+            if (m_next.load(std::memory_order_acquire) == window) {
+                return !crew.isStopped();
+            }
+        }
+        for (std::uint64_t next = m_next.load(std::memory_order_acquire); next != window;
+             next = m_next.load(std::memory_order_acquire)) {
+            if (crew.isStopped()) {
+                return false;
+            }
+            m_next.wait(next, std::memory_order_acquire);
+        }
+        return !crew.isStopped();
+    }
+
+    void pass(std::uint64_t window) {
+        m_next.store(window + 1, std::memory_order_release);
+        m_next.notify_all();
+    }
+
+    void stop() {
+        m_next.store(UINT64_MAX, std::memory_order_release);
+        m_next.notify_all();
+    }
+
+private:
+    std::atomic<std::uint64_t> m_next = 0;
+};
+
+class PlacePass {
+public:
+    PlacePass(const SplatSource::Source& scene, const Measured& facts, const Settings& chosen,
+              OutputFile& dataFile, OutputFile* coefficientFile);
+
+    void run();
+
+private:
+    // One cell of a window: how many records it has there, and where the next of them goes.
+    struct Slot {
+        std::uint32_t cell = 0;
+        std::uint32_t count = 0;
+        std::size_t segment = 0; // the first of its segments, then the current one
+        std::uint32_t left = 0;  // in the segment
+        std::byte* data = nullptr;
+        std::byte* coefficients = nullptr;
+    };
+
+    struct Worker {
+        LargeArray<float> window;
+        std::vector<std::uint32_t> keys;   // then numbers of slots
+        std::vector<std::uint32_t> slotOf; // by cell; notListed while the window has none
+        std::vector<Slot> slots;
+        std::vector<Places::Segment> segments;
+    };
+
+    const SplatSource::Source& m_source;
+    const Measured& m_measured;
+    const Settings& m_settings;
+    OutputFile& m_data;
+    OutputFile* m_coefficients; // null without
+    Plan m_plan;
+    Windows m_windows;
+    std::size_t m_recordFloats;
+    FastQuantiser m_quantiser;
+    bool m_isSingle;
+    KeyTable m_numbers;
+    Places m_places;
+    PagePool m_pool;
+    Crew m_crew;
+    Turn m_turn;
+    std::atomic<std::uint64_t> m_nextWindow = 0;
+    std::atomic<std::uint64_t> m_written = 0; // records
+
+    void work();
+    void doWindow(std::uint64_t window, Worker& worker);
+    void findSlots(std::uint64_t count, Worker& worker);
+    std::optional<std::size_t> takePlaces(std::uint64_t window, std::uint64_t count, Worker& worker);
+    void fill(std::size_t first, std::size_t end, std::uint64_t count, Worker& worker);
+    void settle(Slot& slot, const Worker& worker) const;
+    void complete(const Places::Segment& segment);
+    [[noreturn]] void failChanged() const;
+};
+
+PlacePass::PlacePass(const SplatSource::Source& scene, const Measured& facts, const Settings& chosen,
+                     OutputFile& dataFile, OutputFile* coefficientFile)
+    : m_source(scene), m_measured(facts), m_settings(chosen), m_data(dataFile),
+      m_coefficients(coefficientFile),
+      m_plan(planPass(facts, chosen)), m_windows{.records = scene.count,
+                                                 .windowRecords = m_plan.windowRecords},
+      m_recordFloats(recordLayout(facts.hasCoefficients).floats),
+      m_quantiser(quantiseSettings(facts.bounding, true)), m_isSingle(facts.splats <= singleCellSplats),
+      m_numbers(occupiedCells(facts)), m_places(facts.cells, m_plan.pages.pageRecords),
+      m_pool(m_plan.pages.pageRecords, facts.hasCoefficients, m_plan.mostPages), m_crew(chosen) {
+    std::uint32_t number = 0;
+    for (const Cell& cell : facts.cells) {
+        if (cell.splats > 0) {
+            m_numbers.insert(cell.key, number++);
+        }
+    }
+    m_crew.onStop([this] {
+        m_turn.stop();
+        m_pool.stop();
+    });
+}
+
+void PlacePass::failChanged() const {
+    throw SplatSource::SourceChanged(
+        "the scene's records are not those that were measured: start again once nothing writes to the input");
+}
+
+// Count the window's records by cell, and number its cells.
+void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
+    std::uint32_t* const keys = worker.keys.data();
+    if (m_isSingle) {
+        std::fill_n(keys, count, 0);
+    } else {
+        cellKeys(worker.window.get(), m_recordFloats, count, m_measured.grid, keys);
+    }
+    worker.slots.clear();
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const std::uint32_t cell = m_numbers.find(keys[i]);
+        if (cell == KeyTable::none) {
+            keys[i] = notListed;
+            continue;
+        }
+        std::uint32_t& slot = worker.slotOf[cell];
+        if (slot == notListed) {
+            slot = static_cast<std::uint32_t>(worker.slots.size());
+            worker.slots.emplace_back().cell = cell;
+        }
+        ++worker.slots[slot].count;
+        keys[i] = slot;
+    }
+    for (const Slot& slot : worker.slots) {
+        worker.slotOf[slot.cell] = notListed;
+    }
+}
+
+// Take places for all records of the window, in its turn. Where memory is short, pages are there only once
+// others are full: then what has places is filled in before. Returns how many slots that were, or nothing
+// when the crew was stopped.
+std::optional<std::size_t> PlacePass::takePlaces(std::uint64_t window, std::uint64_t count, Worker& worker) {
+    worker.segments.clear();
+    if (!m_turn.wait(window, m_crew)) {
+        return std::nullopt;
+    }
+    std::size_t filled = 0;
+    for (std::size_t i = 0; i < worker.slots.size(); ++i) {
+        Slot& slot = worker.slots[i];
+        slot.segment = worker.segments.size();
+        if (slot.count > m_places.left(slot.cell)) {
+            failChanged();
+        }
+        for (std::uint64_t left = slot.count;;) {
+            left -= m_places.take(slot.cell, left, m_pool, worker.segments);
+            if (left == 0) {
+                break;
+            }
+            fill(filled, i, count, worker);
+            filled = i;
+            m_pool.wait();
+            if (m_crew.isStopped()) {
+                return std::nullopt;
+            }
+        }
+    }
+    m_turn.pass(window);
+    return filled;
+}
+
+void PlacePass::settle(Slot& slot, const Worker& worker) const {
+    const Places::Segment& segment = worker.segments[slot.segment];
+    slot.left = segment.count;
+    slot.data = segment.page->data + std::size_t{segment.at} * dataRecordSize;
+    slot.coefficients = segment.page->coefficients + std::size_t{segment.at} * packedCoefficientsSize;
+}
+
+// Quantise the records of some slots into their places, and write the pages that are full then.
+void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Worker& worker) {
+    if (first == end) {
+        return;
+    }
+    const std::size_t firstSegment = worker.slots[first].segment;
+    const std::size_t endSegment =
+        end < worker.slots.size() ? worker.slots[end].segment : worker.segments.size();
+    for (std::size_t i = first; i < end; ++i) {
+        settle(worker.slots[i], worker);
+    }
+    const float* splat = worker.window.get();
+    SplatsData record;
+    for (std::uint64_t i = 0; i < count; ++i, splat += m_recordFloats) {
+        if (worker.keys[i] - first >= end - first) { // notListed is never in between
+            continue;
+        }
+        Slot& slot = worker.slots[worker.keys[i]];
+        if (slot.left == 0) {
+            ++slot.segment;
+            settle(slot, worker);
+        }
+        m_quantiser.quantise(splat, record);
+        std::memcpy(slot.data, &record, dataRecordSize);
+        slot.data += dataRecordSize;
+        if (m_coefficients != nullptr) {
+            std::memcpy(slot.coefficients, record.packed, packedCoefficientsSize);
+            slot.coefficients += packedCoefficientsSize;
+        }
+        --slot.left;
+    }
+    for (std::size_t i = firstSegment; i < endSegment; ++i) {
+        complete(worker.segments[i]);
+    }
+}
+
+// Whoever fills in the last records of a page writes it.
+void PlacePass::complete(const Places::Segment& segment) {
+    Page& page = *segment.page;
+    if (page.missing.fetch_sub(segment.count, std::memory_order_acq_rel) != segment.count) {
+        return;
+    }
+    m_data.write(page.first * dataRecordSize, page.data, page.records * dataRecordSize);
+    if (m_coefficients != nullptr) {
+        m_coefficients->write(page.first * packedCoefficientsSize, page.coefficients,
+                              page.records * packedCoefficientsSize);
+    }
+    m_written.fetch_add(page.records, std::memory_order_relaxed);
+    m_pool.giveBack(&page);
+}
+
+void PlacePass::doWindow(std::uint64_t window, Worker& worker) {
+    const std::uint64_t count =
+        m_source.read(m_windows.first(window), m_windows.size(window), worker.window.get());
+    findSlots(count, worker);
+    BlockRanges unused;
+    decodeRecords(worker.window.get(), count, m_measured.hasCoefficients, unused);
+    const std::optional<std::size_t> filled = takePlaces(window, count, worker);
+    if (filled) {
+        fill(*filled, worker.slots.size(), count, worker);
+        m_crew.advance(m_windows.size(window));
+    }
+}
+
+void PlacePass::work() {
+    Worker worker;
+    worker.window = makeLargeArray<float>(m_windows.windowRecords * m_recordFloats);
+    worker.keys.resize(m_windows.windowRecords);
+    worker.slotOf.assign(occupiedCells(m_measured), notListed);
+    worker.slots.reserve(m_windows.windowRecords);
+    worker.segments.reserve(m_windows.windowRecords);
+    for (;;) {
+        const std::uint64_t window = m_nextWindow.fetch_add(1, std::memory_order_relaxed);
+        if (window >= m_windows.count() || m_crew.isStopped()) {
+            return;
+        }
+        doWindow(window, worker);
+    }
+}
+
+void PlacePass::run() {
+    const std::uint64_t listed = m_measured.splats - m_measured.leftOut;
+    m_data.reserve(listed * dataRecordSize);
+    if (m_coefficients != nullptr) {
+        m_coefficients->reserve(listed * packedCoefficientsSize);
+    }
+    m_crew.run(m_plan.workers, [this](unsigned) { work(); });
+    m_source.requireUnchanged();
+    if (m_written.load() != listed) {
+        failChanged();
+    }
+    m_crew.reportEnd();
+}
+
+} // namespace
+
+std::uint64_t placeMemory(const Measured& measured, const Settings& settings) {
+    return planPass(measured, settings).bytes;
+}
+
+void placeRecords(const SplatSource::Source& source, const Measured& measured,
+                  const std::filesystem::path& folder, const Settings& settings) {
+    const DefaultFloatEnvironment environment;
+    OutputFile data(folder / "data.bin");
+    std::optional<OutputFile> coefficients;
+    if (measured.hasCoefficients) {
+        coefficients.emplace(folder / "shcoef.bin");
+    }
+    PlacePass(source, measured, settings, data, coefficients ? &*coefficients : nullptr).run();
+    data.close();
+    if (coefficients) {
+        coefficients->close();
+    }
+}
+
+} // namespace Tavrin::SplatStream
