@@ -5,6 +5,7 @@
 
 #include "src/indexer_files.h"
 #include "src/lanes.h"
+#include "src/large_pages.h"
 #include "src/platform.h"
 #include "src/splatheader.h"
 

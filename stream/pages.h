@@ -4,7 +4,7 @@
 // All positions are in records of the output, which follow each other cell by cell.
 #pragma once
 
-#include "src/platform.h"
+#include "src/large_pages.h"
 #include "stream/conversion.h"
 
 #include <atomic>

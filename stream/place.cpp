@@ -2,6 +2,7 @@
 
 #include "src/chunker_decode.h"
 #include "src/indexer_quantise.h"
+#include "src/large_pages.h"
 #include "src/platform.h"
 #include "stream/crew.h"
 #include "stream/key_table.h"

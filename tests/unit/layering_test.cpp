@@ -143,15 +143,17 @@ TEST(Layering, ThePublicHeaderNeedsTheCLibraryAlone) {
 }
 
 // Headers without an extension are the language's; the few others belong to a system or a compiler.
-TEST(Layering, TheLibraryAndTheReaderUseTheStandardLibraryAlone) {
+TEST(Layering, TheLibraryTheStreamAndTheReaderUseTheStandardLibraryAlone) {
     const std::map<std::string, Names> others = {
         {"src/platform.cpp", {"windows.h", "xmmintrin.h", "fcntl.h", "unistd.h"}},
         {"src/large_pages.cpp", {"malloc.h", "sys/mman.h"}},
+        {"stream/output_file_posix.cpp", {"fcntl.h", "unistd.h"}},
+        {"stream/output_file_windows.cpp", {"windows.h"}},
         {"src/chunker_decode.cpp", {"emmintrin.h"}},
         {"src/indexer_quantise_fast.cpp", {"emmintrin.h"}},
         {"src/indexer_quantise_avx2.cpp", {"immintrin.h"}},
     };
-    for (const char* const place : {"src", "convert.cpp", "reader"}) {
+    for (const char* const place : {"src", "convert.cpp", "reader", "stream"}) {
         for (const Include& include : includesUnder(place)) {
             const bool standard = include.name.find_first_of("./") == std::string::npos;
             const auto allowed = others.find(include.from);
@@ -159,6 +161,35 @@ TEST(Layering, TheLibraryAndTheReaderUseTheStandardLibraryAlone) {
                         (allowed != others.end() && allowed->second.count(include.name) > 0))
                 << include.from << " includes " << include.name;
         }
+    }
+}
+
+TEST(Layering, SourcesKnowTheRecordLayoutAlone) {
+    const std::vector<Include> includes = includesUnder("source");
+    ASSERT_FALSE(includes.empty());
+    for (const Include& include : includes) {
+        if (include.quoted) {
+            EXPECT_TRUE(folderOf(include.target()) == "source" || include.target() == "src/records.h")
+                << include.from << " includes " << include.name;
+        }
+    }
+}
+
+// The stream works with the library's kernels, never with its stages.
+TEST(Layering, TheStreamUsesSourcesAndKernelsAlone) {
+    const Names units = {"cells",    "records", "splatheader", "runlog",
+                         "platform", "large",   "kernels",     "lanes"};
+    const Names kernels = {"src/chunker_decode.h", "src/indexer_quantise.h", "src/indexer_records.h",
+                           "src/indexer_meta.h", "src/indexer_files.h"};
+    const std::vector<Include> includes = includesUnder("stream");
+    ASSERT_FALSE(includes.empty());
+    for (const Include& include : includes) {
+        const std::string target = include.target();
+        const std::string folder = folderOf(target);
+        const bool isKernel =
+            folder == "src" && (units.count(unitOf(target)) > 0 || kernels.count(target) > 0);
+        EXPECT_TRUE(!include.quoted || folder == "stream" || folder == "source" || isKernel)
+            << include.from << " includes " << include.name;
     }
 }
 

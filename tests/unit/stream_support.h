@@ -1,0 +1,99 @@
+// The streaming conversion and the library side by side on one file.
+#pragma once
+
+#include "plyconvert.h"
+#include "source/canonical_ply.h"
+#include "src/splatheader.h"
+#include "stream/conversion.h"
+
+#include "tests/support/files.h"
+#include "tests/support/plyfile.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace Tavrin::SplatStream {
+
+// What the library's own header reader finds, as a source.
+inline std::unique_ptr<SplatSource::CanonicalPly> openScene(const std::filesystem::path& path) {
+    const auto params = std::make_shared<GaussionSplat::Params>();
+    const GaussionSplat::SplatHeader header(support::pathBytes(path), params, 1);
+    return std::make_unique<SplatSource::CanonicalPly>(
+        path, SplatSource::CanonicalPlyFacts{.bodyAt = static_cast<std::uint64_t>(header.headerEnd),
+                                             .count = static_cast<std::uint64_t>(header.vertexCount),
+                                             .hasCoefficients = header.hasShcoef,
+                                             .params = *params,
+                                             .boundsSeen = header.boundsFromHeader});
+}
+
+// The digits of the guid, the only bytes that chance decides, as question marks.
+inline std::string withoutGuid(std::string meta) {
+    const std::string key = "\"guid\": \"";
+    const std::size_t at = meta.find(key);
+    if (at == meta.npos ||
+        meta.find_first_not_of("0123456789abcdef", at + key.size()) != at + key.size() + 32) {
+        throw std::runtime_error("no guid in the meta document");
+    }
+    return meta.replace(at + key.size(), 32, 32, '?');
+}
+
+// Holds every file of two folders against each other. The log names the folder it is in.
+inline void expectSameDatasets(const std::filesystem::path& streamed, const std::filesystem::path& library) {
+    ASSERT_EQ(support::filesUnder(streamed), support::filesUnder(library));
+    for (const std::string& name : support::filesUnder(library)) {
+        std::string ours = support::readFile(streamed / name);
+        std::string theirs = support::readFile(library / name);
+        if (name == "converted_from_ply.ytr") {
+            ours = withoutGuid(ours);
+            theirs = withoutGuid(theirs);
+        } else if (name == "log.txt") {
+            const std::string folder = support::pathBytes(library);
+            const std::size_t at = theirs.find(folder);
+            ASSERT_NE(at, theirs.npos);
+            theirs.replace(at, folder.size(), support::pathBytes(streamed));
+        }
+        if (name.ends_with(".bin")) {
+            EXPECT_TRUE(ours == theirs)
+                << name << " differs, " << ours.size() << " and " << theirs.size() << " bytes";
+        } else {
+            EXPECT_EQ(ours, theirs) << name;
+        }
+    }
+}
+
+inline Measured stream(const SplatSource::Source& source, const std::string& inputName,
+                       const std::filesystem::path& folder, const Settings& settings) {
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    Measured measured = measure(source, settings);
+    writeDataset(source, measured, inputName, folder, settings);
+    return measured;
+}
+
+// Converts a file by the library into scratch/library.
+inline void convertByLibrary(const support::Scratch& scratch, const std::filesystem::path& input) {
+    ASSERT_EQ(plyConvert(support::pathBytes(input).c_str(), support::pathBytes(scratch / "library").c_str()),
+              PLYCONVERT_DONE);
+}
+
+inline Settings settingsOf(unsigned threads, std::uint64_t windowRecords) {
+    Settings settings;
+    settings.threads = threads;
+    settings.windowRecords = windowRecords;
+    return settings;
+}
+
+// Converts a file both ways and compares.
+inline void compareConversions(const support::Scratch& scratch, const std::filesystem::path& input,
+                               const Settings& settings) {
+    convertByLibrary(scratch, input);
+    const auto source = openScene(input);
+    stream(*source, support::pathBytes(input), scratch / "streamed", settings);
+    expectSameDatasets(scratch / "streamed", scratch / "library");
+}
+
+} // namespace Tavrin::SplatStream
