@@ -177,8 +177,8 @@ TEST(Layering, SourcesKnowTheRecordLayoutAlone) {
 
 // The stream works with the library's kernels, never with its stages.
 TEST(Layering, TheStreamUsesSourcesAndKernelsAlone) {
-    const Names units = {"cells",    "records", "splatheader", "runlog",
-                         "platform", "large",   "kernels",     "lanes"};
+    const Names units = {"cells",    "records",     "splatheader", "runlog",
+                         "platform", "large_pages", "kernels",     "lanes"};
     const Names kernels = {"src/chunker_decode.h", "src/indexer_quantise.h", "src/indexer_records.h",
                            "src/indexer_meta.h", "src/indexer_files.h"};
     const std::vector<Include> includes = includesUnder("stream");
