@@ -1,0 +1,40 @@
+// One input of a scene as it lies in its file, before splats are dropped, moved or merged.
+#pragma once
+
+#include "source/comments.h"
+#include "source/source.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatSource {
+
+// A source of one file. It drops nothing: read gives every record.
+struct Input : Source {
+    std::string name;                 // as messages show it
+    std::string kind;                 // "PLY, binary_little_endian", ...
+    int degree = 0;                   // of the spherical harmonics that records hold, 0 to 3
+    SceneComments stated;             // numbers as written; empty for kinds of files that state none
+    std::vector<std::string> remarks; // what a user should know, a line each, without the file's name
+    // Coordinates may need more than single precision: readWide gives them in full.
+    bool isWide = false;
+    // The file does not settle whether scales are logarithms and opacities logits: its values have to tell.
+    bool hasOpenUnits = false;
+    // Records and header are the converter's own form, byte for byte.
+    bool isCanonical = false;
+
+    // The same as read, and x y z of each record in double to `positions` unless that is null.
+    virtual void readWide(std::uint64_t first, std::uint64_t size, float* records,
+                          double* positions) const = 0;
+
+    // x y z of each record alone, in double, as the file states them.
+    virtual void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const;
+
+    std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override {
+        readWide(first, size, records, nullptr);
+        return size;
+    }
+};
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,91 @@
+#include "source/open.h"
+
+#include "source/ply.h"
+#include "source/ply_layout.h"
+#include "source/record_file.h"
+#include "source/text.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+#include <string>
+#include <string_view>
+
+namespace Tavrin::SplatSource {
+namespace {
+
+using namespace std::string_view_literals;
+
+// How kinds of files that hold no splats for us start, and what they are.
+struct Lookalike {
+    std::string_view start;
+    const char* what;
+};
+constexpr std::array lookalikes = {
+    Lookalike{"glTF"sv, "a glTF file"},
+    Lookalike{"PK\x03\x04"sv, "a zip archive: unpack it and name the file in it"},
+    Lookalike{"PK\x05\x06"sv, "an empty zip archive"},
+    Lookalike{"LASF"sv, "a LAS point cloud, not splats: no opacity, no scale"},
+    Lookalike{"\x89PNG"sv, "a picture"},
+    Lookalike{"\xFF\xD8\xFF"sv, "a picture"},
+    Lookalike{"RIFF"sv, "a RIFF file, perhaps a picture"},
+    Lookalike{"\x28\xB5\x2F\xFD"sv, "a zstd archive: unpack it and name the file in it"},
+    Lookalike{"\x1F\x8B"sv, "a gzip archive: unpack it and name the file in it"},
+    Lookalike{"BZh"sv, "a bzip2 archive: unpack it and name the file in it"},
+    Lookalike{"\xFD"
+              "7zXZ"sv,
+              "an xz archive: unpack it and name the file in it"},
+    Lookalike{"7z\xBC\xAF"sv, "a 7z archive: unpack it and name the file in it"},
+    Lookalike{"Kaydara FBX"sv, "an FBX mesh"},
+    Lookalike{"#usda"sv, "a USD file"},
+    Lookalike{"PXR-USDC"sv, "a USD file"},
+    Lookalike{"%PDF"sv, "a PDF document"},
+    Lookalike{"\xEF\xBB\xBFply"sv, "a PLY file behind a byte order mark: remove its first three bytes"},
+    Lookalike{"version https://git-lfs"sv, "a pointer of Git LFS, not the file itself: fetch it"},
+    Lookalike{"<!DOCTYPE"sv, "a web page: download the file itself"},
+    Lookalike{"<html"sv, "a web page: download the file itself"},
+    Lookalike{"{"sv, "JSON text"},
+    Lookalike{"PLY"sv, "a PLY file in capitals: its first line must be \"ply\""},
+};
+
+constexpr const char* whatWouldDo = "splats in a PLY file of any layout, SPZ or compressed PLY would do";
+
+[[noreturn]] void refuse(const std::string& name, std::string_view start) {
+    if (start.empty()) {
+        throw SourceError(fmt::format("{}: the file is empty", name));
+    }
+    const auto isIt = [&](const Lookalike& lookalike) { return start.starts_with(lookalike.start); };
+    const auto found = std::ranges::find_if(lookalikes, isIt);
+    if (found != lookalikes.end()) {
+        throw SourceError(fmt::format("{}: not a splat file but {}: {}", name, found->what, whatWouldDo));
+    }
+    const bool isText = std::ranges::all_of(start.substr(0, 256), [](char c) {
+        return static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\r' || c == '\t';
+    });
+    throw SourceError(
+        fmt::format("{}: not a splat file{}: {}", name, isText ? " but some text" : "", whatWouldDo));
+}
+
+} // namespace
+
+std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenOptions& options) {
+    std::string start;
+    std::string name;
+    {
+        const RecordFile file(path);
+        start = readStart(file);
+        name = file.name();
+    }
+    if (!looksLikePly(start)) {
+        refuse(name, start);
+    }
+    // Packed PLY files belong to a reader of their own.
+    if (isCompressedPly(parsePlyHeader(start, name))) {
+        throw SourceError(fmt::format("{}: a compressed PLY file, which this version does not read: export "
+                                      "it as plain PLY",
+                                      name));
+    }
+    return std::make_unique<PlyInput>(path, options.threads);
+}
+
+} // namespace Tavrin::SplatSource

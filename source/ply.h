@@ -1,0 +1,43 @@
+// Splats of a PLY file of any layout: text or binary, every type, any order of the properties.
+#pragma once
+
+#include "source/input.h"
+#include "source/ply_body.h"
+#include "source/ply_header.h"
+#include "source/ply_layout.h"
+#include "source/ply_records.h"
+#include "source/record_file.h"
+
+#include <filesystem>
+#include <memory>
+
+namespace Tavrin::SplatSource {
+
+class PlyInput final : public Input {
+public:
+    // Reads the header and finds the vertices (see openPlyBody, which takes the threads). Throws SourceError.
+    PlyInput(const std::filesystem::path& path, unsigned threads);
+
+    void readWide(std::uint64_t first, std::uint64_t size, float* records, double* positions) const override;
+    void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const override;
+    void requireUnchanged() const override { m_file.requireUnchanged(); }
+
+    const PlyHeader& header() const { return m_header; }
+
+private:
+    // Reads vertices a piece at a time and calls take(vertices, done, count) for each.
+    template <typename Take>
+    void readPieces(std::uint64_t first, std::uint64_t size, Take take) const;
+    void readCanonical(std::uint64_t first, std::uint64_t size, float* records, double* positions) const;
+
+    RecordFile m_file;
+    PlyHeader m_header;
+    SplatLayout m_layout;
+    std::unique_ptr<PlyBody> m_body;
+    std::unique_ptr<RecordMap> m_map;
+};
+
+// The first bytes of a file, as many as a header may take. Throws SourceChanged.
+std::string readStart(const RecordFile& file);
+
+} // namespace Tavrin::SplatSource

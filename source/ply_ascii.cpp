@@ -1,0 +1,385 @@
+// Text PLY files: an index of the words in them, and reading records from any one on.
+
+#include "source/ply_body.h"
+#include "source/ply_numbers.h"
+#include "source/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <exception>
+#include <fmt/format.h>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace Tavrin::SplatSource {
+namespace {
+
+constexpr std::uint64_t blockBytes = 1 << 16; // the index has a number a block
+constexpr std::size_t pieceBytes = 1 << 18;
+constexpr std::size_t longestWord = 4096; // no number is longer
+
+bool isBlank(char c) {
+    return c == ' ' || static_cast<unsigned char>(c - '\t') < 5; // tab, line feed, VT, FF, carriage return
+}
+
+// Words that start in [text, text + size); text[-1] is there.
+std::uint64_t countWords(const char* text, std::size_t size) {
+    std::uint64_t words = 0;
+    while (size > 0) {
+        const std::size_t part = std::min<std::size_t>(size, 255); // what a byte counts
+        std::uint8_t starts = 0;
+        for (std::size_t i = 0; i < part; ++i) {
+            const bool before = (text[i - 1] == ' ') | (static_cast<unsigned char>(text[i - 1] - '\t') < 5);
+            const bool here = (text[i] == ' ') | (static_cast<unsigned char>(text[i] - '\t') < 5);
+            starts = static_cast<std::uint8_t>(starts + (before & !here));
+        }
+        words += starts;
+        text += part;
+        size -= part;
+    }
+    return words;
+}
+
+// Reads a text forwards, word by word.
+class WordReader {
+public:
+    WordReader(const RecordFile& file, std::uint64_t at) : m_file(file), m_next(at) {
+        thread_local std::vector<char> piece(pieceBytes + 1);
+        m_piece = piece.data() + 1;
+        m_piece[-1] = ' ';
+    }
+
+    // The next word, valid until the next call; nothing behind the last.
+    std::optional<std::string_view> next() {
+        while (true) {
+            while (m_at < m_end && isBlank(m_piece[m_at])) {
+                ++m_at;
+            }
+            const std::size_t begin = m_at;
+            std::size_t end = begin;
+            while (end < m_end && !isBlank(m_piece[end])) {
+                ++end;
+            }
+            if (end < m_end || m_next == m_file.size()) {
+                m_at = end;
+                return end > begin ? std::optional(std::string_view(m_piece + begin, end - begin))
+                                   : std::nullopt;
+            }
+            if (end - begin > longestWord) {
+                throw SourceError(fmt::format("{}: the word at byte {} is no number: it has more than {} "
+                                              "characters",
+                                              m_file.name(), m_next - (m_end - begin), longestWord));
+            }
+            refill();
+        }
+    }
+
+    // Steps over words, counting them in passing. False when fewer are left.
+    bool skip(std::uint64_t words) {
+        for (; words > 0; --words) {
+            if (!next()) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Byte of the file behind the last word.
+    std::uint64_t position() const { return m_next - (m_end - m_at); }
+
+private:
+    void refill() {
+        std::memmove(m_piece, m_piece + m_at, m_end - m_at);
+        m_end -= m_at;
+        m_at = 0;
+        const auto more =
+            static_cast<std::size_t>(std::min<std::uint64_t>(pieceBytes - m_end, m_file.size() - m_next));
+        m_file.read(m_next, m_piece + m_end, more);
+        m_next += more;
+        m_end += more;
+    }
+
+    const RecordFile& m_file;
+    std::uint64_t m_next; // byte of the file behind the piece
+    char* m_piece;        // this thread's: one reader a thread at a time
+    std::size_t m_at = 0; // of the piece
+    std::size_t m_end = 0;
+};
+
+// How many words stand before every block of the body.
+class WordIndex {
+public:
+    WordIndex(const RecordFile& file, std::uint64_t bodyAt, unsigned threads)
+        : m_file(file), m_bodyAt(bodyAt) {
+        const std::uint64_t bytes = file.size() - bodyAt;
+        const std::uint64_t blocks = bytes / blockBytes + (bytes % blockBytes > 0 ? 1 : 0);
+        m_before.resize(blocks + 1);
+        countAll(blocks, std::max(threads, 1u));
+        for (std::uint64_t block = 0; block < blocks; ++block) {
+            m_before[block + 1] += m_before[block];
+        }
+    }
+
+    std::uint64_t words() const { return m_before.back(); }
+
+    // A byte from which on the word of this number is the first that starts; `word` is below words().
+    std::uint64_t placeOf(std::uint64_t word) const {
+        const auto block = std::ranges::upper_bound(m_before, word) - m_before.begin() - 1;
+        std::uint64_t left = word - m_before[static_cast<std::size_t>(block)];
+        std::array<char, 4097> piece;
+        std::uint64_t at = m_bodyAt + static_cast<std::uint64_t>(block) * blockBytes;
+        while (true) {
+            const std::size_t size = load(at, piece);
+            const std::uint64_t words = countWords(piece.data() + 1, size);
+            if (words > left) {
+                break;
+            }
+            left -= words;
+            at += size;
+        }
+        load(at, piece);
+        for (std::size_t i = 1;; ++i) {
+            if (isBlank(piece[i - 1]) && !isBlank(piece[i]) && left-- == 0) {
+                return at + i - 1;
+            }
+        }
+    }
+
+private:
+    // Up to 4,096 bytes from `at` on, with the one before them in front; a blank before the body.
+    template <typename Piece>
+    std::size_t load(std::uint64_t at, Piece& piece) const {
+        const auto size =
+            static_cast<std::size_t>(std::min<std::uint64_t>(piece.size() - 1, m_file.size() - at));
+        m_file.read(at - 1, piece.data(), size + 1);
+        if (at == m_bodyAt) {
+            piece[0] = ' ';
+        }
+        return size;
+    }
+
+    // The words of blocks [first, last) to the places behind theirs.
+    void countBlocks(std::uint64_t first, std::uint64_t last) {
+        std::vector<char> piece(blockBytes + 1);
+        for (std::uint64_t block = first; block < last; ++block) {
+            const std::size_t size = load(m_bodyAt + block * blockBytes, piece);
+            m_before[block + 1] = countWords(piece.data() + 1, size);
+        }
+    }
+
+    void countAll(std::uint64_t blocks, unsigned threads) {
+        std::vector<std::thread> workers;
+        std::vector<std::exception_ptr> errors(threads);
+        const std::uint64_t share = blocks / threads + 1;
+        const auto work = [&](unsigned worker) {
+            try {
+                countBlocks(std::min(worker * share, blocks), std::min((worker + 1) * share, blocks));
+            } catch (...) {
+                errors[worker] = std::current_exception();
+            }
+        };
+        for (unsigned worker = 1; worker < threads && worker * share < blocks; ++worker) {
+            workers.emplace_back(work, worker);
+        }
+        work(0);
+        for (std::thread& worker : workers) {
+            worker.join();
+        }
+        for (const std::exception_ptr& error : errors) {
+            if (error) {
+                std::rethrow_exception(error);
+            }
+        }
+    }
+
+    const RecordFile& m_file;
+    std::uint64_t m_bodyAt;
+    std::vector<std::uint64_t> m_before;
+};
+
+class AsciiBody : public PlyBody {
+public:
+    AsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads)
+        : m_file(file), m_vertex(*header.find("vertex")) {
+        requireRoom(header);
+        std::uint64_t at = header.length; // before the vertices, as far as that is known
+        if (hasListsUpToVertices(header)) {
+            at = walkTo(header);
+        }
+        const WordIndex* words = nullptr;
+        if (m_hasLists) {
+            walkVertices(at);
+        } else {
+            m_words.emplace(file, at, threads);
+            words = &*m_words;
+            requireWords(header, at);
+        }
+        if (words != nullptr && words->words() > m_firstWord + m_vertex.count * m_vertex.properties.size() &&
+            &header.elements.back() == &m_vertex) {
+            remarks.emplace_back("words follow the last record: they are ignored");
+        }
+    }
+
+    void read(std::uint64_t first, std::uint64_t size, std::byte* vertices) const override {
+        if (size == 0) {
+            return;
+        }
+        std::uint64_t record = first;
+        std::uint64_t at = 0;
+        if (m_hasLists) {
+            record = first / indexStep * indexStep;
+            at = m_places[first / indexStep];
+        } else {
+            at = m_words->placeOf(m_firstWord + first * m_vertex.properties.size());
+        }
+        WordReader reader(m_file, at);
+        for (; record < first; ++record) {
+            step(reader, m_vertex, record, nullptr);
+        }
+        for (; record < first + size; ++record) {
+            vertices = step(reader, m_vertex, record, vertices);
+        }
+    }
+
+private:
+    [[noreturn]] void fail(const PlyElement& element, std::uint64_t record, std::uint64_t at,
+                           const std::string& what) const {
+        throw SourceError(fmt::format("{}: record {} of element {}, before byte {}: {}", m_file.name(),
+                                      record, inQuotes(element.name), at, what));
+    }
+
+    // A value takes a digit and a blank, but for the last.
+    void requireRoom(const PlyHeader& header) const {
+        std::uint64_t words = 0;
+        for (const PlyElement& element : header.elements) {
+            words = sumOf(words, productOf(element.count, element.properties.size()));
+            const std::uint64_t held = m_file.size() - header.length;
+            if (words > held / 2 + 1) {
+                throw SourceError(fmt::format("{}: the file is cut: it declares {} of element {} and ends "
+                                              "before them: copy or export it again",
+                                              m_file.name(), countOf(element.count, "record", "records"),
+                                              inQuotes(element.name)));
+            }
+            if (&element == &m_vertex) {
+                return;
+            }
+        }
+    }
+
+    bool hasListsUpToVertices(const PlyHeader& header) {
+        m_hasLists = !m_vertex.recordBytes();
+        for (const PlyElement& element : header.elements) {
+            if (&element == &m_vertex) {
+                return m_hasLists;
+            }
+            if (!element.recordBytes()) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Byte behind the elements before the vertices.
+    std::uint64_t walkTo(const PlyHeader& header) const {
+        WordReader reader(m_file, header.length);
+        for (const PlyElement& element : header.elements) {
+            if (&element == &m_vertex) {
+                break;
+            }
+            for (std::uint64_t record = 0; record < element.count && !element.properties.empty(); ++record) {
+                step(reader, element, record, nullptr);
+            }
+        }
+        return reader.position();
+    }
+
+    void walkVertices(std::uint64_t at) {
+        WordReader reader(m_file, at);
+        for (std::uint64_t record = 0; record < m_vertex.count; ++record) {
+            if (record % indexStep == 0) {
+                m_places.push_back(reader.position());
+            }
+            step(reader, m_vertex, record, nullptr);
+        }
+    }
+
+    // Where the vertices start among the words behind `at`, and that all of them are there.
+    void requireWords(const PlyHeader& header, std::uint64_t at) {
+        for (const PlyElement& element : header.elements) {
+            if (&element == &m_vertex) {
+                break;
+            }
+            m_firstWord += at == header.length ? element.count * element.properties.size() : 0;
+        }
+        const std::uint64_t perVertex = m_vertex.properties.size();
+        const std::uint64_t held = m_words->words() - std::min(m_words->words(), m_firstWord);
+        if (m_vertex.count > held / perVertex) {
+            throw SourceError(fmt::format("{}: the file is cut: it declares {} of {} and holds {} and {} of "
+                                          "another: copy or export it again",
+                                          m_file.name(), countOf(m_vertex.count, "record", "records"),
+                                          countOf(perVertex, "number", "numbers"), held / perVertex,
+                                          countOf(held % perVertex, "number", "numbers")));
+        }
+    }
+
+    std::string_view nextWord(WordReader& reader, const PlyElement& element, std::uint64_t record) const {
+        const std::optional<std::string_view> word = reader.next();
+        if (!word) {
+            fail(element, record, reader.position(), "the file ends in it: copy or export it again");
+        }
+        return *word;
+    }
+
+    // Steps over one record; its scalars go to `scalars` unless that is null. Returns the byte behind them.
+    std::byte* step(WordReader& reader, const PlyElement& element, std::uint64_t record,
+                    std::byte* scalars) const {
+        for (const PlyProperty& property : element.properties) {
+            const std::string_view word = nextWord(reader, element, record);
+            if (property.isList()) {
+                stepList(reader, element, record, property, word);
+                continue;
+            }
+            if (scalars == nullptr) {
+                continue;
+            }
+            if (!parseScalar(word, property.type, scalars)) {
+                fail(element, record, reader.position(),
+                     fmt::format("{} of property {} is no {}", inQuotes(word), inQuotes(property.name),
+                                 property.typeText));
+            }
+            scalars += widthOf(property.type);
+        }
+        return scalars;
+    }
+
+    void stepList(WordReader& reader, const PlyElement& element, std::uint64_t record,
+                  const PlyProperty& property, std::string_view word) const {
+        std::uint64_t count = 0;
+        if (!parseListCount(word, *property.countType, count)) {
+            fail(element, record, reader.position(),
+                 fmt::format("{} is no count of the list {}", inQuotes(word), inQuotes(property.name)));
+        }
+        if (!reader.skip(count)) {
+            fail(element, record, reader.position(),
+                 fmt::format("the list {} of {} runs over the end of the file: copy or export it again",
+                             inQuotes(property.name), countOf(count, "item", "items")));
+        }
+    }
+
+    const RecordFile& m_file;
+    const PlyElement& m_vertex;
+    bool m_hasLists = false; // among the vertex properties
+    std::optional<WordIndex> m_words;
+    std::uint64_t m_firstWord = 0;       // of the vertices
+    std::vector<std::uint64_t> m_places; // with lists: byte of every indexStep-th vertex
+};
+
+} // namespace
+
+std::unique_ptr<PlyBody> openAsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads) {
+    return std::make_unique<AsciiBody>(file, header, threads);
+}
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,290 @@
+#include "source/ply_body.h"
+
+#include "source/text.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <optional>
+
+namespace Tavrin::SplatSource {
+namespace {
+
+// Reads a binary file forwards, a piece at a time.
+class ByteWalker {
+public:
+    ByteWalker(const RecordFile& file, std::uint64_t at) : m_file(file), m_next(at) {}
+
+    std::uint64_t position() const { return m_next - (m_end - m_at); }
+
+    // The next `size` bytes, at most 8, valid until the next call; null behind the end of the file.
+    const std::byte* take(std::size_t size) {
+        if (m_end - m_at < size && !refill(size)) {
+            return nullptr;
+        }
+        const std::byte* const bytes = m_piece.data() + m_at;
+        m_at += size;
+        return bytes;
+    }
+
+    // False when fewer are left.
+    bool skip(std::uint64_t size) {
+        if (size <= m_end - m_at) {
+            m_at += static_cast<std::size_t>(size);
+            return true;
+        }
+        size -= m_end - m_at;
+        m_at = m_end = 0;
+        if (size > m_file.size() - m_next) {
+            return false;
+        }
+        m_next += size;
+        return true;
+    }
+
+private:
+    bool refill(std::size_t size) {
+        constexpr std::size_t pieceBytes = 1 << 16;
+        m_piece.resize(pieceBytes);
+        std::memmove(m_piece.data(), m_piece.data() + m_at, m_end - m_at);
+        m_end -= m_at;
+        m_at = 0;
+        const auto more =
+            static_cast<std::size_t>(std::min<std::uint64_t>(pieceBytes - m_end, m_file.size() - m_next));
+        m_file.read(m_next, m_piece.data() + m_end, more);
+        m_next += more;
+        m_end += more;
+        return m_end >= size;
+    }
+
+    const RecordFile& m_file;
+    std::uint64_t m_next; // byte of the file behind the piece
+    std::vector<std::byte> m_piece;
+    std::size_t m_at = 0; // of the piece
+    std::size_t m_end = 0;
+};
+
+// The count of a list; nothing when it is negative.
+std::optional<std::uint64_t> listCount(const std::byte* bytes, Scalar type, bool isBigEndian) {
+    std::uint64_t count = 0;
+    const std::size_t width = widthOf(type);
+    for (std::size_t i = 0; i < width; ++i) {
+        const std::size_t at = isBigEndian ? i : width - 1 - i;
+        count = count << 8 | std::to_integer<std::uint64_t>(bytes[at]);
+    }
+    const bool isSigned = type == Scalar::int8 || type == Scalar::int16 || type == Scalar::int32;
+    const bool isNegative = isSigned && (count >> (8 * width - 1) & 1u) != 0;
+    return isNegative ? std::nullopt : std::optional(count);
+}
+
+// Least bytes of an element's records: the scalars and the counts of its lists.
+std::uint64_t leastBytes(const PlyElement& element) {
+    std::uint64_t bytes = 0;
+    for (const PlyProperty& property : element.properties) {
+        bytes += widthOf(property.countType.value_or(property.type));
+    }
+    return bytes;
+}
+
+class BinaryWalk {
+public:
+    BinaryWalk(const RecordFile& file, const PlyHeader& header, std::uint64_t at)
+        : m_file(file), m_isBigEndian(header.format == PlyFormat::binaryBigEndian), m_walker(file, at) {}
+
+    std::uint64_t position() const { return m_walker.position(); }
+
+    // Steps over one record; its scalars go to `scalars` unless that is null.
+    void step(const PlyElement& element, std::uint64_t record, std::byte* scalars) {
+        for (const PlyProperty& property : element.properties) {
+            const std::uint64_t at = position();
+            const std::size_t width = widthOf(property.countType.value_or(property.type));
+            const std::byte* const bytes = m_walker.take(width);
+            if (bytes == nullptr) {
+                fail(element, record, at, "the file ends in it: copy or export it again");
+            }
+            if (!property.isList()) {
+                if (scalars != nullptr) {
+                    std::memcpy(scalars, bytes, width);
+                    scalars += width;
+                }
+                continue;
+            }
+            const auto count = listCount(bytes, *property.countType, m_isBigEndian);
+            if (!count) {
+                fail(element, record, at,
+                     fmt::format("the list {} has a negative count: export the file again",
+                                 inQuotes(property.name)));
+            }
+            if (!m_walker.skip(*count * widthOf(property.type))) { // at most 2^32 * 8
+                fail(element, record, at,
+                     fmt::format("the list {} of {} runs over the end of the file: copy or export it again",
+                                 inQuotes(property.name), countOf(*count, "item", "items")));
+            }
+        }
+    }
+
+    // Steps over a whole element.
+    void skip(const PlyElement& element) {
+        if (element.properties.empty()) {
+            return; // no bytes, whatever its count
+        }
+        if (const std::optional<std::uint64_t> bytes = element.recordBytes()) {
+            if (!m_walker.skip(productOf(*bytes, element.count))) {
+                fail(element, 0, position(), "the file ends before the last record: copy or export it again");
+            }
+            return;
+        }
+        for (std::uint64_t record = 0; record < element.count; ++record) {
+            step(element, record, nullptr);
+        }
+    }
+
+private:
+    [[noreturn]] void fail(const PlyElement& element, std::uint64_t record, std::uint64_t at,
+                           const std::string& what) const {
+        throw SourceError(fmt::format("{}: record {} of element {}, at byte {}: {}", m_file.name(), record,
+                                      inQuotes(element.name), at, what));
+    }
+
+    const RecordFile& m_file;
+    bool m_isBigEndian;
+    ByteWalker m_walker;
+};
+
+// Vertices of one size.
+class FixedBody : public PlyBody {
+public:
+    FixedBody(const RecordFile& file, std::uint64_t at, std::uint64_t recordBytes)
+        : m_file(file), m_recordBytes(recordBytes) {
+        vertexAt = at;
+    }
+
+    void read(std::uint64_t first, std::uint64_t size, std::byte* vertices) const override {
+        m_file.read(vertexAt + first * m_recordBytes, vertices, size * m_recordBytes);
+    }
+
+private:
+    const RecordFile& m_file;
+    std::uint64_t m_recordBytes;
+};
+
+// Vertices with lists: every indexStep-th is remembered.
+class WalkedBody : public PlyBody {
+public:
+    WalkedBody(const RecordFile& file, const PlyHeader& header, BinaryWalk& walk)
+        : m_file(file), m_header(header), m_vertex(*header.find("vertex")) {
+        for (const PlyProperty& property : m_vertex.properties) {
+            m_fixedBytes += property.isList() ? 0 : widthOf(property.type);
+        }
+        for (std::uint64_t record = 0; record < m_vertex.count; ++record) {
+            if (record % indexStep == 0) {
+                m_index.push_back(walk.position());
+            }
+            walk.step(m_vertex, record, nullptr);
+        }
+    }
+
+    void read(std::uint64_t first, std::uint64_t size, std::byte* vertices) const override {
+        if (size == 0) {
+            return;
+        }
+        std::uint64_t record = first / indexStep * indexStep;
+        BinaryWalk walk(m_file, m_header, m_index[first / indexStep]);
+        for (; record < first; ++record) {
+            walk.step(m_vertex, record, nullptr);
+        }
+        for (; record < first + size; ++record) {
+            walk.step(m_vertex, record, vertices);
+            vertices += m_fixedBytes;
+        }
+    }
+
+private:
+    const RecordFile& m_file;
+    const PlyHeader& m_header;
+    const PlyElement& m_vertex;
+    std::size_t m_fixedBytes = 0;
+    std::vector<std::uint64_t> m_index; // byte of every indexStep-th vertex
+};
+
+// Refuses counts that the file cannot hold, before anything is walked or allocated by them.
+void requireRoom(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
+    std::uint64_t need = 0;
+    for (const PlyElement& element : header.elements) {
+        const std::uint64_t bytes = leastBytes(element);
+        const std::uint64_t before = need;
+        need = sumOf(need, productOf(element.count, bytes));
+        const std::uint64_t held = file.size() - std::min(file.size(), header.length);
+        if (need > held) {
+            const std::uint64_t left = held - before;
+            const std::string rest =
+                left % bytes > 0 ? fmt::format(" and {} of another", countOf(left % bytes, "byte", "bytes"))
+                                 : std::string();
+            throw SourceError(fmt::format(
+                "{}: the file is cut: it declares {} of {}{} and holds {}{}: copy or export it again",
+                file.name(), countOf(element.count, "record", "records"), countOf(bytes, "byte", "bytes"),
+                &element == &vertex ? "" : fmt::format(" of element {}", inQuotes(element.name)),
+                left / bytes, rest));
+        }
+        if (&element == &vertex) {
+            return;
+        }
+    }
+}
+
+// What stands behind the vertices harms no splat.
+void remarkTail(const RecordFile& file, const PlyHeader& header, BinaryWalk walk, PlyBody& body) {
+    bool isBehind = false;
+    try {
+        for (const PlyElement& element : header.elements) {
+            if (isBehind) {
+                walk.skip(element);
+            }
+            isBehind = isBehind || element.name == "vertex";
+        }
+    } catch (const SourceError&) {
+        body.remarks.emplace_back("the file is cut behind its vertices: the splats are whole");
+        return;
+    }
+    if (const std::uint64_t more = file.size() - walk.position()) {
+        body.remarks.push_back(fmt::format("{} the last record: {} ignored",
+                                           countOf(more, "byte follows", "bytes follow"),
+                                           more == 1 ? "it is" : "they are"));
+    }
+}
+
+} // namespace
+
+std::uint64_t productOf(std::uint64_t a, std::uint64_t b) {
+    return b > 0 && a > UINT64_MAX / b ? UINT64_MAX : a * b;
+}
+
+std::uint64_t sumOf(std::uint64_t a, std::uint64_t b) {
+    return a > UINT64_MAX - b ? UINT64_MAX : a + b;
+}
+
+std::unique_ptr<PlyBody> openPlyBody(const RecordFile& file, const PlyHeader& header, unsigned threads) {
+    if (header.format == PlyFormat::ascii) {
+        return openAsciiBody(file, header, threads);
+    }
+    const PlyElement& vertex = *header.find("vertex");
+    requireRoom(file, header, vertex);
+    BinaryWalk walk(file, header, header.length);
+    for (const PlyElement& element : header.elements) {
+        if (&element == &vertex) {
+            break;
+        }
+        walk.skip(element);
+    }
+    std::unique_ptr<PlyBody> body;
+    if (const std::optional<std::uint64_t> bytes = vertex.recordBytes()) {
+        body = std::make_unique<FixedBody>(file, walk.position(), *bytes);
+        walk.skip(vertex);
+    } else {
+        body = std::make_unique<WalkedBody>(file, header, walk);
+    }
+    remarkTail(file, header, std::move(walk), *body);
+    return body;
+}
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,248 @@
+#include "source/ply_layout.h"
+
+#include "source/text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <map>
+#include <set>
+
+namespace Tavrin::SplatSource {
+namespace {
+
+using GaussionSplat::recordLayout;
+
+constexpr std::string_view restPrefix = "f_rest_";
+constexpr std::array<const char*, 3> colourBytes = {"red", "green", "blue"};
+
+// The number of a property f_rest_N, written without leading zeros; nothing when it has another name.
+std::optional<std::uint64_t> restNumber(std::string_view name) {
+    if (!name.starts_with(restPrefix)) {
+        return std::nullopt;
+    }
+    name.remove_prefix(restPrefix.size());
+    std::uint64_t number = 0;
+    const auto [stop, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    const bool isPlain = error == std::errc() && stop == name.data() + name.size() &&
+                         (name.size() == 1 || name.front() != '0');
+    return isPlain ? std::optional(number) : std::nullopt;
+}
+
+// Names of the canonical record in order; coefficients as count / 3 a channel, the places of others empty.
+std::vector<std::string> recordNames(int degree, std::uint64_t perChannel) {
+    using namespace GaussionSplat;
+    const RecordLayout& record = recordLayout(degree > 0);
+    std::vector<std::string> names(record.floats);
+    const auto put = [&](std::size_t at, std::initializer_list<const char*> texts) {
+        for (const char* const text : texts) {
+            names[at++] = text;
+        }
+    };
+    put(positionAt, {"x", "y", "z"});
+    put(normalAt, {"nx", "ny", "nz"});
+    put(colourAt, {"f_dc_0", "f_dc_1", "f_dc_2"});
+    put(record.opacity, {"opacity"});
+    put(record.scale, {"scale_0", "scale_1", "scale_2"});
+    put(record.rotation, {"rot_0", "rot_1", "rot_2", "rot_3"});
+    const std::uint64_t taken = std::min<std::uint64_t>(perChannel, shcoefPerChannel);
+    for (std::size_t channel = 0; degree > 0 && channel < 3; ++channel) {
+        for (std::uint64_t i = 0; i < taken; ++i) {
+            names[shcoefAt + channel * shcoefPerChannel + i] =
+                fmt::format("f_rest_{}", channel * perChannel + i);
+        }
+    }
+    return names;
+}
+
+class LayoutReader {
+public:
+    LayoutReader(const PlyHeader& header, const std::string& name) : m_header(header), m_name(name) {}
+
+    SplatLayout read() {
+        m_vertex = m_header.find("vertex");
+        if (m_vertex == nullptr) {
+            fail(m_header.lines.size(), "not a splat file: the header has no element vertex");
+        }
+        placeColumns();
+        requireSplats();
+        const std::uint64_t coefficients = countCoefficients();
+        m_layout.degree = degreeOf(coefficients);
+        const std::vector<std::string> names = recordNames(m_layout.degree, coefficients / 3);
+        fill(names);
+        remark(names);
+        const bool isOrdered = m_vertex->properties.size() == names.size() &&
+                               std::ranges::equal(m_vertex->properties, names, {}, &PlyProperty::name);
+        const auto isFloat = [](const PlyProperty& property) {
+            return !property.isList() && property.type == Scalar::float32;
+        };
+        m_layout.isCanonical = isOrdered && std::ranges::all_of(m_vertex->properties, isFloat);
+        return std::move(m_layout);
+    }
+
+private:
+    [[noreturn]] void fail(std::size_t line, const std::string& what) const {
+        throw SourceError(fmt::format("{}:{}: {}", m_name, line, what));
+    }
+
+    bool has(const std::string& name) const { return m_columns.contains(name); }
+
+    void placeColumns() {
+        for (const PlyProperty& property : m_vertex->properties) {
+            if (property.isList()) {
+                m_layout.hasLists = true;
+                continue;
+            }
+            m_columns[property.name] = {m_layout.recordBytes, property.type};
+            m_layout.recordBytes += widthOf(property.type);
+        }
+    }
+
+    // What is missing, and what the file looks like when nothing of a splat is there.
+    void requireSplats() const {
+        std::vector<std::string> missing;
+        for (const char* const name :
+             {"x", "y", "z", "opacity", "scale_0", "scale_1", "rot_0", "rot_1", "rot_2", "rot_3"}) {
+            if (!has(name)) {
+                missing.emplace_back(name);
+            }
+        }
+        if (!has("opacity") && !has("scale_0") && !has("rot_0")) {
+            const bool hasFaces = m_header.find("face") != nullptr;
+            fail(m_vertex->line,
+                 fmt::format("{}, not splats: no opacity, no scale, no rotation: name the trained splats",
+                             m_vertex->properties.empty() ? "vertices without properties"
+                             : hasFaces                   ? "a mesh"
+                                                          : "a point cloud"));
+        }
+        if (missing.empty() && !hasColour()) {
+            missing = {"f_dc_0", "f_dc_1", "f_dc_2"};
+        }
+        if (!missing.empty()) {
+            for (const std::string& name : missing) {
+                refuseList(name);
+            }
+            fail(m_vertex->line, fmt::format("not a splat file: the vertices have no property {}: export "
+                                             "the splats with it",
+                                             fmt::join(missing, ", ")));
+        }
+    }
+
+    // A property that is there, but as a list.
+    void refuseList(const std::string& name) const {
+        const PlyProperty* const property = m_vertex->find(name);
+        if (property != nullptr) {
+            fail(property->line, fmt::format("property {} is a list: expected a single number", name));
+        }
+    }
+
+    bool hasColour() const {
+        if (has("f_dc_0") && has("f_dc_1") && has("f_dc_2")) {
+            return true;
+        }
+        return std::ranges::all_of(colourBytes, [&](const char* name) {
+            const auto column = m_columns.find(name);
+            return column != m_columns.end() && column->second.type == Scalar::uint8;
+        });
+    }
+
+    // Coefficients, which must be numbered from 0 on without a gap.
+    std::uint64_t countCoefficients() const {
+        std::uint64_t count = 0;
+        std::uint64_t largest = 0;
+        for (const PlyProperty& property : m_vertex->properties) {
+            if (!property.name.starts_with(restPrefix) && property.name != "f_rest") {
+                continue;
+            }
+            refuseList(property.isList() ? property.name : std::string());
+            const std::optional<std::uint64_t> number = restNumber(property.name);
+            if (!number) {
+                fail(property.line, fmt::format("property {} is no coefficient: expected f_rest_0, f_rest_1 "
+                                                "and so on",
+                                                inQuotes(property.name)));
+            }
+            ++count;
+            largest = std::max(largest, *number);
+        }
+        if (count > 0 && largest + 1 != count) {
+            fail(m_vertex->line, fmt::format("{} f_rest properties are numbered up to {}: expected 0 to {} "
+                                             "without a gap",
+                                             count, largest, count - 1));
+        }
+        return count;
+    }
+
+    // 3 * ((degree + 1)^2 - 1) coefficients make a degree; the fourth is left off.
+    int degreeOf(std::uint64_t coefficients) {
+        for (std::uint64_t degree = 0; degree <= 4; ++degree) {
+            if (coefficients == 3 * ((degree + 1) * (degree + 1) - 1)) {
+                if (degree == 4) {
+                    m_layout.remarks.emplace_back(
+                        "the coefficients of degree 4 are left off: a dataset holds three degrees");
+                }
+                return static_cast<int>(std::min<std::uint64_t>(degree, 3));
+            }
+        }
+        fail(m_vertex->line,
+             fmt::format("{} f_rest properties make no degree: expected 0, 9, 24, 45 or 72", coefficients));
+    }
+
+    void fill(const std::vector<std::string>& names) {
+        m_layout.columns.resize(names.size());
+        m_layout.constants.resize(names.size(), 0.0f);
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            const auto column = m_columns.find(names[i]);
+            if (column != m_columns.end()) {
+                m_layout.columns[i] = column->second;
+            }
+        }
+        for (std::size_t i = 0; i < 3; ++i) {
+            const Scalar type = m_layout.columns[GaussionSplat::positionAt + i]->type;
+            m_layout.isWide =
+                m_layout.isWide || type == Scalar::float64 || type == Scalar::int32 || type == Scalar::uint32;
+        }
+        m_layout.hasColourBytes = !(has("f_dc_0") && has("f_dc_1") && has("f_dc_2"));
+        for (std::size_t i = 0; m_layout.hasColourBytes && i < colourBytes.size(); ++i) {
+            m_layout.columns[GaussionSplat::colourAt + i] = m_columns.at(colourBytes[i]);
+        }
+        if (!has("scale_2")) {
+            refuseList("scale_2");
+            m_layout.constants[recordLayout(m_layout.degree > 0).scale + 2] = flatScale;
+            m_layout.remarks.emplace_back("flat splats without scale_2: their third axis gets a millionth of "
+                                          "the scene's unit");
+        }
+    }
+
+    void remark(const std::vector<std::string>& names) {
+        if (m_layout.hasColourBytes) {
+            m_layout.remarks.emplace_back("the vertices have no f_dc: their colours come from red, green and "
+                                          "blue");
+        }
+        const std::set<std::string> taken(names.begin(), names.end());
+        if (has("filter_3D") && !taken.contains("filter_3D")) {
+            m_layout.remarks.emplace_back(
+                "the column filter_3D of an anti-aliased training is left out: fuse "
+                "it into scale and opacity before the export to keep its effect");
+        }
+    }
+
+    const PlyHeader& m_header;
+    const std::string& m_name;
+    const PlyElement* m_vertex = nullptr;
+    std::map<std::string, PlyColumn> m_columns;
+    SplatLayout m_layout;
+};
+
+} // namespace
+
+bool isCompressedPly(const PlyHeader& header) {
+    const PlyElement* const vertex = header.find("vertex");
+    return vertex != nullptr && vertex->find("packed_position") != nullptr;
+}
+
+SplatLayout splatLayoutOf(const PlyHeader& header, const std::string& name) {
+    return LayoutReader(header, name).read();
+}
+
+} // namespace Tavrin::SplatSource

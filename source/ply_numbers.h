@@ -1,0 +1,19 @@
+// Numbers of text PLY files, whatever the locale.
+#pragma once
+
+#include "source/ply_header.h"
+
+#include <cstddef>
+#include <string_view>
+
+namespace Tavrin::SplatSource {
+
+// Writes the number that the word states to `value`, in the machine's form of the type: widthOf(type) bytes.
+// Reals may have an exponent, a plus, and be inf or nan; too large ones become infinite, too small ones 0.
+// False when the word is no number, or no whole number of the type's range where it must be one.
+bool parseScalar(std::string_view word, Scalar type, std::byte* value);
+
+// The count of a list; false when the word is no whole number from 0 on that its type holds.
+bool parseListCount(std::string_view word, Scalar type, std::uint64_t& count);
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,56 @@
+// From the vertices of a PLY file to canonical records: the inner loops.
+#pragma once
+
+#include "source/ply_layout.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Tavrin::SplatSource {
+
+// What is copied where, worked out once from a layout. Single-precision values keep their bits.
+class RecordMap {
+public:
+    RecordMap(const SplatLayout& layout, bool isBigEndian);
+
+    // Turns `count` vertices, recordBytes of the layout each without gaps, into records of the layout's
+    // floats.
+    void map(const std::byte* vertices, std::uint64_t count, float* records) const;
+
+    // x y z of each vertex in double.
+    void mapPositions(const std::byte* vertices, std::uint64_t count, double* positions) const;
+
+    // The same where the vertices are canonical records: swaps their bytes in place where they need it.
+    void mapInPlace(float* records, std::uint64_t count) const;
+
+private:
+    struct Move {
+        std::size_t from = 0; // byte of the vertex
+        std::size_t to = 0;   // float of the record
+        std::size_t count = 1;
+        Scalar type = Scalar::float32;
+    };
+    struct Constant {
+        std::size_t to = 0;
+        float value = 0.0f;
+    };
+
+    template <bool isSwapped>
+    void mapAs(const std::byte* vertices, std::uint64_t count, float* records) const;
+    template <bool isSwapped>
+    void positionsAs(const std::byte* vertices, std::uint64_t count, double* positions) const;
+
+    std::size_t m_vertexBytes;
+    std::size_t m_recordFloats;
+    bool m_isSwapped;
+    std::vector<Move> m_runs;    // floats that lie side by side in both, eight or more
+    std::vector<Move> m_floats;  // single floats
+    std::vector<Move> m_doubles; // single doubles
+    std::vector<Move> m_others;  // integers
+    std::vector<Move> m_colours; // bytes that stand in for f_dc
+    std::vector<Constant> m_constants;
+    Move m_positions[3];
+};
+
+} // namespace Tavrin::SplatSource
