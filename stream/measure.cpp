@@ -235,7 +235,7 @@ void MeasurePass::scanBox() {
     });
 }
 
-// The measured box holds the origin: it starts from there.
+// The measured box holds the origin: it starts from there. A source may state the box of its records instead.
 void MeasurePass::settleBox(Measured& measured) const {
     measured.isBoxStated = statedBox.has_value();
     if (statedBox) {
@@ -245,16 +245,26 @@ void MeasurePass::settleBox(Measured& measured) const {
     }
     float min[3] = {};
     float max[3] = {};
+    ValueRange records[3];
     for (const std::unique_ptr<Found>& own : found) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
-            const ValueRange& range =
-                source.boxPositions() > 0 ? own->scan[axis] : own->ranges.column(positionAt + axis);
+            const ValueRange& column = own->ranges.column(positionAt + axis);
+            records[axis].min = minimum(records[axis].min, column.min);
+            records[axis].max = maximum(records[axis].max, column.max);
+            const ValueRange& range = source.boxPositions() > 0 ? own->scan[axis] : column;
             min[axis] = minimum(min[axis], range.min);
             max[axis] = maximum(max[axis], range.max);
         }
     }
     measured.bboxMin = {min[0], min[1], min[2]};
     measured.bboxMax = {max[0], max[1], max[2]};
+    source.stateBox({records[0].min, records[1].min, records[2].min},
+                    {records[0].max, records[1].max, records[2].max}, measured.params);
+    if (const Params& params = measured.params; statesBounds(params)) {
+        measured.isBoxStated = true;
+        measured.bboxMin = {params.minx, params.miny, params.minz};
+        measured.bboxMax = {params.maxx, params.maxy, params.maxz};
+    }
 }
 
 void MeasurePass::addKeys(const float* records, std::size_t stride, std::uint64_t count,

@@ -1,0 +1,292 @@
+#include "source/drop.h"
+
+#include "source/ply_layout.h"
+#include "source/text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fmt/format.h>
+#include <iterator>
+
+namespace Tavrin::SplatSource {
+namespace {
+
+constexpr std::array<const char*, dropReasons> reasonNames = {"invalid", "crop", "opacity", "scale"};
+
+enum Wrong : std::size_t { inPosition, inScale, inOpacity, inColour, inCoefficient, inNormal, inRotation };
+constexpr std::array<std::array<const char*, 2>, 7> wrongNames = {{{"position", "positions"},
+                                                                   {"scale", "scales"},
+                                                                   {"opacity", "opacities"},
+                                                                   {"colour", "colours"},
+                                                                   {"coefficient", "coefficients"},
+                                                                   {"normal", "normals"},
+                                                                   {"rotation", "rotations"}}};
+
+std::uint32_t bitsOf(const float* value) {
+    std::uint32_t bits;
+    std::memcpy(&bits, value, sizeof bits);
+    return bits;
+}
+
+bool areFinite(const float* values, std::size_t count) {
+    return std::all_of(values, values + count, [](float value) { return std::isfinite(value); });
+}
+
+} // namespace
+
+const char* nameOf(DropReason reason) {
+    return reasonNames[static_cast<std::size_t>(reason)];
+}
+
+std::uint64_t Ledger::droppedInAll() const {
+    std::uint64_t sum = 0;
+    for (const std::uint64_t count : dropped) {
+        sum += count;
+    }
+    return sum;
+}
+
+Ledger& Ledger::operator+=(const Ledger& other) {
+    read += other.read;
+    kept += other.kept;
+    std::ranges::transform(dropped, other.dropped, dropped.begin(), std::plus<>());
+    std::ranges::transform(invalid, other.invalid, invalid.begin(), std::plus<>());
+    firstInvalid = std::min(firstInvalid, other.firstInvalid);
+    return *this;
+}
+
+std::string invalidText(const Ledger& ledger) {
+    std::string text;
+    for (std::size_t i = 0; i < ledger.invalid.size(); ++i) {
+        if (ledger.invalid[i] > 0) {
+            text +=
+                (text.empty() ? "" : ", ") + countOf(ledger.invalid[i], wrongNames[i][0], wrongNames[i][1]);
+        }
+    }
+    return text;
+}
+
+KeptSplats::KeptSplats(std::unique_ptr<Input> input, const DropRules& rules, ScaleValues scales,
+                       OpacityValues opacities)
+    : m_input(std::move(input)), m_layout(GaussionSplat::recordLayout(m_input->hasCoefficients)),
+      m_rules(rules), m_scales(scales), m_opacities(opacities) {
+    const double least = rules.minOpacity.value_or(0.0);
+    m_leastLogit = std::log(least / (1.0 - least));
+    m_mostScale = std::log(rules.maxScale.value_or(INFINITY));
+    m_isAllCounted = m_input->count == 0;
+}
+
+std::uint64_t KeptSplats::read(std::uint64_t first, std::uint64_t size, float* records,
+                               double* positions) const {
+    thread_local std::vector<double> ownPositions;
+    const bool needsPositions = m_rules.crop && m_input->isWide;
+    if (positions == nullptr && needsPositions) {
+        ownPositions.resize(std::max<std::size_t>(ownPositions.size(), 3 * size));
+        positions = ownPositions.data();
+    }
+    m_input->readWide(first, size, records, positions);
+    makeUnits(size, records);
+    lookAtUnits(size, records);
+    std::vector<Finding> findings;
+    const bool areAllKept = m_rules.areNone() && areSound(size, records);
+    const std::uint64_t kept = areAllKept ? size : drop(first, size, records, positions, findings);
+    count(first, size, findings);
+    return kept;
+}
+
+void KeptSplats::makeUnits(std::uint64_t size, float* records) const {
+    if (m_scales != ScaleValues::linear && m_opacities != OpacityValues::linear) {
+        return;
+    }
+    for (std::uint64_t i = 0; i < size; ++i) {
+        float* const record = records + i * m_layout.floats;
+        for (std::size_t axis = 0; m_scales == ScaleValues::linear && axis < 3; ++axis) {
+            float& scale = record[m_layout.scale + axis];
+            scale = static_cast<float>(std::log(static_cast<double>(scale)));
+        }
+        if (m_opacities == OpacityValues::linear) {
+            float& opacity = record[m_layout.opacity];
+            const double linear = opacity;
+            opacity = static_cast<float>(std::log(linear / (1.0 - linear)));
+        }
+    }
+}
+
+void KeptSplats::lookAtUnits(std::uint64_t size, const float* records) const {
+    constexpr auto relaxed = std::memory_order_relaxed;
+    const bool isScaleTold = m_scales != ScaleValues::told || m_hasNegativeScale.load(relaxed);
+    const bool isOpacityTold = m_opacities != OpacityValues::told || m_hasFarOpacity.load(relaxed);
+    if (!m_input->hasOpenUnits || (isScaleTold && isOpacityTold)) {
+        return;
+    }
+    for (std::uint64_t i = 0; i < size; ++i) {
+        const float* const record = records + i * m_layout.floats;
+        const float opacity = record[m_layout.opacity];
+        if (opacity < 0.0f || opacity > 1.0f) {
+            m_hasFarOpacity.store(true, relaxed);
+        } else if (opacity > 0.0f) {
+            m_hasOpacity.store(true, relaxed);
+        }
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const float scale = record[m_layout.scale + axis];
+            // The constant of flat splats is no value of the file.
+            if (scale < 0.0f && scale != flatScale) {
+                m_hasNegativeScale.store(true, relaxed);
+            } else if (scale > 0.0f) {
+                m_hasScale.store(true, relaxed);
+            }
+        }
+        if (m_hasFarOpacity.load(relaxed) && m_hasNegativeScale.load(relaxed)) {
+            return;
+        }
+    }
+}
+
+// True when no record can be an invalid one: every value is finite and no rotation is zero. An exponent of
+// all ones carries into the sign's place.
+bool KeptSplats::areSound(std::uint64_t size, const float* records) const {
+    constexpr std::uint32_t exponent = 0x7F800000u;
+    std::uint32_t carries = 0;
+    for (std::uint64_t i = 0; i < size * m_layout.floats; ++i) {
+        carries |= (bitsOf(records + i) & exponent) + 0x00800000u;
+    }
+    bool hasZero = false;
+    for (std::uint64_t i = 0; i < size; ++i) {
+        const float* const rotation = records + i * m_layout.floats + m_layout.rotation;
+        const std::uint32_t bits =
+            bitsOf(rotation) | bitsOf(rotation + 1) | bitsOf(rotation + 2) | bitsOf(rotation + 3);
+        hasZero = hasZero | ((bits & 0x7FFFFFFFu) == 0);
+    }
+    return (carries >> 31) == 0 && !hasZero;
+}
+
+std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const double* position) const {
+    using namespace GaussionSplat;
+    const auto invalid = [](Wrong wrong) { return Finding{0, DropReason::invalid, wrong}; };
+    const float* const scale = record + m_layout.scale;
+    const float* const rotation = record + m_layout.rotation;
+    if (!areFinite(record + positionAt, 3)) {
+        return invalid(inPosition);
+    }
+    // A negative infinity is the logarithm of 0.
+    if (std::any_of(scale, scale + 3, [](float s) { return std::isnan(s) || s == INFINITY; })) {
+        return invalid(inScale);
+    }
+    if (std::isnan(record[m_layout.opacity])) {
+        return invalid(inOpacity);
+    }
+    if (!areFinite(record + colourAt, 3)) {
+        return invalid(inColour);
+    }
+    if (m_input->hasCoefficients && !areFinite(record + shcoefAt, shcoefFloats)) {
+        return invalid(inCoefficient);
+    }
+    if (!areFinite(record + normalAt, 3)) {
+        return invalid(inNormal);
+    }
+    if (!areFinite(rotation, 4) || std::all_of(rotation, rotation + 4, [](float r) { return r == 0.0f; })) {
+        return invalid(inRotation);
+    }
+    for (std::size_t axis = 0; m_rules.crop && axis < 3; ++axis) {
+        const double at = position == nullptr ? double{record[axis]} : position[axis];
+        if (!(at >= m_rules.crop->min[axis] && at <= m_rules.crop->max[axis])) {
+            return Finding{0, DropReason::crop, 0};
+        }
+    }
+    if (m_rules.minOpacity && record[m_layout.opacity] < m_leastLogit) {
+        return Finding{0, DropReason::opacity, 0};
+    }
+    if (m_rules.maxScale && *std::max_element(scale, scale + 3) > m_mostScale) {
+        return Finding{0, DropReason::scale, 0};
+    }
+    return std::nullopt;
+}
+
+// Moves what is kept together.
+std::uint64_t KeptSplats::drop(std::uint64_t first, std::uint64_t size, float* records, double* positions,
+                               std::vector<Finding>& findings) const {
+    std::uint64_t kept = 0;
+    for (std::uint64_t i = 0; i < size; ++i) {
+        const float* const record = records + i * m_layout.floats;
+        const double* const position = positions == nullptr ? nullptr : positions + 3 * i;
+        if (std::optional<Finding> finding = judge(record, position)) {
+            finding->record = first + i;
+            findings.push_back(*finding);
+            continue;
+        }
+        if (kept < i) {
+            std::memcpy(records + kept * m_layout.floats, record, m_layout.floats * sizeof(float));
+            if (position != nullptr) {
+                std::copy_n(position, 3, positions + 3 * kept);
+            }
+        }
+        ++kept;
+    }
+    return kept;
+}
+
+void KeptSplats::countPart(const Part& part, const std::vector<Finding>& findings) const {
+    m_ledger.read += part.end - part.first;
+    m_ledger.kept += part.end - part.first;
+    const auto begin = std::ranges::lower_bound(findings, part.first, {}, &Finding::record);
+    for (auto finding = begin; finding != findings.end() && finding->record < part.end; ++finding) {
+        --m_ledger.kept;
+        ++m_ledger.dropped[static_cast<std::size_t>(finding->reason)];
+        if (finding->reason == DropReason::invalid) {
+            ++m_ledger.invalid[finding->wrong];
+            m_ledger.firstInvalid = std::min(m_ledger.firstInvalid, finding->record);
+        }
+    }
+}
+
+// Counts the records of a range that were not counted before.
+void KeptSplats::count(std::uint64_t first, std::uint64_t size, const std::vector<Finding>& findings) const {
+    if (size == 0 || m_isAllCounted.load(std::memory_order_relaxed)) {
+        return;
+    }
+    const std::lock_guard<std::mutex> guard(m_lock);
+    Part whole = {first, first + size};
+    // The parts that touch the range: they become one with it.
+    auto begin = std::ranges::lower_bound(m_counted, first, {}, &Part::end);
+    auto end = begin;
+    std::uint64_t at = first;
+    for (; end != m_counted.end() && end->first <= first + size; ++end) {
+        if (at < end->first) {
+            countPart({at, end->first}, findings);
+        }
+        at = std::max(at, end->end);
+        whole.first = std::min(whole.first, end->first);
+        whole.end = std::max(whole.end, end->end);
+    }
+    if (at < first + size) {
+        countPart({at, first + size}, findings);
+    }
+    m_counted.insert(m_counted.erase(begin, end), whole);
+    if (whole.first == 0 && whole.end == m_input->count) {
+        m_isAllCounted = true;
+    }
+}
+
+Ledger KeptSplats::ledger() const {
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_ledger;
+}
+
+void KeptSplats::requireUnits() const {
+    if (!m_input->hasOpenUnits) {
+        return;
+    }
+    if (m_scales == ScaleValues::told && m_hasScale && !m_hasNegativeScale) {
+        throw SourceError(m_input->name + ": no scale is negative, so they look like linear values, where "
+                                          "logarithms are expected: say --scale linear, or --scale log if "
+                                          "they are logarithms");
+    }
+    if (m_opacities == OpacityValues::told && m_hasOpacity && !m_hasFarOpacity) {
+        throw SourceError(m_input->name + ": every opacity lies between 0 and 1, so they look like linear "
+                                          "values, where logits are expected: say --opacity linear, or "
+                                          "--opacity logit if they are logits");
+    }
+}
+
+} // namespace Tavrin::SplatSource

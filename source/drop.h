@@ -1,0 +1,109 @@
+// Which splats of an input are dropped, and the account of them.
+#pragma once
+
+#include "source/input.h"
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tavrin::SplatSource {
+
+enum class DropReason { invalid, crop, opacity, scale };
+inline constexpr std::size_t dropReasons = 4;
+const char* nameOf(DropReason reason); // "invalid", "crop", "opacity", "scale"
+
+// What a user asks to drop; invalid splats always are.
+struct DropRules {
+    std::optional<Box> crop{};          // in the file's coordinates; its faces are inside
+    std::optional<double> minOpacity{}; // 0 to 1, of the opacity itself
+    std::optional<double> maxScale{};   // linear, above 0
+
+    bool areNone() const { return !crop && !minOpacity && !maxScale; }
+};
+
+enum class ScaleValues { told, linear, logarithms }; // told: by the values
+enum class OpacityValues { told, linear, logits };
+
+// read = kept + all that was dropped.
+struct Ledger {
+    std::uint64_t read = 0;
+    std::uint64_t kept = 0;
+    std::array<std::uint64_t, dropReasons> dropped{};
+    // Of the invalid ones, by what is wrong first: position, scale, opacity, colour, coefficient, normal,
+    // rotation.
+    std::array<std::uint64_t, 7> invalid{};
+    std::uint64_t firstInvalid = UINT64_MAX; // record; UINT64_MAX when there is none
+
+    std::uint64_t droppedInAll() const;
+    Ledger& operator+=(const Ledger& other);
+};
+
+// "12 positions, 1 rotation": what is wrong with invalid splats.
+std::string invalidText(const Ledger& ledger);
+
+// An input without the splats that are dropped. Scales become logarithms and opacities logits.
+class KeptSplats {
+public:
+    KeptSplats(std::unique_ptr<Input> input, const DropRules& rules, ScaleValues scales,
+               OpacityValues opacities);
+
+    const Input& input() const { return *m_input; }
+
+    // The kept ones of the records [first, first + size), in the input's form: as Input::readWide, but
+    // returns how many there are.
+    std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records, double* positions) const;
+
+    // Of the records that were read so far, each counted once however often it was read.
+    Ledger ledger() const;
+
+    // To be called when every record has been read: throws SourceError when no scale is negative or no
+    // opacity outside 0 to 1 and the caller has not said what they are: such a file holds linear values.
+    void requireUnits() const;
+
+private:
+    struct Part { // records that are counted: [first, end)
+        std::uint64_t first;
+        std::uint64_t end;
+    };
+    struct Finding {
+        std::uint64_t record;
+        DropReason reason;
+        std::size_t wrong; // of Ledger::invalid
+    };
+
+    void makeUnits(std::uint64_t size, float* records) const;
+    void lookAtUnits(std::uint64_t size, const float* records) const;
+    bool areSound(std::uint64_t size, const float* records) const;
+    std::optional<Finding> judge(const float* record, const double* position) const;
+    std::uint64_t drop(std::uint64_t first, std::uint64_t size, float* records, double* positions,
+                       std::vector<Finding>& findings) const;
+    void count(std::uint64_t first, std::uint64_t size, const std::vector<Finding>& findings) const;
+    void countPart(const Part& part, const std::vector<Finding>& findings) const;
+
+    std::unique_ptr<Input> m_input;
+    GaussionSplat::RecordLayout m_layout;
+    DropRules m_rules;
+    ScaleValues m_scales;
+    OpacityValues m_opacities;
+    double m_leastLogit = 0.0;
+    double m_mostScale = 0.0; // logarithm
+
+    // What the values tell of their units: a scale that no linear file has, and so on.
+    mutable std::atomic<bool> m_hasNegativeScale = false;
+    mutable std::atomic<bool> m_hasScale = false; // one that is not 0
+    mutable std::atomic<bool> m_hasFarOpacity = false;
+    mutable std::atomic<bool> m_hasOpacity = false;
+
+    mutable std::mutex m_lock;
+    mutable std::vector<Part> m_counted; // in order, neither touching nor overlapping
+    mutable std::atomic<bool> m_isAllCounted = false;
+    mutable Ledger m_ledger;
+};
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,370 @@
+#include "source/merge.h"
+
+#include "source/text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <exception>
+#include <fmt/format.h>
+#include <limits>
+#include <mutex>
+#include <thread>
+
+namespace Tavrin::SplatSource {
+namespace {
+
+using GaussionSplat::layoutWithoutShcoef;
+using GaussionSplat::layoutWithShcoef;
+
+constexpr std::array<const char*, 3> offsetKeys = {"offsetx", "offsety", "offsetz"};
+constexpr double offsetTolerance = 1e-5;  // of a stated offset in single precision, scene units
+constexpr std::uint64_t boxWindow = 4096; // records that the pass for the box reads at a time
+
+// A whole number near `value` that single precision holds.
+double wholeNear(double value) {
+    return double{static_cast<float>(std::round(value))};
+}
+
+// Puts 15 zero coefficients a channel into records without any, in place from the last on.
+void widenRecords(std::uint64_t count, float* records) {
+    using namespace GaussionSplat;
+    constexpr std::size_t narrow = layoutWithoutShcoef.floats;
+    constexpr std::size_t wide = layoutWithShcoef.floats;
+    for (std::uint64_t i = count; i-- > 0;) {
+        float record[narrow];
+        std::memcpy(record, records + i * narrow, sizeof record);
+        float* const to = records + i * wide;
+        std::copy_n(record, shcoefAt, to);
+        std::fill_n(to + shcoefAt, shcoefFloats, 0.0f);
+        std::copy_n(record + shcoefAt, narrow - shcoefAt, to + shcoefAt + shcoefFloats);
+    }
+}
+
+// Half of the step to the next number that single precision holds, at the largest coordinate of a range.
+double halfStep(double smallest, double largest) {
+    const double reach = std::max(std::abs(smallest), std::abs(largest));
+    if (!(reach < double{std::numeric_limits<float>::max()})) {
+        return 0.0;
+    }
+    const auto at = static_cast<float>(reach);
+    return (double{std::nextafter(at, INFINITY)} - double{at}) / 2;
+}
+
+void widenBox(Box& box, const double* positions, std::uint64_t count, const std::optional<Box>& crop) {
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const double* const at = positions + 3 * i;
+        bool isInside = std::isfinite(at[0]) && std::isfinite(at[1]) && std::isfinite(at[2]);
+        for (std::size_t axis = 0; crop && axis < 3; ++axis) {
+            isInside = isInside && at[axis] >= crop->min[axis] && at[axis] <= crop->max[axis];
+        }
+        for (std::size_t axis = 0; isInside && axis < 3; ++axis) {
+            box.min[axis] = std::min(box.min[axis], at[axis]);
+            box.max[axis] = std::max(box.max[axis], at[axis]);
+        }
+    }
+}
+
+Box emptyBox() {
+    constexpr double none = std::numeric_limits<double>::infinity();
+    return {{none, none, none}, {-none, -none, -none}};
+}
+
+// The box of an input's positions, those that are cropped left out.
+Box inputBox(const Input& input, const std::optional<Box>& crop, unsigned threads) {
+    Box box = emptyBox();
+    std::mutex lock;
+    std::exception_ptr failure;
+    std::atomic<std::uint64_t> next = 0;
+    const auto work = [&] {
+        try {
+            Box own = emptyBox();
+            std::vector<double> positions(3 * boxWindow);
+            for (std::uint64_t first; (first = next.fetch_add(boxWindow)) < input.count;) {
+                const std::uint64_t size = std::min(boxWindow, input.count - first);
+                input.readPositions(first, size, positions.data());
+                widenBox(own, positions.data(), size, crop);
+            }
+            const std::lock_guard<std::mutex> guard(lock);
+            for (std::size_t axis = 0; axis < 3; ++axis) {
+                box.min[axis] = std::min(box.min[axis], own.min[axis]);
+                box.max[axis] = std::max(box.max[axis], own.max[axis]);
+            }
+        } catch (...) {
+            const std::lock_guard<std::mutex> guard(lock);
+            failure = std::current_exception();
+        }
+    };
+    std::vector<std::thread> workers;
+    for (unsigned i = 1; i < threads; ++i) {
+        workers.emplace_back(work);
+    }
+    work();
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    return box;
+}
+
+} // namespace
+
+Scene::Scene(std::vector<std::unique_ptr<Input>> inputs, const SceneOptions& options)
+    : m_rules(options.rules), m_isStrict(options.isStrict) {
+    for (std::unique_ptr<Input>& input : inputs) {
+        m_firsts.push_back(count);
+        count += input->count;
+        hasCoefficients = hasCoefficients || input->hasCoefficients;
+        for (const std::string& remark : input->remarks) {
+            remarks.push_back(fmt::format("{}: {}", input->name, remark));
+        }
+        m_inputs.push_back(
+            std::make_unique<KeptSplats>(std::move(input), options.rules, options.scales, options.opacities));
+    }
+    m_moves.resize(m_inputs.size());
+    settleParams(options);
+    settleOffset(options);
+}
+
+void Scene::settleParams(const SceneOptions& options) {
+    const Input& first = m_inputs.front()->input();
+    params = first.params;
+    boundsSeen = first.boundsSeen;
+    if (m_inputs.size() > 1) {
+        const GaussionSplat::Params none;
+        params.minx = none.minx;
+        params.miny = none.miny;
+        params.minz = none.minz;
+        params.maxx = none.maxx;
+        params.maxy = none.maxy;
+        params.maxz = none.maxz;
+        boundsSeen = false;
+        if (first.stated.dataType.empty()) {
+            params.dataType = "ply";
+        }
+    }
+    const std::string* named = &first.name;
+    for (const auto& kept : m_inputs) {
+        const Input& input = kept->input();
+        if (params.epsg == 0 && input.params.epsg != 0) {
+            params.epsg = input.params.epsg;
+            named = &input.name;
+        }
+        if (!options.epsg && input.params.epsg != 0 && input.params.epsg != params.epsg) {
+            throw SourceError(fmt::format("{}: its EPSG code is {}, that of {} is {}: bring the inputs into "
+                                          "one reference system, or say --epsg if a header is wrong",
+                                          input.name, input.params.epsg, *named, params.epsg));
+        }
+    }
+    params.epsg = options.epsg.value_or(params.epsg);
+    params.source = options.source.value_or(params.source);
+    params.dataType = options.dataType.value_or(params.dataType);
+    m_isKindStated = options.dataType || !first.stated.dataType.empty();
+}
+
+Point Scene::statedOffset(std::size_t input, const SceneOptions& options) const {
+    if (options.offset) {
+        return *options.offset;
+    }
+    Point offset = {};
+    const SceneComments& stated = m_inputs[input]->input().stated;
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        const auto number = stated.numbers.find(offsetKeys[axis]);
+        offset[axis] = number == stated.numbers.end() ? 0.0 : number->second.written;
+    }
+    return offset;
+}
+
+void Scene::settleOffset(const SceneOptions& options) {
+    const Point base = statedOffset(0, options);
+    Point offset = {};
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        offset[axis] = double{static_cast<float>(base[axis])};
+        if (std::abs(offset[axis] - base[axis]) > offsetTolerance) {
+            offset[axis] = wholeNear(base[axis]);
+            isOffsetCut = true;
+        } else {
+            // What is too small to matter moves nothing, so that records stay as they are.
+            m_moves[0][axis] = 0.0;
+        }
+    }
+    bool needsBox = false;
+    for (std::size_t i = 0; i < m_inputs.size(); ++i) {
+        const Point own = statedOffset(i, options);
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const bool isHeld = std::abs(offset[axis] - base[axis]) <= offsetTolerance;
+            m_moves[i][axis] = own[axis] - (isHeld ? base[axis] : offset[axis]);
+        }
+        needsBox = needsBox || m_inputs[i]->input().isWide || m_moves[i] != Point{};
+    }
+    if (needsBox) {
+        Box box = boxOf(options.open.threads);
+        const bool isStated = base != Point{};
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            const double reach = std::max(std::abs(box.min[axis]), std::abs(box.max[axis]));
+            if (!isStated && std::isfinite(reach) && reach >= largestExactCoordinate) {
+                offset[axis] = wholeNear(box.min[axis] / 2 + box.max[axis] / 2);
+                isOffsetChosen = isOffsetChosen || offset[axis] != 0.0;
+                for (Point& move : m_moves) {
+                    move[axis] -= offset[axis];
+                }
+                box.min[axis] -= offset[axis];
+                box.max[axis] -= offset[axis];
+            }
+            largestError = std::max(largestError, halfStep(box.min[axis], box.max[axis]));
+        }
+    }
+    params.offsetx = offset[0];
+    params.offsety = offset[1];
+    params.offsetz = offset[2];
+    moveBounds();
+}
+
+// The box of the moved positions of inputs that are not kept bit for bit.
+Box Scene::boxOf(unsigned threads) const {
+    Box box = emptyBox();
+    for (std::size_t i = 0; i < m_inputs.size(); ++i) {
+        const Input& input = m_inputs[i]->input();
+        const Box own = inputBox(input, m_rules.crop, threads);
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            box.min[axis] = std::min(box.min[axis], own.min[axis] + m_moves[i][axis]);
+            box.max[axis] = std::max(box.max[axis], own.max[axis] + m_moves[i][axis]);
+        }
+    }
+    return box;
+}
+
+// Stated bounds go with the positions, rounded outwards.
+void Scene::moveBounds() {
+    if (m_inputs.size() > 1 || m_moves[0] == Point{}) {
+        return;
+    }
+    const SceneComments& stated = m_inputs[0]->input().stated;
+    const std::array<std::pair<const char*, double*>, 6> fields = {{{"minx", &params.minx},
+                                                                    {"miny", &params.miny},
+                                                                    {"minz", &params.minz},
+                                                                    {"maxx", &params.maxx},
+                                                                    {"maxy", &params.maxy},
+                                                                    {"maxz", &params.maxz}}};
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        const auto number = stated.numbers.find(fields[i].first);
+        if (number == stated.numbers.end()) {
+            continue;
+        }
+        const double moved = number->second.written + m_moves[0][i % 3];
+        auto kept = static_cast<float>(moved);
+        const bool isMinimum = i < 3;
+        if (isMinimum ? double{kept} > moved : double{kept} < moved) {
+            kept = std::nextafter(kept, isMinimum ? -INFINITY : INFINITY);
+        }
+        *fields[i].second = double{kept};
+    }
+}
+
+std::uint64_t Scene::read(std::uint64_t first, std::uint64_t size, float* records) const {
+    thread_local std::vector<double> positions;
+    std::uint64_t kept = 0;
+    const std::size_t floats = GaussionSplat::recordLayout(hasCoefficients).floats;
+    while (size > 0) {
+        const auto at =
+            static_cast<std::size_t>(std::ranges::upper_bound(m_firsts, first) - m_firsts.begin() - 1);
+        const KeptSplats& input = *m_inputs[at];
+        const std::uint64_t own = first - m_firsts[at];
+        const std::uint64_t part = std::min(size, input.input().count - own);
+        const bool isMoved = m_moves[at] != Point{};
+        if (isMoved) {
+            positions.resize(std::max<std::size_t>(positions.size(), 3 * part));
+        }
+        float* const to = records + kept * floats;
+        const std::uint64_t there = input.read(own, part, to, isMoved ? positions.data() : nullptr);
+        finish(input, m_moves[at], there, to, isMoved ? positions.data() : nullptr);
+        kept += there;
+        first += part;
+        size -= part;
+    }
+    return kept;
+}
+
+// Brings an input's records to the form and the place of the scene.
+void Scene::finish(const KeptSplats& input, const Point& move, std::uint64_t kept, float* records,
+                   const double* positions) const {
+    const std::size_t floats = GaussionSplat::recordLayout(input.input().hasCoefficients).floats;
+    for (std::uint64_t i = 0; positions != nullptr && i < kept; ++i) {
+        for (std::size_t axis = 0; axis < 3; ++axis) {
+            records[i * floats + axis] = static_cast<float>(positions[3 * i + axis] + move[axis]);
+        }
+    }
+    if (hasCoefficients && !input.input().hasCoefficients) {
+        widenRecords(kept, records);
+    }
+}
+
+std::uint64_t Scene::boxPositions() const {
+    const bool isAsItLies = m_inputs.size() == 1 && m_inputs[0]->input().isCanonical &&
+                            m_moves[0] == Point{} && m_rules.areNone();
+    return isAsItLies ? m_inputs[0]->input().boxPositions() : 0;
+}
+
+void Scene::readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const {
+    m_inputs[0]->input().readBoxPositions(first, size, positions);
+}
+
+void Scene::stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat::Params& stated) const {
+    // The converter takes bounds whose x are further from 0 than these.
+    constexpr float leastMin = 0.001f;
+    constexpr float leastMax = 0.1f;
+    if (hasCoefficients || !(min[0] <= max[0])) {
+        return;
+    }
+    stated.minx = double{std::abs(min[0]) > leastMin ? min[0] : -std::nextafter(leastMin, 1.0f)};
+    stated.miny = double{min[1]};
+    stated.minz = double{min[2]};
+    stated.maxx = double{std::abs(max[0]) > leastMax ? max[0] : std::nextafter(leastMax, 1.0f)};
+    stated.maxy = double{max[1]};
+    stated.maxz = double{max[2]};
+    if (!m_isKindStated) {
+        stated.dataType = "ytr"; // as the converter calls scenes with bounds
+    }
+}
+
+void Scene::requireUnchanged() const {
+    for (const auto& input : m_inputs) {
+        input->input().requireUnchanged();
+    }
+}
+
+Ledger Scene::ledger() const {
+    Ledger sum;
+    for (const auto& input : m_inputs) {
+        sum += input->ledger();
+    }
+    return sum;
+}
+
+void Scene::requireAccepted() const {
+    for (const auto& input : m_inputs) {
+        input->requireUnits();
+        const Ledger ledger = input->ledger();
+        const std::uint64_t invalid = ledger.dropped[static_cast<std::size_t>(DropReason::invalid)];
+        if (m_isStrict && invalid > 0) {
+            throw SourceError(fmt::format("{}: {} ({}), the first of them record {}: repair them, or leave "
+                                          "--strict out and they are dropped",
+                                          input->input().name,
+                                          countOf(invalid, "splat is invalid", "splats are invalid"),
+                                          invalidText(ledger), ledger.firstInvalid));
+        }
+    }
+}
+
+std::unique_ptr<Scene> openScene(const std::vector<std::filesystem::path>& paths,
+                                 const SceneOptions& options) {
+    std::vector<std::unique_ptr<Input>> inputs;
+    for (const std::filesystem::path& path : paths) {
+        inputs.push_back(openSource(path, options.open));
+    }
+    return std::make_unique<Scene>(std::move(inputs), options);
+}
+
+} // namespace Tavrin::SplatSource
