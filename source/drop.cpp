@@ -3,10 +3,11 @@
 #include "source/ply_layout.h"
 #include "source/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fmt/format.h>
 #include <iterator>
 
 namespace Tavrin::SplatSource {
@@ -69,44 +70,44 @@ std::string invalidText(const Ledger& ledger) {
 
 KeptSplats::KeptSplats(std::unique_ptr<Input> input, const DropRules& rules, ScaleValues scales,
                        OpacityValues opacities)
-    : m_input(std::move(input)), m_layout(GaussionSplat::recordLayout(m_input->hasCoefficients)),
-      m_rules(rules), m_scales(scales), m_opacities(opacities) {
+    : input_(std::move(input)), layout_(GaussionSplat::recordLayout(input_->hasCoefficients)), rules_(rules),
+      scales_(scales), opacities_(opacities) {
     const double least = rules.minOpacity.value_or(0.0);
-    m_leastLogit = std::log(least / (1.0 - least));
-    m_mostScale = std::log(rules.maxScale.value_or(INFINITY));
-    m_isAllCounted = m_input->count == 0;
+    leastLogit_ = std::log(least / (1.0 - least));
+    mostScale_ = std::log(rules.maxScale.value_or(INFINITY));
+    isAllCounted_ = input_->count == 0;
 }
 
 std::uint64_t KeptSplats::read(std::uint64_t first, std::uint64_t size, float* records,
                                double* positions) const {
     thread_local std::vector<double> ownPositions;
-    const bool needsPositions = m_rules.crop && m_input->isWide;
+    const bool needsPositions = rules_.crop && input_->isWide;
     if (positions == nullptr && needsPositions) {
         ownPositions.resize(std::max<std::size_t>(ownPositions.size(), 3 * size));
         positions = ownPositions.data();
     }
-    m_input->readWide(first, size, records, positions);
+    input_->readWide(first, size, records, positions);
     makeUnits(size, records);
     lookAtUnits(size, records);
     std::vector<Finding> findings;
-    const bool areAllKept = m_rules.areNone() && areSound(size, records);
+    const bool areAllKept = rules_.areNone() && areSound(size, records);
     const std::uint64_t kept = areAllKept ? size : drop(first, size, records, positions, findings);
     count(first, size, findings);
     return kept;
 }
 
 void KeptSplats::makeUnits(std::uint64_t size, float* records) const {
-    if (m_scales != ScaleValues::linear && m_opacities != OpacityValues::linear) {
+    if (scales_ != ScaleValues::linear && opacities_ != OpacityValues::linear) {
         return;
     }
     for (std::uint64_t i = 0; i < size; ++i) {
-        float* const record = records + i * m_layout.floats;
-        for (std::size_t axis = 0; m_scales == ScaleValues::linear && axis < 3; ++axis) {
-            float& scale = record[m_layout.scale + axis];
+        float* const record = records + i * layout_.floats;
+        for (std::size_t axis = 0; scales_ == ScaleValues::linear && axis < 3; ++axis) {
+            float& scale = record[layout_.scale + axis];
             scale = static_cast<float>(std::log(static_cast<double>(scale)));
         }
-        if (m_opacities == OpacityValues::linear) {
-            float& opacity = record[m_layout.opacity];
+        if (opacities_ == OpacityValues::linear) {
+            float& opacity = record[layout_.opacity];
             const double linear = opacity;
             opacity = static_cast<float>(std::log(linear / (1.0 - linear)));
         }
@@ -115,29 +116,29 @@ void KeptSplats::makeUnits(std::uint64_t size, float* records) const {
 
 void KeptSplats::lookAtUnits(std::uint64_t size, const float* records) const {
     constexpr auto relaxed = std::memory_order_relaxed;
-    const bool isScaleTold = m_scales != ScaleValues::told || m_hasNegativeScale.load(relaxed);
-    const bool isOpacityTold = m_opacities != OpacityValues::told || m_hasFarOpacity.load(relaxed);
-    if (!m_input->hasOpenUnits || (isScaleTold && isOpacityTold)) {
+    const bool isScaleTold = scales_ != ScaleValues::told || hasNegativeScale_.load(relaxed);
+    const bool isOpacityTold = opacities_ != OpacityValues::told || hasFarOpacity_.load(relaxed);
+    if (!input_->hasOpenUnits || (isScaleTold && isOpacityTold)) {
         return;
     }
     for (std::uint64_t i = 0; i < size; ++i) {
-        const float* const record = records + i * m_layout.floats;
-        const float opacity = record[m_layout.opacity];
+        const float* const record = records + i * layout_.floats;
+        const float opacity = record[layout_.opacity];
         if (opacity < 0.0f || opacity > 1.0f) {
-            m_hasFarOpacity.store(true, relaxed);
+            hasFarOpacity_.store(true, relaxed);
         } else if (opacity > 0.0f) {
-            m_hasOpacity.store(true, relaxed);
+            hasOpacity_.store(true, relaxed);
         }
         for (std::size_t axis = 0; axis < 3; ++axis) {
-            const float scale = record[m_layout.scale + axis];
+            const float scale = record[layout_.scale + axis];
             // The constant of flat splats is no value of the file.
             if (scale < 0.0f && scale != flatScale) {
-                m_hasNegativeScale.store(true, relaxed);
+                hasNegativeScale_.store(true, relaxed);
             } else if (scale > 0.0f) {
-                m_hasScale.store(true, relaxed);
+                hasScale_.store(true, relaxed);
             }
         }
-        if (m_hasFarOpacity.load(relaxed) && m_hasNegativeScale.load(relaxed)) {
+        if (hasFarOpacity_.load(relaxed) && hasNegativeScale_.load(relaxed)) {
             return;
         }
     }
@@ -148,12 +149,12 @@ void KeptSplats::lookAtUnits(std::uint64_t size, const float* records) const {
 bool KeptSplats::areSound(std::uint64_t size, const float* records) const {
     constexpr std::uint32_t exponent = 0x7F800000u;
     std::uint32_t carries = 0;
-    for (std::uint64_t i = 0; i < size * m_layout.floats; ++i) {
+    for (std::uint64_t i = 0; i < size * layout_.floats; ++i) {
         carries |= (bitsOf(records + i) & exponent) + 0x00800000u;
     }
     bool hasZero = false;
     for (std::uint64_t i = 0; i < size; ++i) {
-        const float* const rotation = records + i * m_layout.floats + m_layout.rotation;
+        const float* const rotation = records + i * layout_.floats + layout_.rotation;
         const std::uint32_t bits =
             bitsOf(rotation) | bitsOf(rotation + 1) | bitsOf(rotation + 2) | bitsOf(rotation + 3);
         hasZero = hasZero | ((bits & 0x7FFFFFFFu) == 0);
@@ -164,8 +165,8 @@ bool KeptSplats::areSound(std::uint64_t size, const float* records) const {
 std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const double* position) const {
     using namespace GaussionSplat;
     const auto invalid = [](Wrong wrong) { return Finding{0, DropReason::invalid, wrong}; };
-    const float* const scale = record + m_layout.scale;
-    const float* const rotation = record + m_layout.rotation;
+    const float* const scale = record + layout_.scale;
+    const float* const rotation = record + layout_.rotation;
     if (!areFinite(record + positionAt, 3)) {
         return invalid(inPosition);
     }
@@ -173,13 +174,13 @@ std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const 
     if (std::any_of(scale, scale + 3, [](float s) { return std::isnan(s) || s == INFINITY; })) {
         return invalid(inScale);
     }
-    if (std::isnan(record[m_layout.opacity])) {
+    if (std::isnan(record[layout_.opacity])) {
         return invalid(inOpacity);
     }
     if (!areFinite(record + colourAt, 3)) {
         return invalid(inColour);
     }
-    if (m_input->hasCoefficients && !areFinite(record + shcoefAt, shcoefFloats)) {
+    if (input_->hasCoefficients && !areFinite(record + shcoefAt, shcoefFloats)) {
         return invalid(inCoefficient);
     }
     if (!areFinite(record + normalAt, 3)) {
@@ -188,16 +189,16 @@ std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const 
     if (!areFinite(rotation, 4) || std::all_of(rotation, rotation + 4, [](float r) { return r == 0.0f; })) {
         return invalid(inRotation);
     }
-    for (std::size_t axis = 0; m_rules.crop && axis < 3; ++axis) {
+    for (std::size_t axis = 0; rules_.crop && axis < 3; ++axis) {
         const double at = position == nullptr ? double{record[axis]} : position[axis];
-        if (!(at >= m_rules.crop->min[axis] && at <= m_rules.crop->max[axis])) {
+        if (!(at >= rules_.crop->min[axis] && at <= rules_.crop->max[axis])) {
             return Finding{0, DropReason::crop, 0};
         }
     }
-    if (m_rules.minOpacity && record[m_layout.opacity] < m_leastLogit) {
+    if (rules_.minOpacity && record[layout_.opacity] < leastLogit_) {
         return Finding{0, DropReason::opacity, 0};
     }
-    if (m_rules.maxScale && *std::max_element(scale, scale + 3) > m_mostScale) {
+    if (rules_.maxScale && *std::max_element(scale, scale + 3) > mostScale_) {
         return Finding{0, DropReason::scale, 0};
     }
     return std::nullopt;
@@ -208,7 +209,7 @@ std::uint64_t KeptSplats::drop(std::uint64_t first, std::uint64_t size, float* r
                                std::vector<Finding>& findings) const {
     std::uint64_t kept = 0;
     for (std::uint64_t i = 0; i < size; ++i) {
-        const float* const record = records + i * m_layout.floats;
+        const float* const record = records + i * layout_.floats;
         const double* const position = positions == nullptr ? nullptr : positions + 3 * i;
         if (std::optional<Finding> finding = judge(record, position)) {
             finding->record = first + i;
@@ -216,7 +217,7 @@ std::uint64_t KeptSplats::drop(std::uint64_t first, std::uint64_t size, float* r
             continue;
         }
         if (kept < i) {
-            std::memcpy(records + kept * m_layout.floats, record, m_layout.floats * sizeof(float));
+            std::memcpy(records + kept * layout_.floats, record, layout_.floats * sizeof(float));
             if (position != nullptr) {
                 std::copy_n(position, 3, positions + 3 * kept);
             }
@@ -227,31 +228,31 @@ std::uint64_t KeptSplats::drop(std::uint64_t first, std::uint64_t size, float* r
 }
 
 void KeptSplats::countPart(const Part& part, const std::vector<Finding>& findings) const {
-    m_ledger.read += part.end - part.first;
-    m_ledger.kept += part.end - part.first;
+    ledger_.read += part.end - part.first;
+    ledger_.kept += part.end - part.first;
     const auto begin = std::ranges::lower_bound(findings, part.first, {}, &Finding::record);
     for (auto finding = begin; finding != findings.end() && finding->record < part.end; ++finding) {
-        --m_ledger.kept;
-        ++m_ledger.dropped[static_cast<std::size_t>(finding->reason)];
+        --ledger_.kept;
+        ++ledger_.dropped[static_cast<std::size_t>(finding->reason)];
         if (finding->reason == DropReason::invalid) {
-            ++m_ledger.invalid[finding->wrong];
-            m_ledger.firstInvalid = std::min(m_ledger.firstInvalid, finding->record);
+            ++ledger_.invalid[finding->wrong];
+            ledger_.firstInvalid = std::min(ledger_.firstInvalid, finding->record);
         }
     }
 }
 
 // Counts the records of a range that were not counted before.
 void KeptSplats::count(std::uint64_t first, std::uint64_t size, const std::vector<Finding>& findings) const {
-    if (size == 0 || m_isAllCounted.load(std::memory_order_relaxed)) {
+    if (size == 0 || isAllCounted_.load(std::memory_order_relaxed)) {
         return;
     }
-    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::lock_guard<std::mutex> guard(lock_);
     Part whole = {first, first + size};
     // The parts that touch the range: they become one with it.
-    auto begin = std::ranges::lower_bound(m_counted, first, {}, &Part::end);
+    auto begin = std::ranges::lower_bound(counted_, first, {}, &Part::end);
     auto end = begin;
     std::uint64_t at = first;
-    for (; end != m_counted.end() && end->first <= first + size; ++end) {
+    for (; end != counted_.end() && end->first <= first + size; ++end) {
         if (at < end->first) {
             countPart({at, end->first}, findings);
         }
@@ -262,30 +263,30 @@ void KeptSplats::count(std::uint64_t first, std::uint64_t size, const std::vecto
     if (at < first + size) {
         countPart({at, first + size}, findings);
     }
-    m_counted.insert(m_counted.erase(begin, end), whole);
-    if (whole.first == 0 && whole.end == m_input->count) {
-        m_isAllCounted = true;
+    counted_.insert(counted_.erase(begin, end), whole);
+    if (whole.first == 0 && whole.end == input_->count) {
+        isAllCounted_ = true;
     }
 }
 
 Ledger KeptSplats::ledger() const {
-    const std::lock_guard<std::mutex> guard(m_lock);
-    return m_ledger;
+    const std::lock_guard<std::mutex> guard(lock_);
+    return ledger_;
 }
 
 void KeptSplats::requireUnits() const {
-    if (!m_input->hasOpenUnits) {
+    if (!input_->hasOpenUnits) {
         return;
     }
-    if (m_scales == ScaleValues::told && m_hasScale && !m_hasNegativeScale) {
-        throw SourceError(m_input->name + ": no scale is negative, so they look like linear values, where "
-                                          "logarithms are expected: say --scale linear, or --scale log if "
-                                          "they are logarithms");
+    if (scales_ == ScaleValues::told && hasScale_ && !hasNegativeScale_) {
+        throw SourceError(input_->name + ": no scale is negative, so they look like linear values, where "
+                                         "logarithms are expected: say --scale linear, or --scale log if "
+                                         "they are logarithms");
     }
-    if (m_opacities == OpacityValues::told && m_hasOpacity && !m_hasFarOpacity) {
-        throw SourceError(m_input->name + ": every opacity lies between 0 and 1, so they look like linear "
-                                          "values, where logits are expected: say --opacity linear, or "
-                                          "--opacity logit if they are logits");
+    if (opacities_ == OpacityValues::told && hasOpacity_ && !hasFarOpacity_) {
+        throw SourceError(input_->name + ": every opacity lies between 0 and 1, so they look like linear "
+                                         "values, where logits are expected: say --opacity linear, or "
+                                         "--opacity logit if they are logits");
     }
 }
 

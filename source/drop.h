@@ -53,7 +53,7 @@ public:
     KeptSplats(std::unique_ptr<Input> input, const DropRules& rules, ScaleValues scales,
                OpacityValues opacities);
 
-    const Input& input() const { return *m_input; }
+    const Input& input() const { return *input_; }
 
     // The kept ones of the records [first, first + size), in the input's form: as Input::readWide, but
     // returns how many there are.
@@ -86,24 +86,24 @@ private:
     void count(std::uint64_t first, std::uint64_t size, const std::vector<Finding>& findings) const;
     void countPart(const Part& part, const std::vector<Finding>& findings) const;
 
-    std::unique_ptr<Input> m_input;
-    GaussionSplat::RecordLayout m_layout;
-    DropRules m_rules;
-    ScaleValues m_scales;
-    OpacityValues m_opacities;
-    double m_leastLogit = 0.0;
-    double m_mostScale = 0.0; // logarithm
+    std::unique_ptr<Input> input_;
+    GaussionSplat::RecordLayout layout_;
+    DropRules rules_;
+    ScaleValues scales_;
+    OpacityValues opacities_;
+    double leastLogit_ = 0.0;
+    double mostScale_ = 0.0; // logarithm
 
     // What the values tell of their units: a scale that no linear file has, and so on.
-    mutable std::atomic<bool> m_hasNegativeScale = false;
-    mutable std::atomic<bool> m_hasScale = false; // one that is not 0
-    mutable std::atomic<bool> m_hasFarOpacity = false;
-    mutable std::atomic<bool> m_hasOpacity = false;
+    mutable std::atomic<bool> hasNegativeScale_ = false;
+    mutable std::atomic<bool> hasScale_ = false; // one that is not 0
+    mutable std::atomic<bool> hasFarOpacity_ = false;
+    mutable std::atomic<bool> hasOpacity_ = false;
 
-    mutable std::mutex m_lock;
-    mutable std::vector<Part> m_counted; // in order, neither touching nor overlapping
-    mutable std::atomic<bool> m_isAllCounted = false;
-    mutable Ledger m_ledger;
+    mutable std::mutex lock_;
+    mutable std::vector<Part> counted_; // in order, neither touching nor overlapping
+    mutable std::atomic<bool> isAllCounted_ = false;
+    mutable Ledger ledger_;
 };
 
 } // namespace Tavrin::SplatSource

@@ -2,11 +2,12 @@
 
 #include "source/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <exception>
-#include <fmt/format.h>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -112,27 +113,27 @@ Box inputBox(const Input& input, const std::optional<Box>& crop, unsigned thread
 } // namespace
 
 Scene::Scene(std::vector<std::unique_ptr<Input>> inputs, const SceneOptions& options)
-    : m_rules(options.rules), m_isStrict(options.isStrict) {
+    : rules_(options.rules), isStrict_(options.isStrict) {
     for (std::unique_ptr<Input>& input : inputs) {
-        m_firsts.push_back(count);
+        firsts_.push_back(count);
         count += input->count;
         hasCoefficients = hasCoefficients || input->hasCoefficients;
         for (const std::string& remark : input->remarks) {
             remarks.push_back(fmt::format("{}: {}", input->name, remark));
         }
-        m_inputs.push_back(
+        inputs_.push_back(
             std::make_unique<KeptSplats>(std::move(input), options.rules, options.scales, options.opacities));
     }
-    m_moves.resize(m_inputs.size());
+    moves_.resize(inputs_.size());
     settleParams(options);
     settleOffset(options);
 }
 
 void Scene::settleParams(const SceneOptions& options) {
-    const Input& first = m_inputs.front()->input();
+    const Input& first = inputs_.front()->input();
     params = first.params;
     boundsSeen = first.boundsSeen;
-    if (m_inputs.size() > 1) {
+    if (inputs_.size() > 1) {
         const GaussionSplat::Params none;
         params.minx = none.minx;
         params.miny = none.miny;
@@ -146,7 +147,7 @@ void Scene::settleParams(const SceneOptions& options) {
         }
     }
     const std::string* named = &first.name;
-    for (const auto& kept : m_inputs) {
+    for (const auto& kept : inputs_) {
         const Input& input = kept->input();
         if (params.epsg == 0 && input.params.epsg != 0) {
             params.epsg = input.params.epsg;
@@ -161,7 +162,7 @@ void Scene::settleParams(const SceneOptions& options) {
     params.epsg = options.epsg.value_or(params.epsg);
     params.source = options.source.value_or(params.source);
     params.dataType = options.dataType.value_or(params.dataType);
-    m_isKindStated = options.dataType || !first.stated.dataType.empty();
+    isKindStated_ = options.dataType || !first.stated.dataType.empty();
 }
 
 Point Scene::statedOffset(std::size_t input, const SceneOptions& options) const {
@@ -169,7 +170,7 @@ Point Scene::statedOffset(std::size_t input, const SceneOptions& options) const 
         return *options.offset;
     }
     Point offset = {};
-    const SceneComments& stated = m_inputs[input]->input().stated;
+    const SceneComments& stated = inputs_[input]->input().stated;
     for (std::size_t axis = 0; axis < 3; ++axis) {
         const auto number = stated.numbers.find(offsetKeys[axis]);
         offset[axis] = number == stated.numbers.end() ? 0.0 : number->second.written;
@@ -187,17 +188,17 @@ void Scene::settleOffset(const SceneOptions& options) {
             isOffsetCut = true;
         } else {
             // What is too small to matter moves nothing, so that records stay as they are.
-            m_moves[0][axis] = 0.0;
+            moves_[0][axis] = 0.0;
         }
     }
     bool needsBox = false;
-    for (std::size_t i = 0; i < m_inputs.size(); ++i) {
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
         const Point own = statedOffset(i, options);
         for (std::size_t axis = 0; axis < 3; ++axis) {
             const bool isHeld = std::abs(offset[axis] - base[axis]) <= offsetTolerance;
-            m_moves[i][axis] = own[axis] - (isHeld ? base[axis] : offset[axis]);
+            moves_[i][axis] = own[axis] - (isHeld ? base[axis] : offset[axis]);
         }
-        needsBox = needsBox || m_inputs[i]->input().isWide || m_moves[i] != Point{};
+        needsBox = needsBox || inputs_[i]->input().isWide || moves_[i] != Point{};
     }
     if (needsBox) {
         Box box = boxOf(options.open.threads);
@@ -207,7 +208,7 @@ void Scene::settleOffset(const SceneOptions& options) {
             if (!isStated && std::isfinite(reach) && reach >= largestExactCoordinate) {
                 offset[axis] = wholeNear(box.min[axis] / 2 + box.max[axis] / 2);
                 isOffsetChosen = isOffsetChosen || offset[axis] != 0.0;
-                for (Point& move : m_moves) {
+                for (Point& move : moves_) {
                     move[axis] -= offset[axis];
                 }
                 box.min[axis] -= offset[axis];
@@ -225,12 +226,12 @@ void Scene::settleOffset(const SceneOptions& options) {
 // The box of the moved positions of inputs that are not kept bit for bit.
 Box Scene::boxOf(unsigned threads) const {
     Box box = emptyBox();
-    for (std::size_t i = 0; i < m_inputs.size(); ++i) {
-        const Input& input = m_inputs[i]->input();
-        const Box own = inputBox(input, m_rules.crop, threads);
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        const Input& input = inputs_[i]->input();
+        const Box own = inputBox(input, rules_.crop, threads);
         for (std::size_t axis = 0; axis < 3; ++axis) {
-            box.min[axis] = std::min(box.min[axis], own.min[axis] + m_moves[i][axis]);
-            box.max[axis] = std::max(box.max[axis], own.max[axis] + m_moves[i][axis]);
+            box.min[axis] = std::min(box.min[axis], own.min[axis] + moves_[i][axis]);
+            box.max[axis] = std::max(box.max[axis], own.max[axis] + moves_[i][axis]);
         }
     }
     return box;
@@ -238,10 +239,10 @@ Box Scene::boxOf(unsigned threads) const {
 
 // Stated bounds go with the positions, rounded outwards.
 void Scene::moveBounds() {
-    if (m_inputs.size() > 1 || m_moves[0] == Point{}) {
+    if (inputs_.size() > 1 || moves_[0] == Point{}) {
         return;
     }
-    const SceneComments& stated = m_inputs[0]->input().stated;
+    const SceneComments& stated = inputs_[0]->input().stated;
     const std::array<std::pair<const char*, double*>, 6> fields = {{{"minx", &params.minx},
                                                                     {"miny", &params.miny},
                                                                     {"minz", &params.minz},
@@ -253,7 +254,7 @@ void Scene::moveBounds() {
         if (number == stated.numbers.end()) {
             continue;
         }
-        const double moved = number->second.written + m_moves[0][i % 3];
+        const double moved = number->second.written + moves_[0][i % 3];
         auto kept = static_cast<float>(moved);
         const bool isMinimum = i < 3;
         if (isMinimum ? double{kept} > moved : double{kept} < moved) {
@@ -269,17 +270,17 @@ std::uint64_t Scene::read(std::uint64_t first, std::uint64_t size, float* record
     const std::size_t floats = GaussionSplat::recordLayout(hasCoefficients).floats;
     while (size > 0) {
         const auto at =
-            static_cast<std::size_t>(std::ranges::upper_bound(m_firsts, first) - m_firsts.begin() - 1);
-        const KeptSplats& input = *m_inputs[at];
-        const std::uint64_t own = first - m_firsts[at];
+            static_cast<std::size_t>(std::ranges::upper_bound(firsts_, first) - firsts_.begin() - 1);
+        const KeptSplats& input = *inputs_[at];
+        const std::uint64_t own = first - firsts_[at];
         const std::uint64_t part = std::min(size, input.input().count - own);
-        const bool isMoved = m_moves[at] != Point{};
+        const bool isMoved = moves_[at] != Point{};
         if (isMoved) {
             positions.resize(std::max<std::size_t>(positions.size(), 3 * part));
         }
         float* const to = records + kept * floats;
         const std::uint64_t there = input.read(own, part, to, isMoved ? positions.data() : nullptr);
-        finish(input, m_moves[at], there, to, isMoved ? positions.data() : nullptr);
+        finish(input, moves_[at], there, to, isMoved ? positions.data() : nullptr);
         kept += there;
         first += part;
         size -= part;
@@ -302,13 +303,13 @@ void Scene::finish(const KeptSplats& input, const Point& move, std::uint64_t kep
 }
 
 std::uint64_t Scene::boxPositions() const {
-    const bool isAsItLies = m_inputs.size() == 1 && m_inputs[0]->input().isCanonical &&
-                            m_moves[0] == Point{} && m_rules.areNone();
-    return isAsItLies ? m_inputs[0]->input().boxPositions() : 0;
+    const bool isAsItLies =
+        inputs_.size() == 1 && inputs_[0]->input().isCanonical && moves_[0] == Point{} && rules_.areNone();
+    return isAsItLies ? inputs_[0]->input().boxPositions() : 0;
 }
 
 void Scene::readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const {
-    m_inputs[0]->input().readBoxPositions(first, size, positions);
+    inputs_[0]->input().readBoxPositions(first, size, positions);
 }
 
 void Scene::stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat::Params& stated) const {
@@ -324,31 +325,31 @@ void Scene::stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat
     stated.maxx = double{std::abs(max[0]) > leastMax ? max[0] : std::nextafter(leastMax, 1.0f)};
     stated.maxy = double{max[1]};
     stated.maxz = double{max[2]};
-    if (!m_isKindStated) {
+    if (!isKindStated_) {
         stated.dataType = "ytr"; // as the converter calls scenes with bounds
     }
 }
 
 void Scene::requireUnchanged() const {
-    for (const auto& input : m_inputs) {
+    for (const auto& input : inputs_) {
         input->input().requireUnchanged();
     }
 }
 
 Ledger Scene::ledger() const {
     Ledger sum;
-    for (const auto& input : m_inputs) {
+    for (const auto& input : inputs_) {
         sum += input->ledger();
     }
     return sum;
 }
 
 void Scene::requireAccepted() const {
-    for (const auto& input : m_inputs) {
+    for (const auto& input : inputs_) {
         input->requireUnits();
         const Ledger ledger = input->ledger();
         const std::uint64_t invalid = ledger.dropped[static_cast<std::size_t>(DropReason::invalid)];
-        if (m_isStrict && invalid > 0) {
+        if (isStrict_ && invalid > 0) {
             throw SourceError(fmt::format("{}: {} ({}), the first of them record {}: repair them, or leave "
                                           "--strict out and they are dropped",
                                           input->input().name,

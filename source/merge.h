@@ -51,7 +51,7 @@ public:
     void stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat::Params& params) const override;
     void requireUnchanged() const override;
 
-    const std::vector<std::unique_ptr<KeptSplats>>& inputs() const { return m_inputs; }
+    const std::vector<std::unique_ptr<KeptSplats>>& inputs() const { return inputs_; }
 
     // Of the records that were read so far.
     Ledger ledger() const;
@@ -76,12 +76,12 @@ private:
     void finish(const KeptSplats& input, const Point& move, std::uint64_t kept, float* records,
                 const double* positions) const;
 
-    std::vector<std::unique_ptr<KeptSplats>> m_inputs;
-    std::vector<std::uint64_t> m_firsts; // number of each input's first record in the scene
-    std::vector<Point> m_moves;          // what is added to the positions of an input
-    DropRules m_rules;
-    bool m_isStrict;
-    bool m_isKindStated = false; // the kind of data: by a comment or an option
+    std::vector<std::unique_ptr<KeptSplats>> inputs_;
+    std::vector<std::uint64_t> firsts_; // number of each input's first record in the scene
+    std::vector<Point> moves_;          // what is added to the positions of an input
+    DropRules rules_;
+    bool isStrict_;
+    bool isKindStated_ = false; // the kind of data: by a comment or an option
 };
 
 // Opens the inputs and puts them together.

@@ -5,9 +5,10 @@
 #include "source/record_file.h"
 #include "source/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
-#include <fmt/format.h>
 #include <string>
 #include <string_view>
 

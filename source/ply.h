@@ -20,9 +20,9 @@ public:
 
     void readWide(std::uint64_t first, std::uint64_t size, float* records, double* positions) const override;
     void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const override;
-    void requireUnchanged() const override { m_file.requireUnchanged(); }
+    void requireUnchanged() const override { file_.requireUnchanged(); }
 
-    const PlyHeader& header() const { return m_header; }
+    const PlyHeader& header() const { return header_; }
 
 private:
     // Reads vertices a piece at a time and calls take(vertices, done, count) for each.
@@ -30,11 +30,11 @@ private:
     void readPieces(std::uint64_t first, std::uint64_t size, Take take) const;
     void readCanonical(std::uint64_t first, std::uint64_t size, float* records, double* positions) const;
 
-    RecordFile m_file;
-    PlyHeader m_header;
-    SplatLayout m_layout;
-    std::unique_ptr<PlyBody> m_body;
-    std::unique_ptr<RecordMap> m_map;
+    RecordFile file_;
+    PlyHeader header_;
+    SplatLayout layout_;
+    std::unique_ptr<PlyBody> body_;
+    std::unique_ptr<RecordMap> map_;
 };
 
 // The first bytes of a file, as many as a header may take. Throws SourceChanged.

@@ -4,11 +4,12 @@
 #include "source/ply_numbers.h"
 #include "source/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <exception>
-#include <fmt/format.h>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -45,32 +46,32 @@ std::uint64_t countWords(const char* text, std::size_t size) {
 // Reads a text forwards, word by word.
 class WordReader {
 public:
-    WordReader(const RecordFile& file, std::uint64_t at) : m_file(file), m_next(at) {
+    WordReader(const RecordFile& file, std::uint64_t at) : file_(file), next_(at) {
         thread_local std::vector<char> piece(pieceBytes + 1);
-        m_piece = piece.data() + 1;
-        m_piece[-1] = ' ';
+        piece_ = piece.data() + 1;
+        piece_[-1] = ' ';
     }
 
     // The next word, valid until the next call; nothing behind the last.
     std::optional<std::string_view> next() {
         while (true) {
-            while (m_at < m_end && isBlank(m_piece[m_at])) {
-                ++m_at;
+            while (at_ < end_ && isBlank(piece_[at_])) {
+                ++at_;
             }
-            const std::size_t begin = m_at;
+            const std::size_t begin = at_;
             std::size_t end = begin;
-            while (end < m_end && !isBlank(m_piece[end])) {
+            while (end < end_ && !isBlank(piece_[end])) {
                 ++end;
             }
-            if (end < m_end || m_next == m_file.size()) {
-                m_at = end;
-                return end > begin ? std::optional(std::string_view(m_piece + begin, end - begin))
+            if (end < end_ || next_ == file_.size()) {
+                at_ = end;
+                return end > begin ? std::optional(std::string_view(piece_ + begin, end - begin))
                                    : std::nullopt;
             }
             if (end - begin > longestWord) {
                 throw SourceError(fmt::format("{}: the word at byte {} is no number: it has more than {} "
                                               "characters",
-                                              m_file.name(), m_next - (m_end - begin), longestWord));
+                                              file_.name(), next_ - (end_ - begin), longestWord));
             }
             refill();
         }
@@ -87,49 +88,48 @@ public:
     }
 
     // Byte of the file behind the last word.
-    std::uint64_t position() const { return m_next - (m_end - m_at); }
+    std::uint64_t position() const { return next_ - (end_ - at_); }
 
 private:
     void refill() {
-        std::memmove(m_piece, m_piece + m_at, m_end - m_at);
-        m_end -= m_at;
-        m_at = 0;
+        std::memmove(piece_, piece_ + at_, end_ - at_);
+        end_ -= at_;
+        at_ = 0;
         const auto more =
-            static_cast<std::size_t>(std::min<std::uint64_t>(pieceBytes - m_end, m_file.size() - m_next));
-        m_file.read(m_next, m_piece + m_end, more);
-        m_next += more;
-        m_end += more;
+            static_cast<std::size_t>(std::min<std::uint64_t>(pieceBytes - end_, file_.size() - next_));
+        file_.read(next_, piece_ + end_, more);
+        next_ += more;
+        end_ += more;
     }
 
-    const RecordFile& m_file;
-    std::uint64_t m_next; // byte of the file behind the piece
-    char* m_piece;        // this thread's: one reader a thread at a time
-    std::size_t m_at = 0; // of the piece
-    std::size_t m_end = 0;
+    const RecordFile& file_;
+    std::uint64_t next_; // byte of the file behind the piece
+    char* piece_;        // this thread's: one reader a thread at a time
+    std::size_t at_ = 0; // of the piece
+    std::size_t end_ = 0;
 };
 
 // How many words stand before every block of the body.
 class WordIndex {
 public:
-    WordIndex(const RecordFile& file, std::uint64_t bodyAt, unsigned threads)
-        : m_file(file), m_bodyAt(bodyAt) {
+    WordIndex(const RecordFile& file, std::uint64_t bodyAt, unsigned threads) : file_(file), bodyAt_(bodyAt) {
         const std::uint64_t bytes = file.size() - bodyAt;
         const std::uint64_t blocks = bytes / blockBytes + (bytes % blockBytes > 0 ? 1 : 0);
-        m_before.resize(blocks + 1);
+        before_.resize(blocks + 1);
         countAll(blocks, std::max(threads, 1u));
         for (std::uint64_t block = 0; block < blocks; ++block) {
-            m_before[block + 1] += m_before[block];
+            before_[block + 1] += before_[block];
         }
     }
 
-    std::uint64_t words() const { return m_before.back(); }
+    std::uint64_t words() const { return before_.back(); }
 
     // A byte from which on the word of this number is the first that starts; `word` is below words().
     std::uint64_t placeOf(std::uint64_t word) const {
-        const auto block = std::ranges::upper_bound(m_before, word) - m_before.begin() - 1;
-        std::uint64_t left = word - m_before[static_cast<std::size_t>(block)];
+        const auto block = std::ranges::upper_bound(before_, word) - before_.begin() - 1;
+        std::uint64_t left = word - before_[static_cast<std::size_t>(block)];
         std::array<char, 4097> piece;
-        std::uint64_t at = m_bodyAt + static_cast<std::uint64_t>(block) * blockBytes;
+        std::uint64_t at = bodyAt_ + static_cast<std::uint64_t>(block) * blockBytes;
         while (true) {
             const std::size_t size = load(at, piece);
             const std::uint64_t words = countWords(piece.data() + 1, size);
@@ -152,9 +152,9 @@ private:
     template <typename Piece>
     std::size_t load(std::uint64_t at, Piece& piece) const {
         const auto size =
-            static_cast<std::size_t>(std::min<std::uint64_t>(piece.size() - 1, m_file.size() - at));
-        m_file.read(at - 1, piece.data(), size + 1);
-        if (at == m_bodyAt) {
+            static_cast<std::size_t>(std::min<std::uint64_t>(piece.size() - 1, file_.size() - at));
+        file_.read(at - 1, piece.data(), size + 1);
+        if (at == bodyAt_) {
             piece[0] = ' ';
         }
         return size;
@@ -164,8 +164,8 @@ private:
     void countBlocks(std::uint64_t first, std::uint64_t last) {
         std::vector<char> piece(blockBytes + 1);
         for (std::uint64_t block = first; block < last; ++block) {
-            const std::size_t size = load(m_bodyAt + block * blockBytes, piece);
-            m_before[block + 1] = countWords(piece.data() + 1, size);
+            const std::size_t size = load(bodyAt_ + block * blockBytes, piece);
+            before_[block + 1] = countWords(piece.data() + 1, size);
         }
     }
 
@@ -194,30 +194,30 @@ private:
         }
     }
 
-    const RecordFile& m_file;
-    std::uint64_t m_bodyAt;
-    std::vector<std::uint64_t> m_before;
+    const RecordFile& file_;
+    std::uint64_t bodyAt_;
+    std::vector<std::uint64_t> before_;
 };
 
 class AsciiBody : public PlyBody {
 public:
     AsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads)
-        : m_file(file), m_vertex(*header.find("vertex")) {
+        : file_(file), vertex_(*header.find("vertex")) {
         requireRoom(header);
         std::uint64_t at = header.length; // before the vertices, as far as that is known
         if (hasListsUpToVertices(header)) {
             at = walkTo(header);
         }
         const WordIndex* words = nullptr;
-        if (m_hasLists) {
+        if (hasLists_) {
             walkVertices(at);
         } else {
-            m_words.emplace(file, at, threads);
-            words = &*m_words;
+            words_.emplace(file, at, threads);
+            words = &*words_;
             requireWords(header, at);
         }
-        if (words != nullptr && words->words() > m_firstWord + m_vertex.count * m_vertex.properties.size() &&
-            &header.elements.back() == &m_vertex) {
+        if (words != nullptr && words->words() > firstWord_ + vertex_.count * vertex_.properties.size() &&
+            &header.elements.back() == &vertex_) {
             remarks.emplace_back("words follow the last record: they are ignored");
         }
     }
@@ -228,26 +228,26 @@ public:
         }
         std::uint64_t record = first;
         std::uint64_t at = 0;
-        if (m_hasLists) {
+        if (hasLists_) {
             record = first / indexStep * indexStep;
-            at = m_places[first / indexStep];
+            at = places_[first / indexStep];
         } else {
-            at = m_words->placeOf(m_firstWord + first * m_vertex.properties.size());
+            at = words_->placeOf(firstWord_ + first * vertex_.properties.size());
         }
-        WordReader reader(m_file, at);
+        WordReader reader(file_, at);
         for (; record < first; ++record) {
-            step(reader, m_vertex, record, nullptr);
+            step(reader, vertex_, record, nullptr);
         }
         for (; record < first + size; ++record) {
-            vertices = step(reader, m_vertex, record, vertices);
+            vertices = step(reader, vertex_, record, vertices);
         }
     }
 
 private:
     [[noreturn]] void fail(const PlyElement& element, std::uint64_t record, std::uint64_t at,
                            const std::string& what) const {
-        throw SourceError(fmt::format("{}: record {} of element {}, before byte {}: {}", m_file.name(),
-                                      record, inQuotes(element.name), at, what));
+        throw SourceError(fmt::format("{}: record {} of element {}, before byte {}: {}", file_.name(), record,
+                                      inQuotes(element.name), at, what));
     }
 
     // A value takes a digit and a blank, but for the last.
@@ -255,24 +255,24 @@ private:
         std::uint64_t words = 0;
         for (const PlyElement& element : header.elements) {
             words = sumOf(words, productOf(element.count, element.properties.size()));
-            const std::uint64_t held = m_file.size() - header.length;
+            const std::uint64_t held = file_.size() - header.length;
             if (words > held / 2 + 1) {
                 throw SourceError(fmt::format("{}: the file is cut: it declares {} of element {} and ends "
                                               "before them: copy or export it again",
-                                              m_file.name(), countOf(element.count, "record", "records"),
+                                              file_.name(), countOf(element.count, "record", "records"),
                                               inQuotes(element.name)));
             }
-            if (&element == &m_vertex) {
+            if (&element == &vertex_) {
                 return;
             }
         }
     }
 
     bool hasListsUpToVertices(const PlyHeader& header) {
-        m_hasLists = !m_vertex.recordBytes();
+        hasLists_ = !vertex_.recordBytes();
         for (const PlyElement& element : header.elements) {
-            if (&element == &m_vertex) {
-                return m_hasLists;
+            if (&element == &vertex_) {
+                return hasLists_;
             }
             if (!element.recordBytes()) {
                 return true;
@@ -283,9 +283,9 @@ private:
 
     // Byte behind the elements before the vertices.
     std::uint64_t walkTo(const PlyHeader& header) const {
-        WordReader reader(m_file, header.length);
+        WordReader reader(file_, header.length);
         for (const PlyElement& element : header.elements) {
-            if (&element == &m_vertex) {
+            if (&element == &vertex_) {
                 break;
             }
             for (std::uint64_t record = 0; record < element.count && !element.properties.empty(); ++record) {
@@ -296,29 +296,29 @@ private:
     }
 
     void walkVertices(std::uint64_t at) {
-        WordReader reader(m_file, at);
-        for (std::uint64_t record = 0; record < m_vertex.count; ++record) {
+        WordReader reader(file_, at);
+        for (std::uint64_t record = 0; record < vertex_.count; ++record) {
             if (record % indexStep == 0) {
-                m_places.push_back(reader.position());
+                places_.push_back(reader.position());
             }
-            step(reader, m_vertex, record, nullptr);
+            step(reader, vertex_, record, nullptr);
         }
     }
 
     // Where the vertices start among the words behind `at`, and that all of them are there.
     void requireWords(const PlyHeader& header, std::uint64_t at) {
         for (const PlyElement& element : header.elements) {
-            if (&element == &m_vertex) {
+            if (&element == &vertex_) {
                 break;
             }
-            m_firstWord += at == header.length ? element.count * element.properties.size() : 0;
+            firstWord_ += at == header.length ? element.count * element.properties.size() : 0;
         }
-        const std::uint64_t perVertex = m_vertex.properties.size();
-        const std::uint64_t held = m_words->words() - std::min(m_words->words(), m_firstWord);
-        if (m_vertex.count > held / perVertex) {
+        const std::uint64_t perVertex = vertex_.properties.size();
+        const std::uint64_t held = words_->words() - std::min(words_->words(), firstWord_);
+        if (vertex_.count > held / perVertex) {
             throw SourceError(fmt::format("{}: the file is cut: it declares {} of {} and holds {} and {} of "
                                           "another: copy or export it again",
-                                          m_file.name(), countOf(m_vertex.count, "record", "records"),
+                                          file_.name(), countOf(vertex_.count, "record", "records"),
                                           countOf(perVertex, "number", "numbers"), held / perVertex,
                                           countOf(held % perVertex, "number", "numbers")));
         }
@@ -368,12 +368,12 @@ private:
         }
     }
 
-    const RecordFile& m_file;
-    const PlyElement& m_vertex;
-    bool m_hasLists = false; // among the vertex properties
-    std::optional<WordIndex> m_words;
-    std::uint64_t m_firstWord = 0;       // of the vertices
-    std::vector<std::uint64_t> m_places; // with lists: byte of every indexStep-th vertex
+    const RecordFile& file_;
+    const PlyElement& vertex_;
+    bool hasLists_ = false; // among the vertex properties
+    std::optional<WordIndex> words_;
+    std::uint64_t firstWord_ = 0;       // of the vertices
+    std::vector<std::uint64_t> places_; // with lists: byte of every indexStep-th vertex
 };
 
 } // namespace

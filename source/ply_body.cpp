@@ -2,9 +2,10 @@
 
 #include "source/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
-#include <fmt/format.h>
 #include <optional>
 
 namespace Tavrin::SplatSource {
@@ -13,55 +14,55 @@ namespace {
 // Reads a binary file forwards, a piece at a time.
 class ByteWalker {
 public:
-    ByteWalker(const RecordFile& file, std::uint64_t at) : m_file(file), m_next(at) {}
+    ByteWalker(const RecordFile& file, std::uint64_t at) : file_(file), next_(at) {}
 
-    std::uint64_t position() const { return m_next - (m_end - m_at); }
+    std::uint64_t position() const { return next_ - (end_ - at_); }
 
     // The next `size` bytes, at most 8, valid until the next call; null behind the end of the file.
     const std::byte* take(std::size_t size) {
-        if (m_end - m_at < size && !refill(size)) {
+        if (end_ - at_ < size && !refill(size)) {
             return nullptr;
         }
-        const std::byte* const bytes = m_piece.data() + m_at;
-        m_at += size;
+        const std::byte* const bytes = piece_.data() + at_;
+        at_ += size;
         return bytes;
     }
 
     // False when fewer are left.
     bool skip(std::uint64_t size) {
-        if (size <= m_end - m_at) {
-            m_at += static_cast<std::size_t>(size);
+        if (size <= end_ - at_) {
+            at_ += static_cast<std::size_t>(size);
             return true;
         }
-        size -= m_end - m_at;
-        m_at = m_end = 0;
-        if (size > m_file.size() - m_next) {
+        size -= end_ - at_;
+        at_ = end_ = 0;
+        if (size > file_.size() - next_) {
             return false;
         }
-        m_next += size;
+        next_ += size;
         return true;
     }
 
 private:
     bool refill(std::size_t size) {
         constexpr std::size_t pieceBytes = 1 << 16;
-        m_piece.resize(pieceBytes);
-        std::memmove(m_piece.data(), m_piece.data() + m_at, m_end - m_at);
-        m_end -= m_at;
-        m_at = 0;
+        piece_.resize(pieceBytes);
+        std::memmove(piece_.data(), piece_.data() + at_, end_ - at_);
+        end_ -= at_;
+        at_ = 0;
         const auto more =
-            static_cast<std::size_t>(std::min<std::uint64_t>(pieceBytes - m_end, m_file.size() - m_next));
-        m_file.read(m_next, m_piece.data() + m_end, more);
-        m_next += more;
-        m_end += more;
-        return m_end >= size;
+            static_cast<std::size_t>(std::min<std::uint64_t>(pieceBytes - end_, file_.size() - next_));
+        file_.read(next_, piece_.data() + end_, more);
+        next_ += more;
+        end_ += more;
+        return end_ >= size;
     }
 
-    const RecordFile& m_file;
-    std::uint64_t m_next; // byte of the file behind the piece
-    std::vector<std::byte> m_piece;
-    std::size_t m_at = 0; // of the piece
-    std::size_t m_end = 0;
+    const RecordFile& file_;
+    std::uint64_t next_; // byte of the file behind the piece
+    std::vector<std::byte> piece_;
+    std::size_t at_ = 0; // of the piece
+    std::size_t end_ = 0;
 };
 
 // The count of a list; nothing when it is negative.
@@ -89,16 +90,16 @@ std::uint64_t leastBytes(const PlyElement& element) {
 class BinaryWalk {
 public:
     BinaryWalk(const RecordFile& file, const PlyHeader& header, std::uint64_t at)
-        : m_file(file), m_isBigEndian(header.format == PlyFormat::binaryBigEndian), m_walker(file, at) {}
+        : file_(file), isBigEndian_(header.format == PlyFormat::binaryBigEndian), walker_(file, at) {}
 
-    std::uint64_t position() const { return m_walker.position(); }
+    std::uint64_t position() const { return walker_.position(); }
 
     // Steps over one record; its scalars go to `scalars` unless that is null.
     void step(const PlyElement& element, std::uint64_t record, std::byte* scalars) {
         for (const PlyProperty& property : element.properties) {
             const std::uint64_t at = position();
             const std::size_t width = widthOf(property.countType.value_or(property.type));
-            const std::byte* const bytes = m_walker.take(width);
+            const std::byte* const bytes = walker_.take(width);
             if (bytes == nullptr) {
                 fail(element, record, at, "the file ends in it: copy or export it again");
             }
@@ -109,13 +110,13 @@ public:
                 }
                 continue;
             }
-            const auto count = listCount(bytes, *property.countType, m_isBigEndian);
+            const auto count = listCount(bytes, *property.countType, isBigEndian_);
             if (!count) {
                 fail(element, record, at,
                      fmt::format("the list {} has a negative count: export the file again",
                                  inQuotes(property.name)));
             }
-            if (!m_walker.skip(*count * widthOf(property.type))) { // at most 2^32 * 8
+            if (!walker_.skip(*count * widthOf(property.type))) { // at most 2^32 * 8
                 fail(element, record, at,
                      fmt::format("the list {} of {} runs over the end of the file: copy or export it again",
                                  inQuotes(property.name), countOf(*count, "item", "items")));
@@ -129,7 +130,7 @@ public:
             return; // no bytes, whatever its count
         }
         if (const std::optional<std::uint64_t> bytes = element.recordBytes()) {
-            if (!m_walker.skip(productOf(*bytes, element.count))) {
+            if (!walker_.skip(productOf(*bytes, element.count))) {
                 fail(element, 0, position(), "the file ends before the last record: copy or export it again");
             }
             return;
@@ -142,45 +143,45 @@ public:
 private:
     [[noreturn]] void fail(const PlyElement& element, std::uint64_t record, std::uint64_t at,
                            const std::string& what) const {
-        throw SourceError(fmt::format("{}: record {} of element {}, at byte {}: {}", m_file.name(), record,
+        throw SourceError(fmt::format("{}: record {} of element {}, at byte {}: {}", file_.name(), record,
                                       inQuotes(element.name), at, what));
     }
 
-    const RecordFile& m_file;
-    bool m_isBigEndian;
-    ByteWalker m_walker;
+    const RecordFile& file_;
+    bool isBigEndian_;
+    ByteWalker walker_;
 };
 
 // Vertices of one size.
 class FixedBody : public PlyBody {
 public:
     FixedBody(const RecordFile& file, std::uint64_t at, std::uint64_t recordBytes)
-        : m_file(file), m_recordBytes(recordBytes) {
+        : file_(file), recordBytes_(recordBytes) {
         vertexAt = at;
     }
 
     void read(std::uint64_t first, std::uint64_t size, std::byte* vertices) const override {
-        m_file.read(vertexAt + first * m_recordBytes, vertices, size * m_recordBytes);
+        file_.read(vertexAt + first * recordBytes_, vertices, size * recordBytes_);
     }
 
 private:
-    const RecordFile& m_file;
-    std::uint64_t m_recordBytes;
+    const RecordFile& file_;
+    std::uint64_t recordBytes_;
 };
 
 // Vertices with lists: every indexStep-th is remembered.
 class WalkedBody : public PlyBody {
 public:
     WalkedBody(const RecordFile& file, const PlyHeader& header, BinaryWalk& walk)
-        : m_file(file), m_header(header), m_vertex(*header.find("vertex")) {
-        for (const PlyProperty& property : m_vertex.properties) {
-            m_fixedBytes += property.isList() ? 0 : widthOf(property.type);
+        : file_(file), header_(header), vertex_(*header.find("vertex")) {
+        for (const PlyProperty& property : vertex_.properties) {
+            fixedBytes_ += property.isList() ? 0 : widthOf(property.type);
         }
-        for (std::uint64_t record = 0; record < m_vertex.count; ++record) {
+        for (std::uint64_t record = 0; record < vertex_.count; ++record) {
             if (record % indexStep == 0) {
-                m_index.push_back(walk.position());
+                index_.push_back(walk.position());
             }
-            walk.step(m_vertex, record, nullptr);
+            walk.step(vertex_, record, nullptr);
         }
     }
 
@@ -189,22 +190,22 @@ public:
             return;
         }
         std::uint64_t record = first / indexStep * indexStep;
-        BinaryWalk walk(m_file, m_header, m_index[first / indexStep]);
+        BinaryWalk walk(file_, header_, index_[first / indexStep]);
         for (; record < first; ++record) {
-            walk.step(m_vertex, record, nullptr);
+            walk.step(vertex_, record, nullptr);
         }
         for (; record < first + size; ++record) {
-            walk.step(m_vertex, record, vertices);
-            vertices += m_fixedBytes;
+            walk.step(vertex_, record, vertices);
+            vertices += fixedBytes_;
         }
     }
 
 private:
-    const RecordFile& m_file;
-    const PlyHeader& m_header;
-    const PlyElement& m_vertex;
-    std::size_t m_fixedBytes = 0;
-    std::vector<std::uint64_t> m_index; // byte of every indexStep-th vertex
+    const RecordFile& file_;
+    const PlyHeader& header_;
+    const PlyElement& vertex_;
+    std::size_t fixedBytes_ = 0;
+    std::vector<std::uint64_t> index_; // byte of every indexStep-th vertex
 };
 
 // Refuses counts that the file cannot hold, before anything is walked or allocated by them.

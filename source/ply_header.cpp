@@ -2,10 +2,11 @@
 
 #include "source/text.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <fmt/format.h>
 #include <set>
 #include <utility>
 
@@ -40,48 +41,48 @@ constexpr std::array<std::pair<std::string_view, PlyFormat>, 3> formatNames = {{
 // Cuts the start of a file into lines.
 class LineCutter {
 public:
-    explicit LineCutter(std::string_view start) : m_start(start) {
+    explicit LineCutter(std::string_view start) : start_(start) {
         const std::size_t end = start.find_first_of("\r\n");
-        m_endsInCarriageReturn =
+        endsInCarriageReturn_ =
             end != std::string_view::npos && start[end] == '\r' && start.substr(end + 1, 1) != "\n";
     }
 
     // The next line; nothing when no whole line is left.
     std::optional<std::string_view> next() {
-        const char* const lineEnds = m_endsInCarriageReturn ? "\r\n" : "\n";
-        const std::size_t end = m_start.find_first_of(lineEnds, m_at);
+        const char* const lineEnds = endsInCarriageReturn_ ? "\r\n" : "\n";
+        const std::size_t end = start_.find_first_of(lineEnds, at_);
         if (end == std::string_view::npos) {
             return std::nullopt;
         }
-        std::string_view line = m_start.substr(m_at, end - m_at);
-        m_at = end + 1;
-        if (m_endsInCarriageReturn) {
+        std::string_view line = start_.substr(at_, end - at_);
+        at_ = end + 1;
+        if (endsInCarriageReturn_) {
             // A line feed may follow in a mixed header. Behind end_header it belongs to the body.
             const bool isLast = wordsOf(line) == std::vector<std::string_view>{"end_header"};
-            m_at += !isLast && m_start[end] == '\r' && m_start.substr(m_at, 1) == "\n" ? 1 : 0;
+            at_ += !isLast && start_[end] == '\r' && start_.substr(at_, 1) == "\n" ? 1 : 0;
         } else if (line.ends_with('\r')) {
             line.remove_suffix(1);
         }
         return line;
     }
 
-    std::size_t position() const { return m_at; }
+    std::size_t position() const { return at_; }
 
 private:
-    std::string_view m_start;
-    std::size_t m_at = 0;
-    bool m_endsInCarriageReturn = false; // alone, on every line
+    std::string_view start_;
+    std::size_t at_ = 0;
+    bool endsInCarriageReturn_ = false; // alone, on every line
 };
 
 // Builds the header line by line; every failure names file and line.
 class HeaderParser {
 public:
-    explicit HeaderParser(const std::string& name) : m_name(name) {}
+    explicit HeaderParser(const std::string& name) : name_(name) {}
 
     // True when the line is the last of the header.
     bool take(std::string_view line) {
-        m_header.lines.emplace_back(line);
-        if (m_header.lines.size() == 1) {
+        header_.lines.emplace_back(line);
+        if (header_.lines.size() == 1) {
             return false; // "ply", as the caller has seen
         }
         const std::vector<std::string_view> words = wordsOf(line);
@@ -99,16 +100,16 @@ public:
     }
 
     PlyHeader finish(std::uint64_t length) {
-        if (m_header.formatText.empty()) {
+        if (header_.formatText.empty()) {
             fail("the header has no format line: write the file again with one");
         }
-        m_header.length = length;
-        return std::move(m_header);
+        header_.length = length;
+        return std::move(header_);
     }
 
 private:
     [[noreturn]] void fail(const std::string& what) const {
-        throw SourceError(fmt::format("{}:{}: {}", m_name, m_header.lines.size(), what));
+        throw SourceError(fmt::format("{}:{}: {}", name_, header_.lines.size(), what));
     }
 
     void takeKeyword(std::string_view line, const std::vector<std::string_view>& words) {
@@ -124,10 +125,10 @@ private:
     }
 
     void takeFormat(const std::vector<std::string_view>& words) {
-        if (!m_header.formatText.empty()) {
+        if (!header_.formatText.empty()) {
             fail("a second format line: remove it");
         }
-        if (!m_header.elements.empty()) {
+        if (!header_.elements.empty()) {
             fail("the format line stands behind an element: move it to the second line");
         }
         const auto isNamed = [&](const auto& entry) { return words.size() == 3 && entry.first == words[1]; };
@@ -136,9 +137,9 @@ private:
             fail("the format line is not \"format FORMAT 1.0\" with ascii, binary_little_endian or "
                  "binary_big_endian");
         }
-        m_header.format = format->second;
-        m_header.formatText = format->first;
-        m_header.formatLine = m_header.lines.size();
+        header_.format = format->second;
+        header_.formatText = format->first;
+        header_.formatLine = header_.lines.size();
     }
 
     void takeElement(const std::vector<std::string_view>& words) {
@@ -147,7 +148,7 @@ private:
         }
         PlyElement element;
         element.name = words[1];
-        element.line = m_header.lines.size();
+        element.line = header_.lines.size();
         const char* const end = words[2].data() + words[2].size();
         const auto [stop, error] = std::from_chars(words[2].data(), end, element.count);
         // Readers hold counts in signed 64-bit integers.
@@ -159,11 +160,11 @@ private:
             fail(fmt::format("the count {} of element {} is not a whole number", inQuotes(words[2]),
                              inQuotes(words[1])));
         }
-        if (!m_elementNames.insert(element.name).second) {
+        if (!elementNames_.insert(element.name).second) {
             fail(fmt::format("a second element {}: each may come once", inQuotes(words[1])));
         }
-        m_header.elements.push_back(std::move(element));
-        m_propertyNames.clear();
+        header_.elements.push_back(std::move(element));
+        propertyNames_.clear();
     }
 
     Scalar scalarOf(std::string_view word) const {
@@ -178,7 +179,7 @@ private:
     }
 
     void takeProperty(const std::vector<std::string_view>& words) {
-        if (m_header.elements.empty()) {
+        if (header_.elements.empty()) {
             fail("a property line before the first element line");
         }
         const bool isList = words.size() > 1 && words[1] == "list";
@@ -189,7 +190,7 @@ private:
         property.name = words.back();
         property.typeText = words[words.size() - 2];
         property.type = scalarOf(property.typeText);
-        property.line = m_header.lines.size();
+        property.line = header_.lines.size();
         if (isList) {
             property.countType = scalarOf(words[2]);
             if (*property.countType == Scalar::float32 || *property.countType == Scalar::float64) {
@@ -197,17 +198,17 @@ private:
                                  inQuotes(property.name), words[2]));
             }
         }
-        if (!m_propertyNames.insert(property.name).second) {
+        if (!propertyNames_.insert(property.name).second) {
             fail(fmt::format("a second property {} of element {}: each may come once",
-                             inQuotes(property.name), inQuotes(m_header.elements.back().name)));
+                             inQuotes(property.name), inQuotes(header_.elements.back().name)));
         }
-        m_header.elements.back().properties.push_back(std::move(property));
+        header_.elements.back().properties.push_back(std::move(property));
     }
 
-    const std::string& m_name;
-    PlyHeader m_header;
-    std::set<std::string> m_elementNames;
-    std::set<std::string> m_propertyNames; // of the last element
+    const std::string& name_;
+    PlyHeader header_;
+    std::set<std::string> elementNames_;
+    std::set<std::string> propertyNames_; // of the last element
 };
 
 } // namespace

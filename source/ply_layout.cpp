@@ -2,10 +2,11 @@
 
 #include "source/text.h"
 
-#include <algorithm>
-#include <charconv>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+
+#include <algorithm>
+#include <charconv>
 #include <map>
 #include <set>
 
@@ -58,44 +59,44 @@ std::vector<std::string> recordNames(int degree, std::uint64_t perChannel) {
 
 class LayoutReader {
 public:
-    LayoutReader(const PlyHeader& header, const std::string& name) : m_header(header), m_name(name) {}
+    LayoutReader(const PlyHeader& header, const std::string& name) : header_(header), name_(name) {}
 
     SplatLayout read() {
-        m_vertex = m_header.find("vertex");
-        if (m_vertex == nullptr) {
-            fail(m_header.lines.size(), "not a splat file: the header has no element vertex");
+        vertex_ = header_.find("vertex");
+        if (vertex_ == nullptr) {
+            fail(header_.lines.size(), "not a splat file: the header has no element vertex");
         }
         placeColumns();
         requireSplats();
         const std::uint64_t coefficients = countCoefficients();
-        m_layout.degree = degreeOf(coefficients);
-        const std::vector<std::string> names = recordNames(m_layout.degree, coefficients / 3);
+        layout_.degree = degreeOf(coefficients);
+        const std::vector<std::string> names = recordNames(layout_.degree, coefficients / 3);
         fill(names);
         remark(names);
-        const bool isOrdered = m_vertex->properties.size() == names.size() &&
-                               std::ranges::equal(m_vertex->properties, names, {}, &PlyProperty::name);
+        const bool isOrdered = vertex_->properties.size() == names.size() &&
+                               std::ranges::equal(vertex_->properties, names, {}, &PlyProperty::name);
         const auto isFloat = [](const PlyProperty& property) {
             return !property.isList() && property.type == Scalar::float32;
         };
-        m_layout.isCanonical = isOrdered && std::ranges::all_of(m_vertex->properties, isFloat);
-        return std::move(m_layout);
+        layout_.isCanonical = isOrdered && std::ranges::all_of(vertex_->properties, isFloat);
+        return std::move(layout_);
     }
 
 private:
     [[noreturn]] void fail(std::size_t line, const std::string& what) const {
-        throw SourceError(fmt::format("{}:{}: {}", m_name, line, what));
+        throw SourceError(fmt::format("{}:{}: {}", name_, line, what));
     }
 
-    bool has(const std::string& name) const { return m_columns.contains(name); }
+    bool has(const std::string& name) const { return columns_.contains(name); }
 
     void placeColumns() {
-        for (const PlyProperty& property : m_vertex->properties) {
+        for (const PlyProperty& property : vertex_->properties) {
             if (property.isList()) {
-                m_layout.hasLists = true;
+                layout_.hasLists = true;
                 continue;
             }
-            m_columns[property.name] = {m_layout.recordBytes, property.type};
-            m_layout.recordBytes += widthOf(property.type);
+            columns_[property.name] = {layout_.recordBytes, property.type};
+            layout_.recordBytes += widthOf(property.type);
         }
     }
 
@@ -109,12 +110,12 @@ private:
             }
         }
         if (!has("opacity") && !has("scale_0") && !has("rot_0")) {
-            const bool hasFaces = m_header.find("face") != nullptr;
-            fail(m_vertex->line,
+            const bool hasFaces = header_.find("face") != nullptr;
+            fail(vertex_->line,
                  fmt::format("{}, not splats: no opacity, no scale, no rotation: name the trained splats",
-                             m_vertex->properties.empty() ? "vertices without properties"
-                             : hasFaces                   ? "a mesh"
-                                                          : "a point cloud"));
+                             vertex_->properties.empty() ? "vertices without properties"
+                             : hasFaces                  ? "a mesh"
+                                                         : "a point cloud"));
         }
         if (missing.empty() && !hasColour()) {
             missing = {"f_dc_0", "f_dc_1", "f_dc_2"};
@@ -123,15 +124,15 @@ private:
             for (const std::string& name : missing) {
                 refuseList(name);
             }
-            fail(m_vertex->line, fmt::format("not a splat file: the vertices have no property {}: export "
-                                             "the splats with it",
-                                             fmt::join(missing, ", ")));
+            fail(vertex_->line, fmt::format("not a splat file: the vertices have no property {}: export "
+                                            "the splats with it",
+                                            fmt::join(missing, ", ")));
         }
     }
 
     // A property that is there, but as a list.
     void refuseList(const std::string& name) const {
-        const PlyProperty* const property = m_vertex->find(name);
+        const PlyProperty* const property = vertex_->find(name);
         if (property != nullptr) {
             fail(property->line, fmt::format("property {} is a list: expected a single number", name));
         }
@@ -142,8 +143,8 @@ private:
             return true;
         }
         return std::ranges::all_of(colourBytes, [&](const char* name) {
-            const auto column = m_columns.find(name);
-            return column != m_columns.end() && column->second.type == Scalar::uint8;
+            const auto column = columns_.find(name);
+            return column != columns_.end() && column->second.type == Scalar::uint8;
         });
     }
 
@@ -151,7 +152,7 @@ private:
     std::uint64_t countCoefficients() const {
         std::uint64_t count = 0;
         std::uint64_t largest = 0;
-        for (const PlyProperty& property : m_vertex->properties) {
+        for (const PlyProperty& property : vertex_->properties) {
             if (!property.name.starts_with(restPrefix) && property.name != "f_rest") {
                 continue;
             }
@@ -166,9 +167,9 @@ private:
             largest = std::max(largest, *number);
         }
         if (count > 0 && largest + 1 != count) {
-            fail(m_vertex->line, fmt::format("{} f_rest properties are numbered up to {}: expected 0 to {} "
-                                             "without a gap",
-                                             count, largest, count - 1));
+            fail(vertex_->line, fmt::format("{} f_rest properties are numbered up to {}: expected 0 to {} "
+                                            "without a gap",
+                                            count, largest, count - 1));
         }
         return count;
     }
@@ -178,60 +179,59 @@ private:
         for (std::uint64_t degree = 0; degree <= 4; ++degree) {
             if (coefficients == 3 * ((degree + 1) * (degree + 1) - 1)) {
                 if (degree == 4) {
-                    m_layout.remarks.emplace_back(
+                    layout_.remarks.emplace_back(
                         "the coefficients of degree 4 are left off: a dataset holds three degrees");
                 }
                 return static_cast<int>(std::min<std::uint64_t>(degree, 3));
             }
         }
-        fail(m_vertex->line,
+        fail(vertex_->line,
              fmt::format("{} f_rest properties make no degree: expected 0, 9, 24, 45 or 72", coefficients));
     }
 
     void fill(const std::vector<std::string>& names) {
-        m_layout.columns.resize(names.size());
-        m_layout.constants.resize(names.size(), 0.0f);
+        layout_.columns.resize(names.size());
+        layout_.constants.resize(names.size(), 0.0f);
         for (std::size_t i = 0; i < names.size(); ++i) {
-            const auto column = m_columns.find(names[i]);
-            if (column != m_columns.end()) {
-                m_layout.columns[i] = column->second;
+            const auto column = columns_.find(names[i]);
+            if (column != columns_.end()) {
+                layout_.columns[i] = column->second;
             }
         }
         for (std::size_t i = 0; i < 3; ++i) {
-            const Scalar type = m_layout.columns[GaussionSplat::positionAt + i]->type;
-            m_layout.isWide =
-                m_layout.isWide || type == Scalar::float64 || type == Scalar::int32 || type == Scalar::uint32;
+            const Scalar type = layout_.columns[GaussionSplat::positionAt + i]->type;
+            layout_.isWide =
+                layout_.isWide || type == Scalar::float64 || type == Scalar::int32 || type == Scalar::uint32;
         }
-        m_layout.hasColourBytes = !(has("f_dc_0") && has("f_dc_1") && has("f_dc_2"));
-        for (std::size_t i = 0; m_layout.hasColourBytes && i < colourBytes.size(); ++i) {
-            m_layout.columns[GaussionSplat::colourAt + i] = m_columns.at(colourBytes[i]);
+        layout_.hasColourBytes = !(has("f_dc_0") && has("f_dc_1") && has("f_dc_2"));
+        for (std::size_t i = 0; layout_.hasColourBytes && i < colourBytes.size(); ++i) {
+            layout_.columns[GaussionSplat::colourAt + i] = columns_.at(colourBytes[i]);
         }
         if (!has("scale_2")) {
             refuseList("scale_2");
-            m_layout.constants[recordLayout(m_layout.degree > 0).scale + 2] = flatScale;
-            m_layout.remarks.emplace_back("flat splats without scale_2: their third axis gets a millionth of "
-                                          "the scene's unit");
+            layout_.constants[recordLayout(layout_.degree > 0).scale + 2] = flatScale;
+            layout_.remarks.emplace_back("flat splats without scale_2: their third axis gets a millionth of "
+                                         "the scene's unit");
         }
     }
 
     void remark(const std::vector<std::string>& names) {
-        if (m_layout.hasColourBytes) {
-            m_layout.remarks.emplace_back("the vertices have no f_dc: their colours come from red, green and "
-                                          "blue");
+        if (layout_.hasColourBytes) {
+            layout_.remarks.emplace_back("the vertices have no f_dc: their colours come from red, green and "
+                                         "blue");
         }
         const std::set<std::string> taken(names.begin(), names.end());
         if (has("filter_3D") && !taken.contains("filter_3D")) {
-            m_layout.remarks.emplace_back(
-                "the column filter_3D of an anti-aliased training is left out: fuse "
-                "it into scale and opacity before the export to keep its effect");
+            layout_.remarks.emplace_back("the column filter_3D of an anti-aliased training is left out: fuse "
+                                         "it into scale and opacity before the export to keep its effect");
         }
     }
 
-    const PlyHeader& m_header;
-    const std::string& m_name;
-    const PlyElement* m_vertex = nullptr;
-    std::map<std::string, PlyColumn> m_columns;
-    SplatLayout m_layout;
+    const PlyHeader& header_;
+    const std::string& name_;
+    const PlyElement* vertex_ = nullptr;
+    std::map<std::string, PlyColumn> columns_;
+    SplatLayout layout_;
 };
 
 } // namespace

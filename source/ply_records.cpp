@@ -78,25 +78,25 @@ const std::array<float, 256> colours = colourTable();
 } // namespace
 
 RecordMap::RecordMap(const SplatLayout& layout, bool isBigEndian)
-    : m_vertexBytes(layout.recordBytes), m_recordFloats(layout.floats()), m_isSwapped(isBigEndian) {
+    : vertexBytes_(layout.recordBytes), recordFloats_(layout.floats()), isSwapped_(isBigEndian) {
     std::vector<Move> singles;
     for (std::size_t to = 0; to < layout.columns.size(); ++to) {
         const std::optional<PlyColumn>& column = layout.columns[to];
         const bool isColour = to >= GaussionSplat::colourAt && to < GaussionSplat::colourAt + 3;
         if (!column) {
-            m_constants.push_back({to, layout.constants[to]});
+            constants_.push_back({to, layout.constants[to]});
             continue;
         }
         const Move move = {.from = column->offset, .to = to, .type = column->type};
         if (to < 3) {
-            m_positions[to] = move;
+            positions_[to] = move;
         }
         if (isColour && layout.hasColourBytes) {
-            m_colours.push_back(move);
+            colours_.push_back(move);
         } else if (column->type == Scalar::float64) {
-            m_doubles.push_back(move);
+            doubles_.push_back(move);
         } else if (column->type != Scalar::float32) {
-            m_others.push_back(move);
+            others_.push_back(move);
         } else if (!singles.empty() && singles.back().to + singles.back().count == to &&
                    singles.back().from + singles.back().count * sizeof(float) == move.from) {
             ++singles.back().count;
@@ -106,11 +106,11 @@ RecordMap::RecordMap(const SplatLayout& layout, bool isBigEndian)
     }
     for (const Move& run : singles) {
         if (run.count >= leastRun) {
-            m_runs.push_back(run);
+            runs_.push_back(run);
             continue;
         }
         for (std::size_t i = 0; i < run.count; ++i) {
-            m_floats.push_back({.from = run.from + i * sizeof(float), .to = run.to + i});
+            floats_.push_back({.from = run.from + i * sizeof(float), .to = run.to + i});
         }
     }
 }
@@ -118,9 +118,9 @@ RecordMap::RecordMap(const SplatLayout& layout, bool isBigEndian)
 template <bool isSwapped>
 void RecordMap::mapAs(const std::byte* vertices, std::uint64_t count, float* records) const {
     for (std::uint64_t i = 0; i < count; ++i) {
-        const std::byte* const vertex = vertices + i * m_vertexBytes;
-        float* const record = records + i * m_recordFloats;
-        for (const Move& run : m_runs) {
+        const std::byte* const vertex = vertices + i * vertexBytes_;
+        float* const record = records + i * recordFloats_;
+        for (const Move& run : runs_) {
             if constexpr (isSwapped) {
                 for (std::size_t k = 0; k < run.count; ++k) {
                     const auto bits = load<std::uint32_t, true>(vertex + run.from + k * sizeof(float));
@@ -130,21 +130,21 @@ void RecordMap::mapAs(const std::byte* vertices, std::uint64_t count, float* rec
                 std::memcpy(record + run.to, vertex + run.from, run.count * sizeof(float));
             }
         }
-        for (const Move& move : m_floats) {
+        for (const Move& move : floats_) {
             const auto bits = load<std::uint32_t, isSwapped>(vertex + move.from);
             std::memcpy(record + move.to, &bits, sizeof bits);
         }
-        for (const Move& move : m_doubles) {
+        for (const Move& move : doubles_) {
             const auto bits = load<std::uint64_t, isSwapped>(vertex + move.from);
             record[move.to] = static_cast<float>(std::bit_cast<double>(bits));
         }
-        for (const Move& move : m_others) {
+        for (const Move& move : others_) {
             record[move.to] = static_cast<float>(loadNumber<isSwapped>(vertex + move.from, move.type));
         }
-        for (const Move& move : m_colours) {
+        for (const Move& move : colours_) {
             record[move.to] = colours[std::to_integer<std::size_t>(vertex[move.from])];
         }
-        for (const Constant& constant : m_constants) {
+        for (const Constant& constant : constants_) {
             record[constant.to] = constant.value;
         }
     }
@@ -153,27 +153,27 @@ void RecordMap::mapAs(const std::byte* vertices, std::uint64_t count, float* rec
 template <bool isSwapped>
 void RecordMap::positionsAs(const std::byte* vertices, std::uint64_t count, double* positions) const {
     for (std::uint64_t i = 0; i < count; ++i) {
-        for (const Move& move : m_positions) {
+        for (const Move& move : positions_) {
             positions[3 * i + move.to] =
-                loadNumber<isSwapped>(vertices + i * m_vertexBytes + move.from, move.type);
+                loadNumber<isSwapped>(vertices + i * vertexBytes_ + move.from, move.type);
         }
     }
 }
 
 void RecordMap::map(const std::byte* vertices, std::uint64_t count, float* records) const {
-    m_isSwapped ? mapAs<true>(vertices, count, records) : mapAs<false>(vertices, count, records);
+    isSwapped_ ? mapAs<true>(vertices, count, records) : mapAs<false>(vertices, count, records);
 }
 
 void RecordMap::mapPositions(const std::byte* vertices, std::uint64_t count, double* positions) const {
-    m_isSwapped ? positionsAs<true>(vertices, count, positions)
-                : positionsAs<false>(vertices, count, positions);
+    isSwapped_ ? positionsAs<true>(vertices, count, positions)
+               : positionsAs<false>(vertices, count, positions);
 }
 
 void RecordMap::mapInPlace(float* records, std::uint64_t count) const {
-    if (!m_isSwapped) {
+    if (!isSwapped_) {
         return;
     }
-    for (std::uint64_t i = 0; i < count * m_recordFloats; ++i) {
+    for (std::uint64_t i = 0; i < count * recordFloats_; ++i) {
         std::uint32_t bits;
         std::memcpy(&bits, records + i, sizeof bits);
         bits = swapped(bits);

@@ -41,16 +41,16 @@ private:
     template <bool isSwapped>
     void positionsAs(const std::byte* vertices, std::uint64_t count, double* positions) const;
 
-    std::size_t m_vertexBytes;
-    std::size_t m_recordFloats;
-    bool m_isSwapped;
-    std::vector<Move> m_runs;    // floats that lie side by side in both, eight or more
-    std::vector<Move> m_floats;  // single floats
-    std::vector<Move> m_doubles; // single doubles
-    std::vector<Move> m_others;  // integers
-    std::vector<Move> m_colours; // bytes that stand in for f_dc
-    std::vector<Constant> m_constants;
-    Move m_positions[3];
+    std::size_t vertexBytes_;
+    std::size_t recordFloats_;
+    bool isSwapped_;
+    std::vector<Move> runs_;    // floats that lie side by side in both, eight or more
+    std::vector<Move> floats_;  // single floats
+    std::vector<Move> doubles_; // single doubles
+    std::vector<Move> others_;  // integers
+    std::vector<Move> colours_; // bytes that stand in for f_dc
+    std::vector<Constant> constants_;
+    Move positions_[3];
 };
 
 } // namespace Tavrin::SplatSource

@@ -107,20 +107,20 @@ std::vector<Column> columnsOf(const Variant& variant) {
 
 class Body {
 public:
-    explicit Body(Form form) : m_form(form) {}
+    explicit Body(Form form) : form_(form) {}
 
     template <typename Number>
     void put(Number value) {
-        if (m_form == Form::ascii) {
+        if (form_ == Form::ascii) {
             char text[64];
             const auto end = std::to_chars(text, text + sizeof text, value).ptr;
             bytes.append(text, end);
-            bytes += ++m_words % 7 == 0 ? "\r\n" : m_words % 3 == 0 ? "  " : " ";
+            bytes += ++words_ % 7 == 0 ? "\r\n" : words_ % 3 == 0 ? "  " : " ";
             return;
         }
         char raw[sizeof value];
         std::memcpy(raw, &value, sizeof value);
-        if (m_form == Form::bigEndian) {
+        if (form_ == Form::bigEndian) {
             std::reverse(raw, raw + sizeof value);
         }
         bytes.append(raw, sizeof value);
@@ -147,8 +147,8 @@ public:
     std::string bytes;
 
 private:
-    Form m_form;
-    std::size_t m_words = 0;
+    Form form_;
+    std::size_t words_ = 0;
 };
 
 std::string fileOf(const Variant& variant, const std::vector<float>& records) {
