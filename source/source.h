@@ -51,11 +51,9 @@ struct Source {
     virtual std::uint64_t boxPositions() const { return 0; }
     virtual void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const;
 
-    // Where no usable bounds are stated: takes the box of all records that read gives, and may state it in
-    // `params` as the scene's bounds, so that the dataset has them. As it is, nothing is stated.
-    virtual void stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat::Params& params) const {
-        static_cast<void>(min), static_cast<void>(max), static_cast<void>(params);
-    }
+    // Where no usable bounds are stated: takes the box of all records that read gives, and may write it to
+    // `stated` as the scene's bounds, so that the dataset has them. As it is, it writes nothing.
+    virtual void stateBox(const float (&)[3], const float (&)[3], GaussionSplat::Params&) const {}
 
     // Throws SourceChanged when a file of the source is no longer the one that was opened: its size, its time
     // of change or its identity differ.
