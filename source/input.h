@@ -4,6 +4,7 @@
 #include "source/comments.h"
 #include "source/source.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -36,5 +37,9 @@ struct Input : Source {
         return size;
     }
 };
+
+// x y z of records of so many floats, widened, to `positions` unless that is null: for inputs whose
+// coordinates need no more than single precision.
+void copyPositions(const float* records, std::size_t floats, std::uint64_t size, double* positions);
 
 } // namespace Tavrin::SplatSource

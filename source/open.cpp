@@ -1,8 +1,10 @@
 #include "source/open.h"
 
+#include "source/compressed_ply.h"
 #include "source/ply.h"
 #include "source/ply_layout.h"
 #include "source/record_file.h"
+#include "source/spz.h"
 #include "source/text.h"
 
 #include <fmt/format.h>
@@ -31,7 +33,6 @@ constexpr std::array lookalikes = {
     Lookalike{"\xFF\xD8\xFF"sv, "a picture"},
     Lookalike{"RIFF"sv, "a RIFF file, perhaps a picture"},
     Lookalike{"\x28\xB5\x2F\xFD"sv, "a zstd archive: unpack it and name the file in it"},
-    Lookalike{"\x1F\x8B"sv, "a gzip archive: unpack it and name the file in it"},
     Lookalike{"BZh"sv, "a bzip2 archive: unpack it and name the file in it"},
     Lookalike{"\xFD"
               "7zXZ"sv,
@@ -77,14 +78,15 @@ std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenO
         start = readStart(file);
         name = file.name();
     }
+    if (looksLikeSpz(start)) {
+        return std::make_unique<SpzInput>(path, options.axes, options.scratchFolder);
+    }
     if (!looksLikePly(start)) {
         refuse(name, start);
     }
-    // Packed PLY files belong to a reader of their own.
-    if (isCompressedPly(parsePlyHeader(start, name))) {
-        throw SourceError(fmt::format("{}: a compressed PLY file, which this version does not read: export "
-                                      "it as plain PLY",
-                                      name));
+    const PlyHeader header = parsePlyHeader(start, name);
+    if (isCompressedPly(header)) {
+        return std::make_unique<CompressedPlyInput>(path, header);
     }
     return std::make_unique<PlyInput>(path, options.threads);
 }

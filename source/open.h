@@ -1,15 +1,13 @@
 // Opening an input of any kind: the kind is told from the content, not from the name.
 #pragma once
 
+#include "source/axes.h"
 #include "source/input.h"
 
 #include <filesystem>
 #include <memory>
 
 namespace Tavrin::SplatSource {
-
-// The axes that the positions of an SPZ file are taken to be stored in.
-enum class InputAxes { stated, rightUpBack, rightDownFront };
 
 struct OpenOptions {
     unsigned threads = 1;                // for passes that opening takes, at least 1

@@ -1,0 +1,43 @@
+// Turning splats from the axes that a file stores to those of a trained PLY: x right, y down, z front.
+#pragma once
+
+#include <cstdint>
+
+namespace Tavrin::SplatSource {
+
+// The axes that the positions of a file are taken to be stored in, where its kind leaves them open.
+enum class InputAxes {
+    stated,         // as the file says, else as is usual for its kind
+    rightUpBack,    // whatever the file says
+    rightDownFront, // whatever the file says: nothing is turned
+};
+
+// Coefficients of degrees 1 to 3, a channel.
+inline constexpr int coefficientsPerChannel = 15;
+
+// A turn by signs, and where the third axis points up by a quarter turn about x behind them. Both leave
+// lengths alone.
+struct Turn {
+    // Signs of the axes, +1 or -1.
+    int x = 1;
+    int y = 1;
+    int z = 1;
+    bool isQuarterTurned = false;
+
+    bool isNone() const { return x == 1 && y == 1 && z == 1 && !isQuarterTurned; }
+
+    void position(float (&xyz)[3]) const;
+    void rotation(float (&wxyz)[4]) const;
+    // One channel's coefficients, degree after degree; only the first `count` (3, 8 or 15) are there.
+    void coefficients(float* channel, int count) const;
+};
+
+// The turn from stored axes, a code from 1 to 16: the bits of code - 1 (for 9 to 16 of code - 9) say right,
+// up and back; 9 to 16 have y and z changed over. 4 is right, up, back; 6 is right, down, front.
+Turn turnFromAxes(std::uint32_t code);
+
+inline constexpr std::uint32_t mostAxesCode = 16;
+inline constexpr std::uint32_t axesRightUpBack = 4;
+inline constexpr std::uint32_t axesRightDownFront = 6;
+
+} // namespace Tavrin::SplatSource

@@ -1,0 +1,35 @@
+// A file without a name for what a source unpacks: bounded memory, gone when the process ends in any way.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <stdexcept>
+
+namespace Tavrin::SplatSource {
+
+// The scratch folder cannot hold what a source unpacks. One line: the folder, and what the system said.
+struct ScratchError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+class ScratchFile {
+public:
+    // Creates the file in `folder`, which exists. Throws ScratchError.
+    explicit ScratchFile(const std::filesystem::path& folder);
+    ~ScratchFile();
+    ScratchFile(const ScratchFile&) = delete;
+    ScratchFile& operator=(const ScratchFile&) = delete;
+
+    // Writes size bytes at `offset`. Throws ScratchError.
+    void write(std::uint64_t offset, const void* bytes, std::uint64_t size);
+
+    // Reads size bytes from `offset`, all of which were written. Safe from several threads at once. Throws
+    // ScratchError.
+    void read(std::uint64_t offset, void* bytes, std::uint64_t size) const;
+
+private:
+    std::filesystem::path folder_;
+    std::intptr_t handle_; // a descriptor, on Windows a HANDLE
+};
+
+} // namespace Tavrin::SplatSource
