@@ -2,8 +2,9 @@
 # What the builds and the tests need from the system, and how it gets there. Sourced by the other scripts.
 # shellcheck disable=SC2034  # the lists are used there
 
-# Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json; Beast of Boost zlib for the page of view
-# and for SPZ files, zstd for those of version 4), of the tests (GoogleTest) and of the benchmarks: what configuring and building needs.
+# Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json; Beast of Boost for the server of view,
+# zlib for its page and for SPZ files, zstd for those of version 4), of the tests (GoogleTest) and of the benchmarks: what
+# configuring and building needs.
 packages=(
     g++ cmake ninja-build
     libcli11-dev libfmt-dev nlohmann-json3-dev libboost-dev zlib1g-dev libzstd-dev

@@ -145,9 +145,9 @@ TEST_F(Packed, PositionsAtTheEndsOfTheirBitsAreRemarked) {
     std::vector<float> records(512 * 62);
     edge.read(0, edge.count, records.data());
     plain.read(0, plain.count, records.data());
-    ASSERT_EQ(edge.remarks().size(), 1u);
-    EXPECT_NE(edge.remarks()[0].find("2048"), std::string::npos) << edge.remarks()[0];
-    EXPECT_TRUE(plain.remarks().empty());
+    ASSERT_EQ(edge.remarks.size(), 1u);
+    EXPECT_NE(edge.remarks[0].find("2048"), std::string::npos) << edge.remarks[0];
+    EXPECT_TRUE(plain.remarks.empty());
 }
 
 } // namespace
