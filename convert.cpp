@@ -1,7 +1,6 @@
 // The exported entry point: the order of the pipeline.
 
 #include "plyconvert.h"
-
 #include "src/chunker.h"
 #include "src/indexer.h"
 #include "src/large_pages.h"

@@ -88,19 +88,19 @@ std::uint64_t bytesIn(const fs::path& folder) {
 // A folder of this run's own, removed with everything in it.
 class Workplace {
 public:
-    explicit Workplace(const fs::path& parent) : folder(parent / fmt::format("endtoend-{}", getpid())) {
-        fs::create_directories(folder);
+    explicit Workplace(const fs::path& parent) : folder_(parent / fmt::format("endtoend-{}", getpid())) {
+        fs::create_directories(folder_);
     }
     ~Workplace() {
         std::error_code ignored;
-        fs::remove_all(folder, ignored);
+        fs::remove_all(folder_, ignored);
     }
     Workplace(const Workplace&) = delete;
     Workplace& operator=(const Workplace&) = delete;
 
-    fs::path scene() const { return folder / "scene.ply"; }
-    fs::path dataset() const { return folder / "dataset"; }
-    fs::path copy() const { return folder / "copy"; }
+    fs::path scene() const { return folder_ / "scene.ply"; }
+    fs::path dataset() const { return folder_ / "dataset"; }
+    fs::path copy() const { return folder_ / "copy"; }
 
     // With coefficients the header states no bounds, so that the converter scans for them; without it states
     // them, since the scan is made for the wider record.
@@ -125,7 +125,7 @@ public:
     }
 
 private:
-    fs::path folder;
+    fs::path folder_;
 };
 
 // As much as a run of the case may use, files in the page cache included.

@@ -38,41 +38,41 @@ double secondsBetween(Clock::time_point from, Clock::time_point to) {
 // Notes when each line first stands in the log.
 class LogWatch {
 public:
-    explicit LogWatch(std::filesystem::path path) : log(std::move(path)) {}
+    explicit LogWatch(std::filesystem::path path) : log_(std::move(path)) {}
 
     void look() {
         std::error_code error;
-        const std::uintmax_t size = std::filesystem::file_size(log, error);
-        if (error || size == seenSize) {
+        const std::uintmax_t size = std::filesystem::file_size(log_, error);
+        if (error || size == seenSize_) {
             return;
         }
         const Clock::time_point now = Clock::now();
-        std::ifstream file(log, std::ios::binary);
+        std::ifstream file(log_, std::ios::binary);
         const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-        seenSize = text.size();
-        while (found < stageEnds.size() && text.find(stageEnds[found]) != std::string::npos) {
-            times[found++] = now;
+        seenSize_ = text.size();
+        while (found_ < stageEnds.size() && text.find(stageEnds[found_]) != std::string::npos) {
+            times_[found_++] = now;
         }
     }
 
     std::array<double, stageCount> stages(Clock::time_point start, Clock::time_point end) const {
-        if (found != stageEnds.size()) {
-            throw std::runtime_error("the run log lacks the line \"" + std::string(stageEnds[found]) + "\"");
+        if (found_ != stageEnds.size()) {
+            throw std::runtime_error("the run log lacks the line \"" + std::string(stageEnds[found_]) + "\"");
         }
         std::array<double, stageCount> result{};
         for (std::size_t k = 0; k < stageCount; ++k) {
             // A line that was only found after the end of the process stood there before it.
-            const Clock::time_point from = k == 0 ? start : std::min(times[k - 1], end);
-            result[k] = secondsBetween(from, k + 1 == stageCount ? end : std::min(times[k], end));
+            const Clock::time_point from = k == 0 ? start : std::min(times_[k - 1], end);
+            result[k] = secondsBetween(from, k + 1 == stageCount ? end : std::min(times_[k], end));
         }
         return result;
     }
 
 private:
-    std::filesystem::path log;
-    std::uintmax_t seenSize = 0;
-    std::size_t found = 0;
-    std::array<Clock::time_point, stageCount - 1> times{};
+    std::filesystem::path log_;
+    std::uintmax_t seenSize_ = 0;
+    std::size_t found_ = 0;
+    std::array<Clock::time_point, stageCount - 1> times_{};
 };
 
 // Keeps this thread, and what it starts, to the first processors that it may use; the destructor gives it the
@@ -80,7 +80,7 @@ private:
 class Processors {
 public:
     explicit Processors(int count) {
-        if (sched_getaffinity(0, sizeof before, &before) != 0) {
+        if (sched_getaffinity(0, sizeof before_, &before_) != 0) {
             throw std::runtime_error("cannot tell which processors there are");
         }
         if (count <= 0) {
@@ -90,7 +90,7 @@ public:
         CPU_ZERO(&few);
         int left = count;
         for (int k = 0; k < CPU_SETSIZE && left > 0; ++k) {
-            if (CPU_ISSET(k, &before)) {
+            if (CPU_ISSET(k, &before_)) {
                 CPU_SET(k, &few);
                 --left;
             }
@@ -99,12 +99,12 @@ public:
             throw std::runtime_error("cannot keep to " + std::to_string(count) + " processors");
         }
     }
-    ~Processors() { sched_setaffinity(0, sizeof before, &before); }
+    ~Processors() { sched_setaffinity(0, sizeof before_, &before_); }
     Processors(const Processors&) = delete;
     Processors& operator=(const Processors&) = delete;
 
 private:
-    cpu_set_t before;
+    cpu_set_t before_;
 };
 
 pid_t start(const std::vector<std::string>& command) {

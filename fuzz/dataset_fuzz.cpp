@@ -1,8 +1,9 @@
 // The dataset reader over folders whose files are any bytes, or sound ones with faults: it reports, or throws
 // the one error that it states, and says the same twice.
 
-#include "fuzz/target.h"
 #include "reader/dataset.h"
+
+#include "fuzz/target.h"
 #include "reader/metatext.h"
 #include "reader/verify.h"
 #include "tests/support/dataset_writer.h"

@@ -21,7 +21,7 @@ std::string refusalOf(const std::filesystem::path& path, SplatProgram::PlyHeader
     try {
         header = SplatProgram::readPlyHeader(path);
     } catch (const SplatProgram::Failure& failure) {
-        fuzz::require(failure.status() == SplatProgram::ExitStatus::InputRefused,
+        fuzz::require(failure.status() == SplatProgram::ExitStatus::inputRefused,
                       "a refusal is one of the input");
         return failure.what();
     }

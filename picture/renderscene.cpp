@@ -76,18 +76,18 @@ Camera lookAt(Vec eye, Vec target, double fieldOfView, const bench::Picture& pic
 
 // A splat on the picture: alpha(d) = opacity exp(-(a dx^2 + 2 b dx dy + c dy^2) / 2).
 struct Footprint {
-    float depth = 0.0F;
-    float x = 0.0F; // of the centre, in pixels
-    float y = 0.0F;
-    float a = 0.0F;
-    float b = 0.0F;
-    float c = 0.0F;
-    float reach = 0.0F; // pixels until alpha is below one step of an 8-bit picture
-    float opacity = 0.0F;
+    float depth = 0.0f;
+    float x = 0.0f; // of the centre, in pixels
+    float y = 0.0f;
+    float a = 0.0f;
+    float b = 0.0f;
+    float c = 0.0f;
+    float reach = 0.0f; // pixels until alpha is below one step of an 8-bit picture
+    float opacity = 0.0f;
     std::array<float, 3> colour{};
 };
 
-constexpr float leastAlpha = 1.0F / 255.0F;
+constexpr float leastAlpha = 1.0f / 255.0f;
 
 // Half axes of the ellipsoid in camera coordinates: the columns of rotation times scale.
 std::array<Vec, 3> halfAxes(const float* tail, const Camera& camera) {
@@ -175,13 +175,13 @@ bool project(const float* record, std::size_t floats, const Camera& camera, Foot
 class Canvas {
 public:
     explicit Canvas(bench::Picture& picture)
-        : m_picture(picture), m_light(picture.pixels(), 1.0F), m_sum(3 * picture.pixels(), 0.0F) {}
+        : picture_(picture), light_(picture.pixels(), 1.0f), sum_(3 * picture.pixels(), 0.0f) {}
 
     void blend(const Footprint& splat) {
         const int left = std::max(0, static_cast<int>(std::floor(splat.x - splat.reach)));
         const int top = std::max(0, static_cast<int>(std::floor(splat.y - splat.reach)));
-        const int right = std::min(m_picture.width - 1, static_cast<int>(splat.x + splat.reach));
-        const int bottom = std::min(m_picture.height - 1, static_cast<int>(splat.y + splat.reach));
+        const int right = std::min(picture_.width - 1, static_cast<int>(splat.x + splat.reach));
+        const int bottom = std::min(picture_.height - 1, static_cast<int>(splat.y + splat.reach));
         for (int y = top; y <= bottom; ++y) {
             for (int x = left; x <= right; ++x) {
                 blendPixel(splat, x, y);
@@ -190,35 +190,35 @@ public:
     }
 
     void finish() {
-        constexpr std::array<float, 3> sky = {0.62F, 0.74F, 0.88F};
-        for (std::size_t i = 0; i < m_sum.size(); ++i) {
-            const float value = m_sum[i] + m_light[i / 3] * sky[i % 3];
-            m_picture.bytes[i] = static_cast<unsigned char>(std::clamp(value, 0.0F, 1.0F) * 255.0F + 0.5F);
+        constexpr std::array<float, 3> sky = {0.62f, 0.74f, 0.88f};
+        for (std::size_t i = 0; i < sum_.size(); ++i) {
+            const float value = sum_[i] + light_[i / 3] * sky[i % 3];
+            picture_.bytes[i] = static_cast<unsigned char>(std::clamp(value, 0.0f, 1.0f) * 255.0f + 0.5f);
         }
     }
 
 private:
     void blendPixel(const Footprint& splat, int x, int y) {
-        constexpr float darkest = 1e-4F;
-        constexpr float mostAlpha = 0.99F;
-        const std::size_t pixel = static_cast<std::size_t>(y) * static_cast<std::size_t>(m_picture.width) +
+        constexpr float darkest = 1e-4f;
+        constexpr float mostAlpha = 0.99f;
+        const std::size_t pixel = static_cast<std::size_t>(y) * static_cast<std::size_t>(picture_.width) +
                                   static_cast<std::size_t>(x);
-        const float dx = static_cast<float>(x) + 0.5F - splat.x;
-        const float dy = static_cast<float>(y) + 0.5F - splat.y;
-        const float power = splat.a * dx * dx + 2.0F * splat.b * dx * dy + splat.c * dy * dy;
-        const float alpha = std::min(mostAlpha, splat.opacity * std::exp(-0.5F * power));
-        if (alpha < leastAlpha || m_light[pixel] < darkest) {
+        const float dx = static_cast<float>(x) + 0.5f - splat.x;
+        const float dy = static_cast<float>(y) + 0.5f - splat.y;
+        const float power = splat.a * dx * dx + 2.0f * splat.b * dx * dy + splat.c * dy * dy;
+        const float alpha = std::min(mostAlpha, splat.opacity * std::exp(-0.5f * power));
+        if (alpha < leastAlpha || light_[pixel] < darkest) {
             return;
         }
         for (std::size_t channel = 0; channel < 3; ++channel) {
-            m_sum[3 * pixel + channel] += m_light[pixel] * alpha * splat.colour[channel];
+            sum_[3 * pixel + channel] += light_[pixel] * alpha * splat.colour[channel];
         }
-        m_light[pixel] *= 1.0F - alpha;
+        light_[pixel] *= 1.0f - alpha;
     }
 
-    bench::Picture& m_picture;
-    std::vector<float> m_light; // share that the splats so far let through
-    std::vector<float> m_sum;
+    bench::Picture& picture_;
+    std::vector<float> light_; // share that the splats so far let through
+    std::vector<float> sum_;
 };
 
 void render(const Scene& scene, const Camera& camera, bench::Picture& picture) {

@@ -10,10 +10,11 @@
 #include "program/terminal/console.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
 #include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fmt/format.h>
 #include <new>
 #include <string>
 #include <vector>
@@ -48,7 +49,7 @@ std::vector<std::string> withCommand(const CLI::App& program, std::vector<std::s
 
 ExitStatus printUsageError(const std::string& what) {
     reportError(what + " (plyconvert --help shows the usage)");
-    return ExitStatus::Usage;
+    return ExitStatus::usage;
 }
 
 // Every line of help fits 80 columns; what is in brackets in the usage line need not be marked as optional
@@ -80,10 +81,10 @@ ExitStatus run(const std::vector<std::string>& words) {
         return chosen();
     } catch (const CLI::CallForHelp&) {
         fmt::print("{}", program.help());
-        return ExitStatus::Done;
+        return ExitStatus::done;
     } catch (const CLI::CallForVersion&) {
         fmt::print("{}\n", versionText());
-        return ExitStatus::Done;
+        return ExitStatus::done;
     } catch (const CLI::RequiredError& error) {
         // What is there and unknown tells more than what is missing.
         const std::vector<std::string> unknown = program.remaining(true);
@@ -114,7 +115,7 @@ int main(int argc, char** argv) {
         return runConverter(words[1], words[2]);
     }
     const TerminalText terminal;
-    ExitStatus status = ExitStatus::ConversionFailed;
+    ExitStatus status = ExitStatus::conversionFailed;
     try {
         status = run(words);
     } catch (const std::bad_alloc&) {
@@ -122,9 +123,9 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         reportError(error.what());
     }
-    if (!finishStandardOutput() && status == ExitStatus::Done) {
+    if (!finishStandardOutput() && status == ExitStatus::done) {
         reportError("standard output could not be written: is the disk full or the pipe closed?");
-        status = ExitStatus::ConversionFailed;
+        status = ExitStatus::conversionFailed;
     }
     return static_cast<int>(status);
 }

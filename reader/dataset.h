@@ -1,16 +1,16 @@
 // A finished dataset folder, opened for reading.
 #pragma once
 
+#include "reader/dequantiser.h"
+#include "reader/files.h"
+#include "reader/grid.h"
+#include "reader/meta.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <span>
 #include <vector>
-
-#include "reader/dequantiser.h"
-#include "reader/files.h"
-#include "reader/grid.h"
-#include "reader/meta.h"
 
 namespace Tavrin::SplatReader {
 

@@ -1,12 +1,12 @@
 // From stored records back to values. docs/format.md states every formula.
 #pragma once
 
+#include "reader/meta.h"
+#include "reader/record.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
-
-#include "reader/meta.h"
-#include "reader/record.h"
 
 namespace Tavrin::SplatReader {
 

@@ -1,6 +1,8 @@
 // Reading files of any size through windows of a fixed size.
 #pragma once
 
+#include "reader/findings.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -8,8 +10,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "reader/findings.h"
 
 namespace Tavrin::SplatReader {
 

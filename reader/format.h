@@ -53,7 +53,7 @@ inline constexpr std::uint32_t greenMaximum = 1023;
 inline constexpr double rotationGain = 1.4142135 * 0.5;
 
 // The zeroth-order spherical-harmonic constant: colour = coefficient * colourGain + 0.5.
-inline constexpr float colourGain = 0.2820948F;
+inline constexpr float colourGain = 0.2820948f;
 
 // A scene of more splats than this is cut into grid cells; up to this many it is the one cell with key 0.
 inline constexpr std::uint64_t oneCellMaximum = 1'000'000;

@@ -1,8 +1,8 @@
 #include "reader/grid.h"
 
-#include <cmath>
-
 #include "reader/format.h"
+
+#include <cmath>
 
 namespace Tavrin::SplatReader {
 namespace {
@@ -18,7 +18,7 @@ float narrow(double value) {
 
 // Truncation to 64 bits where they hold the value, else 0; then the low 32 bits.
 std::uint32_t lowBits(float value) {
-    if (!(value >= -9223372036854775808.0F && value < 9223372036854775808.0F)) {
+    if (!(value >= -9223372036854775808.0f && value < 9223372036854775808.0f)) {
         return 0;
     }
     return static_cast<std::uint32_t>(static_cast<std::int64_t>(value));

@@ -1,10 +1,10 @@
 // The ground grid as the meta document implies it, and cell keys.
 #pragma once
 
+#include "reader/meta.h"
+
 #include <cstdint>
 #include <optional>
-
-#include "reader/meta.h"
 
 namespace Tavrin::SplatReader {
 
@@ -12,10 +12,10 @@ namespace Tavrin::SplatReader {
 // 0.
 struct Grid {
     bool oneCell = true;
-    float originX = 0.0F;
-    float originY = 0.0F;
-    float cellSizeX = 0.0F;
-    float cellSizeY = 0.0F;
+    float originX = 0.0f;
+    float originY = 0.0f;
+    float cellSizeX = 0.0f;
+    float cellSizeY = 0.0f;
     // 0 when the extents are not finite or the count does not fit 32 bits: no cell can be checked then.
     std::int64_t countX = 0;
     std::int64_t countY = 0;
@@ -40,7 +40,7 @@ struct CellLengths {
 CellLengths expectedCellLengths(std::uint64_t splats, const Triple& boundingMin, const Triple& boundingMax);
 
 inline std::uint32_t keyColumn(std::uint32_t key) {
-    return key & 0xFFFFU;
+    return key & 0xFFFFu;
 }
 inline std::uint32_t keyRow(std::uint32_t key) {
     return key >> 16;

@@ -1,11 +1,11 @@
 // Inside the reader: index.bin as a stream of level ranges, in memory that no count decides.
 #pragma once
 
-#include <cstdint>
-
 #include "reader/files.h"
 #include "reader/format.h"
 #include "reader/record.h"
+
+#include <cstdint>
 
 namespace Tavrin::SplatReader {
 

@@ -1,13 +1,13 @@
 #include "reader/meta.h"
 
+#include "reader/format.h"
+#include "reader/metatext.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <set>
-
-#include "reader/format.h"
-#include "reader/metatext.h"
 
 namespace Tavrin::SplatReader {
 namespace {

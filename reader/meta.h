@@ -1,14 +1,14 @@
 // The meta document, typed.
 #pragma once
 
+#include "reader/findings.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "reader/findings.h"
 
 namespace Tavrin::SplatReader {
 

@@ -1,13 +1,14 @@
 // What must hold inside the meta document alone, and the document's own form.
 
-#include <algorithm>
-#include <charconv>
-#include <cmath>
+#include "reader/meta.h"
 
 #include "reader/format.h"
 #include "reader/grid.h"
-#include "reader/meta.h"
 #include "reader/metatext.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 
 namespace Tavrin::SplatReader {
 namespace {

@@ -1,10 +1,10 @@
 #include "reader/metatext.h"
 
+#include "reader/format.h"
+
 #include <charconv>
 #include <cmath>
 #include <limits>
-
-#include "reader/format.h"
 
 namespace Tavrin::SplatReader {
 namespace {
@@ -136,7 +136,7 @@ private:
     std::string parseString() {
         const std::uint64_t start = ++at_;
         while (at_ < text_.size() && text_[at_] != '"' && text_[at_] != '\n') {
-            at_ += text_[at_] == '\\' && at_ + 1 < text_.size() && text_[at_ + 1] == '"' ? 2U : 1U;
+            at_ += text_[at_] == '\\' && at_ + 1 < text_.size() && text_[at_ + 1] == '"' ? 2u : 1u;
         }
         if (at_ >= text_.size() || text_[at_] != '"') {
             throw SyntaxError{at_, "a closing quote"};

@@ -5,14 +5,14 @@
 // there).
 #pragma once
 
+#include "reader/findings.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include "reader/findings.h"
 
 namespace Tavrin::SplatReader {
 

@@ -1,13 +1,13 @@
 // One record of data.bin and of shcoef.bin, as stored.
 #pragma once
 
+#include "reader/format.h"
+
 #include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-
-#include "reader/format.h"
 
 namespace Tavrin::SplatReader {
 
@@ -28,7 +28,7 @@ Unsigned loadUnsigned(const std::byte* at) {
 
 inline float loadFloat(const std::byte* at) {
     const std::uint32_t bits = loadUnsigned<std::uint32_t>(at);
-    float value = 0.0F;
+    float value = 0.0f;
     static_assert(sizeof value == sizeof bits);
     std::memcpy(&value, &bits, sizeof value);
     return value;
@@ -63,7 +63,7 @@ struct CoefficientWord {
 };
 
 inline CoefficientWord unpackCoefficientWord(std::uint32_t word) {
-    return {{word & 0x7FFU, (word >> 11) & 0x3FFU, word >> 21}};
+    return {{word & 0x7FFu, (word >> 11) & 0x3FFu, word >> 21}};
 }
 
 // The rotation word: three quantised components in the order that skips the largest, and the index of the
@@ -74,7 +74,7 @@ struct RotationWord {
 };
 
 inline RotationWord unpackRotationWord(std::uint32_t word) {
-    return {{word & 0x3FFU, (word >> 10) & 0x3FFU, (word >> 20) & 0x3FFU}, word >> 30};
+    return {{word & 0x3FFu, (word >> 10) & 0x3FFu, (word >> 20) & 0x3FFu}, word >> 30};
 }
 
 } // namespace Tavrin::SplatReader

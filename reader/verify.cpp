@@ -1,13 +1,13 @@
 #include "reader/verify.h"
 
-#include <algorithm>
-#include <memory>
-
 #include "reader/dataset.h"
 #include "reader/files.h"
 #include "reader/grid.h"
 #include "reader/index_stream.h"
 #include "reader/verify_records.h"
+
+#include <algorithm>
+#include <memory>
 
 namespace Tavrin::SplatReader {
 namespace {
@@ -198,7 +198,7 @@ private:
             findings_.error("index-order", Format::indexFile, range.keyAt,
                             "a cell after " +
                                 cellText(static_cast<std::uint32_t>(lastPlace_ >> 16),
-                                         static_cast<std::uint32_t>(lastPlace_ & 0xFFFFU)) +
+                                         static_cast<std::uint32_t>(lastPlace_ & 0xFFFFu)) +
                                 " (X outer, Y inner, each key once)",
                             found);
         }

@@ -1,14 +1,14 @@
 // Every relation that a finished dataset must satisfy.
 #pragma once
 
+#include "reader/findings.h"
+#include "reader/meta.h"
+
 #include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
-
-#include "reader/findings.h"
-#include "reader/meta.h"
 
 namespace Tavrin::SplatReader {
 

@@ -1,5 +1,9 @@
 #include "reader/verify_records.h"
 
+#include "reader/dataset.h"
+#include "reader/grid.h"
+#include "reader/index_stream.h"
+
 #include <algorithm>
 #include <atomic>
 #include <charconv>
@@ -7,10 +11,6 @@
 #include <future>
 #include <thread>
 #include <vector>
-
-#include "reader/dataset.h"
-#include "reader/grid.h"
-#include "reader/index_stream.h"
 
 namespace Tavrin::SplatReader {
 namespace {
@@ -61,8 +61,8 @@ void join(RecordUse& use, const RecordUse& more) {
 void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {
     use.lowest = std::min(use.lowest, quantised);
     use.highest = std::max(use.highest, quantised);
-    use.atZero += quantised == 0 ? 1U : 0U;
-    use.atMaximum += quantised == maximum ? 1U : 0U;
+    use.atZero += quantised == 0 ? 1u : 0u;
+    use.atMaximum += quantised == maximum ? 1u : 0u;
 }
 
 // The spans of packed coefficients, a word of the record apart, so that a loop over the words becomes vector
@@ -265,8 +265,8 @@ private:
             range.max[axis] > 1.0) {
             return;
         }
-        const auto lowest = static_cast<std::uint32_t>(static_cast<float>(range.min[axis]) * 255.0F);
-        const auto highest = static_cast<std::uint32_t>(static_cast<float>(range.max[axis]) * 255.0F);
+        const auto lowest = static_cast<std::uint32_t>(static_cast<float>(range.min[axis]) * 255.0f);
+        const auto highest = static_cast<std::uint32_t>(static_cast<float>(range.max[axis]) * 255.0f);
         // What is no number in the source is stored as 0 and widens no range.
         if (use.highest != highest || (use.lowest != lowest && use.lowest != 0)) {
             mismatch(name, axis, lowest, highest, use);

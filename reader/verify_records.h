@@ -1,9 +1,9 @@
 // Inside the reader: the full level of verifyDataset, record by record.
 #pragma once
 
-#include <filesystem>
-
 #include "reader/verify.h"
+
+#include <filesystem>
 
 namespace Tavrin::SplatReader {
 

@@ -36,7 +36,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.add_option("--centre", arguments.centre, "of the ground, metres (0 0 0)")->expected(3);
     app.add_option("--order", scene.order, "shuffled: as a trainer writes them; grouped: surface by surface")
         ->transform(CLI::CheckedTransformer(std::map<std::string, scenes::Order>{
-            {"shuffled", scenes::Order::Shuffled}, {"grouped", scenes::Order::Grouped}}));
+            {"shuffled", scenes::Order::shuffled}, {"grouped", scenes::Order::grouped}}));
     app.add_flag("--normals", scene.normals, "unit normals of the surfaces instead of zeros");
     app.add_flag("--bounds", scene.statedBounds, "state the exact box in the header");
     app.add_option("--source", scene.source, "header comment: where the data came from, one word");

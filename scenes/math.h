@@ -48,8 +48,8 @@ constexpr double clamp(double v, double low, double high) {
 
 // The finaliser of splitmix64: a bijection of 64-bit numbers that spreads every input bit over all of them.
 constexpr std::uint64_t scramble(std::uint64_t v) {
-    v = (v ^ (v >> 30)) * 0xbf58476d1ce4e5b9U;
-    v = (v ^ (v >> 27)) * 0x94d049bb133111ebU;
+    v = (v ^ (v >> 30)) * 0xbf58476d1ce4e5b9u;
+    v = (v ^ (v >> 27)) * 0x94d049bb133111ebu;
     return v ^ (v >> 31);
 }
 
@@ -57,11 +57,11 @@ constexpr std::uint64_t scramble(std::uint64_t v) {
 class Random {
 public:
     Random(std::uint64_t seed, std::uint64_t stream)
-        : state(scramble(seed + 0x9e3779b97f4a7c15U) ^ scramble(stream ^ 0xd1b54a32d192ed03U)) {}
+        : state_(scramble(seed + 0x9e3779b97f4a7c15u) ^ scramble(stream ^ 0xd1b54a32d192ed03u)) {}
 
     std::uint64_t bits() {
-        state += 0x9e3779b97f4a7c15U;
-        return scramble(state);
+        state_ += 0x9e3779b97f4a7c15u;
+        return scramble(state_);
     }
     // Uniform in [0, 1), with all 53 bits of a double.
     double uniform() { return static_cast<double>(bits() >> 11) * 0x1p-53; }
@@ -75,7 +75,7 @@ public:
     // the variance 1/12, so the sum is scaled by the root of 3.
     double normal() {
         const std::uint64_t b = bits();
-        const std::uint64_t sum = (b & 0xffffU) + ((b >> 16) & 0xffffU) + ((b >> 32) & 0xffffU) + (b >> 48);
+        const std::uint64_t sum = (b & 0xffffu) + ((b >> 16) & 0xffffu) + ((b >> 32) & 0xffffu) + (b >> 48);
         return (static_cast<double>(sum) * 0x1p-16 - 2.0) * 1.7320508075688772;
     }
     // A point on the unit circle (z = 0).
@@ -97,7 +97,7 @@ public:
     }
 
 private:
-    std::uint64_t state;
+    std::uint64_t state_;
 };
 
 // Natural logarithm of a positive normal number, to about 1e-13. The mantissa is brought to
@@ -105,7 +105,7 @@ private:
 inline double naturalLog(double v) {
     const auto bits = std::bit_cast<std::uint64_t>(v);
     int exponent = static_cast<int>(bits >> 52) - 1023;
-    double m = std::bit_cast<double>((bits & 0x000fffffffffffffU) | 0x3ff0000000000000U);
+    double m = std::bit_cast<double>((bits & 0x000fffffffffffffu) | 0x3ff0000000000000u);
     if (m > 1.4142135623730951) {
         m *= 0.5;
         exponent += 1;
@@ -126,8 +126,8 @@ inline double noise(double x, double y, std::uint64_t seed) {
     const auto ix = static_cast<std::int64_t>(fx);
     const auto iy = static_cast<std::int64_t>(fy);
     const auto at = [seed](std::int64_t i, std::int64_t j) {
-        const auto a = static_cast<std::uint64_t>(i) * 0x8cb92ba72f3d8dd7U;
-        const auto b = static_cast<std::uint64_t>(j) * 0xa24baed4963ee407U;
+        const auto a = static_cast<std::uint64_t>(i) * 0x8cb92ba72f3d8dd7u;
+        const auto b = static_cast<std::uint64_t>(j) * 0xa24baed4963ee407u;
         return static_cast<double>(scramble(a ^ scramble(b + seed)) >> 11) * 0x1p-53;
     };
     const double u = (x - fx) * (x - fx) * (3.0 - 2.0 * (x - fx));

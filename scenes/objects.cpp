@@ -42,17 +42,17 @@ void Town::addPart(Shape shape, Material material, Vec origin, Vec u, Vec v, Vec
     part.v = v;
     part.colour = colour;
     part.weight = weight;
-    if (shape == Shape::Ellipsoid) {
+    if (shape == Shape::ellipsoid) {
         // 4 pi times the mean of the three products of half axes: exact for a sphere, close for a crown.
         part.area = 4.18879 * (u.x * u.y + u.y * u.z + u.z * u.x);
-    } else if (shape == Shape::Tube) {
+    } else if (shape == Shape::tube) {
         part.area = 3.14159 * (u.x + u.y) * v.z;
     } else {
         const Vec n = cross(u, v);
         part.normal = normalised(n);
-        part.area = length(n) * (shape == Shape::Triangle ? 0.5 : 1.0);
+        part.area = length(n) * (shape == Shape::triangle ? 0.5 : 1.0);
     }
-    parts.push_back(part);
+    parts_.push_back(part);
 }
 
 Town::Frame Town::frameOn(double x, double y, Vec e1) const {
@@ -64,14 +64,14 @@ void Town::addBox(const Frame& frame, const Box& box, Material front, Material l
     const double a = box.halfA;
     const double b = box.halfB;
     const Vec up{0.0, 0.0, box.high - box.low};
-    addPart(Shape::Quad, front, frame.at(-a, -b, box.low), frame.turned(2.0 * a, 0.0, 0.0), up, colour,
+    addPart(Shape::quad, front, frame.at(-a, -b, box.low), frame.turned(2.0 * a, 0.0, 0.0), up, colour,
             weight);
-    addPart(Shape::Quad, left, frame.at(-a, b, box.low), frame.turned(0.0, -2.0 * b, 0.0), up, colour,
+    addPart(Shape::quad, left, frame.at(-a, b, box.low), frame.turned(0.0, -2.0 * b, 0.0), up, colour,
             weight);
-    addPart(Shape::Quad, rest, frame.at(a, b, box.low), frame.turned(-2.0 * a, 0.0, 0.0), up, colour, weight);
-    addPart(Shape::Quad, rest, frame.at(a, -b, box.low), frame.turned(0.0, 2.0 * b, 0.0), up, colour, weight);
-    if (rest != Material::Wall) {
-        addPart(Shape::Quad, rest == Material::Glass ? Material::Paint : rest, frame.at(-a, -b, box.high),
+    addPart(Shape::quad, rest, frame.at(a, b, box.low), frame.turned(-2.0 * a, 0.0, 0.0), up, colour, weight);
+    addPart(Shape::quad, rest, frame.at(a, -b, box.low), frame.turned(0.0, 2.0 * b, 0.0), up, colour, weight);
+    if (rest != Material::wall) {
+        addPart(Shape::quad, rest == Material::glass ? Material::paint : rest, frame.at(-a, -b, box.high),
                 frame.turned(2.0 * a, 0.0, 0.0), frame.turned(0.0, 2.0 * b, 0.0), colour, weight);
     }
 }
@@ -80,30 +80,30 @@ void Town::addHouse(const Lot& lot) {
     const double width = lot.x1 - lot.x0;
     const double depth = lot.y1 - lot.y0;
     const double side = -lot.facing;
-    const bool along = random.chance(0.65);
+    const bool along = random_.chance(0.65);
     // The front (along) or the left gable (across) looks at the street; a little askew, as houses are.
-    const double askew = random.uniform(-0.05, 0.05);
+    const double askew = random_.uniform(-0.05, 0.05);
     const Vec e1 = normalised(along ? Vec{side, askew, 0.0} : Vec{askew, side, 0.0});
-    const double centreY = (lot.facing < 0.0 ? lot.y0 : lot.y1) + side * depth * random.uniform(0.42, 0.5);
+    const double centreY = (lot.facing < 0.0 ? lot.y0 : lot.y1) + side * depth * random_.uniform(0.42, 0.5);
     const double shift = lot.driveX < lot.doorX ? 0.07 : -0.07;
     const Frame frame = frameOn(lot.doorX + shift * width, centreY, e1);
 
-    const double halfX = clamp(0.3 * width, 2.0, random.uniform(4.4, 5.8));
-    const double halfY = clamp(0.24 * depth, 2.0, random.uniform(4.0, 5.2));
-    const double wallHeight = storey * (random.chance(0.55) ? 2.0 : 1.0) + 0.4;
+    const double halfX = clamp(0.3 * width, 2.0, random_.uniform(4.4, 5.8));
+    const double halfY = clamp(0.24 * depth, 2.0, random_.uniform(4.0, 5.2));
+    const double wallHeight = storey * (random_.chance(0.55) ? 2.0 : 1.0) + 0.4;
     const Box box{along ? halfX : halfY, along ? halfY : halfX, -0.6, wallHeight};
-    const Vec wall = pick(plaster, random);
-    const double age = random.uniform(0.85, 1.1);
-    const Vec tiles = pick(tiling, random) * age;
-    addBox(frame, box, along ? Material::DoorWall : Material::Wall,
-           along ? Material::Wall : Material::DoorWall, Material::Wall, wall, 1.8);
-    const double rise = box.halfB * random.uniform(0.65, 1.0);
+    const Vec wall = pick(plaster, random_);
+    const double age = random_.uniform(0.85, 1.1);
+    const Vec tiles = pick(tiling, random_) * age;
+    addBox(frame, box, along ? Material::doorWall : Material::wall,
+           along ? Material::wall : Material::doorWall, Material::wall, wall, 1.8);
+    const double rise = box.halfB * random_.uniform(0.65, 1.0);
     addRoof(frame, box, rise, wall, tiles);
 
-    const Frame stack{frame.at(random.uniform(-0.5, 0.5) * box.halfA, 0.3 * box.halfB, 0.0), frame.e1,
+    const Frame stack{frame.at(random_.uniform(-0.5, 0.5) * box.halfA, 0.3 * box.halfB, 0.0), frame.e1,
                       frame.e2};
-    addBox(stack, {0.35, 0.3, wallHeight + 0.5 * rise, wallHeight + rise + 0.7}, Material::Stone,
-           Material::Stone, Material::Stone, {0.45, 0.30, 0.25}, 2.5);
+    addBox(stack, {0.35, 0.3, wallHeight + 0.5 * rise, wallHeight + rise + 0.7}, Material::stone,
+           Material::stone, Material::stone, {0.45, 0.30, 0.25}, 2.5);
     shadeBox(frame, {box.halfA, box.halfB, 0.0, wallHeight + 0.5 * rise}, true);
 }
 
@@ -114,13 +114,13 @@ void Town::addRoof(const Frame& frame, const Box& box, double rise, Vec wall, Ve
     const double drop = rise * over / box.halfB;
     const double eaves = box.high - drop;
     const double slope = rise + drop;
-    addPart(Shape::Quad, Material::Roof, frame.at(-a, -b, eaves), frame.turned(2.0 * a, 0.0, 0.0),
+    addPart(Shape::quad, Material::roof, frame.at(-a, -b, eaves), frame.turned(2.0 * a, 0.0, 0.0),
             frame.turned(0.0, b, slope), tiles, 1.6);
-    addPart(Shape::Quad, Material::Roof, frame.at(a, b, eaves), frame.turned(-2.0 * a, 0.0, 0.0),
+    addPart(Shape::quad, Material::roof, frame.at(a, b, eaves), frame.turned(-2.0 * a, 0.0, 0.0),
             frame.turned(0.0, -b, slope), tiles, 1.6);
-    addPart(Shape::Triangle, Material::Stone, frame.at(-box.halfA, box.halfB, box.high),
+    addPart(Shape::triangle, Material::stone, frame.at(-box.halfA, box.halfB, box.high),
             frame.turned(0.0, -2.0 * box.halfB, 0.0), frame.turned(0.0, -box.halfB, rise), wall, 1.8);
-    addPart(Shape::Triangle, Material::Stone, frame.at(box.halfA, -box.halfB, box.high),
+    addPart(Shape::triangle, Material::stone, frame.at(box.halfA, -box.halfB, box.high),
             frame.turned(0.0, 2.0 * box.halfB, 0.0), frame.turned(0.0, box.halfB, rise), wall, 1.8);
 }
 
@@ -130,7 +130,7 @@ void Town::addSpire(const Frame& frame, double half, double low, double high, Ve
     const Vec tip = frame.at(0.0, 0.0, high);
     for (std::size_t k = 0; k < corners.size(); ++k) {
         const Vec from = corners[k];
-        addPart(Shape::Triangle, Material::Roof, from, corners[(k + 1) % 4] - from, tip - from, tiles, 1.8);
+        addPart(Shape::triangle, Material::roof, from, corners[(k + 1) % 4] - from, tip - from, tiles, 1.8);
     }
 }
 
@@ -139,11 +139,11 @@ void Town::addChurch(double x, double y) {
     const Vec copper{0.32, 0.48, 0.42};
     const Frame nave = frameOn(x + 3.0, y, {1.0, 0.0, 0.0});
     const Box hall{11.0, 5.5, -0.6, 8.5};
-    addBox(nave, hall, Material::Wall, Material::Wall, Material::Wall, stone, 1.8);
+    addBox(nave, hall, Material::wall, Material::wall, Material::wall, stone, 1.8);
     addRoof(nave, hall, 6.0, stone, tiling[1]);
     shadeBox(nave, {hall.halfA, hall.halfB, 0.0, 11.5}, true);
     const Frame tower = frameOn(x - 11.0, y, {1.0, 0.0, 0.0});
-    addBox(tower, {3.2, 3.2, -0.6, 19.0}, Material::Wall, Material::DoorWall, Material::Wall, stone, 1.8);
+    addBox(tower, {3.2, 3.2, -0.6, 19.0}, Material::wall, Material::doorWall, Material::wall, stone, 1.8);
     addSpire(tower, 3.6, 18.8, 33.0, copper);
     shadeBox(tower, {3.2, 3.2, 0.0, 19.0}, true);
     shadeBox(tower, {1.4, 1.4, 19.0, 28.0}, false);
@@ -152,24 +152,24 @@ void Town::addChurch(double x, double y) {
 void Town::addTree(double x, double y, double size) {
     const double h = heightAt(x, y);
     const Vec foot{x, y, h - 0.1};
-    const bool fir = random.chance(0.2);
-    const Vec tint = mix({0.16, 0.30, 0.09}, {0.40, 0.46, 0.14}, random.uniform()) *
+    const bool fir = random_.chance(0.2);
+    const Vec tint = mix({0.16, 0.30, 0.09}, {0.40, 0.46, 0.14}, random_.uniform()) *
                      (fir ? Vec{0.6, 0.75, 0.9} : Vec{1.0, 1.0, 1.0});
-    addPart(Shape::Tube, Material::Bark, foot, {0.2 * size + 0.05, 0.14 * size + 0.04, 0.0},
+    addPart(Shape::tube, Material::bark, foot, {0.2 * size + 0.05, 0.14 * size + 0.04, 0.0},
             {0.0, 0.0, 2.6 * size}, {0.34, 0.26, 0.19}, 2.5);
     if (fir) {
-        addPart(Shape::Tube, Material::Leaf, {x, y, h + 0.9 * size}, {2.0 * size, 0.05, 0.0},
+        addPart(Shape::tube, Material::leaf, {x, y, h + 0.9 * size}, {2.0 * size, 0.05, 0.0},
                 {0.0, 0.0, 8.0 * size}, tint, 1.3);
         shadeEllipsoid({x, y, h + 4.0 * size}, {1.3 * size, 1.3 * size, 3.6 * size});
         return;
     }
-    const int lumps = 2 + static_cast<int>(random.index(3));
+    const int lumps = 2 + static_cast<int>(random_.index(3));
     for (int k = 0; k < lumps; ++k) {
-        const Vec aside = random.onCircle() * (k == 0 ? 0.0 : 1.3 * size);
-        const double r = size * random.uniform(1.5, 2.3) * (k == 0 ? 1.2 : 0.85);
-        const Vec centre{x + aside.x, y + aside.y, h + size * random.uniform(4.0, 5.4)};
+        const Vec aside = random_.onCircle() * (k == 0 ? 0.0 : 1.3 * size);
+        const double r = size * random_.uniform(1.5, 2.3) * (k == 0 ? 1.2 : 0.85);
+        const Vec centre{x + aside.x, y + aside.y, h + size * random_.uniform(4.0, 5.4)};
         const Vec half{r, r, 0.9 * r};
-        addPart(Shape::Ellipsoid, Material::Leaf, centre, half, {}, tint * random.uniform(0.9, 1.1), 1.1);
+        addPart(Shape::ellipsoid, Material::leaf, centre, half, {}, tint * random_.uniform(0.9, 1.1), 1.1);
         shadeEllipsoid(centre, half);
     }
 }
@@ -180,40 +180,40 @@ void Town::addHedge(double x0, double y0, double x1, double y1) {
     const Frame frame =
         frameOn(0.5 * (x0 + x1), 0.5 * (y0 + y1), alongX ? Vec{1.0, 0.0, 0.0} : Vec{0.0, 1.0, 0.0});
     const Box box{half, 0.35, -0.3, 1.2};
-    addBox(frame, box, Material::Hedge, Material::Hedge, Material::Hedge, {0.17, 0.29, 0.10}, 1.2);
+    addBox(frame, box, Material::hedge, Material::hedge, Material::hedge, {0.17, 0.29, 0.10}, 1.2);
     shadeBox(frame, box, false);
 }
 
 void Town::addCar(double x, double y, Vec heading) {
     const Frame frame = frameOn(x, y, heading);
-    const Vec paint = pick(lacquer, random);
-    addBox(frame, {2.15, 0.88, 0.22, 0.82}, Material::Paint, Material::Paint, Material::Paint, paint, 4.0);
+    const Vec paint = pick(lacquer, random_);
+    addBox(frame, {2.15, 0.88, 0.22, 0.82}, Material::paint, Material::paint, Material::paint, paint, 4.0);
     const Frame cabin{frame.at(-0.25, 0.0, 0.0), frame.e1, frame.e2};
-    addBox(cabin, {1.15, 0.76, 0.82, 1.42}, Material::Glass, Material::Glass, Material::Glass, paint, 4.0);
+    addBox(cabin, {1.15, 0.76, 0.82, 1.42}, Material::glass, Material::glass, Material::glass, paint, 4.0);
     shadeBox(frame, {2.15, 0.88, 0.0, 1.2}, false);
 }
 
 void Town::addLamp(double x, double y) {
     const double h = heightAt(x, y);
-    addPart(Shape::Tube, Material::Metal, {x, y, h}, {0.08, 0.05, 0.0}, {0.0, 0.0, 4.6}, {0.28, 0.32, 0.30},
+    addPart(Shape::tube, Material::metal, {x, y, h}, {0.08, 0.05, 0.0}, {0.0, 0.0, 4.6}, {0.28, 0.32, 0.30},
             8.0);
-    addPart(Shape::Ellipsoid, Material::Metal, {x, y, h + 4.75}, {0.24, 0.24, 0.2}, {}, {0.95, 0.93, 0.80},
+    addPart(Shape::ellipsoid, Material::metal, {x, y, h + 4.75}, {0.24, 0.24, 0.2}, {}, {0.95, 0.93, 0.80},
             8.0);
 }
 
 // Lowers the sun of every texel in the rectangle from low to high whose ray towards the sun is blocked.
 template <class Blocked>
 void Town::shade(Vec low, Vec high, double depthOfShade, Blocked blocked) {
-    const int i0 = std::max(0, static_cast<int>((low.x + 0.5 * sizeX) / texel));
-    const int j0 = std::max(0, static_cast<int>((low.y + 0.5 * sizeY) / texel));
-    const int i1 = std::min(texelsX - 1, static_cast<int>((high.x + 0.5 * sizeX) / texel));
-    const int j1 = std::min(texelsY - 1, static_cast<int>((high.y + 0.5 * sizeY) / texel));
+    const int i0 = std::max(0, static_cast<int>((low.x + 0.5 * sizeX_) / texel));
+    const int j0 = std::max(0, static_cast<int>((low.y + 0.5 * sizeY_) / texel));
+    const int i1 = std::min(texelsX_ - 1, static_cast<int>((high.x + 0.5 * sizeX_) / texel));
+    const int j1 = std::min(texelsY_ - 1, static_cast<int>((high.y + 0.5 * sizeY_) / texel));
     for (int j = j0; j <= j1; ++j) {
         for (int i = i0; i <= i1; ++i) {
-            const double x = (i + 0.5) * texel - 0.5 * sizeX;
-            const double y = (j + 0.5) * texel - 0.5 * sizeY;
+            const double x = (i + 0.5) * texel - 0.5 * sizeX_;
+            const double y = (j + 0.5) * texel - 0.5 * sizeY_;
             if (blocked(Vec{x, y, low.z})) {
-                std::uint8_t& light = sun[texelAt(i, j)];
+                std::uint8_t& light = sun_[texelAt(i, j)];
                 light = static_cast<std::uint8_t>(light * (1.0 - depthOfShade));
             }
         }
@@ -251,15 +251,15 @@ void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
     shade({c.x - reach, c.y - reach, c.z}, {c.x + reach + throwX, c.y + reach + throwY, 0.0}, 0.85, blocked);
     if (building) {
         const int cells = static_cast<int>(reach / texel) + 1;
-        const int ci = static_cast<int>((c.x + 0.5 * sizeX) / texel);
-        const int cj = static_cast<int>((c.y + 0.5 * sizeY) / texel);
-        for (int j = std::max(0, cj - cells); j <= std::min(texelsY - 1, cj + cells); ++j) {
-            for (int i = std::max(0, ci - cells); i <= std::min(texelsX - 1, ci + cells); ++i) {
+        const int ci = static_cast<int>((c.x + 0.5 * sizeX_) / texel);
+        const int cj = static_cast<int>((c.y + 0.5 * sizeY_) / texel);
+        for (int j = std::max(0, cj - cells); j <= std::min(texelsY_ - 1, cj + cells); ++j) {
+            for (int i = std::max(0, ci - cells); i <= std::min(texelsX_ - 1, ci + cells); ++i) {
                 const Vec from =
-                    Vec{(i + 0.5) * texel - 0.5 * sizeX, (j + 0.5) * texel - 0.5 * sizeY, c.z} - c;
+                    Vec{(i + 0.5) * texel - 0.5 * sizeX_, (j + 0.5) * texel - 0.5 * sizeY_, c.z} - c;
                 if (std::fabs(dot(from, frame.e1)) < box.halfA - 0.5 * texel &&
                     std::fabs(dot(from, frame.e2)) < box.halfB - 0.5 * texel) {
-                    covered[texelAt(i, j)] = 1;
+                    covered_[texelAt(i, j)] = 1;
                 }
             }
         }

@@ -69,7 +69,7 @@ std::string fixedWidth(float v) {
     const auto whole = std::to_chars(text.data(), text.data() + text.size(),
                                      std::trunc(static_cast<double>(v)), std::chars_format::fixed, 0);
     const int before =
-        static_cast<int>(whole.ptr - text.data()) + (v < 0.0F && v > -1.0F && text[0] != '-' ? 1 : 0);
+        static_cast<int>(whole.ptr - text.data()) + (v < 0.0f && v > -1.0f && text[0] != '-' ? 1 : 0);
     const auto end = std::to_chars(text.data(), text.data() + text.size(), static_cast<double>(v),
                                    std::chars_format::fixed, width - 1 - before);
     return {text.data(), end.ptr};

@@ -17,8 +17,8 @@ namespace scenes {
 
 // How the splats of the file follow each other.
 enum class Order {
-    Shuffled, // neighbours in the file lie anywhere in the scene, as after a training run
-    Grouped,  // surface by surface: the ground first, then one object after the other
+    shuffled, // neighbours in the file lie anywhere in the scene, as after a training run
+    grouped,  // surface by surface: the ground first, then one object after the other
 };
 
 struct Triple {
@@ -34,7 +34,7 @@ struct SceneOptions {
     double extentX = 250.0;   // metres; from two splats up, the x of the splats span exactly this
     double extentY = 200.0;   // metres, likewise for y; at most 200 times the other, or the other way round
     Triple centre;            // of the ground rectangle, metres; z is where the lowest ground may lie
-    Order order = Order::Shuffled;
+    Order order = Order::shuffled;
     bool normals = false;      // true: unit normals of the surfaces; false: zeros, as trainers write them
     bool statedBounds = false; // "comment minx" to "comment maxz" with the exact box of the splats
 

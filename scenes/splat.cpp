@@ -39,13 +39,13 @@ Quaternion turnFromZ(Vec n) {
 
 double glossOf(Material material) {
     switch (material) {
-    case Material::Paint:
+    case Material::paint:
         return 0.7;
-    case Material::Glass:
+    case Material::glass:
         return 0.9;
-    case Material::Metal:
+    case Material::metal:
         return 0.5;
-    case Material::Roof:
+    case Material::roof:
         return 0.15;
     default:
         return 0.05;
@@ -63,7 +63,7 @@ void paintWall(const Surface& wall, double along, double up, Vec& colour, double
         colour = colour * 0.62;
         return;
     }
-    if (wall.material == Material::DoorWall && std::fabs(along - 0.5 * width) < 0.65 && above < 2.3) {
+    if (wall.material == Material::doorWall && std::fabs(along - 0.5 * width) < 0.65 && above < 2.3) {
         const bool frame = std::fabs(along - 0.5 * width) > 0.5 || above > 2.15;
         colour = frame ? Vec{0.88, 0.87, 0.84} : Vec{0.36, 0.22, 0.13};
         return;
@@ -88,34 +88,34 @@ void paintWall(const Surface& wall, double along, double up, Vec& colour, double
 } // namespace
 
 SplatSource::SplatSource(const SceneOptions& sceneOptions)
-    : options(sceneOptions), metre(townScale(options.extentX, options.extentY)),
-      town(options.extentX / metre, options.extentY / metre, scramble(options.seed)),
-      low{static_cast<float>(options.centre.x - 0.5 * options.extentX),
-          static_cast<float>(options.centre.y - 0.5 * options.extentY)},
-      high{static_cast<float>(options.centre.x + 0.5 * options.extentX),
-           static_cast<float>(options.centre.y + 0.5 * options.extentY)} {
+    : options_(sceneOptions), metre_(townScale(options_.extentX, options_.extentY)),
+      town_(options_.extentX / metre_, options_.extentY / metre_, scramble(options_.seed)),
+      low_{static_cast<float>(options_.centre.x - 0.5 * options_.extentX),
+           static_cast<float>(options_.centre.y - 0.5 * options_.extentY)},
+      high_{static_cast<float>(options_.centre.x + 0.5 * options_.extentX),
+            static_cast<float>(options_.centre.y + 0.5 * options_.extentY)} {
     double sum = 0.0;
-    for (const Surface& surface : town.surfaces()) {
+    for (const Surface& surface : town_.surfaces()) {
         sum += surface.area * surface.weight;
-        upTo.push_back(sum);
+        upTo_.push_back(sum);
     }
-    density = static_cast<double>(std::max<std::uint64_t>(options.splats, 1)) / sum;
-    for (double& share : upTo) {
+    density_ = static_cast<double>(std::max<std::uint64_t>(options_.splats, 1)) / sum;
+    for (double& share : upTo_) {
         share /= sum;
     }
 }
 
 const Surface& SplatSource::pick(std::uint64_t index, Random& random) const {
-    const std::vector<Surface>& surfaces = town.surfaces();
+    const std::vector<Surface>& surfaces = town_.surfaces();
     const double draw = random.uniform();
     if (index < 2) {
         return surfaces.front(); // the ground's outermost corners
     }
-    const double share = options.order == Order::Shuffled
+    const double share = options_.order == Order::shuffled
                              ? draw
-                             : (static_cast<double>(index) + draw) / static_cast<double>(options.splats);
-    const auto at = std::upper_bound(upTo.begin(), upTo.end(), share);
-    return at == upTo.end() ? surfaces.back() : surfaces[static_cast<std::size_t>(at - upTo.begin())];
+                             : (static_cast<double>(index) + draw) / static_cast<double>(options_.splats);
+    const auto at = std::upper_bound(upTo_.begin(), upTo_.end(), share);
+    return at == upTo_.end() ? surfaces.back() : surfaces[static_cast<std::size_t>(at - upTo_.begin())];
 }
 
 Vec SplatSource::lit(Vec colour, Vec normal, double sun, double openness) const {
@@ -128,29 +128,29 @@ Vec SplatSource::lit(Vec colour, Vec normal, double sun, double openness) const 
 SplatSource::Sample SplatSource::sampleGround(const Surface& surface, std::uint64_t index,
                                               Random& random) const {
     Sample sample;
-    double x = index == 0 ? -0.5 * town.width() : 0.5 * town.width();
-    double y = index == 0 ? -0.5 * town.depth() : 0.5 * town.depth();
+    double x = index == 0 ? -0.5 * town_.width() : 0.5 * town_.width();
+    double y = index == 0 ? -0.5 * town_.depth() : 0.5 * town_.depth();
     if (index > 1) {
         // Nobody sees the ground under a house; a few draws find a free place.
         for (int draws = 0; draws < 32; ++draws) {
-            x = random.uniform(-0.5, 0.5) * town.width();
-            y = random.uniform(-0.5, 0.5) * town.depth();
-            if (!town.coveredAt(x, y)) {
+            x = random.uniform(-0.5, 0.5) * town_.width();
+            y = random.uniform(-0.5, 0.5) * town_.depth();
+            if (!town_.coveredAt(x, y)) {
                 break;
             }
         }
     }
-    const Ground ground = town.groundAt(x, y);
-    sample.position = {x, y, town.heightAt(x, y)};
-    sample.normal = town.normalAt(x, y);
+    const Ground ground = town_.groundAt(x, y);
+    sample.position = {x, y, town_.heightAt(x, y)};
+    sample.normal = town_.normalAt(x, y);
     sample.gloss = ground.gloss;
-    const double sun = town.sunAt(x, y);
+    const double sun = town_.sunAt(x, y);
     sample.colour = lit(ground.colour, sample.normal, sun, 0.8 + 0.2 * sun);
     if (ground.grass) {
         sample.position.z += 0.05 * random.uniform();
         sample.normal = normalised(sample.normal + random.onSphere() * 0.35);
     }
-    sample.spacing = std::sqrt(1.0 / (density * surface.weight));
+    sample.spacing = std::sqrt(1.0 / (density_ * surface.weight));
     return sample;
 }
 
@@ -158,7 +158,7 @@ SplatSource::Sample SplatSource::sampleFlat(const Surface& surface, Random& rand
     Sample sample;
     double a = random.uniform();
     double b = random.uniform();
-    if (surface.shape == Shape::Triangle && a + b > 1.0) {
+    if (surface.shape == Shape::triangle && a + b > 1.0) {
         a = 1.0 - a;
         b = 1.0 - b;
     }
@@ -170,29 +170,29 @@ SplatSource::Sample SplatSource::sampleFlat(const Surface& surface, Random& rand
     const double up = b * length(surface.v);
     double openness = 1.0;
     switch (surface.material) {
-    case Material::Wall:
-    case Material::DoorWall:
+    case Material::wall:
+    case Material::doorWall:
         paintWall(surface, along, up, colour, sample.gloss);
         openness = 0.7 + 0.3 * std::min(1.0, up / 2.0);
         break;
-    case Material::Roof: {
+    case Material::roof: {
         const double row = up - 0.7 * std::floor(up / 0.7);
         colour = colour * ((row < 0.2 ? 0.78 : 1.0) * (0.88 + 0.24 * random.uniform()));
         break;
     }
-    case Material::Hedge:
+    case Material::hedge:
         colour = colour * (0.6 + 0.8 * random.uniform());
         sample.normal = normalised(sample.normal + random.onSphere() * 0.7);
         sample.position = sample.position + sample.normal * (0.1 * random.normal());
         break;
-    case Material::Glass:
+    case Material::glass:
         colour = {0.13, 0.16, 0.19};
         break;
     default:
         break;
     }
     sample.colour = lit(colour, sample.normal, 1.0, openness);
-    sample.spacing = std::sqrt(1.0 / (density * surface.weight));
+    sample.spacing = std::sqrt(1.0 / (density_ * surface.weight));
     return sample;
 }
 
@@ -200,7 +200,7 @@ SplatSource::Sample SplatSource::sampleRound(const Surface& surface, Random& ran
     Sample sample;
     const Vec way = random.onSphere();
     const Vec half = surface.u;
-    const bool leaf = surface.material == Material::Leaf;
+    const bool leaf = surface.material == Material::leaf;
     const double lump =
         noise(2.1 * way.x + surface.origin.x, 2.1 * way.y + 1.3 * way.z + surface.origin.y, 5);
     const double depth = random.uniform();
@@ -215,7 +215,7 @@ SplatSource::Sample SplatSource::sampleRound(const Surface& surface, Random& ran
         sample.normal = normalised(sample.normal + random.onSphere() * 0.9);
     }
     sample.gloss = glossOf(surface.material);
-    sample.spacing = std::sqrt(1.0 / (density * surface.weight));
+    sample.spacing = std::sqrt(1.0 / (density_ * surface.weight));
     return sample;
 }
 
@@ -226,7 +226,7 @@ SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& rand
     if (surface.u.y < 0.3 * surface.u.x) {
         t = 1.0 - std::sqrt(t); // a cone has more of its area at the foot
     }
-    const bool leaf = surface.material == Material::Leaf;
+    const bool leaf = surface.material == Material::leaf;
     // A fir's branches stand out in tiers that taper upwards.
     const double tier = 6.0 * t - std::floor(6.0 * t);
     const double radius = (surface.u.x + (surface.u.y - surface.u.x) * t) * (leaf ? 1.1 - 0.5 * tier : 1.0);
@@ -240,7 +240,7 @@ SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& rand
     }
     sample.gloss = glossOf(surface.material);
     // A thin pole cannot carry discs as wide as the spacing that its area asks for.
-    sample.spacing = std::min(std::sqrt(1.0 / (density * surface.weight)), 2.0 * std::max(radius, 0.05));
+    sample.spacing = std::min(std::sqrt(1.0 / (density_ * surface.weight)), 2.0 * std::max(radius, 0.05));
     return sample;
 }
 
@@ -248,21 +248,22 @@ void SplatSource::writePosition(const Sample& sample, std::uint64_t index, Rando
                                 float* record) const {
     const bool corner = index < 2;
     const Vec off = sample.normal * (corner ? 0.0 : 0.06 * sample.spacing * random.normal());
-    const Vec p = (sample.position + off) * metre + Vec{options.centre.x, options.centre.y, options.centre.z};
+    const Vec p =
+        (sample.position + off) * metre_ + Vec{options_.centre.x, options_.centre.y, options_.centre.z};
     const float x = static_cast<float>(p.x);
     const float y = static_cast<float>(p.y);
-    record[0] = std::clamp(x, low[0], high[0]);
-    record[1] = std::clamp(y, low[1], high[1]);
+    record[0] = std::clamp(x, low_[0], high_[0]);
+    record[1] = std::clamp(y, low_[1], high_[1]);
     record[2] = static_cast<float>(p.z);
     for (int axis = 0; axis < 3; ++axis) {
         // The bounds in the header have room for nanometres; what is nearer to zero is zero.
         if (std::fabs(record[axis]) < nanometre) {
-            record[axis] = 0.0F;
+            record[axis] = 0.0f;
         }
     }
-    record[3] = options.normals ? static_cast<float>(sample.normal.x) : 0.0F;
-    record[4] = options.normals ? static_cast<float>(sample.normal.y) : 0.0F;
-    record[5] = options.normals ? static_cast<float>(sample.normal.z) : 0.0F;
+    record[3] = options_.normals ? static_cast<float>(sample.normal.x) : 0.0f;
+    record[4] = options_.normals ? static_cast<float>(sample.normal.y) : 0.0f;
+    record[5] = options_.normals ? static_cast<float>(sample.normal.z) : 0.0f;
 }
 
 void SplatSource::writeShape(const Sample& sample, bool floater, Random& random, float* shape) const {
@@ -274,7 +275,7 @@ void SplatSource::writeShape(const Sample& sample, bool floater, Random& random,
     shape[0] = static_cast<float>(logit);
 
     // Scales as natural logarithms of metres: a flat disc, two wide axes and one thin, in any order of axes.
-    const double wide = naturalLog(sample.spacing * metre * 0.6) + (floater ? 0.9 : 0.0);
+    const double wide = naturalLog(sample.spacing * metre_ * 0.6) + (floater ? 0.9 : 0.0);
     const double stretch = 0.3 * random.normal();
     const double size = 0.25 * random.normal();
     const double flatness = random.uniform();
@@ -325,22 +326,22 @@ void SplatSource::writeCoefficients(const Sample& sample, Random& random, float*
 }
 
 void SplatSource::splat(std::uint64_t index, float* record) const {
-    Random random(options.seed, index);
+    Random random(options_.seed, index);
     const Surface& surface = pick(index, random);
     const bool floater = index > 1 && random.chance(0.012);
     Sample sample;
     switch (surface.shape) {
-    case Shape::Ground:
+    case Shape::ground:
         sample = sampleGround(surface, index, random);
         break;
-    case Shape::Quad:
-    case Shape::Triangle:
+    case Shape::quad:
+    case Shape::triangle:
         sample = sampleFlat(surface, random);
         break;
-    case Shape::Ellipsoid:
+    case Shape::ellipsoid:
         sample = sampleRound(surface, random);
         break;
-    case Shape::Tube:
+    case Shape::tube:
         sample = sampleTube(surface, random);
         break;
     }
@@ -355,7 +356,7 @@ void SplatSource::splat(std::uint64_t index, float* record) const {
         const double value = colour[channel] + 0.025 * random.normal();
         record[6 + channel] = static_cast<float>((value - 0.5) / 0.28209479177387814);
     }
-    if (options.coefficients) {
+    if (options_.coefficients) {
         writeCoefficients(sample, random, record + 9);
         writeShape(sample, floater, random, record + 54);
     } else {

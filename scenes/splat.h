@@ -35,13 +35,13 @@ private:
     void writeShape(const Sample& sample, bool floater, Random& random, float* shape) const;
     void writeCoefficients(const Sample& sample, Random& random, float* rest) const;
 
-    SceneOptions options;
-    double metre; // metres of the scene in a metre of the town
-    Town town;
-    std::vector<double> upTo; // splats of all surfaces up to and including each, as a share of all
-    double density;           // splats a square metre of weight 1
-    std::array<float, 2> low;
-    std::array<float, 2> high;
+    SceneOptions options_;
+    double metre_; // metres of the scene in a metre of the town
+    Town town_;
+    std::vector<double> upTo_; // splats of all surfaces up to and including each, as a share of all
+    double density_;           // splats a square metre of weight 1
+    std::array<float, 2> low_;
+    std::array<float, 2> high_;
 };
 
 } // namespace scenes

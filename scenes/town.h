@@ -13,30 +13,30 @@ namespace scenes {
 inline constexpr Vec sunDirection{-0.48, -0.36, 0.8};
 
 enum class Shape : std::uint8_t {
-    Ground,    // the whole ground rectangle
-    Quad,      // origin + a u + b v, a and b in [0, 1]
-    Triangle,  // the same with a + b <= 1
-    Ellipsoid, // centre origin, half axes in u
-    Tube,      // upright, from origin to height v.z, radius u.x at the foot and u.y at the top
+    ground,    // the whole ground rectangle
+    quad,      // origin + a u + b v, a and b in [0, 1]
+    triangle,  // the same with a + b <= 1
+    ellipsoid, // centre origin, half axes in u
+    tube,      // upright, from origin to height v.z, radius u.x at the foot and u.y at the top
 };
 
 enum class Material : std::uint8_t {
-    Ground,
-    Wall,
-    DoorWall,
-    Roof,
-    Leaf,
-    Bark,
-    Hedge,
-    Paint,
-    Glass,
-    Metal,
-    Stone
+    ground,
+    wall,
+    doorWall,
+    roof,
+    leaf,
+    bark,
+    hedge,
+    paint,
+    glass,
+    metal,
+    stone
 };
 
 struct Surface {
-    Shape shape = Shape::Quad;
-    Material material = Material::Stone;
+    Shape shape = Shape::quad;
+    Material material = Material::stone;
     Vec origin;
     Vec u;
     Vec v;
@@ -58,9 +58,9 @@ public:
     // width and depth in metres of the town, at least 60 each.
     Town(double width, double depth, std::uint64_t seed);
 
-    const std::vector<Surface>& surfaces() const { return parts; }
-    double width() const { return sizeX; }
-    double depth() const { return sizeY; }
+    const std::vector<Surface>& surfaces() const { return parts_; }
+    double width() const { return sizeX_; }
+    double depth() const { return sizeY_; }
 
     double heightAt(double x, double y) const;
     Vec normalAt(double x, double y) const;
@@ -71,7 +71,7 @@ public:
     bool coveredAt(double x, double y) const;
 
 private:
-    enum class Use : std::uint8_t { Houses, Park, Church };
+    enum class Use : std::uint8_t { houses, park, church };
 
     // A place to stand on: e1 and e2 are horizontal unit vectors, e1 x e2 = z.
     struct Frame {
@@ -96,7 +96,7 @@ private:
         double doorX = 0.0;  // middle of the garden path
     };
     struct Block {
-        Use use = Use::Houses;
+        Use use = Use::houses;
         std::uint32_t firstLot = 0;
     };
     struct Box {
@@ -131,30 +131,30 @@ private:
     const Block& blockAt(double x, double y, double& localX, double& localY) const;
     Ground lotGround(const Block& block, double x, double y, double localX, double localY) const;
 
-    double sizeX;
-    double sizeY;
-    std::uint64_t seed;
-    Random random;
-    int columns;
-    int rows;
-    double pitchX;
-    double pitchY;
-    int lotsInRow;
-    std::vector<Block> blocks;
-    std::vector<Lot> lots;
-    std::vector<Surface> parts;
+    double sizeX_;
+    double sizeY_;
+    std::uint64_t seed_;
+    Random random_;
+    int columns_;
+    int rows_;
+    double pitchX_;
+    double pitchY_;
+    int lotsInRow_;
+    std::vector<Block> blocks_;
+    std::vector<Lot> lots_;
+    std::vector<Surface> parts_;
 
     std::size_t texelAt(int column, int row) const {
-        return static_cast<std::size_t>(row) * static_cast<std::size_t>(texelsX) +
+        return static_cast<std::size_t>(row) * static_cast<std::size_t>(texelsX_) +
                static_cast<std::size_t>(column);
     }
 
     // Rasters over the ground rectangle, row by row: sun (255 is full) and buildings (1 is covered).
     static constexpr double texel = 0.5; // metres
-    int texelsX;
-    int texelsY;
-    std::vector<std::uint8_t> sun;
-    std::vector<std::uint8_t> covered;
+    int texelsX_;
+    int texelsY_;
+    std::vector<std::uint8_t> sun_;
+    std::vector<std::uint8_t> covered_;
 };
 
 } // namespace scenes

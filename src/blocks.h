@@ -38,13 +38,13 @@ inline std::uint64_t countBlocks(std::int64_t vertexCount) {
 struct RecordReader {
     explicit RecordReader(const std::string& path);
 
-    bool isOpen() const { return file.is_open(); }
+    bool isOpen() const { return file_.is_open(); }
 
     // Fill destination with the bytes of the file at [offset, offset + length).
     void read(std::uint64_t offset, void* destination, std::uint64_t length);
 
 private:
-    std::ifstream file;
+    std::ifstream file_;
 };
 
 } // namespace Tavrin::GaussionSplat

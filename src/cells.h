@@ -64,18 +64,18 @@ struct CellCount {
 // Counts splats by cell, and numbers the cells in the order in which they are first seen.
 class CellCounter {
 public:
-    CellCounter() { remembered[hashOf(0)].key = 1; }
+    CellCounter() { remembered_[hashOf(0)].key = 1; }
 
     // The number of the cell of key, a new one with no splats when it is seen first.
     std::uint32_t numberOf(std::uint32_t key) {
-        const Remembered& entry = remembered[hashOf(key)];
+        const Remembered& entry = remembered_[hashOf(key)];
         return entry.key == key ? entry.number : find(key);
     }
 
-    void add(std::uint32_t key, std::uint64_t splats) { cells[numberOf(key)].splats += splats; }
+    void add(std::uint32_t key, std::uint64_t splats) { cells_[numberOf(key)].splats += splats; }
 
     // By number.
-    const std::vector<CellCount>& counts() const { return cells; }
+    const std::vector<CellCount>& counts() const { return cells_; }
 
 private:
     // Where a key was found: a scene has far fewer cells than this has entries. An empty entry holds a key
@@ -86,18 +86,18 @@ private:
     };
     static constexpr std::size_t rememberedCount = 4096; // a power of two
 
-    std::vector<CellCount> cells;
-    std::unordered_map<std::uint32_t, std::uint32_t> numbers; // by key
-    std::array<Remembered, rememberedCount> remembered;
+    std::vector<CellCount> cells_;
+    std::unordered_map<std::uint32_t, std::uint32_t> numbers_; // by key
+    std::array<Remembered, rememberedCount> remembered_;
 
     static std::size_t hashOf(std::uint32_t key) { return (key ^ key >> 10) % rememberedCount; }
 
     std::uint32_t find(std::uint32_t key) {
-        const auto [entry, isNew] = numbers.emplace(key, static_cast<std::uint32_t>(cells.size()));
+        const auto [entry, isNew] = numbers_.emplace(key, static_cast<std::uint32_t>(cells_.size()));
         if (isNew) {
-            cells.push_back({.key = key, .splats = 0});
+            cells_.push_back({.key = key, .splats = 0});
         }
-        remembered[hashOf(key)] = {.key = key, .number = entry->second};
+        remembered_[hashOf(key)] = {.key = key, .number = entry->second};
         return entry->second;
     }
 };

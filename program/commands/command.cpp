@@ -8,14 +8,14 @@ namespace Tavrin::SplatProgram {
 
 void requireWord(const std::string& word, const char* name, const char* what) {
     if (word.empty()) {
-        throw Failure(ExitStatus::Usage, fmt::format("{} is an empty word: name {}", name, what));
+        throw Failure(ExitStatus::usage, fmt::format("{} is an empty word: name {}", name, what));
     }
 }
 
 void requireFolder(const std::string& path) {
     std::error_code ignored;
     if (!std::filesystem::is_directory(pathFromText(path), ignored)) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: no such folder: give the folder of a dataset", path));
     }
 }

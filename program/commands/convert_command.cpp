@@ -15,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+
 #include <memory>
 #include <string>
 
@@ -50,7 +51,7 @@ FileStamp stampOf(const std::string& name) {
 void requireUnchanged(const std::string& name, const FileStamp& before) {
     if (stampOf(name) != before) {
         throw Failure(
-            ExitStatus::ConversionFailed,
+            ExitStatus::conversionFailed,
             fmt::format("{}: the file was written to while it was converted: convert it again", name));
     }
 }
@@ -102,7 +103,7 @@ ExitStatus runConvert(const ConvertOptions& options) {
     const Plan* const plan = planned ? &*planned : nullptr;
     if (options.dryRun) {
         printPlan(options, plan, place, verdict);
-        return ExitStatus::Done;
+        return ExitStatus::done;
     }
 
     PartialFolder partial(place);
@@ -110,7 +111,7 @@ ExitStatus runConvert(const ConvertOptions& options) {
     requireUnchanged(options.input, stamp);
     const SplatReader::VerifyReport report =
         verifyConversion(partial.path(), options.input, plan, options.allowLoss, progress);
-    partial.flush([&](double share) { progress.update(Stage::Flushing, share); });
+    partial.flush([&](double share) { progress.update(Stage::flushing, share); });
     progress.clear();
     if (const auto remark = partial.publish(options.input, options.force)) {
         verdict.warn(*remark);
@@ -122,7 +123,7 @@ ExitStatus runConvert(const ConvertOptions& options) {
     } else if (!options.quiet) {
         fmt::print("{}", summaryText(summary));
     }
-    return ExitStatus::Done;
+    return ExitStatus::done;
 }
 
 } // namespace

@@ -10,9 +10,10 @@
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
-#include <fmt/format.h>
 #include <memory>
 #include <set>
 #include <string>
@@ -35,7 +36,7 @@ void checkTarget(const ExportOptions& options) {
     checkTargetFile(options.scene, options.force);
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     if (identityOf(folder) == identityOf(pathFromText(options.dataset))) {
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: the dataset itself is in this folder: write the scene elsewhere",
                                   options.scene));
     }
@@ -46,7 +47,7 @@ SplatReader::Dataset openSound(const ExportOptions& options) {
     const fs::path folder = pathFromText(options.dataset);
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
     if (!report.sound()) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)",
                                   options.dataset, report.findings.errors().front().text()));
     }
@@ -61,7 +62,7 @@ std::uint32_t parseKey(const std::string& text) {
     const auto [stop, status] = std::from_chars(begin, end, key, hex ? 16 : 10);
     if (status != std::errc() || stop != end || begin == end) {
         throw Failure(
-            ExitStatus::Usage,
+            ExitStatus::usage,
             fmt::format("--cell {}: not a cell key: give a number as info --cells prints it", text));
     }
     return key;
@@ -81,7 +82,7 @@ std::vector<std::size_t> chooseCells(const SplatReader::Dataset& dataset, const 
         }
     }
     if (!missing.empty()) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: no cell has the key {}: plyconvert info --cells lists the keys",
                                   options.dataset, *missing.begin()));
     }
@@ -124,9 +125,9 @@ ExitStatus runExport(const ExportOptions& options) {
                        durationText(progress.seconds()));
         }
     } catch (const SplatReader::DatasetError& error) { // it changed since it was found sound
-        throw Failure(ExitStatus::InputRefused, fmt::format("{}: {}", options.dataset, error.what()));
+        throw Failure(ExitStatus::inputRefused, fmt::format("{}: {}", options.dataset, error.what()));
     }
-    return ExitStatus::Done;
+    return ExitStatus::done;
 }
 
 } // namespace

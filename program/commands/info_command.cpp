@@ -7,8 +7,9 @@
 #include "program/terminal/progress.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <fmt/format.h>
+
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -39,7 +40,7 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
     InfoStyle style;
     style.cells = options.cells;
     if (standardOutputIsTerminal()) {
-        style.bars = terminalTakesUtf8() ? Bars::Blocks : Bars::Ascii;
+        style.bars = terminalTakesUtf8() ? Bars::blocks : Bars::ascii;
         style.columns = terminalColumns();
     }
     const ScanProgress report = [&progress](double share) { progress.update("reading", share); };
@@ -49,12 +50,12 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
             const DatasetFacts facts = readDatasetFacts(path, options.scan, report);
             return options.json ? datasetJson(facts, options.cells) : datasetText(facts, style);
         } catch (const SplatReader::DatasetError& error) {
-            throw Failure(ExitStatus::InputRefused,
+            throw Failure(ExitStatus::inputRefused,
                           fmt::format("{}: not a dataset that can be read: {}", path, error.what()));
         }
     }
     if (!std::filesystem::exists(pathFromText(path), ignored)) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: there is no such file or folder: check the path", path));
     }
     const SceneFacts facts = readSceneFacts(path, options.scan, report);
@@ -64,7 +65,7 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
 ExitStatus runInfo(const InfoOptions& options) {
     catchInterrupts();
     Progress progress(standardErrorIsTerminal());
-    ExitStatus status = ExitStatus::Done;
+    ExitStatus status = ExitStatus::done;
     bool first = true;
     for (const std::string& path : options.paths) {
         requireWord(path, "PATH", "a file or a folder");
@@ -75,7 +76,7 @@ ExitStatus runInfo(const InfoOptions& options) {
             first = false;
         } catch (const Failure& failure) {
             progress.clear();
-            if (failure.status() == ExitStatus::Interrupted) {
+            if (failure.status() == ExitStatus::interrupted) {
                 throw;
             }
             reportError(failure.what());

@@ -10,10 +10,11 @@
 #include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <fmt/format.h>
-#include <memory>
 #include <nlohmann/json.hpp>
+
+#include <cstdio>
+#include <memory>
 #include <string>
 
 namespace Tavrin::SplatProgram {
@@ -196,9 +197,9 @@ ExitStatus runVerify(const VerifyOptions& options) {
         std::fflush(stdout); // the findings stand before the line that counts them
         reportError(
             fmt::format("{}: verification failed: {}", options.dataset, verdictText(result.report.findings)));
-        return ExitStatus::VerificationFailed;
+        return ExitStatus::verificationFailed;
     }
-    return ExitStatus::Done;
+    return ExitStatus::done;
 }
 
 } // namespace

@@ -9,8 +9,9 @@
 #include "program/terminal/console.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdint>
 #include <fmt/format.h>
+
+#include <cstdint>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -36,7 +37,7 @@ void checkPage(const ViewOptions& options) {
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     for (const std::string& dataset : options.datasets) {
         if (identityOf(folder) == identityOf(pathFromText(dataset))) {
-            throw Failure(ExitStatus::OutputRefused,
+            throw Failure(ExitStatus::outputRefused,
                           fmt::format("{}: the dataset itself is in this folder: write the page beside it",
                                       options.page));
         }
@@ -54,11 +55,11 @@ ExitStatus writePage(const ViewOptions& options) {
     file.close();
     if (!file) {
         throw Failure(
-            ExitStatus::OutputRefused,
+            ExitStatus::outputRefused,
             fmt::format("{}: the page cannot be written: make room, or write it elsewhere", options.page));
     }
     partial.publish();
-    return ExitStatus::Done;
+    return ExitStatus::done;
 }
 
 ExitStatus serve(const ViewOptions& options) {
@@ -67,13 +68,13 @@ ExitStatus serve(const ViewOptions& options) {
     const std::string address = fmt::format("http://127.0.0.1:{}/", server.port());
     fmt::print("{}\n", address);
     if (!finishStandardOutput()) {
-        return ExitStatus::Done; // the program's end reports it
+        return ExitStatus::done; // the program's end reports it
     }
     if (!options.noOpen) {
         openInBrowser(address);
     }
     server.run(interrupted);
-    return ExitStatus::Done;
+    return ExitStatus::done;
 }
 
 ExitStatus runView(const ViewOptions& options) {

@@ -36,18 +36,18 @@ private:
     };
     void fill(Window& window);
 
-    std::uint32_t m_coefficientSize;
-    std::size_t m_windowRecords;
-    SplatReader::DatasetFile m_data;
-    std::optional<SplatReader::DatasetFile> m_coefficients;
-    std::unordered_map<std::uint32_t, std::size_t> m_cells;
+    std::uint32_t coefficientSize_;
+    std::size_t windowRecords_;
+    SplatReader::DatasetFile data_;
+    std::optional<SplatReader::DatasetFile> coefficients_;
+    std::unordered_map<std::uint32_t, std::size_t> cells_;
     // Where keys were found: most lookups end here, as a scene has few cells.
     struct Remembered {
         std::uint32_t key = 0;
         std::size_t cellAndOne = 0; // 0: empty
     };
-    std::array<Remembered, 1024> m_remembered{};
-    std::vector<Window> m_windows;
+    std::array<Remembered, 1024> remembered_{};
+    std::vector<Window> windows_;
 };
 
 } // namespace Tavrin::SplatProgram

@@ -1,9 +1,10 @@
 #include "program/compare/comparer.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <fmt/format.h>
 #include <limits>
 #include <numeric>
 
@@ -30,8 +31,8 @@ std::string positionText(const std::byte* record) {
 }
 
 float storedColour(float coefficient) {
-    const float value = coefficient * Format::colourGain + 0.5F;
-    return value < 0.0F ? 0.0F : value > 1.0F ? 1.0F : value;
+    const float value = coefficient * Format::colourGain + 0.5f;
+    return value < 0.0f ? 0.0f : value > 1.0f ? 1.0f : value;
 }
 
 double opacityOf(float logit) {
@@ -60,88 +61,88 @@ bool isLengthKept(double length) {
 
 // Whether a component is larger than the one that was dropped as the largest.
 bool isLarger(float component, float dropped) {
-    return std::fabs(component) > std::fabs(dropped) * (1.0F + static_cast<float>(relativeSlack));
+    return std::fabs(component) > std::fabs(dropped) * (1.0f + static_cast<float>(relativeSlack));
 }
 
 } // namespace
 
 Comparer::Comparer(const SplatReader::Dataset& dataset, const SplatLayout& layout)
-    : m_back(dataset.dequantiser()), m_meta(dataset.meta()), m_layout(layout),
-      m_hasCoefficients(layout.hasCoefficients() && dataset.coefficientSize() > 0) {
+    : back_(dataset.dequantiser()), meta_(dataset.meta()), layout_(layout),
+      hasCoefficients_(layout.hasCoefficients() && dataset.coefficientSize() > 0) {
     static_assert(names.size() == attributeCount);
     for (std::size_t i = 0; i < names.size(); ++i) {
-        m_errors[i].name = names[i];
+        errors_[i].name = names[i];
     }
     // The least number on top lets "less than" hold for no distance at all, and fail for infinite ones.
     constexpr double least = std::numeric_limits<double>::min();
-    m_areCoefficientsRanged = m_hasCoefficients && m_meta.packed();
+    areCoefficientsRanged_ = hasCoefficients_ && meta_.packed();
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        m_isNormalFinite[axis] = m_meta.normal().finite(axis);
-        m_isScaleFinite[axis] = m_meta.scaleRange().finite(axis);
-        m_isHeadRanged = m_isHeadRanged && m_isNormalFinite[axis] && m_isScaleFinite[axis];
-        m_headStep[normalLane + axis] = m_back.normalStep(axis);
-        m_headStep[colourLane + axis] = Dequantiser::colourStep();
-        m_headStep[scaleLane + axis] = m_back.scaleStep(axis);
-        m_isCoefficientFinite[axis] = m_meta.coefficients().finite(axis);
-        m_areCoefficientsRanged = m_areCoefficientsRanged && m_isCoefficientFinite[axis];
-        m_coefficientSlack[axis] = allowedFor(m_back.coefficientStep(axis)) + least;
+        isNormalFinite_[axis] = meta_.normal().finite(axis);
+        isScaleFinite_[axis] = meta_.scaleRange().finite(axis);
+        isHeadRanged_ = isHeadRanged_ && isNormalFinite_[axis] && isScaleFinite_[axis];
+        headStep_[normalLane + axis] = back_.normalStep(axis);
+        headStep_[colourLane + axis] = Dequantiser::colourStep();
+        headStep_[scaleLane + axis] = back_.scaleStep(axis);
+        isCoefficientFinite_[axis] = meta_.coefficients().finite(axis);
+        areCoefficientsRanged_ = areCoefficientsRanged_ && isCoefficientFinite_[axis];
+        coefficientSlack_[axis] = allowedFor(back_.coefficientStep(axis)) + least;
     }
-    m_headStep[opacityLane] = opacityStepOf(1);
-    m_headStep[noOpacityLane] = opacityStepOf(0);
+    headStep_[opacityLane] = opacityStepOf(1);
+    headStep_[noOpacityLane] = opacityStepOf(0);
     for (std::size_t i = 0; i < 4; ++i) {
-        m_headStep[rotationLane + i] = Dequantiser::rotationStep();
+        headStep_[rotationLane + i] = Dequantiser::rotationStep();
     }
     for (std::size_t lane = 0; lane < laneCount; ++lane) {
-        m_headSlack[lane] = allowedFor(m_headStep[lane]) + least;
+        headSlack_[lane] = allowedFor(headStep_[lane]) + least;
     }
 }
 
 void Comparer::compare(const std::byte* source, std::uint64_t number,
                        const SplatReader::RecordCursor::View& stored) {
-    m_number = number;
-    m_at = stored.index * Format::recordSize;
-    m_file = Format::dataFile;
+    number_ = number;
+    at_ = stored.index * Format::recordSize;
+    file_ = Format::dataFile;
     if (std::memcmp(source, stored.data, 3 * sizeof(float)) != 0) {
         // Another splat, or a broken one: the rest says nothing.
-        m_findings.error(
-            "against-position", m_file, m_at,
-            fmt::format("position {}, as splat {} of the source has it", positionText(source), m_number),
+        findings_.error(
+            "against-position", file_, at_,
+            fmt::format("position {}, as splat {} of the source has it", positionText(source), number_),
             positionText(stored.data));
         return;
     }
     std::array<float, 62> values; // filled as far as it is read
-    std::memcpy(values.data(), source, m_layout.recordBytes());
+    std::memcpy(values.data(), source, layout_.recordBytes());
     const SplatReader::Record record = SplatReader::loadRecord(stored.data);
     if (!agreeHead(values.data(), record)) {
         checkHead(values.data(), record);
     }
-    if (m_hasCoefficients &&
-        !(m_areCoefficientsRanged && agreeCoefficients(values.data() + 9, stored.coefficients))) {
+    if (hasCoefficients_ &&
+        !(areCoefficientsRanged_ && agreeCoefficients(values.data() + 9, stored.coefficients))) {
         checkCoefficients(values.data() + 9, stored);
     }
 }
 
 std::vector<AttributeError> Comparer::errors() const {
-    std::vector<AttributeError> errors(m_errors.begin(), m_errors.end());
+    std::vector<AttributeError> errors(errors_.begin(), errors_.end());
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        addLane(errors[normal], m_headErrors, normalLane + axis, m_headStep[normalLane + axis]);
-        addLane(errors[colour], m_headErrors, colourLane + axis, m_headStep[colourLane + axis]);
-        addLane(errors[scale], m_headErrors, scaleLane + axis, m_headStep[scaleLane + axis]);
+        addLane(errors[normal], headErrors_, normalLane + axis, headStep_[normalLane + axis]);
+        addLane(errors[colour], headErrors_, colourLane + axis, headStep_[colourLane + axis]);
+        addLane(errors[scale], headErrors_, scaleLane + axis, headStep_[scaleLane + axis]);
         for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
-            addLane(errors[coefficients], m_coefficientErrors[axis], k, m_back.coefficientStep(axis));
+            addLane(errors[coefficients], coefficientErrors_[axis], k, back_.coefficientStep(axis));
         }
     }
-    addLane(errors[opacity], m_headErrors, opacityLane, m_headStep[opacityLane]);
-    addLane(errors[opacity], m_headErrors, noOpacityLane, m_headStep[noOpacityLane]);
+    addLane(errors[opacity], headErrors_, opacityLane, headStep_[opacityLane]);
+    addLane(errors[opacity], headErrors_, noOpacityLane, headStep_[noOpacityLane]);
     for (std::size_t i = 0; i < 4; ++i) {
-        addLane(errors[rotation], m_headErrors, rotationLane + i, m_headStep[rotationLane + i]);
+        addLane(errors[rotation], headErrors_, rotationLane + i, headStep_[rotationLane + i]);
     }
     for (const Attribute attribute :
          {normal, colour, scale, rotation}) { // of a rotation three parts are kept
-        errors[attribute].values += 3 * m_agreeingHeads;
+        errors[attribute].values += 3 * agreeingHeads_;
     }
-    errors[opacity].values += m_agreeingHeads;
-    errors[coefficients].values += m_agreeingCoefficients * coefficientCount;
+    errors[opacity].values += agreeingHeads_;
+    errors[coefficients].values += agreeingCoefficients_ * coefficientCount;
     return errors;
 }
 
@@ -163,28 +164,28 @@ void Comparer::addLane(AttributeError& error, const LaneErrors& lanes, std::size
 // Nearly every splat agrees in everything, and one pass without branches finds that out. When it is false, as
 // for every value that is not finite, nothing was counted, and checkHead says what differs.
 bool Comparer::agreeHead(const float* source, const SplatReader::Record& record) {
-    const float* tail = source + m_layout.scaleFloat();
+    const float* tail = source + layout_.scaleFloat();
     const std::array<float, 4> q = {tail[4], tail[5], tail[6], tail[3]};
     const double length = lengthOf(q);
-    if (!m_isHeadRanged || !isLengthKept(length)) {
+    if (!isHeadRanged_ || !isLengthKept(length)) {
         return false;
     }
     Lanes expected{};
     Lanes found{};
     for (std::size_t axis = 0; axis < 3; ++axis) {
         expected[normalLane + axis] = source[3 + axis];
-        found[normalLane + axis] = m_back.normal(axis, record.normal[axis]);
+        found[normalLane + axis] = back_.normal(axis, record.normal[axis]);
         expected[colourLane + axis] = storedColour(source[6 + axis]);
-        found[colourLane + axis] = m_back.colour(axis, record.colour[axis]);
+        found[colourLane + axis] = back_.colour(axis, record.colour[axis]);
         expected[scaleLane + axis] = std::exp(double{tail[axis]});
-        found[scaleLane + axis] = m_back.scale(axis, record.scale[axis]);
+        found[scaleLane + axis] = back_.scale(axis, record.scale[axis]);
     }
     const std::size_t itsLane = record.opacity == 0 ? noOpacityLane : opacityLane;
     expected[itsLane] = opacityOf(tail[-1]);
-    found[itsLane] = m_back.opacity(record.opacity);
+    found[itsLane] = back_.opacity(record.opacity);
     const std::size_t dropped = SplatReader::unpackRotationWord(record.rotation).largest;
     const std::array<double, 4> back = SplatReader::unpackRotation(record.rotation);
-    const double sign = q[dropped] >= 0.0F ? 1.0 : -1.0;
+    const double sign = q[dropped] >= 0.0f ? 1.0 : -1.0;
     bool isLargest = true;
     for (std::size_t i = 0; i < 4; ++i) {
         expected[rotationLane + i] = i == dropped ? 0.0 : sign * q[i] / length;
@@ -195,42 +196,42 @@ bool Comparer::agreeHead(const float* source, const SplatReader::Record& record)
     Lanes differing;
     for (std::size_t lane = 0; lane < laneCount; ++lane) {
         distances[lane] = std::fabs(found[lane] - expected[lane]);
-        const double allowed = m_headSlack[lane] + std::fabs(expected[lane]) * relativeSlack;
+        const double allowed = headSlack_[lane] + std::fabs(expected[lane]) * relativeSlack;
         differing[lane] = distances[lane] < allowed ? 0.0 : 1.0;
     }
     if (!isLargest || std::accumulate(differing.begin(), differing.end(), 0.0) != 0.0) {
         return false;
     }
-    ++m_agreeingHeads;
-    m_headErrors.add(distances);
+    ++agreeingHeads_;
+    headErrors_.add(distances);
     return true;
 }
 
 void Comparer::checkHead(const float* source, const SplatReader::Record& record) {
-    const SplatReader::Splat splat = m_back.splat(record);
-    const float* tail = source + m_layout.scaleFloat();
+    const SplatReader::Splat splat = back_.splat(record);
+    const float* tail = source + layout_.scaleFloat();
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        checkRanged(normal, m_isNormalFinite[axis], source[3 + axis], splat.normal[axis],
-                    m_back.normalStep(axis), record.normal[axis]);
+        checkRanged(normal, isNormalFinite_[axis], source[3 + axis], splat.normal[axis],
+                    back_.normalStep(axis), record.normal[axis]);
         check(colour, storedColour(source[6 + axis]), splat.colour[axis], Dequantiser::colourStep(),
               record.colour[axis]);
-        checkRanged(scale, m_isScaleFinite[axis], std::exp(double{tail[axis]}), splat.scale[axis],
-                    m_back.scaleStep(axis), record.scale[axis]);
+        checkRanged(scale, isScaleFinite_[axis], std::exp(double{tail[axis]}), splat.scale[axis],
+                    back_.scaleStep(axis), record.scale[axis]);
     }
     check(opacity, opacityOf(tail[-1]), splat.opacity, opacityStepOf(record.opacity), record.opacity);
     checkRotation({tail[4], tail[5], tail[6], tail[3]}, record.rotation, splat);
 }
 
 void Comparer::difference(Attribute attribute, const std::string& expected, const std::string& found) {
-    m_findings.error(
-        "against-value", m_file, m_at,
-        fmt::format("{} {}, as splat {} of the source has it", names[attribute], expected, m_number), found);
+    findings_.error(
+        "against-value", file_, at_,
+        fmt::format("{} {}, as splat {} of the source has it", names[attribute], expected, number_), found);
 }
 
 // `step` 0: kept without loss.
 void Comparer::check(Attribute attribute, double expected, double found, double step,
                      std::uint32_t quantised) {
-    AttributeError& error = m_errors[attribute];
+    AttributeError& error = errors_[attribute];
     if (!std::isfinite(expected)) {
         ++error.skipped;
         if (quantised != 0) {
@@ -257,7 +258,7 @@ void Comparer::checkRanged(Attribute attribute, bool isRangeFinite, double expec
     if (isRangeFinite || !std::isfinite(expected)) {
         check(attribute, expected, found, step, quantised);
     } else {
-        ++m_errors[attribute].skipped;
+        ++errors_[attribute].skipped;
     }
 }
 
@@ -266,11 +267,11 @@ void Comparer::checkRotation(const std::array<float, 4>& q, std::uint32_t word,
                              const SplatReader::Splat& splat) {
     const double length = lengthOf(q);
     if (!isLengthKept(length)) {
-        ++m_errors[rotation].skipped;
+        ++errors_[rotation].skipped;
         return;
     }
     const std::size_t dropped = SplatReader::unpackRotationWord(word).largest;
-    const double sign = q[dropped] >= 0.0F ? 1.0 : -1.0;
+    const double sign = q[dropped] >= 0.0f ? 1.0 : -1.0;
     for (std::size_t i = 0; i < 4; ++i) {
         const double expected = sign * q[i] / length;
         const double found = splat.rotation[(i + 1) % 4];
@@ -300,10 +301,10 @@ bool Comparer::agreeCoefficients(const float* source, const std::byte* stored) {
     std::array<Lanes, 3> distances;
     Lanes differing{};
     for (std::size_t channel = 0; channel < 3; ++channel) {
-        const double slack = m_coefficientSlack[channel];
+        const double slack = coefficientSlack_[channel];
         for (std::size_t k = 0; k < laneCount; ++k) {
             const double expected = source[channel * perChannel + k];
-            const double distance = std::fabs(m_back.coefficient(channel, quantised[channel][k]) - expected);
+            const double distance = std::fabs(back_.coefficient(channel, quantised[channel][k]) - expected);
             distances[channel][k] = distance;
             differing[k] += distance < slack + std::fabs(expected) * relativeSlack ? 0.0 : 1.0;
         }
@@ -311,30 +312,30 @@ bool Comparer::agreeCoefficients(const float* source, const std::byte* stored) {
     if (std::accumulate(differing.begin(), differing.begin() + perChannel, 0.0) != 0.0) {
         return false;
     }
-    ++m_agreeingCoefficients;
+    ++agreeingCoefficients_;
     for (std::size_t channel = 0; channel < 3; ++channel) {
-        m_coefficientErrors[channel].add(distances[channel]);
+        coefficientErrors_[channel].add(distances[channel]);
     }
     return true;
 }
 
 void Comparer::checkCoefficients(const float* source, const SplatReader::RecordCursor::View& stored) {
     SplatReader::Splat splat;
-    m_back.coefficients(stored.coefficients, splat);
-    const std::uint64_t size = m_meta.packed() ? Format::packedCoefficientSize : Format::rawCoefficientSize;
-    m_file = Format::coefficientFile;
+    back_.coefficients(stored.coefficients, splat);
+    const std::uint64_t size = meta_.packed() ? Format::packedCoefficientSize : Format::rawCoefficientSize;
+    file_ = Format::coefficientFile;
     for (std::size_t i = 0; i < splat.coefficients.size(); ++i) {
         const std::size_t channel = i / Format::coefficientsPerChannel;
         const std::size_t k = i % Format::coefficientsPerChannel;
-        m_at = stored.index * size + (m_meta.packed() ? 4 * k : 4 * (3 * k + channel));
-        if (!m_meta.packed()) {
+        at_ = stored.index * size + (meta_.packed() ? 4 * k : 4 * (3 * k + channel));
+        if (!meta_.packed()) {
             check(coefficients, source[i], splat.coefficients[i], 0.0, 0);
             continue;
         }
         const auto word = SplatReader::unpackCoefficientWord(
             SplatReader::loadUnsigned<std::uint32_t>(stored.coefficients + 4 * k));
-        checkRanged(coefficients, m_isCoefficientFinite[channel], source[i], splat.coefficients[i],
-                    m_back.coefficientStep(channel), word.channel[channel]);
+        checkRanged(coefficients, isCoefficientFinite_[channel], source[i], splat.coefficients[i],
+                    back_.coefficientStep(channel), word.channel[channel]);
     }
 }
 

@@ -23,7 +23,7 @@ public:
                  const SplatReader::RecordCursor::View& stored);
 
     // What differed so far.
-    const SplatReader::Findings& findings() const { return m_findings; }
+    const SplatReader::Findings& findings() const { return findings_; }
 
     // One entry an attribute, in the order of listing.
     std::vector<AttributeError> errors() const;
@@ -64,27 +64,27 @@ private:
     bool agreeCoefficients(const float* source, const std::byte* stored);
     void checkCoefficients(const float* source, const SplatReader::RecordCursor::View& stored);
 
-    const SplatReader::Dequantiser& m_back;
-    const SplatReader::Meta& m_meta;
-    SplatLayout m_layout;
-    bool m_hasCoefficients;
-    bool m_areCoefficientsRanged; // packed, every channel with a finite range
-    bool m_isHeadRanged = true;   // normal and scale have finite ranges
-    std::array<bool, 3> m_isNormalFinite{};
-    std::array<bool, 3> m_isScaleFinite{};
-    std::array<bool, 3> m_isCoefficientFinite{};
-    Lanes m_headStep{};
-    Lanes m_headSlack{};                        // farthest that a value may come back from its source
-    std::array<double, 3> m_coefficientSlack{}; // the same
-    SplatReader::Findings m_findings;
-    std::array<AttributeError, attributeCount> m_errors;
-    std::uint64_t m_agreeingHeads = 0;
-    LaneErrors m_headErrors;
-    std::uint64_t m_agreeingCoefficients = 0;
-    std::array<LaneErrors, 3> m_coefficientErrors;
-    std::uint64_t m_number = 0;
-    std::uint64_t m_at = 0;
-    std::string_view m_file;
+    const SplatReader::Dequantiser& back_;
+    const SplatReader::Meta& meta_;
+    SplatLayout layout_;
+    bool hasCoefficients_;
+    bool areCoefficientsRanged_; // packed, every channel with a finite range
+    bool isHeadRanged_ = true;   // normal and scale have finite ranges
+    std::array<bool, 3> isNormalFinite_{};
+    std::array<bool, 3> isScaleFinite_{};
+    std::array<bool, 3> isCoefficientFinite_{};
+    Lanes headStep_{};
+    Lanes headSlack_{};                        // farthest that a value may come back from its source
+    std::array<double, 3> coefficientSlack_{}; // the same
+    SplatReader::Findings findings_;
+    std::array<AttributeError, attributeCount> errors_;
+    std::uint64_t agreeingHeads_ = 0;
+    LaneErrors headErrors_;
+    std::uint64_t agreeingCoefficients_ = 0;
+    std::array<LaneErrors, 3> coefficientErrors_;
+    std::uint64_t number_ = 0;
+    std::uint64_t at_ = 0;
+    std::string_view file_;
 };
 
 } // namespace Tavrin::SplatProgram

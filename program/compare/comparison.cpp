@@ -4,10 +4,11 @@
 #include "program/compare/comparer.h"
 #include "program/scene/record_stream.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
 #include <deque>
-#include <fmt/format.h>
 #include <future>
 #include <memory>
 #include <thread>
@@ -34,15 +35,15 @@ class BatchComparison {
 public:
     BatchComparison(const SplatReader::Dataset& dataset, const SplatLayout& layout,
                     SplatReader::Findings& findings)
-        : m_dataset(dataset), m_layout(layout), m_findings(findings),
-          m_errors(Comparer(dataset, layout).errors()) {}
+        : dataset_(dataset), layout_(layout), findings_(findings),
+          errors_(Comparer(dataset, layout).errors()) {}
 
     // The batch to fill next; the memory of one that has been compared.
     std::unique_ptr<Batch> empty() {
-        if (m_running.size() == m_most) {
+        if (running_.size() == most_) {
             gather();
         }
-        std::unique_ptr<Batch> batch = m_done ? std::move(m_done) : std::make_unique<Batch>();
+        std::unique_ptr<Batch> batch = done_ ? std::move(done_) : std::make_unique<Batch>();
         batch->numbers.clear();
         batch->places.clear();
         batch->stored.clear();
@@ -56,25 +57,25 @@ public:
         batch.stored.insert(batch.stored.end(), stored.data, stored.data + Format::recordSize);
         if (stored.coefficients != nullptr) {
             batch.coefficients.insert(batch.coefficients.end(), stored.coefficients,
-                                      stored.coefficients + m_dataset.coefficientSize());
+                                      stored.coefficients + dataset_.coefficientSize());
         }
     }
 
     void start(std::unique_ptr<Batch> batch) {
         auto compareBatch = [this, batch = std::move(batch)]() mutable {
-            Comparer comparer(m_dataset, m_layout);
+            Comparer comparer(dataset_, layout_);
             compare(*batch, comparer);
             return Compared{std::move(comparer), std::move(batch)};
         };
         // Where no thread can be had the batch is compared when it is gathered.
-        m_running.push_back(std::async(std::launch::async | std::launch::deferred, std::move(compareBatch)));
+        running_.push_back(std::async(std::launch::async | std::launch::deferred, std::move(compareBatch)));
     }
 
     std::vector<AttributeError> finish() {
-        while (!m_running.empty()) {
+        while (!running_.empty()) {
             gather();
         }
-        return m_errors;
+        return errors_;
     }
 
 private:
@@ -87,32 +88,31 @@ private:
         for (std::size_t i = 0; i < batch.numbers.size(); ++i) {
             const std::byte* coefficients = batch.coefficients.empty()
                                                 ? nullptr
-                                                : batch.coefficients.data() + i * m_dataset.coefficientSize();
-            comparer.compare(batch.source.data() + (batch.numbers[i] - batch.first) * m_layout.recordBytes(),
+                                                : batch.coefficients.data() + i * dataset_.coefficientSize();
+            comparer.compare(batch.source.data() + (batch.numbers[i] - batch.first) * layout_.recordBytes(),
                              batch.numbers[i],
                              {batch.places[i], batch.stored.data() + i * Format::recordSize, coefficients});
         }
     }
 
     void gather() {
-        Compared compared = m_running.front().get();
-        m_running.pop_front();
-        m_done = std::move(compared.batch);
-        m_findings.append(compared.comparer.findings());
+        Compared compared = running_.front().get();
+        running_.pop_front();
+        done_ = std::move(compared.batch);
+        findings_.append(compared.comparer.findings());
         const std::vector<AttributeError> errors = compared.comparer.errors();
         for (std::size_t i = 0; i < errors.size(); ++i) {
-            m_errors[i].add(errors[i]);
+            errors_[i].add(errors[i]);
         }
     }
 
-    const SplatReader::Dataset& m_dataset;
-    SplatLayout m_layout;
-    SplatReader::Findings& m_findings;
-    std::size_t m_most = std::clamp(std::thread::hardware_concurrency(), 1U, 16U); // batches being compared
-    std::vector<AttributeError> m_errors;
-    std::unique_ptr<Batch> m_done;
-    std::deque<std::future<Compared>>
-        m_running; // in the order of the source; goes first, as it uses the rest
+    const SplatReader::Dataset& dataset_;
+    SplatLayout layout_;
+    SplatReader::Findings& findings_;
+    std::size_t most_ = std::clamp(std::thread::hardware_concurrency(), 1u, 16u); // batches being compared
+    std::vector<AttributeError> errors_;
+    std::unique_ptr<Batch> done_;
+    std::deque<std::future<Compared>> running_; // in the order of the source; goes first, as it uses the rest
 };
 
 // False when the dataset cannot have been made of the source, so that comparing splats would say nothing.

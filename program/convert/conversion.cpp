@@ -7,11 +7,12 @@
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fmt/format.h>
 #include <new>
 
 namespace Tavrin::SplatProgram {
@@ -63,7 +64,7 @@ bool saysOutOfMemory(const ChildProcess& child) {
 [[noreturn]] void failAs(const ChildProcess& child, const std::string& input) {
     const ChildEnd& end = child.end();
     const auto fail = [&](const std::string& what) {
-        throw Failure(ExitStatus::ConversionFailed, fmt::format("{}: {}", input, what));
+        throw Failure(ExitStatus::conversionFailed, fmt::format("{}: {}", input, what));
     };
     if (end.killer == "SIGKILL") {
         fail("the converter's process was killed: if nobody did, the machine ran out of memory");
@@ -76,10 +77,10 @@ bool saysOutOfMemory(const ChildProcess& child) {
     }
     switch (end.status) {
     case converterSawNoSplats:
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: the converter finds no splats declared in it", input));
     case converterSawNoFile:
-        throw Failure(ExitStatus::InputRefused, fmt::format("{}: the file has vanished", input));
+        throw Failure(ExitStatus::inputRefused, fmt::format("{}: the file has vanished", input));
     case converterThrew:
         fail(fmt::format("the converter failed: {}", saidBy(child)));
         break;

@@ -17,51 +17,51 @@ std::uint64_t sizeOf(const std::filesystem::path& file) {
 } // namespace
 
 ConversionStages::ConversionStages(std::filesystem::path folder, const Plan* plan)
-    : m_folder(std::move(folder)), m_plan(plan) {}
+    : folder_(std::move(folder)), plan_(plan) {}
 
 // Each stage begins with a line in the log, which is flushed line by line; the log itself begins after the
 // box is known.
 Stage ConversionStages::stageNow() const {
-    std::ifstream log(m_folder / "log.txt");
-    Stage stage = Stage::Measuring;
+    std::ifstream log(folder_ / "log.txt");
+    Stage stage = Stage::measuring;
     for (std::string line; std::getline(log, line);) {
         const auto says = [&](std::string_view text) { return line.find(text) != line.npos; };
         if (says("Start chunking")) {
-            stage = Stage::Reading;
+            stage = Stage::reading;
         } else if (says("Start Index ,need")) {
-            stage = Stage::Grouping;
+            stage = Stage::grouping;
         } else if (says("Start create Data")) {
-            stage = Stage::Writing;
+            stage = Stage::writing;
         }
     }
     return stage;
 }
 
 std::optional<double> ConversionStages::shareOf(Stage stage, std::optional<std::uint64_t> bytesRead) const {
-    if (m_plan == nullptr) {
+    if (plan_ == nullptr) {
         return std::nullopt;
     }
-    const SplatFile& file = m_plan->input.file;
+    const SplatFile& file = plan_->input.file;
     const auto share = [](std::uint64_t done, std::uint64_t all) {
         return all > 0 ? std::min(1.0, static_cast<double>(done) / static_cast<double>(all)) : 1.0;
     };
-    if (stage == Stage::Writing) {
-        return share(sizeOf(m_folder / "data.bin") + sizeOf(m_folder / "shcoef.bin"),
-                     m_plan->dataBytes + m_plan->coefficientBytes);
+    if (stage == Stage::writing) {
+        return share(sizeOf(folder_ / "data.bin") + sizeOf(folder_ / "shcoef.bin"),
+                     plan_->dataBytes + plan_->coefficientBytes);
     }
-    if (stage == Stage::Grouping || !bytesRead) {
+    if (stage == Stage::grouping || !bytesRead) {
         return std::nullopt;
     }
     // Both passes read the whole body; the first steps by 248 bytes and so reads to the end of shorter
     // records.
-    return share(*bytesRead - std::min(*bytesRead, m_readBefore), file.records * file.layout.recordBytes());
+    return share(*bytesRead - std::min(*bytesRead, readBefore_), file.records * file.layout.recordBytes());
 }
 
 void ConversionStages::show(std::optional<std::uint64_t> bytesRead, Progress& progress) {
     const Stage stage = stageNow();
-    if (stage != m_stage) {
-        m_stage = stage;
-        m_readBefore = bytesRead.value_or(0);
+    if (stage != stage_) {
+        stage_ = stage;
+        readBefore_ = bytesRead.value_or(0);
     }
     progress.update(stage, shareOf(stage, bytesRead));
 }

@@ -23,10 +23,10 @@ private:
     Stage stageNow() const;
     std::optional<double> shareOf(Stage stage, std::optional<std::uint64_t> bytesRead) const;
 
-    std::filesystem::path m_folder;
-    const Plan* m_plan;
-    Stage m_stage = Stage::Measuring;
-    std::uint64_t m_readBefore = 0; // bytes read before the stage
+    std::filesystem::path folder_;
+    const Plan* plan_;
+    Stage stage_ = Stage::measuring;
+    std::uint64_t readBefore_ = 0; // bytes read before the stage
 };
 
 } // namespace Tavrin::SplatProgram

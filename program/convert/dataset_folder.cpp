@@ -24,19 +24,19 @@ FolderListing listFolder(const fs::path& folder) {
         const std::string name = textFromPath(entry.path().filename());
         const bool isOwn = std::ranges::find(datasetFiles, name) != datasetFiles.end();
         if (!isOwn || entry.symlink_status().type() != fs::file_type::regular) {
-            return {FolderContent::Other, "it holds " + name + (isOwn ? ", which is no plain file" : "")};
+            return {FolderContent::other, "it holds " + name + (isOwn ? ", which is no plain file" : "")};
         }
         names.insert(name);
     }
     if (names.empty()) {
-        return {FolderContent::Empty, {}};
+        return {FolderContent::empty, {}};
     }
     for (const char* name : necessaryFiles) {
         if (!names.contains(name)) {
-            return {FolderContent::Other, std::string("it lacks ") + name};
+            return {FolderContent::other, std::string("it lacks ") + name};
         }
     }
-    return {FolderContent::Dataset, {}};
+    return {FolderContent::dataset, {}};
 }
 
 std::error_code removeDataset(const fs::path& folder) {

@@ -8,14 +8,14 @@ namespace Tavrin::SplatProgram {
 
 // What stands in a folder, seen by names alone.
 enum class FolderContent {
-    Empty,
-    Dataset, // the files of a finished dataset and nothing else
-    Other,
+    empty,
+    dataset, // the files of a finished dataset and nothing else
+    other,
 };
 
 struct FolderListing {
-    FolderContent content = FolderContent::Empty;
-    std::string reason; // of Other: what it holds that no conversion writes, or what a dataset must hold
+    FolderContent content = FolderContent::empty;
+    std::string reason; // of other: what it holds that no conversion writes, or what a dataset must hold
 };
 
 // Throws std::filesystem::filesystem_error when the folder cannot be listed.

@@ -3,9 +3,10 @@
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
-#include <fmt/format.h>
 #include <limits>
 
 namespace Tavrin::SplatProgram {
@@ -22,30 +23,30 @@ void requireReadableFile(const std::string& name) {
     std::error_code error;
     const fs::file_status status = fs::status(path, error);
     if (status.type() == fs::file_type::not_found) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: there is no such file: check the path", name));
     }
     if (error) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: cannot be looked at: {}", name, error.message()));
     }
     if (status.type() == fs::file_type::directory) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: is a folder: name the PLY file in it", name));
     }
     if (status.type() != fs::file_type::regular) {
         throw Failure(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             fmt::format("{}: is a pipe or a device: save it as a file first, it is read several times",
                         name));
     }
     if (const std::error_code denied = checkReadable(path)) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: cannot be read: {}: check its permissions", name, denied.message()));
     }
     if (!converterPath(path)) {
         throw Failure(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             fmt::format("{}: this system's code page lacks a letter of the path: rename the file, or "
                         "name it from inside its folder",
                         name));
@@ -59,13 +60,13 @@ std::string atLine(const std::string& name, std::size_t line, const std::string&
 void checkForm(const std::string& name, const PlyHeader& header, Verdict& verdict) {
     if (header.format != "binary_little_endian") {
         verdict.refuse(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             atLine(name, header.formatLine,
                    fmt::format("the format is {}: export as binary_little_endian", header.format)));
     }
     if (header.endsWithCarriageReturn) {
         verdict.refuse(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             atLine(name, header.lines.size(),
                    "end_header is followed by a carriage return, which hides it from the converter: end "
                    "the header's lines with a line feed alone"));
@@ -74,7 +75,7 @@ void checkForm(const std::string& name, const PlyHeader& header, Verdict& verdic
 
 void checkComments(const std::string& name, const SceneComments& comments, Verdict& verdict) {
     for (const HeaderRemark& error : comments.errors) {
-        verdict.refuse(ExitStatus::InputRefused, atLine(name, error.line, error.text));
+        verdict.refuse(ExitStatus::inputRefused, atLine(name, error.line, error.text));
     }
     for (const HeaderRemark& remark : comments.remarks) {
         verdict.warn(atLine(name, remark.line, remark.text));
@@ -83,7 +84,7 @@ void checkComments(const std::string& name, const SceneComments& comments, Verdi
     for (std::size_t axis = 0; bounds && axis < axes.size(); ++axis) {
         if (bounds->min[axis] > bounds->max[axis]) {
             verdict.refuse(
-                ExitStatus::InputRefused,
+                ExitStatus::inputRefused,
                 fmt::format("{}: the comments state min{} {} above max{} {}: state all six bounds, or none",
                             name, axes[axis], bounds->min[axis], axes[axis], bounds->max[axis]));
         }
@@ -116,7 +117,7 @@ bool checkSize(const std::string& name, const SplatFile& file, Verdict& verdict)
         const std::string part =
             rest > 0 ? fmt::format(" and {} of another", countText(rest, "byte", "bytes")) : std::string();
         verdict.refuse(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             fmt::format(
                 "{}: the file is cut: it declares {} of {} bytes and holds {}{}: copy or export it again",
                 name, countText(file.records, "record", "records"), recordBytes,
@@ -152,7 +153,7 @@ std::optional<InputFacts> checkInput(const std::string& name, Verdict& verdict) 
     checkForm(name, *header, verdict);
     const LayoutResult layout = splatLayoutOf(*header);
     if (layout.problem) {
-        verdict.refuse(ExitStatus::InputRefused, atLine(name, layout.problem->line, layout.problem->text));
+        verdict.refuse(ExitStatus::inputRefused, atLine(name, layout.problem->line, layout.problem->text));
         return std::nullopt;
     }
     InputFacts facts;
@@ -162,7 +163,7 @@ std::optional<InputFacts> checkInput(const std::string& name, Verdict& verdict) 
     facts.comments = readSceneComments(*header, layout.layout.hasCoefficients());
     checkComments(name, facts.comments, verdict);
     if (facts.file.records == 0) {
-        verdict.refuse(ExitStatus::InputRefused, atLine(name, header->elements.front().line,
+        verdict.refuse(ExitStatus::inputRefused, atLine(name, header->elements.front().line,
                                                         "the file declares no splats: export it again"));
         return std::nullopt;
     }

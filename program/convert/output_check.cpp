@@ -11,7 +11,7 @@ namespace {
 namespace fs = std::filesystem;
 
 [[noreturn]] void refuse(const std::string& name, const std::string& what) {
-    throw Failure(ExitStatus::OutputRefused, fmt::format("{}: {}", name, what));
+    throw Failure(ExitStatus::outputRefused, fmt::format("{}: {}", name, what));
 }
 
 // The folder or one of its ancestors is the one with this identity: found by what they are, not by spelling,
@@ -69,13 +69,13 @@ void checkContent(OutputPlace& place, const std::string& input, bool force) {
     try {
         const FolderListing listing = listFolder(place.folder);
         place.content = listing.content;
-        if (listing.content == FolderContent::Other && !force) {
+        if (listing.content == FolderContent::other && !force) {
             refuse(place.name,
                    fmt::format("is neither empty nor an earlier dataset ({}): choose another folder, or "
                                "--force to delete everything in it",
                                listing.reason));
         }
-        if (listing.content == FolderContent::Other) {
+        if (listing.content == FolderContent::other) {
             checkTree(place, input);
         }
     } catch (const fs::filesystem_error& error) {

@@ -13,7 +13,7 @@ struct OutputPlace {
     std::filesystem::path folder;     // absolute, links followed; may not exist
     std::filesystem::path foundation; // the folder itself or its nearest ancestor that exists
     bool exists = false;
-    FolderContent content = FolderContent::Empty;
+    FolderContent content = FolderContent::empty;
 };
 
 // Resolves the name. A last component that is a link leads to the folder behind it. Throws a Failure

@@ -5,9 +5,10 @@
 #include "program/terminal/figures.h"
 #include "reader/format.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
-#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -34,7 +35,7 @@ void checkDisk(Plan& plan, const OutputPlace& output, Verdict& verdict) {
     plan.freeDisk = space.available;
     if (plan.diskBytes > plan.freeDisk) {
         verdict.refuse(
-            ExitStatus::OutputRefused,
+            ExitStatus::outputRefused,
             fmt::format("{}: the dataset needs {} and {} are free at {}: make room, or choose another disk",
                         output.name, bytesText(plan.diskBytes), bytesText(plan.freeDisk),
                         textFromPath(output.foundation)));
@@ -46,7 +47,7 @@ void checkMemory(Plan& plan, Verdict& verdict) {
     plan.freeMemory = availableMemory();
     if (plan.memory > plan.freeMemory) {
         verdict.refuse(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             fmt::format("{}: converting {} needs {} of memory and {} are free: close other programs, or "
                         "cut the scene into smaller files",
                         plan.input.name, countText(plan.input.file.records, "splat", "splats"),
@@ -59,7 +60,7 @@ void requireFiniteBox(const Plan& plan, Verdict& verdict) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
         if (!std::isfinite(plan.box.min[axis]) || !std::isfinite(plan.box.max[axis])) {
             verdict.refuse(
-                ExitStatus::InputRefused,
+                ExitStatus::inputRefused,
                 fmt::format("{}: a splat stands at infinity on the {} axis: remove it, or state the bounds "
                             "of the scene in comment lines",
                             plan.input.name, "xyz"[axis]));
@@ -137,13 +138,13 @@ std::optional<Plan> makePlan(const std::optional<InputFacts>& input, const Outpu
     const bool takesTwoPasses = file.records > SplatReader::Format::oneCellMaximum;
     const double pass = takesTwoPasses ? 0.5 : 1.0;
     plan.extent =
-        measureScene(file, bounds, [&](double share) { progress.update(Stage::Checking, share * pass); });
+        measureScene(file, bounds, [&](double share) { progress.update(Stage::checking, share * pass); });
     plan.isBoxMeasured = !bounds;
     plan.box = bounds ? *bounds : convertersBox(file, plan.extent);
     requireFiniteBox(plan, verdict);
     chooseGrid(plan);
     plan.cells = countCells(file, plan.grid,
-                            [&](double share) { progress.update(Stage::Checking, pass + share * pass); });
+                            [&](double share) { progress.update(Stage::checking, pass + share * pass); });
     progress.clear();
     plan.indexBytes = plan.cells.cells * indexEntryBytes;
     plan.metaBytesAtMost = metaBytesAtMost(plan);

@@ -3,9 +3,10 @@
 #include "program/system/exit_status.h"
 #include "program/system/interrupt.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
-#include <fmt/format.h>
 #include <set>
 #include <string_view>
 
@@ -89,49 +90,49 @@ void cleanUpDeadRuns(const fs::path& folder) {
 }
 
 PartialFolder::PartialFolder(OutputPlace place)
-    : m_place(std::move(place)), m_path(partialPath(m_place.folder, ownProcessId())),
-      m_replaced(beside(m_place.folder, replacedMark, ownProcessId())) {
+    : place_(std::move(place)), path_(partialPath(place_.folder, ownProcessId())),
+      replaced_(beside(place_.folder, replacedMark, ownProcessId())) {
     createParents();
-    const fs::path lockPath = beside(m_place.folder, partialMark, ownProcessId(), lockMark);
+    const fs::path lockPath = beside(place_.folder, partialMark, ownProcessId(), lockMark);
     std::error_code error;
-    m_lock = LockFile::take(lockPath, error);
-    if (!m_lock) {
+    lock_ = LockFile::take(lockPath, error);
+    if (!lock_) {
         removeCreatedParents();
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: cannot be created: {}: choose another place", textFromPath(lockPath),
                                   error ? error.message() : "another run holds it"));
     }
     // The converter deletes what stands in its way.
-    for (const fs::path& path : {m_path, m_replaced}) {
+    for (const fs::path& path : {path_, replaced_}) {
         if (fs::exists(fs::symlink_status(path, error))) {
-            m_lock.reset();
-            throw Failure(ExitStatus::OutputRefused,
+            lock_.reset();
+            throw Failure(ExitStatus::outputRefused,
                           fmt::format("{}: stands in the way: move it elsewhere", textFromPath(path)));
         }
     }
 }
 
 PartialFolder::~PartialFolder() {
-    if (!m_isPublished) {
-        removeDataset(m_path);
-        m_lock.reset();
+    if (!isPublished_) {
+        removeDataset(path_);
+        lock_.reset();
         removeCreatedParents();
     }
 }
 
 void PartialFolder::createParents() {
     std::vector<fs::path> missing;
-    for (fs::path parent = m_place.folder.parent_path(); !fs::exists(parent); parent = parent.parent_path()) {
+    for (fs::path parent = place_.folder.parent_path(); !fs::exists(parent); parent = parent.parent_path()) {
         missing.insert(missing.begin(), parent);
     }
     for (const fs::path& parent : missing) {
         std::error_code error;
         if (fs::create_directory(parent, error)) {
-            m_createdParents.push_back(parent);
+            createdParents_.push_back(parent);
         }
         if (error) {
             removeCreatedParents();
-            throw Failure(ExitStatus::OutputRefused,
+            throw Failure(ExitStatus::outputRefused,
                           fmt::format("{}: cannot be created: {}: choose another place", textFromPath(parent),
                                       error.message()));
         }
@@ -139,25 +140,25 @@ void PartialFolder::createParents() {
 }
 
 void PartialFolder::removeCreatedParents() noexcept {
-    for (; !m_createdParents.empty(); m_createdParents.pop_back()) {
+    for (; !createdParents_.empty(); createdParents_.pop_back()) {
         std::error_code error;
-        fs::remove(m_createdParents.back(), error); // fails, as it should, when something stands in it by now
+        fs::remove(createdParents_.back(), error); // fails, as it should, when something stands in it by now
     }
 }
 
 void PartialFolder::flush(const std::function<void(double)>& progress) const {
     std::vector<fs::path> paths;
-    for (const fs::directory_entry& entry : fs::directory_iterator(m_path)) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(path_)) {
         paths.push_back(entry.path());
     }
     std::ranges::sort(paths);
-    paths.push_back(m_path); // last: its entries lead to what is on the disk by then
+    paths.push_back(path_); // last: its entries lead to what is on the disk by then
     for (std::size_t i = 0; i < paths.size(); ++i) {
         throwIfInterrupted();
         progress(static_cast<double>(i) / static_cast<double>(paths.size()));
         if (const std::error_code error = flushToDisk(paths[i])) {
             throw Failure(
-                ExitStatus::ConversionFailed,
+                ExitStatus::conversionFailed,
                 fmt::format("{}: cannot be written to the disk: {}: check the disk and its free space",
                             textFromPath(paths[i]), error.message()));
         }
@@ -165,32 +166,32 @@ void PartialFolder::flush(const std::function<void(double)>& progress) const {
 }
 
 std::optional<std::string> PartialFolder::publish(const std::string& input, bool force) {
-    OutputPlace now = resolveOutput(textFromPath(m_place.folder));
-    if (now.folder != m_place.folder) {
-        throw Failure(ExitStatus::OutputRefused,
-                      fmt::format("{}: became a link during the conversion: remove it", m_place.name));
+    OutputPlace now = resolveOutput(textFromPath(place_.folder));
+    if (now.folder != place_.folder) {
+        throw Failure(ExitStatus::outputRefused,
+                      fmt::format("{}: became a link during the conversion: remove it", place_.name));
     }
-    now.name = m_place.name;
+    now.name = place_.name;
     checkOutput(now, input, force);
     throwIfInterrupted();
-    m_place = now;
+    place_ = now;
     replace();
-    m_isPublished = true;
-    flushToDisk(m_place.folder.parent_path());
+    isPublished_ = true;
+    flushToDisk(place_.folder.parent_path());
     for (const fs::path& parent :
-         m_createdParents) { // nothing leads to a folder whose name is not on the disk
+         createdParents_) { // nothing leads to a folder whose name is not on the disk
         flushToDisk(parent.parent_path());
     }
     std::error_code error;
-    for (const fs::path& old : {m_path, m_replaced}) {
-        if (m_place.content == FolderContent::Other) {
+    for (const fs::path& old : {path_, replaced_}) {
+        if (place_.content == FolderContent::other) {
             fs::remove_all(old, error); // asked for with --force
         } else {
             error = removeDataset(old);
         }
         if (error) {
             return fmt::format("{}: what stood at {} before could not be removed: {}", textFromPath(old),
-                               m_place.name, error.message());
+                               place_.name, error.message());
         }
     }
     return std::nullopt;
@@ -198,22 +199,22 @@ std::optional<std::string> PartialFolder::publish(const std::string& input, bool
 
 void PartialFolder::replace() {
     const auto fail = [&](const std::error_code& error) {
-        throw Failure(ExitStatus::OutputRefused, fmt::format("{}: cannot be replaced: {}: see who uses it",
-                                                             m_place.name, error.message()));
+        throw Failure(ExitStatus::outputRefused, fmt::format("{}: cannot be replaced: {}: see who uses it",
+                                                             place_.name, error.message()));
     };
-    if (!m_place.exists) {
-        if (const std::error_code error = renameFolder(m_path, m_place.folder)) {
+    if (!place_.exists) {
+        if (const std::error_code error = renameFolder(path_, place_.folder)) {
             fail(error);
         }
         return;
     }
-    const std::error_code error = exchangeNames(m_path, m_place.folder);
+    const std::error_code error = exchangeNames(path_, place_.folder);
     if (error == std::errc::function_not_supported) {
-        if (const std::error_code aside = renameFolder(m_place.folder, m_replaced)) {
+        if (const std::error_code aside = renameFolder(place_.folder, replaced_)) {
             fail(aside);
         }
-        if (const std::error_code into = renameFolder(m_path, m_place.folder)) {
-            renameFolder(m_replaced, m_place.folder);
+        if (const std::error_code into = renameFolder(path_, place_.folder)) {
+            renameFolder(replaced_, place_.folder);
             fail(into);
         }
     } else if (error) {

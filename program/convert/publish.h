@@ -36,7 +36,7 @@ public:
     PartialFolder& operator=(const PartialFolder&) = delete;
     ~PartialFolder();
 
-    const std::filesystem::path& path() const { return m_path; }
+    const std::filesystem::path& path() const { return path_; }
 
     // Returns when files and folder are on the disk itself. `progress` gets the share that is done, 0 to 1.
     // Throws a Failure (ConversionFailed).
@@ -53,12 +53,12 @@ private:
     void replace();
     void removeCreatedParents() noexcept;
 
-    OutputPlace m_place;
-    std::vector<std::filesystem::path> m_createdParents; // outermost first
-    std::filesystem::path m_path;
-    std::filesystem::path m_replaced;
-    std::unique_ptr<LockFile> m_lock;
-    bool m_isPublished = false;
+    OutputPlace place_;
+    std::vector<std::filesystem::path> createdParents_; // outermost first
+    std::filesystem::path path_;
+    std::filesystem::path replaced_;
+    std::unique_ptr<LockFile> lock_;
+    bool isPublished_ = false;
 };
 
 } // namespace Tavrin::SplatProgram

@@ -2,9 +2,10 @@
 
 #include "program/terminal/figures.h"
 
-#include <cmath>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+
+#include <cmath>
 
 namespace Tavrin::SplatProgram {
 namespace {

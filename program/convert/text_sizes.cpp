@@ -4,8 +4,9 @@
 #include "program/system/platform.h"
 #include "reader/format.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+
+#include <algorithm>
 #include <initializer_list>
 #include <limits>
 #include <string>

@@ -5,15 +5,15 @@
 namespace Tavrin::SplatProgram {
 
 void Verdict::refuse(ExitStatus status, const std::string& line) {
-    if (!m_unchecked) {
+    if (!unchecked_) {
         throw Failure(status, line);
     }
     warn("unchecked: " + line);
 }
 
 void Verdict::warn(const std::string& line) {
-    m_warnings.push_back(line);
-    if (!m_silent) {
+    warnings_.push_back(line);
+    if (!silent_) {
         reportWarning(line);
     }
 }

@@ -11,20 +11,20 @@ namespace Tavrin::SplatProgram {
 class Verdict {
 public:
     // `unchecked`: what refuses the input is only a warning. `silent`: warnings are kept but not printed.
-    Verdict(bool unchecked, bool silent) : m_unchecked(unchecked), m_silent(silent) {}
+    Verdict(bool unchecked, bool silent) : unchecked_(unchecked), silent_(silent) {}
 
     // Throws a Failure with the line, or warns when the run is unchecked.
     void refuse(ExitStatus status, const std::string& line);
 
     void warn(const std::string& line);
 
-    bool unchecked() const { return m_unchecked; }
-    const std::vector<std::string>& warnings() const { return m_warnings; }
+    bool unchecked() const { return unchecked_; }
+    const std::vector<std::string>& warnings() const { return warnings_; }
 
 private:
-    bool m_unchecked;
-    bool m_silent;
-    std::vector<std::string> m_warnings;
+    bool unchecked_;
+    bool silent_;
+    std::vector<std::string> warnings_;
 };
 
 } // namespace Tavrin::SplatProgram

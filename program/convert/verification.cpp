@@ -4,14 +4,15 @@
 #include "program/system/interrupt.h"
 #include "program/terminal/figures.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
 [[noreturn]] void fail(const std::string& input, const std::string& what) {
-    throw Failure(ExitStatus::VerificationFailed,
+    throw Failure(ExitStatus::verificationFailed,
                   fmt::format("{}: the written dataset is not sound: {}", input, what));
 }
 
@@ -58,10 +59,10 @@ SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, 
     options.level = SplatReader::VerifyLevel::full;
     options.progress = [&](std::uint64_t done, std::uint64_t all) {
         throwIfInterrupted();
-        progress.update(Stage::Verifying,
+        progress.update(Stage::verifying,
                         all > 0 ? static_cast<double>(done) / static_cast<double>(all) : 1.0);
     };
-    progress.update(Stage::Verifying);
+    progress.update(Stage::verifying);
     SplatReader::VerifyReport report = SplatReader::verifyDataset(folder, options);
     progress.clear();
     requireSound(report.findings, input, plan);
@@ -70,7 +71,7 @@ SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, 
     }
     if (report.splatsLeftOut > 0 && !allowLoss) {
         throw Failure(
-            ExitStatus::SplatsLeftOut,
+            ExitStatus::splatsLeftOut,
             fmt::format("{}: {} of {} outside the grid and are left out: state bounds that hold them, or "
                         "--allow-loss",
                         input, countText(report.splatsLeftOut),

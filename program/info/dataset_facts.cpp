@@ -18,18 +18,18 @@ constexpr std::array<const char*, 20> seriesNames = {
 
 class ValueReader {
 public:
-    explicit ValueReader(const SplatReader::Dataset& dataset) : m_dataset(dataset) {
+    explicit ValueReader(const SplatReader::Dataset& dataset) : dataset_(dataset) {
         const std::size_t used = dataset.coefficientSize() > 0 ? seriesNames.size() : seriesNames.size() - 3;
         for (std::size_t i = 0; i < used; ++i) {
-            m_series.emplace_back(seriesNames[i]);
+            series_.emplace_back(seriesNames[i]);
         }
     }
 
     template <typename Take>
     void read(const SplatReader::RecordCursor::View& view, Take take) {
-        SplatReader::Splat splat = m_dataset.dequantiser().splat(SplatReader::loadRecord(view.data));
+        SplatReader::Splat splat = dataset_.dequantiser().splat(SplatReader::loadRecord(view.data));
         std::size_t next = 0;
-        const auto put = [&](double value) { take(m_series[next++], value); };
+        const auto put = [&](double value) { take(series_[next++], value); };
         for (const float value : splat.position) {
             put(value);
         }
@@ -47,24 +47,24 @@ public:
             put(value);
         }
         if (view.coefficients != nullptr) {
-            m_dataset.dequantiser().coefficients(view.coefficients, splat);
+            dataset_.dequantiser().coefficients(view.coefficients, splat);
             for (std::size_t i = 0; i < splat.coefficients.size(); ++i) {
-                take(m_series[next + i / SplatReader::Format::coefficientsPerChannel], splat.coefficients[i]);
+                take(series_[next + i / SplatReader::Format::coefficientsPerChannel], splat.coefficients[i]);
             }
         }
     }
 
     std::vector<Distribution> finish() {
         std::vector<Distribution> distributions;
-        for (Series& series : m_series) {
+        for (Series& series : series_) {
             distributions.push_back(series.finish());
         }
         return distributions;
     }
 
 private:
-    const SplatReader::Dataset& m_dataset;
-    std::vector<Series> m_series;
+    const SplatReader::Dataset& dataset_;
+    std::vector<Series> series_;
 };
 
 constexpr auto sampleValue = [](Series& series, double value) { series.sample(value); };

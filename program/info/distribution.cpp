@@ -16,42 +16,42 @@ constexpr double highShare = 0.99;
 void Series::sample(double value) {
     widen(value);
     if (std::isfinite(value)) {
-        m_samples.push_back(static_cast<float>(value));
+        samples_.push_back(static_cast<float>(value));
     }
 }
 
 void Series::widen(double value) {
     if (!std::isfinite(value)) {
-        ++m_notFinite;
+        ++notFinite_;
         return;
     }
-    m_smallest = m_widened ? std::min(m_smallest, value) : value;
-    m_largest = m_widened ? std::max(m_largest, value) : value;
-    m_widened = true;
-    ++m_seen;
+    smallest_ = widened_ ? std::min(smallest_, value) : value;
+    largest_ = widened_ ? std::max(largest_, value) : value;
+    widened_ = true;
+    ++seen_;
 }
 
 Distribution Series::finish() {
     Distribution result;
-    result.name = m_name;
-    result.values = m_seen;
-    result.notFinite = m_notFinite;
-    result.smallest = m_smallest;
-    result.largest = m_largest;
-    if (m_samples.empty()) {
+    result.name = name_;
+    result.values = seen_;
+    result.notFinite = notFinite_;
+    result.smallest = smallest_;
+    result.largest = largest_;
+    if (samples_.empty()) {
         return result;
     }
-    std::ranges::sort(m_samples);
+    std::ranges::sort(samples_);
     const auto at = [this](double share) {
-        const double place = share * static_cast<double>(m_samples.size() - 1);
-        return static_cast<double>(m_samples[static_cast<std::size_t>(std::llround(place))]);
+        const double place = share * static_cast<double>(samples_.size() - 1);
+        return static_cast<double>(samples_[static_cast<std::size_t>(std::llround(place))]);
     };
     result.low = at(lowShare);
     result.median = at(0.5);
     result.high = at(highShare);
     const double width = result.high - result.low;
     const auto parts = static_cast<double>(result.bars.size());
-    for (const float value : m_samples) {
+    for (const float value : samples_) {
         if (value < result.low || value > result.high) {
             continue;
         }
@@ -83,7 +83,7 @@ std::string barsText(const Distribution& distribution, std::size_t count, bool b
     for (std::size_t i = 0; i < distribution.bars.size(); ++i) {
         bars[i * count / distribution.bars.size()] += distribution.bars[i];
     }
-    const std::uint32_t most = std::max(1U, *std::ranges::max_element(bars));
+    const std::uint32_t most = std::max(1u, *std::ranges::max_element(bars));
     std::string text;
     for (const std::uint32_t bar : bars) {
         // Whatever is there at all gets at least the lowest mark.

@@ -26,7 +26,7 @@ struct Distribution {
 // Collects the values of one attribute.
 class Series {
 public:
-    explicit Series(std::string name) : m_name(std::move(name)) {}
+    explicit Series(std::string name) : name_(std::move(name)) {}
 
     // For the percentiles and bars; each is kept in memory.
     void sample(double value);
@@ -36,13 +36,13 @@ public:
     Distribution finish();
 
 private:
-    std::string m_name;
-    std::vector<float> m_samples;
-    std::uint64_t m_notFinite = 0;
-    bool m_widened = false;
-    double m_smallest = 0.0;
-    double m_largest = 0.0;
-    std::uint64_t m_seen = 0;
+    std::string name_;
+    std::vector<float> samples_;
+    std::uint64_t notFinite_ = 0;
+    bool widened_ = false;
+    double smallest_ = 0.0;
+    double largest_ = 0.0;
+    std::uint64_t seen_ = 0;
 };
 
 // Which of `records` are looked at when not all can be: `runs` runs of `length` consecutive ones, evenly

@@ -3,11 +3,12 @@
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -69,7 +70,7 @@ std::string sampleText(bool scanned, std::uint64_t sampled, std::uint64_t all) {
 std::string attributesText(const std::vector<Distribution>& attributes, const InfoStyle& style) {
     constexpr std::size_t nameWidth = 12;
     constexpr std::size_t tableWidth = 2 + nameWidth + 5 * 11 + 2;
-    std::size_t bars = style.bars == Bars::None ? 0 : Distribution::parts;
+    std::size_t bars = style.bars == Bars::none ? 0 : Distribution::parts;
     while (bars > 0 && tableWidth + bars > style.columns) {
         bars = bars > 4 ? bars / 2 : 0;
     }
@@ -89,7 +90,7 @@ std::string attributesText(const std::vector<Distribution>& attributes, const In
                         cellText(attribute.smallest), cellText(attribute.low), cellText(attribute.median),
                         cellText(attribute.high), cellText(attribute.largest));
         if (bars > 0) {
-            text += "  " + barsText(attribute, bars, style.bars == Bars::Blocks);
+            text += "  " + barsText(attribute, bars, style.bars == Bars::blocks);
         }
         if (attribute.notFinite > 0) {
             text += fmt::format("  ({} not finite)", countText(attribute.notFinite));

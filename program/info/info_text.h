@@ -8,10 +8,10 @@
 
 namespace Tavrin::SplatProgram {
 
-enum class Bars { None, Ascii, Blocks };
+enum class Bars { none, ascii, blocks };
 
 struct InfoStyle {
-    Bars bars = Bars::None;
+    Bars bars = Bars::none;
     std::size_t columns = 0; // of the terminal that it fits; 0 where there is none
     bool cells = false;      // a table of a dataset's cells
 };

@@ -5,11 +5,12 @@
 #include "program/system/exit_status.h"
 #include "program/system/platform.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cstring>
-#include <fmt/format.h>
 #include <map>
 
 namespace Tavrin::SplatProgram {
@@ -104,7 +105,7 @@ std::optional<std::uint64_t> coefficientNumber(const std::string& name) {
 std::uint64_t coefficientCount(const PlyElement& vertex) {
     std::uint64_t count = 0;
     for (const PlyProperty& property : vertex.properties) {
-        count += coefficientNumber(property.name) ? 1U : 0U;
+        count += coefficientNumber(property.name) ? 1u : 0u;
     }
     return count;
 }
@@ -142,39 +143,39 @@ public:
                 constexpr std::array<const char*, 3> colours = {"red", "green", "blue"};
                 name = fmt::format("f_rest {}", colours[std::min<std::uint64_t>(*number / perColour, 2)]);
             }
-            const auto [place, added] = places.emplace(name, m_series.size());
+            const auto [place, added] = places.emplace(name, series_.size());
             if (added) {
-                m_series.emplace_back(name);
+                series_.emplace_back(name);
             }
             const Scalar scalar = scalarOf(property).value();
-            m_columns.push_back({offset, scalar, place->second});
+            columns_.push_back({offset, scalar, place->second});
             offset += widthOf(scalar);
         }
     }
 
     void sample(const std::byte* record) {
-        for (const Column& column : m_columns) {
-            m_series[column.series].sample(load(column.scalar, record + column.offset));
+        for (const Column& column : columns_) {
+            series_[column.series].sample(load(column.scalar, record + column.offset));
         }
     }
 
     void widen(const std::byte* record) {
-        for (const Column& column : m_columns) {
-            m_series[column.series].widen(load(column.scalar, record + column.offset));
+        for (const Column& column : columns_) {
+            series_[column.series].widen(load(column.scalar, record + column.offset));
         }
     }
 
     std::vector<Distribution> finish() {
         std::vector<Distribution> distributions;
-        for (Series& series : m_series) {
+        for (Series& series : series_) {
             distributions.push_back(series.finish());
         }
         return distributions;
     }
 
 private:
-    std::vector<Series> m_series;
-    std::vector<Column> m_columns;
+    std::vector<Series> series_;
+    std::vector<Column> columns_;
 };
 
 // The runs of the sample, and with `scan` every record between them.

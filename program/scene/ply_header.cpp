@@ -4,10 +4,11 @@
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <fmt/format.h>
 #include <fstream>
 
 namespace Tavrin::SplatProgram {
@@ -28,17 +29,17 @@ std::string_view withoutCarriageReturn(std::string_view line) {
 // Builds the header line by line; every failure names file and line.
 class HeaderParser {
 public:
-    explicit HeaderParser(std::string file) : m_file(std::move(file)) {}
+    explicit HeaderParser(std::string file) : file_(std::move(file)) {}
 
     // True when the line is the last of the header.
     bool take(std::string_view line) {
-        m_header.lines.emplace_back(line);
-        if (m_header.lines.size() == 1) {
+        header_.lines.emplace_back(line);
+        if (header_.lines.size() == 1) {
             takeMagic(line);
             return false;
         }
         if (withoutCarriageReturn(line) == "end_header") {
-            m_header.endsWithCarriageReturn = line.ends_with('\r');
+            header_.endsWithCarriageReturn = line.ends_with('\r');
             return true;
         }
         takeKeyword(line);
@@ -46,18 +47,17 @@ public:
     }
 
     PlyHeader finish(std::uint64_t length) {
-        if (m_header.format.empty()) {
+        if (header_.format.empty()) {
             fail("the header has no format line: write the file again with \"format binary_little_endian "
                  "1.0\"");
         }
-        m_header.length = length;
-        return std::move(m_header);
+        header_.length = length;
+        return std::move(header_);
     }
 
 private:
     [[noreturn]] void fail(const std::string& what) const {
-        throw Failure(ExitStatus::InputRefused,
-                      fmt::format("{}:{}: {}", m_file, m_header.lines.size(), what));
+        throw Failure(ExitStatus::inputRefused, fmt::format("{}:{}: {}", file_, header_.lines.size(), what));
     }
 
     void takeMagic(std::string_view line) const {
@@ -93,14 +93,14 @@ private:
     void takeFormat(const std::vector<std::string_view>& words) {
         constexpr std::array<std::string_view, 3> formats = {"binary_little_endian", "binary_big_endian",
                                                              "ascii"};
-        if (!m_header.format.empty()) {
+        if (!header_.format.empty()) {
             fail("a second format line: remove it");
         }
         if (words.size() != 3 || std::ranges::find(formats, words[1]) == formats.end() || words[2] != "1.0") {
             fail("the format line is not \"format binary_little_endian 1.0\"");
         }
-        m_header.format = words[1];
-        m_header.formatLine = m_header.lines.size();
+        header_.format = words[1];
+        header_.formatLine = header_.lines.size();
     }
 
     void takeElement(const std::vector<std::string_view>& words) {
@@ -109,7 +109,7 @@ private:
         }
         PlyElement element;
         element.name = words[1];
-        element.line = m_header.lines.size();
+        element.line = header_.lines.size();
         const char* const end = words[2].data() + words[2].size();
         const auto [stop, error] = std::from_chars(words[2].data(), end, element.count);
         // Readers hold counts in signed 64-bit integers.
@@ -121,11 +121,11 @@ private:
             fail(fmt::format("the count {} of element {} is not a whole number", quoted(words[2]),
                              quoted(words[1])));
         }
-        m_header.elements.push_back(std::move(element));
+        header_.elements.push_back(std::move(element));
     }
 
     void takeProperty(const std::vector<std::string_view>& words) {
-        if (m_header.elements.empty()) {
+        if (header_.elements.empty()) {
             fail("a property line before the first element line");
         }
         const bool isList = words.size() > 1 && words[1] == "list";
@@ -136,18 +136,18 @@ private:
         property.name = words.back();
         property.type = words[words.size() - 2];
         property.countType = isList ? words[2] : std::string_view();
-        property.line = m_header.lines.size();
-        m_header.elements.back().properties.push_back(std::move(property));
+        property.line = header_.lines.size();
+        header_.elements.back().properties.push_back(std::move(property));
     }
 
-    std::string m_file;
-    PlyHeader m_header;
+    std::string file_;
+    PlyHeader header_;
 };
 
 std::string readStart(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: the input cannot be opened for reading: check its permissions",
                                   textFromPath(path)));
     }
@@ -175,7 +175,7 @@ PlyHeader readPlyHeader(const std::filesystem::path& path) {
     const std::string file = textFromPath(path);
     HeaderParser parser(file);
     if (start.empty()) {
-        throw Failure(ExitStatus::InputRefused, fmt::format("{}: the file is empty", file));
+        throw Failure(ExitStatus::inputRefused, fmt::format("{}: the file is empty", file));
     }
     for (std::size_t begin = 0; begin < start.size();) {
         const std::size_t end = start.find('\n', begin);
@@ -187,7 +187,7 @@ PlyHeader readPlyHeader(const std::filesystem::path& path) {
         begin = next;
     }
     throw Failure(
-        ExitStatus::InputRefused,
+        ExitStatus::inputRefused,
         fmt::format("{}: the header has no end_header line: the file is cut, or no PLY file", file));
 }
 

@@ -4,8 +4,9 @@
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace Tavrin::SplatProgram {
 
@@ -15,48 +16,48 @@ constexpr std::uint64_t windowBytes = 1 << 20;
 
 RecordStream::RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
                            std::uint64_t count, std::uint64_t windowRecords)
-    : m_path(path), m_offset(offset), m_stride(stride), m_count(count), m_windowRecords(windowRecords) {
-    m_stream.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
-    m_stream.open(path, std::ios::binary);
+    : path_(path), offset_(offset), stride_(stride), count_(count), windowRecords_(windowRecords) {
+    stream_.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
+    stream_.open(path, std::ios::binary);
 }
 
 const std::byte* RecordStream::next() {
-    if (m_position >= m_count) {
+    if (position_ >= count_) {
         return nullptr;
     }
-    if (m_position >= m_windowFirst + m_windowCount) {
-        m_windowCount = readAt(m_position, m_window);
-        m_windowFirst = m_position;
+    if (position_ >= windowFirst_ + windowCount_) {
+        windowCount_ = readAt(position_, window_);
+        windowFirst_ = position_;
     }
-    const std::byte* record = m_window.data() + (m_position - m_windowFirst) * m_stride;
-    ++m_position;
+    const std::byte* record = window_.data() + (position_ - windowFirst_) * stride_;
+    ++position_;
     return record;
 }
 
 std::uint64_t RecordStream::read(std::vector<std::byte>& records) {
-    const std::uint64_t count = m_position < m_count ? readAt(m_position, records) : 0;
-    m_position += count;
+    const std::uint64_t count = position_ < count_ ? readAt(position_, records) : 0;
+    position_ += count;
     return count;
 }
 
 void RecordStream::skip(std::uint64_t records) {
-    m_position += std::min(records, m_count - m_position);
+    position_ += std::min(records, count_ - position_);
 }
 
 std::uint64_t RecordStream::readAt(std::uint64_t first, std::vector<std::byte>& records) {
     throwIfInterrupted();
-    const std::uint64_t count = std::min({std::max<std::uint64_t>(windowBytes / m_stride, 1),
-                                          std::max<std::uint64_t>(m_windowRecords, 1), m_count - first});
-    records.resize(count * m_stride);
-    const std::uint64_t at = m_offset + first * m_stride;
-    m_stream.seekg(static_cast<std::streamoff>(at));
-    m_stream.read(reinterpret_cast<char*>(records.data()), static_cast<std::streamsize>(records.size()));
-    if (!m_stream) {
+    const std::uint64_t count = std::min({std::max<std::uint64_t>(windowBytes / stride_, 1),
+                                          std::max<std::uint64_t>(windowRecords_, 1), count_ - first});
+    records.resize(count * stride_);
+    const std::uint64_t at = offset_ + first * stride_;
+    stream_.seekg(static_cast<std::streamoff>(at));
+    stream_.read(reinterpret_cast<char*>(records.data()), static_cast<std::streamsize>(records.size()));
+    if (!stream_) {
         throw Failure(
-            ExitStatus::InputRefused,
+            ExitStatus::inputRefused,
             fmt::format("{}: the file ends or cannot be read inside the {} bytes from byte {} on: check the "
                         "file and the disk",
-                        textFromPath(m_path), records.size(), at));
+                        textFromPath(path_), records.size(), at));
     }
     return count;
 }

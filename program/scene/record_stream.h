@@ -27,21 +27,21 @@ public:
     // Steps over records without reading them.
     void skip(std::uint64_t records);
 
-    std::uint64_t position() const { return m_position; } // number of the next record
+    std::uint64_t position() const { return position_; } // number of the next record
 
 private:
     std::uint64_t readAt(std::uint64_t first, std::vector<std::byte>& records);
 
-    std::filesystem::path m_path;
-    std::ifstream m_stream;
-    std::uint64_t m_offset;
-    std::uint64_t m_stride;
-    std::uint64_t m_count;
-    std::uint64_t m_windowRecords;
-    std::uint64_t m_position = 0;
-    std::uint64_t m_windowFirst = 0; // number of the first record in the window
-    std::uint64_t m_windowCount = 0;
-    std::vector<std::byte> m_window;
+    std::filesystem::path path_;
+    std::ifstream stream_;
+    std::uint64_t offset_;
+    std::uint64_t stride_;
+    std::uint64_t count_;
+    std::uint64_t windowRecords_;
+    std::uint64_t position_ = 0;
+    std::uint64_t windowFirst_ = 0; // number of the first record in the window
+    std::uint64_t windowCount_ = 0;
+    std::vector<std::byte> window_;
 };
 
 } // namespace Tavrin::SplatProgram

@@ -2,11 +2,12 @@
 
 #include "program/terminal/console.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -72,17 +73,17 @@ bool fitsMetaText(std::string_view text) {
 class CommentReader {
 public:
     CommentReader(const PlyHeader& header, bool hasCoefficients)
-        : m_header(header), m_hasCoefficients(hasCoefficients) {
+        : header_(header), hasCoefficients_(hasCoefficients) {
         const auto isVertex = [](const PlyElement& element) { return element.name == "vertex"; };
-        m_vertexLine = std::ranges::find_if(header.elements, isVertex)->line;
+        vertexLine_ = std::ranges::find_if(header.elements, isVertex)->line;
     }
 
     SceneComments read() {
         // The last line is end_header.
-        for (m_line = 1; m_line < m_header.lines.size(); ++m_line) {
-            takeLine(m_header.lines[m_line - 1]);
+        for (line_ = 1; line_ < header_.lines.size(); ++line_) {
+            takeLine(header_.lines[line_ - 1]);
         }
-        return std::move(m_comments);
+        return std::move(comments_);
     }
 
 private:
@@ -97,20 +98,20 @@ private:
                 takeComment(words[1], words[2]);
             }
             if (words[0] != "property" && line.find("property") != line.npos && words[2] == "f_rest_0" &&
-                !m_hasCoefficients) {
+                !hasCoefficients_) {
                 error(
                     "this line is taken for a property f_rest_0, which the vertices do not have: reword it");
             }
         } else if (words.size() > 1 && words[0] == "comment" && isKey(words[1])) {
-            m_comments.remarks.push_back(
-                {m_line,
+            comments_.remarks.push_back(
+                {line_,
                  fmt::format("this line is ignored: \"comment {} VALUE\" takes one value without blanks",
                              words[1])});
         }
     }
 
     void takeElement(std::string_view count) {
-        if (m_line > m_vertexLine || !startsWithCount(count)) {
+        if (line_ > vertexLine_ || !startsWithCount(count)) {
             error("this line is taken for an element line and its last word for the count of splats: reword "
                   "it");
         }
@@ -133,7 +134,7 @@ private:
                 "quotes, backslashes and control characters",
                 key));
         }
-        (key == "source" ? m_comments.source : m_comments.dataType) = value;
+        (key == "source" ? comments_.source : comments_.dataType) = value;
     }
 
     void takeEpsg(std::string_view value) {
@@ -142,7 +143,7 @@ private:
             error(fmt::format("the value \"{}\" of epsg is not a whole number: write the code alone", value));
             return;
         }
-        m_comments.epsg = *code;
+        comments_.epsg = *code;
     }
 
     void takeNumber(std::string_view key, std::string_view value) {
@@ -155,16 +156,16 @@ private:
                 value, key));
             return;
         }
-        m_comments.numbers[std::string(key)] = {*written, double{*kept}, m_line};
+        comments_.numbers[std::string(key)] = {*written, double{*kept}, line_};
     }
 
-    void error(std::string text) { m_comments.errors.push_back({m_line, std::move(text)}); }
+    void error(std::string text) { comments_.errors.push_back({line_, std::move(text)}); }
 
-    const PlyHeader& m_header;
-    bool m_hasCoefficients;
-    std::size_t m_vertexLine = 0;
-    std::size_t m_line = 0;
-    SceneComments m_comments;
+    const PlyHeader& header_;
+    bool hasCoefficients_;
+    std::size_t vertexLine_ = 0;
+    std::size_t line_ = 0;
+    SceneComments comments_;
 };
 
 } // namespace

@@ -9,12 +9,12 @@ namespace {
 
 namespace Format = SplatReader::Format;
 
-constexpr float surelyOpaque = 100.0F;
-constexpr float surelyNoScale = -104.0F;
+constexpr float surelyOpaque = 100.0f;
+constexpr float surelyNoScale = -104.0f;
 
 float finite(double value) {
     constexpr double most = std::numeric_limits<float>::max();
-    return std::isnan(value) ? 0.0F : static_cast<float>(std::clamp(value, -most, most));
+    return std::isnan(value) ? 0.0f : static_cast<float>(std::clamp(value, -most, most));
 }
 
 // Places among (w, x, y, z) of the three packed parts and of the dropped component.
@@ -40,8 +40,8 @@ Places placesOf(std::uint32_t word) {
 
 float colourProperty(double colour) {
     auto property = finite((colour - 0.5) / static_cast<double>(Format::colourGain));
-    while (colour >= 1.0 && property * Format::colourGain + 0.5F < 1.0F) {
-        property = std::nextafter(property, 2.0F);
+    while (colour >= 1.0 && property * Format::colourGain + 0.5f < 1.0f) {
+        property = std::nextafter(property, 2.0f);
     }
     return property;
 }

@@ -5,11 +5,12 @@
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
-#include <fmt/format.h>
 #include <fstream>
 
 namespace Tavrin::SplatProgram {
@@ -37,39 +38,39 @@ bool isWord(const std::string& text) {
 
 class HeaderWriter {
 public:
-    explicit HeaderWriter(const SplatReader::Meta& meta) : m_meta(meta) {}
+    explicit HeaderWriter(const SplatReader::Meta& meta) : meta_(meta) {}
 
     SceneHeader write(std::uint64_t splats) {
         line("ply");
         line("format binary_little_endian 1.0");
         line("comment exported by plyconvert from a quantised dataset");
         // The keys are crossed in the meta document.
-        word("dataType", m_meta.source);
-        if (m_meta.dataType != "None") {
-            word("source", m_meta.dataType);
+        word("dataType", meta_.source);
+        if (meta_.dataType != "None") {
+            word("source", meta_.dataType);
         }
-        triple("offset", m_meta.offset, 0.0);
-        if (m_meta.epsg != 0) {
-            line(fmt::format("comment epsg {}", m_meta.epsg));
+        triple("offset", meta_.offset, 0.0);
+        if (meta_.epsg != 0) {
+            line(fmt::format("comment epsg {}", meta_.epsg));
         }
-        triple("shift", m_meta.shift, 0.0);
-        triple("scale", m_meta.scale, 1.0);
-        bounds("min", m_meta.boundingMin);
-        bounds("max", m_meta.boundingMax);
+        triple("shift", meta_.shift, 0.0);
+        triple("scale", meta_.scale, 1.0);
+        bounds("min", meta_.boundingMin);
+        bounds("max", meta_.boundingMax);
         line(fmt::format("element vertex {}", splats));
         properties();
         line("end_header");
-        return std::move(m_header);
+        return std::move(header_);
     }
 
 private:
-    void line(const std::string& text) { m_header.text += text + "\n"; }
+    void line(const std::string& text) { header_.text += text + "\n"; }
 
     void word(const char* key, const std::string& value) {
         if (isWord(value)) {
             line(fmt::format("comment {} {}", key, value));
         } else {
-            m_header.remarks.push_back(
+            header_.remarks.push_back(
                 fmt::format("the comment {} is not restored: its value is no word", key));
         }
     }
@@ -78,7 +79,7 @@ private:
         if (isSinglePrecision(value)) {
             line(fmt::format("comment {} {}", key, numberText(value)));
         } else {
-            m_header.remarks.push_back(
+            header_.remarks.push_back(
                 fmt::format("the comment {} is not restored: {} is no single-precision number", key, value));
         }
     }
@@ -102,7 +103,7 @@ private:
         for (const char* name : {"x", "y", "z", "nx", "ny", "nz", "f_dc_0", "f_dc_1", "f_dc_2"}) {
             property(name);
         }
-        for (int i = 0; m_meta.hasCoefficients() && i < 45; ++i) {
+        for (int i = 0; meta_.hasCoefficients() && i < 45; ++i) {
             property(fmt::format("f_rest_{}", i));
         }
         for (const char* name :
@@ -111,28 +112,28 @@ private:
         }
     }
 
-    const SplatReader::Meta& m_meta;
-    SceneHeader m_header;
+    const SplatReader::Meta& meta_;
+    SceneHeader header_;
 };
 
 class SceneFile {
 public:
-    explicit SceneFile(const std::filesystem::path& path) : m_path(path) {
-        m_stream.open(path, std::ios::binary | std::ios::trunc);
+    explicit SceneFile(const std::filesystem::path& path) : path_(path) {
+        stream_.open(path, std::ios::binary | std::ios::trunc);
         check();
     }
 
     void write(const void* bytes, std::size_t count) {
         const auto* from = static_cast<const char*>(bytes);
-        m_buffer.insert(m_buffer.end(), from, from + count);
-        if (m_buffer.size() >= bufferBytes) {
+        buffer_.insert(buffer_.end(), from, from + count);
+        if (buffer_.size() >= bufferBytes) {
             flush();
         }
     }
 
     void close() {
         flush();
-        m_stream.close();
+        stream_.close();
         check();
     }
 
@@ -140,22 +141,22 @@ private:
     static constexpr std::size_t bufferBytes = 1 << 20;
 
     void flush() {
-        m_stream.write(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
-        m_buffer.clear();
+        stream_.write(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
+        buffer_.clear();
         check();
     }
 
     void check() {
-        if (!m_stream) {
-            throw Failure(ExitStatus::OutputRefused,
+        if (!stream_) {
+            throw Failure(ExitStatus::outputRefused,
                           fmt::format("{}: the file cannot be written: check the folder and the free disk",
-                                      textFromPath(m_path)));
+                                      textFromPath(path_)));
         }
     }
 
-    std::filesystem::path m_path;
-    std::ofstream m_stream;
-    std::vector<char> m_buffer;
+    std::filesystem::path path_;
+    std::ofstream stream_;
+    std::vector<char> buffer_;
 };
 
 } // namespace

@@ -1,7 +1,8 @@
 #include "program/scene/splat_layout.h"
 
-#include <algorithm>
 #include <fmt/format.h>
+
+#include <algorithm>
 #include <set>
 #include <string_view>
 
@@ -24,25 +25,25 @@ std::vector<std::string> recordProperties(bool hasCoefficients) {
 
 class LayoutCheck {
 public:
-    explicit LayoutCheck(const PlyElement& vertex) : m_vertex(vertex) {
+    explicit LayoutCheck(const PlyElement& vertex) : vertex_(vertex) {
         for (const PlyProperty& property : vertex.properties) {
-            m_names.insert(property.name);
-            m_coefficients += property.name.starts_with("f_rest_") ? 1 : 0;
+            names_.insert(property.name);
+            coefficients_ += property.name.starts_with("f_rest_") ? 1 : 0;
         }
     }
 
-    bool hasCoefficients() const { return m_coefficients > 0; }
+    bool hasCoefficients() const { return coefficients_ > 0; }
 
     std::optional<LayoutProblem> firstProblem() const {
         if (const std::string missing = missingSplatProperty(); !missing.empty()) {
             return LayoutProblem{
-                m_vertex.line,
+                vertex_.line,
                 fmt::format("not a splat file: the vertices have no property {}; convert the trained "
                             "splats, not points, a mesh or a packed file",
                             missing)};
         }
         const std::vector<std::string> expected = recordProperties(hasCoefficients());
-        const std::vector<PlyProperty>& found = m_vertex.properties;
+        const std::vector<PlyProperty>& found = vertex_.properties;
         for (std::size_t i = 0; i < std::min(expected.size(), found.size()); ++i) {
             if (auto problem = compare(i, found[i], expected[i])) {
                 return problem;
@@ -66,7 +67,7 @@ public:
 private:
     std::string missingSplatProperty() const {
         for (const char* name : {"f_dc_0", "opacity", "scale_0", "rot_0"}) {
-            if (!m_names.contains(name)) {
+            if (!names_.contains(name)) {
                 return name;
             }
         }
@@ -96,11 +97,11 @@ private:
 
     // What to do when `expected` stands elsewhere or nowhere.
     std::string nameAdvice(const std::string& found, const std::string& expected) const {
-        if (expected == "nx" && !m_names.contains("nx")) {
+        if (expected == "nx" && !names_.contains("nx")) {
             return " (no normals: export them, as zeros when there are none)";
         }
         const bool isAboutCoefficients = found.starts_with("f_rest_") || expected.starts_with("f_rest_");
-        if (m_names.contains(expected) && !(isAboutCoefficients && !layoutAdvice().empty())) {
+        if (names_.contains(expected) && !(isAboutCoefficients && !layoutAdvice().empty())) {
             return " (other order: export x y z, nx ny nz, f_dc, f_rest, opacity, scale, rot and nothing "
                    "between)";
         }
@@ -109,23 +110,23 @@ private:
 
     // Property counts that tell a degree: 3 * ((degree + 1)^2 - 1) coefficients.
     std::string layoutAdvice() const {
-        if (m_coefficients == 0 || m_coefficients == coefficientCount) {
+        if (coefficients_ == 0 || coefficients_ == coefficientCount) {
             return "";
         }
         for (std::size_t degree = 1; degree <= 4; ++degree) {
-            if (m_coefficients == 3 * ((degree + 1) * (degree + 1) - 1)) {
+            if (coefficients_ == 3 * ((degree + 1) * (degree + 1) - 1)) {
                 return fmt::format(
                     " ({} f_rest properties, spherical harmonics of degree {}: export with degree 3, "
                     "or with degree 0 and none)",
-                    m_coefficients, degree);
+                    coefficients_, degree);
             }
         }
-        return fmt::format(" ({} f_rest properties: export 45, or none)", m_coefficients);
+        return fmt::format(" ({} f_rest properties: export 45, or none)", coefficients_);
     }
 
-    const PlyElement& m_vertex;
-    std::set<std::string> m_names;
-    std::size_t m_coefficients = 0;
+    const PlyElement& vertex_;
+    std::set<std::string> names_;
+    std::size_t coefficients_ = 0;
 };
 
 } // namespace

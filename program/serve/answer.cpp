@@ -4,6 +4,7 @@
 
 #include <boost/beast/http/field.hpp>
 #include <fmt/format.h>
+
 #include <utility>
 
 namespace Tavrin::SplatProgram {
@@ -90,7 +91,7 @@ void setFile(Answer& answer, const Resource& resource, const RequestHead& reques
         asked = parseRange(valueOf(request, field::range), size);
     }
     answer.head.set(field::accept_ranges, "bytes");
-    if (asked.kind == RangeRequest::Kind::Outside) {
+    if (asked.kind == RangeRequest::Kind::outside) {
         answer.head.result(Status::range_not_satisfiable);
         answer.head.set(field::content_range, fmt::format("bytes */{}", size));
         answer.head.content_length(0);
@@ -98,7 +99,7 @@ void setFile(Answer& answer, const Resource& resource, const RequestHead& reques
     }
     answer.file = &resource;
     answer.range = {0, size};
-    if (asked.kind == RangeRequest::Kind::Part) {
+    if (asked.kind == RangeRequest::Kind::part) {
         answer.range = asked.range;
         answer.head.result(Status::partial_content);
         answer.head.set(field::content_range, fmt::format("bytes {}-{}/{}", asked.range.first,

@@ -6,6 +6,7 @@
 
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/message.hpp>
+
 #include <cstdint>
 #include <string>
 #include <string_view>

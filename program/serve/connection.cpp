@@ -1,11 +1,12 @@
 #include "program/serve/connection.h"
 
-#include <algorithm>
-#include <array>
 #include <boost/asio/write.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
+
+#include <algorithm>
+#include <array>
 #include <sstream>
 #include <utility>
 
@@ -19,12 +20,12 @@ namespace http = boost::beast::http;
 } // namespace
 
 bool ConnectionTable::admit(asio::ip::tcp::socket& socket) {
-    if (m_connections.size() >= m_limits.connections) {
+    if (connections_.size() >= limits_.connections) {
         const auto waitsLonger = [](const Connection* one, const Connection* other) {
             constexpr Connection::Clock::time_point never = Connection::Clock::time_point::max();
             return one->waitingSince().value_or(never) < other->waitingSince().value_or(never);
         };
-        Connection* const idlest = *std::ranges::min_element(m_connections, waitsLonger);
+        Connection* const idlest = *std::ranges::min_element(connections_, waitsLonger);
         if (!idlest->waitingSince()) {
             return false;
         }
@@ -35,36 +36,36 @@ bool ConnectionTable::admit(asio::ip::tcp::socket& socket) {
 }
 
 Connection::Connection(asio::ip::tcp::socket socket, ConnectionTable& table)
-    : m_stream(std::move(socket)), m_table(table), m_received(2 * table.limits().headBytes) {
-    m_table.add(*this);
+    : stream_(std::move(socket)), table_(table), received_(2 * table.limits().headBytes) {
+    table_.add(*this);
 }
 
 Connection::~Connection() {
-    m_table.remove(*this);
+    table_.remove(*this);
 }
 
 void Connection::close() {
-    m_stream.close();
-    m_table.remove(*this);
+    stream_.close();
+    table_.remove(*this);
 }
 
 // The time for a request begins when the former is answered: dribbling bytes do not prolong it.
 void Connection::readRequest() {
-    m_waitingSince = Clock::now();
-    m_parser.emplace();
-    m_parser->header_limit(static_cast<std::uint32_t>(m_table.limits().headBytes));
-    m_stream.expires_after(m_table.limits().requestTime);
+    waitingSince_ = Clock::now();
+    parser_.emplace();
+    parser_->header_limit(static_cast<std::uint32_t>(table_.limits().headBytes));
+    stream_.expires_after(table_.limits().requestTime);
     http::async_read_header(
-        m_stream, m_received, *m_parser,
+        stream_, received_, *parser_,
         [self = shared_from_this()](Error error, std::size_t) { self->onRequest(error); });
 }
 
 void Connection::onRequest(Error error) {
-    m_waitingSince.reset();
+    waitingSince_.reset();
     if (!error) {
-        const auto length = m_parser->content_length();
-        const bool hasBody = m_parser->chunked() || (length && *length > 0);
-        return send(answerTo(m_parser->get(), hasBody, m_table.content(), m_table.port()));
+        const auto length = parser_->content_length();
+        const bool hasBody = parser_->chunked() || (length && *length > 0);
+        return send(answerTo(parser_->get(), hasBody, table_.content(), table_.port()));
     }
     if (error == http::error::header_limit || error == http::error::buffer_overflow) {
         return send(refusal(Status::request_header_fields_too_large, "the request is too long", false));
@@ -78,36 +79,35 @@ void Connection::onRequest(Error error) {
 }
 
 void Connection::send(Answer answer) {
-    m_answer = std::move(answer);
-    m_left = m_answer.range;
-    if (m_answer.file != nullptr && !readChunk()) {
-        m_answer = changedAnswer(*m_answer.file);
+    answer_ = std::move(answer);
+    left_ = answer_.range;
+    if (answer_.file != nullptr && !readChunk()) {
+        answer_ = changedAnswer(*answer_.file);
     }
     std::ostringstream head;
-    head << m_answer.head.base();
-    m_head = head.str();
-    write(m_head,
-          m_answer.file != nullptr ? std::string_view(m_chunk.data(), m_chunk.size()) : m_answer.body());
+    head << answer_.head.base();
+    head_ = head.str();
+    write(head_, answer_.file != nullptr ? std::string_view(chunk_.data(), chunk_.size()) : answer_.body());
 }
 
 // The file is looked at after its bytes are read, so none of another content can be among them. False when it
 // is another, or cannot be read.
 bool Connection::readChunk() {
-    const StampedFile& file = *m_answer.file->file;
-    m_chunk.resize(std::min<std::uint64_t>(m_left.count, m_table.limits().chunkBytes));
-    if (!file.read(m_left.first, m_chunk.data(), m_chunk.size()) || !file.isUnchanged()) {
+    const StampedFile& file = *answer_.file->file;
+    chunk_.resize(std::min<std::uint64_t>(left_.count, table_.limits().chunkBytes));
+    if (!file.read(left_.first, chunk_.data(), chunk_.size()) || !file.isUnchanged()) {
         return false;
     }
-    m_left.first += m_chunk.size();
-    m_left.count -= m_chunk.size();
+    left_.first += chunk_.size();
+    left_.count -= chunk_.size();
     return true;
 }
 
 void Connection::write(std::string_view head, std::string_view body) {
-    m_stream.expires_after(m_table.limits().sendTime);
+    stream_.expires_after(table_.limits().sendTime);
     const std::array buffers = {asio::const_buffer(head.data(), head.size()),
                                 asio::const_buffer(body.data(), body.size())};
-    asio::async_write(m_stream, buffers,
+    asio::async_write(stream_, buffers,
                       [self = shared_from_this()](Error error, std::size_t) { self->onWritten(error); });
 }
 
@@ -115,21 +115,21 @@ void Connection::onWritten(Error error) {
     if (error) {
         return close();
     }
-    if (m_answer.file != nullptr && m_left.count > 0) {
+    if (answer_.file != nullptr && left_.count > 0) {
         // The length has been promised: an early end is the only way to say that the rest is not there any
         // more.
-        return readChunk() ? write({}, {m_chunk.data(), m_chunk.size()}) : close();
+        return readChunk() ? write({}, {chunk_.data(), chunk_.size()}) : close();
     }
-    m_answer.head.keep_alive() ? readRequest() : part();
+    answer_.head.keep_alive() ? readRequest() : part();
 }
 
 // A connection that is closed while the client still sends is reset, and the answer may be lost with it. So
 // the sending side is closed first, and what still comes is taken for a moment.
 void Connection::part() {
     Error ignored;
-    m_stream.socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
-    m_waitingSince = Clock::now();
-    m_stream.expires_after(m_table.limits().partingTime);
+    stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+    waitingSince_ = Clock::now();
+    stream_.expires_after(table_.limits().partingTime);
     constexpr std::size_t most = std::size_t{1}
                                  << 20; // a client that sends more is not listened to any longer
     discard(most);
@@ -137,11 +137,11 @@ void Connection::part() {
 
 void Connection::discard(std::size_t most) {
     constexpr std::size_t piece = 4096;
-    m_chunk.resize(piece);
-    m_stream.async_read_some(asio::buffer(m_chunk),
-                             [self = shared_from_this(), most](Error error, std::size_t count) {
-                                 error || count >= most ? self->close() : self->discard(most - count);
-                             });
+    chunk_.resize(piece);
+    stream_.async_read_some(asio::buffer(chunk_),
+                            [self = shared_from_this(), most](Error error, std::size_t count) {
+                                error || count >= most ? self->close() : self->discard(most - count);
+                            });
 }
 
 } // namespace Tavrin::SplatProgram

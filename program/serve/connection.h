@@ -9,6 +9,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -27,24 +28,24 @@ class ConnectionTable {
 public:
     // The content must outlive it.
     ConnectionTable(const Content& content, std::uint16_t port, const ServerLimits& limits)
-        : m_content(content), m_port(port), m_limits(limits) {}
+        : content_(content), port_(port), limits_(limits) {}
 
-    const Content& content() const { return m_content; }
-    std::uint16_t port() const { return m_port; }
-    const ServerLimits& limits() const { return m_limits; }
+    const Content& content() const { return content_; }
+    std::uint16_t port() const { return port_; }
+    const ServerLimits& limits() const { return limits_; }
 
     // Takes a client in. When all places are taken, the connection that has waited longest for a request
     // gives way. False when all are busy with answers.
     bool admit(boost::asio::ip::tcp::socket& socket);
 
-    void add(Connection& connection) { m_connections.insert(&connection); }
-    void remove(Connection& connection) { m_connections.erase(&connection); }
+    void add(Connection& connection) { connections_.insert(&connection); }
+    void remove(Connection& connection) { connections_.erase(&connection); }
 
 private:
-    const Content& m_content;
-    std::uint16_t m_port;
-    ServerLimits m_limits;
-    std::set<Connection*> m_connections;
+    const Content& content_;
+    std::uint16_t port_;
+    ServerLimits limits_;
+    std::set<Connection*> connections_;
 };
 
 // Reads requests and answers them one after the other, until either side ends it. It lives as long as an
@@ -62,7 +63,7 @@ public:
     void close();
 
     // Since when it has nothing to answer; nothing while it has.
-    const std::optional<Clock::time_point>& waitingSince() const { return m_waitingSince; }
+    const std::optional<Clock::time_point>& waitingSince() const { return waitingSince_; }
 
 private:
     using Error = boost::beast::error_code;
@@ -75,15 +76,15 @@ private:
     void part();
     void discard(std::size_t most);
 
-    boost::beast::tcp_stream m_stream;
-    ConnectionTable& m_table;
-    boost::beast::flat_buffer m_received;
-    std::optional<boost::beast::http::request_parser<boost::beast::http::empty_body>> m_parser;
-    std::optional<Clock::time_point> m_waitingSince;
-    Answer m_answer;
-    std::string m_head;        // of the answer, as it is sent
-    std::vector<char> m_chunk; // of the answer's file
-    ByteRange m_left;          // of the file, not yet read
+    boost::beast::tcp_stream stream_;
+    ConnectionTable& table_;
+    boost::beast::flat_buffer received_;
+    std::optional<boost::beast::http::request_parser<boost::beast::http::empty_body>> parser_;
+    std::optional<Clock::time_point> waitingSince_;
+    Answer answer_;
+    std::string head_;        // of the answer, as it is sent
+    std::vector<char> chunk_; // of the answer's file
+    ByteRange left_;          // of the file, not yet read
 };
 
 } // namespace Tavrin::SplatProgram

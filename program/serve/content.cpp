@@ -5,12 +5,13 @@
 #include "reader/format.h"
 #include "reader/verify.h"
 
-#include <array>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <zlib.h>
+
+#include <array>
 #include <system_error>
 #include <utility>
-#include <zlib.h>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -52,7 +53,7 @@ std::optional<StampedFile> openFile(const fs::path& path) {
     std::error_code error;
     std::optional<StampedFile> file = StampedFile::open(path, error);
     if (!file && error != std::errc::no_such_file_or_directory && error != std::errc::not_a_directory) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: cannot be opened: {}", textFromPath(path), error.message()));
     }
     return file;
@@ -63,7 +64,7 @@ std::optional<StampedFile> openFile(const fs::path& path) {
 void requireSoundDataset(const std::string& folder) {
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(pathFromText(folder));
     if (!report.sound()) {
-        throw Failure(ExitStatus::InputRefused,
+        throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)", folder,
                                   report.findings.errors().front().text()));
     }
@@ -80,15 +81,15 @@ Content Content::ofDatasets(const std::vector<std::string>& folders) {
 }
 
 const Resource* Content::find(std::string_view path) const {
-    const auto found = m_resources.find(path);
-    return found == m_resources.end() ? nullptr : &found->second;
+    const auto found = resources_.find(path);
+    return found == resources_.end() ? nullptr : &found->second;
 }
 
 void Content::addText(const std::string& path, std::string name, std::string type, std::string bytes,
                       std::string gzip) {
     std::string tag = tagOfBytes(bytes);
-    m_resources.emplace(path, Resource{std::move(name), std::move(type), std::move(tag), std::move(bytes),
-                                       std::move(gzip), std::nullopt});
+    resources_.emplace(path, Resource{std::move(name), std::move(type), std::move(tag), std::move(bytes),
+                                      std::move(gzip), std::nullopt});
 }
 
 // The files are opened first, checked by their names, and must then still be the ones of these names: another
@@ -105,18 +106,18 @@ void Content::addDataset(const std::string& folder, const std::string& base) {
             files[i] ? named == files[i]->stamp().identity && files[i]->isUnchanged() : !named;
         if (!isSame) {
             throw Failure(
-                ExitStatus::InputRefused,
+                ExitStatus::inputRefused,
                 fmt::format("{}: {} was replaced while it was checked: try again", folder, datasetFiles[i]));
         }
         if (files[i]) {
             std::string tag = tagOfFile(files[i]->stamp());
-            m_resources.emplace(base + std::string(datasetFiles[i]),
-                                Resource{fmt::format("{} of {}", datasetFiles[i], folder),
-                                         "application/octet-stream",
-                                         std::move(tag),
-                                         {},
-                                         {},
-                                         std::move(files[i])});
+            resources_.emplace(base + std::string(datasetFiles[i]),
+                               Resource{fmt::format("{} of {}", datasetFiles[i], folder),
+                                        "application/octet-stream",
+                                        std::move(tag),
+                                        {},
+                                        {},
+                                        std::move(files[i])});
         }
     }
 }

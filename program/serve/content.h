@@ -38,7 +38,7 @@ private:
                  std::string gzip = {});
     void addDataset(const std::string& folder, const std::string& base);
 
-    std::map<std::string, Resource, std::less<>> m_resources;
+    std::map<std::string, Resource, std::less<>> resources_;
 };
 
 // Throws a Failure (InputRefused) with the first finding of the quick check when the folder holds no sound

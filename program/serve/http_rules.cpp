@@ -1,8 +1,9 @@
 #include "program/serve/http_rules.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <charconv>
-#include <fmt/format.h>
 #include <limits>
 #include <system_error>
 
@@ -42,7 +43,7 @@ std::optional<std::uint64_t> parseNumber(std::string_view text) {
 }
 
 RangeRequest part(std::uint64_t first, std::uint64_t count) {
-    return {RangeRequest::Kind::Part, {first, count}};
+    return {RangeRequest::Kind::part, {first, count}};
 }
 
 // The weight of a coding: true unless it is zero.
@@ -60,7 +61,7 @@ bool hasWeight(std::string_view parameters) {
 
 RangeRequest parseRange(std::string_view field, std::uint64_t size) {
     constexpr RangeRequest whole = {};
-    constexpr RangeRequest outside = {RangeRequest::Kind::Outside, {}};
+    constexpr RangeRequest outside = {RangeRequest::Kind::outside, {}};
     if (field.find('=') == std::string_view::npos || !equalIgnoringCase(takeBefore(field, '='), "bytes")) {
         return whole;
     }

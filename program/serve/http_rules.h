@@ -16,12 +16,12 @@ struct ByteRange {
 // What a Range field asks for.
 struct RangeRequest {
     enum class Kind {
-        Whole, // nothing that this server gives parts for: another unit, several ranges, not well formed
-        Part,
-        Outside // no byte of the content is in it
+        whole, // nothing that this server gives parts for: another unit, several ranges, not well formed
+        part,
+        outside // no byte of the content is in it
     };
-    Kind kind = Kind::Whole;
-    ByteRange range; // of a Part, inside the content
+    Kind kind = Kind::whole;
+    ByteRange range; // of a part, inside the content
 };
 
 // Of content of `size` bytes.

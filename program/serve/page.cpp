@@ -3,9 +3,10 @@
 #include "program/serve/page_bytes.h"
 
 #include <fmt/format.h>
+#include <zlib.h>
+
 #include <stdexcept>
 #include <string_view>
-#include <zlib.h>
 
 namespace Tavrin::SplatProgram {
 namespace {

@@ -6,8 +6,9 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <chrono>
 #include <fmt/format.h>
+
+#include <chrono>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -47,7 +48,7 @@ tcp::acceptor listenAt(asio::io_context& context, const tcp::endpoint& place, Er
 [[noreturn]] void refusePort(std::uint16_t port, const Error& error) {
     const std::string what =
         error == asio::error::address_in_use ? "is in use" : "cannot be had: " + error.message();
-    throw Failure(ExitStatus::OutputRefused,
+    throw Failure(ExitStatus::outputRefused,
                   fmt::format("port {} {}: give another --port, or none to take a free one", port, what));
 }
 
@@ -135,20 +136,20 @@ void Server::State::turnWith(const std::function<bool()>& shouldEnd) {
 }
 
 Server::Server(const Content& content, std::uint16_t port, const ServerLimits& limits)
-    : m_state(std::make_unique<State>()) {
-    const std::uint16_t taken = m_state->listen(port);
-    m_state->table.emplace(content, taken, limits);
+    : state_(std::make_unique<State>()) {
+    const std::uint16_t taken = state_->listen(port);
+    state_->table.emplace(content, taken, limits);
 }
 
 Server::~Server() = default;
 
 std::uint16_t Server::port() const {
-    return m_state->table->port();
+    return state_->table->port();
 }
 
 void Server::run(const std::function<bool()>& shouldEnd) {
-    m_state->turnWith(shouldEnd);
-    m_state->context.run();
+    state_->turnWith(shouldEnd);
+    state_->context.run();
 }
 
 } // namespace Tavrin::SplatProgram

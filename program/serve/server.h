@@ -27,7 +27,7 @@ public:
 
 private:
     struct State;
-    std::unique_ptr<State> m_state;
+    std::unique_ptr<State> state_;
 };
 
 } // namespace Tavrin::SplatProgram

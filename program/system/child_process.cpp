@@ -13,8 +13,8 @@ constexpr std::size_t mostLines = 64;
 void LineCollector::take(std::string_view text) {
     while (!text.empty()) {
         const std::size_t end = std::min(text.find('\n'), text.size());
-        const std::size_t room = longestLine - std::min(longestLine, m_current.size());
-        m_current += text.substr(0, std::min(end, room));
+        const std::size_t room = longestLine - std::min(longestLine, current_.size());
+        current_ += text.substr(0, std::min(end, room));
         if (end == text.size()) {
             return;
         }
@@ -24,10 +24,10 @@ void LineCollector::take(std::string_view text) {
 }
 
 void LineCollector::finish() {
-    if (m_current.find_first_not_of(" \t\r") != std::string::npos && m_lines.size() < mostLines) {
-        m_lines.push_back(m_current.ends_with('\r') ? m_current.substr(0, m_current.size() - 1) : m_current);
+    if (current_.find_first_not_of(" \t\r") != std::string::npos && lines_.size() < mostLines) {
+        lines_.push_back(current_.ends_with('\r') ? current_.substr(0, current_.size() - 1) : current_);
     }
-    m_current.clear();
+    current_.clear();
 }
 
 } // namespace Tavrin::SplatProgram

@@ -17,11 +17,11 @@ public:
     void take(std::string_view text);
     // The line that no line feed ended counts too.
     void finish();
-    const std::vector<std::string>& lines() const { return m_lines; }
+    const std::vector<std::string>& lines() const { return lines_; }
 
 private:
-    std::string m_current;
-    std::vector<std::string> m_lines;
+    std::string current_;
+    std::vector<std::string> lines_;
 };
 
 // How a process ended.
@@ -55,7 +55,7 @@ public:
 
 private:
     struct State;
-    std::unique_ptr<State> m_state;
+    std::unique_ptr<State> state_;
 };
 
 } // namespace Tavrin::SplatProgram

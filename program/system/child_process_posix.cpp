@@ -4,12 +4,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
+#include <system_error>
+
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace Tavrin::SplatProgram {
@@ -102,7 +103,7 @@ struct ChildProcess::State {
     }
 };
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : m_state(std::make_unique<State>()) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : state_(std::make_unique<State>()) {
     std::string name = "plyconvert";
     std::vector<std::string> words = arguments;
     std::vector<char*> pointers = {name.data()};
@@ -111,26 +112,26 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : m_state(
     }
     pointers.push_back(nullptr);
     const pid_t parent = ::getpid();
-    m_state->process = ::fork();
-    if (m_state->process < 0) {
+    state_->process = ::fork();
+    if (state_->process < 0) {
         throwLastError("fork");
     }
-    if (m_state->process == 0) {
-        becomeChild(parent, m_state->output.write, m_state->error.write, pointers.data());
+    if (state_->process == 0) {
+        becomeChild(parent, state_->output.write, state_->error.write, pointers.data());
     }
-    Pipe::closeEnd(m_state->output.write);
-    Pipe::closeEnd(m_state->error.write);
+    Pipe::closeEnd(state_->output.write);
+    Pipe::closeEnd(state_->error.write);
 }
 
 ChildProcess::~ChildProcess() {
-    if (!m_state->hasEnded) {
-        ::kill(m_state->process, SIGKILL);
-        m_state->reap();
+    if (!state_->hasEnded) {
+        ::kill(state_->process, SIGKILL);
+        state_->reap();
     }
 }
 
 bool ChildProcess::waitFor(std::chrono::milliseconds patience) {
-    State& state = *m_state;
+    State& state = *state_;
     if (state.hasEnded) {
         return true;
     }
@@ -152,19 +153,19 @@ bool ChildProcess::waitFor(std::chrono::milliseconds patience) {
 }
 
 const ChildEnd& ChildProcess::end() const {
-    return m_state->end;
+    return state_->end;
 }
 
 const std::vector<std::string>& ChildProcess::outputLines() const {
-    return m_state->outputLines.lines();
+    return state_->outputLines.lines();
 }
 
 const std::vector<std::string>& ChildProcess::errorLines() const {
-    return m_state->errorLines.lines();
+    return state_->errorLines.lines();
 }
 
 std::optional<std::uint64_t> ChildProcess::bytesRead() const {
-    std::ifstream file("/proc/" + std::to_string(m_state->process) + "/io");
+    std::ifstream file("/proc/" + std::to_string(state_->process) + "/io");
     for (std::string word; file >> word;) {
         std::uint64_t number = 0;
         if (word == "rchar:" && file >> number) {

@@ -3,10 +3,12 @@
 #include "program/system/handle_windows.h"
 #include "program/system/text_windows.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
-#include <fmt/format.h>
 #include <system_error>
+
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {
@@ -112,7 +114,7 @@ struct ChildProcess::State {
     ChildEnd end;
 };
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : m_state(std::make_unique<State>()) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : state_(std::make_unique<State>()) {
     const std::wstring program = ownProgram();
     std::wstring line = L"plyconvert";
     for (const std::string& argument : arguments) {
@@ -125,9 +127,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : m_state(
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = nothing.get();
-    startup.hStdOutput = m_state->output.write.get();
-    startup.hStdError = m_state->error.write.get();
-    m_state->job = endingJob();
+    startup.hStdOutput = state_->output.write.get();
+    startup.hStdError = state_->error.write.get();
+    state_->job = endingJob();
     // What the child inherits: a crash ends it without a window that asks what to do.
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     // Without a console no Ctrl-C reaches it. It runs once it is in the job.
@@ -136,28 +138,28 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : m_state(
                         DETACHED_PROCESS | CREATE_SUSPENDED, nullptr, nullptr, &startup, &started)) {
         throwLastError("CreateProcess");
     }
-    m_state->process = Handle(started.hProcess);
+    state_->process = Handle(started.hProcess);
     const Handle thread(started.hThread);
-    if (!AssignProcessToJobObject(m_state->job.get(), started.hProcess) ||
+    if (!AssignProcessToJobObject(state_->job.get(), started.hProcess) ||
         ResumeThread(thread.get()) == static_cast<DWORD>(-1)) {
         const DWORD error = GetLastError();
         TerminateProcess(started.hProcess, 1);
         SetLastError(error);
         throwLastError("AssignProcessToJobObject");
     }
-    m_state->output.write.close();
-    m_state->error.write.close();
+    state_->output.write.close();
+    state_->error.write.close();
 }
 
 ChildProcess::~ChildProcess() {
-    if (!m_state->hasEnded) {
-        TerminateProcess(m_state->process.get(), 1);
-        WaitForSingleObject(m_state->process.get(), INFINITE);
+    if (!state_->hasEnded) {
+        TerminateProcess(state_->process.get(), 1);
+        WaitForSingleObject(state_->process.get(), INFINITE);
     }
 }
 
 bool ChildProcess::waitFor(std::chrono::milliseconds patience) {
-    State& state = *m_state;
+    State& state = *state_;
     if (state.hasEnded) {
         return true;
     }
@@ -183,21 +185,21 @@ bool ChildProcess::waitFor(std::chrono::milliseconds patience) {
 }
 
 const ChildEnd& ChildProcess::end() const {
-    return m_state->end;
+    return state_->end;
 }
 
 const std::vector<std::string>& ChildProcess::outputLines() const {
-    return m_state->outputLines.lines();
+    return state_->outputLines.lines();
 }
 
 const std::vector<std::string>& ChildProcess::errorLines() const {
-    return m_state->errorLines.lines();
+    return state_->errorLines.lines();
 }
 
 std::optional<std::uint64_t> ChildProcess::bytesRead() const {
     IO_COUNTERS counters = {};
-    return GetProcessIoCounters(m_state->process.get(), &counters) ? std::optional(counters.ReadTransferCount)
-                                                                   : std::nullopt;
+    return GetProcessIoCounters(state_->process.get(), &counters) ? std::optional(counters.ReadTransferCount)
+                                                                  : std::nullopt;
 }
 
 } // namespace Tavrin::SplatProgram

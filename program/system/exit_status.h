@@ -7,14 +7,14 @@ namespace Tavrin::SplatProgram {
 
 // What the program's exit status tells. Every path out of the program ends in one of these.
 enum class ExitStatus {
-    Done = 0,
-    Usage = 1,
-    InputRefused = 2,
-    OutputRefused = 3,
-    ConversionFailed = 4,
-    SplatsLeftOut = 5,
-    VerificationFailed = 6,
-    Interrupted = 130, // 128 + SIGINT, as shells report it
+    done = 0,
+    usage = 1,
+    inputRefused = 2,
+    outputRefused = 3,
+    conversionFailed = 4,
+    splatsLeftOut = 5,
+    verificationFailed = 6,
+    interrupted = 130, // 128 + SIGINT, as shells report it
 };
 
 // The table that every --help ends with.
@@ -31,11 +31,11 @@ inline constexpr const char* exitStatusTable = "Exit status:\n"
 // A failure that ends the command: one line that says what, where and what to do, and the exit status.
 class Failure : public std::runtime_error {
 public:
-    Failure(ExitStatus status, const std::string& line) : std::runtime_error(line), m_status(status) {}
-    ExitStatus status() const noexcept { return m_status; }
+    Failure(ExitStatus status, const std::string& line) : std::runtime_error(line), status_(status) {}
+    ExitStatus status() const noexcept { return status_; }
 
 private:
-    ExitStatus m_status;
+    ExitStatus status_;
 };
 
 } // namespace Tavrin::SplatProgram

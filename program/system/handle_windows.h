@@ -2,6 +2,7 @@
 #pragma once
 
 #include <utility>
+
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {
@@ -10,27 +11,27 @@ class Handle {
 public:
     Handle() = default;
     // Takes it over; functions of the system that fail give either a null handle or INVALID_HANDLE_VALUE.
-    explicit Handle(HANDLE handle) : m_handle(handle == INVALID_HANDLE_VALUE ? nullptr : handle) {}
-    Handle(Handle&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
+    explicit Handle(HANDLE handle) : handle_(handle == INVALID_HANDLE_VALUE ? nullptr : handle) {}
+    Handle(Handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
     Handle& operator=(Handle&& other) noexcept {
-        std::swap(m_handle, other.m_handle);
+        std::swap(handle_, other.handle_);
         return *this;
     }
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     ~Handle() { close(); }
 
-    explicit operator bool() const { return m_handle != nullptr; }
-    HANDLE get() const { return m_handle; }
-    HANDLE release() { return std::exchange(m_handle, nullptr); }
+    explicit operator bool() const { return handle_ != nullptr; }
+    HANDLE get() const { return handle_; }
+    HANDLE release() { return std::exchange(handle_, nullptr); }
     void close() {
-        if (m_handle != nullptr) {
-            CloseHandle(std::exchange(m_handle, nullptr));
+        if (handle_ != nullptr) {
+            CloseHandle(std::exchange(handle_, nullptr));
         }
     }
 
 private:
-    HANDLE m_handle = nullptr;
+    HANDLE handle_ = nullptr;
 };
 
 } // namespace Tavrin::SplatProgram

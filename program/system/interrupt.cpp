@@ -6,7 +6,7 @@ namespace Tavrin::SplatProgram {
 
 void throwIfInterrupted() {
     if (interrupted()) {
-        throw Failure(ExitStatus::Interrupted,
+        throw Failure(ExitStatus::interrupted,
                       "interrupted: nothing was published, what was written is removed");
     }
 }

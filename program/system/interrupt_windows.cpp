@@ -1,6 +1,7 @@
 #include "program/system/interrupt.h"
 
 #include <atomic>
+
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {

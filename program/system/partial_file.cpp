@@ -4,6 +4,7 @@
 #include "program/system/platform.h"
 
 #include <fmt/format.h>
+
 #include <system_error>
 
 namespace Tavrin::SplatProgram {
@@ -16,37 +17,37 @@ void checkTargetFile(const std::string& name, bool force) {
     const fs::file_status status = fs::symlink_status(target, ignored);
     // Renaming would put a file in place of a folder, a device or a link, which is never meant.
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: no plain file stands there: give the name of a file", name));
     }
     if (fs::exists(status) && !force) {
         throw Failure(
-            ExitStatus::OutputRefused,
+            ExitStatus::outputRefused,
             fmt::format("{}: the file is there already: give another name, or --force to replace it", name));
     }
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     if (!identityOf(folder) || !fs::is_directory(folder, ignored)) {
-        throw Failure(ExitStatus::OutputRefused,
+        throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: its folder does not exist: create it first", name));
     }
 }
 
 PartialFile::PartialFile(const fs::path& target)
-    : m_target(target), m_path(fs::path(target) += fmt::format(".partial-{}", ownProcessId())) {}
+    : target_(target), path_(fs::path(target) += fmt::format(".partial-{}", ownProcessId())) {}
 
 PartialFile::~PartialFile() {
     std::error_code ignored;
-    fs::remove(m_path, ignored);
+    fs::remove(path_, ignored);
 }
 
 void PartialFile::publish() {
-    std::error_code error = flushToDisk(m_path);
+    std::error_code error = flushToDisk(path_);
     if (!error) {
-        fs::rename(m_path, m_target, error);
+        fs::rename(path_, target_, error);
     }
     if (error) {
-        throw Failure(ExitStatus::OutputRefused, fmt::format("{}: the file cannot be put in place: {}",
-                                                             textFromPath(m_target), error.message()));
+        throw Failure(ExitStatus::outputRefused, fmt::format("{}: the file cannot be put in place: {}",
+                                                             textFromPath(target_), error.message()));
     }
 }
 

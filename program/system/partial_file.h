@@ -19,15 +19,15 @@ public:
     ~PartialFile();
 
     // To write to.
-    const std::filesystem::path& path() const { return m_path; }
+    const std::filesystem::path& path() const { return path_; }
 
     // Flushes it to the disk and gives it the target's name. Throws a Failure (OutputRefused) when that
     // fails.
     void publish();
 
 private:
-    std::filesystem::path m_target;
-    std::filesystem::path m_path;
+    std::filesystem::path target_;
+    std::filesystem::path path_;
 };
 
 } // namespace Tavrin::SplatProgram

@@ -77,10 +77,10 @@ public:
     ~LockFile();
 
 private:
-    LockFile(std::filesystem::path path, std::intptr_t handle) : m_path(std::move(path)), m_handle(handle) {}
+    LockFile(std::filesystem::path path, std::intptr_t handle) : path_(std::move(path)), handle_(handle) {}
 
-    std::filesystem::path m_path;
-    std::intptr_t m_handle;
+    std::filesystem::path path_;
+    std::intptr_t handle_;
 };
 
 // What a line feed of a text file becomes on the disk.
@@ -116,9 +116,9 @@ public:
 
 private:
     // Windows alone reads them.
-    [[maybe_unused]] unsigned m_codePage;  // of the terminal before; 0 without one
-    [[maybe_unused]] unsigned long m_mode; // of the terminal on standard error before
-    [[maybe_unused]] bool m_isModeSet;
+    [[maybe_unused]] unsigned codePage_;  // of the terminal before; 0 without one
+    [[maybe_unused]] unsigned long mode_; // of the terminal on standard error before
+    [[maybe_unused]] bool isModeSet_;
 };
 
 } // namespace Tavrin::SplatProgram

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <initializer_list>
 #include <limits>
+
 #include <sys/resource.h>
 #include <unistd.h>
 

@@ -5,8 +5,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <string_view>
+
+#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -124,8 +125,8 @@ std::unique_ptr<LockFile> LockFile::take(const std::filesystem::path& path, std:
 }
 
 LockFile::~LockFile() {
-    ::unlink(m_path.c_str());
-    ::close(static_cast<int>(m_handle));
+    ::unlink(path_.c_str());
+    ::close(static_cast<int>(handle_));
 }
 
 std::uint64_t lineEndBytes() {
@@ -168,7 +169,7 @@ unsigned terminalColumns() {
     return usual;
 }
 
-TerminalText::TerminalText() : m_codePage(0), m_mode(0), m_isModeSet(false) {}
+TerminalText::TerminalText() : codePage_(0), mode_(0), isModeSet_(false) {}
 
 TerminalText::~TerminalText() = default;
 

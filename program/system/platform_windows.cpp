@@ -4,6 +4,7 @@
 #include "program/system/text_windows.h"
 
 #include <algorithm>
+
 #include <windows.h>
 // Needs the former.
 #include <shellapi.h>
@@ -170,7 +171,7 @@ std::unique_ptr<LockFile> LockFile::take(const fs::path& path, std::error_code& 
 }
 
 LockFile::~LockFile() {
-    const Handle handle(reinterpret_cast<HANDLE>(m_handle));
+    const Handle handle(reinterpret_cast<HANDLE>(handle_));
     FILE_DISPOSITION_INFO removal = {};
     removal.DeleteFile = TRUE;
     SetFileInformationByHandle(handle.get(), FileDispositionInfo, &removal, sizeof removal);
@@ -254,21 +255,21 @@ unsigned terminalColumns() {
     return columns > 1 ? static_cast<unsigned>(columns) : usual;
 }
 
-TerminalText::TerminalText() : m_codePage(GetConsoleOutputCP()), m_mode(0), m_isModeSet(false) {
-    if (m_codePage != 0) {
+TerminalText::TerminalText() : codePage_(GetConsoleOutputCP()), mode_(0), isModeSet_(false) {
+    if (codePage_ != 0) {
         SetConsoleOutputCP(CP_UTF8);
     }
     const HANDLE terminal = GetStdHandle(STD_ERROR_HANDLE);
-    m_isModeSet = GetConsoleMode(terminal, &m_mode) &&
-                  SetConsoleMode(terminal, m_mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    isModeSet_ = GetConsoleMode(terminal, &mode_) &&
+                 SetConsoleMode(terminal, mode_ | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
 }
 
 TerminalText::~TerminalText() {
-    if (m_codePage != 0) {
-        SetConsoleOutputCP(m_codePage);
+    if (codePage_ != 0) {
+        SetConsoleOutputCP(codePage_);
     }
-    if (m_isModeSet) {
-        SetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), m_mode);
+    if (isModeSet_) {
+        SetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), mode_);
     }
 }
 

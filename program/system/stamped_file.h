@@ -28,14 +28,14 @@ public:
 
     StampedFile(StampedFile&& other) noexcept;
     StampedFile& operator=(StampedFile&& other) noexcept {
-        std::swap(m_handle, other.m_handle);
-        std::swap(m_stamp, other.m_stamp);
+        std::swap(handle_, other.handle_);
+        std::swap(stamp_, other.stamp_);
         return *this;
     }
     ~StampedFile();
 
     // When it was opened.
-    const Stamp& stamp() const { return m_stamp; }
+    const Stamp& stamp() const { return stamp_; }
 
     // The file still has that stamp.
     bool isUnchanged() const;
@@ -45,10 +45,10 @@ public:
     bool read(std::uint64_t offset, char* target, std::size_t count) const;
 
 private:
-    StampedFile(std::intptr_t handle, const Stamp& stamp) : m_handle(handle), m_stamp(stamp) {}
+    StampedFile(std::intptr_t handle, const Stamp& stamp) : handle_(handle), stamp_(stamp) {}
 
-    std::intptr_t m_handle;
-    Stamp m_stamp;
+    std::intptr_t handle_;
+    Stamp stamp_;
 };
 
 } // namespace Tavrin::SplatProgram

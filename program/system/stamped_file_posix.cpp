@@ -1,10 +1,11 @@
 #include "program/system/stamped_file.h"
 
 #include <cerrno>
+#include <utility>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -44,21 +45,21 @@ std::optional<StampedFile> StampedFile::open(const std::filesystem::path& path, 
 }
 
 StampedFile::StampedFile(StampedFile&& other) noexcept
-    : m_handle(std::exchange(other.m_handle, noHandle)), m_stamp(other.m_stamp) {}
+    : handle_(std::exchange(other.handle_, noHandle)), stamp_(other.stamp_) {}
 
 StampedFile::~StampedFile() {
-    if (m_handle != noHandle) {
-        ::close(static_cast<int>(m_handle));
+    if (handle_ != noHandle) {
+        ::close(static_cast<int>(handle_));
     }
 }
 
 bool StampedFile::isUnchanged() const {
-    return stampOf(m_handle) == m_stamp;
+    return stampOf(handle_) == stamp_;
 }
 
 bool StampedFile::read(std::uint64_t offset, char* target, std::size_t count) const {
     while (count > 0) {
-        const ssize_t got = ::pread(static_cast<int>(m_handle), target, count, static_cast<off_t>(offset));
+        const ssize_t got = ::pread(static_cast<int>(handle_), target, count, static_cast<off_t>(offset));
         if (got < 0 && errno == EINTR) {
             continue;
         }

@@ -1,8 +1,10 @@
-#include "program/system/handle_windows.h"
 #include "program/system/stamped_file.h"
+
+#include "program/system/handle_windows.h"
 
 #include <algorithm>
 #include <utility>
+
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {
@@ -47,16 +49,16 @@ std::optional<StampedFile> StampedFile::open(const std::filesystem::path& path, 
 }
 
 StampedFile::StampedFile(StampedFile&& other) noexcept
-    : m_handle(std::exchange(other.m_handle, 0)), m_stamp(other.m_stamp) {}
+    : handle_(std::exchange(other.handle_, 0)), stamp_(other.stamp_) {}
 
 StampedFile::~StampedFile() {
-    if (m_handle != 0) {
-        CloseHandle(handleOf(m_handle));
+    if (handle_ != 0) {
+        CloseHandle(handleOf(handle_));
     }
 }
 
 bool StampedFile::isUnchanged() const {
-    return stampOf(handleOf(m_handle)) == m_stamp;
+    return stampOf(handleOf(handle_)) == stamp_;
 }
 
 bool StampedFile::read(std::uint64_t offset, char* target, std::size_t count) const {
@@ -66,7 +68,7 @@ bool StampedFile::read(std::uint64_t offset, char* target, std::size_t count) co
         place.Offset = static_cast<DWORD>(offset);
         place.OffsetHigh = static_cast<DWORD>(offset >> wordBits);
         DWORD got = 0;
-        if (!ReadFile(handleOf(m_handle), target, static_cast<DWORD>(std::min(count, mostBytes)), &got,
+        if (!ReadFile(handleOf(handle_), target, static_cast<DWORD>(std::min(count, mostBytes)), &got,
                       &place) ||
             got == 0) {
             return false;

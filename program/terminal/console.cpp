@@ -1,7 +1,8 @@
 #include "program/terminal/console.h"
 
-#include <cstdio>
 #include <fmt/format.h>
+
+#include <cstdio>
 
 namespace Tavrin::SplatProgram {
 

@@ -1,8 +1,9 @@
 #include "program/terminal/figures.h"
 
+#include <fmt/format.h>
+
 #include <array>
 #include <cmath>
-#include <fmt/format.h>
 
 namespace Tavrin::SplatProgram {
 

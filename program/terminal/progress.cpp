@@ -3,10 +3,11 @@
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <fmt/format.h>
 #include <numeric>
 
 namespace Tavrin::SplatProgram {
@@ -43,9 +44,9 @@ double partBefore(Stage stage) {
 
 void Progress::update(Stage stage, std::optional<double> share) {
     const double now = seconds();
-    if (stage != m_stage) {
-        m_stage = stage;
-        m_stageStart = now;
+    if (stage != stage_) {
+        stage_ = stage;
+        stageStart_ = now;
     }
     if (isDue()) {
         show(stages[static_cast<std::size_t>(stage)].name, share, secondsLeft(share, now));
@@ -62,10 +63,10 @@ void Progress::update(std::string_view task, double share) {
 
 bool Progress::isDue() {
     const Clock::time_point now = Clock::now();
-    if (!m_shown || (m_lastUpdate && now - *m_lastUpdate < leastInterval)) {
+    if (!shown_ || (lastUpdate_ && now - *lastUpdate_ < leastInterval)) {
         return false;
     }
-    m_lastUpdate = now;
+    lastUpdate_ = now;
     return true;
 }
 
@@ -82,8 +83,8 @@ void Progress::show(std::string_view name, std::optional<double> share, std::opt
 }
 
 std::optional<double> Progress::secondsLeft(std::optional<double> share, double now) const {
-    const double before = partBefore(m_stage);
-    const double part = stages[static_cast<std::size_t>(m_stage)].part;
+    const double before = partBefore(stage_);
+    const double part = stages[static_cast<std::size_t>(stage_)].part;
     if (share) {
         const double done = before + part * std::clamp(*share, 0.0, 1.0);
         return done < leastDone ? std::nullopt : std::optional(now * (1.0 - done) / done);
@@ -92,18 +93,18 @@ std::optional<double> Progress::secondsLeft(std::optional<double> share, double 
         return std::nullopt;
     }
     // How far a stage without a share is, the time it has taken tells, until that exceeds its part.
-    const double whole = m_stageStart / before;
-    return whole * (1.0 - before) - std::min(now - m_stageStart, whole * part);
+    const double whole = stageStart_ / before;
+    return whole * (1.0 - before) - std::min(now - stageStart_, whole * part);
 }
 
 void Progress::clear() {
-    if (m_lineLength > 0) {
+    if (lineLength_ > 0) {
         write("");
     }
 }
 
 double Progress::seconds() const {
-    return std::chrono::duration<double>(Clock::now() - m_start).count();
+    return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
 // The cursor rests on the first column. A terminal that becomes narrower may break the line in two, and then
@@ -114,14 +115,14 @@ void Progress::write(std::string line) {
     line.resize(std::min(line.size(), room));
     const std::size_t length = line.size();
     if (!standardErrorTakesSequences()) {
-        line.append(std::min(std::max(m_lineLength, length), room) - length, ' ');
+        line.append(std::min(std::max(lineLength_, length), room) - length, ' ');
         line = fmt::format("\r{}\r", line);
     } else {
         // Erasing comes last: some terminals keep what they show when they are told to erase all of it.
         line = fmt::format("\r{}{}{}{}\r", wrapOff, line.empty() ? " " : line, eraseBelow, wrapOn);
     }
     std::fwrite(line.data(), 1, line.size(), stderr);
-    m_lineLength = length;
+    lineLength_ = length;
 }
 
 } // namespace Tavrin::SplatProgram

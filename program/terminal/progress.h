@@ -9,19 +9,19 @@
 namespace Tavrin::SplatProgram {
 
 // What a conversion does, in this order.
-enum class Stage { Checking, Measuring, Reading, Grouping, Writing, Verifying, Flushing };
+enum class Stage { checking, measuring, reading, grouping, writing, verifying, flushing };
 
 // One line on standard error that is written over, at most six times a second: stage, percentage, time
 // elapsed and time left.
 class Progress {
 public:
     // Shows nothing unless `shown`.
-    explicit Progress(bool shown) : m_shown(shown), m_start(Clock::now()) {}
+    explicit Progress(bool shown) : shown_(shown), start_(Clock::now()) {}
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
     ~Progress() { clear(); }
 
-    bool shown() const { return m_shown; }
+    bool shown() const { return shown_; }
 
     // `share` of the stage that is done, 0 to 1; nothing where that is not known.
     void update(Stage stage, std::optional<double> share = {});
@@ -45,12 +45,12 @@ private:
     void show(std::string_view name, std::optional<double> share, std::optional<double> left);
     void write(std::string line);
 
-    bool m_shown;
-    Clock::time_point m_start;
-    std::optional<Clock::time_point> m_lastUpdate;
-    Stage m_stage = Stage::Checking;
-    double m_stageStart = 0.0;    // seconds since the start
-    std::size_t m_lineLength = 0; // of what stands on the terminal
+    bool shown_;
+    Clock::time_point start_;
+    std::optional<Clock::time_point> lastUpdate_;
+    Stage stage_ = Stage::checking;
+    double stageStart_ = 0.0;    // seconds since the start
+    std::size_t lineLength_ = 0; // of what stands on the terminal
 };
 
 } // namespace Tavrin::SplatProgram

@@ -8,12 +8,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fstream>
 #include <map>
-#include <pthread.h>
 #include <stdexcept>
 #include <string_view>
+
+#include <dlfcn.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>

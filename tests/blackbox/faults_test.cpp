@@ -5,8 +5,9 @@
 #if defined(__linux__)
 
 #include <csignal>
-#include <sys/mount.h>
 #include <system_error>
+
+#include <sys/mount.h>
 #include <unistd.h>
 
 namespace blackbox {

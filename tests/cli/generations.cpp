@@ -31,7 +31,7 @@ public:
         Moves& moves = moves_[attribute];
         const std::uint32_t distance = before > after ? before - after : after - before;
         ++moves.values;
-        moves.moved += distance > 0 ? 1U : 0U;
+        moves.moved += distance > 0 ? 1u : 0u;
         moves.farthest = std::max(moves.farthest, distance);
     }
 

@@ -14,11 +14,12 @@
 
 #include <cstdio>
 #include <exception>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
+
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {

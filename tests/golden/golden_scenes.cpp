@@ -57,7 +57,7 @@ const std::vector<Scene>& goldenScenes() {
         Scene grouped{"grid_coefficients", true, withCoefficients(1'000'001, 6)};
         grouped.options.extentX = 90.0; // both extents below 100 units
         grouped.options.extentY = 70.0;
-        grouped.options.order = scenes::Order::Grouped;
+        grouped.options.order = scenes::Order::grouped;
         Scene twoBlocks{"two_blocks_plain", true, plain(2'000'001, 7)};
         twoBlocks.options.normals = true;
         Scene threeBlocks{"three_blocks_plain", true, plain(4'000'001, 8)};

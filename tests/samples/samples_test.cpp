@@ -23,11 +23,11 @@ using namespace Tavrin::SplatReader;
 
 // What the library makes of a file.
 enum class Outcome {
-    Sound,   // a dataset without any finding of the reader
-    Foreign, // a dataset of the bytes as they are read: the records have another layout than the two that the
+    sound,   // a dataset without any finding of the reader
+    foreign, // a dataset of the bytes as they are read: the records have another layout than the two that the
              // library knows, or there are none, so positions and attributes mean nothing
-    Refused, // no splat file: result -1
-    Empty,   // no splats: the process ends
+    refused, // no splat file: result -1
+    empty,   // no splats: the process ends
 };
 
 struct Sample {
@@ -42,75 +42,75 @@ void PrintTo(const Sample& sample, std::ostream* stream) {
 }
 
 constexpr Sample sceneSamples[] = {
-    {"real_61849_sh3_62f_trained_here.ply", Outcome::Sound, 61849, true},
-    {"real_116549_sh3_62f_from_spz.ply", Outcome::Sound, 116549, true},
-    {"real_1000001_nosh_14f.ply", Outcome::Foreign, 1000001, false},
-    {"real_31000_sh2_41f.ply", Outcome::Foreign, 31000, true},
-    {"real_58649_nosh_17f.ply", Outcome::Sound, 58649, false},
-    {"native_9080_sh3_62f.ply", Outcome::Sound, 9080, true},
-    {"native_8192_brush_leica_59f.ply", Outcome::Foreign, 8192, true},
-    {"native_8192_brush_yashica_59f.ply", Outcome::Foreign, 8192, true},
-    {"real_8192_sh3_62f_scaniverse.ply", Outcome::Sound, 8192, true},
-    {"small/native_1000_train_62f.ply", Outcome::Sound, 1000, true},
-    {"small/native_100_trailing_bytes_62f.ply", Outcome::Sound, 100, true},
-    {"small/native_3_train_62f.ply", Outcome::Sound, 3, true},
-    {"small/packed_64_chunk_vertex_sh.ply", Outcome::Refused},
-    {"small/synthetic_9_opacity_inf_62f.ply", Outcome::Sound, 9, true},
-    {"small/synthetic_16_opacity_100_62f.ply", Outcome::Sound, 16, true},
-    {"small/not_splat_sfm_points_25784.ply", Outcome::Refused},
-    {"small/not_splat_mesh.ply", Outcome::Refused},
+    {"real_61849_sh3_62f_trained_here.ply", Outcome::sound, 61849, true},
+    {"real_116549_sh3_62f_from_spz.ply", Outcome::sound, 116549, true},
+    {"real_1000001_nosh_14f.ply", Outcome::foreign, 1000001, false},
+    {"real_31000_sh2_41f.ply", Outcome::foreign, 31000, true},
+    {"real_58649_nosh_17f.ply", Outcome::sound, 58649, false},
+    {"native_9080_sh3_62f.ply", Outcome::sound, 9080, true},
+    {"native_8192_brush_leica_59f.ply", Outcome::foreign, 8192, true},
+    {"native_8192_brush_yashica_59f.ply", Outcome::foreign, 8192, true},
+    {"real_8192_sh3_62f_scaniverse.ply", Outcome::sound, 8192, true},
+    {"small/native_1000_train_62f.ply", Outcome::sound, 1000, true},
+    {"small/native_100_trailing_bytes_62f.ply", Outcome::sound, 100, true},
+    {"small/native_3_train_62f.ply", Outcome::sound, 3, true},
+    {"small/packed_64_chunk_vertex_sh.ply", Outcome::refused},
+    {"small/synthetic_9_opacity_inf_62f.ply", Outcome::sound, 9, true},
+    {"small/synthetic_16_opacity_100_62f.ply", Outcome::sound, 16, true},
+    {"small/not_splat_sfm_points_25784.ply", Outcome::refused},
+    {"small/not_splat_mesh.ply", Outcome::refused},
 };
 
 // The last element line gives the count, whatever it counts; records that are not there are zeros.
 constexpr Sample headerSamples[] = {
-    {"headers/fixture_01_degree-1-sh.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_02_degree-2-sh.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_03_reordered-properties.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_04_degree-4-sh.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_05_sh-count-not-rgb.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_06_sh-invalid-degree.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_07_non-contiguous-sh.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_08_duplicate-sh-index.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_09_invalid-sh-name.txt", Outcome::Foreign, 1, true},
-    {"headers/fixture_10_missing-opacity.txt", Outcome::Refused},
-    {"headers/fixture_11_list-property.txt", Outcome::Refused}, // a list has more than three words
-    {"headers/fixture_12_empty-vertex.txt", Outcome::Empty},
-    {"headers/fixture_13_out-of-range-double.txt", Outcome::Foreign, 1, false},
-    {"headers/geo_01_comments_before_element_lf.txt", Outcome::Foreign, 1048576, true},
-    {"headers/geo_02_comments_between_element_and_property_lf.txt", Outcome::Foreign, 16, true},
-    {"headers/geo_03_crlf_everywhere.txt", Outcome::Foreign, 16, false},
-    {"headers/geo_04_crlf_but_end_header.txt", Outcome::Foreign, 16, true},
-    {"headers/quoted_01_supersplat_sh0_14floats.txt", Outcome::Foreign, 1656760, false},
-    {"headers/quoted_02_worldgen_sh0_17floats.txt", Outcome::Foreign, 1280000, false},
-    {"headers/quoted_03_supersplat262_compressed_sh.txt", Outcome::Refused},
-    {"headers/quoted_04_not_splat_geomagic_crlf.txt", Outcome::Refused},
-    {"headers/quoted_05_graphdeco_66290.txt", Outcome::Foreign, 66290, true},
-    {"headers/quoted_06_brush_bench_order.txt", Outcome::Foreign, 100000, true},
-    {"headers/real_01_graphdeco_sh3_62floats.txt", Outcome::Foreign, 9080, true},
-    {"headers/real_02_brush_v030_sh3_alphabetical.txt", Outcome::Foreign, 8192, true},
-    {"headers/real_03_graphdeco_train_first1000.txt", Outcome::Foreign, 1000, true},
-    {"headers/real_04_graphdeco_trailing_bytes.txt", Outcome::Foreign, 100, true},
-    {"headers/real_05_graphdeco_3points.txt", Outcome::Foreign, 3, true},
-    {"headers/real_06_compressed_chunk_supersplat271.txt", Outcome::Refused},
-    {"headers/real_07_compressed_chunk_vertex_sh_uchar.txt", Outcome::Refused},
-    {"headers/real_08_not_splat_sfm_points_uchar_rgb.txt", Outcome::Refused},
-    {"headers/real_09_not_splat_obj_info_cloudcompare.txt", Outcome::Refused},
-    {"headers/real_10_not_splat_mesh_face_list.txt", Outcome::Refused},
-    {"headers/real_11_not_splat_open3d_ascii_splatname.txt", Outcome::Refused},
-    {"headers/real_12_not_splat_vcg_mixed_types.txt", Outcome::Refused},
-    {"headers/tool_01_nerfstudio_sh3.txt", Outcome::Foreign, 1001111, true},
-    {"headers/tool_02_nerfstudio_sh2.txt", Outcome::Foreign, 205821, true},
-    {"headers/tool_03_nerfstudio_sh1.txt", Outcome::Foreign, 205821, true},
-    {"headers/tool_04_nerfstudio_rgb_uchar.txt", Outcome::Refused}, // colours are bytes, no f_dc_0
-    {"headers/tool_05_gsplat_sh3_no_normals.txt", Outcome::Foreign, 138766, true},
-    {"headers/tool_06_brush_current_sh3.txt", Outcome::Foreign, 566820, true},
-    {"headers/tool_07_brush_current_sh0.txt", Outcome::Foreign, 4096, false},
-    {"headers/tool_08_brush_current_sh4_72rest.txt", Outcome::Foreign, 4096, true},
-    {"headers/tool_09_sharp_extra_elements_after.txt", Outcome::Foreign, 3, false}, // element version 3
-    {"headers/tool_10_ios_sharp_extra_elements_ascii.txt", Outcome::Foreign, 16,
+    {"headers/fixture_01_degree-1-sh.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_02_degree-2-sh.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_03_reordered-properties.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_04_degree-4-sh.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_05_sh-count-not-rgb.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_06_sh-invalid-degree.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_07_non-contiguous-sh.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_08_duplicate-sh-index.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_09_invalid-sh-name.txt", Outcome::foreign, 1, true},
+    {"headers/fixture_10_missing-opacity.txt", Outcome::refused},
+    {"headers/fixture_11_list-property.txt", Outcome::refused}, // a list has more than three words
+    {"headers/fixture_12_empty-vertex.txt", Outcome::empty},
+    {"headers/fixture_13_out-of-range-double.txt", Outcome::foreign, 1, false},
+    {"headers/geo_01_comments_before_element_lf.txt", Outcome::foreign, 1048576, true},
+    {"headers/geo_02_comments_between_element_and_property_lf.txt", Outcome::foreign, 16, true},
+    {"headers/geo_03_crlf_everywhere.txt", Outcome::foreign, 16, false},
+    {"headers/geo_04_crlf_but_end_header.txt", Outcome::foreign, 16, true},
+    {"headers/quoted_01_supersplat_sh0_14floats.txt", Outcome::foreign, 1656760, false},
+    {"headers/quoted_02_worldgen_sh0_17floats.txt", Outcome::foreign, 1280000, false},
+    {"headers/quoted_03_supersplat262_compressed_sh.txt", Outcome::refused},
+    {"headers/quoted_04_not_splat_geomagic_crlf.txt", Outcome::refused},
+    {"headers/quoted_05_graphdeco_66290.txt", Outcome::foreign, 66290, true},
+    {"headers/quoted_06_brush_bench_order.txt", Outcome::foreign, 100000, true},
+    {"headers/real_01_graphdeco_sh3_62floats.txt", Outcome::foreign, 9080, true},
+    {"headers/real_02_brush_v030_sh3_alphabetical.txt", Outcome::foreign, 8192, true},
+    {"headers/real_03_graphdeco_train_first1000.txt", Outcome::foreign, 1000, true},
+    {"headers/real_04_graphdeco_trailing_bytes.txt", Outcome::foreign, 100, true},
+    {"headers/real_05_graphdeco_3points.txt", Outcome::foreign, 3, true},
+    {"headers/real_06_compressed_chunk_supersplat271.txt", Outcome::refused},
+    {"headers/real_07_compressed_chunk_vertex_sh_uchar.txt", Outcome::refused},
+    {"headers/real_08_not_splat_sfm_points_uchar_rgb.txt", Outcome::refused},
+    {"headers/real_09_not_splat_obj_info_cloudcompare.txt", Outcome::refused},
+    {"headers/real_10_not_splat_mesh_face_list.txt", Outcome::refused},
+    {"headers/real_11_not_splat_open3d_ascii_splatname.txt", Outcome::refused},
+    {"headers/real_12_not_splat_vcg_mixed_types.txt", Outcome::refused},
+    {"headers/tool_01_nerfstudio_sh3.txt", Outcome::foreign, 1001111, true},
+    {"headers/tool_02_nerfstudio_sh2.txt", Outcome::foreign, 205821, true},
+    {"headers/tool_03_nerfstudio_sh1.txt", Outcome::foreign, 205821, true},
+    {"headers/tool_04_nerfstudio_rgb_uchar.txt", Outcome::refused}, // colours are bytes, no f_dc_0
+    {"headers/tool_05_gsplat_sh3_no_normals.txt", Outcome::foreign, 138766, true},
+    {"headers/tool_06_brush_current_sh3.txt", Outcome::foreign, 566820, true},
+    {"headers/tool_07_brush_current_sh0.txt", Outcome::foreign, 4096, false},
+    {"headers/tool_08_brush_current_sh4_72rest.txt", Outcome::foreign, 4096, true},
+    {"headers/tool_09_sharp_extra_elements_after.txt", Outcome::foreign, 3, false}, // element version 3
+    {"headers/tool_10_ios_sharp_extra_elements_ascii.txt", Outcome::foreign, 16,
      false}, // element extrinsic 16
-    {"headers/tool_13_mip_filter3d.txt", Outcome::Foreign, 559263, true},
-    {"headers/tool_14_ascii_double_with_uint_ids.txt", Outcome::Foreign, 2, false},
+    {"headers/tool_13_mip_filter3d.txt", Outcome::foreign, 559263, true},
+    {"headers/tool_14_ascii_double_with_uint_ids.txt", Outcome::foreign, 2, false},
 };
 
 const fs::path samplesFolder = PLYCONVERT_SAMPLES;
@@ -169,20 +169,20 @@ TEST_P(Samples, GiveTheOutcomeInTheTable) {
     ASSERT_EQ(report.calls.size(), 1u) << report.childFailure;
     const support::CallReport& call = report.calls.front();
     switch (sample.outcome) {
-    case Outcome::Sound:
-    case Outcome::Foreign:
+    case Outcome::sound:
+    case Outcome::foreign:
         ASSERT_EQ(call.result, 0) << call.what << report.process.output;
         expectReference();
-        if (sample.outcome == Outcome::Sound) {
+        if (sample.outcome == Outcome::sound) {
             expectSound();
         }
         break;
-    case Outcome::Refused:
+    case Outcome::refused:
         EXPECT_EQ(call.result, -1);
         EXPECT_EQ(report.process.output, "");
         EXPECT_FALSE(fs::exists(output));
         break;
-    case Outcome::Empty:
+    case Outcome::empty:
         EXPECT_FALSE(call.result.has_value());
         EXPECT_EQ(report.process.status, 255);
         EXPECT_THAT(report.process.output, testing::HasSubstr("cannot GET lod0 data\n"));

@@ -15,7 +15,7 @@ constexpr std::uint64_t largest = UINT64_MAX;
 
 void expectPart(const std::string& field, std::uint64_t size, std::uint64_t first, std::uint64_t count) {
     const RangeRequest request = parseRange(field, size);
-    EXPECT_EQ(request.kind, Kind::Part) << field;
+    EXPECT_EQ(request.kind, Kind::part) << field;
     EXPECT_EQ(request.range.first, first) << field;
     EXPECT_EQ(request.range.count, count) << field;
 }
@@ -39,10 +39,10 @@ TEST(HttpRules, ARangeIsCutToTheContent) {
 TEST(HttpRules, ARangeBehindTheContentIsOutside) {
     for (const char* const field : {"bytes=10-", "bytes=10-10", "bytes=11-20", "bytes=-0",
                                     "bytes=99999999999999999999999999-", "bytes=18446744073709551615-"}) {
-        EXPECT_EQ(parseRange(field, 10).kind, Kind::Outside) << field;
+        EXPECT_EQ(parseRange(field, 10).kind, Kind::outside) << field;
     }
     for (const char* const field : {"bytes=0-", "bytes=0-0", "bytes=-1", "bytes=-0"}) {
-        EXPECT_EQ(parseRange(field, 0).kind, Kind::Outside) << field;
+        EXPECT_EQ(parseRange(field, 0).kind, Kind::outside) << field;
     }
 }
 
@@ -52,7 +52,7 @@ TEST(HttpRules, WhatIsNoSingleRangeIsTheWhole) {
           "bytes=1-b",  "bytes=5-4",  "bytes=1-2,4-5", "bytes=0-0,",  "bytes=--1",   "bytes=-1-",
           "bytes=1--2", "bytes=+1-2", "bytes=0x1-2",   "bytes=1 - 2", "bytes=1.0-2", "bytes: 1-2",
           "items=1-2",  "=1-2",       "bytes==1-2",    "1-2"}) {
-        EXPECT_EQ(parseRange(field, 10).kind, Kind::Whole) << field;
+        EXPECT_EQ(parseRange(field, 10).kind, Kind::whole) << field;
     }
 }
 

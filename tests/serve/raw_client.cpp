@@ -1,10 +1,11 @@
 #include "tests/serve/raw_client.h"
 
-#include <arpa/inet.h>
 #include <array>
 #include <cerrno>
-#include <netinet/in.h>
 #include <stdexcept>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -41,15 +42,15 @@ std::string lowered(std::string text) {
 
 } // namespace
 
-Connection::Connection(std::uint16_t port, bool six) : m_port(port), m_socket(connectTo(port, six)) {}
+Connection::Connection(std::uint16_t port, bool six) : port_(port), socket_(connectTo(port, six)) {}
 
 Connection::~Connection() {
-    ::close(m_socket);
+    ::close(socket_);
 }
 
 bool Connection::send(std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t count = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const ssize_t count = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (count <= 0) {
             return false;
         }
@@ -60,43 +61,43 @@ bool Connection::send(std::string_view bytes) {
 
 bool Connection::fill() {
     std::array<char, 65536> buffer;
-    const ssize_t count = ::recv(m_socket, buffer.data(), buffer.size(), 0);
+    const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), 0);
     if (count > 0) {
-        m_received.append(buffer.data(), static_cast<std::size_t>(count));
+        received_.append(buffer.data(), static_cast<std::size_t>(count));
     }
     return count > 0;
 }
 
 Answer Connection::receive(bool toHead) {
     const std::string_view end = "\r\n\r\n";
-    while (m_received.find(end) == std::string::npos) {
+    while (received_.find(end) == std::string::npos) {
         if (!fill()) {
             return {};
         }
     }
     Answer answer;
-    const std::size_t headSize = m_received.find(end) + 2;
-    answer.status = std::stoi(m_received.substr(sizeof "HTTP/1.1" - 1, 4));
-    for (std::size_t at = m_received.find("\r\n") + 2; at < headSize;) {
-        const std::size_t lineEnd = m_received.find("\r\n", at);
-        const std::size_t colon = m_received.find(": ", at);
-        answer.fields[lowered(m_received.substr(at, colon - at))] =
-            m_received.substr(colon + 2, lineEnd - colon - 2);
+    const std::size_t headSize = received_.find(end) + 2;
+    answer.status = std::stoi(received_.substr(sizeof "HTTP/1.1" - 1, 4));
+    for (std::size_t at = received_.find("\r\n") + 2; at < headSize;) {
+        const std::size_t lineEnd = received_.find("\r\n", at);
+        const std::size_t colon = received_.find(": ", at);
+        answer.fields[lowered(received_.substr(at, colon - at))] =
+            received_.substr(colon + 2, lineEnd - colon - 2);
         at = lineEnd + 2;
     }
-    m_received.erase(0, headSize + 2);
+    received_.erase(0, headSize + 2);
     const auto length = answer.fields.find("content-length");
     const std::size_t size = toHead || length == answer.fields.end() ? 0 : std::stoull(length->second);
-    while (m_received.size() < size && fill()) {
+    while (received_.size() < size && fill()) {
     }
-    answer.body = m_received.substr(0, size);
-    m_received.erase(0, size);
+    answer.body = received_.substr(0, size);
+    received_.erase(0, size);
     return answer;
 }
 
 Answer Connection::ask(const std::string& method, const std::string& target, const std::string& fields) {
     const bool namesHost = fields.find("Host:") != std::string::npos;
-    const std::string host = namesHost ? "" : "Host: 127.0.0.1:" + std::to_string(m_port) + "\r\n";
+    const std::string host = namesHost ? "" : "Host: 127.0.0.1:" + std::to_string(port_) + "\r\n";
     send(method + " " + target + " HTTP/1.1\r\n" + host + fields + "\r\n");
     return receive(method == "HEAD");
 }
@@ -105,17 +106,17 @@ bool Connection::isEnded() {
     ssize_t count = 0;
     do {
         std::array<char, 65536> buffer;
-        count = ::recv(m_socket, buffer.data(), buffer.size(), 0);
+        count = ::recv(socket_, buffer.data(), buffer.size(), 0);
     } while (count > 0);
     return count == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
 }
 
 bool Connection::hasBegun() {
-    return !m_received.empty() || fill();
+    return !received_.empty() || fill();
 }
 
 void Connection::finish() {
-    ::shutdown(m_socket, SHUT_WR);
+    ::shutdown(socket_, SHUT_WR);
 }
 
 } // namespace RawClient

@@ -50,9 +50,9 @@ public:
 private:
     bool fill();
 
-    std::uint16_t m_port;
-    int m_socket;
-    std::string m_received;
+    std::uint16_t port_;
+    int socket_;
+    std::string received_;
 };
 
 } // namespace RawClient

@@ -10,9 +10,10 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <sys/resource.h>
 #include <thread>
 #include <vector>
+
+#include <sys/resource.h>
 
 namespace {
 

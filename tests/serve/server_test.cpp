@@ -6,11 +6,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
-#include <zlib.h>
 
 namespace {
 
@@ -352,7 +352,7 @@ TEST_F(ViewServer, RefusesAPortThatIsTaken) {
         const Server second(content, server.port());
         FAIL() << "two servers at one port";
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.status(), ExitStatus::OutputRefused);
+        EXPECT_EQ(failure.status(), ExitStatus::outputRefused);
         EXPECT_EQ(failure.what(), "port " + std::to_string(server.port()) +
                                       " is in use: give another --port, or none to take a free one");
     }
@@ -364,7 +364,7 @@ TEST_F(ViewServer, RefusesAFolderWithoutASoundDataset) {
         Content::ofDatasets({folder});
         FAIL() << "a dataset that is not sound";
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.status(), ExitStatus::InputRefused);
+        EXPECT_EQ(failure.status(), ExitStatus::inputRefused);
         EXPECT_THAT(failure.what(), HasSubstr(folder + ": not a sound dataset: data.bin"));
     }
 }

@@ -20,13 +20,13 @@ namespace Program = Tavrin::SplatProgram;
 class Running {
 public:
     explicit Running(const std::vector<std::string>& folders, const Program::ServerLimits& limits = {})
-        : m_content(Program::Content::ofDatasets(folders)), m_server(m_content, 0, limits),
-          m_thread([this] { m_server.run([this] { return m_shouldEnd.load(); }); }) {}
+        : content_(Program::Content::ofDatasets(folders)), server_(content_, 0, limits),
+          thread_([this] { server_.run([this] { return shouldEnd_.load(); }); }) {}
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
     ~Running() { end(); }
 
-    std::uint16_t port() const { return m_server.port(); }
+    std::uint16_t port() const { return server_.port(); }
 
     // One request on a connection of its own.
     RawClient::Answer ask(const std::string& method, const std::string& target,
@@ -36,17 +36,17 @@ public:
 
     // Returns when the server has ended; it still holds its sockets.
     void end() {
-        m_shouldEnd = true;
-        if (m_thread.joinable()) {
-            m_thread.join();
+        shouldEnd_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
         }
     }
 
 private:
-    std::atomic<bool> m_shouldEnd = false;
-    Program::Content m_content;
-    Program::Server m_server;
-    std::thread m_thread;
+    std::atomic<bool> shouldEnd_ = false;
+    Program::Content content_;
+    Program::Server server_;
+    std::thread thread_;
 };
 
 // Five splats in one cell.

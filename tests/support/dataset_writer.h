@@ -21,7 +21,7 @@ using Bytes = std::string;
 
 inline void putWord(Bytes& bytes, std::uint64_t value, int width) {
     for (int i = 0; i < width; ++i) {
-        bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFFU));
+        bytes.push_back(static_cast<char>((value >> (8 * i)) & 0xFFu));
     }
 }
 
@@ -40,13 +40,13 @@ struct StoredSplat {
     std::array<float, 3> position{};
     std::array<std::uint8_t, 4> colour{}; // red, green, blue, opacity
     std::array<std::uint16_t, 3> scale{};
-    std::uint32_t rotation = 511U | (511U << 10) | (511U << 20) | (3U << 30); // (1, 0, 0, 0)
+    std::uint32_t rotation = 511u | (511u << 10) | (511u << 20) | (3u << 30); // (1, 0, 0, 0)
     std::array<std::uint16_t, 3> normal{};
     std::array<std::uint32_t, 15> coefficients{}; // packed words
 };
 
 // rot = (1, 0, 0, 0): three components 0.5, that is 511 of 1023.5, and the largest at place 3.
-inline constexpr std::uint32_t identityRotation = 511U | (511U << 10) | (511U << 20) | (3U << 30);
+inline constexpr std::uint32_t identityRotation = 511u | (511u << 10) | (511u << 20) | (3u << 30);
 
 inline Bytes dataRecord(const StoredSplat& splat) {
     Bytes bytes;
@@ -208,7 +208,7 @@ inline std::vector<StoredSplat> smallScene() {
     for (std::size_t i = 0; i < splats.size(); ++i) {
         StoredSplat& splat = splats[i];
         const auto part = static_cast<std::uint32_t>(i); // 0 .. 4
-        splat.position = {static_cast<float>(2 * i), static_cast<float>(i), static_cast<float>(i) / 2.0F};
+        splat.position = {static_cast<float>(2 * i), static_cast<float>(i), static_cast<float>(i) / 2.0f};
         const auto byte = static_cast<std::uint8_t>(part == 4 ? 255 : 60 * part);
         splat.colour = {byte, byte, byte, byte};
         const auto word = static_cast<std::uint16_t>(part == 4 ? 65535 : 16000 * part);
@@ -257,22 +257,22 @@ inline Files gridFiles(const std::vector<std::pair<std::uint32_t, std::vector<St
     return files;
 }
 
-inline StoredSplat splatAt(float x, float y, float z = 1.0F) {
+inline StoredSplat splatAt(float x, float y, float z = 1.0f) {
     StoredSplat splat;
     splat.position = {x, y, z};
     splat.rotation = identityRotation;
     // Spread over the steps, so that no value crowds at an end.
-    const auto word = static_cast<std::uint16_t>(30'000.0F + 300.0F * x / (1.0F + std::fabs(x) / 1000.0F));
+    const auto word = static_cast<std::uint16_t>(30'000.0f + 300.0f * x / (1.0f + std::fabs(x) / 1000.0f));
     splat.scale = splat.normal = {word, word, word};
     return splat;
 }
 
 // Four cells, column first: (0,0) (0,2) (1,0) (3,1).
 inline Files gridScene() {
-    return gridFiles({{0U, {splatAt(-10, -20), splatAt(19, 9)}},
-                      {2U << 16, {splatAt(-5, 45)}},
-                      {1U, {splatAt(20, -20), splatAt(30, 0), splatAt(49, 9)}},
-                      {3U | (1U << 16), {splatAt(89, 10)}}});
+    return gridFiles({{0u, {splatAt(-10, -20), splatAt(19, 9)}},
+                      {2u << 16, {splatAt(-5, 45)}},
+                      {1u, {splatAt(20, -20), splatAt(30, 0), splatAt(49, 9)}},
+                      {3u | (1u << 16), {splatAt(89, 10)}}});
 }
 
 inline void writeFile(const std::filesystem::path& path, const Bytes& bytes) {

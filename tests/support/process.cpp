@@ -8,6 +8,7 @@
 #include <windows.h>
 #else
 #include <cstdlib>
+
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,7 +1,5 @@
 #include "src/indexer.h"
-
 #include "src/indexer_quantise.h"
-
 #include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/floats.h"

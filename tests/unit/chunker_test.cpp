@@ -3,7 +3,6 @@
 #include "src/chunker_pass.h"
 #include "src/large_pages.h"
 #include "src/runlog.h"
-
 #include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/files.h"

@@ -4,7 +4,6 @@
 #include "src/blocks.h"
 #include "src/chunker.h"
 #include "src/splatheader.h"
-
 #include "tests/support/deathtest.h"
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"

@@ -1,5 +1,4 @@
 #include "src/chunker_decode.h"
-
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
 #include "tests/reference/splats.h"

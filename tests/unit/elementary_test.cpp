@@ -2,7 +2,6 @@
 // slower builds look at every INPUT_STEP-th input.
 
 #include "src/chunker_elementary.h"
-
 #include "tests/support/floats.h"
 
 #include <gtest/gtest.h>

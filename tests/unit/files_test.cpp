@@ -1,10 +1,9 @@
-#include "src/indexer_files.h"
+#include "tests/support/files.h"
 
 #include "src/indexer.h"
+#include "src/indexer_files.h"
 #include "src/runlog.h"
-
 #include "tests/support/deathtest.h"
-#include "tests/support/files.h"
 #include "tests/support/plyfile.h"
 
 #include <gtest/gtest.h>

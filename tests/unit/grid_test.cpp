@@ -1,5 +1,4 @@
 #include "src/splatheader.h"
-
 #include "tests/support/fields.h"
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"

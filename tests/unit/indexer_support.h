@@ -5,7 +5,6 @@
 #include "src/chunker_decode.h"
 #include "src/large_pages.h"
 #include "src/records.h"
-
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
 #include "tests/reference/splats.h"

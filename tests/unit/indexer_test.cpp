@@ -1,7 +1,6 @@
 #include "src/indexer.h"
 
 #include "src/runlog.h"
-
 #include "tests/support/deathtest.h"
 #include "tests/support/files.h"
 #include "tests/reference/splats.h"

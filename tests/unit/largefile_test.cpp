@@ -3,7 +3,6 @@
 #include "src/blocks.h"
 #include "src/records.h"
 #include "src/splatheader.h"
-
 #include "tests/support/files.h"
 
 #include <gtest/gtest.h>

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -254,6 +255,49 @@ TEST(Layering, SuitesOfTheShippedLibraryIncludeNothingOfIt) {
                 include.from == "tests/golden/kernels_test.cpp" && include.target() == "src/kernels.h";
             EXPECT_TRUE(choosesKernels || (folder != "src" && folder != "program"))
                 << include.from << " includes " << include.name;
+        }
+    }
+}
+
+// The first number of a line, from a place on, that has a suffix in upper case (1.0F, 7U, 0x1fUL); empty when
+// there is none.
+std::string upperCaseSuffix(const std::string& line) {
+    const auto isPart = [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '.' || c == '\'';
+    };
+    for (std::size_t at = 0; at < line.size();) {
+        std::size_t end = at;
+        while (end < line.size() && isPart(line[end])) {
+            ++end;
+        }
+        const std::string word = line.substr(at, end - at);
+        at = end + 1;
+        const bool isHexadecimal = word.starts_with("0x");
+        const std::size_t digits = word.find_last_not_of(isHexadecimal ? "UL" : "FUL") + 1;
+        if (digits < word.size() && word.find_first_of("0123456789") == 0 && digits > 0 &&
+            word.find_first_not_of(isHexadecimal ? "0123456789abcdefABCDEFx'p." : "0123456789.'e") >=
+                digits) {
+            return word;
+        }
+    }
+    return {};
+}
+
+// The one part of the dialect that neither .clang-format nor .clang-tidy can hold.
+TEST(Layering, SuffixesOfNumbersAreLowerCase) {
+    EXPECT_EQ(upperCaseSuffix("a = 1.5F;"), "1.5F");
+    EXPECT_EQ(upperCaseSuffix("f(x, 0x7fUL)"), "0x7fUL");
+    EXPECT_EQ(upperCaseSuffix("f(1.5f, 0xFF, 7u, FULL, x1F)"), "");
+    for (const char* const place :
+         {"src", "source", "stream", "reader", "program", "scenes", "picture", "bench", "fuzz"}) {
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root / place)) {
+            if (!entry.is_regular_file() || !isSource(entry.path())) {
+                continue;
+            }
+            std::istringstream text(support::readFile(entry.path()));
+            for (std::string line; std::getline(text, line);) {
+                EXPECT_EQ(upperCaseSuffix(line), "") << entry.path() << ": " << line;
+            }
         }
     }
 }

@@ -1,8 +1,6 @@
-#include "src/indexer_meta.h"
-
 #include "src/indexer.h"
+#include "src/indexer_meta.h"
 #include "src/runlog.h"
-
 #include "tests/support/deathtest.h"
 #include "tests/support/files.h"
 #include "tests/support/floats.h"

@@ -1,5 +1,4 @@
 #include "src/splatheader_numbers.h"
-
 #include "tests/support/floats.h"
 
 #include <gtest/gtest.h>

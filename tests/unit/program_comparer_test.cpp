@@ -1,6 +1,5 @@
 // One record of a source against the record that a dataset has of it.
 #include "program/compare/comparer.h"
-
 #include "tests/support/dataset_writer.h"
 
 #include <gmock/gmock.h>
@@ -36,11 +35,11 @@ double logit(double opacity) {
 // A splat away from the ends of every range.
 StoredSplat ordinarySplat() {
     StoredSplat splat;
-    splat.position = {1.5F, 2.5F, 0.5F};
+    splat.position = {1.5f, 2.5f, 0.5f};
     splat.colour = {10, 100, 200, 50};
     splat.scale = {1'000, 20'000, 60'000};
     splat.normal = {3, 30'000, 65'000};
-    splat.coefficients.fill(700U | (300U << 11) | (1500U << 21));
+    splat.coefficients.fill(700u | (300u << 11) | (1500u << 21));
     return splat;
 }
 
@@ -90,11 +89,11 @@ protected:
                       const DatasetWriter::MetaFields& fields = {}) {
         DatasetWriter::MetaFields form = fields;
         form.fileType = source.floats == 62 ? "Quality" : "Portable";
-        DatasetWriter::writeFiles(m_folder.path(), DatasetWriter::oneCellFiles({splat}, form));
-        m_dataset.emplace(SplatReader::Dataset::open(m_folder.path()));
+        DatasetWriter::writeFiles(folder_.path(), DatasetWriter::oneCellFiles({splat}, form));
+        dataset_.emplace(SplatReader::Dataset::open(folder_.path()));
         const std::string data = DatasetWriter::dataRecord(splat);
         const std::string coefficients = DatasetWriter::packedCoefficients(splat);
-        Comparer comparer(*m_dataset, SplatLayout{source.floats});
+        Comparer comparer(*dataset_, SplatLayout{source.floats});
         comparer.compare(
             source.bytes(), 7,
             {2, reinterpret_cast<const std::byte*>(data.data()),
@@ -125,8 +124,8 @@ protected:
     }
 
 private:
-    DatasetWriter::TemporaryFolder m_folder;
-    std::optional<SplatReader::Dataset> m_dataset; // which the comparer refers to
+    DatasetWriter::TemporaryFolder folder_;
+    std::optional<SplatReader::Dataset> dataset_; // which the comparer refers to
 };
 
 TEST_F(ComparerTest, FindsNothingWhereEveryValueAgrees) {
@@ -256,7 +255,7 @@ TEST_F(ComparerTest, TakesBothSignsOfARotationAndAnyLength) {
 TEST_F(ComparerTest, ComparesPositionsBitForBitAndNothingElseOfAnotherSplat) {
     StoredSplat splat = ordinarySplat();
     Source source = sourceOf(splat);
-    splat.position[1] = std::nextafter(splat.position[1], 3.0F);
+    splat.position[1] = std::nextafter(splat.position[1], 3.0f);
     source.set(Source::normal, 1.0);
     const Comparer comparer = compared(source, splat);
     ASSERT_THAT(comparer.findings().errors(), SizeIs(1));

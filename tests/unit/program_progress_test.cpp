@@ -53,7 +53,7 @@ TEST(Progress, WritesNothingUnlessItIsShown) {
     const std::string output = outputOf([] {
         Progress progress(false);
         progress.update("exporting", 0.5);
-        progress.update(Stage::Verifying, 0.5);
+        progress.update(Stage::verifying, 0.5);
         progress.clear();
     });
     EXPECT_EQ(output, "");
@@ -79,7 +79,7 @@ TEST(Progress, KeepsSharesWithinZeroAndOneHundredPercent) {
     for (const auto& [share, text] : {std::pair{-0.5, " 0 %,"}, {1.5, " 100 %,"}}) {
         Progress progress(true);
         const std::string line =
-            shownAfter(outputOf([&, value = share] { progress.update(Stage::Verifying, value); }));
+            shownAfter(outputOf([&, value = share] { progress.update(Stage::verifying, value); }));
         EXPECT_NE(line.find(text), std::string::npos) << line;
         outputOf([&] { progress.clear(); });
     }
@@ -87,7 +87,7 @@ TEST(Progress, KeepsSharesWithinZeroAndOneHundredPercent) {
 
 TEST(Progress, NamesAStageWithoutAShare) {
     Progress progress(true);
-    const std::string line = shownAfter(outputOf([&] { progress.update(Stage::Verifying); }));
+    const std::string line = shownAfter(outputOf([&] { progress.update(Stage::verifying); }));
     EXPECT_TRUE(line.starts_with("verifying, ")) << line;
     EXPECT_EQ(line.find('%'), std::string::npos) << line;
     outputOf([&] { progress.clear(); });

@@ -1,6 +1,5 @@
 // How a finished dataset takes its place, and what is left of runs that died.
 #include "program/convert/publish.h"
-
 #include "program/system/exit_status.h"
 #include "tests/support/dataset_writer.h"
 #include "tests/support/files.h"
@@ -64,7 +63,7 @@ void expectOutputRefused(const std::function<void()>& action, const std::string&
         action();
         FAIL() << "nothing was thrown";
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.status(), ExitStatus::OutputRefused);
+        EXPECT_EQ(failure.status(), ExitStatus::outputRefused);
         EXPECT_THAT(failure.what(), HasSubstr(text));
     }
 }

@@ -1,5 +1,4 @@
 #include "src/indexer_quantise.h"
-
 #include "tests/support/floats.h"
 #include "tests/reference/splats.h"
 #include "tests/unit/indexer_support.h"

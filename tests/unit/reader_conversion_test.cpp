@@ -1,6 +1,11 @@
 // The reader against real conversions: every relation holds, positions are exact, every other attribute comes
 // back within half a step of what the input says.
+#include "plyconvert.h"
+#include "reader/dataset.h"
 #include "reader/verify.h"
+#include "tests/support/dataset_writer.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -8,12 +13,6 @@
 #include <fstream>
 #include <map>
 #include <random>
-
-#include <gtest/gtest.h>
-
-#include "plyconvert.h"
-#include "reader/dataset.h"
-#include "tests/support/dataset_writer.h"
 
 namespace {
 
@@ -48,7 +47,7 @@ Source readSource(const std::filesystem::path& path) {
         if (line.rfind("element vertex ", 0) == 0) {
             count = std::stoul(line.substr(15));
         }
-        source.floats += line.rfind("property float ", 0) == 0 ? 1U : 0U;
+        source.floats += line.rfind("property float ", 0) == 0 ? 1u : 0u;
     }
     if (source.floats != 62 && source.floats != 17) {
         return {};
@@ -124,8 +123,8 @@ void expectConverted(const std::filesystem::path& input, const Source& source) {
     options.level = VerifyLevel::full;
     const VerifyReport report = verifyDataset(output, options);
     EXPECT_EQ(allFindings(report), "");
-    EXPECT_EQ(report.findings.warningKinds().count("meta-form"), 0U);
-    EXPECT_EQ(report.splatsLeftOut, 0U);
+    EXPECT_EQ(report.findings.warningKinds().count("meta-form"), 0u);
+    EXPECT_EQ(report.splatsLeftOut, 0u);
     const Dataset dataset = Dataset::open(output);
     std::map<std::uint32_t, std::vector<LoadedSplat>> cells;
     for (LoadedSplat& splat : loadWhole(dataset)) {
@@ -154,9 +153,9 @@ Source randomSource(std::size_t count, bool rest, unsigned seed) {
     }
     for (std::size_t i = 0; i < count; ++i) {
         float* record = source.values.data() + i * source.floats;
-        record[0] = 40.0F * record[0];
-        record[1] = 25.0F * record[1];
-        record[source.opacity()] *= 8.0F;
+        record[0] = 40.0f * record[0];
+        record[1] = 25.0f * record[1];
+        record[source.opacity()] *= 8.0f;
     }
     return source;
 }
@@ -186,7 +185,7 @@ TEST(ReaderConversion, OneSplatComesBack) {
 
 TEST(ReaderConversion, OpaqueAndTransparentStaySo) {
     Source source = randomSource(4, false, 4);
-    const float logits[] = {200.0F, -200.0F, std::numeric_limits<float>::infinity(),
+    const float logits[] = {200.0f, -200.0f, std::numeric_limits<float>::infinity(),
                             -std::numeric_limits<float>::infinity()};
     for (std::size_t i = 0; i < 4; ++i) {
         source.values[i * 17 + 9] = logits[i];
@@ -215,7 +214,7 @@ TEST(ReaderConversion, EverySampleComesBack) {
         expectConverted(entry.path(), source);
         ++compared;
     }
-    EXPECT_GE(compared, 8U);
+    EXPECT_GE(compared, 8u);
 }
 
 } // namespace

@@ -1,14 +1,13 @@
 // De-quantisation against the formulas by which values are stored, written out here a second time.
 #include "reader/dequantiser.h"
+#include "tests/support/dataset_writer.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <random>
-
-#include <gtest/gtest.h>
-
-#include "tests/support/dataset_writer.h"
 
 namespace {
 
@@ -54,16 +53,16 @@ TEST(ReaderDequantiser, EveryStoredValueStoresTheSameAgain) {
     }
     for (std::uint32_t q = 0; q <= 2047; ++q) {
         const auto share = static_cast<float>(back.coefficient(0, q) + 0.5);
-        ASSERT_EQ(static_cast<std::uint32_t>(share * 2047.5F), q);
+        ASSERT_EQ(static_cast<std::uint32_t>(share * 2047.5f), q);
     }
     for (std::uint32_t q = 0; q <= 1023; ++q) {
         const auto share = static_cast<float>(back.coefficient(1, q) + 0.5);
-        ASSERT_EQ(static_cast<std::uint32_t>(share * 1023.5F), q);
+        ASSERT_EQ(static_cast<std::uint32_t>(share * 1023.5f), q);
     }
     for (unsigned q = 0; q <= 255; ++q) {
         const auto byte = static_cast<std::uint8_t>(q);
-        ASSERT_EQ(static_cast<unsigned>(static_cast<float>(back.colour(1, byte)) * 255.0F), q);
-        ASSERT_EQ(static_cast<unsigned>(static_cast<float>(back.opacity(byte)) * 255.0F), q);
+        ASSERT_EQ(static_cast<unsigned>(static_cast<float>(back.colour(1, byte)) * 255.0f), q);
+        ASSERT_EQ(static_cast<unsigned>(static_cast<float>(back.opacity(byte)) * 255.0f), q);
     }
 }
 
@@ -94,7 +93,7 @@ TEST(ReaderDequantiser, EqualEndsGiveTheValue) {
     DatasetWriter::MetaFields fields;
     fields.normal = {{0, 0.25, -3}, {0, 0.25, -3}};
     const Dequantiser back(metaOf(fields));
-    for (const std::uint32_t q : {0U, 77U, 65535U}) {
+    for (const std::uint32_t q : {0u, 77u, 65535u}) {
         EXPECT_EQ(back.normal(0, q), 0.0);
         EXPECT_EQ(back.normal(1, q), 0.25);
         EXPECT_EQ(back.normal(2, q), -3.0);
@@ -107,7 +106,7 @@ TEST(ReaderDequantiser, InfiniteRangesGiveNoInfinities) {
     DatasetWriter::MetaFields fields;
     fields.scales = {{inf, 0.5, 0.5}, {-inf, inf, 1}};
     const Dequantiser back(metaOf(fields));
-    for (const std::uint32_t q : {0U, 77U, 65535U}) {
+    for (const std::uint32_t q : {0u, 77u, 65535u}) {
         EXPECT_EQ(back.scale(0, q), 0.0);
         EXPECT_EQ(back.scale(1, q), 0.5);
         EXPECT_TRUE(std::isfinite(back.scale(2, q)));
@@ -118,7 +117,7 @@ TEST(ReaderDequantiser, InfiniteRangesGiveNoInfinities) {
 std::uint32_t packRotation(const std::array<float, 4>& wxyz) {
     std::array<float, 4> q = {wxyz[1], wxyz[2], wxyz[3], wxyz[0]};
     const float length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
-    const float inverse = 1.0F / length;
+    const float inverse = 1.0f / length;
     for (float& c : q) {
         c *= inverse;
     }
@@ -128,13 +127,13 @@ std::uint32_t packRotation(const std::array<float, 4>& wxyz) {
             largest = i;
         }
     }
-    const float sign = q[largest] >= 0 ? 1.0F : -1.0F;
-    std::uint32_t word = static_cast<std::uint32_t>(static_cast<float>(largest) / 3.0F * 3.5F) << 30;
+    const float sign = q[largest] >= 0 ? 1.0f : -1.0f;
+    std::uint32_t word = static_cast<std::uint32_t>(static_cast<float>(largest) / 3.0f * 3.5f) << 30;
     int shift = 0;
     for (std::size_t i = 0; i < 4; ++i) {
         if (i != largest) {
-            const float mapped = sign * q[i] * 1.4142135F * 0.5F + 0.5F;
-            word |= static_cast<std::uint32_t>(mapped * 1023.5F) << shift;
+            const float mapped = sign * q[i] * 1.4142135f * 0.5f + 0.5f;
+            word |= static_cast<std::uint32_t>(mapped * 1023.5f) << shift;
             shift += 10;
         }
     }
@@ -183,7 +182,7 @@ TEST(ReaderDequantiser, RotationsComeBackAsUnitQuaternionsWithinHalfAStep) {
 TEST(ReaderDequantiser, EachIndexOfTheLargestHasItsPlace) {
     for (std::size_t place = 0; place < 4; ++place) {
         std::array<float, 4> source{};
-        source[place] = -1.0F; // and the sign is folded: the same rotation
+        source[place] = -1.0f; // and the sign is folded: the same rotation
         const std::uint32_t word = packRotation(source);
         EXPECT_EQ(word >> 30, (place + 3) % 4);
         EXPECT_NEAR(unpackRotation(word)[place], 1.0, 1e-5);
@@ -192,7 +191,7 @@ TEST(ReaderDequantiser, EachIndexOfTheLargestHasItsPlace) {
 
 TEST(ReaderDequantiser, ImpossibleRotationsGiveTheIdentity) {
     const std::array<double, 4> identity = {1, 0, 0, 0};
-    for (const std::uint32_t word : {0U, 0xFFFFFFFFU, 0x3FFFFFFFU}) {
+    for (const std::uint32_t word : {0u, 0xFFFFFFFFu, 0x3FFFFFFFu}) {
         EXPECT_FALSE(rotationPossible(word));
         EXPECT_EQ(unpackRotation(word), identity);
     }
@@ -233,7 +232,7 @@ TEST(ReaderDequantiser, RawCoefficientsAreExact) {
     std::string bytes;
     for (int k = 0; k < 15; ++k) {
         for (int channel = 0; channel < 3; ++channel) {
-            DatasetWriter::putFloat(bytes, static_cast<float>(channel) + 0.1F * static_cast<float>(k));
+            DatasetWriter::putFloat(bytes, static_cast<float>(channel) + 0.1f * static_cast<float>(k));
         }
     }
     bytes.resize(192);
@@ -242,7 +241,7 @@ TEST(ReaderDequantiser, RawCoefficientsAreExact) {
     for (std::size_t channel = 0; channel < 3; ++channel) {
         for (std::size_t k = 0; k < 15; ++k) {
             EXPECT_EQ(splat.coefficients[15 * channel + k],
-                      static_cast<double>(static_cast<float>(channel) + 0.1F * static_cast<float>(k)));
+                      static_cast<double>(static_cast<float>(channel) + 0.1f * static_cast<float>(k)));
         }
     }
 }

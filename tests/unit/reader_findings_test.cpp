@@ -27,7 +27,7 @@ TEST(Findings, AppendKeepsTheFirstOfEachKindAndCountsTheRest) {
     Findings first(2);
     note(first, "one", 1);
     Findings second(2);
-    for (const std::uint64_t offset : {2U, 3U, 4U}) {
+    for (const std::uint64_t offset : {2u, 3u, 4u}) {
         note(second, "one", offset);
         note(second, "other", 10 + offset);
     }
@@ -35,19 +35,19 @@ TEST(Findings, AppendKeepsTheFirstOfEachKindAndCountsTheRest) {
     first.append(second);
     EXPECT_EQ(offsets(first.errors()), (std::vector<std::uint64_t>{1, 2, 12, 13}));
     EXPECT_EQ(offsets(first.warnings()), (std::vector<std::uint64_t>{20}));
-    EXPECT_EQ(first.errorCount(), 7U);
-    EXPECT_EQ(first.warningCount(), 1U);
+    EXPECT_EQ(first.errorCount(), 7u);
+    EXPECT_EQ(first.warningCount(), 1u);
     EXPECT_EQ(first.errorKinds(), (std::map<std::string, std::uint64_t>{{"one", 4}, {"other", 3}}));
     note(first, "one", 30); // the kind is full
-    EXPECT_EQ(first.errors().size(), 4U);
-    EXPECT_EQ(first.errorCount(), 8U);
+    EXPECT_EQ(first.errors().size(), 4u);
+    EXPECT_EQ(first.errorCount(), 8u);
 }
 
 TEST(Findings, AppendingNothingChangesNothing) {
     Findings findings;
     note(findings, "one", 1);
     findings.append(Findings());
-    EXPECT_EQ(findings.errorCount(), 1U);
+    EXPECT_EQ(findings.errorCount(), 1u);
     EXPECT_EQ(offsets(findings.errors()), (std::vector<std::uint64_t>{1}));
 }
 

@@ -1,5 +1,10 @@
 // docs/format.md states the format for readers in other languages; its tables are compared with the reader's
 // constants, and its worked example is worked.
+#include "reader/dequantiser.h"
+#include "reader/format.h"
+
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -7,11 +12,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "reader/dequantiser.h"
-#include "reader/format.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ std::vector<Row> table(const std::string& name) {
         }
         rows.push_back(row);
     }
-    EXPECT_GT(rows.size(), 2U) << name;
+    EXPECT_GT(rows.size(), 2u) << name;
     return rows.size() < 2 ? std::vector<Row>{} : std::vector<Row>(rows.begin() + 2, rows.end());
 }
 
@@ -114,12 +114,12 @@ std::pair<unsigned, std::uint32_t> bits(const std::string& text) {
 
 TEST(FormatDocument, CoefficientWord) {
     const std::vector<Row> rows = table("word");
-    ASSERT_EQ(rows.size(), 3U);
+    ASSERT_EQ(rows.size(), 3u);
     for (std::size_t channel = 0; channel < 3; ++channel) {
         const auto [first, maximum] = bits(rows[channel][0]);
         const CoefficientWord word = unpackCoefficientWord(maximum << first);
         for (std::size_t other = 0; other < 3; ++other) {
-            EXPECT_EQ(word.channel[other], other == channel ? maximum : 0U);
+            EXPECT_EQ(word.channel[other], other == channel ? maximum : 0u);
         }
         EXPECT_EQ(maximum, channel == 1 ? Format::greenMaximum : Format::redBlueMaximum);
         EXPECT_EQ(lastNumber(rows[channel][2]), channel == 1 ? Format::greenFactor : Format::redBlueFactor);
@@ -128,19 +128,19 @@ TEST(FormatDocument, CoefficientWord) {
 
 TEST(FormatDocument, RotationWord) {
     const std::vector<Row> rows = table("rotation");
-    ASSERT_EQ(rows.size(), 4U);
+    ASSERT_EQ(rows.size(), 4u);
     for (std::size_t part = 0; part < 3; ++part) {
         const auto [first, maximum] = bits(rows[part][0]);
         EXPECT_EQ(maximum, Format::rotationMaximum);
         EXPECT_EQ(unpackRotationWord(maximum << first).component[part], maximum);
         EXPECT_EQ(lastNumber(rows[part][2]), Format::rotationFactor);
     }
-    EXPECT_EQ(unpackRotationWord(3U << bits(rows[3][0]).first).largest, 3U);
+    EXPECT_EQ(unpackRotationWord(3u << bits(rows[3][0]).first).largest, 3u);
 }
 
 TEST(FormatDocument, IndexEntry) {
     const std::vector<Row> rows = table("index");
-    ASSERT_EQ(rows.size(), 4U);
+    ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[1][0], "4 + 16 L");
     EXPECT_EQ(std::stoul(rows[1][0]), Format::indexKeySize);
     EXPECT_EQ(width(rows[0][1]), Format::indexKeySize);
@@ -192,9 +192,9 @@ TEST(FormatDocument, Quantisers) {
 TEST(FormatDocument, OtherNumbers) {
     const std::string text = document();
     EXPECT_NE(text.find("With at most 1,000,000 splats"), std::string::npos);
-    EXPECT_EQ(Format::oneCellMaximum, 1'000'000U);
+    EXPECT_EQ(Format::oneCellMaximum, 1'000'000u);
     EXPECT_NE(text.find("f_dc × 0.2820948 + 0.5"), std::string::npos);
-    EXPECT_EQ(Format::colourGain, 0.2820948F);
+    EXPECT_EQ(Format::colourGain, 0.2820948f);
     EXPECT_NE(text.find("v = c × 1.4142135 × 0.5 + 0.5"), std::string::npos);
     EXPECT_EQ(Format::rotationGain, 1.4142135 * 0.5);
     EXPECT_NE(text.find("the bounding box **times ten**"), std::string::npos);
@@ -233,8 +233,8 @@ TEST(FormatDocument, WorkedExample) {
     ASSERT_EQ(bytes.size(), Format::recordSize);
     const Record record = loadRecord(bytes.data());
     const Splat splat = back.splat(record);
-    EXPECT_EQ(splat.position, (std::array<float, 3>{1.0F, -2.5F, 0.5F}));
-    EXPECT_EQ(record.rotation, 0xDFF7FDFFU);
+    EXPECT_EQ(splat.position, (std::array<float, 3>{1.0f, -2.5f, 0.5f}));
+    EXPECT_EQ(record.rotation, 0xDFF7FDFFu);
     EXPECT_NEAR(splat.rotation[0], 1.0, 1e-6);
     const std::map<std::string, std::pair<unsigned, double>> values = {
         {"red", {record.colour[0], splat.colour[0]}},      {"green", {record.colour[1], splat.colour[1]}},
@@ -255,7 +255,7 @@ TEST(FormatDocument, WorkedExample) {
         }
     }
     EXPECT_EQ(compared, values.size());
-    const CoefficientWord word = unpackCoefficientWord(0x80000400U);
+    const CoefficientWord word = unpackCoefficientWord(0x80000400u);
     EXPECT_NEAR(back.coefficient(0, word.channel[0]), 0.000366, 1e-6);
     EXPECT_NEAR(back.coefficient(1, word.channel[1]), -0.499511, 1e-6);
     EXPECT_NEAR(back.coefficient(2, word.channel[2]), 0.000366, 1e-6);

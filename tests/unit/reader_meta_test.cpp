@@ -1,12 +1,11 @@
 // The meta document: reading, its oddities, what is refused and where.
 #include "reader/meta.h"
-
-#include <cmath>
+#include "tests/support/dataset_writer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/dataset_writer.h"
+#include <cmath>
 
 namespace {
 
@@ -69,11 +68,11 @@ TEST(ReaderMeta, ReadsEveryKey) {
     EXPECT_EQ(meta.guid, "0123456789abcdef0123456789abcdef");
     EXPECT_EQ(meta.source, "mesh");
     EXPECT_EQ(meta.dataType, "scan1");
-    EXPECT_EQ(meta.totalSplats, 812U);
+    EXPECT_EQ(meta.totalSplats, 812u);
     EXPECT_EQ(meta.totalLevel, 1);
     EXPECT_EQ(meta.cellLengthX, 8.0);
     EXPECT_EQ(meta.cellLengthY, 4.0);
-    EXPECT_EQ(meta.indexDataSize, 20U);
+    EXPECT_EQ(meta.indexDataSize, 20u);
     EXPECT_EQ(meta.offset, (Triple{0.10000000149011612, -2, 3e20}));
     EXPECT_EQ(meta.epsg, -4326);
     EXPECT_EQ(meta.shift, (Triple{1, 2, 3}));
@@ -86,7 +85,7 @@ TEST(ReaderMeta, ReadsEveryKey) {
     EXPECT_EQ(meta.attributes[0].max, (Triple{80, 40, 20}));
     EXPECT_EQ(meta.opacity().min[0], 0.125);
     EXPECT_EQ(meta.opacity().max[0], 0.75);
-    EXPECT_EQ(meta.opacity().components, 1U);
+    EXPECT_EQ(meta.opacity().components, 1u);
 }
 
 TEST(ReaderMeta, ReadsBothLineEndings) {
@@ -110,8 +109,8 @@ TEST(ReaderMeta, ReadsInfinitiesAndNotANumber) {
     EXPECT_TRUE(std::isnan(parsed.meta->offset[0]));
     EXPECT_TRUE(std::signbit(parsed.meta->offset[1]));
     // An empty range is what no splat widened: legal, and worth a word.
-    EXPECT_EQ(parsed.findings.errorCount(), 0U) << allFindings(parsed);
-    EXPECT_EQ(parsed.findings.warningCount(), 3U) << allFindings(parsed);
+    EXPECT_EQ(parsed.findings.errorCount(), 0u) << allFindings(parsed);
+    EXPECT_EQ(parsed.findings.warningCount(), 3u) << allFindings(parsed);
 }
 
 TEST(ReaderMeta, OtherWordsAreNoNumbers) {
@@ -120,7 +119,7 @@ TEST(ReaderMeta, OtherWordsAreNoNumbers) {
         const Parsed parsed =
             parse(replaced(soundText(), "\"cellLengthX\": 8", std::string("\"cellLengthX\": ") + word));
         // "1." is read by the number grammar at hand and refused as not in the document's own form.
-        EXPECT_GT(parsed.findings.errorCount() + parsed.findings.warningCount(), 0U) << word;
+        EXPECT_GT(parsed.findings.errorCount() + parsed.findings.warningCount(), 0u) << word;
     }
 }
 
@@ -148,13 +147,13 @@ TEST(ReaderMeta, ReadsADocumentOnOneLine) {
     const Parsed parsed = parse(text);
     ASSERT_TRUE(parsed.meta) << allFindings(parsed);
     EXPECT_EQ(parsed.meta->source, "ply");
-    EXPECT_EQ(parsed.findings.errorCount(), 0U);
-    EXPECT_EQ(parsed.findings.warningKinds().count("meta-form"), 1U);
+    EXPECT_EQ(parsed.findings.errorCount(), 0u);
+    EXPECT_EQ(parsed.findings.warningKinds().count("meta-form"), 1u);
 }
 
 TEST(ReaderMeta, RendersTheDocumentByteForByte) {
     MetaFields fields;
-    fields.totalSplats = 18446744073709551615U;
+    fields.totalSplats = 18446744073709551615u;
     fields.offset = {1e-05, 0.1, -0.0};
     for (const char* lineEnd : {"\n", "\r\n"}) {
         const std::string text = DatasetWriter::metaText(fields, lineEnd);
@@ -169,7 +168,7 @@ TEST(ReaderMeta, EveryPrefixIsRefusedWithoutACrash) {
     for (std::size_t length = 0; length + 2 < text.size(); ++length) {
         Findings findings;
         EXPECT_FALSE(parseMeta(text.substr(0, length), findings)) << length;
-        ASSERT_EQ(findings.errorCount(), 1U);
+        ASSERT_EQ(findings.errorCount(), 1u);
         EXPECT_LE(findings.errors()[0].offset, length);
     }
 }
@@ -187,18 +186,18 @@ TEST(ReaderMeta, EveryByteChangedIsFoundOrHarmless) {
             }
             changed[at] = put;
             const Parsed parsed = parse(changed);
-            unnoticed += parsed.findings.errorCount() + parsed.findings.warningCount() == 0 ? 1U : 0U;
+            unnoticed += parsed.findings.errorCount() + parsed.findings.warningCount() == 0 ? 1u : 0u;
         }
     }
     EXPECT_LT(unnoticed,
-              8 * 130U); // guid 32, free texts, offset, shift, scale, epsg and four unrepeated ranges
+              8 * 130u); // guid 32, free texts, offset, shift, scale, epsg and four unrepeated ranges
 }
 
 TEST(ReaderMeta, AMissingCommaIsNamedWithItsPlace) {
     const std::string text = replaced(soundText(), "\"4.0\",", "\"4.0\"");
     const Parsed parsed = parse(text);
     ASSERT_FALSE(parsed.meta);
-    ASSERT_EQ(parsed.findings.errorCount(), 1U);
+    ASSERT_EQ(parsed.findings.errorCount(), 1u);
     const Finding& finding = parsed.findings.errors()[0];
     EXPECT_EQ(finding.kind, "meta-syntax");
     EXPECT_EQ(finding.offset, text.find("\"guid\""));
@@ -215,7 +214,7 @@ TEST(ReaderMeta, DeepAndLongTextsStopEarly) {
         items += ",1";
     }
     EXPECT_FALSE(parseMeta(items + "]", findings));
-    EXPECT_EQ(findings.errorCount(), 3U);
+    EXPECT_EQ(findings.errorCount(), 3u);
 }
 
 struct Fault {
@@ -230,8 +229,8 @@ TEST_P(ReaderMetaFault, IsFound) {
     const Fault& fault = GetParam();
     const std::string text = replaced(soundText(), fault.from, fault.to);
     const Parsed parsed = parse(text);
-    ASSERT_GE(parsed.findings.errorCount(), 1U) << text;
-    EXPECT_EQ(parsed.findings.errorKinds().count(fault.kind), 1U) << allFindings(parsed);
+    ASSERT_GE(parsed.findings.errorCount(), 1u) << text;
+    EXPECT_EQ(parsed.findings.errorKinds().count(fault.kind), 1u) << allFindings(parsed);
     for (const Finding& finding : parsed.findings.errors()) {
         EXPECT_LE(finding.offset, text.size());
         EXPECT_EQ(finding.text().find('\n'), std::string::npos);

@@ -1,19 +1,17 @@
 // Single faults, one at a time, in datasets that a conversion wrote: each must be found, none may crash.
+#include "plyconvert.h"
 #include "reader/record.h"
 #include "reader/verify.h"
+#include "tests/support/dataset_writer.h"
+#include "tests/support/files.h"
+#include "tests/support/plyfile.h"
+
+#include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "plyconvert.h"
-#include "reader/record.h"
-#include "tests/support/dataset_writer.h"
-#include "tests/support/files.h"
-#include "tests/support/plyfile.h"
 
 namespace {
 
@@ -135,7 +133,7 @@ void addRecordFaults(const Files& files, std::vector<Mutation>& list) {
         field("no rotation" + name, 32 * record + 22, 0, 4);
         field("impossible rotation" + name, 32 * record + 22, 0x3FFFFFFF, 4);
         if (files.hasCoefficients) {
-            for (const std::size_t at : {60U, 61U, 62U, 63U}) {
+            for (const std::size_t at : {60u, 61u, 62u, 63u}) {
                 list.push_back({"padding byte " + std::to_string(at) + name,
                                 [record, at](Files& f) { f.coefficients[64 * record + at] = '\x10'; }});
             }
@@ -169,7 +167,7 @@ std::uint64_t findingsOf(const VerifyReport& report) {
 void expectEachFound(const Files& files, const std::vector<Mutation>& list) {
     const support::Scratch scratch;
     const VerifyReport sound = reportOf(files, scratch / "sound");
-    ASSERT_EQ(sound.findings.errorCount(), 0U);
+    ASSERT_EQ(sound.findings.errorCount(), 0u);
     for (const Mutation& mutation : list) {
         Files changed = files;
         mutation.apply(changed);
@@ -190,7 +188,7 @@ TEST(ReaderMutation, EverySingleFaultOfAOneCellSceneIsFound) {
     addSizeFaults(files, list);
     addIndexFaults(files, list);
     addRecordFaults(files, list);
-    EXPECT_GE(list.size(), 400U);
+    EXPECT_GE(list.size(), 400u);
     expectEachFound(files, list);
 }
 
@@ -200,8 +198,8 @@ TEST(ReaderMutation, EverySingleFaultOfAGridIsFound) {
     addIndexFaults(files, list);
     // A splat that crosses each border of its cell.
     for (std::size_t record = 0; record < files.data.size() / 32; ++record) {
-        for (const float shift : {-31.0F, 31.0F}) {
-            for (const std::size_t axis : {0U, 1U}) {
+        for (const float shift : {-31.0f, 31.0f}) {
+            for (const std::size_t axis : {0u, 1u}) {
                 list.push_back(
                     {"record " + std::to_string(record) + " moved", [record, shift, axis](Files& f) {
                          const auto* at = reinterpret_cast<const std::byte*>(f.data.data());
@@ -212,7 +210,7 @@ TEST(ReaderMutation, EverySingleFaultOfAGridIsFound) {
             }
         }
     }
-    EXPECT_GE(list.size(), 250U);
+    EXPECT_GE(list.size(), 250u);
     expectEachFound(files, list);
 }
 

@@ -1,14 +1,13 @@
 // verifyDataset over sound datasets, single faults and hostile sizes.
 #include "reader/verify.h"
-
-#include <cmath>
-#include <functional>
-#include <random>
+#include "tests/support/dataset_writer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/dataset_writer.h"
+#include <cmath>
+#include <functional>
+#include <random>
 
 namespace {
 
@@ -46,30 +45,30 @@ TEST(ReaderVerify, ASoundSceneHasNoFindings) {
         const VerifyReport report = verify(soundFiles(), level);
         EXPECT_EQ(allFindings(report), "");
         EXPECT_TRUE(report.sound());
-        EXPECT_EQ(report.cells, 1U);
-        EXPECT_EQ(report.splatsHeld, 5U);
-        EXPECT_EQ(report.splatsLeftOut, 0U);
-        EXPECT_EQ(report.dataBytes, 160U);
-        EXPECT_EQ(report.coefficientBytes, 320U);
-        EXPECT_EQ(report.indexBytes, 20U);
+        EXPECT_EQ(report.cells, 1u);
+        EXPECT_EQ(report.splatsHeld, 5u);
+        EXPECT_EQ(report.splatsLeftOut, 0u);
+        EXPECT_EQ(report.dataBytes, 160u);
+        EXPECT_EQ(report.coefficientBytes, 320u);
+        EXPECT_EQ(report.indexBytes, 20u);
         EXPECT_EQ(report.use.has_value(), level == VerifyLevel::full);
     }
 }
 
 TEST(ReaderVerify, ASoundGridHasNoFindingsAndSaysWhatIsLeftOut) {
     const VerifyReport report = verify(DatasetWriter::gridScene());
-    EXPECT_EQ(report.findings.errorCount(), 0U) << allFindings(report);
-    EXPECT_EQ(report.cells, 4U);
-    EXPECT_EQ(report.splatsHeld, 7U);
-    EXPECT_EQ(report.splatsLeftOut, 999'994U);
+    EXPECT_EQ(report.findings.errorCount(), 0u) << allFindings(report);
+    EXPECT_EQ(report.cells, 4u);
+    EXPECT_EQ(report.splatsHeld, 7u);
+    EXPECT_EQ(report.splatsLeftOut, 999'994u);
     ASSERT_TRUE(report.use);
-    EXPECT_EQ(report.use->records, 7U);
+    EXPECT_EQ(report.use->records, 7u);
 }
 
 TEST(ReaderVerify, AGridWithoutAnySplatIsSound) {
     const VerifyReport report = verify(DatasetWriter::gridFiles({}));
     EXPECT_EQ(allFindings(report), "");
-    EXPECT_EQ(report.splatsLeftOut, 1'000'001U);
+    EXPECT_EQ(report.splatsLeftOut, 1'000'001u);
 }
 
 TEST(ReaderVerify, OtherFormsAreSound) {
@@ -91,13 +90,13 @@ TEST(ReaderVerify, OtherFormsAreSound) {
 TEST(ReaderVerify, ReportsHowTheStepsAreUsed) {
     const VerifyReport report = verify(soundFiles());
     ASSERT_TRUE(report.use);
-    EXPECT_EQ(report.use->scale[0].lowest, 0U);
-    EXPECT_EQ(report.use->scale[0].highest, 65535U);
-    EXPECT_EQ(report.use->scale[0].atZero, 1U);
-    EXPECT_EQ(report.use->opacity.atMaximum, 1U);
-    const std::array<std::uint32_t, 3> maxima = {2047U, 1023U, 2047U};
+    EXPECT_EQ(report.use->scale[0].lowest, 0u);
+    EXPECT_EQ(report.use->scale[0].highest, 65535u);
+    EXPECT_EQ(report.use->scale[0].atZero, 1u);
+    EXPECT_EQ(report.use->opacity.atMaximum, 1u);
+    const std::array<std::uint32_t, 3> maxima = {2047u, 1023u, 2047u};
     for (std::size_t channel = 0; channel < 3; ++channel) {
-        EXPECT_EQ(report.use->coefficient[channel].lowest, 0U);
+        EXPECT_EQ(report.use->coefficient[channel].lowest, 0u);
         EXPECT_EQ(report.use->coefficient[channel].highest, maxima[channel]);
     }
 }
@@ -173,9 +172,9 @@ const std::vector<Fault>& faults() {
          [](Files& f) { std::swap_ranges(f.index.begin(), f.index.begin() + 4, f.index.begin() + 20); },
          "index-order", VerifyLevel::quick, true},
         {"key twice", [](Files& f) { setWord(f.index, 20, 0, 4); }, "index-order", VerifyLevel::quick, true},
-        {"key outside in X", [](Files& f) { setWord(f.index, 60, 4 | (1U << 16), 4); }, "index-key",
+        {"key outside in X", [](Files& f) { setWord(f.index, 60, 4 | (1u << 16), 4); }, "index-key",
          VerifyLevel::quick, true},
-        {"key outside in Y", [](Files& f) { setWord(f.index, 60, 3 | (3U << 16), 4); }, "index-key",
+        {"key outside in Y", [](Files& f) { setWord(f.index, 60, 3 | (3u << 16), 4); }, "index-key",
          VerifyLevel::quick, true},
         {"key far outside", [](Files& f) { setWord(f.index, 60, 0xFFFFFFFF, 4); }, "index-key",
          VerifyLevel::quick, true},
@@ -183,7 +182,7 @@ const std::vector<Fault>& faults() {
         {"overlap", [](Files& f) { setWord(f.index, 28, 32, 8); }, "index-offset", VerifyLevel::quick, true},
         {"empty entry",
          [](Files& f) {
-             f.index += DatasetWriter::indexEntry(3 | (2U << 16), {{0, 0}});
+             f.index += DatasetWriter::indexEntry(3 | (2u << 16), {{0, 0}});
          },
          "index-count", VerifyLevel::quick, true},
         {"sum off", [](Files& f) { setWord(f.index, 64, 2, 4), setWord(f.index, 76, 64, 4); }, "data-size",
@@ -195,12 +194,12 @@ const std::vector<Fault>& faults() {
         {"more entries than records", [](Files& f) { f.index.resize(20 * 12); }, "index-size",
          VerifyLevel::quick, true},
         {"splat in the wrong cell",
-         [](Files& f) { inRecord(f, 0, 0, std::bit_cast<std::uint32_t>(25.0F), 4); }, "record-cell", full,
+         [](Files& f) { inRecord(f, 0, 0, std::bit_cast<std::uint32_t>(25.0f), 4); }, "record-cell", full,
          true},
         {"splat outside the grid",
-         [](Files& f) { inRecord(f, 6, 4, std::bit_cast<std::uint32_t>(-21.0F), 4); }, "record-cell", full,
+         [](Files& f) { inRecord(f, 6, 4, std::bit_cast<std::uint32_t>(-21.0f), 4); }, "record-cell", full,
          true},
-        {"key moved", [](Files& f) { setWord(f.index, 60, 3 | (2U << 16), 4); }, "record-cell", full, true},
+        {"key moved", [](Files& f) { setWord(f.index, 60, 3 | (2u << 16), 4); }, "record-cell", full, true},
         {"cell length", [](Files& f) { inMeta(f, "\"cellLengthX\": 30", "\"cellLengthX\": 15"); },
          "meta-cell-length", VerifyLevel::quick, true},
         // records
@@ -241,7 +240,7 @@ TEST_P(ReaderVerifyFault, IsFound) {
     fault.apply(files);
     const VerifyReport report = verify(files, fault.level);
     EXPECT_FALSE(report.sound());
-    EXPECT_EQ(report.findings.errorKinds().count(fault.kind), 1U) << allFindings(report);
+    EXPECT_EQ(report.findings.errorKinds().count(fault.kind), 1u) << allFindings(report);
     for (const Finding& finding : report.findings.errors()) {
         EXPECT_EQ(finding.text().find('\n'), std::string::npos);
         EXPECT_THAT(finding.text(), HasSubstr(", byte "));
@@ -258,14 +257,14 @@ INSTANTIATE_TEST_SUITE_P(Single, ReaderVerifyFault, testing::ValuesIn(faults()),
 
 TEST(ReaderVerify, WarningsAreNoErrors) {
     Files files = soundFiles();
-    inRecord(files, 2, 0, std::bit_cast<std::uint32_t>(100.0F),
+    inRecord(files, 2, 0, std::bit_cast<std::uint32_t>(100.0f),
              4);                  // outside the box: bounds may be stated wrongly
     inRecord(files, 3, 22, 0, 4); // a source rotation of zeros
     const VerifyReport report = verify(files);
-    EXPECT_EQ(report.findings.errorCount(), 0U) << allFindings(report);
-    EXPECT_EQ(report.findings.warningKinds().count("record-box"), 1U);
-    EXPECT_EQ(report.findings.warningKinds().count("record-rotation"), 1U);
-    EXPECT_EQ(report.use->undefinedRotations, 1U);
+    EXPECT_EQ(report.findings.errorCount(), 0u) << allFindings(report);
+    EXPECT_EQ(report.findings.warningKinds().count("record-box"), 1u);
+    EXPECT_EQ(report.findings.warningKinds().count("record-rotation"), 1u);
+    EXPECT_EQ(report.use->undefinedRotations, 1u);
 }
 
 TEST(ReaderVerify, CrowdedStepsAreAWarning) {
@@ -274,7 +273,7 @@ TEST(ReaderVerify, CrowdedStepsAreAWarning) {
         scene[i].scale[1] = 0;
     }
     const VerifyReport report = verify(DatasetWriter::oneCellFiles(scene));
-    ASSERT_EQ(report.findings.warningCount(), 1U) << allFindings(report);
+    ASSERT_EQ(report.findings.warningCount(), 1u) << allFindings(report);
     EXPECT_THAT(report.findings.warnings()[0].text(), HasSubstr("\"scale\" on axis y"));
     EXPECT_THAT(report.findings.warnings()[0].text(), HasSubstr("4 of 5 records at step 0"));
 }
@@ -290,8 +289,8 @@ TEST(ReaderVerify, FindingsOfOneKindAreCountedPastTheirLimit) {
     options.level = full;
     options.findingsPerKind = 2;
     const VerifyReport report = verifyDataset(folder.path(), options);
-    EXPECT_EQ(report.findings.errorKinds().at("record-position"), 5U);
-    EXPECT_EQ(report.findings.errors().size(), 2U);
+    EXPECT_EQ(report.findings.errorKinds().at("record-position"), 5u);
+    EXPECT_EQ(report.findings.errors().size(), 2u);
 }
 
 // More records than one thread reads: what each finds comes together in the order of the file.
@@ -317,16 +316,16 @@ TEST(ReaderVerify, ManyRecordsAreCheckedInTheirOrder) {
         told = done;
     };
     const VerifyReport report = verifyDataset(folder.path(), options);
-    EXPECT_GT(told, 0U);
-    EXPECT_EQ(report.findings.errorKinds().at("record-padding"), 3U) << allFindings(report);
-    ASSERT_EQ(report.findings.errors().size(), 2U);
-    EXPECT_EQ(report.findings.errors()[0].offset, 3U * coefficientSize + 60);
-    EXPECT_EQ(report.findings.errors()[1].offset, 150'000U * coefficientSize + 60);
+    EXPECT_GT(told, 0u);
+    EXPECT_EQ(report.findings.errorKinds().at("record-padding"), 3u) << allFindings(report);
+    ASSERT_EQ(report.findings.errors().size(), 2u);
+    EXPECT_EQ(report.findings.errors()[0].offset, 3u * coefficientSize + 60);
+    EXPECT_EQ(report.findings.errors()[1].offset, 150'000u * coefficientSize + 60);
     ASSERT_TRUE(report.use);
     EXPECT_EQ(report.use->records, count);
-    EXPECT_EQ(report.use->opacity.atMaximum, 1U);
-    EXPECT_EQ(report.use->scale[2].lowest, 0U);
-    EXPECT_EQ(report.use->scale[2].highest, 65535U);
+    EXPECT_EQ(report.use->opacity.atMaximum, 1u);
+    EXPECT_EQ(report.use->scale[2].lowest, 0u);
+    EXPECT_EQ(report.use->scale[2].highest, 65535u);
 }
 
 TEST(ReaderVerify, EveryOneOfManyRecordsIsLookedForInItsOwnCell) {
@@ -334,12 +333,12 @@ TEST(ReaderVerify, EveryOneOfManyRecordsIsLookedForInItsOwnCell) {
     std::vector<DatasetWriter::StoredSplat> first(each, DatasetWriter::smallScene()[1]);
     std::vector<DatasetWriter::StoredSplat> second = first;
     for (std::size_t i = 0; i < each; ++i) {
-        first[i].position = {-5.0F, -15.0F, 0.0F};
-        second[i].position = {25.0F, -15.0F, 0.0F};
+        first[i].position = {-5.0f, -15.0f, 0.0f};
+        second[i].position = {25.0f, -15.0f, 0.0f};
     }
     second[each - 2].position = first[0].position;
     const VerifyReport report = verify(DatasetWriter::gridFiles({{0, first}, {1, second}}));
-    EXPECT_EQ(report.findings.errorKinds().at("record-cell"), 1U) << allFindings(report);
+    EXPECT_EQ(report.findings.errorKinds().at("record-cell"), 1u) << allFindings(report);
     EXPECT_THAT(allFindings(report), HasSubstr("byte " + std::to_string((2 * each - 2) * 32) +
                                                ": expected a position in cell (1, 0), found (-5, -15, 0), "
                                                "which lies in cell (0, 0)"));
@@ -350,7 +349,7 @@ TEST(ReaderVerify, AFolderThatIsNoneIsAFinding) {
     EXPECT_THAT(allFindings(verifyDataset(folder.path() / "none")),
                 HasSubstr("expected a dataset folder, found none"));
     const VerifyReport empty = verifyDataset(folder.path());
-    EXPECT_EQ(empty.findings.errorKinds().at("file-missing"), 3U) << allFindings(empty);
+    EXPECT_EQ(empty.findings.errorKinds().at("file-missing"), 3u) << allFindings(empty);
 }
 
 TEST(ReaderVerify, SparseGiantsEndQuickly) {
@@ -360,22 +359,22 @@ TEST(ReaderVerify, SparseGiantsEndQuickly) {
     const TemporaryFolder folder;
     Files files = DatasetWriter::gridScene();
     writeFiles(folder.path(), files);
-    std::filesystem::resize_file(folder.path() / "index.bin", 1ULL << 42);
+    std::filesystem::resize_file(folder.path() / "index.bin", 1ull << 42);
     EXPECT_FALSE(verifyDataset(folder.path()).sound());
 }
 
 TEST(ReaderVerify, KeysThatRunTogetherAreNotChecked) {
     DatasetWriter::MetaFields fields;
-    Files files = DatasetWriter::gridFiles({{5U, {DatasetWriter::splatAt(160, 0)}}}, fields);
+    Files files = DatasetWriter::gridFiles({{5u, {DatasetWriter::splatAt(160, 0)}}}, fields);
     // A box of 100,000 cells along X; a key may come twice, the second time without splats.
-    files.index += DatasetWriter::indexEntry(5U, {{0, 32}});
+    files.index += DatasetWriter::indexEntry(5u, {{0, 32}});
     fields.totalSplats = 1'000'001;
     fields.box = {{0, 0, 0}, {3'000'000, 50, 5}};
     fields.cellLengthX = fields.cellLengthY = 30;
     files.meta = DatasetWriter::metaText(fields);
     const VerifyReport report = verify(files);
-    EXPECT_EQ(report.findings.errorCount(), 0U) << allFindings(report);
-    EXPECT_EQ(report.findings.warningKinds().count("index-grid"), 1U);
+    EXPECT_EQ(report.findings.errorCount(), 0u) << allFindings(report);
+    EXPECT_EQ(report.findings.warningKinds().count("index-grid"), 1u);
 }
 
 // Random bytes over every file: whatever comes, a report and no crash.
@@ -401,9 +400,9 @@ TEST(ReaderVerify, RandomDamageNeverCrashes) {
         writeFiles(folder.path(), files);
         VerifyOptions options;
         options.level = full;
-        sound += verifyDataset(folder.path(), options).sound() ? 1U : 0U;
+        sound += verifyDataset(folder.path(), options).sound() ? 1u : 0u;
     }
-    EXPECT_LT(sound, 250U);
+    EXPECT_LT(sound, 250u);
 }
 
 } // namespace

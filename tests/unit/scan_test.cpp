@@ -1,5 +1,4 @@
 #include "src/splatheader_scan.h"
-
 #include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/files.h"

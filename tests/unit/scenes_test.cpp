@@ -30,10 +30,10 @@ SceneOptions smallScene(std::uint64_t splats, bool coefficients) {
 
 // FNV-1a over 64 bits.
 std::uint64_t hashOf(const void* bytes, std::size_t size) {
-    std::uint64_t hash = 0xcbf29ce484222325U;
+    std::uint64_t hash = 0xcbf29ce484222325u;
     const auto* at = static_cast<const unsigned char*>(bytes);
     for (std::size_t k = 0; k < size; ++k) {
-        hash = (hash ^ at[k]) * 0x100000001b3U;
+        hash = (hash ^ at[k]) * 0x100000001b3u;
     }
     return hash;
 }
@@ -68,7 +68,7 @@ float statedBound(const std::string& header, const std::string& key) {
         std::istringstream words(line);
         std::string comment;
         std::string name;
-        float value = 0.0F;
+        float value = 0.0f;
         if (words >> comment >> name >> value && comment == "comment" && name == key) {
             return value;
         }
@@ -78,8 +78,8 @@ float statedBound(const std::string& header, const std::string& key) {
 
 TEST(Scenes, SameSeedGivesSameBytesEverywhere) {
     // Hashes of the records' bytes: the same for every compiler, optimisation level and system.
-    EXPECT_EQ(hashOf(scenes::sceneRecords(smallScene(20'000, true))), 6992534688105738623U);
-    EXPECT_EQ(hashOf(scenes::sceneRecords(smallScene(20'000, false))), 6590358169810881372U);
+    EXPECT_EQ(hashOf(scenes::sceneRecords(smallScene(20'000, true))), 6992534688105738623u);
+    EXPECT_EQ(hashOf(scenes::sceneRecords(smallScene(20'000, false))), 6590358169810881372u);
 }
 
 TEST(Scenes, AnotherSeedGivesAnotherScene) {
@@ -164,8 +164,8 @@ TEST(Scenes, StatedBoundsReadBackExactly) {
     SceneOptions options = smallScene(5, false);
     options.statedBounds = true;
     Bounds bounds;
-    bounds.min = {-123456.789F, -0.1F, -3.0e-9F};
-    bounds.max = {1.0e9F, 0.33333334F, 312.73770F};
+    bounds.min = {-123456.789f, -0.1f, -3.0e-9f};
+    bounds.max = {1.0e9f, 0.33333334f, 312.73770f};
     const std::string header = scenes::sceneHeader(options, bounds);
     const std::string keys = "xyz";
     for (std::size_t axis = 0; axis < 3; ++axis) {
@@ -193,20 +193,20 @@ TEST_F(SceneFile, StatesTheExactBoxWhichSpansTheExtents) {
     EXPECT_EQ(statedBound(header, "maxx"), box.max[0]);
     EXPECT_EQ(statedBound(header, "maxy"), box.max[1]);
     EXPECT_EQ(statedBound(header, "maxz"), box.max[2]);
-    EXPECT_EQ(box.min[0], 960.0F);
-    EXPECT_EQ(box.max[0], 1040.0F);
-    EXPECT_EQ(box.min[1], -175.25F);
-    EXPECT_EQ(box.max[1], 135.25F);
-    EXPECT_GT(box.min[2], 53.0F);
-    EXPECT_LT(box.max[2], 95.0F);
+    EXPECT_EQ(box.min[0], 960.0f);
+    EXPECT_EQ(box.max[0], 1040.0f);
+    EXPECT_EQ(box.min[1], -175.25f);
+    EXPECT_EQ(box.max[1], 135.25f);
+    EXPECT_GT(box.min[2], 53.0f);
+    EXPECT_LT(box.max[2], 95.0f);
 }
 
 TEST(Scenes, TwoSplatsAlreadySpanTheExtents) {
     const Bounds box = scenes::boundsOf(scenes::sceneRecords(smallScene(2, false)), 17);
-    EXPECT_EQ(box.min[0], -125.0F);
-    EXPECT_EQ(box.max[0], 125.0F);
-    EXPECT_EQ(box.min[1], -100.0F);
-    EXPECT_EQ(box.max[1], 100.0F);
+    EXPECT_EQ(box.min[0], -125.0f);
+    EXPECT_EQ(box.max[0], 125.0f);
+    EXPECT_EQ(box.min[1], -100.0f);
+    EXPECT_EQ(box.max[1], 100.0f);
 }
 
 TEST(Scenes, ValuesAreFiniteAndDistributedAsATrainersAre) {
@@ -221,24 +221,24 @@ TEST(Scenes, ValuesAreFiniteAndDistributedAsATrainersAre) {
         for (std::size_t f = 0; f < 62; ++f) {
             ASSERT_TRUE(std::isfinite(r[f])) << "splat " << k << " float " << f;
         }
-        EXPECT_EQ(std::fabs(r[3]) + std::fabs(r[4]) + std::fabs(r[5]), 0.0F);
+        EXPECT_EQ(std::fabs(r[3]) + std::fabs(r[4]) + std::fabs(r[5]), 0.0f);
         for (std::size_t f = 6; f < 9; ++f) {
-            ASSERT_LT(std::fabs(r[f]), 4.0F);
+            ASSERT_LT(std::fabs(r[f]), 4.0f);
         }
         for (std::size_t f = 9; f < 54; ++f) {
-            ASSERT_LT(std::fabs(r[f]), 1.5F);
+            ASSERT_LT(std::fabs(r[f]), 1.5f);
             const std::size_t place = (f - 9) % 15;
             coefficientSquares[place < 3 ? 0 : (place < 8 ? 1 : 2)] += r[f] * r[f] /
                                                                        (place < 3   ? 3.0
                                                                         : place < 8 ? 5.0
                                                                                     : 7.0);
         }
-        ASSERT_GT(r[54], -8.0F);
-        ASSERT_LT(r[54], 12.0F);
-        nearlyOpaque += r[54] > 2.0F ? 1 : 0;
+        ASSERT_GT(r[54], -8.0f);
+        ASSERT_LT(r[54], 12.0f);
+        nearlyOpaque += r[54] > 2.0f ? 1 : 0;
         for (std::size_t f = 55; f < 58; ++f) {
-            ASSERT_GT(r[f], -12.0F);
-            ASSERT_LT(r[f], 5.0F);
+            ASSERT_GT(r[f], -12.0f);
+            ASSERT_LT(r[f], 5.0f);
         }
         const double norm = std::sqrt(r[58] * r[58] + r[59] * r[59] + r[60] * r[60] + r[61] * r[61]);
         ASSERT_GT(norm, 0.39);
@@ -254,7 +254,7 @@ TEST(Scenes, ValuesAreFiniteAndDistributedAsATrainersAre) {
     EXPECT_GT(coefficientSquares[1], 2.0 * coefficientSquares[2]);
     EXPECT_GT(nearlyOpaque, splats / 2);
     EXPECT_LT(unitLength, splats / 100);
-    EXPECT_EQ(largest.size(), 4U);
+    EXPECT_EQ(largest.size(), 4u);
 }
 
 TEST(Scenes, DiscsLieFlatOnTheSurfaces) {
@@ -290,8 +290,8 @@ TEST(Scenes, DiscsLieFlatOnTheSurfaces) {
                     ? 1
                     : 0;
     }
-    EXPECT_GT(thin, 4'900U);
-    EXPECT_EQ(axes.size(), 3U);
+    EXPECT_GT(thin, 4'900u);
+    EXPECT_EQ(axes.size(), 3u);
 }
 
 TEST(Scenes, OrderDecidesWhetherNeighboursInTheFileAreNeighboursInTheScene) {
@@ -304,12 +304,12 @@ TEST(Scenes, OrderDecidesWhetherNeighboursInTheFileAreNeighboursInTheScene) {
         return sum / static_cast<double>(records.size() / 17);
     };
     EXPECT_GT(meanStep(scenes::sceneRecords(options)), 80.0);
-    options.order = Order::Grouped;
+    options.order = Order::grouped;
     EXPECT_LT(meanStep(scenes::sceneRecords(options)), 60.0);
 }
 
 TEST_F(SceneFile, MayHoldNoSplatOrOne) {
-    for (const std::uint64_t splats : {0U, 1U}) {
+    for (const std::uint64_t splats : {0u, 1u}) {
         SceneOptions options = smallScene(splats, true);
         options.statedBounds = true;
         const Bounds bounds = scenes::writeScene(folder / "scene.ply", options);
@@ -327,7 +327,7 @@ TEST(Scenes, ModelsAndLargeTownsKeepTheirExtents) {
         EXPECT_EQ(box.max[0], static_cast<float>(extent / 2));
         EXPECT_EQ(box.min[1], static_cast<float>(-extent / 4));
         EXPECT_LT(box.max[2], extent);
-        EXPECT_GT(box.max[2], 0.0F);
+        EXPECT_GT(box.max[2], 0.0f);
     }
 }
 

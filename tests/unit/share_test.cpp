@@ -1,5 +1,4 @@
 #include "src/blocks_share.h"
-
 #include "tests/support/files.h"
 
 #include <gtest/gtest.h>

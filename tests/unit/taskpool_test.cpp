@@ -14,6 +14,7 @@
 
 #if !defined(_WIN32)
 #include <csignal>
+
 #include <unistd.h>
 #endif
 

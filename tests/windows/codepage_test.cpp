@@ -1,7 +1,6 @@
 // The code page of narrow paths: UTF-8, ANSI or OEM, by what the process has set.
 
 #include "src/platform.h"
-
 #include "tests/windows/runtime.h"
 
 #include <gtest/gtest.h>

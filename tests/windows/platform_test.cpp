@@ -1,13 +1,15 @@
 // What the program asks of the system.
 
-#include "program/system/child_process.h"
 #include "program/system/platform.h"
+
+#include "program/system/child_process.h"
 #include "tests/support/files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
+
 #include <windows.h>
 
 namespace Tavrin::SplatProgram {

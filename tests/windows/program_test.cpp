@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 #include <vector>
+
 #include <windows.h>
 
 namespace windows_test {
@@ -51,43 +52,43 @@ public:
         }
         std::wstring wide = support::pathFromText(line).native();
         EXPECT_TRUE(CreateProcessW(nullptr, wide.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                   &startup, &m_process));
+                                   &startup, &process_));
         CloseHandle(file);
     }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
     ~Running() {
-        CloseHandle(m_process.hThread);
-        CloseHandle(m_process.hProcess);
+        CloseHandle(process_.hThread);
+        CloseHandle(process_.hProcess);
     }
 
-    DWORD id() const { return m_process.dwProcessId; }
+    DWORD id() const { return process_.dwProcessId; }
 
-    bool hasEnded() const { return WaitForSingleObject(m_process.hProcess, 0) == WAIT_OBJECT_0; }
+    bool hasEnded() const { return WaitForSingleObject(process_.hProcess, 0) == WAIT_OBJECT_0; }
 
     // From outside, without a chance to clean up.
-    void kill() const { TerminateProcess(m_process.hProcess, 1); }
+    void kill() const { TerminateProcess(process_.hProcess, 1); }
 
     int status() const {
-        WaitForSingleObject(m_process.hProcess, INFINITE);
+        WaitForSingleObject(process_.hProcess, INFINITE);
         DWORD status = 0;
-        GetExitCodeProcess(m_process.hProcess, &status);
+        GetExitCodeProcess(process_.hProcess, &status);
         return static_cast<int>(status);
     }
 
 private:
-    PROCESS_INFORMATION m_process = {};
+    PROCESS_INFORMATION process_ = {};
 };
 
 // A link to a folder, while this object lives. Wine makes none, but takes those of the system below it for
 // what they are.
 class FolderLink {
 public:
-    FolderLink(const fs::path& target, fs::path link) : m_link(std::move(link)) {
+    FolderLink(const fs::path& target, fs::path link) : link_(std::move(link)) {
         constexpr DWORD unprivileged = 2; // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
-        CreateSymbolicLinkW(m_link.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY | unprivileged);
-        m_isBelow = !exists();
-        if (m_isBelow) {
+        CreateSymbolicLinkW(link_.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_DIRECTORY | unprivileged);
+        isBelow_ = !exists();
+        if (isBelow_) {
             runBelow(L"ln", L"-s " + target.generic_wstring(), true);
         }
     }
@@ -95,24 +96,24 @@ public:
     FolderLink& operator=(const FolderLink&) = delete;
     // Before what it leads to goes: wine cannot remove one that leads nowhere.
     ~FolderLink() {
-        if (m_isBelow) {
+        if (isBelow_) {
             runBelow(L"rm", L"", false);
         } else {
-            RemoveDirectoryW(m_link.c_str());
+            RemoveDirectoryW(link_.c_str());
         }
     }
 
-    const fs::path& path() const { return m_link; }
+    const fs::path& path() const { return link_; }
 
     bool exists() const {
-        const DWORD attributes = GetFileAttributesW(m_link.c_str());
+        const DWORD attributes = GetFileAttributesW(link_.c_str());
         return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
     }
 
 private:
     // Runs a program of the system below on the link until it is there, or is not.
     void runBelow(const std::wstring& program, const std::wstring& words, bool isThere) const {
-        std::wstring line = program + L' ' + words + L' ' + m_link.generic_wstring();
+        std::wstring line = program + L' ' + words + L' ' + link_.generic_wstring();
         STARTUPINFOW startup = {};
         startup.cb = sizeof startup;
         PROCESS_INFORMATION process = {}; // without handles: it is none of wine's
@@ -124,8 +125,8 @@ private:
         }
     }
 
-    fs::path m_link;
-    bool m_isBelow = false;
+    fs::path link_;
+    bool isBelow_ = false;
 };
 
 class Program : public testing::Test {

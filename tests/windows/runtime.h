@@ -1,9 +1,9 @@
 // The universal C runtime beside the one that the tests are linked against.
 #pragma once
 
-#include <windows.h>
-
 #include <clocale>
+
+#include <windows.h>
 
 namespace windows_test {
 
