@@ -23,6 +23,7 @@ const planning = 120; // milliseconds between two looks at what is needed
 const skies = { light: [0.62, 0.74, 0.88], dark: [0.07, 0.082, 0.1] } as const;
 
 export class App implements Target {
+    drawing = true; // for measurements: false leaves the pictures out
     pose: Pose = { target: [0, 0, 0], distance: 10, yaw: 0, pitch: 0.6 };
     private readonly canvas = element("picture", HTMLCanvasElement);
     private readonly gl: WebGL2RenderingContext;
@@ -32,7 +33,7 @@ export class App implements Target {
     private map: GroundMap | undefined;
     private budget = 1_000_000;
     private touched = false; // somebody has chosen the view
-    private framed = false; // the view fits the splats that came first
+    private framed: "no" | "asked" | "yes" = "no"; // whether the view fits the splats that came first
     private scheduled = false;
     private planned = 0; // when
     private moving = 0; // when the camera moved last
@@ -100,7 +101,7 @@ export class App implements Target {
         this.map = new GroundMap(element("map", HTMLCanvasElement), dataset.cells, (cell) => this.scene?.isHere(cell) ?? false);
         const linked = poseFrom(linkPart("v"));
         this.touched = linked !== undefined;
-        this.framed = this.touched;
+        this.framed = this.touched ? "yes" : "no";
         this.pose = linked ?? this.firstPose(undefined);
         this.build();
     }
@@ -134,6 +135,7 @@ export class App implements Target {
         const { scene } = this;
         const box = await scene?.frame();
         if (scene === undefined || scene !== this.scene) return;
+        this.framed = "yes";
         this.pose = this.firstPose(box);
         this.moved(false);
     }
@@ -170,12 +172,12 @@ export class App implements Target {
         } else if (this.moving > this.planned) {
             window.setTimeout(() => this.invalidate(), planning);
         }
-        if (!this.framed && scene.figures.drawn > 0) {
-            this.framed = true;
+        if (this.framed === "no" && scene.figures.drawn > 0) {
+            this.framed = this.touched ? "yes" : "asked";
             if (!this.touched) void this.frame();
         }
         const still = now - this.moving > planning;
-        this.final = scene.draw(view, this.look(), still ? Infinity : layersWhileMoving);
+        if (this.drawing) this.final = scene.draw(view, this.look(), still ? Infinity : layersWhileMoving);
         this.map?.draw(view, this.pose.target);
         this.progress(scene.figures);
         if (flying || !this.final) this.invalidate();
@@ -368,7 +370,7 @@ export class App implements Target {
     }
 
     private isSettled(): boolean {
-        return this.final && this.framed && this.scene?.settled(this.view()) === true;
+        return this.final && this.framed === "yes" && this.scene?.settled(this.view()) === true;
     }
 
     // For tests and scripts: the figures of what is shown.

@@ -87,6 +87,8 @@ export class Renderer {
         texture(units.byteValues, gl.TEXTURE_2D);
         const values = new Float32Array(1024);
         dequantiser.bytes.forEach((table, channel) => table.forEach((value, i) => (values[4 * i + channel] = value)));
+        gl.pixelStorei(gl.UNPACK_ROW_LENGTH, 0); // another scene's uploads may have left it
+        gl.pixelStorei(gl.UNPACK_SKIP_PIXELS, 0);
         gl.texImage2D(gl.TEXTURE_2D, 0, gl.RGBA32F, 256, 1, 0, gl.RGBA, gl.FLOAT, values);
         return bytes + values.byteLength;
     }

@@ -121,7 +121,7 @@ export class Sorter {
             near = Math.min(near, nearest);
             far = Math.max(far, farthest);
         }
-        near = Math.max(near, 1e-8 * far, 1e-30);
+        near = Math.max(near, far * 2 ** -44, 1e-30); // within that all count as equally near
         const least = bitsOf(near);
         return { least, scale: (buckets - 1) / Math.max(1, bitsOf(far * 1.0001) - least) };
     }

@@ -1,0 +1,160 @@
+// The page's parts that need no browser: slots of graphics memory, the sorter, what is wanted, links.
+import assert from "node:assert/strict";
+import { test } from "node:test";
+import { modules } from "./support.mjs";
+
+const { SlotPool, shapeFor, blocksOf, Sorter, piecesOf, wantedPieces, viewOf, poseText, poseFrom, framing, sourceFrom, ViewError } =
+    await modules("slots", "sorting", "plan", "camera", "folder", "format");
+
+// Numbers that look random and are the same in every run.
+function numbers(seed) {
+    let state = seed;
+    return () => ((state = (state * 1103515245 + 12345) % 2147483648) / 2147483648);
+}
+
+test("slots are never given twice and all come back", () => {
+    const next = numbers(1);
+    const pool = new SlotPool(1000);
+    const held = [];
+    const taken = new Uint8Array(1000);
+    for (let step = 0; step < 3000; ++step) {
+        if (next() < 0.5) {
+            const count = 1 + Math.floor(next() * 200);
+            const before = pool.available;
+            const runs = pool.take(count);
+            assert.equal(runs !== undefined, count <= before, "all that is free can be had, however scattered");
+            if (runs === undefined) continue;
+            assert.equal(runs.reduce((sum, run) => sum + run.count, 0), count);
+            for (const { start, count: length } of runs) {
+                for (let slot = start; slot < start + length; ++slot) assert.equal(taken[slot]++, 0);
+            }
+            held.push(runs);
+        } else if (held.length > 0) {
+            const [runs] = held.splice(Math.floor(next() * held.length), 1);
+            for (const { start, count } of runs) taken.fill(0, start, start + count);
+            pool.give(runs);
+        }
+        assert.equal(pool.available, 1000 - taken.reduce((sum, value) => sum + value, 0));
+    }
+    held.forEach((runs) => pool.give(runs));
+    assert.deepEqual(pool.take(1000), [{ start: 0, count: 1000 }], "free runs grow together again");
+});
+
+test("a shape holds all slots, wastes next to none, and a run's blocks cover it", () => {
+    for (const capacity of [1, 7, 999, 20000, 61849, 58649, 250000, 1000000, 1234567, 8000000]) {
+        for (const [rows, columns] of [[1024, 128], [2048, 136]]) {
+            const shape = shapeFor(capacity, rows, columns);
+            const slots = shape.rows * shape.columns * shape.layers;
+            assert.ok(slots >= capacity && slots - capacity <= capacity / 1000 + shape.layers, `${capacity} in ${JSON.stringify(shape)}`);
+            assert.ok(shape.rows <= rows && shape.columns <= columns && shape.layers <= 256);
+            const run = { start: Math.floor(capacity / 3), count: Math.ceil(capacity / 2) };
+            let slot = run.start;
+            for (const block of blocksOf(run, shape)) {
+                assert.equal((block.layer * shape.columns + block.column) * shape.rows + block.row, slot);
+                assert.equal(block.first, slot - run.start);
+                assert.ok(block.row + block.count <= shape.rows && block.column < shape.columns && block.layer < shape.layers);
+                slot += block.count;
+            }
+            assert.equal(slot, run.start + run.count);
+        }
+    }
+});
+
+function records(count, next, place = () => [next() * 100, next() * 80, next() * 5]) {
+    const buffer = new ArrayBuffer(32 * count);
+    const values = new Float32Array(buffer);
+    for (let i = 0; i < count; ++i) values.set(place(i), 8 * i);
+    return buffer;
+}
+
+test("the order is back to front, holds every splat once, and leaves out what was removed", () => {
+    const next = numbers(7);
+    const sorter = new Sorter(5000, false);
+    const parts = [records(2000, next), records(1000, next), records(1500, next)];
+    const runs = [[{ start: 0, count: 1500 }, { start: 4000, count: 500 }], [{ start: 1500, count: 1000 }], [{ start: 2500, count: 1500 }]];
+    parts.forEach((part, i) => sorter.add(i, runs[i], part));
+    const position = new Map();
+    runs.forEach((list, i) => {
+        let at = 0;
+        const values = new Float32Array(parts[i]);
+        for (const run of list) for (let k = 0; k < run.count; ++k, ++at) position.set(run.start + k, values.subarray(8 * at, 8 * at + 3));
+    });
+    const check = (order, count, expected) => {
+        assert.equal(count, expected.length);
+        const slots = [...order.subarray(0, count)];
+        assert.deepEqual([...slots].sort((a, b) => a - b), expected);
+        const distances = slots.map((slot) => Math.hypot(...position.get(slot).map((value, i) => value - eye[i])));
+        // The keys tell distances apart to one part in a few thousand.
+        for (let i = 1; i < count; ++i) assert.ok(distances[i] <= distances[i - 1] * 1.001, `${i}: ${distances[i - 1]}, ${distances[i]}`);
+    };
+    const eye = [50, 40, 2];
+    let { order, count } = sorter.sort(eye, undefined);
+    check(order, count, [...position.keys()].sort((a, b) => a - b));
+    sorter.remove(1);
+    ({ order, count } = sorter.sort(eye, order.buffer));
+    check(order, count, [...position.keys()].filter((slot) => slot < 1500 || slot >= 2500).sort((a, b) => a - b));
+    assert.ok(sorter.bytes + 4 * 5000 <= 16 * 5000);
+    assert.ok(new Sorter(5000, true).bytes + 4 * 5000 <= 16 * 5000);
+});
+
+test("a splat far outside does not spoil the order of the others", () => {
+    const next = numbers(3);
+    const sorter = new Sorter(1001, false);
+    const part = records(1001, next, (i) => (i === 0 ? [1e5, 1e5, 1e5] : [next(), 10 * next(), next()]));
+    const values = new Float32Array(part);
+    sorter.add(0, [{ start: 0, count: 1001 }], part);
+    const { order } = sorter.sort([0, -1, 0], undefined);
+    const distances = [...order].map((slot) => Math.hypot(values[8 * slot], values[8 * slot + 1] + 1, values[8 * slot + 2]));
+    for (let i = 1; i < 1001; ++i) assert.ok(distances[i] <= distances[i - 1] + 0.2, `${i}: ${distances[i - 1]}, ${distances[i]}`);
+});
+
+test("positions that are no numbers stop nothing", () => {
+    const sorter = new Sorter(3, false);
+    sorter.add(0, [{ start: 0, count: 3 }], records(3, Math.random, (i) => [[NaN, 0, 0], [Infinity, 1, 1], [1, 2, 3]][i]));
+    assert.deepEqual([...sorter.sort([0, 0, 0], undefined).order].sort(), [0, 1, 2]);
+    assert.deepEqual(sorter.frame().min.every(Number.isFinite), true);
+});
+
+test("a click takes the nearest of the splats near the ray", () => {
+    const sorter = new Sorter(4, true);
+    const part = records(4, Math.random, (i) => [[0, 10, 0], [0.001, 5, 0], [3, 4, 0], [0, -5, 0]][i]);
+    new Uint32Array(part)[8 + 7] = 0x12345678;
+    sorter.add(9, [{ start: 0, count: 4 }], part);
+    const ray = { eye: [0, 0, 0], right: [1, 0, 0], up: [0, 0, 1], forward: [0, 1, 0], x: 0, y: 0, radius: 0.01 };
+    assert.deepEqual(sorter.pick(ray), { piece: 9, number: 1, slot: 1, normals: 0x12345678 });
+    assert.equal(sorter.pick({ ...ray, x: -0.5 }), undefined);
+});
+
+test("cells are wanted nearest first, within the budget, and what is here stays", () => {
+    const cells = Array.from({ length: 100 }, (_, i) => ({ key: i, count: 1000, first: 1000 * i, min: [i * 10, 0], max: [i * 10 + 10, 10] }));
+    cells[3].count = 100000; // three fetches and a bit
+    const pieces = piecesOf(cells);
+    assert.equal(pieces.reduce((sum, piece) => sum + piece.count, 0), 199000);
+    assert.deepEqual(pieces.filter(({ cell }) => cell === 3).map(({ first, count }) => [first, count]), [[0, 32768], [32768, 32768], [65536, 32768], [98304, 1696]]);
+    const view = (x) => viewOf({ target: [x, 5, 0], distance: 1, yaw: Math.PI / 2, pitch: 0 }, 100, 100);
+    const wanted = wantedPieces(cells, pieces, view(505), 10000, [0, 1]).map(({ cell }) => cell);
+    assert.equal(wanted.length, 10);
+    assert.equal(wanted[0], 50);
+    const forwards = wanted.filter((cell) => cell > 50).length;
+    assert.ok(forwards > wanted.filter((cell) => cell < 50).length, "what is in the picture comes first");
+    const many = wantedPieces(cells, pieces, view(505), 30000, [0, 1]).map(({ cell }) => cell);
+    const furthest = pieces.find(({ cell }) => cell === Math.max(...many) + 1);
+    assert.ok(!wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest));
+    furthest.state = "here";
+    assert.ok(wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest), "what is here is not given up for its like");
+});
+
+test("a view survives its link; what is no view is none", () => {
+    const pose = framing([500000, 5400000, 90], [500200, 5400100, 130]);
+    const again = poseFrom(poseText(pose));
+    assert.ok(again.target.every((value, i) => Math.abs(value - pose.target[i]) < 1e-3));
+    assert.ok(Math.abs(again.distance - pose.distance) < 1e-6 && Math.abs(again.pitch - pose.pitch) < 1e-9);
+    for (const text of ["", "1,2,3", "1,2,3,4,5,x", "1,2,3,4,5,6,7", "1,2,,4,5,6", "1,2,Infinity,4,5,6"]) assert.equal(poseFrom(text), undefined);
+});
+
+test("the dataset is found among chosen files; without one it is said", () => {
+    const file = (path) => ({ path: path.split("/").slice(0, -1).join("/"), file: new File(["x"], path.split("/").pop()) });
+    const source = sourceFrom([file("a/deep/down/converted_from_ply.ytr"), file("a/town/converted_from_ply.ytr"), file("a/town/index.bin"), file("a/index.bin")]);
+    assert.equal(source.name, "town");
+    assert.throws(() => sourceFrom([file("a/index.bin")]), ViewError);
+});

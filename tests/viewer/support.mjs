@@ -1,0 +1,72 @@
+// What the tests share: the page's modules for node, datasets made with the programs of the build, and changed copies of them.
+import { execFileSync } from "node:child_process";
+import { cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import { tmpdir } from "node:os";
+import { dirname, join } from "node:path";
+import { fileURLToPath } from "node:url";
+
+export const root = join(dirname(fileURLToPath(import.meta.url)), "..", "..");
+export const buildFolder = process.env["BUILD"] ?? join(root, "build", "release");
+export const viewerPage = join(root, "viewer", "dist", "viewer.html");
+export const samples = process.env["SAMPLES"] ?? join(root, "..", "shared", "samples");
+export const scratch = process.env["SCRATCH"] ?? mkdtempSync(join(tmpdir(), "viewer-tests-"));
+const require = createRequire(join(root, "viewer", "package.json"));
+
+if (process.env["SCRATCH"] === undefined) process.on("exit", () => rmSync(scratch, { recursive: true, force: true }));
+
+// Runs a program of the build and gives what it prints.
+export function run(program, ...args) {
+    return execFileSync(join(buildFolder, program), args, { encoding: "utf8", maxBuffer: 1 << 28 });
+}
+
+// The page's modules of these names, as one.
+export async function modules(...names) {
+    const { build } = require("esbuild");
+    const contents = names.map((name) => `export * from "./${name}.ts";`).join("\n");
+    const outfile = join(mkdtempSync(join(scratch, "modules-")), "modules.mjs");
+    const stdin = { contents, resolveDir: join(root, "viewer", "src"), loader: "ts" };
+    await build({ stdin, bundle: true, format: "esm", target: "es2022", outfile, logLevel: "error" });
+    return import(outfile);
+}
+
+// A dataset of a PLY file, converted once for all tests.
+export function converted(name, ply) {
+    const folder = join(scratch, name);
+    if (!existsSync(join(folder, "index.bin"))) run("program/plyconvert", ply, folder);
+    return folder;
+}
+
+// A dataset of a scene that makescene makes, once for all tests.
+export function generated(name, ...options) {
+    const ply = join(scratch, `${name}.ply`);
+    if (!existsSync(ply)) run("scenes/makescene", ply, ...options);
+    return converted(name, ply);
+}
+
+export const small = () => generated("small", "--splats", "20000", "--normals", "--epsg", "25832", "--offset", "500000", "5400000", "100");
+export const town = () => generated("town", "--splats", "1200000", "--bounds", "--source", "makescene");
+
+// A copy of a dataset in which `change` may do what it likes with the folder.
+export function changed(dataset, change) {
+    const folder = mkdtempSync(join(scratch, "changed-"));
+    for (const name of readdirSync(dataset)) cpSync(join(dataset, name), join(folder, name));
+    change(folder);
+    return folder;
+}
+
+// `change` gets a file's content and returns the new one.
+export function rewrite(folder, name, change, encoding) {
+    const path = join(folder, name);
+    writeFileSync(path, change(readFileSync(path, encoding)), encoding);
+}
+
+export function folderFiles(folder) {
+    return new Map(readdirSync(folder).map((name) => [name, new File([readFileSync(join(folder, name))], name)]));
+}
+
+export const makeFolder = (name) => {
+    const folder = join(scratch, name);
+    mkdirSync(folder, { recursive: true });
+    return folder;
+};
