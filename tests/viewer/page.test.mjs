@@ -1,5 +1,6 @@
 // The page in a browser: pixels, habits, faults, and what it fetches and holds.
 import assert from "node:assert/strict";
+import { File } from "node:buffer";
 import { copyFileSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
 import { after, before, test } from "node:test";

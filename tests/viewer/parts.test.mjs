@@ -1,5 +1,6 @@
 // The page's parts that need no browser: slots of graphics memory, the sorter, what is wanted, links.
 import assert from "node:assert/strict";
+import { File } from "node:buffer";
 import { test } from "node:test";
 import { modules } from "./support.mjs";
 
@@ -88,10 +89,15 @@ test("the order is back to front, holds every splat once, and leaves out what wa
         for (let i = 1; i < count; ++i) assert.ok(distances[i] <= distances[i - 1] * 1.001, `${i}: ${distances[i - 1]}, ${distances[i]}`);
     };
     const eye = [50, 40, 2];
-    let { order, count } = sorter.sort(eye, undefined);
+    let { order, count } = sorter.sort(eye, undefined, undefined);
     check(order, count, [...position.keys()].sort((a, b) => a - b));
+    const along = [0.6, 0.8, 0];
+    const start = [-200, -200, 0];
+    const byDepth = [...sorter.sort(start, along, undefined).order.subarray(0, 4500)].map((slot) =>
+        position.get(slot).reduce((sum, value, i) => sum + (value - start[i]) * along[i], 0));
+    for (let i = 1; i < 4500; ++i) assert.ok(byDepth[i] <= byDepth[i - 1] * 1.001, `by depth, ${i}: ${byDepth[i - 1]}, ${byDepth[i]}`);
     sorter.remove(1);
-    ({ order, count } = sorter.sort(eye, order.buffer));
+    ({ order, count } = sorter.sort(eye, undefined, order.buffer));
     check(order, count, [...position.keys()].filter((slot) => slot < 1500 || slot >= 2500).sort((a, b) => a - b));
     assert.ok(sorter.bytes + 4 * 5000 <= 16 * 5000);
     assert.ok(new Sorter(5000, true).bytes + 4 * 5000 <= 16 * 5000);
@@ -103,7 +109,7 @@ test("a splat far outside does not spoil the order of the others", () => {
     const part = records(1001, next, (i) => (i === 0 ? [1e5, 1e5, 1e5] : [next(), 10 * next(), next()]));
     const values = new Float32Array(part);
     sorter.add(0, [{ start: 0, count: 1001 }], part);
-    const { order } = sorter.sort([0, -1, 0], undefined);
+    const { order } = sorter.sort([0, -1, 0], undefined, undefined);
     const distances = [...order].map((slot) => Math.hypot(values[8 * slot], values[8 * slot + 1] + 1, values[8 * slot + 2]));
     for (let i = 1; i < 1001; ++i) assert.ok(distances[i] <= distances[i - 1] + 0.2, `${i}: ${distances[i - 1]}, ${distances[i]}`);
 });
@@ -111,7 +117,7 @@ test("a splat far outside does not spoil the order of the others", () => {
 test("positions that are no numbers stop nothing", () => {
     const sorter = new Sorter(3, false);
     sorter.add(0, [{ start: 0, count: 3 }], records(3, Math.random, (i) => [[NaN, 0, 0], [Infinity, 1, 1], [1, 2, 3]][i]));
-    assert.deepEqual([...sorter.sort([0, 0, 0], undefined).order].sort(), [0, 1, 2]);
+    assert.deepEqual([...sorter.sort([0, 0, 0], undefined, undefined).order].sort(), [0, 1, 2]);
     assert.deepEqual(sorter.frame().min.every(Number.isFinite), true);
 });
 

@@ -1,5 +1,6 @@
 // What the tests share: the page's modules for node, datasets made with the programs of the build, and changed copies of them.
 import { execFileSync } from "node:child_process";
+import { File } from "node:buffer";
 import { cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { tmpdir } from "node:os";

@@ -115,7 +115,7 @@ export class App implements Target {
         const worker = new Worker(url);
         URL.revokeObjectURL(url);
         const told = (error: unknown): void => this.fail(error, true);
-        this.scene = new Scene(this.gl, this.dataset, this.budget, worker, () => this.invalidate(), told);
+        this.scene = new Scene(this.gl, this.dataset, this.budget, worker, () => this.invalidate(), told, ordersByDepth());
         this.planned = 0;
         this.invalidate();
     }
@@ -391,6 +391,11 @@ export class App implements Target {
 function isDark(): boolean {
     const theme = document.documentElement.dataset["theme"];
     return theme === undefined ? matchMedia("(prefers-color-scheme: dark)").matches : theme === "dark";
+}
+
+// By distance, what is seen does not change when one turns. Trainers order by depth: for pictures to compare with theirs.
+function ordersByDepth(): boolean {
+    return new URLSearchParams(location.search).get("order") === "depth";
 }
 
 function linkPart(name: string): string {

@@ -54,7 +54,7 @@ export class Scene {
     private ended = false;
 
     // `worker` is the scene's own: it ends with it. `onChange` is told when there is something new to draw, `onError` when a
-    // fetch fails; fetching then rests until `retry`.
+    // fetch fails; fetching then rests until `retry`. `byDepth` orders splats along the view instead of by their distance.
     constructor(
         gl: WebGL2RenderingContext,
         private readonly dataset: Dataset,
@@ -62,6 +62,7 @@ export class Scene {
         worker: Worker,
         private readonly onChange: () => void,
         private readonly onError: (error: unknown) => void,
+        private readonly byDepth: boolean,
     ) {
         const capacity = Math.min(budget, dataset.count);
         const { meta, dequantiser } = dataset;
@@ -100,7 +101,7 @@ export class Scene {
             this.wanted.every((piece) => piece.state === "here") &&
             !this.sorting &&
             !this.changed &&
-            this.sortedFor === view.eye.join()
+            this.sortedFor === this.sortKey(view)
         );
     }
 
@@ -212,19 +213,24 @@ export class Scene {
 
     // Draws; true when the picture is final as far as its colours go.
     draw(view: View, look: Look, layers: number): boolean {
-        this.sort(view.eye);
+        this.sort(view);
         return this.renderer.draw(view, look, layers);
     }
 
-    private sort(eye: Triple): void {
-        const wantedFor = eye.join();
+    private sortKey(view: View): string {
+        return this.byDepth ? [...view.eye, ...view.forward].join() : view.eye.join();
+    }
+
+    private sort(view: View): void {
+        const wantedFor = this.sortKey(view);
         if (this.sorting || (!this.changed && wantedFor === this.sortedFor)) return;
         this.sorting = true;
         this.changed = false;
         this.sortedFor = wantedFor;
         const order = this.order;
         this.order = undefined;
-        this.send({ type: "sort", sequence: ++this.sequence, eye, order }, order === undefined ? [] : [order]);
+        const along = this.byDepth ? view.forward : undefined;
+        this.send({ type: "sort", sequence: ++this.sequence, eye: view.eye, along, order }, order === undefined ? [] : [order]);
     }
 
     private receive(reply: Reply): void {

@@ -17,7 +17,7 @@ export type Request =
     | { type: "reset"; capacity: number; keepNormals: boolean }
     | { type: "add"; piece: number; runs: Run[]; records: ArrayBuffer }
     | { type: "remove"; piece: number }
-    | { type: "sort"; sequence: number; eye: Triple; order: ArrayBuffer | undefined }
+    | { type: "sort"; sequence: number; eye: Triple; along: Triple | undefined; order: ArrayBuffer | undefined }
     | { type: "pick"; token: number; ray: Ray }
     | { type: "frame"; token: number };
 
@@ -33,6 +33,9 @@ interface Piece {
     max: Triple;
     step: Triple;
 }
+
+// What is sorted by: the square of the depth along the first three, plus the last times the square of the distance.
+type Weights = [number, number, number, number];
 
 const buckets = 1 << 16;
 const most: Triple = [(1 << 21) - 1, (1 << 21) - 1, (1 << 22) - 1]; // of the packed x, y and z
@@ -90,23 +93,24 @@ export class Sorter {
         this.pieces.delete(id);
     }
 
-    // Slots of all pieces, from the farthest to the nearest: a counting sort on the distance.
-    sort(eye: Triple, buffer: ArrayBuffer | undefined): { order: Uint32Array; count: number } {
+    // Slots of all pieces, from the farthest to the nearest: a counting sort on the distance, or on the depth along a direction.
+    sort(eye: Triple, along: Triple | undefined, buffer: ArrayBuffer | undefined): { order: Uint32Array; count: number } {
         const order = new Uint32Array(buffer ?? new ArrayBuffer(4 * this.capacity));
-        const { least, scale } = this.keyScale(eye);
+        const { least, scale } = this.keyScale(eye, along !== undefined);
         this.histogram.fill(0);
-        for (const piece of this.pieces.values()) this.count(piece, eye, least, scale);
+        const weights: Weights = along === undefined ? [0, 0, 0, 1] : [...along, 0];
+        for (const piece of this.pieces.values()) this.count(piece, eye, weights, least, scale);
         let sum = 0;
         for (let key = buckets - 1; key >= 0; --key) {
             const size = this.histogram[key];
             this.histogram[key] = sum;
             sum += size;
         }
-        for (const piece of this.pieces.values()) this.scatter(piece, eye, least, scale, order);
+        for (const piece of this.pieces.values()) this.scatter(piece, eye, weights, least, scale, order);
         return { order, count: sum };
     }
 
-    private keyScale(eye: Triple): { least: number; scale: number } {
+    private keyScale(eye: Triple, byDepth: boolean): { least: number; scale: number } {
         let near = Infinity;
         let far = 0;
         for (const { min, max } of this.pieces.values()) {
@@ -121,13 +125,13 @@ export class Sorter {
             near = Math.min(near, nearest);
             far = Math.max(far, farthest);
         }
-        near = Math.max(near, far * 2 ** -44, 1e-30); // within that all count as equally near
+        near = Math.max(byDepth ? 0 : near, far * 2 ** -44, 1e-30); // within that all count as equally near
         const least = bitsOf(near);
         return { least, scale: (buckets - 1) / Math.max(1, bitsOf(far * 1.0001) - least) };
     }
 
     // The two passes keep the distance's arithmetic in their loops: a call a splat would cost more than all the rest.
-    private count(piece: Piece, eye: Triple, least: number, scale: number): void {
+    private count(piece: Piece, eye: Triple, [wx, wy, wz, all]: Weights, least: number, scale: number): void {
         const { low, high, histogram } = this;
         const [sx, sy, sz] = piece.step;
         const [ex, ey, ez] = [eye[0] - piece.min[0], eye[1] - piece.min[1], eye[2] - piece.min[2]];
@@ -138,14 +142,15 @@ export class Sorter {
                 const x = (a & 0x1fffff) * sx - ex;
                 const y = ((a >>> 21) | ((b & 0x3ff) << 11)) * sy - ey;
                 const z = (b >>> 10) * sz - ez;
-                single[0] = x * x + y * y + z * z;
+                const depth = x * wx + y * wy + z * wz;
+                single[0] = all * (x * x + y * y + z * z) + (depth > 0 ? depth * depth : 0);
                 const key = (bits[0] - least) * scale;
                 ++histogram[key > 0 ? (key < 65535 ? key | 0 : 65535) : 0];
             }
         }
     }
 
-    private scatter(piece: Piece, eye: Triple, least: number, scale: number, order: Uint32Array): void {
+    private scatter(piece: Piece, eye: Triple, [wx, wy, wz, all]: Weights, least: number, scale: number, order: Uint32Array): void {
         const { low, high, histogram } = this;
         const [sx, sy, sz] = piece.step;
         const [ex, ey, ez] = [eye[0] - piece.min[0], eye[1] - piece.min[1], eye[2] - piece.min[2]];
@@ -156,7 +161,8 @@ export class Sorter {
                 const x = (a & 0x1fffff) * sx - ex;
                 const y = ((a >>> 21) | ((b & 0x3ff) << 11)) * sy - ey;
                 const z = (b >>> 10) * sz - ez;
-                single[0] = x * x + y * y + z * z;
+                const depth = x * wx + y * wy + z * wz;
+                single[0] = all * (x * x + y * y + z * z) + (depth > 0 ? depth * depth : 0);
                 const key = (bits[0] - least) * scale;
                 order[histogram[key > 0 ? (key < 65535 ? key | 0 : 65535) : 0]++] = slot;
             }

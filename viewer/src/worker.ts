@@ -21,7 +21,7 @@ scope.onmessage = ({ data: request }) => {
             break;
         case "sort": {
             const begin = performance.now();
-            const { order, count } = sorter.sort(request.eye, request.order);
+            const { order, count } = sorter.sort(request.eye, request.along, request.order);
             const buffer = order.buffer as ArrayBuffer;
             const milliseconds = performance.now() - begin;
             scope.postMessage({ type: "sorted", sequence: request.sequence, order: buffer, count, milliseconds }, [buffer]);
