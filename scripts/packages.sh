@@ -17,6 +17,9 @@ clang_packages=(clang)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
 fuzz_packages=(libclang-rt-dev llvm)
 windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletest)
+# The page's tests run in chromium; its tools (a bundler, a type checker) run under node, which nobody needs to use the page.
+viewer_packages=(chromium)
+node_packages=(nodejs npm)
 
 # install_missing PACKAGE...
 # Installs those that are not there, on systems with apt-get. Elsewhere, and where nobody may install, names them

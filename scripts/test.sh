@@ -8,6 +8,7 @@
 #                                   sanitizer over the unit, black-box and golden suites and the fuzz corpora, but for the
 #                                   largest scenes, and valgrind over a conversion of each kind
 #   scripts/test.sh --windows       and the cross build for Windows, under wine
+#   scripts/test.sh --viewer        and the page of viewer/: its reader under node, and its pictures and habits in chromium
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
 #
@@ -19,7 +20,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/packages.sh"
 
 usage() {
-    sed -n '2,14s/^# \{0,1\}//p' "$root/scripts/test.sh"
+    sed -n '2,15s/^# \{0,1\}//p' "$root/scripts/test.sh"
 }
 
 # configure FOLDER PRESET [OPTION...]
@@ -103,13 +104,34 @@ test_windows() {
     run_tests windows --exclude-regex '^Large/Golden[.]BytesAreThoseOfTheReference'
 }
 
+# The page's tests: what npm brings is pinned and runs no scripts of its own. See tests/viewer/.
+test_viewer() {
+    configure release release
+    build release --target plyconvert_executable makescene renderscene viewer_reference
+    echo "== viewer: testing"
+    (
+        cd "$root/viewer"
+        npm ci --ignore-scripts --no-audit --no-fund
+        npx tsc --noEmit
+        "$root/tests/viewer/built_test.sh" "$PWD" "$root/build/release/scratch/viewer.html"
+    )
+    SCRATCH=$root/build/release/scratch/viewer
+    rm -rf "$SCRATCH"
+    mkdir -p "$SCRATCH"
+    # One file after the other: software rendering takes every processor.
+    for suite in parts reader page pictures; do
+        SCRATCH=$SCRATCH BUILD=$root/build/release node --test --test-reporter=spec "$root/tests/viewer/$suite.test.mjs"
+    done
+    rm -rf "$SCRATCH"
+}
+
 release=yes
 builds=()
 wanted=("${packages[@]}" "${test_packages[@]}")
 for argument in "$@"; do
     case $argument in
-    --dev | --clang | --sanitizers | --windows) builds+=("${argument#--}") ;;
-    --all) builds=(dev clang sanitizers windows) ;;
+    --dev | --clang | --sanitizers | --windows | --viewer) builds+=("${argument#--}") ;;
+    --all) builds=(dev clang sanitizers windows viewer) ;;
     --only) release=no ;;
     -h | --help)
         usage
@@ -125,13 +147,18 @@ done
 if [[ $release == yes ]]; then
     builds=(release "${builds[@]}")
 elif ((${#builds[@]} == 0)); then
-    echo "--only needs a build: --dev, --clang, --sanitizers or --windows" >&2
+    echo "--only needs a build: --dev, --clang, --sanitizers, --windows or --viewer" >&2
     exit 1
 fi
 for name in "${builds[@]}"; do
     case $name in
     clang) wanted+=("${clang_packages[@]}") ;;
     windows) wanted+=("${windows_packages[@]}") ;;
+    viewer)
+        wanted+=("${viewer_packages[@]}")
+        # A node from elsewhere comes with its own npm, which Debian's excludes.
+        command -v npm >/dev/null || wanted+=("${node_packages[@]}")
+        ;;
     esac
 done
 
