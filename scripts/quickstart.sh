@@ -40,3 +40,5 @@ echo "Converting"
 "$build/program/plyconvert" "$scene" "$dataset"
 echo
 "$build/program/plyconvert" info "$dataset"
+echo
+echo "Look at it: ${build#"$PWD"/}/program/plyconvert view $dataset"

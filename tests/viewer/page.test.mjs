@@ -498,3 +498,52 @@ test("the town: nothing is fetched twice, and the memory is what was promised", 
         t.diagnostic(`main thread: ${perMillion.toFixed(0)} ms for a million splats; sort of ${now.loaded}: ${now.sortMilliseconds.toFixed(0)} ms`);
     }, { settle: false });
 });
+
+test("within a small budget cells come and go with the eye, and what is no longer wanted is not waited for", { timeout: 280000 }, async () => {
+    await withPage([town()], async (page, server) => {
+        await page.setViewportSize({ width: 320, height: 180 });
+        let held = true; // until the budget is chosen: another one begins anew
+        server.fault = (path, response, request) => held && request.headers.range !== undefined;
+        await page.reload();
+        await page.waitForFunction(() => window.viewer?.figures() !== undefined);
+        server.log.length = 0;
+        held = false;
+        await page.locator("#budget").evaluate((slider) => {
+            slider.value = "250000";
+            slider.dispatchEvent(new Event("input"));
+            slider.dispatchEvent(new Event("change"));
+        });
+        assert.equal(await page.locator("#budget-text").textContent(), "at most 250,000");
+        const nearest = async (x, y) => {
+            await page.evaluate((hash) => (location.hash = hash), `v=${x},${y},5,60,30,40`);
+            await page.waitForTimeout(50);
+            await settled(page);
+            const { here, figures: now } = await page.evaluate(() => {
+                const { scene, dataset } = window.viewer;
+                return { here: dataset.cells.filter((_, i) => scene.isHere(i)).map(({ min }) => min), figures: scene.figures };
+            });
+            assert.equal(now.capacity, 250000);
+            assert.ok(now.loaded <= 250000 && now.loaded > 150000, `${now.loaded}`);
+            assert.equal(now.drawn, now.loaded, "all that is here is drawn, and nothing else");
+            assert.ok(here.some(([left, low]) => x >= left && x < left + 30 && y >= low && y < low + 30), "the cell in the middle is here");
+            assert.ok(covered(await pixelsOf(page)) > 60);
+            return now;
+        };
+        await nearest(-90, -70);
+        assert.equal((await nearest(-90, -69)).evicted, 0, "a step changes nothing");
+        const before = server.log.length;
+        const far = await nearest(90, 70);
+        assert.ok(far.evicted > 0);
+        const keys = server.log.slice(0, before).map(({ path, first }) => `${path} ${first}`);
+        assert.equal(new Set(keys).size, keys.length, "nothing was fetched twice");
+        // A slow server, and an eye that goes on before the cells arrive.
+        server.delay = 1500;
+        for (const [x, y] of [[-90, -70], [90, 70]]) {
+            await page.evaluate((hash) => (location.hash = hash), `v=${x},${y},5,60,30,40`);
+            await page.waitForTimeout(600);
+        }
+        server.delay = 0;
+        const end = await nearest(-90, 70);
+        assert.ok(end.cancelled > 0, "fetches were cancelled");
+    }, { settle: false, hash: "#v=-90,-70,5,60,30,40" });
+});

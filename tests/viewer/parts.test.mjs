@@ -103,6 +103,27 @@ test("the order is back to front, holds every splat once, and leaves out what wa
     assert.ok(new Sorter(5000, true).bytes + 4 * 5000 <= 16 * 5000);
 });
 
+test("a million splats are sorted, each once", (t) => {
+    const count = 1000000;
+    const sorter = new Sorter(count, false);
+    const part = records(count, numbers(11));
+    const values = new Float32Array(part);
+    sorter.add(0, [{ start: 0, count }], part);
+    const eye = [-20, -30, 20];
+    let { order } = sorter.sort(eye, undefined, undefined);
+    const begin = performance.now();
+    ({ order } = sorter.sort(eye, undefined, order.buffer));
+    t.diagnostic(`${(performance.now() - begin).toFixed(0)} ms`);
+    const seen = new Uint8Array(count);
+    let last = Infinity;
+    for (const slot of order) {
+        assert.equal(seen[slot]++, 0);
+        const distance = Math.hypot(values[8 * slot] - eye[0], values[8 * slot + 1] - eye[1], values[8 * slot + 2] - eye[2]);
+        assert.ok(distance <= last * 1.001);
+        last = distance;
+    }
+});
+
 test("a splat far outside does not spoil the order of the others", () => {
     const next = numbers(3);
     const sorter = new Sorter(1001, false);

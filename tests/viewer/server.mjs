@@ -6,9 +6,9 @@ import { basename, join } from "node:path";
 
 // `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone.
 // server.log holds {path, status, first, last} of every GET; server.fault may be a function of (path, response, request)
-// that answers itself and then returns true.
+// that answers itself and then returns true; server.delay holds files back for so many milliseconds.
 export async function startServer(page, datasets, { list = true, ranges = true } = {}) {
-    const state = { log: [], fault: undefined };
+    const state = { log: [], fault: undefined, delay: 0 };
     const files = new Map([["/", page]]);
     datasets.forEach((folder, i) => {
         for (const name of ["converted_from_ply.ytr", "index.bin", "data.bin", "shcoef.bin"]) {
@@ -28,7 +28,7 @@ export async function startServer(page, datasets, { list = true, ranges = true }
             response.writeHead(404).end();
             return;
         }
-        sendFile(request, response, path, file, ranges, state.log);
+        setTimeout(() => response.destroyed || sendFile(request, response, path, file, ranges, state.log), state.delay);
     });
     await new Promise((resolve) => server.listen(0, "127.0.0.1", resolve));
     return Object.assign(state, {
