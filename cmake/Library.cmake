@@ -10,6 +10,7 @@ add_library(plyconvert_core STATIC
     src/large_pages.cpp
     src/kernels.cpp
     src/splatheader.cpp
+    src/splatheader_lines.cpp
     src/splatheader_numbers.cpp
     src/blocks.cpp
     src/splatheader_scan.cpp

@@ -2,13 +2,13 @@
 
 #include "src/conversions.h"
 #include "src/platform.h"
+#include "src/splatheader_lines.h"
 #include "src/splatheader_numbers.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string_view>
@@ -113,9 +113,9 @@ private:
     }
 };
 
-std::ifstream openInput(const std::string& path) {
-    std::ifstream file(nativePath(path), std::ios::binary);
-    if (!file) {
+LineReader openInput(const std::string& path) {
+    LineReader file(path);
+    if (!file.isOpen()) {
         std::cout << "cannot open file" << std::endl;
     }
     return file;
@@ -131,26 +131,16 @@ std::uint64_t fileSizeOf(const std::string& path) {
     return size;
 }
 
-// Where the stream stands; at the end of the file when reading ran into it (the stream itself would then say
-// -1).
-std::int64_t positionOf(std::ifstream& file) {
-    if (!file.good()) {
-        file.clear();
-        file.seekg(0, std::ios::end);
-    }
-    return file.tellg();
-}
-
 } // namespace
 
 bool checkSplatHeader(std::string path) {
-    std::ifstream file = openInput(path);
-    if (!file) {
+    LineReader file = openInput(path);
+    if (!file.isOpen()) {
         return false;
     }
     constexpr std::string_view required[] = {"f_dc_0", "opacity", "scale_0", "rot_0"};
     bool found[std::size(required)] = {};
-    for (std::string line; std::getline(file, line) && line != endHeader;) {
+    for (std::string line; file.next(line) && line != endHeader;) {
         const auto words = wordsOf(line, "property");
         for (std::size_t i = 0; words && i < std::size(required); ++i) {
             found[i] = found[i] || (*words)[2] == required[i];
@@ -166,20 +156,19 @@ bool statesBounds(const Params& params) {
 
 SplatHeader::SplatHeader(std::string inputPath, const std::shared_ptr<Params>& params, std::int32_t) {
     fileSize = fileSizeOf(inputPath);
-    std::ifstream file = openInput(inputPath);
-    if (!file) {
+    LineReader file = openInput(inputPath);
+    if (!file.isOpen()) {
         endProcess(-1);
     }
     HeaderReading reading{*this, *params};
-    for (std::string line; std::getline(file, line) && line != endHeader;) {
+    for (std::string line; file.next(line) && line != endHeader;) {
         reading.applyLine(line);
     }
     if (!reading.dataTypeSeen && !reading.boundsSeen) {
         params->dataType = "ply";
     }
     path = inputPath;
-    headerEnd = positionOf(file);
-    file.close();
+    headerEnd = file.position();
     boundsFromHeader = reading.boundsSeen;
 
     if (statesBounds(*params)) {

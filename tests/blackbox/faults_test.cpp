@@ -5,9 +5,11 @@
 #if defined(__linux__)
 
 #include <csignal>
+#include <fstream>
 #include <system_error>
 
 #include <sys/mount.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace blackbox {
@@ -276,18 +278,53 @@ TEST_F(Faults, AnEmptyDeviceAsInputGivesMinusOne) {
     EXPECT_FALSE(fs::exists(output));
 }
 
-// A device without an end is one line without an end: reading it stops where the memory does.
-TEST_F(Faults, AnEndlessDeviceAsInputGivesMinusOneWhenMemoryEnds) {
+// A line of the header that does not fit into memory. Nothing may be deleted before that is known.
+class LongLines : public Faults {
+protected:
+    // A header line of the stated length: zeros, which take no room on the disk.
+    void writeWithLongLine(const std::string& start, std::uintmax_t zeros, const std::string& rest) {
+        support::writeFile(input, start);
+        fs::resize_file(input, start.size() + zeros);
+        std::ofstream(input, std::ios::binary | std::ios::app) << rest;
+    }
+
+    void expectOutOfMemoryBelow(const char* addressSpace, const fs::path& file) {
 #if defined(PLYCONVERT_ADDRESS_SPACE_IN_USE)
-    GTEST_SKIP() << "the sanitizer's runtime leaves no address space to limit";
+        GTEST_SKIP() << "the sanitizer's runtime leaves no address space to limit";
 #endif
-    makeOldOutput();
-    const HostReport report = Host(scratch.folder())
-                                  .step("address-space", "200000000")
-                                  .convert("/dev/zero", support::pathBytes(output))
-                                  .run();
-    EXPECT_EQ(onlyCall(report).result, -1);
-    expectOldOutputUntouched();
+        makeOldOutput();
+        const HostReport report =
+            Host(scratch.folder()).step("address-space", addressSpace).convert(file, output).run();
+        const CallReport& call = onlyCall(report);
+        EXPECT_FALSE(call.result.has_value());
+        EXPECT_EQ(call.exception, "bad_alloc");
+        EXPECT_TRUE(report.endReached);
+        EXPECT_EQ(report.process.output, "");
+        expectOldOutputUntouched();
+    }
+
+    std::string header = scene.header();
+};
+
+TEST_F(LongLines, ACommentThatDoesNotFitIntoMemoryIsAnAllocationError) {
+    const std::size_t first = header.find('\n') + 1;
+    writeWithLongLine(header.substr(0, first) + "comment ", 700'000'000, '\n' + header.substr(first));
+    expectOutOfMemoryBelow("600000000", input);
+}
+
+// Its "end_header" ends in a carriage return and is none: the body is read in search of one.
+TEST_F(LongLines, ABodyThatIsReadAsHeaderAndDoesNotFitIsAnAllocationError) {
+    std::string text;
+    for (const char c : header) {
+        text += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    }
+    writeWithLongLine(text, 900'000'000, "");
+    expectOutOfMemoryBelow("300000000", input);
+}
+
+// A device without an end is one line without an end.
+TEST_F(LongLines, AnEndlessDeviceIsAnAllocationError) {
+    expectOutOfMemoryBelow("200000000", "/dev/zero");
 }
 
 // Permissions count for a host without root's rights. The host writes its report to a file that it has open.
