@@ -1,3 +1,4 @@
+// What the subcommands have in common: how one is added, what it leaves to run, and checks of its words.
 #pragma once
 
 #include "program/system/exit_status.h"

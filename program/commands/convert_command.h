@@ -1,3 +1,4 @@
+// plyconvert convert: a scene becomes a dataset.
 #pragma once
 
 #include "program/commands/command.h"

@@ -1,3 +1,4 @@
+// plyconvert export: a dataset becomes a scene again.
 #pragma once
 
 #include "program/commands/command.h"

@@ -1,3 +1,4 @@
+// plyconvert info: what is in a scene or a dataset.
 #pragma once
 
 #include "program/commands/command.h"

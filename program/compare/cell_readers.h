@@ -1,3 +1,4 @@
+// Records of a dataset in the order in which its source brings their splats.
 #pragma once
 
 #include "reader/dataset.h"

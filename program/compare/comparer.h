@@ -1,3 +1,4 @@
+// One splat of a source against the record that a dataset has of it.
 #pragma once
 
 #include "program/compare/comparison.h"

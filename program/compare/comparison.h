@@ -1,3 +1,4 @@
+// A whole dataset against the scene that it was made of.
 #pragma once
 
 #include "program/scene/scene_scan.h"

@@ -1,3 +1,4 @@
+// Which folders are datasets, by the names in them, and how one is removed.
 #pragma once
 
 #include <filesystem>

@@ -1,3 +1,4 @@
+// Whether a dataset may take its place, before and after the conversion.
 #pragma once
 
 #include "program/convert/dataset_folder.h"

@@ -1,3 +1,4 @@
+// The plan of --dry-run, for people and for machines.
 #pragma once
 
 #include "program/convert/preflight.h"

@@ -1,3 +1,4 @@
+// What a conversion did, for people and for machines.
 #pragma once
 
 #include <cstdint>

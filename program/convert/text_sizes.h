@@ -1,3 +1,4 @@
+// The sizes of a dataset's text files before they are written.
 #pragma once
 
 #include "program/convert/preflight.h"

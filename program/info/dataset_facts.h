@@ -1,3 +1,4 @@
+// What info says about a dataset.
 #pragma once
 
 #include "program/info/distribution.h"
@@ -18,7 +19,6 @@ struct QuantiserFacts {
     std::vector<double> step;
 };
 
-// What `info` says about a dataset.
 struct DatasetFacts {
     std::string name; // as given
     SplatReader::Dataset dataset;

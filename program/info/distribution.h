@@ -1,3 +1,4 @@
+// How values are spread: percentiles, a histogram, and the records that are sampled for them.
 #pragma once
 
 #include <array>
@@ -8,7 +9,6 @@
 
 namespace Tavrin::SplatProgram {
 
-// How the values of one attribute are spread.
 struct Distribution {
     static constexpr std::size_t parts = 16;
 

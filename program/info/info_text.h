@@ -1,3 +1,4 @@
+// The facts of info as text and as JSON.
 #pragma once
 
 #include "program/info/dataset_facts.h"

@@ -1,3 +1,4 @@
+// What info says about a PLY file, splats or not.
 #pragma once
 
 #include "program/info/distribution.h"
@@ -12,7 +13,6 @@
 
 namespace Tavrin::SplatProgram {
 
-// What `info` says about a PLY file, a splat file or another.
 struct SceneFacts {
     std::string name; // as given
     std::uint64_t bytes = 0;

@@ -1,3 +1,4 @@
+// Records of a file from first to last, in bounded memory.
 #pragma once
 
 #include <cstddef>

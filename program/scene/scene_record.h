@@ -1,3 +1,4 @@
+// Vertex records whose conversion gives the stored values again.
 #pragma once
 
 #include "reader/dequantiser.h"

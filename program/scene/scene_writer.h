@@ -1,3 +1,4 @@
+// A dataset as a splat PLY file.
 #pragma once
 
 #include "program/scene/scene_scan.h"

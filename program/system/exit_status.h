@@ -1,3 +1,4 @@
+// How the program ends: its exit statuses, and the failure that carries one.
 #pragma once
 
 #include <stdexcept>

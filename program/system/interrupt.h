@@ -1,3 +1,4 @@
+// Ctrl-C and its like: noted, and asked for where work can stop.
 #pragma once
 
 namespace Tavrin::SplatProgram {

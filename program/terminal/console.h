@@ -1,3 +1,4 @@
+// Messages to people on standard error.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// Numbers as people read them.
 #pragma once
 
 #include <cstdint>

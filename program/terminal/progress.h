@@ -1,3 +1,4 @@
+// The line of progress on a terminal.
 #pragma once
 
 #include <chrono>
