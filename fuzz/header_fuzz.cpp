@@ -48,7 +48,7 @@ void requireSameBits(double found, double expected, const char* what) {
                       std::to_string(expected));
 }
 
-void requireSameVector(const Vector3& found, const reference::Vector& expected, const char* what) {
+void requireSamePoint(const Vector3& found, const reference::Point& expected, const char* what) {
     requireSameBits(found.x, expected[0], what);
     requireSameBits(found.y, expected[1], what);
     requireSameBits(found.z, expected[2], what);
@@ -67,14 +67,14 @@ void compare(const Reading& reading, const std::string& file) {
     fuzz::requireEqual(params.dataType, expected.dataType, "dataType");
     fuzz::requireEqual(params.source, expected.source, "source");
     fuzz::require(params.epsg == expected.epsg, "the EPSG code is that of the reference");
-    requireSameVector({params.minx, params.miny, params.minz}, expected.min, "min");
-    requireSameVector({params.maxx, params.maxy, params.maxz}, expected.max, "max");
-    requireSameVector({params.offsetx, params.offsety, params.offsetz}, expected.offset, "offset");
-    requireSameVector({params.shiftx, params.shifty, params.shiftz}, expected.shift, "shift");
-    requireSameVector({params.scalex, params.scaley, params.scalez}, expected.scale, "scale");
+    requireSamePoint({params.minx, params.miny, params.minz}, expected.min, "min");
+    requireSamePoint({params.maxx, params.maxy, params.maxz}, expected.max, "max");
+    requireSamePoint({params.offsetx, params.offsety, params.offsetz}, expected.offset, "offset");
+    requireSamePoint({params.shiftx, params.shifty, params.shiftz}, expected.shift, "shift");
+    requireSamePoint({params.scalex, params.scaley, params.scalez}, expected.scale, "scale");
     const reference::Box box = reference::boxOf(expected, file);
-    requireSameVector(header.bboxMin, box.min, "the lower corner");
-    requireSameVector(header.bboxMax, box.max, "the upper corner");
+    requireSamePoint(header.bboxMin, box.min, "the lower corner");
+    requireSamePoint(header.bboxMax, box.max, "the upper corner");
     if (header.vertexCount >= 0) { // below, the count is a very large one to the grid
         const reference::Grid grid = reference::gridOf(expected, box);
         requireSameBits(reading.grid.cellSizeX, grid.cellSizeX, "cellSizeX");

@@ -20,7 +20,7 @@
 
 namespace {
 
-using scenes::Vec;
+using scenes::Point;
 
 struct Scene {
     std::size_t floats = 0; // in a record: 62, or 17 without coefficients
@@ -52,20 +52,20 @@ Scene readScene(const std::string& path) {
 
 // Looks from `eye` along `forward`; pixels are square.
 struct Camera {
-    Vec eye;
-    Vec right;
-    Vec down;
-    Vec forward;
+    Point eye;
+    Point right;
+    Point down;
+    Point forward;
     double focal = 0.0; // pixels
     double centreX = 0.0;
     double centreY = 0.0;
 };
 
-Camera lookAt(Vec eye, Vec target, double fieldOfView, const bench::Picture& picture) {
+Camera lookAt(Point eye, Point target, double fieldOfView, const bench::Picture& picture) {
     Camera camera;
     camera.eye = eye;
     camera.forward = scenes::normalised(target - eye);
-    camera.right = scenes::normalised(scenes::cross(camera.forward, Vec{0.0, 0.0, 1.0}));
+    camera.right = scenes::normalised(scenes::cross(camera.forward, Point{0.0, 0.0, 1.0}));
     camera.down = scenes::cross(camera.forward, camera.right);
     constexpr double halfDegree = 3.14159265358979323846 / 360.0;
     camera.focal = 0.5 * picture.width / std::tan(fieldOfView * halfDegree);
@@ -90,27 +90,27 @@ struct Footprint {
 constexpr float leastAlpha = 1.0f / 255.0f;
 
 // Half axes of the ellipsoid in camera coordinates: the columns of rotation times scale.
-std::array<Vec, 3> halfAxes(const float* tail, const Camera& camera) {
+std::array<Point, 3> halfAxes(const float* tail, const Camera& camera) {
     const double norm = std::sqrt(double{tail[4]} * tail[4] + double{tail[5]} * tail[5] +
                                   double{tail[6]} * tail[6] + double{tail[7]} * tail[7]);
     const double w = tail[4] / norm;
     const double x = tail[5] / norm;
     const double y = tail[6] / norm;
     const double z = tail[7] / norm;
-    const std::array<Vec, 3> columns = {
+    const std::array<Point, 3> columns = {
         {{1.0 - 2.0 * (y * y + z * z), 2.0 * (x * y + w * z), 2.0 * (x * z - w * y)},
          {2.0 * (x * y - w * z), 1.0 - 2.0 * (x * x + z * z), 2.0 * (y * z + w * x)},
          {2.0 * (x * z + w * y), 2.0 * (y * z - w * x), 1.0 - 2.0 * (x * x + y * y)}}};
-    std::array<Vec, 3> axes;
+    std::array<Point, 3> axes;
     for (std::size_t i = 0; i < axes.size(); ++i) {
-        const Vec axis = columns[i] * std::exp(double{tail[1 + i]});
+        const Point axis = columns[i] * std::exp(double{tail[1 + i]});
         axes[i] = {scenes::dot(axis, camera.right), scenes::dot(axis, camera.down),
                    scenes::dot(axis, camera.forward)};
     }
     return axes;
 }
 
-std::array<float, 3> colourOf(const float* record, std::size_t floats, Vec direction) {
+std::array<float, 3> colourOf(const float* record, std::size_t floats, Point direction) {
     constexpr double zeroth = 0.2820948;
     constexpr std::size_t perChannel = 15;
     const std::array<double, perChannel> basis = scenes::harmonics(direction);
@@ -131,7 +131,7 @@ bool project(const float* record, std::size_t floats, const Camera& camera, Foot
     constexpr double blurring =
         0.3; // variance, in pixels, that keeps small splats from falling between pixels
     const float* tail = record + floats - 8;
-    const Vec ray = Vec{record[0], record[1], record[2]} - camera.eye;
+    const Point ray = Point{record[0], record[1], record[2]} - camera.eye;
     const double depth = scenes::dot(ray, camera.forward);
     const double opacity = 1.0 / (1.0 + std::exp(-double{tail[0]}));
     if (depth < nearest || opacity < leastAlpha) {
@@ -150,7 +150,7 @@ bool project(const float* record, std::size_t floats, const Camera& camera, Foot
     double xx = blurring;
     double xy = 0.0;
     double yy = blurring;
-    for (const Vec& axis : halfAxes(tail, camera)) {
+    for (const Point& axis : halfAxes(tail, camera)) {
         const double u = scale * (axis.x - tx * axis.z);
         const double v = scale * (axis.y - ty * axis.z);
         xx += u * u;
@@ -265,8 +265,8 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     try {
         bench::Picture picture(arguments.width, arguments.height);
-        const Vec eye = {arguments.eye[0], arguments.eye[1], arguments.eye[2]};
-        const Vec target = {arguments.target[0], arguments.target[1], arguments.target[2]};
+        const Point eye = {arguments.eye[0], arguments.eye[1], arguments.eye[2]};
+        const Point target = {arguments.target[0], arguments.target[1], arguments.target[2]};
         render(readScene(arguments.scene), lookAt(eye, target, arguments.fieldOfView, picture), picture);
         bench::writePicture(arguments.picture, picture);
         if (!arguments.against.empty()) {

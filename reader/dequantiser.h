@@ -14,10 +14,10 @@ namespace Tavrin::SplatReader {
 // quaternion.
 struct Splat {
     std::array<float, 3> position{}; // exact
-    Triple normal{};
-    Triple colour{};
+    Point normal{};
+    Point colour{};
     double opacity = 0.0;
-    Triple scale{};
+    Point scale{};
     std::array<double, 4>
         rotation{}; // w, x, y, z: the order of rot_0 .. rot_3; the largest of them is positive
     // In the order of f_rest_0 .. f_rest_44: 15 red, 15 green, 15 blue. Zeros without coefficients.

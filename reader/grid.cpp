@@ -54,7 +54,7 @@ Grid gridOf(const Meta& meta) {
     return grid;
 }
 
-CellLengths expectedCellLengths(std::uint64_t splats, const Triple& boundingMin, const Triple& boundingMax) {
+CellLengths expectedCellLengths(std::uint64_t splats, const Point& boundingMin, const Point& boundingMax) {
     const double extentX = boundingMax[0] - boundingMin[0];
     const double extentY = boundingMax[1] - boundingMin[1];
     if (splats < 1'000'000) {

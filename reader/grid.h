@@ -37,7 +37,7 @@ struct CellLengths {
     double x;
     double y;
 };
-CellLengths expectedCellLengths(std::uint64_t splats, const Triple& boundingMin, const Triple& boundingMax);
+CellLengths expectedCellLengths(std::uint64_t splats, const Point& boundingMin, const Point& boundingMax);
 
 inline std::uint32_t keyColumn(std::uint32_t key) {
     return key & 0xFFFFu;

@@ -43,7 +43,7 @@ public:
         }
     }
 
-    void triple(std::string_view key, Triple& target) {
+    void point(std::string_view key, Point& target) {
         if (const MetaValue* value = get(key)) {
             numbers(key, *value, target, 3);
         }
@@ -65,7 +65,7 @@ public:
         }
     }
 
-    void box(std::string_view key, Triple& min, Triple& max) {
+    void box(std::string_view key, Point& min, Point& max) {
         const MetaValue* value = get(key);
         if (value == nullptr) {
             return;
@@ -133,7 +133,7 @@ private:
         target = *read;
     }
 
-    void numbers(std::string_view key, const MetaValue& value, Triple& target, std::size_t count) {
+    void numbers(std::string_view key, const MetaValue& value, Point& target, std::size_t count) {
         if (value.kind != MetaValue::Kind::array || value.items.size() != count) {
             wrong(key, "an array of " + std::to_string(count), value);
             return;
@@ -144,7 +144,7 @@ private:
     }
 
     // "min" and "max" as members number `first` and `first + 1`, nothing after them.
-    void bounds(std::string_view key, const MetaValue& object, std::size_t first, Triple& min, Triple& max,
+    void bounds(std::string_view key, const MetaValue& object, std::size_t first, Point& min, Point& max,
                 std::size_t count) {
         if (object.members.size() != first + 2 || object.members[first].key != "min" ||
             object.members[first + 1].key != "max") {
@@ -239,10 +239,10 @@ std::optional<Meta> parseMeta(std::string_view text, Findings& findings) {
     extract.number("cellLengthX", meta.cellLengthX);
     extract.number("cellLengthY", meta.cellLengthY);
     extract.integer("indexDataSize", meta.indexDataSize);
-    extract.triple("offset", meta.offset);
+    extract.point("offset", meta.offset);
     extract.integer("epsg", meta.epsg);
-    extract.triple("shift", meta.shift);
-    extract.triple("scale", meta.scale);
+    extract.point("shift", meta.shift);
+    extract.point("scale", meta.scale);
     extract.counts("splats", meta.splats);
     extract.box("boundingBox", meta.boundingMin, meta.boundingMax);
     extract.text("encoding", meta.encoding);

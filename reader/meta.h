@@ -12,12 +12,12 @@
 
 namespace Tavrin::SplatReader {
 
-using Triple = std::array<double, 3>;
+using Point = std::array<double, 3>;
 
 // The stated value range of one attribute. A scalar attribute ("opacity") uses the first component alone.
 struct Range {
-    Triple min{};
-    Triple max{};
+    Point min{};
+    Point max{};
     std::size_t components = 3;
 
     bool finite(std::size_t axis) const;
@@ -37,13 +37,13 @@ struct Meta {
     double cellLengthX = 0.0;
     double cellLengthY = 0.0;
     std::uint32_t indexDataSize = 0;
-    Triple offset{};
+    Point offset{};
     std::int32_t epsg = 0;
-    Triple shift{};
-    Triple scale{};
+    Point shift{};
+    Point scale{};
     std::vector<std::uint64_t> splats;
-    Triple boundingMin{};
-    Triple boundingMax{};
+    Point boundingMin{};
+    Point boundingMax{};
     std::string encoding;
     std::string fileType;
     std::array<Range, 9> attributes; // in the order of Format::attributeNames

@@ -20,7 +20,7 @@ std::string numberText(double value) {
     return std::string(buffer, end);
 }
 
-std::string listText(const Triple& values, std::size_t count) {
+std::string listText(const Point& values, std::size_t count) {
     std::string text = "[";
     for (std::size_t i = 0; i < count; ++i) {
         text += (i == 0 ? "" : ", ") + numberText(values[i]);

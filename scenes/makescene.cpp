@@ -22,7 +22,7 @@ struct Arguments {
     std::int32_t epsg = 0;
 };
 
-scenes::Triple triple(const std::vector<double>& v) {
+scenes::Point pointOf(const std::vector<double>& v) {
     return {v[0], v[1], v[2]};
 }
 
@@ -59,19 +59,19 @@ void finish(const CLI::App& app, Arguments& arguments) {
         scene.extentY = arguments.extent[1];
     }
     if (!arguments.centre.empty()) {
-        scene.centre = triple(arguments.centre);
+        scene.centre = pointOf(arguments.centre);
     }
     if (app.count("--epsg") > 0) {
         scene.epsg = arguments.epsg;
     }
     if (!arguments.offset.empty()) {
-        scene.offset = triple(arguments.offset);
+        scene.offset = pointOf(arguments.offset);
     }
     if (!arguments.shift.empty()) {
-        scene.shift = triple(arguments.shift);
+        scene.shift = pointOf(arguments.shift);
     }
     if (!arguments.scale.empty()) {
-        scene.scale = triple(arguments.scale);
+        scene.scale = pointOf(arguments.scale);
     }
 }
 

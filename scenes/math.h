@@ -1,6 +1,8 @@
 // Arithmetic of the scene generator: nothing whose last bit depends on a mathematics library.
 #pragma once
 
+#include "scenes/scenes.h"
+
 #include <array>
 #include <bit>
 #include <cmath>
@@ -8,38 +10,32 @@
 
 namespace scenes {
 
-struct Vec {
-    double x = 0.0;
-    double y = 0.0;
-    double z = 0.0;
-};
-
-constexpr Vec operator+(Vec a, Vec b) {
+constexpr Point operator+(Point a, Point b) {
     return {a.x + b.x, a.y + b.y, a.z + b.z};
 }
-constexpr Vec operator-(Vec a, Vec b) {
+constexpr Point operator-(Point a, Point b) {
     return {a.x - b.x, a.y - b.y, a.z - b.z};
 }
-constexpr Vec operator*(Vec a, double s) {
+constexpr Point operator*(Point a, double s) {
     return {a.x * s, a.y * s, a.z * s};
 }
 // Component by component, as colours multiply.
-constexpr Vec operator*(Vec a, Vec b) {
+constexpr Point operator*(Point a, Point b) {
     return {a.x * b.x, a.y * b.y, a.z * b.z};
 }
-constexpr double dot(Vec a, Vec b) {
+constexpr double dot(Point a, Point b) {
     return a.x * b.x + a.y * b.y + a.z * b.z;
 }
-constexpr Vec cross(Vec a, Vec b) {
+constexpr Point cross(Point a, Point b) {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
-inline double length(Vec a) {
+inline double length(Point a) {
     return std::sqrt(dot(a, a));
 }
-inline Vec normalised(Vec a) {
+inline Point normalised(Point a) {
     return a * (1.0 / length(a));
 }
-constexpr Vec mix(Vec a, Vec b, double t) {
+constexpr Point mix(Point a, Point b, double t) {
     return a + (b - a) * t;
 }
 constexpr double clamp(double v, double low, double high) {
@@ -79,9 +75,9 @@ public:
         return (static_cast<double>(sum) * 0x1p-16 - 2.0) * 1.7320508075688772;
     }
     // A point on the unit circle (z = 0).
-    Vec onCircle() {
+    Point onCircle() {
         for (;;) {
-            const Vec p{uniform(-1.0, 1.0), uniform(-1.0, 1.0), 0.0};
+            const Point p{uniform(-1.0, 1.0), uniform(-1.0, 1.0), 0.0};
             const double square = dot(p, p);
             if (square > 0.01 && square <= 1.0) {
                 return p * (1.0 / std::sqrt(square));
@@ -89,9 +85,9 @@ public:
         }
     }
     // A point on the unit sphere: z is uniform there.
-    Vec onSphere() {
+    Point onSphere() {
         const double z = uniform(-1.0, 1.0);
-        const Vec circle = onCircle();
+        const Point circle = onCircle();
         const double r = std::sqrt(1.0 - z * z);
         return {circle.x * r, circle.y * r, z};
     }
@@ -139,7 +135,7 @@ inline double noise(double x, double y, std::uint64_t seed) {
 
 // Real spherical harmonics of degrees 1 to 3, with the signs and in the order that splat renderers use;
 // `d` is the unit vector from the eye to the splat.
-inline std::array<double, 15> harmonics(Vec d) {
+inline std::array<double, 15> harmonics(Point d) {
     const double xx = d.x * d.x;
     const double yy = d.y * d.y;
     const double zz = d.z * d.z;

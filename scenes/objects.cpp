@@ -10,30 +10,31 @@ namespace {
 
 constexpr double storey = 2.9; // metres
 
-constexpr std::array<Vec, 7> plaster{{{0.86, 0.80, 0.66},
-                                      {0.90, 0.88, 0.84},
-                                      {0.84, 0.72, 0.50},
-                                      {0.80, 0.64, 0.56},
-                                      {0.66, 0.72, 0.76},
-                                      {0.62, 0.36, 0.28},
-                                      {0.74, 0.78, 0.66}}};
-constexpr std::array<Vec, 5> tiling{
+constexpr std::array<Point, 7> plaster{{{0.86, 0.80, 0.66},
+                                        {0.90, 0.88, 0.84},
+                                        {0.84, 0.72, 0.50},
+                                        {0.80, 0.64, 0.56},
+                                        {0.66, 0.72, 0.76},
+                                        {0.62, 0.36, 0.28},
+                                        {0.74, 0.78, 0.66}}};
+constexpr std::array<Point, 5> tiling{
     {{0.62, 0.27, 0.17}, {0.50, 0.20, 0.15}, {0.42, 0.28, 0.20}, {0.32, 0.33, 0.37}, {0.68, 0.36, 0.22}}};
-constexpr std::array<Vec, 6> lacquer{{{0.75, 0.10, 0.10},
-                                      {0.10, 0.20, 0.50},
-                                      {0.85, 0.85, 0.86},
-                                      {0.12, 0.12, 0.13},
-                                      {0.55, 0.57, 0.60},
-                                      {0.12, 0.35, 0.22}}};
+constexpr std::array<Point, 6> lacquer{{{0.75, 0.10, 0.10},
+                                        {0.10, 0.20, 0.50},
+                                        {0.85, 0.85, 0.86},
+                                        {0.12, 0.12, 0.13},
+                                        {0.55, 0.57, 0.60},
+                                        {0.12, 0.35, 0.22}}};
 
 template <std::size_t count>
-Vec pick(const std::array<Vec, count>& colours, Random& random) {
+Point pick(const std::array<Point, count>& colours, Random& random) {
     return colours[random.index(static_cast<std::uint32_t>(count))];
 }
 
 } // namespace
 
-void Town::addPart(Shape shape, Material material, Vec origin, Vec u, Vec v, Vec colour, double weight) {
+void Town::addPart(Shape shape, Material material, Point origin, Point u, Point v, Point colour,
+                   double weight) {
     Surface part;
     part.shape = shape;
     part.material = material;
@@ -48,22 +49,22 @@ void Town::addPart(Shape shape, Material material, Vec origin, Vec u, Vec v, Vec
     } else if (shape == Shape::tube) {
         part.area = 3.14159 * (u.x + u.y) * v.z;
     } else {
-        const Vec n = cross(u, v);
+        const Point n = cross(u, v);
         part.normal = normalised(n);
         part.area = length(n) * (shape == Shape::triangle ? 0.5 : 1.0);
     }
     parts_.push_back(part);
 }
 
-Town::Frame Town::frameOn(double x, double y, Vec e1) const {
+Town::Frame Town::frameOn(double x, double y, Point e1) const {
     return {{x, y, heightAt(x, y)}, e1, {-e1.y, e1.x, 0.0}};
 }
 
 void Town::addBox(const Frame& frame, const Box& box, Material front, Material left, Material rest,
-                  Vec colour, double weight) {
+                  Point colour, double weight) {
     const double a = box.halfA;
     const double b = box.halfB;
-    const Vec up{0.0, 0.0, box.high - box.low};
+    const Point up{0.0, 0.0, box.high - box.low};
     addPart(Shape::quad, front, frame.at(-a, -b, box.low), frame.turned(2.0 * a, 0.0, 0.0), up, colour,
             weight);
     addPart(Shape::quad, left, frame.at(-a, b, box.low), frame.turned(0.0, -2.0 * b, 0.0), up, colour,
@@ -83,7 +84,7 @@ void Town::addHouse(const Lot& lot) {
     const bool along = random_.chance(0.65);
     // The front (along) or the left gable (across) looks at the street; a little askew, as houses are.
     const double askew = random_.uniform(-0.05, 0.05);
-    const Vec e1 = normalised(along ? Vec{side, askew, 0.0} : Vec{askew, side, 0.0});
+    const Point e1 = normalised(along ? Point{side, askew, 0.0} : Point{askew, side, 0.0});
     const double centreY = (lot.facing < 0.0 ? lot.y0 : lot.y1) + side * depth * random_.uniform(0.42, 0.5);
     const double shift = lot.driveX < lot.doorX ? 0.07 : -0.07;
     const Frame frame = frameOn(lot.doorX + shift * width, centreY, e1);
@@ -92,9 +93,9 @@ void Town::addHouse(const Lot& lot) {
     const double halfY = clamp(0.24 * depth, 2.0, random_.uniform(4.0, 5.2));
     const double wallHeight = storey * (random_.chance(0.55) ? 2.0 : 1.0) + 0.4;
     const Box box{along ? halfX : halfY, along ? halfY : halfX, -0.6, wallHeight};
-    const Vec wall = pick(plaster, random_);
+    const Point wall = pick(plaster, random_);
     const double age = random_.uniform(0.85, 1.1);
-    const Vec tiles = pick(tiling, random_) * age;
+    const Point tiles = pick(tiling, random_) * age;
     addBox(frame, box, along ? Material::doorWall : Material::wall,
            along ? Material::wall : Material::doorWall, Material::wall, wall, 1.8);
     const double rise = box.halfB * random_.uniform(0.65, 1.0);
@@ -107,7 +108,7 @@ void Town::addHouse(const Lot& lot) {
     shadeBox(frame, {box.halfA, box.halfB, 0.0, wallHeight + 0.5 * rise}, true);
 }
 
-void Town::addRoof(const Frame& frame, const Box& box, double rise, Vec wall, Vec tiles) {
+void Town::addRoof(const Frame& frame, const Box& box, double rise, Point wall, Point tiles) {
     constexpr double over = 0.45; // metres that the roof stands out
     const double a = box.halfA + over;
     const double b = box.halfB + over;
@@ -124,19 +125,19 @@ void Town::addRoof(const Frame& frame, const Box& box, double rise, Vec wall, Ve
             frame.turned(0.0, 2.0 * box.halfB, 0.0), frame.turned(0.0, box.halfB, rise), wall, 1.8);
 }
 
-void Town::addSpire(const Frame& frame, double half, double low, double high, Vec tiles) {
-    const std::array<Vec, 4> corners{frame.at(-half, -half, low), frame.at(half, -half, low),
-                                     frame.at(half, half, low), frame.at(-half, half, low)};
-    const Vec tip = frame.at(0.0, 0.0, high);
+void Town::addSpire(const Frame& frame, double half, double low, double high, Point tiles) {
+    const std::array<Point, 4> corners{frame.at(-half, -half, low), frame.at(half, -half, low),
+                                       frame.at(half, half, low), frame.at(-half, half, low)};
+    const Point tip = frame.at(0.0, 0.0, high);
     for (std::size_t k = 0; k < corners.size(); ++k) {
-        const Vec from = corners[k];
+        const Point from = corners[k];
         addPart(Shape::triangle, Material::roof, from, corners[(k + 1) % 4] - from, tip - from, tiles, 1.8);
     }
 }
 
 void Town::addChurch(double x, double y) {
-    const Vec stone{0.80, 0.74, 0.62};
-    const Vec copper{0.32, 0.48, 0.42};
+    const Point stone{0.80, 0.74, 0.62};
+    const Point copper{0.32, 0.48, 0.42};
     const Frame nave = frameOn(x + 3.0, y, {1.0, 0.0, 0.0});
     const Box hall{11.0, 5.5, -0.6, 8.5};
     addBox(nave, hall, Material::wall, Material::wall, Material::wall, stone, 1.8);
@@ -151,10 +152,10 @@ void Town::addChurch(double x, double y) {
 
 void Town::addTree(double x, double y, double size) {
     const double h = heightAt(x, y);
-    const Vec foot{x, y, h - 0.1};
+    const Point foot{x, y, h - 0.1};
     const bool fir = random_.chance(0.2);
-    const Vec tint = mix({0.16, 0.30, 0.09}, {0.40, 0.46, 0.14}, random_.uniform()) *
-                     (fir ? Vec{0.6, 0.75, 0.9} : Vec{1.0, 1.0, 1.0});
+    const Point tint = mix({0.16, 0.30, 0.09}, {0.40, 0.46, 0.14}, random_.uniform()) *
+                       (fir ? Point{0.6, 0.75, 0.9} : Point{1.0, 1.0, 1.0});
     addPart(Shape::tube, Material::bark, foot, {0.2 * size + 0.05, 0.14 * size + 0.04, 0.0},
             {0.0, 0.0, 2.6 * size}, {0.34, 0.26, 0.19}, 2.5);
     if (fir) {
@@ -165,10 +166,10 @@ void Town::addTree(double x, double y, double size) {
     }
     const int lumps = 2 + static_cast<int>(random_.index(3));
     for (int k = 0; k < lumps; ++k) {
-        const Vec aside = random_.onCircle() * (k == 0 ? 0.0 : 1.3 * size);
+        const Point aside = random_.onCircle() * (k == 0 ? 0.0 : 1.3 * size);
         const double r = size * random_.uniform(1.5, 2.3) * (k == 0 ? 1.2 : 0.85);
-        const Vec centre{x + aside.x, y + aside.y, h + size * random_.uniform(4.0, 5.4)};
-        const Vec half{r, r, 0.9 * r};
+        const Point centre{x + aside.x, y + aside.y, h + size * random_.uniform(4.0, 5.4)};
+        const Point half{r, r, 0.9 * r};
         addPart(Shape::ellipsoid, Material::leaf, centre, half, {}, tint * random_.uniform(0.9, 1.1), 1.1);
         shadeEllipsoid(centre, half);
     }
@@ -178,15 +179,15 @@ void Town::addHedge(double x0, double y0, double x1, double y1) {
     const bool alongX = y0 == y1;
     const double half = 0.5 * (alongX ? x1 - x0 : y1 - y0);
     const Frame frame =
-        frameOn(0.5 * (x0 + x1), 0.5 * (y0 + y1), alongX ? Vec{1.0, 0.0, 0.0} : Vec{0.0, 1.0, 0.0});
+        frameOn(0.5 * (x0 + x1), 0.5 * (y0 + y1), alongX ? Point{1.0, 0.0, 0.0} : Point{0.0, 1.0, 0.0});
     const Box box{half, 0.35, -0.3, 1.2};
     addBox(frame, box, Material::hedge, Material::hedge, Material::hedge, {0.17, 0.29, 0.10}, 1.2);
     shadeBox(frame, box, false);
 }
 
-void Town::addCar(double x, double y, Vec heading) {
+void Town::addCar(double x, double y, Point heading) {
     const Frame frame = frameOn(x, y, heading);
-    const Vec paint = pick(lacquer, random_);
+    const Point paint = pick(lacquer, random_);
     addBox(frame, {2.15, 0.88, 0.22, 0.82}, Material::paint, Material::paint, Material::paint, paint, 4.0);
     const Frame cabin{frame.at(-0.25, 0.0, 0.0), frame.e1, frame.e2};
     addBox(cabin, {1.15, 0.76, 0.82, 1.42}, Material::glass, Material::glass, Material::glass, paint, 4.0);
@@ -203,7 +204,7 @@ void Town::addLamp(double x, double y) {
 
 // Lowers the sun of every texel in the rectangle from low to high whose ray towards the sun is blocked.
 template <class Blocked>
-void Town::shade(Vec low, Vec high, double depthOfShade, Blocked blocked) {
+void Town::shade(Point low, Point high, double depthOfShade, Blocked blocked) {
     const int i0 = std::max(0, static_cast<int>((low.x + 0.5 * sizeX_) / texel));
     const int j0 = std::max(0, static_cast<int>((low.y + 0.5 * sizeY_) / texel));
     const int i1 = std::min(texelsX_ - 1, static_cast<int>((high.x + 0.5 * sizeX_) / texel));
@@ -212,7 +213,7 @@ void Town::shade(Vec low, Vec high, double depthOfShade, Blocked blocked) {
         for (int i = i0; i <= i1; ++i) {
             const double x = (i + 0.5) * texel - 0.5 * sizeX_;
             const double y = (j + 0.5) * texel - 0.5 * sizeY_;
-            if (blocked(Vec{x, y, low.z})) {
+            if (blocked(Point{x, y, low.z})) {
                 std::uint8_t& light = sun_[texelAt(i, j)];
                 light = static_cast<std::uint8_t>(light * (1.0 - depthOfShade));
             }
@@ -221,9 +222,9 @@ void Town::shade(Vec low, Vec high, double depthOfShade, Blocked blocked) {
 }
 
 void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
-    const Vec way{dot(sunDirection, frame.e1), dot(sunDirection, frame.e2), sunDirection.z};
-    const auto blocked = [&](Vec ground) {
-        const Vec from = ground - frame.centre;
+    const Point way{dot(sunDirection, frame.e1), dot(sunDirection, frame.e2), sunDirection.z};
+    const auto blocked = [&](Point ground) {
+        const Point from = ground - frame.centre;
         const std::array<double, 3> start{dot(from, frame.e1), dot(from, frame.e2), from.z};
         const std::array<double, 3> step{way.x, way.y, way.z};
         const std::array<double, 3> low{-box.halfA, -box.halfB, box.low};
@@ -247,7 +248,7 @@ void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
     const double reach = box.halfA + box.halfB;
     const double throwX = -sunDirection.x / sunDirection.z * box.high;
     const double throwY = -sunDirection.y / sunDirection.z * box.high;
-    const Vec c = frame.centre;
+    const Point c = frame.centre;
     shade({c.x - reach, c.y - reach, c.z}, {c.x + reach + throwX, c.y + reach + throwY, 0.0}, 0.85, blocked);
     if (building) {
         const int cells = static_cast<int>(reach / texel) + 1;
@@ -255,8 +256,8 @@ void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
         const int cj = static_cast<int>((c.y + 0.5 * sizeY_) / texel);
         for (int j = std::max(0, cj - cells); j <= std::min(texelsY_ - 1, cj + cells); ++j) {
             for (int i = std::max(0, ci - cells); i <= std::min(texelsX_ - 1, ci + cells); ++i) {
-                const Vec from =
-                    Vec{(i + 0.5) * texel - 0.5 * sizeX_, (j + 0.5) * texel - 0.5 * sizeY_, c.z} - c;
+                const Point from =
+                    Point{(i + 0.5) * texel - 0.5 * sizeX_, (j + 0.5) * texel - 0.5 * sizeY_, c.z} - c;
                 if (std::fabs(dot(from, frame.e1)) < box.halfA - 0.5 * texel &&
                     std::fabs(dot(from, frame.e2)) < box.halfB - 0.5 * texel) {
                     covered_[texelAt(i, j)] = 1;
@@ -266,20 +267,21 @@ void Town::shadeBox(const Frame& frame, const Box& box, bool building) {
     }
 }
 
-void Town::shadeEllipsoid(Vec centre, Vec half) {
+void Town::shadeEllipsoid(Point centre, Point half) {
     // In coordinates divided by the half axes the crown is a unit sphere; the ray hits it when the sphere's
     // centre is nearer to the ray than 1.
-    const Vec inverse{1.0 / half.x, 1.0 / half.y, 1.0 / half.z};
-    const Vec way = normalised(sunDirection * inverse);
-    const auto blocked = [&](Vec point) {
-        const Vec to = (centre - point) * inverse;
+    const Point inverse{1.0 / half.x, 1.0 / half.y, 1.0 / half.z};
+    const Point way = normalised(sunDirection * inverse);
+    const auto blocked = [&](Point point) {
+        const Point to = (centre - point) * inverse;
         const double along = dot(to, way);
         return along > 0.0 && dot(to, to) - along * along < 1.0;
     };
     const double ground = heightAt(centre.x, centre.y);
     const double drop = (centre.z + half.z - ground + 1.0) / sunDirection.z;
-    const Vec low{centre.x - half.x, centre.y - half.y, ground};
-    const Vec high{centre.x + half.x - sunDirection.x * drop, centre.y + half.y - sunDirection.y * drop, 0.0};
+    const Point low{centre.x - half.x, centre.y - half.y, ground};
+    const Point high{centre.x + half.x - sunDirection.x * drop, centre.y + half.y - sunDirection.y * drop,
+                     0.0};
     shade(low, high, 0.7, blocked);
 }
 

@@ -75,7 +75,7 @@ std::string fixedWidth(float v) {
     return {text.data(), end.ptr};
 }
 
-void addTriple(std::string& header, const char* name, const std::optional<Triple>& value) {
+void addPoint(std::string& header, const char* name, const std::optional<Point>& value) {
     if (!value) {
         return;
     }
@@ -126,9 +126,9 @@ std::string sceneHeader(const SceneOptions& options, const Bounds& bounds) {
     if (options.epsg) {
         header += "comment epsg " + std::to_string(*options.epsg) + "\n";
     }
-    addTriple(header, "offset", options.offset);
-    addTriple(header, "shift", options.shift);
-    addTriple(header, "scale", options.scale);
+    addPoint(header, "offset", options.offset);
+    addPoint(header, "shift", options.shift);
+    addPoint(header, "scale", options.scale);
     if (options.statedBounds) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             header += std::string("comment min") + "xyz"[axis] + " " + fixedWidth(bounds.min[axis]) + "\n";

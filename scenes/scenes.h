@@ -21,7 +21,8 @@ enum class Order {
     grouped,  // surface by surface: the ground first, then one object after the other
 };
 
-struct Triple {
+// A place, a direction or a colour: x y z, or red green blue.
+struct Point {
     double x = 0.0;
     double y = 0.0;
     double z = 0.0;
@@ -33,7 +34,7 @@ struct SceneOptions {
     bool coefficients = true; // with the 45 f_rest properties: records of 62 floats, else of 17
     double extentX = 250.0;   // metres; from two splats up, the x of the splats span exactly this
     double extentY = 200.0;   // metres, likewise for y; at most 200 times the other, or the other way round
-    Triple centre;            // of the ground rectangle, metres; z is where the lowest ground may lie
+    Point centre;             // of the ground rectangle, metres; z is where the lowest ground may lie
     Order order = Order::shuffled;
     bool normals = false;      // true: unit normals of the surfaces; false: zeros, as trainers write them
     bool statedBounds = false; // "comment minx" to "comment maxz" with the exact box of the splats
@@ -42,9 +43,9 @@ struct SceneOptions {
     std::string source;   // one word
     std::string dataType; // one word
     std::optional<std::int32_t> epsg;
-    std::optional<Triple> offset;
-    std::optional<Triple> shift;
-    std::optional<Triple> scale;
+    std::optional<Point> offset;
+    std::optional<Point> shift;
+    std::optional<Point> scale;
     std::vector<std::string> comments; // whole lines without "comment " and without a line end
 };
 

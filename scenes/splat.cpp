@@ -33,7 +33,7 @@ Quaternion operator*(Quaternion a, Quaternion b) {
 }
 
 // The shortest turn from z to a unit vector, not normalised: (1 + z.n, z x n).
-Quaternion turnFromZ(Vec n) {
+Quaternion turnFromZ(Point n) {
     return n.z > -0.9999 ? Quaternion{1.0 + n.z, -n.y, n.x, 0.0} : Quaternion{0.0, 1.0, 0.0, 0.0};
 }
 
@@ -54,7 +54,7 @@ double glossOf(Material material) {
 
 // A wall with a row of windows in every storey; along and up are metres from its lower left corner, whose
 // plinth reaches 0.6 m into the ground. A door stands in the middle when there is one.
-void paintWall(const Surface& wall, double along, double up, Vec& colour, double& gloss) {
+void paintWall(const Surface& wall, double along, double up, Point& colour, double& gloss) {
     constexpr double storey = 2.9;
     const double width = length(wall.u);
     const double height = wall.v.z - 0.6;
@@ -65,7 +65,7 @@ void paintWall(const Surface& wall, double along, double up, Vec& colour, double
     }
     if (wall.material == Material::doorWall && std::fabs(along - 0.5 * width) < 0.65 && above < 2.3) {
         const bool frame = std::fabs(along - 0.5 * width) > 0.5 || above > 2.15;
-        colour = frame ? Vec{0.88, 0.87, 0.84} : Vec{0.36, 0.22, 0.13};
+        colour = frame ? Point{0.88, 0.87, 0.84} : Point{0.36, 0.22, 0.13};
         return;
     }
     const int columns = std::max(1, static_cast<int>(width / 2.6));
@@ -118,10 +118,10 @@ const Surface& SplatSource::pick(std::uint64_t index, Random& random) const {
     return at == upTo_.end() ? surfaces.back() : surfaces[static_cast<std::size_t>(at - upTo_.begin())];
 }
 
-Vec SplatSource::lit(Vec colour, Vec normal, double sun, double openness) const {
+Point SplatSource::lit(Point colour, Point normal, double sun, double openness) const {
     const double facing = std::max(0.0, dot(normal, sunDirection));
-    const Vec sky = Vec{0.42, 0.47, 0.56} * ((0.65 + 0.35 * normal.z) * openness);
-    const Vec light = sky + Vec{0.74, 0.68, 0.58} * (facing * sun);
+    const Point sky = Point{0.42, 0.47, 0.56} * ((0.65 + 0.35 * normal.z) * openness);
+    const Point light = sky + Point{0.74, 0.68, 0.58} * (facing * sun);
     return colour * light;
 }
 
@@ -164,7 +164,7 @@ SplatSource::Sample SplatSource::sampleFlat(const Surface& surface, Random& rand
     }
     sample.position = surface.origin + surface.u * a + surface.v * b;
     sample.normal = surface.normal;
-    Vec colour = surface.colour;
+    Point colour = surface.colour;
     sample.gloss = glossOf(surface.material);
     const double along = a * length(surface.u);
     const double up = b * length(surface.v);
@@ -198,15 +198,15 @@ SplatSource::Sample SplatSource::sampleFlat(const Surface& surface, Random& rand
 
 SplatSource::Sample SplatSource::sampleRound(const Surface& surface, Random& random) const {
     Sample sample;
-    const Vec way = random.onSphere();
-    const Vec half = surface.u;
+    const Point way = random.onSphere();
+    const Point half = surface.u;
     const bool leaf = surface.material == Material::leaf;
     const double lump =
         noise(2.1 * way.x + surface.origin.x, 2.1 * way.y + 1.3 * way.z + surface.origin.y, 5);
     const double depth = random.uniform();
     const double reach = leaf ? (0.82 + 0.3 * lump) * (1.0 - 0.3 * depth * depth) : 1.0;
     sample.position = surface.origin + way * half * reach;
-    sample.normal = normalised(way * Vec{1.0 / half.x, 1.0 / half.y, 1.0 / half.z});
+    sample.normal = normalised(way * Point{1.0 / half.x, 1.0 / half.y, 1.0 / half.z});
     const double sun = leaf ? 0.75 + 0.5 * (lump - 0.5) : 1.0;
     const double openness = leaf ? clamp(0.75 + 0.35 * way.z, 0.35, 1.1) * (1.0 - 0.35 * depth * depth) : 1.0;
     const double speckle = leaf ? 0.75 + 0.5 * random.uniform() : 1.0;
@@ -221,7 +221,7 @@ SplatSource::Sample SplatSource::sampleRound(const Surface& surface, Random& ran
 
 SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& random) const {
     Sample sample;
-    const Vec way = random.onCircle();
+    const Point way = random.onCircle();
     double t = random.uniform();
     if (surface.u.y < 0.3 * surface.u.x) {
         t = 1.0 - std::sqrt(t); // a cone has more of its area at the foot
@@ -230,7 +230,7 @@ SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& rand
     // A fir's branches stand out in tiers that taper upwards.
     const double tier = 6.0 * t - std::floor(6.0 * t);
     const double radius = (surface.u.x + (surface.u.y - surface.u.x) * t) * (leaf ? 1.1 - 0.5 * tier : 1.0);
-    sample.position = surface.origin + way * radius + Vec{0.0, 0.0, surface.v.z * t};
+    sample.position = surface.origin + way * radius + Point{0.0, 0.0, surface.v.z * t};
     const double tilt = (surface.u.x - surface.u.y) / surface.v.z;
     sample.normal = normalised({way.x, way.y, tilt});
     const double speckle = 0.75 + 0.5 * random.uniform();
@@ -247,9 +247,9 @@ SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& rand
 void SplatSource::writePosition(const Sample& sample, std::uint64_t index, Random& random,
                                 float* record) const {
     const bool corner = index < 2;
-    const Vec off = sample.normal * (corner ? 0.0 : 0.06 * sample.spacing * random.normal());
-    const Vec p =
-        (sample.position + off) * metre_ + Vec{options_.centre.x, options_.centre.y, options_.centre.z};
+    const Point off = sample.normal * (corner ? 0.0 : 0.06 * sample.spacing * random.normal());
+    const Point p =
+        (sample.position + off) * metre_ + Point{options_.centre.x, options_.centre.y, options_.centre.z};
     const float x = static_cast<float>(p.x);
     const float y = static_cast<float>(p.y);
     record[0] = std::clamp(x, low_[0], high_[0]);
@@ -285,7 +285,7 @@ void SplatSource::writeShape(const Sample& sample, bool floater, Random& random,
 
     // The disc's thin axis along the normal, turned at random about it, and the axes exchanged in a circle by
     // the turn x -> y -> z -> x; then any length and sign, as a trainer leaves them.
-    const Vec angle = random.onCircle();
+    const Point angle = random.onCircle();
     Quaternion q = turnFromZ(sample.normal) * Quaternion{angle.x, 0.0, 0.0, angle.y};
     for (std::uint32_t k = 0; k < turn; ++k) {
         q = q * Quaternion{0.5, 0.5, 0.5, 0.5};
@@ -311,7 +311,7 @@ void SplatSource::writeCoefficients(const Sample& sample, Random& random, float*
     const double draw = random.uniform();
     const double amount = 0.4 + 0.25 * draw / (1.05 - draw);
     const double cosine = dot(sample.normal, sunDirection);
-    const Vec mirrored = sample.normal * (2.0 * cosine) - sunDirection;
+    const Point mirrored = sample.normal * (2.0 * cosine) - sunDirection;
     const std::array<double, 15> basis = harmonics(mirrored * -1.0);
     for (int k = 0; k < 15; ++k) {
         const std::size_t band = k < 3 ? 0 : (k < 8 ? 1 : 2);

@@ -18,9 +18,9 @@ public:
 private:
     // A point on a surface as it looks, in metres of the town.
     struct Sample {
-        Vec position;
-        Vec normal;
-        Vec colour; // lit
+        Point position;
+        Point normal;
+        Point colour; // lit
         double gloss = 0.0;
         double spacing = 0.0; // metres between neighbours on this surface
     };
@@ -30,7 +30,7 @@ private:
     Sample sampleFlat(const Surface& surface, Random& random) const;
     Sample sampleRound(const Surface& surface, Random& random) const;
     Sample sampleTube(const Surface& surface, Random& random) const;
-    Vec lit(Vec colour, Vec normal, double sun, double openness) const;
+    Point lit(Point colour, Point normal, double sun, double openness) const;
     void writePosition(const Sample& sample, std::uint64_t index, Random& random, float* record) const;
     void writeShape(const Sample& sample, bool floater, Random& random, float* shape) const;
     void writeCoefficients(const Sample& sample, Random& random, float* rest) const;

@@ -44,7 +44,7 @@ double Town::heightAt(double x, double y) const {
     return 4.5 * noise(x / 150.0 + 7.3, y / 150.0 + 2.1, seed_) + 0.7 * noise(x / 37.0, y / 37.0, seed_ + 1);
 }
 
-Vec Town::normalAt(double x, double y) const {
+Point Town::normalAt(double x, double y) const {
     constexpr double step = 0.5;
     const double h = heightAt(x, y);
     return normalised({(h - heightAt(x + step, y)) / step, (h - heightAt(x, y + step)) / step, 1.0});
@@ -124,7 +124,7 @@ void Town::layOutLot(Lot& lot) {
 }
 
 void Town::layOutPark(double x0, double y0, double x1, double y1) {
-    const Vec centre{0.5 * (x0 + x1), 0.5 * (y0 + y1), 0.0};
+    const Point centre{0.5 * (x0 + x1), 0.5 * (y0 + y1), 0.0};
     const int trees = static_cast<int>((x1 - x0) * (y1 - y0) / 55.0);
     for (int k = 0; k < trees; ++k) {
         const double x = random_.uniform(x0 + 2.0, x1 - 2.0);
@@ -188,13 +188,14 @@ Ground Town::groundAt(double x, double y) const {
         const bool stripe = across - 1.2 * std::floor(across / 1.2) < 0.6;
         if (!crossing &&
             ((approach > 0.3 && approach < 2.6 && stripe) || (approach > 3.0 && across < 0.18 && dash))) {
-            return {Vec{0.86, 0.86, 0.84} * (0.9 + 0.1 * grain), 0.1, false};
+            return {Point{0.86, 0.86, 0.84} * (0.9 + 0.1 * grain), 0.1, false};
         }
-        return {Vec{0.27, 0.27, 0.29} * (0.85 + 0.3 * grain), 0.15, false};
+        return {Point{0.27, 0.27, 0.29} * (0.85 + 0.3 * grain), 0.15, false};
     }
     if (toX < pavementEnd || toY < pavementEnd) {
         const bool kerb = std::min(toX, toY) < streetHalf + 0.25;
-        return {(kerb ? Vec{0.70, 0.69, 0.66} : Vec{0.56, 0.54, 0.51}) * (0.9 + 0.2 * grain), 0.05, false};
+        return {(kerb ? Point{0.70, 0.69, 0.66} : Point{0.56, 0.54, 0.51}) * (0.9 + 0.2 * grain), 0.05,
+                false};
     }
     return lotGround(block, x, y, localX, localY);
 }
@@ -202,7 +203,7 @@ Ground Town::groundAt(double x, double y) const {
 Ground Town::lotGround(const Block& block, double x, double y, double localX, double localY) const {
     const double patch = noise(x / 4.0, y / 4.0, seed_ + 3);
     const double blades = noise(x * 4.0, y * 4.0, seed_ + 4);
-    const Vec lawn = mix({0.24, 0.40, 0.13}, {0.45, 0.50, 0.22}, patch) * (0.8 + 0.4 * blades);
+    const Point lawn = mix({0.24, 0.40, 0.13}, {0.45, 0.50, 0.22}, patch) * (0.8 + 0.4 * blades);
     const double fromX = (localX - 0.5 * pitchX_) / pitchX_;
     const double fromY = (localY - 0.5 * pitchY_) / pitchY_;
     if (block.use == Use::park) {
@@ -211,7 +212,7 @@ Ground Town::lotGround(const Block& block, double x, double y, double localX, do
             return {mix({0.10, 0.22, 0.26}, {0.22, 0.36, 0.38}, blades), 0.9, false};
         }
         if (away < 0.95) {
-            return {Vec{0.70, 0.62, 0.46} * (0.85 + 0.3 * blades), 0.0, false};
+            return {Point{0.70, 0.62, 0.46} * (0.85 + 0.3 * blades), 0.0, false};
         }
         return {lawn, 0.0, true};
     }
@@ -219,9 +220,10 @@ Ground Town::lotGround(const Block& block, double x, double y, double localX, do
         const bool square = std::fabs(fromX) < 0.36 && std::fabs(fromY) < 0.28;
         const double seams = std::floor(x / 1.5) + std::floor(y / 1.5);
         const bool odd = seams - 2.0 * std::floor(seams / 2.0) != 0.0;
-        return square ? Ground{(odd ? Vec{0.66, 0.60, 0.52} : Vec{0.58, 0.53, 0.47}) * (0.9 + 0.2 * blades),
-                               0.05, false}
-                      : Ground{lawn, 0.0, true};
+        return square
+                   ? Ground{(odd ? Point{0.66, 0.60, 0.52} : Point{0.58, 0.53, 0.47}) * (0.9 + 0.2 * blades),
+                            0.05, false}
+                   : Ground{lawn, 0.0, true};
     }
     const double step = (pitchX_ - 2.0 * pavementEnd) / lotsInRow_;
     const int place = std::clamp(static_cast<int>((localX - pavementEnd) / step), 0, lotsInRow_ - 1);
@@ -229,10 +231,10 @@ Ground Town::lotGround(const Block& block, double x, double y, double localX, do
     const Lot& lot = lots_[block.firstLot + static_cast<std::uint32_t>(place + (back ? lotsInRow_ : 0))];
     const double fromStreet = lot.facing < 0.0 ? y - lot.y0 : lot.y1 - y;
     if (std::fabs(x - lot.driveX) < 1.5 && fromStreet < 0.6 * (lot.y1 - lot.y0)) {
-        return {Vec{0.60, 0.55, 0.50} * (0.8 + 0.4 * blades), 0.05, false};
+        return {Point{0.60, 0.55, 0.50} * (0.8 + 0.4 * blades), 0.05, false};
     }
     if (std::fabs(x - lot.doorX) < 0.6 && fromStreet < 0.5 * (lot.y1 - lot.y0)) {
-        return {Vec{0.66, 0.58, 0.46} * (0.85 + 0.3 * blades), 0.0, false};
+        return {Point{0.66, 0.58, 0.46} * (0.85 + 0.3 * blades), 0.0, false};
     }
     return {lawn, 0.0, true};
 }

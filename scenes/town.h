@@ -10,7 +10,7 @@
 namespace scenes {
 
 // Where the sun stands, as a unit vector from the ground.
-inline constexpr Vec sunDirection{-0.48, -0.36, 0.8};
+inline constexpr Point sunDirection{-0.48, -0.36, 0.8};
 
 enum class Shape : std::uint8_t {
     ground,    // the whole ground rectangle
@@ -37,18 +37,18 @@ enum class Material : std::uint8_t {
 struct Surface {
     Shape shape = Shape::quad;
     Material material = Material::stone;
-    Vec origin;
-    Vec u;
-    Vec v;
-    Vec normal; // unit, of quads and triangles
-    Vec colour;
+    Point origin;
+    Point u;
+    Point v;
+    Point normal; // unit, of quads and triangles
+    Point colour;
     double area = 0.0;   // square metres
     double weight = 1.0; // splats a square metre, against the ground's
 };
 
 // What the ground is made of at a point.
 struct Ground {
-    Vec colour;
+    Point colour;
     double gloss = 0.0; // 0 matt to 1 mirror
     bool grass = false;
 };
@@ -63,7 +63,7 @@ public:
     double depth() const { return sizeY_; }
 
     double heightAt(double x, double y) const;
-    Vec normalAt(double x, double y) const;
+    Point normalAt(double x, double y) const;
     Ground groundAt(double x, double y) const;
     // How much of the sun reaches the ground, 0 to 1.
     double sunAt(double x, double y) const;
@@ -75,13 +75,13 @@ private:
 
     // A place to stand on: e1 and e2 are horizontal unit vectors, e1 x e2 = z.
     struct Frame {
-        Vec centre;
-        Vec e1;
-        Vec e2;
-        Vec at(double a, double b, double c) const {
+        Point centre;
+        Point e1;
+        Point e2;
+        Point at(double a, double b, double c) const {
             return {centre.x + e1.x * a + e2.x * b, centre.y + e1.y * a + e2.y * b, centre.z + c};
         }
-        Vec turned(double a, double b, double c) const {
+        Point turned(double a, double b, double c) const {
             return {e1.x * a + e2.x * b, e1.y * a + e2.y * b, c};
         }
     };
@@ -113,21 +113,21 @@ private:
     void layOutStreet(int column, int row);
     void addHouse(const Lot& lot);
     void addChurch(double x, double y);
-    void addRoof(const Frame& frame, const Box& box, double rise, Vec wall, Vec tiles);
-    void addSpire(const Frame& frame, double half, double low, double high, Vec tiles);
+    void addRoof(const Frame& frame, const Box& box, double rise, Point wall, Point tiles);
+    void addSpire(const Frame& frame, double half, double low, double high, Point tiles);
     void addTree(double x, double y, double size);
     void addHedge(double x0, double y0, double x1, double y1);
-    void addCar(double x, double y, Vec heading);
+    void addCar(double x, double y, Point heading);
     void addLamp(double x, double y);
     // The four sides, those of front (-e2) and left (-e1) in materials of their own, and a top unless Wall.
-    void addBox(const Frame& frame, const Box& box, Material front, Material left, Material rest, Vec colour,
-                double weight);
-    void addPart(Shape shape, Material material, Vec origin, Vec u, Vec v, Vec colour, double weight);
+    void addBox(const Frame& frame, const Box& box, Material front, Material left, Material rest,
+                Point colour, double weight);
+    void addPart(Shape shape, Material material, Point origin, Point u, Point v, Point colour, double weight);
     void shadeBox(const Frame& frame, const Box& box, bool building);
-    void shadeEllipsoid(Vec centre, Vec half);
+    void shadeEllipsoid(Point centre, Point half);
     template <class Blocked>
-    void shade(Vec low, Vec high, double depthOfShade, Blocked blocked);
-    Frame frameOn(double x, double y, Vec e1) const;
+    void shade(Point low, Point high, double depthOfShade, Blocked blocked);
+    Frame frameOn(double x, double y, Point e1) const;
     const Block& blockAt(double x, double y, double& localX, double& localY) const;
     Ground lotGround(const Block& block, double x, double y, double localX, double localY) const;
 

@@ -27,7 +27,7 @@ std::string numbersText(const Numbers& values) {
     return text;
 }
 
-std::string boxText(const SplatReader::Triple& min, const SplatReader::Triple& max) {
+std::string boxText(const SplatReader::Point& min, const SplatReader::Point& max) {
     return fmt::format("({}) to ({})", numbersText(min), numbersText(max));
 }
 

@@ -49,12 +49,12 @@ public:
         if (meta_.dataType != "None") {
             word("source", meta_.dataType);
         }
-        triple("offset", meta_.offset, 0.0);
+        point("offset", meta_.offset, 0.0);
         if (meta_.epsg != 0) {
             line(fmt::format("comment epsg {}", meta_.epsg));
         }
-        triple("shift", meta_.shift, 0.0);
-        triple("scale", meta_.scale, 1.0);
+        point("shift", meta_.shift, 0.0);
+        point("scale", meta_.scale, 1.0);
         bounds("min", meta_.boundingMin);
         bounds("max", meta_.boundingMax);
         line(fmt::format("element vertex {}", splats));
@@ -84,7 +84,7 @@ private:
         }
     }
 
-    void triple(const std::string& name, const SplatReader::Triple& values, double otherwise) {
+    void point(const std::string& name, const SplatReader::Point& values, double otherwise) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             if (values[axis] != otherwise) {
                 number(name + axes[axis], values[axis]);
@@ -92,7 +92,7 @@ private:
         }
     }
 
-    void bounds(const std::string& name, const SplatReader::Triple& values) {
+    void bounds(const std::string& name, const SplatReader::Point& values) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             number(name + axes[axis], values[axis]);
         }

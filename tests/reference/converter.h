@@ -13,7 +13,7 @@
 
 namespace reference {
 
-using Vector = std::array<double, 3>;
+using Point = std::array<double, 3>;
 
 // What the header states, and what follows from it.
 struct Header {
@@ -23,18 +23,18 @@ struct Header {
     std::string dataType = "None";
     std::string source = "None";
     std::int32_t epsg = 0;
-    Vector min{0.0, 0.0, 0.0}; // as stated
-    Vector max{1.0, 1.0, 1.0};
-    Vector offset{0.0, 0.0, 0.0};
-    Vector shift{0.0, 0.0, 0.0};
-    Vector scale{1.0, 1.0, 1.0};
+    Point min{0.0, 0.0, 0.0}; // as stated
+    Point max{1.0, 1.0, 1.0};
+    Point offset{0.0, 0.0, 0.0};
+    Point shift{0.0, 0.0, 0.0};
+    Point scale{1.0, 1.0, 1.0};
 };
 
 Header readHeader(std::string_view file);
 
 struct Box {
-    Vector min{};
-    Vector max{};
+    Point min{};
+    Point max{};
 };
 
 // The stated box, or the scanned one where the stated one does not count.

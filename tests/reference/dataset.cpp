@@ -52,7 +52,7 @@ std::string list(const std::vector<double>& values) {
     return text + "]";
 }
 
-std::string triple(const Vector& v) {
+std::string pointText(const Point& v) {
     return list({v[0], v[1], v[2]});
 }
 
@@ -62,12 +62,12 @@ std::string entry(const char* name, const std::string& min, const std::string& m
 }
 
 std::string entry(const char* name, const Bounds (&range)[3], const char* end = ",") {
-    return entry(name, triple({range[0].min, range[1].min, range[2].min}),
-                 triple({range[0].max, range[1].max, range[2].max}), end);
+    return entry(name, pointText({range[0].min, range[1].min, range[2].min}),
+                 pointText({range[0].max, range[1].max, range[2].max}), end);
 }
 
 std::string attributes(const Box& box, const Ranges& ranges) {
-    const auto timesTen = [](const Vector& v) { return triple({v[0] * 10.0, v[1] * 10.0, v[2] * 10.0}); };
+    const auto timesTen = [](const Point& v) { return pointText({v[0] * 10.0, v[1] * 10.0, v[2] * 10.0}); };
     return "[\n" + entry("position", timesTen(box.min), timesTen(box.max), ",") +
            entry("normal", ranges.normal) + entry("color", ranges.colour) +
            entry("shcoef", ranges.coefficients) +
@@ -85,13 +85,13 @@ std::string metaText(const Header& header, const Box& box, const Grid& grid, con
     text += "\t\"totalSplats\": " + std::to_string(header.count) + ",\n\t\"totalLevel\": 1,\n";
     text += "\t\"cellLengthX\": " + number(grid.cellSizeX) + ",\n";
     text += "\t\"cellLengthY\": " + number(grid.cellSizeY) + ",\n\t\"indexDataSize\": 20,\n";
-    text += "\t\"offset\": " + triple(header.offset) + ",\n";
+    text += "\t\"offset\": " + pointText(header.offset) + ",\n";
     text += "\t\"epsg\": " + std::to_string(header.epsg) + ",\n";
-    text += "\t\"shift\": " + triple(header.shift) + ",\n";
-    text += "\t\"scale\": " + triple(header.scale) + ",\n";
+    text += "\t\"shift\": " + pointText(header.shift) + ",\n";
+    text += "\t\"scale\": " + pointText(header.scale) + ",\n";
     text += "\t\"splats\": [" + std::to_string(header.count) + "],\n";
-    text += "\t\"boundingBox\": {\n\t\t\"min\": " + triple(box.min) + ", \n\t\t\"max\": " + triple(box.max) +
-            "\n\t},\n";
+    text += "\t\"boundingBox\": {\n\t\t\"min\": " + pointText(box.min) +
+            ", \n\t\t\"max\": " + pointText(box.max) + "\n\t},\n";
     text += "\t\"encoding\": \"COMPRESS\",\n";
     text += std::string("\t\"fileType\": \"") + (header.coefficients ? "Quality" : "Portable") + "\",\n";
     return text + "\t\"attributes\": " + attributes(box, ranges) + "\n}\n";

@@ -44,11 +44,11 @@ void applyComment(Header& header, const std::string& key, const std::string& val
             header.dataType = "ytr";
         }
     }
-    const std::map<std::string, Vector*> vectors{{"min", &header.min},
-                                                 {"max", &header.max},
-                                                 {"offset", &header.offset},
-                                                 {"shift", &header.shift},
-                                                 {"scale", &header.scale}};
+    const std::map<std::string, Point*> vectors{{"min", &header.min},
+                                                {"max", &header.max},
+                                                {"offset", &header.offset},
+                                                {"shift", &header.shift},
+                                                {"scale", &header.scale}};
     const auto vector = vectors.find(key.substr(0, key.size() - 1));
     const std::size_t axis = std::string("xyz").find(key.back());
     if (vector != vectors.end() && axis < 3) {

@@ -63,18 +63,18 @@ std::uint32_t coefficientWord(float red, float green, float blue, const Bounds (
 
 } // namespace
 
-void Ranges::fold(const float* record, bool hasCoefficients) {
+void Ranges::widen(const float* record, bool hasCoefficients) {
     const Offsets& offsets = offsetsOf(hasCoefficients);
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        position[axis].fold(get(record, positionOffset, axis));
-        normal[axis].fold(get(record, normalOffset, axis));
-        colour[axis].fold(get(record, colourOffset, axis));
-        scale[axis].fold(get(record, offsets.scale, axis));
+        position[axis].widen(get(record, positionOffset, axis));
+        normal[axis].widen(get(record, normalOffset, axis));
+        colour[axis].widen(get(record, colourOffset, axis));
+        scale[axis].widen(get(record, offsets.scale, axis));
         for (std::size_t k = 0; hasCoefficients && k < 15; ++k) {
-            coefficients[axis].fold(get(record, coefficientOffset, 15 * axis + k));
+            coefficients[axis].widen(get(record, coefficientOffset, 15 * axis + k));
         }
     }
-    opacity.fold(get(record, offsets.opacity));
+    opacity.widen(get(record, offsets.opacity));
 }
 
 float scale(float logScale) {
@@ -161,7 +161,7 @@ Ranges decodeBlock(std::vector<float>& records, bool hasCoefficients) {
     }
     Ranges ranges;
     for (std::size_t k = 0; count > 0 && k <= count; ++k) {
-        ranges.fold(records.data() + (k == 0 ? 0 : k - 1) * stride, hasCoefficients);
+        ranges.widen(records.data() + (k == 0 ? 0 : k - 1) * stride, hasCoefficients);
     }
     return ranges;
 }

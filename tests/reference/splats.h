@@ -15,7 +15,7 @@ struct Bounds {
     double min = std::numeric_limits<double>::infinity();
     double max = -std::numeric_limits<double>::infinity();
 
-    void fold(double value) {
+    void widen(double value) {
         if (min > value) {
             min = value;
         }
@@ -35,7 +35,7 @@ struct Ranges {
     Bounds scale[3];
 
     // Takes in a decoded record of 62 floats or 17.
-    void fold(const float* record, bool hasCoefficients);
+    void widen(const float* record, bool hasCoefficients);
 };
 
 // The functions of the decoder.
@@ -48,7 +48,7 @@ std::array<float, 4> rotation(float rot0, float rot1, float rot2, float rot3);
 void decode(float* record, bool hasCoefficients);
 
 // Decodes a block of records in place and returns its ranges. Visits run from 0 to the number of records;
-// visit k folds record max(k - 1, 0), so the first record counts twice.
+// visit k widens them by record max(k - 1, 0), so the first record counts twice.
 Ranges decodeBlock(std::vector<float>& records, bool hasCoefficients);
 
 // What the files hold of one decoded splat.

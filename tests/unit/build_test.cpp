@@ -1,9 +1,9 @@
 #include "src/indexer.h"
 #include "src/indexer_quantise.h"
+#include "tests/reference/splats.h"
 #include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/floats.h"
-#include "tests/reference/splats.h"
 #include "tests/support/sanitizers.h"
 #include "tests/unit/indexer_support.h"
 
@@ -64,7 +64,7 @@ struct BuildTest : testing::Test {
         for (std::size_t i = 0; i < blocks.size(); ++i) {
             indexer.chunks->push_back(chunkOf(blocks[i], hasShcoef, levels.empty() ? 0 : levels[i]));
             for (std::size_t at = 0; at < blocks[i].size(); at += recordLayout(hasShcoef).floats) {
-                ranges.fold(blocks[i].data() + at, hasShcoef);
+                ranges.widen(blocks[i].data() + at, hasShcoef);
             }
         }
         scene = ranges;
@@ -330,7 +330,7 @@ TEST_F(BuildTest, GivenMemoryHoldsRecordsAndIsFreed) {
             }
             scene = rangesOf(blocks[0], hasShcoef);
             for (std::size_t at = 0; at < blocks[1].size(); at += recordLayout(hasShcoef).floats) {
-                scene.fold(blocks[1].data() + at, hasShcoef);
+                scene.widen(blocks[1].data() + at, hasShcoef);
             }
             indexer.bounding = boundingOf(scene, hasShcoef);
             indexer.splatCount = splatCount;

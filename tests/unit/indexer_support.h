@@ -5,9 +5,9 @@
 #include "src/chunker_decode.h"
 #include "src/large_pages.h"
 #include "src/records.h"
+#include "tests/reference/splats.h"
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
-#include "tests/reference/splats.h"
 
 #include <cstdint>
 #include <cstring>
@@ -21,8 +21,7 @@ inline void setRange(AttributeRange& range, const reference::Bounds (&bounds)[3]
     range.max = {bounds[0].max, bounds[1].max, bounds[2].max};
 }
 
-inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ranges,
-                                                     bool hasShcoef) {
+inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ranges, bool hasShcoef) {
     auto bounding = std::make_shared<AttributeBounding>();
     setRange(bounding->position, ranges.position);
     setRange(bounding->normal, ranges.normal);
@@ -66,7 +65,7 @@ inline reference::Ranges rangesOf(const std::vector<float>& decoded, bool hasShc
     reference::Ranges ranges;
     const std::size_t recordFloats = recordLayout(hasShcoef).floats;
     for (std::size_t at = 0; at < decoded.size(); at += recordFloats) {
-        ranges.fold(decoded.data() + at, hasShcoef);
+        ranges.widen(decoded.data() + at, hasShcoef);
     }
     return ranges;
 }

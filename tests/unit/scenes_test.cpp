@@ -113,8 +113,8 @@ TEST(Scenes, HeaderDeclaresTheRecordInItsCanonicalOrder) {
     options.source = "makescene";
     options.dataType = "town";
     options.epsg = 32632;
-    options.offset = scenes::Triple{500137.0225, 5414437.5, -0.25};
-    options.scale = scenes::Triple{1.0, 1.0, 2.0};
+    options.offset = scenes::Point{500137.0225, 5414437.5, -0.25};
+    options.scale = scenes::Point{1.0, 1.0, 2.0};
     options.comments = {"a line of its own", "minx  nonsense"};
     EXPECT_EQ(scenes::sceneHeader(options, Bounds{}), "ply\n"
                                                       "format binary_little_endian 1.0\n"
