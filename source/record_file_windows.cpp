@@ -1,6 +1,7 @@
 #include "source/record_file.h"
 
 #include <algorithm>
+
 #include <windows.h>
 
 namespace Tavrin::SplatSource {

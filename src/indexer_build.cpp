@@ -1,5 +1,6 @@
-#include "src/chunker_decode.h"
 #include "src/indexer.h"
+
+#include "src/chunker_decode.h"
 #include "src/indexer_cells.h"
 #include "src/indexer_quantise.h"
 #include "src/kernels.h"

@@ -1,7 +1,8 @@
 // FastQuantiser for processors with AVX2: the arithmetic of the narrow form, whose comments in
 // indexer_quantise_fast.cpp say why it is exact, on twice as many values at a time.
-#include "src/chunker_decode.h"
 #include "src/indexer_quantise.h"
+
+#include "src/chunker_decode.h"
 
 #if PLYCONVERT_AVX2
 #include <immintrin.h>

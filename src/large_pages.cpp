@@ -8,6 +8,7 @@
 #include <cstdlib>
 #if defined(__linux__)
 #include <cerrno>
+
 #include <sys/mman.h>
 #endif
 #endif

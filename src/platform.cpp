@@ -8,10 +8,13 @@
 
 #if defined(_WIN32)
 #include <clocale>
+
 #include <windows.h>
+
 #include <xmmintrin.h>
 #else
 #include <cerrno>
+
 #include <fcntl.h>
 #include <unistd.h>
 #endif

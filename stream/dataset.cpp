@@ -1,9 +1,8 @@
-#include "stream/output_file.h"
-#include "stream/place.h"
-
 #include "src/indexer_meta.h"
 #include "src/indexer_records.h"
 #include "src/runlog.h"
+#include "stream/output_file.h"
+#include "stream/place.h"
 
 #include <algorithm>
 #include <array>

@@ -1,13 +1,12 @@
-#include "stream/cell_counts.h"
-#include "stream/conversion.h"
-#include "stream/crew.h"
-#include "stream/raw_ranges.h"
-
 #include "src/indexer_files.h"
 #include "src/lanes.h"
 #include "src/large_pages.h"
 #include "src/platform.h"
 #include "src/splatheader.h"
+#include "stream/cell_counts.h"
+#include "stream/conversion.h"
+#include "stream/crew.h"
+#include "stream/raw_ranges.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,6 +1,7 @@
 #include "stream/output_file.h"
 
 #include <algorithm>
+
 #include <windows.h>
 
 namespace Tavrin::SplatStream {

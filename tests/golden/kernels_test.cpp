@@ -1,9 +1,9 @@
 // The same hashes from the kernels for every processor, by the core in this process: what is shipped takes
 // the kernels for the processor that it runs on.
 
-#include "plyconvert.h"
 #include "src/kernels.h"
 
+#include "plyconvert.h"
 #include "tests/golden/golden_scenes.h"
 #include "tests/support/files.h"
 

@@ -1,7 +1,7 @@
 #include "src/cells.h"
 
-#include "tests/support/floats.h"
 #include "tests/reference/splats.h"
+#include "tests/support/floats.h"
 
 #include <gtest/gtest.h>
 

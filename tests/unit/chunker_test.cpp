@@ -3,12 +3,12 @@
 #include "src/chunker_pass.h"
 #include "src/large_pages.h"
 #include "src/runlog.h"
+#include "tests/reference/splats.h"
 #include "tests/support/deathtest.h"
 #include "tests/support/fields.h"
 #include "tests/support/files.h"
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
-#include "tests/reference/splats.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "src/chunker_decode.h"
+#include "tests/reference/splats.h"
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
-#include "tests/reference/splats.h"
 
 #include <gtest/gtest.h>
 

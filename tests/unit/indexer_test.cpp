@@ -1,9 +1,9 @@
 #include "src/indexer.h"
 
 #include "src/runlog.h"
+#include "tests/reference/splats.h"
 #include "tests/support/deathtest.h"
 #include "tests/support/files.h"
-#include "tests/reference/splats.h"
 #include "tests/unit/indexer_support.h"
 
 #include <gtest/gtest.h>

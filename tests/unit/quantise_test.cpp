@@ -1,6 +1,6 @@
 #include "src/indexer_quantise.h"
-#include "tests/support/floats.h"
 #include "tests/reference/splats.h"
+#include "tests/support/floats.h"
 #include "tests/unit/indexer_support.h"
 
 #include <gtest/gtest.h>

@@ -5,7 +5,6 @@
 #include "source/canonical_ply.h"
 #include "src/splatheader.h"
 #include "stream/conversion.h"
-
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"
 
