@@ -11,9 +11,11 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 # What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a
-# project that uses the library asks for its flags, and a terminal that changes its size.
-test_packages=(valgrind locales pkg-config tmux)
+# project that uses the library asks for its flags, a terminal that changes its size, and the layout of the sources.
+test_packages=(valgrind locales pkg-config tmux clang-format-14)
 clang_packages=(clang)
+# The linter of scripts/tidy.sh.
+tidy_packages=(clang-tidy-14)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
 fuzz_packages=(libclang-rt-dev llvm)
 windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletest)
