@@ -30,12 +30,12 @@ public:
     std::uint64_t boxPositions() const override;
     void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const override;
 
-    void requireUnchanged() const override { m_file.requireUnchanged(); }
+    void requireUnchanged() const override { file_.requireUnchanged(); }
 
 private:
-    RecordFile m_file;
-    std::uint64_t m_bodyAt;
-    std::uint64_t m_recordBytes;
+    RecordFile file_;
+    std::uint64_t bodyAt_;
+    std::uint64_t recordBytes_;
 };
 
 } // namespace Tavrin::SplatSource

@@ -20,23 +20,23 @@ std::string textOf(const std::filesystem::path& path) {
     return {text.begin(), text.end()};
 }
 
-RecordFile::RecordFile(const std::filesystem::path& path) : m_path(path) {
+RecordFile::RecordFile(const std::filesystem::path& path) : path_(path) {
     int error = 0;
-    m_handle = open(path, error);
+    handle_ = open(path, error);
     if (error != 0) {
         throw SourceError(name() + ": the file cannot be opened: " + systemText(error) +
                           ": check the path and the permissions");
     }
-    m_opened = stateOf(m_handle, error);
+    opened_ = stateOf(handle_, error);
     if (error != 0) {
-        close(m_handle);
+        close(handle_);
         throw SourceError(name() + ": the system tells nothing of the file: " + systemText(error) +
                           ": check the disk");
     }
 }
 
 RecordFile::~RecordFile() {
-    close(m_handle);
+    close(handle_);
 }
 
 std::uint64_t RecordFile::readUpTo(std::uint64_t offset, void* destination, std::uint64_t length) const {
@@ -44,7 +44,7 @@ std::uint64_t RecordFile::readUpTo(std::uint64_t offset, void* destination, std:
     while (got < length) {
         int error = 0;
         const std::uint64_t more =
-            readSome(m_handle, offset + got, static_cast<std::byte*>(destination) + got, length - got, error);
+            readSome(handle_, offset + got, static_cast<std::byte*>(destination) + got, length - got, error);
         if (error != 0) {
             throw SourceChanged(name() + ": the system fails to read at byte " +
                                 std::to_string(offset + got) + ": " + systemText(error) + ": check the disk");
@@ -69,13 +69,13 @@ void RecordFile::read(std::uint64_t offset, void* destination, std::uint64_t len
 
 void RecordFile::requireUnchanged() const {
     int error = 0;
-    const FileState named = stateOf(m_path, error);
+    const FileState named = stateOf(path_, error);
     if (error != 0) {
         throw SourceChanged(name() + ": the file is gone: " + systemText(error) +
                             ": leave it in its place while it is read");
     }
-    const FileState held = stateOf(m_handle, error);
-    if (error != 0 || held != m_opened || named != m_opened) {
+    const FileState held = stateOf(handle_, error);
+    if (error != 0 || held != opened_ || named != opened_) {
         throw SourceChanged(name() + ": the file was changed or replaced while it was read: start again once "
                                      "nothing writes to it");
     }

@@ -28,9 +28,9 @@ public:
     RecordFile& operator=(const RecordFile&) = delete;
     ~RecordFile();
 
-    const std::filesystem::path& path() const { return m_path; }
-    std::string name() const { return textOf(m_path); }
-    std::uint64_t size() const { return m_opened.size; } // bytes, when it was opened
+    const std::filesystem::path& path() const { return path_; }
+    std::string name() const { return textOf(path_); }
+    std::uint64_t size() const { return opened_.size; } // bytes, when it was opened
 
     // The bytes at [offset, offset + length). Throws SourceChanged when the file ends before or the system
     // fails to read.
@@ -43,9 +43,9 @@ public:
     void requireUnchanged() const;
 
 private:
-    std::filesystem::path m_path;
-    std::intptr_t m_handle; // of the system
-    FileState m_opened;
+    std::filesystem::path path_;
+    std::intptr_t handle_; // of the system
+    FileState opened_;
 
     // What differs between systems. Errors are numbers of the system, 0 for none.
     static std::intptr_t open(const std::filesystem::path& path, int& error);

@@ -284,6 +284,19 @@ void foldChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
     }
 }
 
+// The body of decodeRecords without ranges for all kernels.
+inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef) {
+    const RecordLayout& layout = recordLayout(hasShcoef);
+    Tile tile{};
+    for (std::uint64_t done = 0; done < count; done += tileRecords) {
+        const std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(count - done, tileRecords));
+        float* const first = records + done * layout.floats;
+        loadTile(first, size, layout, tile);
+        decodeTile(tile);
+        storeTile(first, size, layout, tile);
+    }
+}
+
 // The body of decodeRecords for all kernels.
 inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
     const RecordLayout& layout = recordLayout(hasShcoef);
@@ -320,6 +333,11 @@ __attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::ui
     decodeTiles(records, count, hasShcoef, ranges);
 }
 
+__attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::uint64_t count,
+                                                         bool hasShcoef) {
+    decodeTiles(records, count, hasShcoef);
+}
+
 #endif
 
 } // namespace
@@ -333,6 +351,16 @@ void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRan
     }
 #endif
     decodeTiles(records, count, hasShcoef, ranges);
+}
+
+void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, [[maybe_unused]] Kernels kernels) {
+#if PLYCONVERT_AVX2
+    if (kernels == Kernels::avx2) {
+        decodeAvx2(records, count, hasShcoef);
+        return;
+    }
+#endif
+    decodeTiles(records, count, hasShcoef);
 }
 
 namespace {

@@ -60,6 +60,9 @@ void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges);
 void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
                    Kernels kernels = chosenKernels);
 
+// The same without ranges.
+void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, Kernels kernels = chosenKernels);
+
 // Widen ranges by those of other records of the same block.
 void joinRanges(BlockRanges& ranges, const BlockRanges& other);
 

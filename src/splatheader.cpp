@@ -154,23 +154,28 @@ bool statesBounds(const Params& params) {
     return std::abs(params.minx) > double{0.001f} && std::abs(params.maxx) > double{0.1f};
 }
 
-SplatHeader::SplatHeader(std::string inputPath, const std::shared_ptr<Params>& params, std::int32_t) {
-    fileSize = fileSizeOf(inputPath);
-    LineReader file = openInput(inputPath);
+SplatHeader readSplatHeader(const std::string& path, Params& params) {
+    SplatHeader header;
+    header.fileSize = fileSizeOf(path);
+    LineReader file = openInput(path);
     if (!file.isOpen()) {
         endProcess(-1);
     }
-    HeaderReading reading{*this, *params};
+    HeaderReading reading{header, params};
     for (std::string line; file.next(line) && line != endHeader;) {
         reading.applyLine(line);
     }
     if (!reading.dataTypeSeen && !reading.boundsSeen) {
-        params->dataType = "ply";
+        params.dataType = "ply";
     }
-    path = inputPath;
-    headerEnd = file.position();
-    boundsFromHeader = reading.boundsSeen;
+    header.path = path;
+    header.headerEnd = file.position();
+    header.boundsFromHeader = reading.boundsSeen;
+    return header;
+}
 
+SplatHeader::SplatHeader(std::string inputPath, const std::shared_ptr<Params>& params, std::int32_t)
+    : SplatHeader(readSplatHeader(inputPath, *params)) {
     if (statesBounds(*params)) {
         bboxMin = {params->minx, params->miny, params->minz};
         bboxMax = {params->maxx, params->maxy, params->maxz};

@@ -58,6 +58,10 @@ struct SplatHeader {
                                                     std::int32_t headerLength);
 };
 
+// The same header without its box, and without a look at the records or at chunkGrid. Ends and throws as the
+// constructor does.
+SplatHeader readSplatHeader(const std::string& path, Params& params);
+
 // True when the file can be opened and declares f_dc_0, opacity, scale_0 and rot_0. Writes "cannot open file"
 // to standard output when it cannot be opened.
 bool checkSplatHeader(std::string path);

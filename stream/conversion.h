@@ -33,6 +33,7 @@ struct Settings {
     unsigned threads = 1;                 // workers, at least 1
     std::uint64_t maxMemory = UINT64_MAX; // bytes that a pass may allocate
     std::uint64_t windowRecords = 1024;   // records that a worker reads at a time; tests alone set it
+    std::uint64_t countAs = 0; // splats that grid and texts go by instead of the scene's; tests alone set it
     // Called now and then, by one thread at a time, with the splats that the pass has done. It may throw to
     // end the pass; the exception leaves measure or place.
     std::function<void(std::uint64_t splats)> progress;
@@ -46,8 +47,9 @@ struct Cell {
 
 // What one pass over the scene finds.
 struct Measured {
-    std::uint64_t read = 0;   // records of the input
-    std::uint64_t splats = 0; // of those, the ones that were not dropped
+    std::uint64_t read = 0;          // records of the input
+    std::uint64_t splats = 0;        // of those, the ones that were not dropped
+    std::uint64_t countedSplats = 0; // the same, which grid and texts go by: Settings::countAs
     bool hasCoefficients = false;
     GaussionSplat::Params params;
     bool isBoxStated = false;       // by the header; else measured

@@ -9,15 +9,15 @@ namespace Tavrin::SplatStream {
 
 void Crew::fail(std::exception_ptr failure) noexcept {
     {
-        const std::lock_guard lock(m_failureMutex);
-        if (m_failure) {
+        const std::lock_guard lock(failureMutex_);
+        if (failure_) {
             return;
         }
-        m_failure = std::move(failure);
+        failure_ = std::move(failure);
     }
-    m_stopped.store(true);
-    if (m_wake) {
-        m_wake();
+    stopped_.store(true);
+    if (wake_) {
+        wake_();
     }
 }
 
@@ -45,31 +45,31 @@ void Crew::run(unsigned workers, const std::function<void(unsigned)>& body) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    if (m_failure) {
-        std::rethrow_exception(m_failure);
+    if (failure_) {
+        std::rethrow_exception(failure_);
     }
 }
 
 void Crew::advance(std::uint64_t splats) {
     constexpr std::chrono::milliseconds between(50);
-    m_done.fetch_add(splats, std::memory_order_relaxed);
-    if (!m_settings.progress) {
+    done_.fetch_add(splats, std::memory_order_relaxed);
+    if (!settings_.progress) {
         return;
     }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    if (now.count() < m_nextReport.load(std::memory_order_relaxed)) {
+    if (now.count() < nextReport_.load(std::memory_order_relaxed)) {
         return;
     }
-    const std::unique_lock lock(m_progressMutex, std::try_to_lock);
-    if (lock.owns_lock() && now.count() >= m_nextReport.load(std::memory_order_relaxed)) {
-        m_nextReport.store((now + between).count(), std::memory_order_relaxed);
-        m_settings.progress(m_done.load(std::memory_order_relaxed));
+    const std::unique_lock lock(progressMutex_, std::try_to_lock);
+    if (lock.owns_lock() && now.count() >= nextReport_.load(std::memory_order_relaxed)) {
+        nextReport_.store((now + between).count(), std::memory_order_relaxed);
+        settings_.progress(done_.load(std::memory_order_relaxed));
     }
 }
 
 void Crew::reportEnd() {
-    if (m_settings.progress) {
-        m_settings.progress(m_done.load(std::memory_order_relaxed));
+    if (settings_.progress) {
+        settings_.progress(done_.load(std::memory_order_relaxed));
     }
 }
 

@@ -26,7 +26,7 @@ struct Windows {
 
 class Crew {
 public:
-    explicit Crew(const Settings& settings) : m_settings(settings) {}
+    explicit Crew(const Settings& settings) : settings_(settings) {}
 
     // Runs body(worker) for each worker below `workers` and returns when all have ended. The caller's thread
     // is one of them; where the system has no more threads to give, fewer do the work. Rethrows the first
@@ -34,10 +34,10 @@ public:
     void run(unsigned workers, const std::function<void(unsigned)>& body);
 
     // Somebody failed: whoever sees it returns from its body.
-    bool isStopped() const { return m_stopped.load(std::memory_order_relaxed); }
+    bool isStopped() const { return stopped_.load(std::memory_order_relaxed); }
 
     // Called once when somebody fails, by whoever does: wakes those who wait.
-    void onStop(std::function<void()> wake) { m_wake = std::move(wake); }
+    void onStop(std::function<void()> wake) { wake_ = std::move(wake); }
 
     // So many splats more are done. Calls settings.progress now and then, whose exceptions leave.
     void advance(std::uint64_t splats);
@@ -46,14 +46,14 @@ public:
     void reportEnd();
 
 private:
-    const Settings& m_settings;
-    std::atomic<bool> m_stopped = false;
-    std::mutex m_failureMutex;
-    std::exception_ptr m_failure; // the first
-    std::function<void()> m_wake;
-    std::atomic<std::uint64_t> m_done = 0;
-    std::atomic<std::chrono::steady_clock::rep> m_nextReport = 0;
-    std::mutex m_progressMutex;
+    const Settings& settings_;
+    std::atomic<bool> stopped_ = false;
+    std::mutex failureMutex_;
+    std::exception_ptr failure_; // the first
+    std::function<void()> wake_;
+    std::atomic<std::uint64_t> done_ = 0;
+    std::atomic<std::chrono::steady_clock::rep> nextReport_ = 0;
+    std::mutex progressMutex_;
 
     void work(unsigned worker, const std::function<void(unsigned)>& body) noexcept;
     void fail(std::exception_ptr failure) noexcept;

@@ -33,19 +33,19 @@ std::string withSystemLineEnds(const std::string& text) {
 // The run log, with every write looked at.
 class Log {
 public:
-    explicit Log(const std::filesystem::path& path) : m_file(path) {}
+    explicit Log(const std::filesystem::path& path) : file_(path) {}
 
     void add(const RunLogLine& line, const std::string& rest = {}) {
         const std::string text = withSystemLineEnds(infoLine(line, rest) + '\n');
-        m_file.write(m_size, text.data(), text.size());
-        m_size += text.size();
+        file_.write(size_, text.data(), text.size());
+        size_ += text.size();
     }
 
-    void close() { m_file.close(); }
+    void close() { file_.close(); }
 
 private:
-    OutputFile m_file;
-    std::uint64_t m_size = 0;
+    OutputFile file_;
+    std::uint64_t size_ = 0;
 };
 
 template <typename Value>
@@ -61,10 +61,10 @@ void writeMeta(const Measured& measured, const std::filesystem::path& folder) {
                                      .grid = measured.grid,
                                      .bboxMin = measured.bboxMin,
                                      .bboxMax = measured.bboxMax,
-                                     .splats = measured.splats,
+                                     .splats = measured.countedSplats,
                                      .totalLevel = 1,
                                      .indexEntrySize = indexEntrySize,
-                                     .countLabel = '[' + std::to_string(measured.splats) + ']',
+                                     .countLabel = '[' + std::to_string(measured.countedSplats) + ']',
                                      .compressed = true}));
     OutputFile file(folder / metaFileName);
     file.write(0, text.data(), text.size());

@@ -18,8 +18,8 @@ public:
 
     // The number of a key, or none.
     std::uint32_t find(std::uint32_t key) const {
-        for (std::size_t at = hashOf(key);; at = (at + 1) & m_mask) {
-            const Entry& entry = m_entries[at];
+        for (std::size_t at = hashOf(key);; at = (at + 1) & mask_) {
+            const Entry& entry = entries_[at];
             if (entry.number == none || entry.key == key) {
                 return entry.number;
             }
@@ -29,17 +29,17 @@ public:
     // Give a key that is not there a number. isFull must be false.
     void insert(std::uint32_t key, std::uint32_t number) {
         std::size_t at = hashOf(key);
-        while (m_entries[at].number != none) {
-            at = (at + 1) & m_mask;
+        while (entries_[at].number != none) {
+            at = (at + 1) & mask_;
         }
-        m_entries[at] = {key, number};
-        ++m_used;
+        entries_[at] = {key, number};
+        ++used_;
     }
 
     // The next insert needs a larger table.
-    bool isFull() const { return m_used * 2 >= m_entries.size(); }
+    bool isFull() const { return used_ * 2 >= entries_.size(); }
     void grow() {
-        std::vector<Entry> old = std::move(m_entries);
+        std::vector<Entry> old = std::move(entries_);
         resize(old.size() * 2);
         for (const Entry& entry : old) {
             if (entry.number != none) {
@@ -49,7 +49,7 @@ public:
     }
 
     static std::uint64_t bytesFor(std::uint64_t keys) { return entriesFor(keys) * sizeof(Entry); }
-    std::uint64_t bytes() const { return m_entries.size() * sizeof(Entry); }
+    std::uint64_t bytes() const { return entries_.size() * sizeof(Entry); }
 
 private:
     struct Entry {
@@ -57,10 +57,10 @@ private:
         std::uint32_t number = none; // an empty entry
     };
 
-    std::vector<Entry> m_entries; // a power of two
-    std::size_t m_mask = 0;
-    std::size_t m_used = 0;
-    unsigned m_shift = 0;
+    std::vector<Entry> entries_; // a power of two
+    std::size_t mask_ = 0;
+    std::size_t used_ = 0;
+    unsigned shift_ = 0;
 
     static std::uint64_t entriesFor(std::uint64_t keys) {
         constexpr std::uint64_t least = 256;
@@ -68,15 +68,15 @@ private:
     }
 
     void resize(std::size_t entries) {
-        m_entries.assign(entries, {});
-        m_mask = entries - 1;
-        m_used = 0;
-        m_shift = static_cast<unsigned>(64 - std::countr_zero(entries));
+        entries_.assign(entries, {});
+        mask_ = entries - 1;
+        used_ = 0;
+        shift_ = static_cast<unsigned>(64 - std::countr_zero(entries));
     }
 
     // The high bits of a product with the golden ratio.
     std::size_t hashOf(std::uint32_t key) const {
-        return static_cast<std::size_t>(key * UINT64_C(0x9E3779B97F4A7C15) >> m_shift);
+        return static_cast<std::size_t>(key * 0x9E3779B97F4A7C15u >> shift_);
     }
 };
 

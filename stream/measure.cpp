@@ -31,6 +31,12 @@ bool lieIn(const float* position, const Box& box) {
            position[1] <= box.max.y && position[2] >= box.min.z && position[2] <= box.max.z;
 }
 
+bool holds(const Box& box, const RawRanges::Positions& ranges) {
+    const float min[3] = {ranges[0].min, ranges[1].min, ranges[2].min};
+    const float max[3] = {ranges[0].max, ranges[1].max, ranges[2].max};
+    return lieIn(min, box) && lieIn(max, box);
+}
+
 // What one worker finds in its windows.
 struct Found {
     explicit Found(bool hasCoefficients) : ranges(hasCoefficients) {}
@@ -77,7 +83,7 @@ private:
     void planMemory();
     void readAll();
     void readWindow(std::uint64_t window, Found& own);
-    void lookAtPositions(std::uint64_t count, Found& own);
+    void lookAtPositions(std::uint64_t count, const RawRanges::Positions& ranges, Found& own);
     void keepPositions(std::uint64_t window, std::uint64_t count, const Found& own);
     void scanBox();
     void settleBox(Measured& measured) const;
@@ -135,11 +141,12 @@ void MeasurePass::planMemory() {
     workers = static_cast<unsigned>(std::clamp<std::uint64_t>(
         std::min<std::uint64_t>(settings.threads, windows.count()), 1, settings.maxMemory / least));
     spareMemory = settings.maxMemory - workers * least;
-    if (source.count <= singleCellSplats) {
+    const std::uint64_t most = settings.countAs > 0 ? settings.countAs : source.count;
+    if (most <= singleCellSplats) {
         return;
     }
     if (statedBox) {
-        expectedGrid = gridFor(static_cast<std::int64_t>(source.count), statedBox->min, statedBox->max, {});
+        expectedGrid = gridFor(static_cast<std::int64_t>(most), statedBox->min, statedBox->max, {});
         return;
     }
     // Half of the memory stays for what is known of cells.
@@ -167,7 +174,9 @@ void MeasurePass::forEachWindow(const Windows& all, Crew& crew,
     });
 }
 
-void MeasurePass::lookAtPositions(std::uint64_t count, Found& own) {
+// The window's ranges tell most of it: a coordinate is looked at by itself only where one is not finite, or
+// lies outside the stated box.
+void MeasurePass::lookAtPositions(std::uint64_t count, const RawRanges::Positions& ranges, Found& own) {
     const float* const records = own.window.get();
     std::uint64_t notFinite = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
@@ -178,16 +187,23 @@ void MeasurePass::lookAtPositions(std::uint64_t count, Found& own) {
         notFinite += all == 0.0f ? 0 : 1;
     }
     own.notFinite += notFinite;
-    for (std::uint64_t i = 0; i < count; ++i) {
-        for (std::size_t axis = 0; axis < 3; ++axis) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        if (notFinite == 0) {
+            own.finite[axis].min = minimum(own.finite[axis].min, ranges[axis].min);
+            own.finite[axis].max = maximum(own.finite[axis].max, ranges[axis].max);
+            continue;
+        }
+        for (std::uint64_t i = 0; i < count; ++i) {
             const float value = records[i * recordFloats + axis];
             if (std::isfinite(value)) {
                 own.finite[axis].fold(value);
             }
         }
     }
-    for (std::uint64_t i = 0; statedBox && i < count; ++i) {
-        own.outside += lieIn(records + i * recordFloats, *statedBox) ? 0 : 1;
+    if (statedBox && (notFinite > 0 || !(holds(*statedBox, ranges)))) {
+        for (std::uint64_t i = 0; i < count; ++i) {
+            own.outside += lieIn(records + i * recordFloats, *statedBox) ? 0 : 1;
+        }
     }
 }
 
@@ -205,8 +221,7 @@ void MeasurePass::readWindow(std::uint64_t window, Found& own) {
     const std::uint64_t first = windows.first(window);
     const std::uint64_t count = source.read(first, windows.size(window), own.window.get());
     own.splats += count;
-    own.ranges.fold(own.window.get(), count, first);
-    lookAtPositions(count, own);
+    lookAtPositions(count, own.ranges.fold(own.window.get(), count, first), own);
     if (expectedGrid) {
         addKeys(own.window.get(), recordFloats, count, *expectedGrid, own);
     } else if (kept.positions) {
@@ -307,9 +322,10 @@ void listCells(const CellCounts& counts, Measured& measured) {
 }
 
 void MeasurePass::countCells(Measured& measured) {
-    measured.grid =
-        gridFor(static_cast<std::int64_t>(measured.splats), measured.bboxMin, measured.bboxMax, {});
-    if (measured.splats <= singleCellSplats) {
+    const std::uint64_t counted = settings.countAs > 0 ? settings.countAs : measured.splats;
+    measured.countedSplats = counted;
+    measured.grid = gridFor(static_cast<std::int64_t>(counted), measured.bboxMin, measured.bboxMax, {});
+    if (counted <= singleCellSplats) {
         measured.cells = {{.key = 0, .splats = measured.splats}};
         return;
     }

@@ -10,21 +10,21 @@
 namespace Tavrin::SplatStream {
 
 void OutputFile::fail(const char* what, int error) const {
-    throw WriteError(SplatSource::textOf(m_path) + ": " + what + ": " +
+    throw WriteError(SplatSource::textOf(path_) + ": " + what + ": " +
                      std::error_code(error, std::system_category()).message());
 }
 
-OutputFile::OutputFile(const std::filesystem::path& path) : m_path(path) {
+OutputFile::OutputFile(const std::filesystem::path& path) : path_(path) {
     int error = 0;
-    m_handle = open(path, error);
+    handle_ = open(path, error);
     if (error != 0) {
         fail("the file cannot be created", error);
     }
 }
 
 OutputFile::~OutputFile() {
-    if (m_handle != closed) {
-        closeHandle(m_handle);
+    if (handle_ != closed) {
+        closeHandle(handle_);
     }
 }
 
@@ -32,7 +32,7 @@ void OutputFile::reserve(std::uint64_t bytes) {
     if (bytes == 0) {
         return;
     }
-    if (const int error = reserveBytes(m_handle, bytes); error != 0) {
+    if (const int error = reserveBytes(handle_, bytes); error != 0) {
         fail(("no room for its " + std::to_string(bytes) + " bytes").c_str(), error);
     }
 }
@@ -41,7 +41,7 @@ void OutputFile::write(std::uint64_t offset, const void* bytes, std::uint64_t le
     for (std::uint64_t done = 0; done < length;) {
         int error = 0;
         const std::uint64_t more = writeSome(
-            m_handle, offset + done, static_cast<const std::byte*>(bytes) + done, length - done, error);
+            handle_, offset + done, static_cast<const std::byte*>(bytes) + done, length - done, error);
         if (error != 0) {
             fail(("writing fails at byte " + std::to_string(offset + done)).c_str(), error);
         }
@@ -50,8 +50,8 @@ void OutputFile::write(std::uint64_t offset, const void* bytes, std::uint64_t le
 }
 
 void OutputFile::close() {
-    const std::intptr_t handle = m_handle;
-    m_handle = closed;
+    const std::intptr_t handle = handle_;
+    handle_ = closed;
     if (const int error = closeHandle(handle); error != 0) {
         fail("closing the file fails", error);
     }

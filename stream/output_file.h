@@ -26,8 +26,8 @@ public:
     void close();
 
 private:
-    std::filesystem::path m_path;
-    std::intptr_t m_handle; // of the system
+    std::filesystem::path path_;
+    std::intptr_t handle_; // of the system
 
     [[noreturn]] void fail(const char* what, int error) const;
 

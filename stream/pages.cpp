@@ -48,74 +48,74 @@ std::uint64_t PagePool::pageBytes(std::uint64_t pageRecords, bool hasCoefficient
 }
 
 PagePool::PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most)
-    : m_pageRecords(pageRecords), m_hasCoefficients(hasCoefficients), m_most(most) {}
+    : pageRecords_(pageRecords), hasCoefficients_(hasCoefficients), most_(most) {}
 
 // Some pages at a time, in one block of a few large pages.
 void PagePool::makeMore() {
-    const std::uint64_t dataBytes = m_pageRecords * dataRecordSize;
-    const std::uint64_t coefficientBytes = m_hasCoefficients ? m_pageRecords * packedCoefficientsSize : 0;
+    const std::uint64_t dataBytes = pageRecords_ * dataRecordSize;
+    const std::uint64_t coefficientBytes = hasCoefficients_ ? pageRecords_ * packedCoefficientsSize : 0;
     const std::uint64_t bytes = dataBytes + coefficientBytes;
     const std::uint64_t count =
-        std::min(m_most - m_made, std::max<std::uint64_t>(GaussionSplat::largePage / bytes, 1));
-    m_memory.push_back(GaussionSplat::makeLargeArray<std::byte>(count * bytes));
-    m_pages.push_back(std::make_unique<Page[]>(count));
-    m_free.reserve(m_made + count);
-    std::byte* memory = m_memory.back().get();
+        std::min(most_ - made_, std::max<std::uint64_t>(GaussionSplat::largePage / bytes, 1));
+    memory_.push_back(GaussionSplat::makeLargeArray<std::byte>(count * bytes));
+    pages_.push_back(std::make_unique<Page[]>(count));
+    free_.reserve(made_ + count);
+    std::byte* memory = memory_.back().get();
     for (std::uint64_t i = 0; i < count; ++i, memory += bytes) {
-        Page& page = m_pages.back()[i];
+        Page& page = pages_.back()[i];
         page.data = memory;
         page.coefficients = memory + dataBytes;
-        m_free.push_back(&page);
+        free_.push_back(&page);
     }
-    m_made += count;
+    made_ += count;
 }
 
 Page* PagePool::take() {
-    const std::lock_guard lock(m_mutex);
-    if (m_free.empty() && m_made < m_most) {
+    const std::lock_guard lock(mutex_);
+    if (free_.empty() && made_ < most_) {
         makeMore();
     }
-    if (m_free.empty()) {
+    if (free_.empty()) {
         return nullptr;
     }
-    Page* const page = m_free.back();
-    m_free.pop_back();
+    Page* const page = free_.back();
+    free_.pop_back();
     return page;
 }
 
 void PagePool::giveBack(Page* page) {
     {
-        const std::lock_guard lock(m_mutex);
-        m_free.push_back(page); // reserved: never throws
+        const std::lock_guard lock(mutex_);
+        free_.push_back(page); // reserved: never throws
     }
-    m_freed.notify_one();
+    freed_.notify_one();
 }
 
 void PagePool::wait() {
-    std::unique_lock lock(m_mutex);
-    m_freed.wait(lock, [this] { return m_stopped || !m_free.empty() || m_made < m_most; });
+    std::unique_lock lock(mutex_);
+    freed_.wait(lock, [this] { return stopped_ || !free_.empty() || made_ < most_; });
 }
 
 void PagePool::stop() {
     {
-        const std::lock_guard lock(m_mutex);
-        m_stopped = true;
+        const std::lock_guard lock(mutex_);
+        stopped_ = true;
     }
-    m_freed.notify_all();
+    freed_.notify_all();
 }
 
-Places::Places(const std::vector<Cell>& cells, std::uint64_t pageRecords) : m_pageRecords(pageRecords) {
+Places::Places(const std::vector<Cell>& cells, std::uint64_t pageRecords) : pageRecords_(pageRecords) {
     std::uint64_t at = 0;
     forEachHolder(cells, pageRecords, [&](bool isNew, const Cell& cell, bool isAlone) {
         if (isNew) {
-            m_holders.push_back({.first = at, .end = at});
+            holders_.push_back({.first = at, .end = at});
         }
-        m_cells.push_back({.next = at,
-                           .end = at + cell.splats,
-                           .holder = static_cast<std::uint32_t>(m_holders.size() - 1),
-                           .isAlone = isAlone});
+        cells_.push_back({.next = at,
+                          .end = at + cell.splats,
+                          .holder = static_cast<std::uint32_t>(holders_.size() - 1),
+                          .isAlone = isAlone});
         at += cell.splats;
-        m_holders.back().end = at;
+        holders_.back().end = at;
     });
 }
 
@@ -130,7 +130,7 @@ bool Places::open(Holder& holder, const CellState& cell, PagePool& pool) {
     std::uint64_t end = holder.end;
     if (cell.isAlone) {
         first = cell.next;
-        end = std::min(cell.end, (first / m_pageRecords + 1) * m_pageRecords);
+        end = std::min(cell.end, (first / pageRecords_ + 1) * pageRecords_);
     }
     page->first = first;
     page->records = static_cast<std::uint32_t>(end - first);
@@ -145,8 +145,8 @@ bool Places::open(Holder& holder, const CellState& cell, PagePool& pool) {
 
 std::uint64_t Places::take(std::uint32_t number, std::uint64_t count, PagePool& pool,
                            std::vector<Segment>& segments) {
-    CellState& cell = m_cells[number];
-    Holder& holder = m_holders[cell.holder];
+    CellState& cell = cells_[number];
+    Holder& holder = holders_[cell.holder];
     std::uint64_t taken = 0;
     while (taken < count && (holder.page != nullptr || open(holder, cell, pool))) {
         const std::uint64_t size = std::min(count - taken, holder.left);

@@ -56,16 +56,16 @@ public:
     static std::uint64_t pageBytes(std::uint64_t pageRecords, bool hasCoefficients);
 
 private:
-    std::uint64_t m_pageRecords;
-    bool m_hasCoefficients;
-    std::uint64_t m_most;
-    std::mutex m_mutex;
-    std::condition_variable m_freed;
-    bool m_stopped = false;
-    std::uint64_t m_made = 0;
-    std::vector<Page*> m_free;
-    std::vector<std::unique_ptr<Page[]>> m_pages;
-    std::vector<GaussionSplat::LargeArray<std::byte>> m_memory;
+    std::uint64_t pageRecords_;
+    bool hasCoefficients_;
+    std::uint64_t most_;
+    std::mutex mutex_;
+    std::condition_variable freed_;
+    bool stopped_ = false;
+    std::uint64_t made_ = 0;
+    std::vector<Page*> free_;
+    std::vector<std::unique_ptr<Page[]>> pages_;
+    std::vector<GaussionSplat::LargeArray<std::byte>> memory_;
 
     void makeMore();
 };
@@ -83,7 +83,7 @@ public:
     };
 
     // So many records of a cell, by number among the cells that have splats, have no place yet.
-    std::uint64_t left(std::uint32_t cell) const { return m_cells[cell].end - m_cells[cell].next; }
+    std::uint64_t left(std::uint32_t cell) const { return cells_[cell].end - cells_[cell].next; }
 
     // Appends the places of the next records of a cell: of `count`, at most left(cell), or of fewer where the
     // pool has no more pages. Returns how many.
@@ -109,9 +109,9 @@ private:
         std::uint64_t left = 0; // records of the open page whose places are not taken yet
     };
 
-    std::uint64_t m_pageRecords;
-    std::vector<CellState> m_cells;
-    std::vector<Holder> m_holders;
+    std::uint64_t pageRecords_;
+    std::vector<CellState> cells_;
+    std::vector<Holder> holders_;
 
     bool open(Holder& holder, const CellState& cell, PagePool& pool);
 };

@@ -106,32 +106,32 @@ public:
     // False when the crew was stopped.
     bool wait(std::uint64_t window, const Crew& crew) {
         for (int spin = 0; spin < 4096; ++spin) {
-            if (m_next.load(std::memory_order_acquire) == window) {
+            if (next_.load(std::memory_order_acquire) == window) {
                 return !crew.isStopped();
             }
         }
-        for (std::uint64_t next = m_next.load(std::memory_order_acquire); next != window;
-             next = m_next.load(std::memory_order_acquire)) {
+        for (std::uint64_t next = next_.load(std::memory_order_acquire); next != window;
+             next = next_.load(std::memory_order_acquire)) {
             if (crew.isStopped()) {
                 return false;
             }
-            m_next.wait(next, std::memory_order_acquire);
+            next_.wait(next, std::memory_order_acquire);
         }
         return !crew.isStopped();
     }
 
     void pass(std::uint64_t window) {
-        m_next.store(window + 1, std::memory_order_release);
-        m_next.notify_all();
+        next_.store(window + 1, std::memory_order_release);
+        next_.notify_all();
     }
 
     void stop() {
-        m_next.store(UINT64_MAX, std::memory_order_release);
-        m_next.notify_all();
+        next_.store(UINT64_MAX, std::memory_order_release);
+        next_.notify_all();
     }
 
 private:
-    std::atomic<std::uint64_t> m_next = 0;
+    std::atomic<std::uint64_t> next_ = 0;
 };
 
 class PlacePass {
@@ -160,23 +160,23 @@ private:
         std::vector<Places::Segment> segments;
     };
 
-    const SplatSource::Source& m_source;
-    const Measured& m_measured;
-    const Settings& m_settings;
-    OutputFile& m_data;
-    OutputFile* m_coefficients; // null without
-    Plan m_plan;
-    Windows m_windows;
-    std::size_t m_recordFloats;
-    FastQuantiser m_quantiser;
-    bool m_isSingle;
-    KeyTable m_numbers;
-    Places m_places;
-    PagePool m_pool;
-    Crew m_crew;
-    Turn m_turn;
-    std::atomic<std::uint64_t> m_nextWindow = 0;
-    std::atomic<std::uint64_t> m_written = 0; // records
+    const SplatSource::Source& source_;
+    const Measured& measured_;
+    const Settings& settings_;
+    OutputFile& data_;
+    OutputFile* coefficients_; // null without
+    Plan plan_;
+    Windows windows_;
+    std::size_t recordFloats_;
+    FastQuantiser quantiser_;
+    bool isSingle_;
+    KeyTable numbers_;
+    Places places_;
+    PagePool pool_;
+    Crew crew_;
+    Turn turn_;
+    std::atomic<std::uint64_t> nextWindow_ = 0;
+    std::atomic<std::uint64_t> written_ = 0; // records
 
     void work();
     void doWindow(std::uint64_t window, Worker& worker);
@@ -190,23 +190,21 @@ private:
 
 PlacePass::PlacePass(const SplatSource::Source& scene, const Measured& facts, const Settings& chosen,
                      OutputFile& dataFile, OutputFile* coefficientFile)
-    : m_source(scene), m_measured(facts), m_settings(chosen), m_data(dataFile),
-      m_coefficients(coefficientFile),
-      m_plan(planPass(facts, chosen)), m_windows{.records = scene.count,
-                                                 .windowRecords = m_plan.windowRecords},
-      m_recordFloats(recordLayout(facts.hasCoefficients).floats),
-      m_quantiser(quantiseSettings(facts.bounding, true)), m_isSingle(facts.splats <= singleCellSplats),
-      m_numbers(occupiedCells(facts)), m_places(facts.cells, m_plan.pages.pageRecords),
-      m_pool(m_plan.pages.pageRecords, facts.hasCoefficients, m_plan.mostPages), m_crew(chosen) {
+    : source_(scene), measured_(facts), settings_(chosen), data_(dataFile), coefficients_(coefficientFile),
+      plan_(planPass(facts, chosen)), windows_{.records = scene.count, .windowRecords = plan_.windowRecords},
+      recordFloats_(recordLayout(facts.hasCoefficients).floats),
+      quantiser_(quantiseSettings(facts.bounding, true)), isSingle_(facts.countedSplats <= singleCellSplats),
+      numbers_(occupiedCells(facts)), places_(facts.cells, plan_.pages.pageRecords),
+      pool_(plan_.pages.pageRecords, facts.hasCoefficients, plan_.mostPages), crew_(chosen) {
     std::uint32_t number = 0;
     for (const Cell& cell : facts.cells) {
         if (cell.splats > 0) {
-            m_numbers.insert(cell.key, number++);
+            numbers_.insert(cell.key, number++);
         }
     }
-    m_crew.onStop([this] {
-        m_turn.stop();
-        m_pool.stop();
+    crew_.onStop([this] {
+        turn_.stop();
+        pool_.stop();
     });
 }
 
@@ -218,14 +216,14 @@ void PlacePass::failChanged() const {
 // Count the window's records by cell, and number its cells.
 void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     std::uint32_t* const keys = worker.keys.data();
-    if (m_isSingle) {
+    if (isSingle_) {
         std::fill_n(keys, count, 0);
     } else {
-        cellKeys(worker.window.get(), m_recordFloats, count, m_measured.grid, keys);
+        cellKeys(worker.window.get(), recordFloats_, count, measured_.grid, keys);
     }
     worker.slots.clear();
     for (std::uint64_t i = 0; i < count; ++i) {
-        const std::uint32_t cell = m_numbers.find(keys[i]);
+        const std::uint32_t cell = numbers_.find(keys[i]);
         if (cell == KeyTable::none) {
             keys[i] = notListed;
             continue;
@@ -248,30 +246,30 @@ void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
 // when the crew was stopped.
 std::optional<std::size_t> PlacePass::takePlaces(std::uint64_t window, std::uint64_t count, Worker& worker) {
     worker.segments.clear();
-    if (!m_turn.wait(window, m_crew)) {
+    if (!turn_.wait(window, crew_)) {
         return std::nullopt;
     }
     std::size_t filled = 0;
     for (std::size_t i = 0; i < worker.slots.size(); ++i) {
         Slot& slot = worker.slots[i];
         slot.segment = worker.segments.size();
-        if (slot.count > m_places.left(slot.cell)) {
+        if (slot.count > places_.left(slot.cell)) {
             failChanged();
         }
         for (std::uint64_t left = slot.count;;) {
-            left -= m_places.take(slot.cell, left, m_pool, worker.segments);
+            left -= places_.take(slot.cell, left, pool_, worker.segments);
             if (left == 0) {
                 break;
             }
             fill(filled, i, count, worker);
             filled = i;
-            m_pool.wait();
-            if (m_crew.isStopped()) {
+            pool_.wait();
+            if (crew_.isStopped()) {
                 return std::nullopt;
             }
         }
     }
-    m_turn.pass(window);
+    turn_.pass(window);
     return filled;
 }
 
@@ -295,7 +293,7 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
     }
     const float* splat = worker.window.get();
     SplatsData record;
-    for (std::uint64_t i = 0; i < count; ++i, splat += m_recordFloats) {
+    for (std::uint64_t i = 0; i < count; ++i, splat += recordFloats_) {
         if (worker.keys[i] - first >= end - first) { // notListed is never in between
             continue;
         }
@@ -304,13 +302,15 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
             ++slot.segment;
             settle(slot, worker);
         }
-        m_quantiser.quantise(splat, record);
+        quantiser_.quantise(splat, record);
         std::memcpy(slot.data, &record, dataRecordSize);
         slot.data += dataRecordSize;
-        if (m_coefficients != nullptr) {
+        if (coefficients_ != nullptr) {
             std::memcpy(slot.coefficients, record.packed, packedCoefficientsSize);
             slot.coefficients += packedCoefficientsSize;
+            prefetch(slot.coefficients);
         }
+        prefetch(slot.data); // of the cell's next record
         --slot.left;
     }
     for (std::size_t i = firstSegment; i < endSegment; ++i) {
@@ -324,38 +324,37 @@ void PlacePass::complete(const Places::Segment& segment) {
     if (page.missing.fetch_sub(segment.count, std::memory_order_acq_rel) != segment.count) {
         return;
     }
-    m_data.write(page.first * dataRecordSize, page.data, page.records * dataRecordSize);
-    if (m_coefficients != nullptr) {
-        m_coefficients->write(page.first * packedCoefficientsSize, page.coefficients,
-                              page.records * packedCoefficientsSize);
+    data_.write(page.first * dataRecordSize, page.data, page.records * dataRecordSize);
+    if (coefficients_ != nullptr) {
+        coefficients_->write(page.first * packedCoefficientsSize, page.coefficients,
+                             page.records * packedCoefficientsSize);
     }
-    m_written.fetch_add(page.records, std::memory_order_relaxed);
-    m_pool.giveBack(&page);
+    written_.fetch_add(page.records, std::memory_order_relaxed);
+    pool_.giveBack(&page);
 }
 
 void PlacePass::doWindow(std::uint64_t window, Worker& worker) {
     const std::uint64_t count =
-        m_source.read(m_windows.first(window), m_windows.size(window), worker.window.get());
+        source_.read(windows_.first(window), windows_.size(window), worker.window.get());
     findSlots(count, worker);
-    BlockRanges unused;
-    decodeRecords(worker.window.get(), count, m_measured.hasCoefficients, unused);
+    decodeRecords(worker.window.get(), count, measured_.hasCoefficients);
     const std::optional<std::size_t> filled = takePlaces(window, count, worker);
     if (filled) {
         fill(*filled, worker.slots.size(), count, worker);
-        m_crew.advance(m_windows.size(window));
+        crew_.advance(windows_.size(window));
     }
 }
 
 void PlacePass::work() {
     Worker worker;
-    worker.window = makeLargeArray<float>(m_windows.windowRecords * m_recordFloats);
-    worker.keys.resize(m_windows.windowRecords);
-    worker.slotOf.assign(occupiedCells(m_measured), notListed);
-    worker.slots.reserve(m_windows.windowRecords);
-    worker.segments.reserve(m_windows.windowRecords);
+    worker.window = makeLargeArray<float>(windows_.windowRecords * recordFloats_);
+    worker.keys.resize(windows_.windowRecords);
+    worker.slotOf.assign(occupiedCells(measured_), notListed);
+    worker.slots.reserve(windows_.windowRecords);
+    worker.segments.reserve(windows_.windowRecords);
     for (;;) {
-        const std::uint64_t window = m_nextWindow.fetch_add(1, std::memory_order_relaxed);
-        if (window >= m_windows.count() || m_crew.isStopped()) {
+        const std::uint64_t window = nextWindow_.fetch_add(1, std::memory_order_relaxed);
+        if (window >= windows_.count() || crew_.isStopped()) {
             return;
         }
         doWindow(window, worker);
@@ -363,17 +362,17 @@ void PlacePass::work() {
 }
 
 void PlacePass::run() {
-    const std::uint64_t listed = m_measured.splats - m_measured.leftOut;
-    m_data.reserve(listed * dataRecordSize);
-    if (m_coefficients != nullptr) {
-        m_coefficients->reserve(listed * packedCoefficientsSize);
+    const std::uint64_t listed = measured_.splats - measured_.leftOut;
+    data_.reserve(listed * dataRecordSize);
+    if (coefficients_ != nullptr) {
+        coefficients_->reserve(listed * packedCoefficientsSize);
     }
-    m_crew.run(m_plan.workers, [this](unsigned) { work(); });
-    m_source.requireUnchanged();
-    if (m_written.load() != listed) {
+    crew_.run(plan_.workers, [this](unsigned) { work(); });
+    source_.requireUnchanged();
+    if (written_.load() != listed) {
         failChanged();
     }
-    m_crew.reportEnd();
+    crew_.reportEnd();
 }
 
 } // namespace

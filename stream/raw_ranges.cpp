@@ -8,14 +8,43 @@ using namespace GaussionSplat;
 
 namespace {
 
+// The bounds of all columns of some records.
 template <std::size_t Lanes>
-void foldColumns(const float* records, std::uint64_t count, ValueRange* columns) {
+inline void foldColumns(const float* records, std::uint64_t count, ValueRange* columns) {
     LaneRanges<Lanes> bounds;
     bounds.foldRecords(records, count, Lanes);
     for (std::size_t lane = 0; lane < Lanes; ++lane) {
-        columns[lane].min = minimum(columns[lane].min, bounds.min[lane]);
-        columns[lane].max = maximum(columns[lane].max, bounds.max[lane]);
+        columns[lane] = {.min = bounds.min[lane], .max = bounds.max[lane]};
     }
+}
+
+inline void foldAny(const float* records, std::uint64_t count, bool hasCoefficients, ValueRange* columns) {
+    if (hasCoefficients) {
+        foldColumns<layoutWithShcoef.floats>(records, count, columns);
+    } else {
+        foldColumns<layoutWithoutShcoef.floats>(records, count, columns);
+    }
+}
+
+#if PLYCONVERT_AVX2
+
+// The same code for wider vectors.
+__attribute__((target("avx2"), flatten)) void foldAvx2(const float* records, std::uint64_t count,
+                                                       bool hasCoefficients, ValueRange* columns) {
+    foldAny(records, count, hasCoefficients, columns);
+}
+
+#endif
+
+void foldWindow(const float* records, std::uint64_t count, bool hasCoefficients, ValueRange* columns,
+                [[maybe_unused]] Kernels kernels) {
+#if PLYCONVERT_AVX2
+    if (kernels == Kernels::avx2) {
+        foldAvx2(records, count, hasCoefficients, columns);
+        return;
+    }
+#endif
+    foldAny(records, count, hasCoefficients, columns);
 }
 
 // Where the columns of a copied attribute stand in a record.
@@ -43,32 +72,38 @@ ValueRange decodedRange(const ValueRange& raw, Decode decode) {
 
 } // namespace
 
-void RawRanges::fold(const float* records, std::uint64_t count, std::uint64_t first) {
-    if (m_hasCoefficients) {
-        foldColumns<layoutWithShcoef.floats>(records, count, m_columns.data());
-    } else {
-        foldColumns<layoutWithoutShcoef.floats>(records, count, m_columns.data());
-    }
+RawRanges::Positions RawRanges::fold(const float* records, std::uint64_t count, std::uint64_t first) {
+    std::array<ValueRange, layoutWithShcoef.floats> window;
+    foldWindow(records, count, hasCoefficients_, window.data(), kernels_);
+    joinColumns(window);
     findZeros(records, count, first);
+    return {window[positionAt], window[positionAt + 1], window[positionAt + 2]};
+}
+
+void RawRanges::joinColumns(const std::array<ValueRange, layoutWithShcoef.floats>& others) {
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+        columns_[i].min = minimum(columns_[i].min, others[i].min);
+        columns_[i].max = maximum(columns_[i].max, others[i].max);
+    }
 }
 
 ValueRange RawRanges::copiedRange(std::size_t attribute) const {
     const Columns columns = columnsOf(attribute);
     ValueRange range;
     for (std::size_t i = columns.at; i < columns.at + columns.width; ++i) {
-        range.min = minimum(range.min, m_columns[i].min);
-        range.max = maximum(range.max, m_columns[i].max);
+        range.min = minimum(range.min, columns_[i].min);
+        range.max = maximum(range.max, columns_[i].max);
     }
     return range;
 }
 
-// A zero matters where it is a bound of the whole scene. Then it is one of the records seen so far, too, from
-// the first zero among them on: before that, the bound that is to be zero lay on zero's far side. So the
-// first zero is in the window with which a bound became zero, and is looked for there alone.
+// A zero matters only where a bound of the whole scene is zero. Then no value lies beyond that bound, and it
+// is the bound of the records seen so far as soon as one of them is zero. So the first zero stands in the
+// window with which a bound became zero, and is looked for there alone.
 void RawRanges::findZeros(const float* records, std::uint64_t count, std::uint64_t first) {
-    const std::size_t stride = recordLayout(m_hasCoefficients).floats;
-    for (std::size_t attribute = 0; attribute < (m_hasCoefficients ? copiedCount : 6); ++attribute) {
-        FirstZero& zero = m_zeros[attribute];
+    const std::size_t stride = recordLayout(hasCoefficients_).floats;
+    for (std::size_t attribute = 0; attribute < (hasCoefficients_ ? copiedCount : 6); ++attribute) {
+        FirstZero& zero = zeros_[attribute];
         if (zero.record != UINT64_MAX) {
             continue;
         }
@@ -87,13 +122,10 @@ void RawRanges::findZeros(const float* records, std::uint64_t count, std::uint64
 }
 
 void RawRanges::join(const RawRanges& other) {
-    for (std::size_t i = 0; i < m_columns.size(); ++i) {
-        m_columns[i].min = minimum(m_columns[i].min, other.m_columns[i].min);
-        m_columns[i].max = maximum(m_columns[i].max, other.m_columns[i].max);
-    }
+    joinColumns(other.columns_);
     for (std::size_t attribute = 0; attribute < copiedCount; ++attribute) {
-        if (other.m_zeros[attribute].record < m_zeros[attribute].record) {
-            m_zeros[attribute] = other.m_zeros[attribute];
+        if (other.zeros_[attribute].record < zeros_[attribute].record) {
+            zeros_[attribute] = other.zeros_[attribute];
         }
     }
 }
@@ -116,27 +148,27 @@ void RawRanges::join(const RawRanges& other) {
 // cancels to a positive zero and the clamp gives one. So a bound that is zero has one sign. The packed
 // rotation has no range.
 AttributeBounding RawRanges::decoded() const {
-    const RecordLayout& layout = recordLayout(m_hasCoefficients);
+    const RecordLayout& layout = recordLayout(hasCoefficients_);
     BlockRanges ranges;
     const auto copied = [this](std::size_t attribute) {
         ValueRange range = copiedRange(attribute);
-        range.min = range.min == 0.0f ? m_zeros[attribute].value : range.min;
-        range.max = range.max == 0.0f ? m_zeros[attribute].value : range.max;
+        range.min = range.min == 0.0f ? zeros_[attribute].value : range.min;
+        range.max = range.max == 0.0f ? zeros_[attribute].value : range.max;
         return range;
     };
     for (std::size_t axis = 0; axis < 3; ++axis) {
         ranges.position[axis] = copied(axis);
         ranges.normal[axis] = copied(3 + axis);
-        if (m_hasCoefficients) {
+        if (hasCoefficients_) {
             ranges.shcoef[axis] = copied(6 + axis);
         }
-        ranges.colour[axis] = decodedRange(m_columns[colourAt + axis], decodeColour);
-        ranges.scale[axis] = decodedRange(m_columns[layout.scale + axis], decodeScale);
+        ranges.colour[axis] = decodedRange(columns_[colourAt + axis], decodeColour);
+        ranges.scale[axis] = decodedRange(columns_[layout.scale + axis], decodeScale);
     }
-    ranges.opacity = decodedRange(m_columns[layout.opacity], decodeOpacity);
+    ranges.opacity = decodedRange(columns_[layout.opacity], decodeOpacity);
     AttributeBounding bounding;
-    bounding.hasShcoef = m_hasCoefficients;
-    mergeRanges(bounding, ranges, m_hasCoefficients);
+    bounding.hasShcoef = hasCoefficients_;
+    mergeRanges(bounding, ranges, hasCoefficients_);
     return bounding;
 }
 

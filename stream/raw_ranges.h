@@ -2,6 +2,7 @@
 #pragma once
 
 #include "src/chunker_decode.h"
+#include "src/kernels.h"
 #include "src/records.h"
 
 #include <array>
@@ -14,16 +15,21 @@ namespace Tavrin::SplatStream {
 // on: NaN never counts.
 class RawRanges {
 public:
-    explicit RawRanges(bool hasCoefficients) : m_hasCoefficients(hasCoefficients) {}
+    explicit RawRanges(bool hasCoefficients, GaussionSplat::Kernels kernels = GaussionSplat::chosenKernels)
+        : hasCoefficients_(hasCoefficients), kernels_(kernels) {}
+
+    // The first columns of some records: x, y and z.
+    using Positions = std::array<GaussionSplat::ValueRange, 3>;
 
     // Widen by records, of which the first is the first-th of the scene. Later calls bring later records.
-    void fold(const float* records, std::uint64_t count, std::uint64_t first);
+    // Returns the ranges of their positions.
+    Positions fold(const float* records, std::uint64_t count, std::uint64_t first);
 
     // Widen by those of other records of the scene, earlier or later.
     void join(const RawRanges& other);
 
     // The bounds of column i over all records folded in.
-    const GaussionSplat::ValueRange& column(std::size_t i) const { return m_columns[i]; }
+    const GaussionSplat::ValueRange& column(std::size_t i) const { return columns_[i]; }
 
     // The ranges that the converter finds over the decoded records.
     GaussionSplat::AttributeBounding decoded() const;
@@ -38,10 +44,13 @@ private:
         float value = 0.0f;
     };
 
-    bool m_hasCoefficients;
-    std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithShcoef.floats> m_columns;
-    std::array<FirstZero, copiedCount> m_zeros;
+    bool hasCoefficients_;
+    GaussionSplat::Kernels kernels_;
+    std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithShcoef.floats> columns_;
+    std::array<FirstZero, copiedCount> zeros_;
 
+    void
+    joinColumns(const std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithShcoef.floats>& others);
     GaussionSplat::ValueRange copiedRange(std::size_t attribute) const;
     void findZeros(const float* records, std::uint64_t count, std::uint64_t first);
 };

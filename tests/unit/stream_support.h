@@ -3,6 +3,9 @@
 
 #include "plyconvert.h"
 #include "source/canonical_ply.h"
+#include "src/chunker.h"
+#include "src/indexer.h"
+#include "src/runlog.h"
 #include "src/splatheader.h"
 #include "stream/conversion.h"
 #include "tests/support/files.h"
@@ -19,13 +22,14 @@ namespace Tavrin::SplatStream {
 
 // What the library's own header reader finds, as a source.
 inline std::unique_ptr<SplatSource::CanonicalPly> openScene(const std::filesystem::path& path) {
-    const auto params = std::make_shared<GaussionSplat::Params>();
-    const GaussionSplat::SplatHeader header(support::pathBytes(path), params, 1);
+    GaussionSplat::Params params;
+    const GaussionSplat::SplatHeader header =
+        GaussionSplat::readSplatHeader(support::pathBytes(path), params);
     return std::make_unique<SplatSource::CanonicalPly>(
         path, SplatSource::CanonicalPlyFacts{.bodyAt = static_cast<std::uint64_t>(header.headerEnd),
                                              .count = static_cast<std::uint64_t>(header.vertexCount),
                                              .hasCoefficients = header.hasShcoef,
-                                             .params = *params,
+                                             .params = params,
                                              .boundsSeen = header.boundsFromHeader});
 }
 
@@ -62,6 +66,33 @@ inline void expectSameDatasets(const std::filesystem::path& streamed, const std:
             EXPECT_EQ(ours, theirs) << name;
         }
     }
+}
+
+// The library's stages with the grid of a scene of another count: scenes are cut into cells only above
+// 1,000,000 splats.
+inline void convertByLibraryAs(const support::Scratch& scratch, const std::filesystem::path& input,
+                               std::uint64_t countAs) {
+    using namespace GaussionSplat;
+    const std::string output = support::pathBytes(scratch / "library");
+    std::filesystem::remove_all(scratch / "library");
+    std::filesystem::create_directories(scratch / "library");
+    const auto params = std::make_shared<Params>();
+    SplatHeader header(support::pathBytes(input), params, 1);
+    chooseGrid(static_cast<std::int64_t>(countAs), header.bboxMin, header.bboxMax);
+    header.recordSize = header.hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef;
+    const auto bounding = std::make_shared<AttributeBounding>();
+    bounding->hasShcoef = header.hasShcoef;
+    const auto chunks = std::make_shared<ChunkList>();
+    openRunLog(output + "/log.txt");
+    logInfo(LogLines::inputPath, support::pathBytes(input));
+    logInfo(LogLines::outputPath, output);
+    Chunker chunker;
+    chunker.headers = {header};
+    chunker.threadCount = 2;
+    chunker.doChunking(bounding, chunks, output);
+    Indexer indexer({header}, output);
+    indexer.run(bounding, chunks, countAs, '[' + std::to_string(countAs) + ']', countAs, params);
+    closeRunLog();
 }
 
 inline Measured stream(const SplatSource::Source& source, const std::string& inputName,
