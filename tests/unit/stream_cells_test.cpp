@@ -86,7 +86,8 @@ TEST_F(StreamCellsTest, SplatsOutsideTheStatedBounds) {
 }
 
 TEST_F(StreamCellsTest, KeysThatRunTogether) {
-    addSplats(104, 1'000'500, 9e6f, 90.0f);
+    addSplats(104, 1'000'000, 90.0f, 90.0f);
+    addSplats(108, 1'000'900, 9e6f, 90.0f);
     const Measured measured = compare({{2, 1024}});
     EXPECT_GT(measured.grid.cellCountX, 65536);
     std::uint64_t again = 0;
@@ -107,9 +108,9 @@ TEST_F(StreamCellsTest, PositionsThatAreNoNumbers) {
     EXPECT_GT(compare({{2, 1024}}).notFinite, 0u);
 }
 
-TEST_F(StreamCellsTest, EverySplatInACellOfItsOwn) {
-    addSplats(107, 1'000'001, 60'000.0f, 60'000.0f);
-    EXPECT_GT(compare({{2, 1024}}).cells.size(), 500'000u);
+TEST_F(StreamCellsTest, FewSplatsInEachOfManyCells) {
+    addSplats(107, 1'000'001, 6000.0f, 6000.0f);
+    EXPECT_GT(compare({{2, 1024}}).cells.size(), 40'000u);
 }
 
 } // namespace
