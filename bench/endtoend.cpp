@@ -1,5 +1,5 @@
-// endtoend: whole conversions of generated scenes, beside the floor of the same run. Prints Markdown tables,
-// or JSON with every single run.
+// endtoend: whole conversions of generated scenes by the library and by the stream, beside the floor of the
+// same run. Prints Markdown tables, or JSON with every single run.
 #include "bench/measure.h"
 #include "plyconvert.h"
 
@@ -31,6 +31,7 @@ struct Options {
     int runs = 5;
     fs::path folder;
     bool scaling = false;
+    std::uint64_t cells = 0; // splats of the scenes of ever more cells; none are measured without
     bool claimsMemory = true;
     bool json = false;
 };
@@ -41,6 +42,7 @@ struct Case {
     std::uint64_t inputBytes = 0;
     std::uint64_t outputBytes = 0;
     std::vector<Run> conversions;
+    std::vector<Run> streams;
     std::vector<Run> floors;
 
     std::uint64_t recordBytes() const { return coefficients ? 248 : 68; }
@@ -50,6 +52,10 @@ struct Case {
         const double block = static_cast<double>(std::min<std::uint64_t>(splats, 2'000'000) * recordBytes());
         return 288.0 * static_cast<double>(splats) + block + 64e6;
     }
+    // What the stream may use: it keeps x and y of a splat where the header states no bounds.
+    double allowedStreamPeak() const {
+        return (coefficients ? 12.0 : 4.0) * static_cast<double>(splats) + 64e6;
+    }
 };
 
 // Seconds of chunking and scan on one and on two processors, and bytes that a further worker adds.
@@ -57,7 +63,16 @@ struct Scaling {
     std::uint64_t splats = 0;
     double one = 0.0;
     double two = 0.0;
+    double streamOne = 0.0; // the whole stream
+    double streamTwo = 0.0;
     std::vector<std::pair<int, double>> peakByWorkers;
+};
+
+// One scene in few and in many cells, its splats in no order.
+struct Cells {
+    std::uint64_t splats = 0;
+    std::uint64_t cells = 0;
+    std::vector<Run> streams;
 };
 
 double medianOf(const std::vector<Run>& runs, const std::function<double(const Run&)>& value) {
@@ -104,9 +119,10 @@ public:
 
     // With coefficients the header states no bounds, so that the converter scans for them; without it states
     // them, since the scan is made for the wider record.
-    void makeScene(std::uint64_t splats, bool coefficients) const {
+    void makeScene(std::uint64_t splats, bool coefficients, const std::vector<std::string>& more = {}) const {
         std::vector<std::string> command{sibling("makescene"), "--splats", std::to_string(splats),
                                          scene().string()};
+        command.insert(command.end(), more.begin(), more.end());
         if (!coefficients) {
             command.insert(command.end(), {"--no-coefficients", "--bounds"});
         }
@@ -117,6 +133,12 @@ public:
         fs::remove_all(dataset());
         return measure::run({sibling("convertonce"), scene().string(), dataset().string()},
                             dataset() / "log.txt", processors);
+    }
+    Run stream(int processors) const {
+        fs::remove_all(dataset());
+        return measure::run(
+            {sibling("streamonce"), scene().string(), dataset().string(), std::to_string(processors)}, {},
+            processors);
     }
     Run floor(std::uint64_t outputBytes) const {
         fs::remove(copy());
@@ -135,6 +157,10 @@ void claimMemory(const Options& options, const Case& item) {
     }
 }
 
+int processorCount() {
+    return static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
+}
+
 Case measureCase(const Workplace& place, const Options& options, std::uint64_t splats, bool coefficients) {
     Case result;
     result.splats = splats;
@@ -150,6 +176,9 @@ Case measureCase(const Workplace& place, const Options& options, std::uint64_t s
         claimMemory(options, result);
         result.conversions.push_back(place.convert());
         fs::remove_all(place.dataset());
+        claimMemory(options, result);
+        result.streams.push_back(place.stream(processorCount()));
+        fs::remove_all(place.dataset());
     }
     return result;
 }
@@ -163,17 +192,47 @@ Scaling measureScaling(const Workplace& place, const Options& options, const Cas
         return place.convert(processors);
     };
     const auto parallelPart = [](const Run& run) { return run.stages[0] + run.stages[1]; };
+    const auto stream = [&](int processors) {
+        claimMemory(options, item);
+        return place.stream(processors);
+    };
     std::vector<Run> one;
     std::vector<Run> two;
+    std::vector<Run> streamOne;
+    std::vector<Run> streamTwo;
     for (int k = 0; k < options.runs; ++k) {
         one.push_back(convert(1));
         two.push_back(convert(2));
+        streamOne.push_back(stream(1));
+        streamTwo.push_back(stream(2));
     }
+    result.streamOne = medianOf(streamOne, wallOf);
+    result.streamTwo = medianOf(streamTwo, wallOf);
     result.one = medianOf(one, parallelPart);
     result.two = medianOf(two, parallelPart);
     for (const int workers : {1, 2, 3, 5}) {
         const Run run = measure::run({sibling("chunkonce"), place.scene().string(), std::to_string(workers)});
         result.peakByWorkers.emplace_back(workers, run.peak);
+    }
+    return result;
+}
+
+// The town in 63 cells, and stretched over many.
+std::vector<Cells> measureCells(const Workplace& place, const Options& options) {
+    const std::vector<std::vector<std::string>> extents{{"250", "200"}, {"3790", "1870"}, {"14980", "11980"}};
+    constexpr std::uint64_t entryBytes = 20;
+    std::vector<Cells> result;
+    for (const std::vector<std::string>& extent : extents) {
+        Cells item;
+        item.splats = options.cells;
+        place.makeScene(item.splats, true, {"--extent", extent[0], extent[1]});
+        place.stream(processorCount()); // untimed: fills the caches
+        item.cells = fs::file_size(place.dataset() / "index.bin") / entryBytes;
+        for (int k = 0; k < options.runs; ++k) {
+            item.streams.push_back(place.stream(processorCount()));
+        }
+        fs::remove_all(place.dataset());
+        result.push_back(item);
     }
     return result;
 }
@@ -209,25 +268,36 @@ std::string spread(const std::vector<Run>& runs) {
     return fmt::format("{:.3f}-{:.3f}", low->wall, high->wall);
 }
 
+std::vector<std::string> wholeRow(const Case& item, const char* by, const std::vector<Run>& runs,
+                                  double allowedPeak) {
+    const double wall = medianOf(runs, wallOf);
+    const double floor = medianOf(item.floors, wallOf);
+    const double cpu = medianOf(runs, [](const Run& run) { return run.cpu; });
+    const double peak = medianOf(runs, [](const Run& run) { return run.peak; });
+    return {item.name(),
+            by,
+            fmt::format("{:.3f}", wall),
+            spread(runs),
+            fmt::format("{:.3f}", floor),
+            fmt::format("{:.2f}", wall / floor),
+            fmt::format("{:.3f}", cpu),
+            fmt::format("{:.0f}", peak / 1e6),
+            fmt::format("{:.0f}", allowedPeak / 1e6),
+            fmt::format("{:.2f}", static_cast<double>(item.splats) / wall / 1e6),
+            fmt::format("{:.0f}", static_cast<double>(item.inputBytes) / wall / 1e6)};
+}
+
 void printCases(const std::vector<Case>& cases) {
-    std::vector<std::vector<std::string>> whole{{"splats, coefficients", "wall s", "spread s", "floor s",
-                                                 "x floor", "CPU s", "peak MB", "allowed MB", "M splats/s",
-                                                 "MB/s in"}};
-    std::vector<std::vector<std::string>> stages{{"splats, coefficients"}};
+    std::vector<std::vector<std::string>> whole{{"splats, coefficients", "by", "wall s", "spread s",
+                                                 "floor s", "x floor", "CPU s", "peak MB", "allowed MB",
+                                                 "M splats/s", "MB/s in"}};
+    std::vector<std::vector<std::string>> stages{{"library: splats, coefficients"}};
     for (const char* name : measure::stageNames) {
         stages.front().push_back(fmt::format("{} s", name));
     }
     for (const Case& item : cases) {
-        const double wall = medianOf(item.conversions, wallOf);
-        const double floor = medianOf(item.floors, wallOf);
-        const double cpu = medianOf(item.conversions, [](const Run& run) { return run.cpu; });
-        const double peak = medianOf(item.conversions, [](const Run& run) { return run.peak; });
-        whole.push_back({item.name(), fmt::format("{:.3f}", wall), spread(item.conversions),
-                         fmt::format("{:.3f}", floor), fmt::format("{:.2f}", wall / floor),
-                         fmt::format("{:.3f}", cpu), fmt::format("{:.0f}", peak / 1e6),
-                         fmt::format("{:.0f}", item.allowedPeak() / 1e6),
-                         fmt::format("{:.2f}", static_cast<double>(item.splats) / wall / 1e6),
-                         fmt::format("{:.0f}", static_cast<double>(item.inputBytes) / wall / 1e6)});
+        whole.push_back(wholeRow(item, "library", item.conversions, item.allowedPeak()));
+        whole.push_back(wholeRow(item, "stream", item.streams, item.allowedStreamPeak()));
         stages.push_back({item.name()});
         for (std::size_t stage = 0; stage < measure::stageCount; ++stage) {
             const double time =
@@ -246,10 +316,26 @@ void printScaling(const Scaling& scaling) {
     rows.push_back({"2 processors", fmt::format("{:.3f}", scaling.two)});
     rows.push_back({"faster by", fmt::format("{:.2f} x", scaling.one / scaling.two)});
     printTable(rows);
+    rows = {{fmt::format("{}: whole stream", scaling.splats), "s"}};
+    rows.push_back({"1 processor", fmt::format("{:.3f}", scaling.streamOne)});
+    rows.push_back({"2 processors", fmt::format("{:.3f}", scaling.streamTwo)});
+    rows.push_back({"faster by", fmt::format("{:.2f} x", scaling.streamOne / scaling.streamTwo)});
+    printTable(rows);
     rows = {{fmt::format("{}: chunker alone", scaling.splats), "peak MB"}};
     for (const auto& [workers, peak] : scaling.peakByWorkers) {
         rows.push_back({fmt::format("{} worker{}", workers, workers == 1 ? "" : "s"),
                         fmt::format("{:.1f}", peak / 1e6)});
+    }
+    printTable(rows);
+}
+
+void printCells(const std::vector<Cells>& cells) {
+    std::vector<std::vector<std::string>> rows{{"stream: splats, cells", "wall s", "spread s", "peak MB"}};
+    for (const Cells& item : cells) {
+        const double peak = medianOf(item.streams, [](const Run& run) { return run.peak; });
+        rows.push_back({fmt::format("{} in {}", item.splats, item.cells),
+                        fmt::format("{:.3f}", medianOf(item.streams, wallOf)), spread(item.streams),
+                        fmt::format("{:.0f}", peak / 1e6)});
     }
     printTable(rows);
 }
@@ -291,7 +377,8 @@ nlohmann::json asJson(const std::vector<Run>& runs) {
     return list;
 }
 
-void printJson(const std::vector<Case>& cases, const std::vector<Scaling>& scaling) {
+void printJson(const std::vector<Case>& cases, const std::vector<Scaling>& scaling,
+               const std::vector<Cells>& cells) {
     nlohmann::json document{{"machine", machine()}, {"cases", nlohmann::json::array()}};
     for (const Case& item : cases) {
         document["cases"].push_back({{"splats", item.splats},
@@ -299,15 +386,24 @@ void printJson(const std::vector<Case>& cases, const std::vector<Scaling>& scali
                                      {"inputBytes", item.inputBytes},
                                      {"outputBytes", item.outputBytes},
                                      {"allowedPeak", item.allowedPeak()},
+                                     {"allowedStreamPeak", item.allowedStreamPeak()},
                                      {"conversions", asJson(item.conversions)},
+                                     {"streams", asJson(item.streams)},
                                      {"floors", asJson(item.floors)}});
     }
     for (const Scaling& item : scaling) {
-        document["scaling"] = {
-            {"splats", item.splats}, {"oneProcessor", item.one}, {"twoProcessors", item.two}};
+        document["scaling"] = {{"splats", item.splats},
+                               {"oneProcessor", item.one},
+                               {"twoProcessors", item.two},
+                               {"streamOnOneProcessor", item.streamOne},
+                               {"streamOnTwoProcessors", item.streamTwo}};
         for (const auto& [workers, peak] : item.peakByWorkers) {
             document["scaling"]["peakByWorkers"][std::to_string(workers)] = peak;
         }
+    }
+    for (const Cells& item : cells) {
+        document["cells"].push_back(
+            {{"splats", item.splats}, {"cells", item.cells}, {"streams", asJson(item.streams)}});
     }
     std::cout << document.dump(2) << "\n";
 }
@@ -326,6 +422,8 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag(
         "--scaling", options.scaling,
         "also one processor against two, and workers' memory, with the largest scene with coefficients");
+    app.add_option("--cells", options.cells,
+                   "also scenes of so many splats in 63 cells, in thousands and in hundreds of thousands");
     app.add_flag("!--no-claim", options.claimsMemory,
                  "do not have another process fill and free as much memory just before each run");
     app.add_flag("--json", options.json, "JSON with every run instead of tables");
@@ -347,8 +445,9 @@ void measureAll(const Options& options) {
             }
         }
     }
+    const std::vector<Cells> cells = options.cells > 0 ? measureCells(place, options) : std::vector<Cells>{};
     if (options.json) {
-        printJson(cases, scaling);
+        printJson(cases, scaling, cells);
         return;
     }
     const nlohmann::json facts = machine();
@@ -360,6 +459,9 @@ void measureAll(const Options& options) {
     printCases(cases);
     for (const Scaling& item : scaling) {
         printScaling(item);
+    }
+    if (!cells.empty()) {
+        printCells(cells);
     }
 }
 

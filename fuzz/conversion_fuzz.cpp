@@ -5,6 +5,7 @@
 // An input is a few choices and then either the file as it stands or what to make one of: comments, a count
 // that may lie, records, and a cut anywhere.
 
+#include "fuzz/library.h"
 #include "fuzz/process_end.h"
 #include "fuzz/scene.h"
 #include "fuzz/target.h"
@@ -12,8 +13,6 @@
 #include "reader/dataset.h"
 #include "reader/verify.h"
 #include "src/blocks.h"
-#include "src/indexer.h"
-#include "src/runlog.h"
 #include "tests/reference/converter.h"
 #include "tests/support/dataset_writer.h"
 
@@ -25,48 +24,15 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace Tavrin::GaussionSplat;
+using fuzz::Job;
 
 constexpr long long mostRecords = 400;
-
-// A scene is cut into cells only above 1,000,000 splats. Here a small one is regrouped as if it had so many.
-// 0: as it is.
-constexpr std::int64_t statedCounts[] = {0, 1'000'001, 8'000'001, 100'000'001};
-
-struct Job {
-    fs::path input = fuzz::scratch() / "scene.ply";
-    fs::path output = fuzz::scratch() / "out";
-    std::int64_t countAs = 0;
-};
-
-// The steps of plyConvert, but for the count from which the grid and the cells follow.
-std::int32_t convertAs(const Job& job) {
-    if (!checkSplatHeader(job.input)) {
-        return PLYCONVERT_NOT_A_SPLAT_FILE;
-    }
-    const auto params = std::make_shared<Params>();
-    SplatHeader header(job.input, params, 1);
-    chooseGrid(job.countAs, header.bboxMin, header.bboxMax);
-    const auto bounding = std::make_shared<AttributeBounding>();
-    bounding->hasShcoef = header.hasShcoef;
-    header.recordSize = header.hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef;
-    const auto chunks = std::make_shared<ChunkList>();
-    fs::remove_all(job.output);
-    fs::create_directories(job.output);
-    openRunLog(job.output / "log.txt");
-    Chunker chunker{.bounding = {}, .name = {}, .headers = {header}, .flag = 1, .threadCount = 2};
-    chunker.doChunking(bounding, chunks, job.output);
-    const auto count = static_cast<std::uint64_t>(job.countAs);
-    Indexer indexer({header}, job.output);
-    indexer.run(bounding, chunks, count, '[' + std::to_string(count) + ']', count, params);
-    closeRunLog();
-    return PLYCONVERT_DONE;
-}
 
 std::string endingOf(const Job& job) {
     chunkGrid = {}; // as in a fresh process
     try {
         const std::int32_t result =
-            job.countAs > 0 ? convertAs(job) : plyConvert(job.input.c_str(), job.output.c_str());
+            job.countAs > 0 ? fuzz::convertAs(job) : plyConvert(job.input.c_str(), job.output.c_str());
         return "result " + std::to_string(result);
     } catch (const std::invalid_argument& error) {
         return std::string("invalid_argument ") + error.what();
@@ -88,26 +54,6 @@ const std::set<std::string> documentedEndings = {
     "out_of_range stoi argument out of range",
     "out_of_range stoll argument out of range",
 };
-
-// Every file of the folder after its name, the guid's digits left out.
-std::string filesOf(const fs::path& folder) {
-    if (!fs::exists(folder)) {
-        return "no folder";
-    }
-    std::string all;
-    for (const char* const name :
-         {"data.bin", "shcoef.bin", "index.bin", "converted_from_ply.ytr", "log.txt"}) {
-        if (fs::exists(folder / name)) {
-            std::string bytes = fuzz::readFile(folder / name);
-            const std::size_t guid = bytes.find("\t\"guid\": \"");
-            if (guid != bytes.npos && bytes.front() == '{') {
-                bytes.replace(guid + 10, 32, 32, '?');
-            }
-            all += std::string(name) + '\n' + bytes;
-        }
-    }
-    return all;
-}
 
 // The library is done: what it wrote is what the reference makes.
 void compareWithReference(const Job& job, const std::string& file) {
@@ -155,7 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return -1;
     }
     Job job;
-    job.countAs = statedCounts[scene.countChoice % std::size(statedCounts)];
+    job.countAs = fuzz::statedCounts[scene.countChoice % std::size(fuzz::statedCounts)];
     if (job.countAs > 0 && !gridIsSmall(scene.file, job.countAs)) {
         job.countAs = 0;
     }
@@ -165,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     blockSplats = scene.blockSplats;
     const std::string ending = endingOf(job);
     fuzz::require(documentedEndings.contains(ending), "the ending is documented: " + ending);
-    const std::string files = filesOf(job.output);
+    const std::string files = fuzz::filesOf(job.output);
     fuzz::require(files != "no folder" || (ending != "result 0" && ending != "exit status -1"),
                   "an end behind the header leaves a folder");
     fuzz::require(files == "no folder" || ending == "result 0" || ending == "exit status -1",
@@ -173,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     blockSplats = scene.otherBlockSplats;
     fuzz::requireEqual(endingOf(job), ending, "the ending of a second run");
-    fuzz::requireEqual(filesOf(job.output), files, "the dataset of a second run");
+    fuzz::requireEqual(fuzz::filesOf(job.output), files, "the dataset of a second run");
     if (ending == "result 0") {
         compareWithReference(job, scene.file);
         readBack(job);
