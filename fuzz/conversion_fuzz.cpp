@@ -13,6 +13,7 @@
 #include "reader/dataset.h"
 #include "reader/verify.h"
 #include "src/blocks.h"
+#include "src/splatheader.h"
 #include "tests/reference/converter.h"
 #include "tests/support/dataset_writer.h"
 

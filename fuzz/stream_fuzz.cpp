@@ -10,6 +10,7 @@
 #include "include/plyconvert.h"
 #include "source/canonical_ply.h"
 #include "src/blocks.h"
+#include "src/splatheader.h"
 #include "stream/conversion.h"
 #include "tests/support/dataset_writer.h"
 
