@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
 #include <limits>
@@ -237,6 +238,24 @@ TEST_F(RunLogTest, ErrorsOfManyThreadsStayWholeOnStandardOutputToo) {
     support::writeFile(echo, support::standardOutputOf([] { logFromManyThreads(logError); }));
     expectLinesOfAllWriters(linesOf(echo.string()), "ERROR");
     expectLinesOfAllWriters(lines(), "ERROR");
+}
+
+// Then std::cout has a buffer of its own, which belongs to no thread.
+TEST_F(RunLogTest, ErrorsStayWholeWhereTheHostHasUntiedStandardOutput) {
+    std::ios::sync_with_stdio(false);
+    openRunLog(path);
+    const std::filesystem::path echo = scratch / "echo.txt";
+    support::writeFile(echo, support::standardOutputOf([] {
+                           for (int round = 0; round < 3; ++round) {
+                               logFromManyThreads(logError);
+                           }
+                       }));
+    EXPECT_EQ(linesOf(echo.string()).size(), 6000u);
+    Lines fromLog = lines();
+    Lines echoed = linesOf(echo.string());
+    std::sort(fromLog.begin(), fromLog.end());
+    std::sort(echoed.begin(), echoed.end());
+    EXPECT_TRUE(echoed == fromLog);
 }
 
 } // namespace
