@@ -16,6 +16,7 @@
 #include <cerrno>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #endif
 
@@ -156,6 +157,20 @@ std::string lastPathComponent(const std::string& path) {
 
 #else
 
+namespace {
+
+StandardStreams::Opened identify(int descriptor) {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0) {
+        return {};
+    }
+    return {.isOpen = true,
+            .device = static_cast<std::uint64_t>(status.st_dev),
+            .file = static_cast<std::uint64_t>(status.st_ino)};
+}
+
+} // namespace
+
 StandardStreams::StandardStreams() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) != -1 || errno != EBADF) {
@@ -163,8 +178,9 @@ StandardStreams::StandardStreams() {
         }
         const int nowhere =
             open("/dev/null", O_RDWR | O_CLOEXEC); // gets the lowest free descriptor: this one
-        isOpenedHere[descriptor] = nowhere == descriptor;
-        if (nowhere > descriptor) {
+        if (nowhere == descriptor) {
+            opened[descriptor] = identify(descriptor);
+        } else if (nowhere > descriptor) {
             (void)close(nowhere);
         }
     }
@@ -172,7 +188,9 @@ StandardStreams::StandardStreams() {
 
 StandardStreams::~StandardStreams() {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-        if (isOpenedHere[descriptor]) {
+        const Opened& mine = opened[descriptor];
+        const Opened now = identify(descriptor);
+        if (mine.isOpen && now.isOpen && now.device == mine.device && now.file == mine.file) {
             (void)close(descriptor);
         }
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cfenv>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -39,8 +40,17 @@ struct DefaultFloatEnvironment {
 
 // Standard streams that the host has closed lead nowhere for as long as the object lives: otherwise the
 // system gives their descriptors to the next files that are opened, and what is printed ends up in those.
+//
+// What still leads nowhere at the end is closed again. A descriptor that a thread of the host has given to a
+// file of its own meanwhile stays open.
 struct StandardStreams {
-    bool isOpenedHere[3] = {}; // by descriptor
+    // What fstat says of a descriptor that was opened here.
+    struct Opened {
+        bool isOpen = false;
+        std::uint64_t device = 0;
+        std::uint64_t file = 0;
+    };
+    Opened opened[3]; // by descriptor
 
     StandardStreams();
     ~StandardStreams();

@@ -10,6 +10,11 @@
 #include <string>
 #include <thread>
 
+#if defined(__linux__)
+#include <fcntl.h>
+#include <unistd.h>
+#endif
+
 namespace Tavrin::GaussionSplat {
 
 namespace {
@@ -84,6 +89,32 @@ TEST(EndProcessDeathTest, FromAWorkerItFlushesAndEndsAtOnce) {
         },
         123, "^pending$");
 }
+
+#if defined(__linux__)
+TEST(StandardStreams, OnlyWhatIsStillTheirsIsClosed) {
+    const support::Scratch scratch;
+    const int before = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    {
+        const StandardStreams streams;
+        ASSERT_NE(fcntl(STDIN_FILENO, F_GETFD), -1);
+    }
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "what was opened is closed again";
+    const int own = open((scratch / "own").c_str(), O_RDWR | O_CREAT, 0600);
+    const int kept = own == STDIN_FILENO ? dup(own) : own;
+    close(STDIN_FILENO);
+    {
+        const StandardStreams streams;
+        ASSERT_EQ(dup2(kept, STDIN_FILENO), STDIN_FILENO); // a thread of the host
+    }
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1) << "the host's file was closed";
+    close(kept);
+    if (before >= 0) {
+        dup2(before, STDIN_FILENO);
+        close(before);
+    }
+}
+#endif
 
 } // namespace
 
