@@ -51,6 +51,10 @@ void scanBlock(const SplatHeader::Task& task, ScanPass& pass) {
     if (static_cast<std::int64_t>(task.length) <= 0) {
         endProcessFromWorker(-1);
     }
+    if (static_cast<std::int64_t>(task.offset) < 0) {
+        return; // a block has one place in the file; without it, it is zeros, and the box holds the origin
+                // already
+    }
     RecordReader reader(task.path);
     if (!reader.isOpen()) {
         return;

@@ -25,8 +25,8 @@ struct ScanPass {
 };
 
 // Widen the pass's box by the positions of the task's records, then help with blocks that other workers have
-// begun. A file that cannot be opened contributes nothing. A length that is not positive, read as a signed
-// number, ends the process with status -1.
+// begun. A file that cannot be opened contributes nothing, nor does a block before the start of the file,
+// even in part. A length that is not positive, read as a signed number, ends the process with status -1.
 void scanBlock(const SplatHeader::Task& task, ScanPass& pass);
 
 } // namespace Tavrin::GaussionSplat

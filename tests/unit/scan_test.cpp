@@ -165,6 +165,14 @@ TEST_F(ScanTest, AFileThatCannotBeOpenedContributesNothing) {
     EXPECT_EQ(support::standardOutputOf([&] { expectBox(scan(5), {0, 0, 0}, {0, 0, 0}); }), "");
 }
 
+// A block is looked for once: where it starts before the file, none of it is read, however much of it stands
+// in the file.
+TEST_F(ScanTest, ABlockBeforeTheStartOfTheFileContributesNothing) {
+    write(std::vector<Position>(3000, Position{2, 3, 4}));
+    const auto [min, max] = SplatHeader::computeBBox(path, 3000, -10);
+    expectBox({min, max}, {0, 0, 0}, {0, 0, 0});
+}
+
 TEST_F(ScanTest, BlocksTogetherGiveTheBoxOfAll) {
     Random random(30);
     for (const std::uint64_t block : {1u, 2u, 3u, 7u, 1000u}) {
