@@ -31,8 +31,8 @@ extern "C" {
  *
  * inputPath     the PLY file: binary little-endian, one vertex element whose record is exactly 62 four-byte
  *               floats (x y z, nx ny nz, f_dc_0..2, f_rest_0..44, opacity, scale_0..2, rot_0..3), or 17
- * without the f_rest properties. Zero-terminated, not null. outputFolder  the folder to write, without a
- * separator at its end. Zero-terminated, not null.
+ *               without the f_rest properties. Zero-terminated, not null.
+ * outputFolder  the folder to write, without a separator at its end. Zero-terminated, not null.
  *
  * Both paths are UTF-8 on Linux. On Windows they are in the code page of the narrow file functions: UTF-8
  * when the runtime's locale code page is 65001, else the ANSI code page, or the OEM code page after
@@ -48,12 +48,19 @@ extern "C" {
  * records as its header says (missing ones are read as zeros), whether splats lie inside the bounds stated in
  * the header (those outside the grid are left out), and whether writing the output succeeded.
  *
+ * Positions that are not finite: a scene of up to 1,000,000 splats keeps them. In a larger one, a coordinate that is NaN or
+ * infinite counts as the grid's first column or row. NaN moves no bound of the scene. An infinity does when the bounds are
+ * scanned for: the grid then has no cells along that axis, and no splat is written.
+ *
+ * The vertex count is taken at its word. A negative one is a scene without splats. One near 2^63 queues its blocks for as
+ * long as that takes, whatever the file holds.
+ *
  * What it throws (C++ exceptions; a host in C must not let it come to that):
  *   std::filesystem::filesystem_error  "exists", "file_size", "remove_all" or "create_directories" failed
  *   std::invalid_argument, std::out_of_range   a number in the header is none, or does not fit
- *   std::bad_alloc     out of memory
+ *   std::bad_alloc     out of memory, a line of the header that does not fit among the causes
  *   std::system_error  a thread could not be started
- * The first two kinds, when they come from the header, leave an existing output folder untouched.
+ * What comes from the header, of whichever kind, leave an existing output folder untouched.
  *
  * What ends the whole process:
  *   exit status -1   the input vanished after the check; an output file cannot be opened; the scene is empty
