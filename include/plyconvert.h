@@ -48,12 +48,13 @@ extern "C" {
  * records as its header says (missing ones are read as zeros), whether splats lie inside the bounds stated in
  * the header (those outside the grid are left out), and whether writing the output succeeded.
  *
- * Positions that are not finite: a scene of up to 1,000,000 splats keeps them. In a larger one, a coordinate that is NaN or
- * infinite counts as the grid's first column or row. NaN moves no bound of the scene. An infinity does when the bounds are
- * scanned for: the grid then has no cells along that axis, and no splat is written.
+ * Positions that are not finite: a scene of up to 1,000,000 splats keeps them. In a larger one, a coordinate
+ * that is NaN or infinite counts as the grid's first column or row. NaN moves no bound of the scene. An
+ * infinity does when the bounds are scanned for: the grid then has no cells along that axis, and no splat is
+ * written.
  *
- * The vertex count is taken at its word. A negative one is a scene without splats. One near 2^63 queues its blocks for as
- * long as that takes, whatever the file holds.
+ * The vertex count is taken at its word. A negative one is a scene without splats. One near 2^63 queues its
+ * blocks for as long as that takes, whatever the file holds.
  *
  * What it throws (C++ exceptions; a host in C must not let it come to that):
  *   std::filesystem::filesystem_error  "exists", "file_size", "remove_all" or "create_directories" failed
