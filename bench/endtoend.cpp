@@ -77,6 +77,7 @@ struct Cells {
 
 double medianOf(const std::vector<Run>& runs, const std::function<double(const Run&)>& value) {
     std::vector<double> values;
+    values.reserve(runs.size());
     for (const Run& run : runs) {
         values.push_back(value(run));
     }

@@ -109,6 +109,7 @@ private:
 
 pid_t start(const std::vector<std::string>& command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) {
         arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawn does not change them
     }

@@ -193,7 +193,8 @@ public:
         constexpr std::array<float, 3> sky = {0.62f, 0.74f, 0.88f};
         for (std::size_t i = 0; i < sum_.size(); ++i) {
             const float value = sum_[i] + light_[i / 3] * sky[i % 3];
-            picture_.bytes[i] = static_cast<unsigned char>(std::clamp(value, 0.0f, 1.0f) * 255.0f + 0.5f);
+            picture_.bytes[i] =
+                static_cast<unsigned char>(std::lround(std::clamp(value, 0.0f, 1.0f) * 255.0f));
         }
     }
 

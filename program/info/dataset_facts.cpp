@@ -54,13 +54,7 @@ public:
         }
     }
 
-    std::vector<Distribution> finish() {
-        std::vector<Distribution> distributions;
-        for (Series& series : series_) {
-            distributions.push_back(series.finish());
-        }
-        return distributions;
-    }
+    std::vector<Distribution> finish() { return finished(series_); }
 
 private:
     const SplatReader::Dataset& dataset_;

@@ -61,6 +61,15 @@ Distribution Series::finish() {
     return result;
 }
 
+std::vector<Distribution> finished(std::vector<Series>& series) {
+    std::vector<Distribution> distributions;
+    distributions.reserve(series.size());
+    for (Series& one : series) {
+        distributions.push_back(one.finish());
+    }
+    return distributions;
+}
+
 SamplePlan::SamplePlan(std::uint64_t all) : records(all) {
     const bool few = all <= fewRecords;
     runs = few ? (all > 0 ? 1 : 0) : sampleRuns;

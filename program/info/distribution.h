@@ -45,6 +45,9 @@ private:
     std::uint64_t seen_ = 0;
 };
 
+// The distributions of several attributes, in their order. Each series is finished.
+std::vector<Distribution> finished(std::vector<Series>& series);
+
 // Which of `records` are looked at when not all can be: `runs` runs of `length` consecutive ones, evenly
 // spread; all records as one run when they are few.
 struct SamplePlan {

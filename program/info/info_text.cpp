@@ -69,7 +69,8 @@ std::string sampleText(bool scanned, std::uint64_t sampled, std::uint64_t all) {
 
 std::string attributesText(const std::vector<Distribution>& attributes, const InfoStyle& style) {
     constexpr std::size_t nameWidth = 12;
-    constexpr std::size_t tableWidth = 2 + nameWidth + 5 * 11 + 2;
+    constexpr std::size_t columnWidth = 11; // of each of the five figures
+    constexpr std::size_t tableWidth = 2 + nameWidth + 5 * columnWidth + 2;
     std::size_t bars = style.bars == Bars::none ? 0 : Distribution::parts;
     while (bars > 0 && tableWidth + bars > style.columns) {
         bars = bars > 4 ? bars / 2 : 0;

@@ -115,9 +115,9 @@ std::optional<int> degreeOf(const PlyElement& vertex) {
     const bool hasColour =
         std::ranges::any_of(vertex.properties, [](const PlyProperty& p) { return p.name == "f_dc_0"; });
     const std::uint64_t count = coefficientCount(vertex);
-    for (int degree = 0; hasColour && degree <= 4; ++degree) {
-        if (count == static_cast<std::uint64_t>(3 * ((degree + 1) * (degree + 1) - 1))) {
-            return degree;
+    for (std::uint64_t degree = 0; hasColour && degree <= 4; ++degree) {
+        if (count == 3 * ((degree + 1) * (degree + 1) - 1)) {
+            return static_cast<int>(degree);
         }
     }
     return std::nullopt;
@@ -165,13 +165,7 @@ public:
         }
     }
 
-    std::vector<Distribution> finish() {
-        std::vector<Distribution> distributions;
-        for (Series& series : series_) {
-            distributions.push_back(series.finish());
-        }
-        return distributions;
-    }
+    std::vector<Distribution> finish() { return finished(series_); }
 
 private:
     std::vector<Series> series_;

@@ -9,7 +9,6 @@
 #include <system_error>
 
 #include <sys/mount.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace blackbox {

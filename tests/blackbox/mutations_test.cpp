@@ -4,6 +4,7 @@
 
 #include "tests/blackbox/blackbox.h"
 #include "tests/reference/converter.h"
+#include "tests/support/header_errors.h"
 #include "tests/support/sha256.h"
 
 #if !defined(_WIN32)
@@ -13,6 +14,7 @@
 #include <unistd.h>
 #endif
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <stdexcept>
@@ -24,18 +26,12 @@ namespace {
 
 using support::PlyFile;
 
-// Everything that a header can come to, the calls' results and the ends of the process.
-const std::set<std::string> documentedEndings = {
-    "result 0",
-    "result -1",
-    "exit status 255", // a scene without splats
-    "invalid_argument invalid stof argument",
-    "invalid_argument invalid stoi argument",
-    "invalid_argument invalid stoll argument",
-    "out_of_range stof argument out of range",
-    "out_of_range stoi argument out of range",
-    "out_of_range stoll argument out of range",
-};
+// Everything that a header can come to: results of the call, ends of the process (a scene without splats),
+// errors.
+bool isDocumented(const std::string& ending) {
+    return ending == "result 0" || ending == "result -1" || ending == "exit status 255" ||
+           std::ranges::find(support::headerErrors, ending) != support::headerErrors.end();
+}
 
 // How one conversion ended, and a hash of what it left.
 struct Run {
@@ -120,7 +116,7 @@ public:
         for (std::size_t i = 0; i < cases_.size(); ++i) {
             const Run& first = all[2 * i];
             const Run& second = all[2 * i + 1];
-            EXPECT_THAT(documentedEndings, testing::Contains(first.ending)) << "case " << cases_[i];
+            EXPECT_TRUE(isDocumented(first.ending)) << first.ending << ", case " << cases_[i];
             EXPECT_EQ(second.ending, first.ending) << "case " << cases_[i];
             EXPECT_EQ(second.left, first.left) << "case " << cases_[i];
         }
