@@ -9,6 +9,7 @@
 
 #if !defined(_WIN32)
 #include <csignal>
+
 #include <sys/resource.h>
 #endif
 

@@ -2,7 +2,6 @@
 
 #include "src/chunker_decode.h"
 #include "stream/raw_ranges.h"
-
 #include "tests/support/floats.h"
 #include "tests/support/plyfile.h"
 
