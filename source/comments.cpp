@@ -49,28 +49,6 @@ bool startsWithCount(std::string_view word) {
     return std::from_chars(word.data(), word.data() + word.size(), count).ec == std::errc();
 }
 
-// UTF-8 without control characters, quotes and backslashes: what the meta document can hold, which escapes
-// nothing.
-bool fitsMetaText(std::string_view text) {
-    std::size_t following = 0;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (following > 0) {
-            if ((byte & 0xC0u) != 0x80u) {
-                return false;
-            }
-            --following;
-            continue;
-        }
-        if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\\' || (byte & 0xC0u) == 0x80u ||
-            byte >= 0xF8u) {
-            return false;
-        }
-        following = byte < 0xC0u ? 0 : byte < 0xE0u ? 1 : byte < 0xF0u ? 2 : 3;
-    }
-    return following == 0;
-}
-
 class CommentReader {
 public:
     CommentReader(const PlyHeader& header, bool hasCoefficients)
@@ -182,6 +160,26 @@ std::optional<Box> SceneComments::bounds() const {
         return box;
     }
     return std::nullopt;
+}
+
+bool fitsMetaText(std::string_view text) {
+    std::size_t following = 0;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (following > 0) {
+            if ((byte & 0xC0u) != 0x80u) {
+                return false;
+            }
+            --following;
+            continue;
+        }
+        if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\\' || (byte & 0xC0u) == 0x80u ||
+            byte >= 0xF8u) {
+            return false;
+        }
+        following = byte < 0xC0u ? 0 : byte < 0xE0u ? 1 : byte < 0xF0u ? 2 : 3;
+    }
+    return following == 0;
 }
 
 bool SceneComments::statesBounds() const {

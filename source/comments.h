@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Tavrin::SplatSource {
@@ -55,6 +56,10 @@ struct SceneComments {
 
 // `hasCoefficients` says what the vertex properties declare. The header's vertex element must exist.
 SceneComments readSceneComments(const PlyHeader& header, bool hasCoefficients);
+
+// True for UTF-8 without control characters, quotes and backslashes: what the meta document can hold, which
+// escapes nothing.
+bool fitsMetaText(std::string_view text);
 
 // The parameters that the converter's header reader takes from such comments.
 GaussionSplat::Params paramsOf(const SceneComments& comments);

@@ -180,23 +180,23 @@ Point Scene::statedOffset(std::size_t input, const SceneOptions& options) const 
 
 void Scene::settleOffset(const SceneOptions& options) {
     const Point base = statedOffset(0, options);
-    Point offset = {};
+    Point offset = {params.offsetx, params.offsety, params.offsetz}; // the stated one in single precision
+    std::array<bool, 3> isHeld = {}; // what is too small to matter moves nothing
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        offset[axis] = double{static_cast<float>(base[axis])};
-        if (std::abs(offset[axis] - base[axis]) > offsetTolerance) {
+        if (options.offset) {
+            offset[axis] = double{static_cast<float>(base[axis])};
+        }
+        isHeld[axis] = std::abs(offset[axis] - base[axis]) <= offsetTolerance;
+        if (!isHeld[axis]) {
             offset[axis] = wholeNear(base[axis]);
             isOffsetCut = true;
-        } else {
-            // What is too small to matter moves nothing, so that records stay as they are.
-            moves_[0][axis] = 0.0;
         }
     }
     bool needsBox = false;
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         const Point own = statedOffset(i, options);
         for (std::size_t axis = 0; axis < 3; ++axis) {
-            const bool isHeld = std::abs(offset[axis] - base[axis]) <= offsetTolerance;
-            moves_[i][axis] = own[axis] - (isHeld ? base[axis] : offset[axis]);
+            moves_[i][axis] = own[axis] - (isHeld[axis] ? base[axis] : offset[axis]);
         }
         needsBox = needsBox || inputs_[i]->input().isWide || moves_[i] != Point{};
     }

@@ -236,6 +236,10 @@ private:
 
 } // namespace
 
+std::vector<std::string> canonicalNames(bool hasCoefficients) {
+    return recordNames(hasCoefficients ? 3 : 0, GaussionSplat::shcoefPerChannel);
+}
+
 bool isCompressedPly(const PlyHeader& header) {
     const PlyElement* const vertex = header.find("vertex");
     return vertex != nullptr && vertex->find("packed_position") != nullptr;

@@ -40,6 +40,9 @@ struct SplatLayout {
     std::size_t floats() const { return columns.size(); }
 };
 
+// The properties of a canonical record, in order.
+std::vector<std::string> canonicalNames(bool hasCoefficients);
+
 // True when the header's vertices are packed: another reader takes them.
 bool isCompressedPly(const PlyHeader& header);
 
