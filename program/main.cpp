@@ -5,7 +5,6 @@
 #include "program/commands/info_command.h"
 #include "program/commands/verify_command.h"
 #include "program/commands/view_command.h"
-#include "program/convert/conversion.h"
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
 
@@ -111,9 +110,6 @@ ExitStatus run(const std::vector<std::string>& words) {
 int main(int argc, char** argv) {
     using namespace Tavrin::SplatProgram;
     const std::vector<std::string> words = commandLineWords(argc, argv);
-    if (words.size() == 3 && words[0] == converterWord) {
-        return runConverter(words[1], words[2]);
-    }
     const TerminalText terminal;
     ExitStatus status = ExitStatus::conversionFailed;
     try {

@@ -20,7 +20,9 @@ enum class VerifyLevel {
 struct VerifyOptions {
     VerifyLevel level = VerifyLevel::quick;
     std::size_t findingsPerKind = 10; // the rest of a kind is only counted
-    // Called now and then during the full level with records read and records in all.
+    unsigned threads = 0;             // of the full level; 0: as many as the machine has processors
+    // Called now and then during the full level with records read and records in all, by the calling thread.
+    // It may throw to end the verification.
     std::function<void(std::uint64_t, std::uint64_t)> progress;
 };
 

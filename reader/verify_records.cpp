@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <future>
 #include <thread>
@@ -346,6 +347,20 @@ struct RecordsJob {
     std::uint32_t coefficientSize;
     bool useIndex;
     std::atomic<std::uint64_t> done = 0; // records
+    std::atomic<bool> stop = false;      // what the parts find is not wanted any more
+
+    // By the calling thread alone. What the progress throws ends the other parts, too.
+    void tellProgress() {
+        if (!options.progress) {
+            return;
+        }
+        try {
+            options.progress(std::min(done.load(), records), records);
+        } catch (...) {
+            stop = true;
+            throw;
+        }
+    }
 };
 
 // What was found in a part of the records.
@@ -369,9 +384,12 @@ PartReport verifyPart(RecordsJob& job, std::uint64_t first, std::uint64_t count,
         while (cursor.next(view)) {
             verifier.check(view, job.useIndex ? walker.step() : nullptr);
             if ((view.index - first) % progressEvery == progressEvery - 1) {
-                const std::uint64_t done = job.done += progressEvery;
-                if (tellsProgress && job.options.progress) {
-                    job.options.progress(done, job.records);
+                job.done += progressEvery;
+                if (tellsProgress) {
+                    job.tellProgress();
+                }
+                if (job.stop) {
+                    return part;
                 }
             }
         }
@@ -396,7 +414,8 @@ void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& opt
                                                                   : Format::rawCoefficientSize;
     RecordsJob job{folder,       options,         meta,    report.dataBytes / Format::recordSize,
                    report.cells, coefficientSize, useIndex};
-    const std::uint64_t processors = std::clamp<std::uint64_t>(std::thread::hardware_concurrency(), 1, most);
+    const unsigned threads = options.threads > 0 ? options.threads : std::thread::hardware_concurrency();
+    const std::uint64_t processors = std::clamp<std::uint64_t>(threads, 1, most);
     const std::uint64_t size = std::max((job.records + processors - 1) / processors, fewest);
     std::vector<std::future<PartReport>> others;
     for (std::uint64_t first = size; first < job.records; first += size) {
@@ -410,6 +429,10 @@ void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& opt
     RecordUse use = part.use;
     report.findings.append(part.findings);
     for (std::size_t i = 0; i < others.size() && part.isRead; ++i) {
+        constexpr std::chrono::milliseconds patience(50);
+        while (others[i].wait_for(patience) == std::future_status::timeout) {
+            job.tellProgress();
+        }
         part = others[i].get();
         join(use, part.use);
         report.findings.append(part.findings);

@@ -2,77 +2,72 @@
 
 #include "program/convert/conversion.h"
 #include "program/convert/output_check.h"
+#include "program/convert/plan.h"
 #include "program/convert/plan_text.h"
-#include "program/convert/preflight.h"
 #include "program/convert/publish.h"
 #include "program/convert/summary.h"
-#include "program/convert/verdict.h"
 #include "program/convert/verification.h"
+#include "program/convert/warnings.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
-#include "program/terminal/console.h"
+#include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <charconv>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
-namespace fs = std::filesystem;
+constexpr unsigned mostThreads = 1024;
 
 struct ConvertOptions {
     std::string input;
     std::string output;
+    unsigned threads = 0;  // 0: as many as the process may use
+    std::string maxMemory; // empty: what is free
     bool force = false;
     bool dryRun = false;
     bool quiet = false;
     bool json = false;
     bool allowLoss = false;
-    bool unchecked = false;
 };
 
-// What tells whether a file was written to in the meantime.
-struct FileStamp {
-    std::uint64_t size = 0;
-    fs::file_time_type time;
-    bool operator==(const FileStamp&) const = default;
-};
-
-FileStamp stampOf(const std::string& name) {
-    std::error_code error;
-    const fs::path path = pathFromText(name);
-    return {fs::file_size(path, error), fs::last_write_time(path, error)};
+// What is wrong with the words of options; empty when nothing is.
+std::string checkThreads(const std::string& word) {
+    unsigned threads = 0;
+    const auto [stop, error] = std::from_chars(word.data(), word.data() + word.size(), threads);
+    const bool isNumber = error == std::errc() && stop == word.data() + word.size();
+    return isNumber && threads >= 1 && threads <= mostThreads
+               ? std::string()
+               : fmt::format("{} is no number of threads: write one from 1 to {}", word, mostThreads);
 }
 
-void requireUnchanged(const std::string& name, const FileStamp& before) {
-    if (stampOf(name) != before) {
-        throw Failure(
-            ExitStatus::conversionFailed,
-            fmt::format("{}: the file was written to while it was converted: convert it again", name));
-    }
+std::string checkMemorySize(const std::string& word) {
+    return bytesFrom(word) ? std::string()
+                           : fmt::format("{} is no size: write it like 5000000, 512M or 2G", word);
 }
 
-void printPlan(const ConvertOptions& options, const Plan* plan, const OutputPlace& place,
-               const Verdict& verdict) {
-    if (plan == nullptr) {
-        fmt::print("{}: there is no plan for an input that cannot be measured\n", options.input);
-    } else if (options.json) {
-        fmt::print("{}", planJson(*plan, place, verdict.warnings()));
+void printPlan(const ConvertOptions& options, const Plan& plan, const OutputPlace& place,
+               const Warnings& warnings) {
+    if (options.json) {
+        fmt::print("{}", planJson(plan, place, warnings.lines()));
     } else if (!options.quiet) {
-        fmt::print("{}", planText(*plan, place));
+        fmt::print("{}", planText(plan, place));
     }
 }
 
-Summary summarise(const ConvertOptions& options, const SplatReader::VerifyReport& report, double seconds,
-                  const Verdict& verdict) {
+void printSummary(const ConvertOptions& options, const Plan& plan, const SplatReader::VerifyReport& report,
+                  double seconds, const Warnings& warnings) {
     Summary summary;
     summary.input = options.input;
     summary.output = options.output;
-    summary.read = report.splatsHeld + report.splatsLeftOut;
+    summary.read = plan.records();
     summary.written = report.splatsHeld;
     summary.leftOut = report.splatsLeftOut;
     summary.cells = report.cells;
@@ -81,48 +76,76 @@ Summary summarise(const ConvertOptions& options, const SplatReader::VerifyReport
     summary.indexBytes = report.indexBytes;
     summary.metaBytes = report.metaBytes;
     summary.seconds = seconds;
-    summary.warnings = verdict.warnings();
-    return summary;
+    summary.warnings = warnings.lines();
+    if (options.json) {
+        fmt::print("{}", summaryJson(summary));
+    } else if (!options.quiet) {
+        fmt::print("{}", summaryText(summary));
+    }
+}
+
+double shareOf(std::uint64_t splats, std::uint64_t all) {
+    return all > 0 ? static_cast<double>(splats) / static_cast<double>(all) : 1.0;
+}
+
+// A dry run measures and does nothing else.
+Plan planOf(const ConvertOptions& options, const SplatSource::Source& source, const OutputPlace& place,
+            const Means& means, Warnings& warnings, Progress& progress) {
+    Plan plan = makePlan(options.input, source, place, means, warnings, [&](std::uint64_t splats) {
+        const double share = shareOf(splats, source.count);
+        if (options.dryRun) {
+            progress.update("measuring", share, splats);
+        } else {
+            progress.update(Stage::measuring, share, splats);
+        }
+    });
+    progress.clear();
+    return plan;
+}
+
+// Writes, verifies and publishes. What verification reads goes to the disk meanwhile.
+SplatReader::VerifyReport convert(const ConvertOptions& options, const SplatSource::Source& source,
+                                  const Plan& plan, const OutputPlace& place, const Means& means,
+                                  Warnings& warnings, Progress& progress) {
+    PartialFolder partial(place);
+    partial.create();
+    writeDataset(options.input, source, plan.measured, partial.path(), means, [&](std::uint64_t splats) {
+        progress.update(Stage::writing, shareOf(splats, plan.measured.splats), splats);
+    });
+    partial.beginFlush();
+    const SplatReader::VerifyReport report = verifyConversion(partial.path(), options.input, plan.measured,
+                                                              options.allowLoss, means.threads, progress);
+    partial.flush([&](double share) { progress.update(Stage::flushing, share); });
+    progress.clear();
+    if (const auto remark = partial.publish(options.input, options.force)) {
+        warnings.add(*remark);
+    }
+    return report;
 }
 
 ExitStatus runConvert(const ConvertOptions& options) {
     requireWord(options.input, "IN.ply", "a file");
     requireWord(options.output, "OUT", "a folder");
     catchInterrupts();
-    Verdict verdict(options.unchecked, options.quiet);
+    Warnings warnings(options.quiet);
     Progress progress(!options.quiet && standardErrorIsTerminal());
-    const FileStamp stamp = stampOf(options.input);
-    const std::optional<InputFacts> input = checkInput(options.input, verdict);
+    const InputFacts input = checkInput(options.input, warnings);
+    const std::unique_ptr<SplatSource::Source> source = openSource(input);
     OutputPlace place = resolveOutput(options.output);
     if (!options.dryRun) {
         cleanUpDeadRuns(place.folder);
         place = resolveOutput(options.output); // an earlier dataset may be back
     }
     checkOutput(place, options.input, options.force);
-    const std::optional<Plan> planned = makePlan(input, place, verdict, progress);
-    const Plan* const plan = planned ? &*planned : nullptr;
+    const Means means = chooseMeans(options.threads, bytesFrom(options.maxMemory).value_or(0));
+    const Plan plan = planOf(options, *source, place, means, warnings, progress);
     if (options.dryRun) {
-        printPlan(options, plan, place, verdict);
+        printPlan(options, plan, place, warnings);
         return ExitStatus::done;
     }
-
-    PartialFolder partial(place);
-    convertInChild(options.input, partial.path(), plan, progress);
-    requireUnchanged(options.input, stamp);
     const SplatReader::VerifyReport report =
-        verifyConversion(partial.path(), options.input, plan, options.allowLoss, progress);
-    partial.flush([&](double share) { progress.update(Stage::flushing, share); });
-    progress.clear();
-    if (const auto remark = partial.publish(options.input, options.force)) {
-        verdict.warn(*remark);
-    }
-
-    const Summary summary = summarise(options, report, progress.seconds(), verdict);
-    if (options.json) {
-        fmt::print("{}", summaryJson(summary));
-    } else if (!options.quiet) {
-        fmt::print("{}", summaryText(summary));
-    }
+        convert(options, *source, plan, place, means, warnings, progress);
+    printSummary(options, plan, report, progress.seconds(), warnings);
     return ExitStatus::done;
 }
 
@@ -141,8 +164,12 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
     command->add_flag("--json", options->json, "print the summary or the plan as JSON");
     command->add_flag("--allow-loss", options->allowLoss,
                       "publish though splats outside the grid are left out");
-    command->add_flag("--unchecked", options->unchecked,
-                      "only warn of a bad input, and of too little disk or memory");
+    command->add_option("--threads", options->threads, "work on N threads, not on all processors")
+        ->type_name("N")
+        ->check(checkThreads);
+    command->add_option("--max-memory", options->maxMemory, "allocate at most so much, like 512M or 2G")
+        ->type_name("SIZE")
+        ->check(checkMemorySize);
     command->callback([options, &chosen] { chosen = [options] { return runConvert(*options); }; });
 }
 

@@ -41,8 +41,8 @@ Result verify(const VerifyOptions& options, Progress& progress) {
     requireFolder(options.dataset);
     std::optional<InputFacts> source;
     if (!options.source.empty()) {
-        Verdict verdict(false, true);
-        source = checkInput(options.source, verdict);
+        Warnings warnings(true);
+        source = checkInput(options.source, warnings);
     }
     SplatReader::VerifyOptions how;
     how.level = options.quick ? SplatReader::VerifyLevel::quick : SplatReader::VerifyLevel::full;

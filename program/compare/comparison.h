@@ -1,7 +1,7 @@
 // A whole dataset against the scene that it was made of.
 #pragma once
 
-#include "program/scene/scene_scan.h"
+#include "program/scene/splat_file.h"
 #include "reader/dataset.h"
 #include "reader/findings.h"
 

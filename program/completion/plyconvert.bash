@@ -9,7 +9,7 @@ _plyconvert() {
         esac
     fi
     case $command in
-    convert) options='--force --dry-run --quiet --json --allow-loss --unchecked --help' ;;
+    convert) options='--force --dry-run --quiet --json --allow-loss --threads --max-memory --help' ;;
     info) options='--scan --json --cells --help' ;;
     verify) options='--quick --full --against --json --strict --quiet --help' ;;
     export) options='--cell --force --quiet --help' ;;
@@ -17,9 +17,9 @@ _plyconvert() {
     esac
     ((COMP_CWORD > 1)) || options+=' --version'
     COMPREPLY=()
-    if [[ $before == --cell || $before == --port ]]; then
-        return # a key, which only the dataset knows, or a number
-    fi
+    case $before in
+    --cell | --port | --threads | --max-memory) return ;; # a key, which only the dataset knows, or a number
+    esac
     if [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
         return

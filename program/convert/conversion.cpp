@@ -1,127 +1,150 @@
 #include "program/convert/conversion.h"
 
-#include "plyconvert.h"
-#include "program/convert/conversion_stages.h"
-#include "program/system/child_process.h"
 #include "program/system/exit_status.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
+#include "program/system/processors.h"
+#include "program/terminal/figures.h"
+#include "source/canonical_ply.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <new>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Exit statuses of the process that runs the converter, apart from those that the converter itself gives a
-// process (255 and 123) and from a shell's (126, 127).
-enum ConverterStatus {
-    converterDone = 0,
-    converterSawNoSplats = 64,
-    converterSawNoFile = 65,
-    converterThrew = 66,
-    converterRanOutOfMemory = 67,
-};
+// Bytes of the program that no pass allocates: code, stacks, buffers of files.
+constexpr std::uint64_t ownBytes = 16 << 20;
 
-int statusOf(std::int32_t result) {
-    switch (result) {
-    case PLYCONVERT_DONE:
-        return converterDone;
-    case PLYCONVERT_NO_INPUT:
-        return converterSawNoFile;
-    default:
-        return converterSawNoSplats;
-    }
+// As the library's header reader leaves them.
+GaussionSplat::Params paramsOf(const InputFacts& input) {
+    const SceneComments& comments = input.comments;
+    GaussionSplat::Params params;
+    const auto take = [&](const char* key, double& field) { field = comments.kept(key, field); };
+    take("minx", params.minx);
+    take("miny", params.miny);
+    take("minz", params.minz);
+    take("maxx", params.maxx);
+    take("maxy", params.maxy);
+    take("maxz", params.maxz);
+    take("offsetx", params.offsetx);
+    take("offsety", params.offsety);
+    take("offsetz", params.offsetz);
+    take("shiftx", params.shiftx);
+    take("shifty", params.shifty);
+    take("shiftz", params.shiftz);
+    take("scalex", params.scalex);
+    take("scaley", params.scaley);
+    take("scalez", params.scalez);
+    params.epsg = comments.epsg;
+    params.source = comments.source;
+    params.dataType = !comments.dataType.empty() ? comments.dataType : input.areBoundsSeen ? "ytr" : "ply";
+    return params;
 }
 
-const std::string& lastOr(const std::vector<std::string>& lines, const std::string& otherwise) {
-    return lines.empty() ? otherwise : lines.back();
+[[noreturn]] void failAsChanged(const std::string& name) {
+    throw Failure(ExitStatus::conversionFailed,
+                  fmt::format("{}: the file was written to while it was converted: convert it again", name));
 }
 
-// What the process said: the converter's ERROR line stands on its standard output, an exception's text and
-// what a runtime library says of an abort on standard error.
-std::string saidBy(const ChildProcess& child) {
-    for (const std::string& line : child.outputLines()) {
-        if (line.starts_with("ERROR(")) {
-            return line;
-        }
-    }
-    return lastOr(child.errorLines(), lastOr(child.outputLines(), "it said nothing"));
+[[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
+                                  const Means& means) {
+    const std::string what = fmt::format("{}: converting {} takes at least {} of memory", name,
+                                         countText(splats, "splat", "splats"), bytesText(least));
+    throw Failure(
+        ExitStatus::inputRefused,
+        means.isMemoryStated
+            ? fmt::format("{} and --max-memory allows {}: allow as much", what, bytesText(means.memory))
+            : fmt::format("{} and {} are free: close other programs, or cut the scene into smaller "
+                          "files",
+                          what, bytesText(means.freeMemory)));
 }
 
-// An allocation that fails in one of the converter's threads ends the process by an abort, whose text names
-// it.
-bool saysOutOfMemory(const ChildProcess& child) {
-    return std::ranges::any_of(child.errorLines(),
-                               [](const std::string& line) { return line.find("bad alloc") != line.npos; });
-}
-
-[[noreturn]] void failAs(const ChildProcess& child, const std::string& input) {
-    const ChildEnd& end = child.end();
-    const auto fail = [&](const std::string& what) {
-        throw Failure(ExitStatus::conversionFailed, fmt::format("{}: {}", input, what));
+SplatStream::Settings settingsOf(const Means& means, const PassProgress& progress) {
+    SplatStream::Settings settings;
+    settings.threads = means.threads;
+    settings.maxMemory = means.memory;
+    settings.progress = [progress](std::uint64_t splats) {
+        throwIfInterrupted();
+        progress(splats);
     };
-    if (end.killer == "SIGKILL") {
-        fail("the converter's process was killed: if nobody did, the machine ran out of memory");
+    return settings;
+}
+
+// Calls step(), with what the streams throw as failures of this program.
+template <typename Step>
+auto asFailures(const std::string& name, std::uint64_t splats, const Means& means, Step step) {
+    try {
+        return step();
+    } catch (const SplatSource::SourceError& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
+    } catch (const SplatSource::SourceChanged& error) {
+        throw Failure(ExitStatus::conversionFailed, error.what());
+    } catch (const SplatStream::WriteError& error) {
+        throw Failure(
+            ExitStatus::conversionFailed,
+            fmt::format("{}: check the disk, its room, and the limits of this process", error.what()));
+    } catch (const SplatStream::TooLittleMemory& error) {
+        refuseForMemory(name, splats, error.least, means);
     }
-    if (end.status == converterRanOutOfMemory || saysOutOfMemory(child)) {
-        fail("the converter ran out of memory: close other programs, or cut the scene into smaller files");
-    }
-    if (!end.killer.empty()) {
-        fail(fmt::format("the converter's process was ended by {}: {}", end.killer, saidBy(child)));
-    }
-    switch (end.status) {
-    case converterSawNoSplats:
-        throw Failure(ExitStatus::inputRefused,
-                      fmt::format("{}: the converter finds no splats declared in it", input));
-    case converterSawNoFile:
-        throw Failure(ExitStatus::inputRefused, fmt::format("{}: the file has vanished", input));
-    case converterThrew:
-        fail(fmt::format("the converter failed: {}", saidBy(child)));
-        break;
-    default:
-        fail(fmt::format("the converter ended with status {}: {}", end.status, saidBy(child)));
-    }
-    std::abort(); // every case has thrown
 }
 
 } // namespace
 
-int runConverter(const std::string& input, const std::string& folder) {
+Means chooseMeans(unsigned threads, std::uint64_t maxMemory) {
+    Means means;
+    means.threads = threads > 0 ? threads : usableProcessors();
+    means.freeMemory = availableMemory();
+    means.memory = means.freeMemory - std::min(means.freeMemory, ownBytes);
+    means.isMemoryStated = maxMemory > 0 && maxMemory < means.memory;
+    means.memory = means.isMemoryStated ? maxMemory : means.memory;
+    return means;
+}
+
+std::unique_ptr<SplatSource::Source> openSource(const InputFacts& input) {
+    SplatSource::CanonicalPlyFacts facts;
+    facts.bodyAt = input.file.bodyAt;
+    facts.count = input.file.records;
+    facts.hasCoefficients = input.file.layout.hasCoefficients();
+    facts.params = paramsOf(input);
+    facts.boundsSeen = input.areBoundsSeen;
     try {
-        // The process that started this one knows that both can be named.
-        const std::string inputPath = converterPath(pathFromText(input)).value();
-        const std::string folderPath = converterPath(pathFromText(folder)).value();
-        return statusOf(plyConvert(inputPath.c_str(), folderPath.c_str()));
-    } catch (const std::bad_alloc&) {
-        return converterRanOutOfMemory;
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "{}\n", error.what());
-        return converterThrew;
+        auto source = std::make_unique<SplatSource::CanonicalPly>(input.file.path, facts);
+        // The source knows what happens from now on, the stamp what happened since the header was read.
+        if (stampOf(input.file.path) != input.stamp) {
+            failAsChanged(input.name);
+        }
+        return source;
+    } catch (const SplatSource::SourceError& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
     }
 }
 
-void convertInChild(const std::string& input, const std::filesystem::path& folder, const Plan* plan,
-                    Progress& progress) {
-    constexpr std::chrono::milliseconds patience(100);
-    ChildProcess child({converterWord, input, textFromPath(folder)});
-    ConversionStages stages(folder, plan);
-    while (!child.waitFor(patience)) {
-        throwIfInterrupted();
-        if (progress.shown()) {
-            stages.show(child.bytesRead(), progress);
-        }
-    }
-    progress.clear();
-    throwIfInterrupted();
-    if (!child.end().killer.empty() || child.end().status != converterDone) {
-        failAs(child, input);
-    }
+SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
+                                    const Means& means, const PassProgress& progress) {
+    return asFailures(name, source.count, means, [&] {
+        SplatStream::Measured measured = SplatStream::measure(source, settingsOf(means, progress));
+        source.requireUnchanged();
+        return measured;
+    });
+}
+
+std::uint64_t memoryToPlace(const std::string& name, const SplatStream::Measured& measured,
+                            const Means& means) {
+    return asFailures(name, measured.splats, means,
+                      [&] { return SplatStream::placeMemory(measured, settingsOf(means, {})); });
+}
+
+void writeDataset(const std::string& name, const SplatSource::Source& source,
+                  const SplatStream::Measured& measured, const std::filesystem::path& folder,
+                  const Means& means, const PassProgress& progress) {
+    asFailures(name, measured.splats, means, [&] {
+        // Both were found to have such a form when they were checked.
+        const std::string inputName = converterPath(pathFromText(name)).value();
+        SplatStream::writeDataset(source, measured, inputName, folder, settingsOf(means, progress));
+        source.requireUnchanged();
+    });
 }
 
 } // namespace Tavrin::SplatProgram

@@ -1,25 +1,50 @@
+// The two passes of a conversion with the program's progress, interrupts and failures.
 #pragma once
 
-#include "program/convert/preflight.h"
-#include "program/terminal/progress.h"
+#include "program/convert/input_check.h"
+#include "source/source.h"
+#include "stream/conversion.h"
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 
 namespace Tavrin::SplatProgram {
 
-// The first command-line word that makes this program the process that runs the converter; two follow: input
-// and output folder. Not for people.
-inline constexpr const char* converterWord = "--run-converter";
+// What a conversion may use.
+struct Means {
+    unsigned threads = 1;         // workers of a pass
+    std::uint64_t memory = 0;     // bytes that a pass may allocate
+    bool isMemoryStated = false;  // by --max-memory, and less than what is free
+    std::uint64_t freeMemory = 0; // bytes that the machine has free
+};
 
-// What that process does: calls the converter once and ends. Its exit status is one of its own (see
-// conversion.cpp) or the converter's, and one line on standard error tells of an exception.
-int runConverter(const std::string& input, const std::string& folder);
+// Called now and then, by one thread at a time, with the splats that a pass has done.
+using PassProgress = std::function<void(std::uint64_t splats)>;
 
-// Runs the converter in a process of its own and shows how far it is; `plan` may be null. Throws a Failure:
-// Interrupted, InputRefused when the converter itself refuses the input, else ConversionFailed with what it
-// said.
-void convertInChild(const std::string& input, const std::filesystem::path& folder, const Plan* plan,
-                    Progress& progress);
+// `threads` 0: as many as this process may use. `maxMemory` 0: as much as is free.
+Means chooseMeans(unsigned threads, std::uint64_t maxMemory);
+
+// Opens the input's records. Throws a Failure (ConversionFailed) when the file is no longer the one that was
+// checked, (InputRefused) when it cannot be read.
+std::unique_ptr<SplatSource::Source> openSource(const InputFacts& input);
+
+// The first pass. Throws a Failure: Interrupted; InputRefused when the input cannot be read as what it claims
+// to be, or not within the memory; ConversionFailed when it was written to meanwhile.
+SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
+                                    const Means& means, const PassProgress& progress);
+
+// Bytes that the second pass will allocate at its peak. Throws a Failure (InputRefused) when the memory does
+// not suffice.
+std::uint64_t memoryToPlace(const std::string& name, const SplatStream::Measured& measured,
+                            const Means& means);
+
+// The second pass: the whole dataset into an empty folder. Throws as measureSource does, and a Failure
+// (ConversionFailed) when a file cannot be written.
+void writeDataset(const std::string& name, const SplatSource::Source& source,
+                  const SplatStream::Measured& measured, const std::filesystem::path& folder,
+                  const Means& means, const PassProgress& progress);
 
 } // namespace Tavrin::SplatProgram

@@ -1,5 +1,6 @@
 #include "program/convert/input_check.h"
 
+#include "program/system/exit_status.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
 
@@ -57,15 +58,14 @@ std::string atLine(const std::string& name, std::size_t line, const std::string&
     return fmt::format("{}:{}: {}", name, line, text);
 }
 
-void checkForm(const std::string& name, const PlyHeader& header, Verdict& verdict) {
+void checkForm(const std::string& name, const PlyHeader& header) {
     if (header.format != "binary_little_endian") {
-        verdict.refuse(
-            ExitStatus::inputRefused,
-            atLine(name, header.formatLine,
-                   fmt::format("the format is {}: export as binary_little_endian", header.format)));
+        throw Failure(ExitStatus::inputRefused,
+                      atLine(name, header.formatLine,
+                             fmt::format("the format is {}: export as binary_little_endian", header.format)));
     }
     if (header.endsWithCarriageReturn) {
-        verdict.refuse(
+        throw Failure(
             ExitStatus::inputRefused,
             atLine(name, header.lines.size(),
                    "end_header is followed by a carriage return, which hides it from the converter: end "
@@ -73,17 +73,18 @@ void checkForm(const std::string& name, const PlyHeader& header, Verdict& verdic
     }
 }
 
-void checkComments(const std::string& name, const SceneComments& comments, Verdict& verdict) {
-    for (const HeaderRemark& error : comments.errors) {
-        verdict.refuse(ExitStatus::inputRefused, atLine(name, error.line, error.text));
+void checkComments(const std::string& name, const SceneComments& comments, Warnings& warnings) {
+    if (!comments.errors.empty()) {
+        const HeaderRemark& error = comments.errors.front();
+        throw Failure(ExitStatus::inputRefused, atLine(name, error.line, error.text));
     }
     for (const HeaderRemark& remark : comments.remarks) {
-        verdict.warn(atLine(name, remark.line, remark.text));
+        warnings.add(atLine(name, remark.line, remark.text));
     }
     const std::optional<Box> bounds = comments.bounds();
     for (std::size_t axis = 0; bounds && axis < axes.size(); ++axis) {
         if (bounds->min[axis] > bounds->max[axis]) {
-            verdict.refuse(
+            throw Failure(
                 ExitStatus::inputRefused,
                 fmt::format("{}: the comments state min{} {} above max{} {}: state all six bounds, or none",
                             name, axes[axis], bounds->min[axis], axes[axis], bounds->max[axis]));
@@ -92,7 +93,7 @@ void checkComments(const std::string& name, const SceneComments& comments, Verdi
     const bool hasOffset = comments.kept("offsetx", 0.0) != 0.0 || comments.kept("offsety", 0.0) != 0.0 ||
                            comments.kept("offsetz", 0.0) != 0.0;
     if (hasOffset && comments.epsg == 0) {
-        verdict.warn(
+        warnings.add(
             fmt::format("{}: an offset is stated without an EPSG code: add a line \"comment epsg CODE\", or "
                         "nobody can place the scene",
                         name));
@@ -100,7 +101,7 @@ void checkComments(const std::string& name, const SceneComments& comments, Verdi
     for (const auto& [key, number] : comments.numbers) {
         const bool placesScene = key.starts_with("offset") || key.starts_with("shift");
         if (placesScene && std::abs(number.written - number.kept) > centimetre / 2) {
-            verdict.warn(atLine(name, number.line,
+            warnings.add(atLine(name, number.line,
                                 fmt::format("{} {:.12g} is kept in single precision, as {:.12g}: move the "
                                             "difference into the positions, or keep the offset elsewhere",
                                             key, number.written, number.kept)));
@@ -108,139 +109,61 @@ void checkComments(const std::string& name, const SceneComments& comments, Verdi
     }
 }
 
-// False when fewer records are there than declared.
-bool checkSize(const std::string& name, const SplatFile& file, Verdict& verdict) {
+void checkSize(const std::string& name, const SplatFile& file, Warnings& warnings) {
     const std::uint64_t held = file.size - std::min(file.size, file.bodyAt);
     const std::uint64_t recordBytes = file.layout.recordBytes();
     if (file.records > held / recordBytes) {
         const std::uint64_t rest = held % recordBytes;
         const std::string part =
             rest > 0 ? fmt::format(" and {} of another", countText(rest, "byte", "bytes")) : std::string();
-        verdict.refuse(
+        throw Failure(
             ExitStatus::inputRefused,
             fmt::format(
                 "{}: the file is cut: it declares {} of {} bytes and holds {}{}: copy or export it again",
                 name, countText(file.records, "record", "records"), recordBytes,
                 countText(held / recordBytes), part));
-        return false;
     }
     if (const std::uint64_t extra = held - file.records * recordBytes; extra > 0) {
-        verdict.warn(
+        warnings.add(
             fmt::format("{}: {} after the last record are left out: if they are splats, correct the count in "
                         "the element line",
                         name, countText(extra, "byte", "bytes")));
     }
-    return true;
-}
-
-std::optional<PlyHeader> readHeader(const std::string& name, Verdict& verdict) {
-    try {
-        return readPlyHeader(pathFromText(name));
-    } catch (const Failure& failure) {
-        verdict.refuse(failure.status(), failure.what());
-        return std::nullopt;
-    }
 }
 
 } // namespace
 
-std::optional<InputFacts> checkInput(const std::string& name, Verdict& verdict) {
+FileStamp stampOf(const std::filesystem::path& file) {
+    std::error_code error;
+    FileStamp stamp;
+    stamp.identity = identityOf(file);
+    stamp.size = fs::file_size(file, error);
+    stamp.time = fs::last_write_time(file, error);
+    return stamp;
+}
+
+InputFacts checkInput(const std::string& name, Warnings& warnings) {
     requireReadableFile(name);
-    const std::optional<PlyHeader> header = readHeader(name, verdict);
-    if (!header) {
-        return std::nullopt;
-    }
-    checkForm(name, *header, verdict);
-    const LayoutResult layout = splatLayoutOf(*header);
-    if (layout.problem) {
-        verdict.refuse(ExitStatus::inputRefused, atLine(name, layout.problem->line, layout.problem->text));
-        return std::nullopt;
-    }
     InputFacts facts;
     facts.name = name;
-    facts.file = {pathFromText(name), header->length, fs::file_size(pathFromText(name)),
-                  header->elements.front().count, layout.layout};
-    facts.comments = readSceneComments(*header, layout.layout.hasCoefficients());
-    checkComments(name, facts.comments, verdict);
+    facts.stamp = stampOf(pathFromText(name));
+    const PlyHeader header = readPlyHeader(pathFromText(name));
+    checkForm(name, header);
+    const LayoutResult layout = splatLayoutOf(header);
+    if (layout.problem) {
+        throw Failure(ExitStatus::inputRefused, atLine(name, layout.problem->line, layout.problem->text));
+    }
+    facts.file = {pathFromText(name), header.length, facts.stamp.size, header.elements.front().count,
+                  layout.layout};
+    facts.comments = readSceneComments(header, layout.layout.hasCoefficients());
+    facts.areBoundsSeen = facts.comments.numbers.contains("minx") || facts.comments.numbers.contains("maxx");
+    checkComments(name, facts.comments, warnings);
     if (facts.file.records == 0) {
-        verdict.refuse(ExitStatus::inputRefused, atLine(name, header->elements.front().line,
-                                                        "the file declares no splats: export it again"));
-        return std::nullopt;
+        throw Failure(ExitStatus::inputRefused, atLine(name, header.elements.front().line,
+                                                       "the file declares no splats: export it again"));
     }
-    const bool isWhole = checkSize(name, facts.file, verdict);
-    const bool isReadable =
-        isWhole && header->format == "binary_little_endian" && !header->endsWithCarriageReturn;
-    return isReadable ? std::optional(std::move(facts)) : std::nullopt;
-}
-
-namespace {
-
-// Bounds to state for a scene: the measured box, widened where the converter would not take it for one.
-std::string boundsAdvice(const Box& box) {
-    constexpr double leastMin = 0.01; // |minx| above 0.001 counts
-    constexpr double leastMax = 0.2;  // |maxx| above 0.1 counts
-    const double minx = std::abs(box.min[0]) < leastMin ? -leastMin : box.min[0];
-    const double maxx = std::abs(box.max[0]) < leastMax ? leastMax : box.max[0];
-    std::string advice;
-    const std::array<double, 3> mins = {minx, box.min[1], box.min[2]};
-    const std::array<double, 3> maxs = {maxx, box.max[1], box.max[2]};
-    for (std::size_t axis = 0; axis < axes.size(); ++axis) {
-        // Nine digits give every single-precision value exactly.
-        advice += fmt::format(", \"comment min{} {:.9g}\"", axes[axis], mins[axis]);
-    }
-    for (std::size_t axis = 0; axis < axes.size(); ++axis) {
-        advice += fmt::format(", \"comment max{} {:.9g}\"", axes[axis], maxs[axis]);
-    }
-    return advice.substr(2);
-}
-
-} // namespace
-
-void remarkBounds(const InputFacts& input, const SceneExtent& extent, std::uint64_t leftOut,
-                  Verdict& verdict) {
-    if (extent.notFinite > 0) {
-        verdict.warn(fmt::format("{}: {} at no finite position: remove them before the conversion",
-                                 input.name, countText(extent.notFinite, "splat stands", "splats stand")));
-    }
-    const std::string loss = leftOut > 0 ? fmt::format(" and {} left out of the dataset",
-                                                       countText(leftOut, "splat is", "splats are"))
-                                         : "";
-    const std::optional<Box> bounds = input.comments.bounds();
-    if (!bounds && !input.file.layout.hasCoefficients()) {
-        verdict.warn(
-            fmt::format("{}: the records have 17 floats and the comments state no usable bounds, so the "
-                        "converter measures the box with the wrong record size{}: add {}",
-                        input.name, loss, boundsAdvice(extent.box)));
-    } else if (bounds && extent.outside > 0) {
-        verdict.warn(fmt::format("{}: {} outside the bounds that the comments state{}: state {}", input.name,
-                                 countText(extent.outside, "splat lies", "splats lie"), loss,
-                                 boundsAdvice(extent.box)));
-    } else if (leftOut > 0) {
-        verdict.warn(fmt::format("{}: the box has no usable grid{}: state bounds that hold the scene",
-                                 input.name, loss));
-    }
-}
-
-Point positionSteps(const Box& box) {
-    Point steps = {};
-    for (std::size_t axis = 0; axis < steps.size(); ++axis) {
-        const auto largest = static_cast<float>(std::max(std::abs(box.min[axis]), std::abs(box.max[axis])));
-        steps[axis] =
-            std::isfinite(largest) ? double{std::nextafter(largest, INFINITY)} - double{largest} : 0.0;
-    }
-    return steps;
-}
-
-void remarkPrecision(const InputFacts& input, const SceneExtent& extent, Verdict& verdict) {
-    const Point steps = positionSteps(extent.box);
-    const std::size_t worst = static_cast<std::size_t>(std::ranges::max_element(steps) - steps.begin());
-    if (steps[worst] > centimetre) {
-        verdict.warn(fmt::format(
-            "{}: {} reaches {:.9g}, where single precision steps by {:.3g}: subtract an offset "
-            "from the positions and state it in comment lines",
-            input.name, axes[worst],
-            std::max(std::abs(extent.box.min[worst]), std::abs(extent.box.max[worst])), steps[worst]));
-    }
+    checkSize(name, facts.file, warnings);
+    return facts;
 }
 
 } // namespace Tavrin::SplatProgram

@@ -1,33 +1,39 @@
+// The checks of an input that need nothing but its header and its size.
 #pragma once
 
-#include "program/convert/verdict.h"
+#include "program/convert/warnings.h"
 #include "program/scene/scene_comments.h"
-#include "program/scene/scene_scan.h"
+#include "program/scene/splat_file.h"
+#include "program/system/platform.h"
 
+#include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 
 namespace Tavrin::SplatProgram {
 
+// What tells whether a file was written to in the meantime; all zeros where no file stands.
+struct FileStamp {
+    std::uint64_t size = 0;
+    std::filesystem::file_time_type time;
+    std::optional<FileIdentity> identity;
+    bool operator==(const FileStamp&) const = default;
+};
+
+FileStamp stampOf(const std::filesystem::path& file);
+
 // An input whose records can be read as the header says.
 struct InputFacts {
     std::string name; // as given
     SplatFile file;
+    FileStamp stamp; // from before the header was read
     SceneComments comments;
+    bool areBoundsSeen = false; // a comment states minx or maxx
 };
 
-// Everything that the header and the size of a file can tell. Refuses what the converter would misread or
-// stumble over. Nothing is returned only for an unchecked input that has no readable splats; a path that
-// leads to no readable file is always a Failure.
-std::optional<InputFacts> checkInput(const std::string& name, Verdict& verdict);
-
-// What the header's comments leave to be desired, once the scene has been measured.
-// `leftOut` splats lie in no cell of the grid; 0 also where that is not known.
-void remarkBounds(const InputFacts& input, const SceneExtent& extent, std::uint64_t leftOut,
-                  Verdict& verdict);
-void remarkPrecision(const InputFacts& input, const SceneExtent& extent, Verdict& verdict);
-
-// The distance from the largest coordinate of an axis to the next one that single precision can hold.
-Point positionSteps(const Box& box);
+// Everything that the header and the size of a file can tell. Throws a Failure (InputRefused) for what cannot
+// be read, and for what a conversion would misread.
+InputFacts checkInput(const std::string& name, Warnings& warnings);
 
 } // namespace Tavrin::SplatProgram

@@ -20,43 +20,52 @@ std::string pointText(const Point& point, const char* format) {
 }
 
 std::string cellsText(const Plan& plan) {
+    const std::uint64_t cells = plan.measured.cells.size();
     if (plan.grid.oneCell) {
         return "1 (up to 1,000,000 splats are one cell)";
     }
-    if (!plan.areCellsKnown) {
-        return "not known: the grid is too wide";
+    if (!plan.grid.countable()) {
+        return "none: the grid is too wide";
     }
-    return fmt::format("{} of {} x {} ({:g} x {:g} units each), the fullest with {}",
-                       countText(plan.cells.cells), countText(static_cast<std::uint64_t>(plan.grid.countX)),
+    return fmt::format("{} of {} x {} ({:g} x {:g} units each), the fullest with {}", countText(cells),
+                       countText(static_cast<std::uint64_t>(plan.grid.countX)),
                        countText(static_cast<std::uint64_t>(plan.grid.countY)), plan.grid.cellSizeX,
-                       plan.grid.cellSizeY, countText(plan.cells.largest, "splat", "splats"));
+                       plan.grid.cellSizeY, countText(plan.largestCell, "splat", "splats"));
+}
+
+// The two layouts of the canonical records.
+std::uint32_t recordFloats(const Plan& plan) {
+    return plan.hasCoefficients() ? 62 : 17;
+}
+
+int degreeOf(const Plan& plan) {
+    return plan.hasCoefficients() ? 3 : 0;
 }
 
 std::string boxText(const Plan& plan) {
     return fmt::format("({:g}, {:g}, {:g}) to ({:g}, {:g}, {:g}), {}", plan.box.min[0], plan.box.min[1],
                        plan.box.min[2], plan.box.max[0], plan.box.max[1], plan.box.max[2],
-                       plan.isBoxMeasured ? "measured by the converter, the origin always in it"
-                                          : "as stated");
+                       plan.measured.isBoxStated ? "as stated"
+                                                 : "measured by the converter, the origin always in it");
 }
 
 } // namespace
 
 std::string planText(const Plan& plan, const OutputPlace& output) {
-    const SplatLayout& layout = plan.input.file.layout;
     std::string text;
-    text += row("input", plan.input.name);
+    text += row("input", plan.input);
     text += row("output", textFromPath(output.folder));
-    text += row("records", fmt::format("{} of {} floats ({} bytes)", countText(plan.input.file.records),
-                                       layout.floats, layout.recordBytes()));
-    text += row("degree", fmt::format("{} of the spherical harmonics", layout.degree()));
+    text += row("records", fmt::format("{} of {} floats ({} bytes)", countText(plan.records()),
+                                       recordFloats(plan), recordFloats(plan) * sizeof(float)));
+    text += row("degree", fmt::format("{} of the spherical harmonics", degreeOf(plan)));
     text += row("box", boxText(plan));
     text += row("cells", cellsText(plan));
-    text += row("left out", countText(plan.cells.leftOut, "splat", "splats"));
+    text += row("left out", countText(plan.measured.leftOut, "splat", "splats"));
     text += row("data.bin", countText(plan.dataBytes, "byte", "bytes"));
-    if (layout.hasCoefficients()) {
+    if (plan.hasCoefficients()) {
         text += row("shcoef.bin", countText(plan.coefficientBytes, "byte", "bytes"));
     }
-    text += row("index.bin", plan.areCellsKnown ? countText(plan.indexBytes, "byte", "bytes") : "not known");
+    text += row("index.bin", countText(plan.indexBytes, "byte", "bytes"));
     text += row("meta document", "at most " + countText(plan.metaBytesAtMost, "byte", "bytes"));
     text += row("log.txt", "at most " + countText(plan.logBytesAtMost, "byte", "bytes"));
     text += row("disk", fmt::format("{}, {} are free", bytesText(plan.diskBytes), bytesText(plan.freeDisk)));
@@ -68,21 +77,18 @@ std::string planText(const Plan& plan, const OutputPlace& output) {
 }
 
 std::string planJson(const Plan& plan, const OutputPlace& output, const std::vector<std::string>& warnings) {
-    const SplatLayout& layout = plan.input.file.layout;
     nlohmann::ordered_json json;
-    json["input"] = plan.input.name;
+    json["input"] = plan.input;
     json["output"] = textFromPath(output.folder);
-    json["records"] = plan.input.file.records;
-    json["recordFloats"] = layout.floats;
-    json["recordBytes"] = layout.recordBytes();
-    json["degree"] = layout.degree();
-    json["box"] = {{"min", plan.box.min}, {"max", plan.box.max}, {"measured", plan.isBoxMeasured}};
-    if (plan.areCellsKnown) {
-        json["cells"] = plan.cells.cells;
-        json["indexBytes"] = plan.indexBytes;
-    }
-    json["largestCell"] = plan.cells.largest;
-    json["leftOut"] = plan.cells.leftOut;
+    json["records"] = plan.records();
+    json["recordFloats"] = recordFloats(plan);
+    json["recordBytes"] = recordFloats(plan) * sizeof(float);
+    json["degree"] = degreeOf(plan);
+    json["box"] = {{"min", plan.box.min}, {"max", plan.box.max}, {"measured", !plan.measured.isBoxStated}};
+    json["cells"] = plan.measured.cells.size();
+    json["indexBytes"] = plan.indexBytes;
+    json["largestCell"] = plan.largestCell;
+    json["leftOut"] = plan.measured.leftOut;
     json["dataBytes"] = plan.dataBytes;
     json["shcoefBytes"] = plan.coefficientBytes;
     json["metaBytesAtMost"] = plan.metaBytesAtMost;

@@ -1,7 +1,7 @@
 // The plan of --dry-run, for people and for machines.
 #pragma once
 
-#include "program/convert/preflight.h"
+#include "program/convert/plan.h"
 
 #include <string>
 #include <vector>

@@ -102,7 +102,6 @@ PartialFolder::PartialFolder(OutputPlace place)
                       fmt::format("{}: cannot be created: {}: choose another place", textFromPath(lockPath),
                                   error ? error.message() : "another run holds it"));
     }
-    // The converter deletes what stands in its way.
     for (const fs::path& path : {path_, replaced_}) {
         if (fs::exists(fs::symlink_status(path, error))) {
             lock_.reset();
@@ -113,6 +112,7 @@ PartialFolder::PartialFolder(OutputPlace place)
 }
 
 PartialFolder::~PartialFolder() {
+    flush_.reset();
     if (!isPublished_) {
         removeDataset(path_);
         lock_.reset();
@@ -146,22 +146,41 @@ void PartialFolder::removeCreatedParents() noexcept {
     }
 }
 
-void PartialFolder::flush(const std::function<void(double)>& progress) const {
+void PartialFolder::create() const {
+    std::error_code error;
+    if (!fs::create_directory(path_, error)) {
+        throw Failure(ExitStatus::outputRefused,
+                      fmt::format("{}: cannot be created: {}: choose another place", textFromPath(path_),
+                                  error ? error.message() : "something stands in the way"));
+    }
+}
+
+void PartialFolder::beginFlush() {
     std::vector<fs::path> paths;
     for (const fs::directory_entry& entry : fs::directory_iterator(path_)) {
         paths.push_back(entry.path());
     }
     std::ranges::sort(paths);
     paths.push_back(path_); // last: its entries lead to what is on the disk by then
-    for (std::size_t i = 0; i < paths.size(); ++i) {
+    flush_ = std::make_unique<DiskFlush>(std::move(paths));
+}
+
+void PartialFolder::flush(const std::function<void(double)>& progress) {
+    if (!flush_) {
+        beginFlush();
+    }
+    constexpr std::chrono::milliseconds patience(20);
+    while (!flush_->waitFor(patience)) {
         throwIfInterrupted();
-        progress(static_cast<double>(i) / static_cast<double>(paths.size()));
-        if (const std::error_code error = flushToDisk(paths[i])) {
-            throw Failure(
-                ExitStatus::conversionFailed,
-                fmt::format("{}: cannot be written to the disk: {}: check the disk and its free space",
-                            textFromPath(paths[i]), error.message()));
-        }
+        progress(flush_->share());
+    }
+    throwIfInterrupted();
+    const FlushEnd end = flush_->end();
+    flush_.reset();
+    if (end.error) {
+        throw Failure(ExitStatus::conversionFailed,
+                      fmt::format("{}: cannot be written to the disk: {}: check the disk and its free space",
+                                  textFromPath(end.path), end.error.message()));
     }
 }
 

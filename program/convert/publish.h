@@ -1,6 +1,8 @@
+// Where a dataset grows, and how it takes the place of an earlier one.
 #pragma once
 
 #include "program/convert/output_check.h"
+#include "program/system/disk_flush.h"
 #include "program/system/platform.h"
 
 #include <filesystem>
@@ -29,8 +31,7 @@ void cleanUpDeadRuns(const std::filesystem::path& folder);
 // published, it is removed with this object, and so are missing parents that were created for it.
 class PartialFolder {
 public:
-    // Creates missing parents and takes the lock; the folder itself is left to the converter. Throws a
-    // Failure (OutputRefused) when that fails.
+    // Creates missing parents and takes the lock. Throws a Failure (OutputRefused) when that fails.
     explicit PartialFolder(OutputPlace place);
     PartialFolder(const PartialFolder&) = delete;
     PartialFolder& operator=(const PartialFolder&) = delete;
@@ -38,9 +39,16 @@ public:
 
     const std::filesystem::path& path() const { return path_; }
 
-    // Returns when files and folder are on the disk itself. `progress` gets the share that is done, 0 to 1.
-    // Throws a Failure (ConversionFailed).
-    void flush(const std::function<void(double)>& progress) const;
+    // Creates the folder, empty. Throws a Failure (OutputRefused).
+    void create() const;
+
+    // Begins to bring files and folder to the disk itself, while the caller goes on. Their content must be
+    // complete.
+    void beginFlush();
+
+    // Returns when files and folder are on the disk. `progress` gets the share that is done, 0 to 1, and may
+    // throw. Throws a Failure (ConversionFailed).
+    void flush(const std::function<void(double)>& progress);
 
     // Puts the folder in the place of the output folder, in one step where the file system has it, and
     // removes what stood there. Checks once more what stands there now, and throws a Failure when a dataset
@@ -58,6 +66,7 @@ private:
     std::filesystem::path path_;
     std::filesystem::path replaced_;
     std::unique_ptr<LockFile> lock_;
+    std::unique_ptr<DiskFlush> flush_;
     bool isPublished_ = false;
 };
 

@@ -25,11 +25,6 @@ std::string_view lineEnd() {
     return lineEndBytes() == 2 ? "\r\n" : "\n";
 }
 
-Point stated(const SceneComments& comments, const std::string& name, double otherwise) {
-    return {comments.kept(name + "x", otherwise), comments.kept(name + "y", otherwise),
-            comments.kept(name + "z", otherwise)};
-}
-
 SplatReader::Range rangeOf(std::string_view name, const Plan& plan) {
     SplatReader::Range range;
     range.components = name == "opacity" ? 1 : 3;
@@ -40,7 +35,7 @@ SplatReader::Range rangeOf(std::string_view name, const Plan& plan) {
             range.min[axis] = plan.box.min[axis] * Format::positionRangeFactor;
             range.max[axis] = plan.box.max[axis] * Format::positionRangeFactor;
         }
-    } else if (name.ends_with("shcoef") && !plan.input.file.layout.hasCoefficients()) {
+    } else if (name.ends_with("shcoef") && !plan.hasCoefficients()) {
         range.min.fill(0.0);
         range.max.fill(1.0);
     }
@@ -50,28 +45,28 @@ SplatReader::Range rangeOf(std::string_view name, const Plan& plan) {
 } // namespace
 
 std::uint64_t metaBytesAtMost(const Plan& plan) {
-    const SceneComments& comments = plan.input.comments;
+    const GaussionSplat::Params& params = plan.measured.params;
     SplatReader::Meta meta;
     meta.version = Format::version;
     meta.guid.assign(32, '0');
     meta.name = Format::name;
     meta.description = Format::description;
-    meta.source = comments.dataType.empty() ? "ply" : comments.dataType; // "ytr" is as long
-    meta.dataType = comments.source;
-    meta.totalSplats = plan.input.file.records;
+    meta.source = params.dataType;
+    meta.dataType = params.source;
+    meta.totalSplats = plan.measured.splats;
     meta.totalLevel = 1;
     meta.cellLengthX = plan.grid.cellSizeX;
     meta.cellLengthY = plan.grid.cellSizeY;
     meta.indexDataSize = Format::indexKeySize + Format::indexLevelSize;
-    meta.offset = stated(comments, "offset", 0.0);
-    meta.epsg = comments.epsg;
-    meta.shift = stated(comments, "shift", 0.0);
-    meta.scale = stated(comments, "scale", 1.0);
+    meta.offset = {params.offsetx, params.offsety, params.offsetz};
+    meta.epsg = params.epsg;
+    meta.shift = {params.shiftx, params.shifty, params.shiftz};
+    meta.scale = {params.scalex, params.scaley, params.scalez};
     meta.splats = {meta.totalSplats};
     meta.boundingMin = plan.box.min;
     meta.boundingMax = plan.box.max;
     meta.encoding = "COMPRESS";
-    meta.fileType = plan.input.file.layout.hasCoefficients() ? "Quality" : "Portable";
+    meta.fileType = plan.hasCoefficients() ? "Quality" : "Portable";
     for (std::size_t i = 0; i < meta.attributes.size(); ++i) {
         meta.attributes[i] = rangeOf(Format::attributeNames[i], plan);
     }
@@ -80,19 +75,19 @@ std::uint64_t metaBytesAtMost(const Plan& plan) {
 
 std::uint64_t logBytesAtMost(const Plan& plan, const OutputPlace& output) {
     const auto nameOf = [](const std::filesystem::path& path) { return converterPath(path).value_or(""); };
-    const std::string text = fmt::format(
-        "INFO(convert:74): input data file:{}\n"
-        "INFO(convert:75): out input file path:{}\n"
-        "INFO(chunker:37): Start chunking... \n"
-        "INFO(chunker:342): chunking finished . \n"
-        "INFO(indexer:29): Start Index ,need a little time ... \n"
-        "INFO(indexer:38): Index finished ,Start create Data... \n"
-        "INFO(indexer:694): Data create finished , free file stream... \n"
-        "INFO(indexer:701): Data create finished , free file stream success.\n"
-        "INFO(indexer:40): Index finished ,Start create Index... \n"
-        "INFO(indexer:42): Index finished ,Start create meta data \n"
-        "INFO(indexer:45): All tasks finished .\n",
-        nameOf(pathFromText(plan.input.name)), nameOf(partialPath(output.folder, longestProcessId)));
+    const std::string text =
+        fmt::format("INFO(convert:74): input data file:{}\n"
+                    "INFO(convert:75): out input file path:{}\n"
+                    "INFO(chunker:37): Start chunking... \n"
+                    "INFO(chunker:342): chunking finished . \n"
+                    "INFO(indexer:29): Start Index ,need a little time ... \n"
+                    "INFO(indexer:38): Index finished ,Start create Data... \n"
+                    "INFO(indexer:694): Data create finished , free file stream... \n"
+                    "INFO(indexer:701): Data create finished , free file stream success.\n"
+                    "INFO(indexer:40): Index finished ,Start create Index... \n"
+                    "INFO(indexer:42): Index finished ,Start create meta data \n"
+                    "INFO(indexer:45): All tasks finished .\n",
+                    nameOf(pathFromText(plan.input)), nameOf(partialPath(output.folder, longestProcessId)));
     const auto lines = static_cast<std::uint64_t>(std::ranges::count(text, '\n'));
     return text.size() + lines * (lineEndBytes() - 1);
 }

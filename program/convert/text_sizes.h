@@ -1,7 +1,7 @@
 // The sizes of a dataset's text files before they are written.
 #pragma once
 
-#include "program/convert/preflight.h"
+#include "program/convert/plan.h"
 
 #include <cstdint>
 
@@ -13,7 +13,7 @@ namespace Tavrin::SplatProgram {
 std::uint64_t metaBytesAtMost(const Plan& plan);
 
 // The most bytes that the run log takes. It names the folder that the converter is given, which ends in the
-// id of a process that does not exist yet: the longest id is counted.
+// id of the process that will run: the longest id is counted.
 std::uint64_t logBytesAtMost(const Plan& plan, const OutputPlace& output);
 
 } // namespace Tavrin::SplatProgram

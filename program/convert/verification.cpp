@@ -18,11 +18,11 @@ namespace {
 
 // Splats at no finite position are kept as they are, and were warned of: as many of them as the input holds
 // are no fault of the dataset.
-void requireSound(const SplatReader::Findings& findings, const std::string& input, const Plan* plan) {
+void requireSound(const SplatReader::Findings& findings, const std::string& input,
+                  const SplatStream::Measured& measured) {
     constexpr const char* positionKind = "record-position";
     const auto kind = findings.errorKinds().find(positionKind);
-    const bool isFromInput =
-        kind != findings.errorKinds().end() && plan != nullptr && kind->second == plan->extent.notFinite;
+    const bool isFromInput = kind != findings.errorKinds().end() && kind->second == measured.notFinite;
     const std::uint64_t errors = findings.errorCount() - (isFromInput ? kind->second : 0);
     if (errors == 0) {
         return;
@@ -34,41 +34,38 @@ void requireSound(const SplatReader::Findings& findings, const std::string& inpu
     fail(input, first->text() + (errors > 1 ? fmt::format(" (and {} more)", countText(errors - 1)) : ""));
 }
 
-// What the plan foresaw, which the program computed from the input by itself.
-void compareWithPlan(const SplatReader::VerifyReport& report, const std::string& input, const Plan& plan) {
-    const std::uint64_t read = plan.input.file.records;
-    if (report.splatsHeld + report.splatsLeftOut != read) {
-        fail(input, fmt::format("{} read, but {} written and {} left out", countText(read, "splat", "splats"),
-                                countText(report.splatsHeld), countText(report.splatsLeftOut)));
+// What the first pass found, and the second had no part in.
+void compareWithMeasured(const SplatReader::VerifyReport& report, const std::string& input,
+                         const SplatStream::Measured& measured) {
+    if (report.splatsHeld + report.splatsLeftOut != measured.splats) {
+        fail(input, fmt::format("{} read, but {} written and {} left out",
+                                countText(measured.splats, "splat", "splats"), countText(report.splatsHeld),
+                                countText(report.splatsLeftOut)));
     }
-    if (!plan.areCellsKnown) {
-        return;
-    }
-    if (report.splatsLeftOut != plan.cells.leftOut || report.cells != plan.cells.cells) {
-        fail(input, fmt::format("{} cells with {} splats left out, planned were {} with {}",
+    if (report.splatsLeftOut != measured.leftOut || report.cells != measured.cells.size()) {
+        fail(input, fmt::format("{} cells with {} splats left out, measured were {} with {}",
                                 countText(report.cells), countText(report.splatsLeftOut),
-                                countText(plan.cells.cells), countText(plan.cells.leftOut)));
+                                countText(measured.cells.size()), countText(measured.leftOut)));
     }
 }
 
 } // namespace
 
 SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, const std::string& input,
-                                           const Plan* plan, bool allowLoss, Progress& progress) {
+                                           const SplatStream::Measured& measured, bool allowLoss,
+                                           unsigned threads, Progress& progress) {
     SplatReader::VerifyOptions options;
     options.level = SplatReader::VerifyLevel::full;
+    options.threads = threads;
     options.progress = [&](std::uint64_t done, std::uint64_t all) {
         throwIfInterrupted();
-        progress.update(Stage::verifying,
-                        all > 0 ? static_cast<double>(done) / static_cast<double>(all) : 1.0);
+        progress.update(Stage::verifying, static_cast<double>(done) / static_cast<double>(all), done);
     };
-    progress.update(Stage::verifying);
+    progress.update(Stage::verifying, 0.0, 0);
     SplatReader::VerifyReport report = SplatReader::verifyDataset(folder, options);
     progress.clear();
-    requireSound(report.findings, input, plan);
-    if (plan != nullptr) {
-        compareWithPlan(report, input, *plan);
-    }
+    requireSound(report.findings, input, measured);
+    compareWithMeasured(report, input, measured);
     if (report.splatsLeftOut > 0 && !allowLoss) {
         throw Failure(
             ExitStatus::splatsLeftOut,

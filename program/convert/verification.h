@@ -1,6 +1,7 @@
+// The check of a dataset that was just written.
 #pragma once
 
-#include "program/convert/preflight.h"
+#include "program/convert/conversion.h"
 #include "program/terminal/progress.h"
 #include "reader/verify.h"
 
@@ -10,9 +11,10 @@
 namespace Tavrin::SplatProgram {
 
 // Checks every relation of a dataset that was just written, and that it accounts for every splat of the
-// input: read = written + left out, as planned. `plan` may be null. Throws a Failure: VerificationFailed; or
-// SplatsLeftOut unless `allowLoss`; or Interrupted.
+// input: read = written + left out, as measured. Reads on so many threads. Throws a Failure:
+// VerificationFailed; or SplatsLeftOut unless `allowLoss`; or Interrupted.
 SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, const std::string& input,
-                                           const Plan* plan, bool allowLoss, Progress& progress);
+                                           const SplatStream::Measured& measured, bool allowLoss,
+                                           unsigned threads, Progress& progress);
 
 } // namespace Tavrin::SplatProgram

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "program/info/distribution.h"
-#include "program/scene/scene_scan.h"
+#include "program/scene/splat_file.h"
 #include "reader/dataset.h"
 
 #include <cstdint>

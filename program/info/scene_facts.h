@@ -4,7 +4,7 @@
 #include "program/info/distribution.h"
 #include "program/scene/ply_header.h"
 #include "program/scene/scene_comments.h"
-#include "program/scene/scene_scan.h"
+#include "program/scene/splat_file.h"
 
 #include <cstdint>
 #include <optional>

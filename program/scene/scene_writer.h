@@ -1,7 +1,7 @@
 // A dataset as a splat PLY file.
 #pragma once
 
-#include "program/scene/scene_scan.h"
+#include "program/scene/splat_file.h"
 #include "reader/dataset.h"
 
 #include <cstdint>

@@ -17,12 +17,14 @@ void note(int) {
 void catchInterrupts() {
     // A closed terminal or pipe must not end the process between two steps.
     std::signal(SIGPIPE, SIG_IGN);
+    // A write beyond the limit of a file's size fails instead.
+    std::signal(SIGXFSZ, SIG_IGN);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction previous = {};
         if (::sigaction(number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) {
             continue; // nohup, or a job in the background of a script
         }
-        // Without SA_RESTART: waiting for the child returns at once.
+        // Without SA_RESTART: a call that waits returns at once.
         struct sigaction action = {};
         action.sa_handler = note;
         ::sigaction(number, &action, nullptr);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -56,6 +57,11 @@ std::uint64_t availableMemory();
 // the order of its entries by itself.
 std::error_code flushToDisk(const std::filesystem::path& path);
 
+// The same in steps, where the system has them: `goesOn` is told of the bytes that a step has brought to the
+// disk, and ends the flush by false (std::errc::operation_canceled).
+std::error_code flushToDisk(const std::filesystem::path& path,
+                            const std::function<bool(std::uint64_t bytes)>& goesOn);
+
 // Exchanges the names of two existing folders in one step that nobody can see half done.
 // std::errc::function_not_supported when the system or the file system has no such step.
 std::error_code exchangeNames(const std::filesystem::path& one, const std::filesystem::path& other);
@@ -63,8 +69,8 @@ std::error_code exchangeNames(const std::filesystem::path& one, const std::files
 // Renames a folder in place of nothing or of an empty folder; in one step where the system allows it.
 std::error_code renameFolder(const std::filesystem::path& from, const std::filesystem::path& to);
 
-// A file that exists and is locked while this object or a child process lives. The system drops the lock when
-// the last of them ends, however it ends; the file then stays and tells of a dead run.
+// A file that exists and is locked while this object lives. The system drops the lock when the process ends,
+// however it ends; the file then stays and tells of a dead run.
 class LockFile {
 public:
     // Creates the file, or takes over that of a dead run. Nothing, and no error, when a live process holds

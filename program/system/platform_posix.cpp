@@ -20,6 +20,33 @@ std::error_code lastError() {
     return {errno, std::system_category()};
 }
 
+// Brings a file's contents to the disk in steps, as far as the system does that: a flush alone cannot be
+// ended before it is done. First all of it is sent on its way, so that the disk is never idle.
+std::error_code writeBack(int handle, const std::function<bool(std::uint64_t bytes)>& goesOn) {
+    constexpr off_t step = 8 << 20;
+    constexpr unsigned send = SYNC_FILE_RANGE_WRITE;
+    constexpr unsigned await =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    struct stat status = {};
+    if (::fstat(handle, &status) != 0 || !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    for (const unsigned what : {send, await}) {
+        for (off_t at = 0; at < status.st_size; at += step) {
+            const off_t length = std::min(step, status.st_size - at);
+            if (::sync_file_range(handle, at, length, what) != 0) {
+                // Not every file system has it. What the disk refuses is an error here and not once more
+                // later.
+                return errno == EIO || errno == ENOSPC || errno == EDQUOT ? lastError() : std::error_code();
+            }
+            if (!goesOn(what == await ? static_cast<std::uint64_t>(length) : 0)) {
+                return std::make_error_code(std::errc::operation_canceled);
+            }
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 std::filesystem::path pathFromText(std::string_view text) {
@@ -71,11 +98,18 @@ std::error_code checkReadable(const std::filesystem::path& file) {
 }
 
 std::error_code flushToDisk(const std::filesystem::path& path) {
+    return flushToDisk(path, [](std::uint64_t) { return true; });
+}
+
+std::error_code flushToDisk(const std::filesystem::path& path,
+                            const std::function<bool(std::uint64_t bytes)>& goesOn) {
     const int handle = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (handle < 0) {
         return lastError();
     }
-    const std::error_code error = ::fsync(handle) == 0 ? std::error_code() : lastError();
+    std::error_code error = writeBack(handle, goesOn);
+    // Also what was written back by then may have failed, which this alone tells.
+    error = error ? error : ::fsync(handle) == 0 ? std::error_code() : lastError();
     ::close(handle);
     // Some network and user-space file systems cannot flush a folder; they keep its entries in order
     // themselves.
@@ -100,8 +134,7 @@ std::error_code renameFolder(const std::filesystem::path& from, const std::files
 std::unique_ptr<LockFile> LockFile::take(const std::filesystem::path& path, std::error_code& error) {
     error.clear();
     for (;;) {
-        // Not close-on-exec: a child that outlives this process by a moment must keep the lock.
-        const int handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0666);
+        const int handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
         if (handle < 0) {
             error = lastError();
             return nullptr;

@@ -131,6 +131,18 @@ std::error_code flushToDisk(const fs::path& path) {
     return handle && FlushFileBuffers(handle.get()) ? std::error_code() : lastError();
 }
 
+// In one step: the system has no smaller ones.
+std::error_code flushToDisk(const fs::path& path, const std::function<bool(std::uint64_t bytes)>& goesOn) {
+    if (!goesOn(0)) {
+        return std::make_error_code(std::errc::operation_canceled);
+    }
+    const std::error_code error = flushToDisk(path);
+    std::error_code none;
+    const std::uintmax_t size = fs::file_size(path, none);
+    goesOn(none ? 0 : size);
+    return error;
+}
+
 // The system has no such step.
 std::error_code exchangeNames(const fs::path&, const fs::path&) {
     return std::make_error_code(std::errc::function_not_supported);
@@ -154,12 +166,10 @@ std::error_code renameFolder(const fs::path& from, const fs::path& to) {
     }
 }
 
-// The lock is that nobody else may open the file. The handle is inherited, so that a child that outlives this
-// process by a moment keeps it.
+// The lock is that nobody else may open the file.
 std::unique_ptr<LockFile> LockFile::take(const fs::path& path, std::error_code& error) {
     error.clear();
-    SECURITY_ATTRIBUTES inherit = {sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    Handle handle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, &inherit, OPEN_ALWAYS,
+    Handle handle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, OPEN_ALWAYS,
                               FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!handle) {
         if (GetLastError() != ERROR_SHARING_VIOLATION) {

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <cctype>
+#include <charconv>
 #include <cmath>
 
 namespace Tavrin::SplatProgram {
@@ -35,6 +37,27 @@ std::string bytesText(std::uint64_t bytes) {
         ++unit;
     }
     return fmt::format("{:.1f} {}", size, units[unit]);
+}
+
+std::optional<std::uint64_t> bytesFrom(std::string_view text) {
+    constexpr std::string_view units = "kmgtKMGT";
+    constexpr double most = 18446744073709551616.0; // 2^64
+    double number = 0.0;
+    const auto [stop, error] =
+        std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
+    std::string_view unit = text.substr(static_cast<std::size_t>(stop - text.data()));
+    if (error != std::errc() || !std::isdigit(static_cast<unsigned char>(text.front()))) {
+        return std::nullopt;
+    }
+    if (!unit.empty() && units.find(unit.front()) != units.npos) {
+        const std::size_t power = units.find(unit.front()) % 4 + 1;
+        number = std::ldexp(number, static_cast<int>(10 * power));
+        unit.remove_prefix(1);
+        const bool isSpeltOut = unit == "iB" || unit == "B" || unit == "ib" || unit == "b";
+        unit.remove_prefix(isSpeltOut ? unit.size() : 0);
+    }
+    return unit.empty() && number >= 1.0 && number < most ? std::optional(static_cast<std::uint64_t>(number))
+                                                          : std::nullopt;
 }
 
 std::string durationText(double seconds) {

@@ -26,13 +26,8 @@ struct StageFacts {
     double
         part; // of the whole time, as it is for millions of splats on two cores; it only shapes the estimate
 };
-constexpr std::array<StageFacts, 7> stages = {{{"checking the input", 0.08},
-                                               {"measuring the box", 0.05},
-                                               {"reading splats", 0.28},
-                                               {"grouping by cell", 0.23},
-                                               {"writing", 0.11},
-                                               {"verifying", 0.19},
-                                               {"flushing to disk", 0.06}}};
+constexpr std::array<StageFacts, 4> stages = {
+    {{"measuring", 0.28}, {"writing", 0.42}, {"verifying", 0.20}, {"flushing to disk", 0.10}}};
 
 double partBefore(Stage stage) {
     const auto end = stages.begin() + static_cast<std::ptrdiff_t>(stage);
@@ -42,22 +37,16 @@ double partBefore(Stage stage) {
 
 } // namespace
 
-void Progress::update(Stage stage, std::optional<double> share) {
-    const double now = seconds();
-    if (stage != stage_) {
-        stage_ = stage;
-        stageStart_ = now;
-    }
+void Progress::update(Stage stage, double share, std::optional<std::uint64_t> splats) {
     if (isDue()) {
-        show(stages[static_cast<std::size_t>(stage)].name, share, secondsLeft(share, now));
+        const StageFacts& facts = stages[static_cast<std::size_t>(stage)];
+        show(facts.name, share, splats, partBefore(stage) + facts.part * std::clamp(share, 0.0, 1.0));
     }
 }
 
-void Progress::update(std::string_view task, double share) {
+void Progress::update(std::string_view task, double share, std::optional<std::uint64_t> splats) {
     if (isDue()) {
-        show(task, share,
-             share < leastDone ? std::nullopt
-                               : std::optional(seconds() * std::max(0.0, 1.0 - share) / share));
+        show(task, share, splats, std::clamp(share, 0.0, 1.0));
     }
 }
 
@@ -70,31 +59,17 @@ bool Progress::isDue() {
     return true;
 }
 
-void Progress::show(std::string_view name, std::optional<double> share, std::optional<double> left) {
-    std::string line(name);
-    if (share) {
-        line += fmt::format(" {:.0f} %", 100.0 * std::clamp(*share, 0.0, 1.0));
+void Progress::show(std::string_view name, double share, std::optional<std::uint64_t> splats, double done) {
+    const double elapsed = seconds();
+    std::string line = fmt::format("{} {:.0f} %", name, 100.0 * std::clamp(share, 0.0, 1.0));
+    if (splats) {
+        line += fmt::format(", {}", countText(*splats, "splat", "splats"));
     }
-    line += fmt::format(", {}", durationText(seconds()));
-    if (left) {
-        line += fmt::format(", about {} left", durationText(*left));
+    line += fmt::format(", {}", durationText(elapsed));
+    if (done >= leastDone) {
+        line += fmt::format(", about {} left", durationText(elapsed * (1.0 - done) / done));
     }
     write(std::move(line));
-}
-
-std::optional<double> Progress::secondsLeft(std::optional<double> share, double now) const {
-    const double before = partBefore(stage_);
-    const double part = stages[static_cast<std::size_t>(stage_)].part;
-    if (share) {
-        const double done = before + part * std::clamp(*share, 0.0, 1.0);
-        return done < leastDone ? std::nullopt : std::optional(now * (1.0 - done) / done);
-    }
-    if (before < leastDone) {
-        return std::nullopt;
-    }
-    // How far a stage without a share is, the time it has taken tells, until that exceeds its part.
-    const double whole = stageStart_ / before;
-    return whole * (1.0 - before) - std::min(now - stageStart_, whole * part);
 }
 
 void Progress::clear() {

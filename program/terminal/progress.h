@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,10 +11,10 @@
 namespace Tavrin::SplatProgram {
 
 // What a conversion does, in this order.
-enum class Stage { checking, measuring, reading, grouping, writing, verifying, flushing };
+enum class Stage { measuring, writing, verifying, flushing };
 
-// One line on standard error that is written over, at most six times a second: stage, percentage, time
-// elapsed and time left.
+// One line on standard error that is written over, at most six times a second: stage, percentage, splats,
+// time elapsed and time left. Not for several threads at once.
 class Progress {
 public:
     // Shows nothing unless `shown`.
@@ -24,11 +25,11 @@ public:
 
     bool shown() const { return shown_; }
 
-    // `share` of the stage that is done, 0 to 1; nothing where that is not known.
-    void update(Stage stage, std::optional<double> share = {});
+    // `share` of the stage that is done, 0 to 1, and the splats of it where it counts them.
+    void update(Stage stage, double share, std::optional<std::uint64_t> splats = {});
 
     // The same for a run that does nothing else.
-    void update(std::string_view task, double share);
+    void update(std::string_view task, double share, std::optional<std::uint64_t> splats = {});
 
     // Removes the line, so that other lines can be written.
     void clear();
@@ -41,16 +42,13 @@ private:
 
     // True when a line may be shown now.
     bool isDue();
-    // Seconds until the whole run is done; nothing while it is too early to say.
-    std::optional<double> secondsLeft(std::optional<double> share, double now) const;
-    void show(std::string_view name, std::optional<double> share, std::optional<double> left);
+    // `done` is the share of the whole run, 0 to 1.
+    void show(std::string_view name, double share, std::optional<std::uint64_t> splats, double done);
     void write(std::string line);
 
     bool shown_;
     Clock::time_point start_;
     std::optional<Clock::time_point> lastUpdate_;
-    Stage stage_ = Stage::checking;
-    double stageStart_ = 0.0;    // seconds since the start
     std::size_t lineLength_ = 0; // of what stands on the terminal
 };
 

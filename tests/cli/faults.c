@@ -4,20 +4,21 @@
  * FAULT_KILL_AT=N       the process is killed in place of its Nth call that changes names or flushes
  * FAULT_NO_EXCHANGE=1   the file system knows no exchange of names
  * FAULT_FSYNC=N         the Nth flush fails as a full disk does
- * FAULT_HOLD=FILE       the process that runs the converter creates FILE when it is about to create its
- *                       folder, and goes on when FILE is gone
- * FAULT_WATCH=COMMAND   "COMMAND cut NAME" is run before each call of the program, and of the process that
- *                       runs the converter, that changes names or flushes; "COMMAND flushed PATH" after each
- *                       flush
+ * FAULT_READ=N          the Nth read at a place (pread) fails as a broken disk does
+ * FAULT_WRITE=N         the same of writes (pwrite)
+ * FAULT_SLOW=FILE       while FILE exists, every read at a place takes 100 ms longer
+ * FAULT_HOLD=FILE       the process creates FILE when it is about to create the folder that it writes to,
+ *                       and goes on when FILE is gone or a signal comes
+ * FAULT_HOLD_AT=CALL    the same at its first pread, pwrite or fsync instead
+ * FAULT_WATCH=COMMAND   "COMMAND cut NAME" is run before each call that changes names or flushes;
+ *                       "COMMAND flushed PATH" after each flush
  * FAULT_COUNT=FILE      the number of those calls is written to the file when the process exits
- *
- * But for FAULT_HOLD and FAULT_WATCH, processes that the program starts are left alone: the variables are
- * taken away before it starts any.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <signal.h>
+#include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -30,10 +31,14 @@
 
 static long killAt = 0;
 static long failingFlush = 0;
+static long failingRead = 0;
+static long failingWrite = 0;
 static int noExchange = 0;
 static char countFile[4096] = "";
 static long calls = 0;
 static long flushes = 0;
+static atomic_long reads = 0;
+static atomic_long writes = 0;
 
 static long numberOf(const char* name) {
     const char* text = getenv(name);
@@ -45,6 +50,8 @@ static long numberOf(const char* name) {
 __attribute__((constructor)) static void readFaults(void) {
     killAt = numberOf("FAULT_KILL_AT");
     failingFlush = numberOf("FAULT_FSYNC");
+    failingRead = numberOf("FAULT_READ");
+    failingWrite = numberOf("FAULT_WRITE");
     noExchange = numberOf("FAULT_NO_EXCHANGE") != 0;
     const char* file = getenv("FAULT_COUNT");
     if (file != NULL) {
@@ -71,6 +78,22 @@ static void watch(const char* what, const char* subject) {
     if (system(line) != 0) {
         fprintf(stderr, "faults: failed: %s\n", line);
         abort();
+    }
+}
+
+static void hold(const char* call) {
+    static atomic_flag held = ATOMIC_FLAG_INIT;
+    const char* name = getenv("FAULT_HOLD");
+    const char* where = getenv("FAULT_HOLD_AT");
+    if (name == NULL || strcmp(where != NULL ? where : "mkdir", call) != 0 ||
+        atomic_flag_test_and_set(&held)) {
+        return;
+    }
+    FILE* file = fopen(name, "w");
+    if (file != NULL) {
+        fclose(file);
+        while (access(name, F_OK) == 0 && usleep(1000) == 0) {
+        }
     }
 }
 
@@ -112,6 +135,7 @@ int unlink(const char* path) {
 
 int fsync(int file) {
     int (*next)(int) = (int (*)(int))dlsym(RTLD_NEXT, "fsync");
+    hold("fsync");
     countCall("fsync");
     if (++flushes == failingFlush) {
         errno = ENOSPC;
@@ -129,14 +153,54 @@ int fsync(int file) {
 
 int mkdir(const char* path, mode_t mode) {
     int (*next)(const char*, mode_t) = (int (*)(const char*, mode_t))dlsym(RTLD_NEXT, "mkdir");
-    const char* hold = getenv("FAULT_HOLD");
-    FILE* file = hold != NULL && strstr(path, ".partial-") != NULL ? fopen(hold, "w") : NULL;
-    if (file != NULL) {
-        fclose(file);
-        while (access(hold, F_OK) == 0) {
-            usleep(1000);
-        }
+    if (strstr(path, ".partial-") != NULL) {
+        hold("mkdir");
     }
     watch("cut", "mkdir");
     return next(path, mode);
+}
+
+typedef ssize_t Read(int, void*, size_t, off64_t);
+typedef ssize_t CheckedRead(int, void*, size_t, off64_t, size_t);
+typedef ssize_t Write(int, const void*, size_t, off64_t);
+
+static int readFails(void) {
+    hold("pread");
+    const char* slow = getenv("FAULT_SLOW");
+    if (slow != NULL && access(slow, F_OK) == 0) {
+        usleep(100000);
+    }
+    errno = EIO;
+    return ++reads == failingRead;
+}
+
+static int writeFails(void) {
+    hold("pwrite");
+    errno = EIO;
+    return ++writes == failingWrite;
+}
+
+/* Each by the names that compilers ask for. */
+ssize_t pread(int file, void* data, size_t size, off_t at) {
+    return readFails() ? -1 : ((Read*)dlsym(RTLD_NEXT, "pread"))(file, data, size, at);
+}
+
+ssize_t pread64(int file, void* data, size_t size, off64_t at) {
+    return readFails() ? -1 : ((Read*)dlsym(RTLD_NEXT, "pread64"))(file, data, size, at);
+}
+
+ssize_t __pread_chk(int file, void* data, size_t size, off_t at, size_t room) {
+    return readFails() ? -1 : ((CheckedRead*)dlsym(RTLD_NEXT, "__pread_chk"))(file, data, size, at, room);
+}
+
+ssize_t __pread64_chk(int file, void* data, size_t size, off64_t at, size_t room) {
+    return readFails() ? -1 : ((CheckedRead*)dlsym(RTLD_NEXT, "__pread64_chk"))(file, data, size, at, room);
+}
+
+ssize_t pwrite(int file, const void* data, size_t size, off_t at) {
+    return writeFails() ? -1 : ((Write*)dlsym(RTLD_NEXT, "pwrite"))(file, data, size, at);
+}
+
+ssize_t pwrite64(int file, const void* data, size_t size, off64_t at) {
+    return writeFails() ? -1 : ((Write*)dlsym(RTLD_NEXT, "pwrite64"))(file, data, size, at);
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Kills the conversion or the process that runs the converter, or interrupts it, at moments drawn from a whole run,
-# with an earlier dataset in place. Whatever happens, the output folder holds the earlier dataset or the new one,
-# whole, and the next run removes what a killed one left.
+# Kills the program, or interrupts it, at moments drawn from a whole run, with an earlier dataset in place. Whatever
+# happens, the output folder holds the earlier dataset or the new one, whole, and the next run removes what a killed
+# one left. How long an interrupted run takes to end is printed.
 #
 #   PLYCONVERT_PATH=... kill_test.sh [MOMENTS [SEED [SPLATS]]]
 #
@@ -39,60 +39,45 @@ sleep_microseconds() {
     sleep "$(printf '%d.%06d' $(($1 / 1000000)) $(($1 % 1000000)))"
 }
 
-# strike VICTIM PID: what the run suffers.
-strike() {
-    local child
-    case $1 in
-    parent) kill -KILL "$2" ;;
-    child)
-        child=$(child_of "$2")
-        [[ -n $child ]] && kill -KILL "$child"
-        ;;
-    *) kill -"$1" "$2" ;;
-    esac 2>/dev/null
-}
-
-declare -A outcomes
-for victim in child parent INT TERM HUP; do
+declare -A outcomes longest
+for signal in KILL INT TERM HUP; do
+    longest[$signal]=0
     for ((moment = 0; moment < moments; ++moment)); do
         delay=$((duration * (moment * 32768 + RANDOM) / (moments * 32768)))
-        name="$victim after $delay of $duration us"
+        name="$signal after $delay of $duration us"
         rm -rf out && cp -r old out
         # Under nohup, too, the end of the terminal ends it.
         as_in_a_terminal env --default-signal=HUP plyconvert --quiet new.ply out 2>errors &
         pid=$!
         sleep_microseconds "$delay"
-        [[ $victim == parent ]] && child=$(cat "/proc/$pid/task/$pid/children" 2>/dev/null)
-        strike "$victim" "$pid"
+        struck=$(date +%s%N)
+        kill -"$signal" "$pid" 2>/dev/null
         wait "$pid" 2>/dev/null
         status=$?
+        took=$((($(date +%s%N) - struck) / 1000000))
+        ((took <= longest[$signal])) || longest[$signal]=$took
         look
-        outcomes[$victim:$status:$holds]=$((${outcomes[$victim:$status:$holds]:-0} + 1))
+        outcomes[$signal:$status:$holds]=$((${outcomes[$signal:$status:$holds]:-0} + 1))
         [[ $holds != broken ]] || fail "$name: the output folder is broken"
-        case $victim:$status in
+        case $signal:$status in
         *:0) [[ $holds == new ]] || fail "$name: status 0, but the output folder holds the $holds dataset" ;;
-        child:4) [[ $holds == old && $(wc -l <errors) == 1 ]] || fail "$name: status 4 with $holds: $(cat errors)" ;;
-        parent:137) ;;
-        INT:130 | TERM:130 | HUP:130) [[ $holds == old && $(wc -l <errors) -le 1 ]] || fail "$name: $holds: $(cat errors)" ;;
+        KILL:137) ;;
+        *:130) [[ $holds == old && $(wc -l <errors) -le 1 ]] || fail "$name: $holds: $(cat errors)" ;;
         TERM:143 | HUP:129) [[ $holds == old ]] || fail "$name: $holds" ;; # before the program answers signals
         *) fail "$name: status $status: $(cat errors)" ;;
         esac
-        if [[ $victim == parent ]]; then
-            # The child ends with its parent.
-            for ((wait = 0; wait < 1000; ++wait)); do
-                [[ -n ${child// /} && -e /proc/${child// /} ]] || break
-                sleep 0.01
-            done
-            ((wait < 1000)) || fail "$name: the child lives on"
-        elif [[ -n $(listing | grep -E '^out\.') ]]; then
+        if [[ $signal != KILL && -n $(listing | grep -E '^out\.') ]]; then
             fail "$name: left behind: $(listing | grep -E '^out\.' | paste -s -d ' ')"
         fi
     done
     # The next run cleans up.
-    plyconvert --quiet new.ply out || fail "$victim: the run after the last one fails"
-    [[ -z $(listing | grep -E '^out\.') ]] || fail "$victim: still there: $(listing | grep -E '^out\.' | paste -s -d ' ')"
+    plyconvert --quiet new.ply out || fail "$signal: the run after the last one fails"
+    [[ -z $(listing | grep -E '^out\.') ]] || fail "$signal: still there: $(listing | grep -E '^out\.' | paste -s -d ' ')"
 done
 for outcome in "${!outcomes[@]}"; do
     echo "$outcome: ${outcomes[$outcome]} times"
 done | sort
+for signal in INT TERM HUP; do
+    echo "$signal: ended within ${longest[$signal]} ms"
+done
 ((failures == 0))

@@ -108,12 +108,3 @@ small_disk() {
 as_in_a_terminal() {
     ASAN_OPTIONS=${ASAN_OPTIONS:-}:detect_leaks=0 exec setsid env --default-signal=INT "$@"
 }
-
-# child_of PID: the process that it started; waits until there is one, or until PID has ended.
-child_of() {
-    local child=
-    while [[ -z $child && -e /proc/$1/task/$1/children ]]; do
-        read -r child _ <"/proc/$1/task/$1/children"
-    done 2>/dev/null
-    echo "$child"
-}

@@ -7,7 +7,7 @@
 # that continue it) is followed by what the command prints on standard output and standard error, and by "[STATUS]"
 # when its exit status is not 0. All commands of a file run in one shell, in a scratch folder of its own, with the
 # functions of lib.sh and the folders of PLYCONVERT_PATH in front of PATH. What differs from run to run (durations,
-# process ids, free space) is compared in a settled form. --update writes what was printed into the file.
+# process ids, free space, memory that depends on the processors) is compared in a settled form. --update writes what was printed into the file.
 #
 # A line "<!-- setup: COMMAND -->" outside the blocks runs a command whose output is of no interest.
 #
@@ -47,6 +47,8 @@ settled() {
         -e 's/(guid +)[0-9a-f]{32}/\1GUID/' \
         -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
         -e 's/[0-9.]+ [KMGTP]iB and FREE/NEED and FREE/' \
+        -e 's/^(peak memory +)[0-9.]+ [KMGTP]iB,/\1NEED,/' -e 's/"memoryBytes":[0-9]+/"memoryBytes":NEED/' \
+        -e 's/(takes at least) [0-9.]+ [KMGTP]iB/\1 NEED/' \
         -e 's/"seconds":[0-9.e+-]+,"splatsPerSecond":[0-9]+/"seconds":TIME,"splatsPerSecond":SPEED/' \
         -e 's/(log\.txt +at most) [0-9,]+/\1 SOME/' -e 's/("logBytesAtMost"):[0-9]+/\1:SOME/' \
         -e 's/"(free[A-Za-z]*Bytes)":[0-9]+/"\1":FREE/g' "$1"

@@ -44,5 +44,22 @@ TEST(Figures, DurationsNeverShowSixtySeconds) {
     EXPECT_EQ(durationText(8100), "2:15 h");
 }
 
+TEST(Figures, SizesAreReadWithTheirUnits) {
+    EXPECT_EQ(bytesFrom("1"), 1u);
+    EXPECT_EQ(bytesFrom("5000000"), 5'000'000u);
+    EXPECT_EQ(bytesFrom("512M"), std::uint64_t{512} << 20);
+    EXPECT_EQ(bytesFrom("2g"), std::uint64_t{2} << 30);
+    EXPECT_EQ(bytesFrom("1.5KiB"), 1'536u);
+    EXPECT_EQ(bytesFrom("1gb"), std::uint64_t{1} << 30);
+    EXPECT_EQ(bytesFrom("3TB"), std::uint64_t{3} << 40);
+}
+
+TEST(Figures, WhatIsNoSizeIsNone) {
+    for (const char* text : {"", "0", "-1", "+1", " 1", "1 G", "G", "much", "1GG", "1Mi", "0x10", "inf",
+                             "nan", "1e3", "16777216T", "0.5"}) {
+        EXPECT_EQ(bytesFrom(text), std::nullopt) << text;
+    }
+}
+
 } // namespace
 } // namespace Tavrin::SplatProgram

@@ -85,11 +85,10 @@ TEST(Progress, KeepsSharesWithinZeroAndOneHundredPercent) {
     }
 }
 
-TEST(Progress, NamesAStageWithoutAShare) {
+TEST(Progress, TellsTheSplatsOfAStage) {
     Progress progress(true);
-    const std::string line = shownAfter(outputOf([&] { progress.update(Stage::verifying); }));
-    EXPECT_TRUE(line.starts_with("verifying, ")) << line;
-    EXPECT_EQ(line.find('%'), std::string::npos) << line;
+    const std::string line = shownAfter(outputOf([&] { progress.update(Stage::writing, 0.5, 1'234'567); }));
+    EXPECT_TRUE(line.starts_with("writing 50 %, 1,234,567 splats, ")) << line;
     outputOf([&] { progress.clear(); });
 }
 

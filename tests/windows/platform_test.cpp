@@ -2,13 +2,10 @@
 
 #include "program/system/platform.h"
 
-#include "program/system/child_process.h"
 #include "tests/support/files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstdio>
 
 #include <windows.h>
 
@@ -93,6 +90,8 @@ TEST_F(PlatformFolders, AreFlushedAndWrittenTo) {
     EXPECT_FALSE(flushToDisk(scratch / "file"));
     EXPECT_FALSE(flushToDisk(scratch.folder()));
     EXPECT_TRUE(flushToDisk(scratch / "none"));
+    EXPECT_EQ(flushToDisk(scratch / "file", [](std::uint64_t) { return false; }),
+              std::errc::operation_canceled);
     EXPECT_FALSE(checkWritable(scratch.folder()));
     EXPECT_TRUE(checkWritable(scratch / "none"));
     EXPECT_FALSE(checkReadable(scratch / "file"));
@@ -121,132 +120,6 @@ TEST(PlatformMemory, IsNoMoreThanTheMachines) {
     ASSERT_TRUE(GlobalMemoryStatusEx(&machine));
     EXPECT_GT(availableMemory(), 0u);
     EXPECT_LE(availableMemory(), machine.ullTotalPhys);
-}
-
-std::vector<std::string> childWords(const std::string& test) {
-    return {"--gtest_also_run_disabled_tests", "--gtest_filter=ChildSide.DISABLED_" + test,
-            "--gtest_catch_exceptions=0"};
-}
-
-// Child processes: this program, started with one of the next six as the only test.
-
-TEST(ChildSide, DISABLED_PrintsItsWords) {
-    for (const std::string& word : commandLineWords(0, nullptr)) {
-        std::printf("word %s\n", word.c_str());
-    }
-    std::fprintf(stderr, "error line\n");
-    std::fflush(stdout);
-    std::_Exit(66);
-}
-
-TEST(ChildSide, DISABLED_PrintsMoreThanAPipeHolds) {
-    for (int i = 0; i < 100'000; ++i) {
-        std::printf("line %d\n", i);
-    }
-    std::fflush(stdout);
-    std::_Exit(0);
-}
-
-TEST(ChildSide, DISABLED_Waits) {
-    Sleep(INFINITE);
-}
-
-// Where a child of a child says who it is.
-constexpr const char* idFile = "PLYCONVERT_TEST_ID_FILE";
-
-TEST(ChildSide, DISABLED_SaysItsIdAndWaits) {
-    support::writeFile(pathFromText(std::getenv(idFile)), std::to_string(ownProcessId()) + '\n');
-    Sleep(INFINITE);
-}
-
-TEST(ChildSide, DISABLED_HasAChildThatWaits) {
-    const ChildProcess child(childWords("SaysItsIdAndWaits"));
-    Sleep(INFINITE);
-}
-
-TEST(ChildSide, DISABLED_Crashes) {
-    // What such an exception ends with when nobody catches it; raising one would start wine's debugger.
-    TerminateProcess(GetCurrentProcess(), EXCEPTION_ACCESS_VIOLATION);
-}
-
-HANDLE startChildSide(const std::string& test) {
-    std::wstring program(MAX_PATH, L'\0');
-    program.resize(GetModuleFileNameW(nullptr, program.data(), MAX_PATH));
-    std::wstring line = L"child";
-    for (const std::string& word : childWords(test)) {
-        line += L' ' + pathFromText(word).native();
-    }
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process = {};
-    EXPECT_TRUE(CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, FALSE, DETACHED_PROCESS,
-                               nullptr, nullptr, &startup, &process));
-    CloseHandle(process.hThread);
-    return process.hProcess;
-}
-
-void waitForEnd(ChildProcess& child) {
-    while (!child.waitFor(std::chrono::milliseconds(20))) {
-    }
-}
-
-TEST(PlatformChild, GetsItsWordsAsTheyAreAndIsHeard) {
-    const std::vector<std::string> odd = {"two words", "a \"quote\"", "ends in \\", "b\\\\\"c",
-                                          "",          "\xE6\xA3\xAE"};
-    std::vector<std::string> words = childWords("PrintsItsWords");
-    words.insert(words.end(), odd.begin(), odd.end());
-    ChildProcess child(words);
-    waitForEnd(child);
-    EXPECT_EQ(child.end().status, 66);
-    EXPECT_EQ(child.end().killer, "");
-    for (const std::string& word : odd) {
-        EXPECT_THAT(child.outputLines(), testing::Contains("word " + word));
-    }
-    EXPECT_EQ(child.errorLines(), std::vector<std::string>{"error line"});
-}
-
-TEST(PlatformChild, IsNotHeldUpByAFullPipe) {
-    ChildProcess child(childWords("PrintsMoreThanAPipeHolds"));
-    waitForEnd(child);
-    EXPECT_EQ(child.end().status, 0);
-    EXPECT_THAT(child.outputLines(), testing::Contains("line 0"));
-}
-
-TEST(PlatformChild, EndsWithTheObject) {
-    const std::uint64_t own = ownProcessId();
-    EXPECT_TRUE(processMayExist(own));
-    ChildProcess child(childWords("Waits"));
-    EXPECT_FALSE(child.waitFor(std::chrono::milliseconds(1)));
-    // Its destructor returns when the process has ended; the test ends only then.
-}
-
-// Killed from outside, the process that has the object runs no destructor.
-TEST(PlatformChild, EndsWithTheProcessThatStartedIt) {
-    constexpr DWORD patience = 120'000; // milliseconds
-    const support::Scratch scratch;
-    const fs::path idPath = scratch / "id";
-    SetEnvironmentVariableA(idFile, textFromPath(idPath).c_str());
-    // Not a ChildProcess: its job would end the child's child, too.
-    const HANDLE parent = startChildSide("HasAChildThatWaits");
-    std::string id;
-    while (!id.ends_with('\n') && WaitForSingleObject(parent, 20) == WAIT_TIMEOUT) {
-        id = fs::exists(idPath) ? support::readFile(idPath) : "";
-    }
-    ASSERT_TRUE(id.ends_with('\n')) << "the parent has ended";
-    const HANDLE child = OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, std::stoul(id));
-    ASSERT_NE(child, nullptr);
-    EXPECT_EQ(WaitForSingleObject(child, 0), DWORD{WAIT_TIMEOUT}) << "it ends by itself";
-    TerminateProcess(parent, 1);
-    CloseHandle(parent);
-    EXPECT_EQ(WaitForSingleObject(child, patience), DWORD{WAIT_OBJECT_0}) << "it lives on";
-    TerminateProcess(child, 1);
-    CloseHandle(child);
-}
-
-TEST(PlatformChild, ThatCrashesNamesTheException) {
-    ChildProcess child(childWords("Crashes"));
-    waitForEnd(child);
-    EXPECT_EQ(child.end().killer, "exception 0xC0000005");
 }
 
 TEST(PlatformProcess, IsNoneWithAnIdThatTheSystemGivesNobody) {

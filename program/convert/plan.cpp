@@ -1,0 +1,114 @@
+#include "program/convert/plan.h"
+
+#include "program/convert/plan_remarks.h"
+#include "program/convert/text_sizes.h"
+#include "program/system/exit_status.h"
+#include "program/terminal/figures.h"
+#include "reader/format.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr std::uint64_t dataRecordBytes = 32;
+constexpr std::uint64_t coefficientRecordBytes = 64;
+constexpr std::uint64_t indexEntryBytes = 20;
+constexpr std::uint64_t textBytes = 1 << 20;     // room for meta document, log and folder
+constexpr std::uint64_t programBytes = 32 << 20; // code, stacks, and the windows of the verification
+
+// Throws a Failure when the records of so many splats do not fit the disk.
+void checkDisk(Plan& plan, std::uint64_t splats, bool hasCoefficients, const OutputPlace& output) {
+    plan.dataBytes = splats * dataRecordBytes;
+    plan.coefficientBytes = hasCoefficients ? splats * coefficientRecordBytes : 0;
+    plan.diskBytes = plan.dataBytes + plan.coefficientBytes + plan.indexBytes + textBytes;
+    if (plan.diskBytes > plan.freeDisk) {
+        throw Failure(
+            ExitStatus::outputRefused,
+            fmt::format("{}: the dataset needs {} and {} are free at {}: make room, or choose another disk",
+                        output.name, bytesText(plan.diskBytes), bytesText(plan.freeDisk),
+                        textFromPath(output.foundation)));
+    }
+}
+
+std::uint64_t freeDisk(const OutputPlace& output, Warnings& warnings) {
+    std::error_code error;
+    const std::filesystem::space_info space = std::filesystem::space(output.foundation, error);
+    if (error) {
+        warnings.add(fmt::format("{}: the free space is not known: {}", output.name, error.message()));
+        return UINT64_MAX;
+    }
+    return space.available;
+}
+
+Point pointOf(const GaussionSplat::Vector3& vector) {
+    return {vector.x, vector.y, vector.z};
+}
+
+// The meta document would hold inf, which is no JSON, and no cell could be told from another.
+void requireFiniteBox(const Plan& plan) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        if (!std::isfinite(plan.box.min[axis]) || !std::isfinite(plan.box.max[axis])) {
+            throw Failure(
+                ExitStatus::inputRefused,
+                fmt::format("{}: a splat stands at infinity on the {} axis: remove it, or state the bounds "
+                            "of the scene in comment lines",
+                            plan.input, "xyz"[axis]));
+        }
+    }
+}
+
+// The grid as readers will work it out from the meta document.
+SplatReader::Grid gridOf(const Plan& plan) {
+    SplatReader::Meta meta;
+    meta.totalSplats = plan.measured.splats;
+    meta.boundingMin = plan.box.min;
+    meta.boundingMax = plan.box.max;
+    const SplatReader::CellLengths lengths =
+        SplatReader::expectedCellLengths(meta.totalSplats, plan.box.min, plan.box.max);
+    meta.cellLengthX = lengths.x;
+    meta.cellLengthY = lengths.y;
+    return SplatReader::gridOf(meta);
+}
+
+} // namespace
+
+Plan makePlan(const std::string& input, const SplatSource::Source& source, const OutputPlace& output,
+              const Means& means, Warnings& warnings, const PassProgress& progress) {
+    Plan plan;
+    plan.input = input;
+    plan.freeDisk = freeDisk(output, warnings);
+    // What is too large for the disk is refused before the input is read as a whole.
+    checkDisk(plan, source.count, source.hasCoefficients, output);
+
+    plan.measured = measureSource(input, source, means, progress);
+    const SplatStream::Measured& measured = plan.measured;
+    plan.extent = {pointOf(measured.positionMin), pointOf(measured.positionMax)};
+    plan.box = {pointOf(measured.bboxMin), pointOf(measured.bboxMax)};
+    requireFiniteBox(plan);
+    plan.grid = gridOf(plan);
+    for (const SplatStream::Cell& cell : measured.cells) {
+        plan.largestCell = std::max(plan.largestCell, cell.splats);
+    }
+    plan.memory = memoryToPlace(input, measured, means) + programBytes;
+    plan.freeMemory = means.freeMemory;
+    plan.indexBytes = measured.cells.size() * indexEntryBytes;
+    checkDisk(plan, measured.splats - measured.leftOut, measured.hasCoefficients, output);
+    plan.metaBytesAtMost = metaBytesAtMost(plan);
+    plan.logBytesAtMost = logBytesAtMost(plan, output);
+
+    plan.positionStep = positionSteps(plan.extent);
+    const GaussionSplat::AttributeRange& scale = measured.bounding.scale;
+    const Point smallest = pointOf(scale.min);
+    const Point largest = pointOf(scale.max);
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        plan.scaleStep[axis] = (largest[axis] - smallest[axis]) / SplatReader::Format::wordFactor;
+    }
+    remarkPlan(plan, warnings);
+    return plan;
+}
+
+} // namespace Tavrin::SplatProgram

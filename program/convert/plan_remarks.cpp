@@ -1,0 +1,120 @@
+#include "program/convert/plan_remarks.h"
+
+#include "program/terminal/figures.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <utility>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
+constexpr double centimetre = 0.01; // in scene units, taken as metres
+constexpr std::int64_t mostColumns = 65535;
+constexpr std::uint64_t fullestCell = 44'739'242; // splats whose 96 bytes each a 32-bit total still holds
+
+// Bounds to state for a scene: the measured box, widened where the converter would not take it for one.
+std::string boundsAdvice(const Box& box) {
+    constexpr double leastMin = 0.01; // |minx| above 0.001 counts
+    constexpr double leastMax = 0.2;  // |maxx| above 0.1 counts
+    const double minx = std::abs(box.min[0]) < leastMin ? -leastMin : box.min[0];
+    const double maxx = std::abs(box.max[0]) < leastMax ? leastMax : box.max[0];
+    std::string advice;
+    const std::array<double, 3> mins = {minx, box.min[1], box.min[2]};
+    const std::array<double, 3> maxs = {maxx, box.max[1], box.max[2]};
+    for (std::size_t axis = 0; axis < axes.size(); ++axis) {
+        // Nine digits give every single-precision value exactly.
+        advice += fmt::format(", \"comment min{} {:.9g}\"", axes[axis], mins[axis]);
+    }
+    for (std::size_t axis = 0; axis < axes.size(); ++axis) {
+        advice += fmt::format(", \"comment max{} {:.9g}\"", axes[axis], maxs[axis]);
+    }
+    return advice.substr(2);
+}
+
+void remarkBounds(const Plan& plan, Warnings& warnings) {
+    const SplatStream::Measured& measured = plan.measured;
+    if (measured.notFinite > 0) {
+        warnings.add(fmt::format("{}: {} at no finite position: remove them before the conversion",
+                                 plan.input, countText(measured.notFinite, "splat stands", "splats stand")));
+    }
+    const bool isGridUsable = plan.grid.oneCell || plan.grid.countable();
+    const std::uint64_t leftOut = isGridUsable ? measured.leftOut : 0;
+    const std::string loss = leftOut > 0 ? fmt::format(" and {} left out of the dataset",
+                                                       countText(leftOut, "splat is", "splats are"))
+                                         : "";
+    if (!measured.isBoxStated && !measured.hasCoefficients) {
+        warnings.add(
+            fmt::format("{}: the records have 17 floats and the comments state no usable bounds, so the "
+                        "converter measures the box with the wrong record size{}: add {}",
+                        plan.input, loss, boundsAdvice(plan.extent)));
+    } else if (measured.isBoxStated && measured.outside > 0) {
+        warnings.add(fmt::format("{}: {} outside the bounds that the comments state{}: state {}", plan.input,
+                                 countText(measured.outside, "splat lies", "splats lie"), loss,
+                                 boundsAdvice(plan.extent)));
+    } else if (leftOut > 0) {
+        warnings.add(fmt::format("{}: the box has no usable grid{}: state bounds that hold the scene",
+                                 plan.input, loss));
+    }
+}
+
+void remarkPrecision(const Plan& plan, Warnings& warnings) {
+    const Point& steps = plan.positionStep;
+    const auto worst = static_cast<std::size_t>(std::ranges::max_element(steps) - steps.begin());
+    if (steps[worst] > centimetre) {
+        warnings.add(fmt::format(
+            "{}: {} reaches {:.9g}, where single precision steps by {:.3g}: subtract an offset "
+            "from the positions and state it in comment lines",
+            plan.input, axes[worst],
+            std::max(std::abs(plan.extent.min[worst]), std::abs(plan.extent.max[worst])), steps[worst]));
+    }
+}
+
+void remarkGrid(const Plan& plan, Warnings& warnings) {
+    if (!plan.grid.oneCell && !plan.grid.countable()) {
+        warnings.add(
+            fmt::format("{}: the box is too wide for a grid: remove splats that lie far off, or state bounds "
+                        "in comment lines",
+                        plan.input));
+    }
+    const std::array<std::pair<char, std::int64_t>, 2> counts = {
+        {{'X', plan.grid.countX}, {'Y', plan.grid.countY}}};
+    for (const auto& [axis, count] : counts) {
+        if (count > mostColumns) {
+            warnings.add(fmt::format(
+                "{}: {} cells on the {} axis, where keys tell {} apart, so cells run into each "
+                "other: remove splats that lie far off, or state bounds in comment lines",
+                plan.input, countText(static_cast<std::uint64_t>(count)), axis, countText(mostColumns)));
+        }
+    }
+    if (plan.largestCell > fullestCell) {
+        warnings.add(
+            fmt::format("{}: one cell holds {} splats, more than the {} whose bytes a 32-bit number counts: "
+                        "check that your viewer opens it, or thin the scene out",
+                        plan.input, countText(plan.largestCell), countText(fullestCell)));
+    }
+}
+
+} // namespace
+
+Point positionSteps(const Box& box) {
+    Point steps = {};
+    for (std::size_t axis = 0; axis < steps.size(); ++axis) {
+        const auto largest = static_cast<float>(std::max(std::abs(box.min[axis]), std::abs(box.max[axis])));
+        steps[axis] =
+            std::isfinite(largest) ? double{std::nextafter(largest, INFINITY)} - double{largest} : 0.0;
+    }
+    return steps;
+}
+
+void remarkPlan(const Plan& plan, Warnings& warnings) {
+    remarkBounds(plan, warnings);
+    remarkPrecision(plan, warnings);
+    remarkGrid(plan, warnings);
+}
+
+} // namespace Tavrin::SplatProgram

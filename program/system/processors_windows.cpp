@@ -1,0 +1,26 @@
+#include "program/system/processors.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+
+#include <windows.h>
+
+namespace Tavrin::SplatProgram {
+
+// The system has no control groups.
+std::optional<unsigned> quotaProcessors(const std::string&, const std::filesystem::path&) {
+    return std::nullopt;
+}
+
+unsigned usableProcessors() {
+    DWORD_PTR own = 0;
+    DWORD_PTR machine = 0;
+    // Both are 0 for a process in several groups of processors.
+    if (!GetProcessAffinityMask(GetCurrentProcess(), &own, &machine) || own == 0) {
+        return std::max<unsigned>(GetActiveProcessorCount(ALL_PROCESSOR_GROUPS), 1);
+    }
+    return static_cast<unsigned>(std::popcount(std::uint64_t{own}));
+}
+
+} // namespace Tavrin::SplatProgram
