@@ -56,7 +56,7 @@ unsigned affinityProcessors() {
     if (::sched_getaffinity(0, sizeof processors, &processors) == 0) {
         return static_cast<unsigned>(std::max(CPU_COUNT(&processors), 1));
     }
-    return std::max(std::thread::hardware_concurrency(), 1U);
+    return std::max(std::thread::hardware_concurrency(), 1u);
 }
 
 } // namespace
