@@ -24,13 +24,12 @@ struct Splat {
     std::array<double, 45> coefficients{};
 };
 
-// Values of 0 .. maximum that truncation of t * factor left, t in [0, 1], and back: the middle of the
-// interval of t. The last interval ends at 1.
+// Truncating t * factor, t in [0, 1], gives integers 0 .. maximum. Returns the middle of the interval of t
+// that gives `quantised`; the last interval ends at 1.
 double intervalMiddle(std::uint32_t quantised, std::uint32_t maximum, double factor);
 
-// A unit quaternion (w, x, y, z) from its packed word. A word whose three components leave no room for a
-// largest one (which only a rotation that was not a number leaves behind: word 0) gives no rotation, (1, 0,
-// 0, 0).
+// A unit quaternion (w, x, y, z) from its packed word. A word that no unit quaternion packs to gives (1, 0,
+// 0, 0); the converter writes such a word, 0, for a rotation that is not a number.
 std::array<double, 4> unpackRotation(std::uint32_t word);
 
 // Whether some unit quaternion packs to this word.

@@ -11,8 +11,8 @@
 
 namespace Tavrin::SplatProgram {
 
-// Reads every cell's records of level 0 in their order, all cells at the same time. The windows of all cells
-// together take at most 64 MiB, or one record a cell where that is more.
+// Reads the records of level 0 of all cells side by side, each cell from first to last. All windows together
+// take at most 64 MiB, or one record a cell if that is more.
 class CellReaders {
 public:
     explicit CellReaders(const SplatReader::Dataset& dataset);
@@ -20,10 +20,10 @@ public:
     // Number of the cell with this key, if the index has it.
     std::optional<std::size_t> find(std::uint32_t key);
 
-    // The cell's next record; nothing after its last.
+    // The cell's next record; nothing after the last.
     std::optional<SplatReader::RecordCursor::View> next(std::size_t cell);
 
-    // Records of the cell that were not asked for.
+    // Records of the cell that next() has not returned.
     std::uint64_t unread(std::size_t cell) const;
 
 private:
@@ -42,7 +42,7 @@ private:
     SplatReader::DatasetFile data_;
     std::optional<SplatReader::DatasetFile> coefficients_;
     std::unordered_map<std::uint32_t, std::size_t> cells_;
-    // Where keys were found: most lookups end here, as a scene has few cells.
+    // Cache of lookups by key. Most end here, since a scene has few cells.
     struct Remembered {
         std::uint32_t key = 0;
         std::size_t cellAndOne = 0; // 0: empty

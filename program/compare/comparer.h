@@ -11,33 +11,32 @@
 
 namespace Tavrin::SplatProgram {
 
-// Compares splats of a source with the records of the dataset that was made of it, one by one. Several of
-// them can work on the same dataset at the same time.
+// Compares splats of a source with their records in the dataset, one by one. Several comparers can work on
+// one dataset at the same time.
 class Comparer {
 public:
     // The dataset must outlive this object.
     Comparer(const SplatReader::Dataset& dataset, const SplatLayout& layout);
 
-    // `source` points to a record of the source, `number` is its place there; `stored` is the record of the
-    // dataset that came of it.
+    // `source` points to a vertex record, `number` counts it from 0; `stored` is its record in the dataset.
     void compare(const std::byte* source, std::uint64_t number,
                  const SplatReader::RecordCursor::View& stored);
 
-    // What differed so far.
+    // The differences so far.
     const SplatReader::Findings& findings() const { return findings_; }
 
-    // One entry an attribute, in the order of listing.
+    // The errors so far: one entry an attribute, in the order in which reports list them.
     std::vector<AttributeError> errors() const;
 
 private:
     enum Attribute : std::size_t { normal, colour, opacity, scale, rotation, coefficients, attributeCount };
     static constexpr std::size_t coefficientCount = 3 * SplatReader::Format::coefficientsPerChannel;
 
-    // Values that are compared in step. Their number is one that vectors divide; what a splat has no value
-    // for agrees.
+    // Values compared in one vector loop. A lane without a value agrees.
     static constexpr std::size_t laneCount = 16;
     using Lanes = std::array<double, laneCount>;
-    // Everything but position and coefficients. A byte of opacity 0 has a step of its own, and so a lane.
+    // Lanes of the attributes other than position and coefficients. Opacity byte 0 has its own step, so its
+    // own lane.
     enum HeadLane : std::size_t {
         normalLane = 0,
         colourLane = 3,
@@ -46,7 +45,7 @@ private:
         noOpacityLane = 10,
         rotationLane = 11
     };
-    // How far values came back from their source, over the splats of which all did agree.
+    // Distances between values and their source, over the splats in which all agree.
     struct LaneErrors {
         Lanes squares{};
         Lanes largest{};
@@ -75,7 +74,7 @@ private:
     std::array<bool, 3> isScaleFinite_{};
     std::array<bool, 3> isCoefficientFinite_{};
     Lanes headStep_{};
-    Lanes headSlack_{};                        // farthest that a value may come back from its source
+    Lanes headSlack_{};                        // largest distance that agrees
     std::array<double, 3> coefficientSlack_{}; // the same
     SplatReader::Findings findings_;
     std::array<AttributeError, attributeCount> errors_;

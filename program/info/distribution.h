@@ -28,9 +28,9 @@ class Series {
 public:
     explicit Series(std::string name) : name_(std::move(name)) {}
 
-    // For the percentiles and bars; each is kept in memory.
+    // Counts the value towards percentiles and bars, too, and keeps it in memory.
     void sample(double value);
-    // For the smallest and largest alone.
+    // Counts the value towards the smallest and largest alone.
     void widen(double value);
 
     Distribution finish();
@@ -48,8 +48,8 @@ private:
 // The distributions of several attributes, in their order. Each series is finished.
 std::vector<Distribution> finished(std::vector<Series>& series);
 
-// Which of `records` are looked at when not all can be: `runs` runs of `length` consecutive ones, evenly
-// spread; all records as one run when they are few.
+// Which records are sampled: `runs` runs of `length` consecutive records, evenly spread over all `records`.
+// Few records are one run.
 struct SamplePlan {
     std::uint64_t runs = 0;
     std::uint64_t length = 0;
@@ -61,8 +61,8 @@ struct SamplePlan {
     bool everything() const { return samples() == records; }
 };
 
-// The bars as `count` characters, a divisor of their number: block elements, or ASCII characters of rising
-// weight.
+// The bars as `count` characters: block elements, or ASCII characters of rising weight. `count` divides the
+// number of bars.
 std::string barsText(const Distribution& distribution, std::size_t count, bool blockElements);
 
 } // namespace Tavrin::SplatProgram

@@ -8,8 +8,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// The vertex properties that give a value back: inverses of what a conversion does to them. All results are
-// finite.
+// Inverses of what a conversion does to the vertex properties. All results are finite.
 
 // f_dc of a colour in [0, 1]. Full colour (1) comes out as full colour again in single precision.
 float colourProperty(double colour);
@@ -22,8 +21,8 @@ float opacityProperty(double opacity);
 float scaleProperty(double scale);
 
 // rot_0 .. rot_3 (w, x, y, z) of a packed rotation: a unit quaternion that packs to the same word again.
-// Where two components are nearly equal, the middles of their intervals can leave the dropped one smaller
-// than another; those are then moved together until it is the largest.
+// If components are nearly equal, the middles of their intervals can exceed the dropped component. They are
+// then moved together until the dropped one is the largest.
 std::array<float, 4> rotationProperties(std::uint32_t word);
 
 // One vertex record: 62 floats, or 17 without coefficients, whose rest is then left as it is.

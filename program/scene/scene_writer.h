@@ -11,19 +11,19 @@
 
 namespace Tavrin::SplatProgram {
 
-// A header comment that could not be restored, or nothing: what is lost and why.
+// The header of an exported scene.
 struct SceneHeader {
-    std::string text; // up to and including end_header and its line feed
-    std::vector<std::string> remarks;
+    std::string text;                 // up to and including end_header and its line feed
+    std::vector<std::string> remarks; // the comments that could not be restored, and why
 };
 
-// The header of a splat PLY of `splats` records with the geo comments that the dataset's meta document keeps:
-// what the converter reads from them is what the document says.
+// The header of a splat PLY of `splats` records. Its comments make the converter write the values of `meta`
+// again.
 SceneHeader sceneHeader(const SplatReader::Meta& meta, std::uint64_t splats);
 
 // Writes the given cells' splats of level 0, in the order of data.bin, as a binary splat PLY. Throws a
 // Failure (OutputRefused) when the file cannot be written, (Interrupted) when an interrupt was noted, and
-// DatasetError when the dataset cannot be read. What was written stands then, for the caller to remove.
+// DatasetError when the dataset cannot be read. The caller then removes what was written.
 void writeScene(const SplatReader::Dataset& dataset, const std::vector<std::size_t>& cells,
                 const std::string& header, const std::filesystem::path& path, const ScanProgress& progress);
 
