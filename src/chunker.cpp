@@ -30,11 +30,10 @@ LargeArray<Element> tryLargeArray(std::uint64_t count) {
     }
 }
 
-// What a splat's record takes beyond what is already there of it, so that all together stays at the record's
-// size.
-std::uint64_t roomForOne(const Chunker::Task& task, bool countsCells) {
-    const std::uint64_t there = task.stride + (countsCells ? sizeof(std::uint32_t) : 0);
-    return indexedSplatBytes - std::min(indexedSplatBytes, there);
+// Bytes of the 288-byte record not yet covered by the decoded splat and its key.
+std::uint64_t roomForOne(std::size_t recordFloats, bool countsCells) {
+    const std::uint64_t covered = recordFloats * sizeof(float) + (countsCells ? sizeof(std::uint32_t) : 0);
+    return indexedSplatBytes - std::min(indexedSplatBytes, covered);
 }
 
 LargeArray<std::byte> makeRoom(std::uint64_t bytes) {
@@ -44,10 +43,9 @@ LargeArray<std::byte> makeRoom(std::uint64_t bytes) {
 
 } // namespace
 
-DecodeJob::DecodeJob(const Chunker::Task& blockTask, bool countsCells)
-    : task(blockTask), windows(blockTask.count),
-      block(makeLargeArray<float>(blockTask.length / sizeof(float))),
-      roomPerSplat(roomForOne(blockTask, countsCells)), room(makeRoom(blockTask.count * roomPerSplat)),
+DecodeJob::DecodeJob(const Chunker::Task& blockTask, std::size_t recordFloats, bool countsCells)
+    : task(blockTask), windows(blockTask.count), block(makeLargeArray<float>(blockTask.count * recordFloats)),
+      roomPerSplat(roomForOne(recordFloats, countsCells)), room(makeRoom(blockTask.count * roomPerSplat)),
       cells(countsCells ? std::make_shared<ChunkCells>() : nullptr) {
     if (cells) {
         cells->grid = chunkGrid;
@@ -100,6 +98,28 @@ void touchRoom(const DecodeJob& job, std::uint64_t first, std::uint64_t count) {
     }
 }
 
+// Read records of a task into their place. A block is looked for once: where it starts before the file, all
+// of it is zeros. A record is read as its form is wide, from where the task's stride puts it; what lies
+// beyond the task's length is zeros.
+void readRecords(RecordReader& reader, const Chunker::Task& task, std::uint64_t first, std::uint64_t count,
+                 std::size_t recordFloats, float* records) {
+    const std::uint64_t recordBytes = recordFloats * sizeof(float);
+    if (static_cast<std::int64_t>(task.offset) < 0) {
+        std::fill_n(records, count * recordFloats, 0.0f);
+        return;
+    }
+    if (task.stride == recordBytes) {
+        reader.read(task.offset + first * task.stride, records, count * recordBytes);
+        return;
+    }
+    for (std::uint64_t i = 0; i < count; ++i) {
+        float* const record = records + i * recordFloats;
+        const std::uint64_t at = (first + i) * task.stride;
+        std::fill_n(record, recordFloats, 0.0f);
+        reader.read(task.offset + at, record, std::min(recordBytes, task.length - std::min(task.length, at)));
+    }
+}
+
 // Decode windows of a block until none is left; whoever decodes the last one finishes the block. Each window
 // is read straight into its place and decoded there while it is in the cache: the same bytes as one read of
 // the whole block into a block of its own. Record 0 is visited twice, from the same input and with the same
@@ -113,7 +133,7 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const auto counter = pass.countsCells ? std::make_unique<CellCounter>() : nullptr;
     const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         float* const window = job.block.get() + first * recordFloats;
-        reader.read(task.offset + first * task.stride, window, count * task.stride);
+        readRecords(reader, task, first, count, recordFloats, window);
         decodeRecords(window, count, hasShcoef, ranges);
         if (counter) {
             findCells(window, recordFloats, first, count, *job.cells, *counter);
@@ -147,7 +167,8 @@ void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
         logError("file cannot open ", sourcePath, 61);
         return;
     }
-    auto job = std::make_shared<DecodeJob>(task, pass.countsCells);
+    const std::size_t recordFloats = recordLayout(pass.bounding->hasShcoef).floats;
+    auto job = std::make_shared<DecodeJob>(task, recordFloats, pass.countsCells);
     pass.blocks.share(job);
     decodeWindows(*job, reader, pass);
     pass.blocks.helpOthers(

@@ -12,9 +12,8 @@
 
 namespace Tavrin::GaussionSplat {
 
-// One block being decoded. Everything but windows is guarded by the chunk lock, and but for what belongs to
-// the records of a window, in block, room and cells->keys, which is its worker's until it has counted them as
-// decoded.
+// One block being decoded. Guarded by the chunk lock, except `windows` (atomic) and each window's slice of
+// block, room and keys, which its worker owns until it adds to decodedCount.
 struct DecodeJob {
     Chunker::Task task;
     WindowQueue windows;
@@ -25,8 +24,8 @@ struct DecodeJob {
     std::uint64_t decodedCount = 0;    // records decoded so far
     std::shared_ptr<ChunkCells> cells; // counted: the records decoded so far; empty without a grid
 
-    // countsCells: the scene has a grid.
-    DecodeJob(const Chunker::Task& block, bool countsCells);
+    // recordFloats: of one record of the block. countsCells: the scene has a grid.
+    DecodeJob(const Chunker::Task& block, std::size_t recordFloats, bool countsCells);
 };
 
 // What the workers of one pass share, guarded by the chunk lock, a process-wide mutex.
@@ -50,7 +49,8 @@ struct ChunkPass {
 // then help with blocks that other workers have begun. A file that cannot be opened costs an ERROR line and
 // the block. A length that is not positive ends the process with status 123.
 //
-// The task's stride is that of the form that bounding->hasShcoef asks for.
+// bounding->hasShcoef chooses the form of the records, the task's stride where each starts in the file. The
+// decoded block holds count records of that form without gaps, whatever the stride.
 void decodeBlock(const Chunker::Task& task, ChunkPass& pass);
 
 } // namespace Tavrin::GaussionSplat
