@@ -1,3 +1,4 @@
+// plyconvert view: a dataset in the browser.
 #pragma once
 
 #include "program/commands/command.h"

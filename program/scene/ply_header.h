@@ -1,3 +1,4 @@
+// The header of a PLY file, of whatever kind.
 #pragma once
 
 #include <cstdint>

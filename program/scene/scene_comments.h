@@ -1,3 +1,4 @@
+// What a header's comment lines say about the scene.
 #pragma once
 
 #include "program/scene/ply_header.h"

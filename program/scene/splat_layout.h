@@ -1,3 +1,4 @@
+// Whether the vertices of a PLY file are the records that the converter reads.
 #pragma once
 
 #include "program/scene/ply_header.h"

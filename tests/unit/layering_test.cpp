@@ -302,4 +302,16 @@ TEST(Layering, SuffixesOfNumbersAreLowerCase) {
     }
 }
 
+TEST(Layering, EveryHeaderOpensWithItsPurpose) {
+    for (const char* const place : {"include", "src", "source", "stream", "reader", "program", "scenes",
+                                    "picture", "bench", "fuzz", "tests"}) {
+        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root / place)) {
+            if (entry.path().extension() == ".h") {
+                const std::string text = support::readFile(entry.path());
+                EXPECT_TRUE(text.starts_with("// ") || text.starts_with("/*")) << entry.path();
+            }
+        }
+    }
+}
+
 } // namespace

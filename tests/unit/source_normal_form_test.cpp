@@ -3,7 +3,6 @@
 
 #include "source/canonical_header.h"
 #include "source/merge.h"
-
 #include "tests/unit/stream_support.h"
 
 #include <nlohmann/json.hpp>
