@@ -21,6 +21,7 @@ add_library(plyconvert_core STATIC
     src/indexer_quantise.cpp
     src/indexer_quantise_fast.cpp
     src/indexer_quantise_avx2.cpp
+    src/indexer_memory.cpp
     src/indexer_build.cpp
     src/indexer_files.cpp
     src/indexer_meta.cpp)

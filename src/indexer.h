@@ -25,7 +25,7 @@ struct Indexer {
     std::string outputFolder;
     std::int32_t totalLevel = 1; // levels written for each cell
     std::string countLabel;
-    std::shared_ptr<LevelMap> levels = std::make_shared<LevelMap>();
+    std::shared_ptr<LevelMap> levels = std::make_shared<LevelMap>(initialBuckets);
     LargeArray<std::byte> indexBuffer; // the content of index.bin, from writeDataFiles to writeIndexFile
     std::uint32_t indexEntrySize = 0;  // bytes of one cell's entry: totalLevel * 16 + 4
     std::uint64_t indexBufferSize = 0; // bytes
@@ -42,7 +42,8 @@ struct Indexer {
              std::shared_ptr<Params> sharedParams);
 
     // Regroup every splat of the chunk list by level and cell into quantised records, freeing each chunk once
-    // it is regrouped. Throws AllocationError.
+    // it is regrouped. A level that is already there is added to. Does nothing when the list is empty, when
+    // bounding may be null. Throws std::bad_alloc.
     void buildIndex();
 
     // Write data.bin, and shcoef.bin when the input has coefficients, cell by cell; assemble indexBuffer;

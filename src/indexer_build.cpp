@@ -6,79 +6,37 @@
 #include "src/kernels.h"
 
 #include <algorithm>
-#include <limits>
+#include <map>
+#include <new>
 #include <utility>
 
 namespace Tavrin::GaussionSplat {
 
-void RecordArena::moveSpare(std::uint64_t page) {
-    if (moveLargePage(spare.back(), block.get() + page * largePage)) {
-        spare.pop_back();
-        given = std::min(given, spare.size());
-    }
-}
-
-std::uint64_t bytesOnLargePages(const std::vector<CellCount>& cells, std::uint64_t spareMemory,
-                                std::uint64_t given) {
-    std::uint64_t bytes = 0;
-    std::uint64_t ahead = 0;
-    for (const CellCount& cell : cells) {
-        const std::uint64_t cellBytes = cell.splats * sizeof(SplatsData);
-        const std::uint64_t bytesWithIt = bytes + cellBytes;
-        ahead += std::min(cellBytes, largePage);
-        const double fresh =
-            1.0 - static_cast<double>(std::min(given, bytesWithIt)) / static_cast<double>(bytesWithIt);
-        if (static_cast<double>(ahead) * fresh > static_cast<double>(spareMemory)) {
-            return bytes;
+void CellTable::makeCells(LODData& level) {
+    const std::vector<CellCount>& counts = counter.counts();
+    while (cells.size() < counts.size()) {
+        const CellCount& count = counts[cells.size()];
+        std::shared_ptr<SplatCell>& cell = (*level.cells)[count.key];
+        if (!cell) {
+            cell = std::make_shared<SplatCell>();
         }
-        bytes = bytesWithIt;
+        const std::size_t before = cell->size();
+        cell->reserve(before + count.splats); // resize alone may take more
+        cell->resize(before + count.splats);
+        SplatsData* const first = cell->data() + before;
+        cells.push_back({.next = first, .backedEnd = first, .end = first + count.splats});
     }
-    return bytes;
 }
 
 void CellTable::reserve(LODData& level, std::uint64_t spareMemory) {
-    std::uint64_t total = 0;
-    for (const CellCount& cell : counter.counts()) {
-        total += cell.splats;
-    }
-    if (total > std::numeric_limits<std::size_t>::max() / sizeof(SplatsData)) {
-        throw AllocationError();
-    }
-    const std::uint64_t bytes = total * sizeof(SplatsData);
-    std::uint64_t given = 0;
-    for (const LargeArray<std::byte>& room : rooms) {
-        given += room.get_deleter().bytes;
-    }
-    // An ordinary page of its own, and what is known of it, count for every cell.
-    const std::uint64_t ofCells = counter.counts().size() * (4096 + 300);
-    const std::uint64_t largeBytes =
-        bytesOnLargePages(counter.counts(), spareMemory - std::min(spareMemory, ofCells), given);
     try {
-        arena = std::make_shared<RecordArena>(bytes, largeBytes);
+        makeCells(level);
     } catch (const std::bad_alloc&) {
-        // Addresses are short. The memory that was given saves time alone, and has some to give back.
-        rooms.clear();
-        arena = std::make_shared<RecordArena>(bytes, largeBytes);
+        // Addresses are short. The rooms only save time, and have some to give back.
+        memory.freeRooms();
+        makeCells(level);
     }
-    for (const LargeArray<std::byte>& room : rooms) {
-        for (std::uint64_t at = 0; at < room.get_deleter().bytes; at += largePage) {
-            arena->spare.push_back(room.get() + at);
-        }
-    }
-    arena->given = arena->spare.size();
-    for (const CellCount& cell : counter.counts()) {
-        auto records = std::make_shared<SplatCell>(RecordAllocator<SplatsData>(arena));
-        records->resize(cell.splats); // sets nothing: the allocator leaves records as they are
-        filling.push_back({.next = records->data(), .settledEnd = records->data()});
-        level.cells->emplace(cell.key, std::move(records));
-    }
-}
-
-void CellTable::close() {
-    arena->spare.erase(arena->spare.begin(),
-                       arena->spare.begin() + static_cast<std::ptrdiff_t>(arena->given));
-    arena->given = 0;
-    rooms.clear();
+    memory.prepare(cells, spareMemory);
 }
 
 namespace {
@@ -103,12 +61,12 @@ struct CellRule {
 
 struct LevelBuild {
     CellTable table;
-    std::shared_ptr<LODData> lod = std::make_shared<LODData>();
+    std::uint64_t splatCount = 0;
 };
-using LevelBuilds = IndexMap<std::uint32_t, LevelBuild>;
+using LevelBuilds = std::map<std::uint32_t, LevelBuild>;
 
 void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats, LevelBuild& build) {
-    build.lod->splatCount += chunk.splatCount;
+    build.splatCount += chunk.splatCount;
     CellCounter& counter = build.table.counter;
     if (rule.single) {
         if (chunk.splatCount > 0) {
@@ -147,7 +105,7 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
     const std::uint64_t size = chunk.splatCount;
     auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
-    std::uint64_t offered = 0;
+    std::uint64_t donated = 0;
     const std::uint32_t* const keys = rule.keysOf(chunk);
     const auto findPlace = [&](std::uint64_t i) {
         const float* const splat = chunk.data + i * recordFloats;
@@ -167,9 +125,9 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
         if (i + splatsAhead < size) {
             findPlace(i + splatsAhead);
         }
-        if (offered + largePage <= (i + 1) * recordBytes) {
-            table.offer(bytes + offered);
-            offered += largePage;
+        if (donated + largePage <= (i + 1) * recordBytes) {
+            table.memory.donate(bytes + donated);
+            donated += largePage;
         }
     }
 }
@@ -181,6 +139,9 @@ static_assert(indexedSplatBytes == sizeof(SplatsData));
 // The cells of every level are counted first, so that no vector grows by copying; within a cell the records
 // then follow the order of the chunk list and of each chunk.
 void Indexer::buildIndex() {
+    if (chunks->empty()) {
+        return;
+    }
     const QuantiseSettings settings = quantiseSettings(*bounding, compressed != 0);
     const FastQuantiser quantiser(settings);
     const CellRule rule{.single = splatCount <= singleCellSplats, .grid = chunkGrid};
@@ -191,26 +152,27 @@ void Indexer::buildIndex() {
         if (chunk) {
             largestBlock = std::max(largestBlock, chunk->splatCount * recordFloats * sizeof(float));
             countSplats(*chunk, rule, recordFloats, builds[chunk->level]);
-            builds[chunk->level].table.give(std::move(chunk->room));
+            builds[chunk->level].table.memory.give(std::move(chunk->room));
         }
     }
     // A block of input may be there beside the records, and a little that the process leaves of its share.
     constexpr std::uint64_t little = std::uint64_t{16} << 20;
     for (auto& [number, build] : builds) {
-        build.table.reserve(*build.lod, (largestBlock + little) / builds.size());
-        levels->emplace(number, build.lod);
+        std::shared_ptr<LODData>& level = (*levels)[number];
+        if (!level) {
+            level = std::make_shared<LODData>();
+        }
+        build.table.reserve(*level, (largestBlock + little) / builds.size());
+        level->splatCount += static_cast<std::uint32_t>(build.splatCount);
     }
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {
         if (chunk && chunk->data != nullptr) {
             CellTable& table = builds[chunk->level].table;
             placeSplats(*chunk, rule, recordFloats, quantiser, table);
-            table.withdrawOffers();
+            table.memory.withdrawDonations();
             freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
             chunk.reset();
         }
-    }
-    for (auto& [number, build] : builds) {
-        build.table.close();
     }
 }
 

@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include <sys/mman.h>
+#include <unistd.h>
 #endif
 #endif
 
@@ -104,8 +105,7 @@ void* allocateLarge(std::uint64_t bytes) {
         (void)munmap(start, before);
     }
     (void)munmap(start + before + size, largePage - before);
-    (void)madvise(start + before, size,
-                  MADV_HUGEPAGE); // where it is refused the block stays on ordinary pages
+    useLargePages(start + before, size);
     return start + before;
 }
 
@@ -133,8 +133,16 @@ bool moveLargePage(void* from, void* to) {
     return false;
 }
 
+void useLargePages(void* part, std::uint64_t bytes) noexcept {
+    (void)madvise(part, bytes, MADV_HUGEPAGE); // where it is refused the part stays on ordinary pages
+}
+
+// Rounded outwards to the system's pages: advice changes no content of what stands beside the part.
 void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept {
-    (void)madvise(part, roundUp(bytes), MADV_NOHUGEPAGE);
+    static const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto start = reinterpret_cast<std::uintptr_t>(part) / page * page;
+    const auto end = (reinterpret_cast<std::uintptr_t>(part) + bytes + page - 1) / page * page;
+    (void)madvise(reinterpret_cast<void*>(start), end - start, MADV_NOHUGEPAGE);
 }
 
 void releaseLargePage(void* page) noexcept {
@@ -165,6 +173,8 @@ void* allocateLarge(std::uint64_t bytes) {
 void freeLarge(void* block, std::uint64_t) noexcept {
     freeAligned(block);
 }
+
+void useLargePages(void*, std::uint64_t) noexcept {}
 
 void useOrdinaryPages(void*, std::uint64_t) noexcept {}
 

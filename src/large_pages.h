@@ -24,8 +24,8 @@ inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
 void* allocateLarge(std::uint64_t bytes);
 void freeLarge(void* block, std::uint64_t bytes) noexcept;
 
-// Put the memory of one large page in the place of another, untouched one, each a whole largePage of a block
-// of at least that size and aligned to it. What stood at from then stands at to, and from reads as zeros.
+// Put the memory of one large page in the place of another, whose content is lost: each a whole largePage of
+// an allocation, aligned to that. What stood at from then stands at to, and from reads as zeros.
 // False, and nothing moved, where the system does not offer that. Throws AllocationError when the system
 // fails half-way and the place cannot be had again.
 bool moveLargePage(void* from, void* to);
@@ -33,8 +33,11 @@ bool moveLargePage(void* from, void* to);
 // Whether moveLargePage succeeds here, as far as the system tells beforehand.
 bool largePagesMove() noexcept;
 
-// Have an untouched part of a large block, from a whole large page on to its end, on ordinary pages, which
-// the system clears one by one as they are touched, whatever it was advised to before.
+// Advise the system to use huge pages for a part of an allocation, whole large pages aligned to that.
+void useLargePages(void* part, std::uint64_t bytes) noexcept;
+
+// Advise the system to use ordinary pages, which it clears one by one as they are touched, for a part of an
+// allocation.
 void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept;
 
 // Give the memory of a whole large page of a large block back to the system, which may take it or not; nobody
