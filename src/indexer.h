@@ -1,8 +1,10 @@
-// The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone.
+// The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone. This header
+// declares all of it that a caller names: the records and levels, the steps, the texts of the meta document.
 #pragma once
 
 #include "src/cells.h"
 #include "src/chunker.h"
+#include "src/indexer_meta.h"
 #include "src/indexer_records.h"
 #include "src/large_pages.h"
 #include "src/records.h"

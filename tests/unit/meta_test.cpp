@@ -1,5 +1,4 @@
 #include "src/indexer.h"
-#include "src/indexer_meta.h"
 #include "src/runlog.h"
 #include "tests/support/deathtest.h"
 #include "tests/support/files.h"
