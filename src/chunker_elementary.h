@@ -1,8 +1,7 @@
 // Elementary functions of the decoder: single precision through double arithmetic of our own, rounded once.
 //
-// The systems' own exp and pow differ from each other in the last place now and then; these use additions,
-// multiplications and square roots alone, which every system rounds alike, and plain loops over them
-// vectorise.
+// The exp and pow of different systems sometimes differ in the last place. These functions use additions,
+// multiplications and square roots alone, which every system rounds alike. Plain loops over them vectorise.
 #pragma once
 
 #include <bit>
@@ -15,8 +14,7 @@ namespace Tavrin::GaussionSplat {
 //
 // x = k ln 2 + r with |r| <= ln 2 / 2, and exp(x) = 2^k exp(r). ln 2 is split so that k times its high part
 // is exact. exp(r) is its Taylor polynomial of degree 13, whose remainder is below 2^-57 there. Arguments are
-// held to
-// [-110, 100], beyond which single precision knows only 0 and infinity; NaN stays NaN.
+// clamped to [-110, 100]: beyond, single precision knows only 0 and infinity. NaN stays NaN.
 inline double exponentialDouble(float x) {
     constexpr double log2e = 1.4426950408889634;
     constexpr double ln2High = 0x1.62e42fefap-1;     // 35 bits
@@ -43,8 +41,8 @@ inline double exponentialDouble(float x) {
     const double low = (c01 + r2 * c23) + r4 * (c45 + r2 * c67);
     const double high = (c89 + r2 * c1011) + r4 * c1213;
     const double polynomial = low + r8 * high;
-    // 2^k by adding k to the exponent: the low bits of shifted are k. The polynomial lies in [0.7, 1.5] and k
-    // in [-159, 145], so the exponent neither overflows nor underflows.
+    // Multiply by 2^k by adding k, the low bits of shifted, to the exponent. The polynomial lies in
+    // [0.7, 1.5] and k in [-159, 145], so the exponent neither overflows nor underflows.
     const std::uint64_t exponent = std::bit_cast<std::uint64_t>(shifted) << 52;
     return std::bit_cast<double>(std::bit_cast<std::uint64_t>(polynomial) + exponent);
 }

@@ -1,5 +1,6 @@
-// The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone. This header
-// declares all of it that a caller names: the records and levels, the steps, the texts of the meta document.
+// The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone. This
+// header declares all of it that a caller names: the records and levels, the steps, the texts of the meta
+// document.
 #pragma once
 
 #include "src/cells.h"

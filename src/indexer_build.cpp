@@ -41,7 +41,7 @@ void CellTable::reserve(LODData& level, std::uint64_t spareMemory) {
 
 namespace {
 
-// Which cell a splat belongs to: the one cell with key 0, or the grid's.
+// Which cell a splat belongs to: cell 0, or a cell of the grid.
 struct CellRule {
     bool single;
     ChunkGrid grid;
@@ -83,10 +83,8 @@ void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
     }
 }
 
-// Splats whose places are found, and whose cache lines are asked for, ahead of the work on them: records lie
-// too far apart, and places too scattered, for the processor to foresee either. One splat's lines at a time,
-// in between the work on others: a processor waits while more lines are on their way than it can keep track
-// of.
+// Prefetch distance, in splats. The processor foresees neither records of 248 bytes nor scattered places. One
+// splat is prefetched after each that is quantised: with more at once, the processor's fill buffers run out.
 constexpr std::size_t splatsAhead = 32;
 
 void prefetchSplat(const float* splat, std::size_t recordFloats) {
@@ -101,7 +99,7 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
                  const FastQuantiser& quantiser, CellTable& table) {
     SplatsData* places[splatsAhead];
     const bool hasShcoef = recordFloats == recordLayout(true).floats;
-    // The large pages of the block in which no splat is left to place go to the cells.
+    // The block donates its large pages as soon as all splats in them are placed.
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
     const std::uint64_t size = chunk.splatCount;
     auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
@@ -136,8 +134,8 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
 
 static_assert(indexedSplatBytes == sizeof(SplatsData));
 
-// The cells of every level are counted first, so that no vector grows by copying; within a cell the records
-// then follow the order of the chunk list and of each chunk.
+// The cells of every level are counted first, so that no vector grows by copying. Records of a cell follow
+// the order of the chunk list and of each chunk.
 void Indexer::buildIndex() {
     if (chunks->empty()) {
         return;
@@ -155,14 +153,15 @@ void Indexer::buildIndex() {
             builds[chunk->level].table.memory.give(std::move(chunk->room));
         }
     }
-    // A block of input may be there beside the records, and a little that the process leaves of its share.
-    constexpr std::uint64_t little = std::uint64_t{16} << 20;
+    // Beside the records, the formula allows one block of input and 64 MiB. The process needs less than 48
+    // MiB of these for everything else.
+    constexpr std::uint64_t unused = std::uint64_t{16} << 20;
     for (auto& [number, build] : builds) {
         std::shared_ptr<LODData>& level = (*levels)[number];
         if (!level) {
             level = std::make_shared<LODData>();
         }
-        build.table.reserve(*level, (largestBlock + little) / builds.size());
+        build.table.reserve(*level, (largestBlock + unused) / builds.size());
         level->splatCount += static_cast<std::uint32_t>(build.splatCount);
     }
     for (std::shared_ptr<ChunkData>& chunk : *chunks) {

@@ -26,9 +26,9 @@ struct WalkStep {
     std::uint32_t key;
 };
 
-// Call visit(column, row) for every column and row below the counts whose key is this one: the low half is
-// the column's own; each bit of the high half comes from the column's bits 16 and up, from the row's low
-// half, or from both; the row's bits 16 and up are shifted out.
+// Call visit(column, row) for every column and row below the counts that form this key. Its low half is the
+// column's low half. Each bit of its high half comes from the column's high half, the row's low half, or
+// both. The row's high half is shifted out.
 template <typename Visit>
 void forEachStep(std::uint32_t key, std::uint32_t columns, std::uint32_t rows, Visit visit) {
     const std::uint32_t low = key & 0xFFFF;
@@ -84,8 +84,8 @@ std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level)
 }
 
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied) {
-    // Going over the occupied cells instead of the grid keeps a sparse scene with far-off bounds from walking
-    // 2^62 empty cells; sorting by column and row gives the walk's order.
+    // A sparse scene with far-off bounds has up to 2^62 empty cells. So this goes over the occupied cells,
+    // and sorts by column and row to get the order of the walk.
     const auto columns = static_cast<std::uint32_t>(std::max(grid.cellCountX, 0));
     const auto rows = static_cast<std::uint32_t>(std::max(grid.cellCountY, 0));
     std::vector<WalkStep> steps;
@@ -115,12 +115,11 @@ void writeBytes(std::ofstream& file, const std::byte* bytes, std::uint64_t size)
     }
 }
 
-// Records that are gathered and written at a time, across the ends of cells: their 96 bytes each stay in the
-// second-level cache between the two, and every write begins at a multiple of its size, which the system
-// caches in fewer and larger pieces. The files get the same bytes as from one write a cell, and have all of
-// them before the line that says so; until then they are nobody's to read.
+// Records gathered for one write, across the ends of cells. Their 96 bytes each stay in the second-level
+// cache until they are written, and every write begins at a multiple of its size, which the system caches in
+// fewer and larger pieces. The files get the same bytes as from one write a cell.
 constexpr std::size_t gatheredRecords = 4096;
-constexpr std::size_t gatheredAhead = 32; // records whose cache lines are asked for ahead of the copy
+constexpr std::size_t gatheredAhead = 32; // prefetch distance, in records
 
 // Writes the cells of the list one after the other.
 struct DataWriter {
@@ -191,8 +190,8 @@ struct DataWriter {
         gathered = 0;
     }
 
-    // Write a cell's splats, level behind level, and empty it. Every record that the index states is written,
-    // also where the bytes of a cell do not fit 32 bits.
+    // Write a cell's splats, level behind level, and empty it. The index states its bytes in 32 bits; where
+    // they do not fit, all records are written all the same.
     void writeCell(std::uint32_t key) {
         for (std::int32_t level = 0; level < indexer.totalLevel; ++level) {
             SplatCell* const cell = findCell(level, key);

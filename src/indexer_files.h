@@ -11,10 +11,12 @@ namespace Tavrin::GaussionSplat {
 
 inline constexpr const char* indexerSource = "src/indexer";
 
-// The keys that a walk over the grid finds among occupied, which holds none twice, in the order of the walk:
-// column by column, row by row. The walk forms the key of each column and row without masking either to 16
-// bits, so on a grid of more than 65,536 columns or rows it meets a key more than once.
+// The keys of occupied, which holds none twice, in the order of a walk over the grid, column by column, row
+// by row. The walk forms each key without masking column or row to 16 bits, so on a grid of more than 65,536
+// columns or rows a key can appear more than once.
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied);
+
+// The same of a level's cells.
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level);
 
 } // namespace Tavrin::GaussionSplat

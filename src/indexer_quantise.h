@@ -29,15 +29,14 @@ QuantiseSettings quantiseSettings(const AttributeBounding& bounding, bool compre
 // Fill record from a decoded splat of 62 floats (settings.hasShcoef) or 17. The plain form of the work.
 void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsData& record);
 
-// The same bytes with vector instructions: reciprocals stand in for divisions wherever that provably gives
-// the same integers, and the few splats where it might not go through quantiseSplat. One for each scene;
-// immutable.
+// The same bytes with vector instructions. Reciprocals replace divisions where that provably gives the same
+// integers; the few splats where it might not go through quantiseSplat. One for each scene; immutable.
 struct FastQuantiser {
     explicit FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels = chosenKernels);
 
     void quantise(const float* splat, SplatsData& record) const;
 
-    // Bits of a packed coefficient behind its point while it is a number of fixed point.
+    // Fraction bits of a coefficient in fixed point, before it is truncated to its steps.
     static constexpr int fractionBits = 10;
 
 private:

@@ -1,5 +1,5 @@
-// FastQuantiser for processors with AVX2: the arithmetic of the narrow form, whose comments in
-// indexer_quantise_fast.cpp say why it is exact, on twice as many values at a time.
+// FastQuantiser for processors with AVX2: the arithmetic of the narrow form on twice as many values at a
+// time. indexer_quantise_fast.cpp says why it is exact.
 #include "src/indexer_quantise.h"
 
 #include "src/chunker_decode.h"
@@ -12,7 +12,7 @@ namespace Tavrin::GaussionSplat {
 
 #if PLYCONVERT_AVX2
 
-// Inlined in any case: not every system passes the wider vectors as it ought to.
+// Always inlined: the compiler for Windows does not align the wider vectors that it passes on the stack.
 #define PLYCONVERT_INLINE_AVX2 __attribute__((target("avx2"), always_inline)) inline
 
 namespace {
@@ -81,13 +81,13 @@ PLYCONVERT_INLINE_AVX2 __m256i packWords(const FixedPoint& units) {
 __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* splat,
                                                                  SplatsData& record) const {
     __m128i doubtful = _mm_setzero_si128();
-    // The fourth of the four is the value behind, which the gap turns to 0; what is not finite gives the
-    // plain form.
+    // The fourth lane holds the next attribute's value. The gap, a factor of 0, turns it to 0; where it is
+    // not finite, the plain form takes the splat.
     const __m128i normal = wideFour(splat + normalAt, wideMin, wideFactor, doubtful);
     const __m128i scale = wideFour(splat + scaleAt, wideMin + 4, wideFactor + 4, doubtful);
 
-    // The low byte of each is right in any case: what is too large for an integer is a multiple of 256, and
-    // NaN gives 0.
+    // The low byte of each is always right: a value too large for an integer is a multiple of 256, and NaN
+    // gives 0.
     const __m128 colours =
         _mm_insert_ps(_mm_loadu_ps(splat + colourAt), _mm_load_ss(splat + opacityAt), 3 << 4);
     const __m128i colourBytes = _mm_cvttps_epi32(_mm_mul_ps(colours, _mm_set1_ps(255.0f)));
@@ -103,8 +103,8 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
     const __m128i colourWord = _mm_shuffle_epi8(colourBytes, _mm_set1_epi32(0x0C080400));
     const __m128i position = _mm_loadu_si128(reinterpret_cast<const __m128i*>(splat + positionAt));
     _mm_storeu_si128(bytes, _mm_blend_epi16(position, colourWord, 0xC0));
-    // The parts in pairs, part 0 + part 1 * 2^10 and part 2 + part 3 * 2^10; what part 3 has above two bits
-    // is shifted out.
+    // The parts in pairs, part 0 + part 1 * 2^10 and part 2 + part 3 * 2^10. Bits of part 3 above the second
+    // are shifted out.
     const __m128i pairs = _mm_madd_epi16(_mm_packs_epi32(rotation, rotation), _mm_set1_epi32(1 | 1024 << 16));
     const __m128i rotationWord = _mm_or_si128(pairs, _mm_slli_epi32(_mm_srli_si128(pairs, 4), 20));
     const __m128i scaleAndNormal =

@@ -16,9 +16,9 @@ namespace {
 
 constexpr int fractionBits = FastQuantiser::fractionBits;
 
-// The reciprocal of an extent, or 0 where every finite value quantises to 0: an extent of zero gives NaN or
-// an infinity, and an infinite extent gives 0, all of which truncate to 0. usable turns false where a
-// reciprocal would lose precision.
+// The reciprocal of an extent, or 0 where every finite value quantises to 0. That is so for an extent of
+// zero, by which values divide to NaN or infinity, and for an infinite one, by which they divide to 0: all of
+// these truncate to 0. usable turns false where a reciprocal would lose precision.
 double reciprocalOf(const QuantiseRange& range, bool& usable) {
     const double extent = std::abs(range.extent);
     if (!std::isfinite(extent) || extent == 0.0) {
@@ -89,10 +89,10 @@ __m128 loadTwo(const float* values) {
     return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(values)));
 }
 
-// trunc((value - min) / extent * 65535.5) of two values, in the low half. With the factor the product differs
-// from the divided one by a few units in the last place, below 2^-34 for results up to 65535.5, so the
-// integers agree unless the product lies within 2^-30 of one; doubtful collects the lanes where it does, or
-// where the result has more than 16 bits.
+// trunc((value - min) / extent * 65535.5) of two values, in the low half. Multiplying by the factor instead
+// of dividing changes the result by a few units in the last place, below 2^-34 for results up to 65535.5. So
+// the integers agree unless the product lies within 2^-30 of one. doubtful collects the lanes where it does,
+// and those where the result has more than 16 bits.
 __m128i wideTwo(__m128 values, __m128d min, __m128d factor, __m128i& doubtful) {
     const __m128d margin = _mm_set1_pd(0x1p-30);
     const __m128d difference = _mm_sub_pd(_mm_cvtps_pd(values), min);
@@ -169,11 +169,11 @@ namespace {
 
 // Four coefficients of one channel in their steps, in units of fixed point.
 //
-// The plain form normalises in double precision, rounds to single, scales in single precision and truncates.
-// Here the difference, the factor and the product are each rounded to single once, which together with the
-// two roundings of the plain form is at most five of 2^-24 of the result, below 2^11 steps: less than 0.63 of
-// a unit of fixed point. So the steps agree unless the units are the first or the last ones of a step. Near
-// zero they agree even so: from one side as from the other they truncate to 0.
+// The plain form normalises in double precision, rounds to single, scales in single precision and truncates:
+// two roundings. Here the difference, the factor and the product are each rounded to single once: three. Five
+// roundings change a result below 2^11 steps by at most 5 * 2^-24 of it, less than 0.63 of a unit of fixed
+// point. So the steps agree unless the units are the first or the last ones of a step. Near zero they agree
+// even there: from both sides they truncate to 0.
 __m128i fixedPoint(const float* values, __m128 min, __m128 factor) {
     // The conversion gives the smallest integer for what has none.
     return _mm_cvttps_epi32(_mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(values), min), factor));
@@ -211,7 +211,7 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
     __m128i wide = _mm_setzero_si128();   // all bits of red and blue
     __m128i narrow = _mm_setzero_si128(); // all bits of green
     unsigned doubtfulWords = 0;
-    // The sixteenth word is made of the neighbours' values, at last the opacity, and stays zero.
+    // The sixteenth lane holds values of the next channel, in the last channel the opacity. Its word is zero.
     __m128i used = _mm_set1_epi32(-1);
     unsigned usedLanes = 15; // a bit for each
     for (std::size_t k = 0; k < 16; k += 4) {

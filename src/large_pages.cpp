@@ -14,8 +14,7 @@
 #endif
 #endif
 
-// The address sanitizer sees overruns of blocks from the heap alone, so under it every block comes from
-// there.
+// The address sanitizer only sees overruns of heap blocks, so under it every block comes from the heap.
 #if defined(__linux__) && defined(MREMAP_DONTUNMAP) && !defined(__SANITIZE_ADDRESS__)
 #define PLYCONVERT_LARGE_PAGES 1
 #endif
@@ -91,7 +90,7 @@ void* allocateLarge(std::uint64_t bytes) {
     if (bytes > PTRDIFF_MAX - 2 * largePage) {
         throw AllocationError();
     }
-    // One page more than asked for, of which the parts before and behind the aligned block are given back.
+    // One page too many: what lies before and behind the aligned block is given back.
     const std::uint64_t size = roundUp(bytes);
     void* const mapping =
         mmap(nullptr, size + largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -118,13 +117,13 @@ void freeLarge(void* block, std::uint64_t bytes) noexcept {
 }
 
 bool moveLargePage(void* from, void* to) {
-    // The source stays mapped, so that no other thread's mapping can come to lie in the block before it is
+    // The source stays mapped. Otherwise another thread's mapping could get its addresses before the block is
     // freed.
     if (mremap(from, largePage, largePage, MREMAP_MAYMOVE | MREMAP_FIXED | MREMAP_DONTUNMAP, to) !=
         MAP_FAILED) {
         return true;
     }
-    // A failure may or may not have unmapped the target. Mapping it again succeeds only where it is gone.
+    // The failure may have unmapped the target. If so, this maps it again; if not, it fails with EEXIST.
     void* const again =
         mmap(to, largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     if (again == MAP_FAILED && errno != EEXIST) {
@@ -149,8 +148,8 @@ void releaseLargePage(void* page) noexcept {
     (void)madvise(page, largePage, MADV_DONTNEED);
 }
 
-// Kernels before 5.7 refuse, and some sandboxes, whatever the headers promise: tried once, with a page that
-// nobody touched.
+// Systems before Linux 5.7 and some sandboxes refuse, whatever the headers promise. Tried once, with an
+// untouched page.
 bool largePagesMove() noexcept {
     static const bool doThey = [] {
         try {

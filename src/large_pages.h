@@ -1,5 +1,4 @@
-// Memory for large blocks, on huge pages that can be moved from one block to another where the system offers
-// that.
+// Memory for large blocks, on huge pages. Where the system offers it, pages move from one block to another.
 #pragma once
 
 #include <cstddef>
@@ -14,20 +13,19 @@ struct AllocationError : std::bad_alloc {
     const char* what() const noexcept override;
 };
 
-// The unit in which memory of large blocks can be handed on, and the alignment of a block of at least that
-// size.
+// Bytes of a huge page, the unit in which memory moves. Blocks of at least that size are aligned to it.
 inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
 
-// Uninitialised memory for large blocks, aligned to 64 bytes or better and on huge pages where the system
-// offers them by advice: clearing 4 KiB pages one fault at a time costs as much as decoding. Throws
-// AllocationError. The caller frees it with freeLarge, giving the same size; a null pointer is allowed there.
+// Uninitialised memory for large blocks, aligned to 64 bytes or better. It is on huge pages where the system
+// grants them: clearing 4 KiB pages one fault at a time costs as much as decoding. Throws AllocationError.
+// The caller frees it with freeLarge, giving the same size; a null pointer is allowed there.
 void* allocateLarge(std::uint64_t bytes);
 void freeLarge(void* block, std::uint64_t bytes) noexcept;
 
 // Put the memory of one large page in the place of another, whose content is lost: each a whole largePage of
 // an allocation, aligned to that. What stood at from then stands at to, and from reads as zeros.
-// False, and nothing moved, where the system does not offer that. Throws AllocationError when the system
-// fails half-way and the place cannot be had again.
+// False, and nothing moved, where the system does not offer it. Throws AllocationError when the system fails
+// half-way and the addresses of `to` cannot be mapped again.
 bool moveLargePage(void* from, void* to);
 
 // Whether moveLargePage succeeds here, as far as the system tells beforehand.
@@ -40,8 +38,7 @@ void useLargePages(void* part, std::uint64_t bytes) noexcept;
 // allocation.
 void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept;
 
-// Give the memory of a whole large page of a large block back to the system, which may take it or not; nobody
-// reads it any more.
+// Give a whole large page that nobody reads any more back to the system. Its addresses stay.
 void releaseLargePage(void* page) noexcept;
 
 struct FreeLarge {

@@ -26,8 +26,8 @@ std::string lastPathComponent(const std::string& path);
 // destructor runs beside the other workers.
 [[noreturn]] void endProcessFromWorker(int status);
 
-// The default floating-point environment for as long as the object lives, whatever rounding mode or flushing
-// of subnormals the host has set. The host's own is put back afterwards.
+// Sets the default floating-point environment, whatever rounding mode or flushing of subnormals the host has
+// set, and restores the host's own when the object dies.
 struct DefaultFloatEnvironment {
     std::fenv_t environment;    // the host's
     unsigned vectorControl = 0; // the host's MXCSR, where the environment may not hold it
