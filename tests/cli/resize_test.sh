@@ -35,6 +35,7 @@ wait_for() {
 progress='^(measuring|writing|verifying|flushing) '
 has_progress() { shown | grep -q -E "$progress"; }
 has_other_progress() { [[ $(shown | grep -E "$progress" | tail -n 1) != "$1" ]]; }
+has_times() { shown | grep -q -E 'about [0-9.:]+ (s|min|h) left$'; }
 has_ended() { [[ -e ended ]]; }
 
 ply in.ply 62 200000
@@ -50,6 +51,7 @@ for width in 100 60 40 80 38 100; do
         wait_for has_progress
         wait_for has_other_progress "$(shown | grep -E "$progress" | tail -n 1)"
     done
+    ((width != 100)) || wait_for has_times
     shown >lines
     [[ $(head -n 2 lines) == $'first\nsecond' && $(wc -l <lines) == 3 && $(tail -n 1 lines) =~ $progress ]] ||
         fail "$width columns show: $(cat lines)"
