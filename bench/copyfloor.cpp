@@ -1,5 +1,6 @@
-// copyfloor INPUT OUTPUT BYTES: the floor that a conversion is held against. Reads the input once and writes
-// as many bytes as the dataset has, in large plain reads and writes, and does nothing else.
+// copyfloor INPUT OUTPUT BYTES [flush]: the floor that a conversion is held against. Reads the input once and
+// writes as many bytes as the dataset has, in large plain reads and writes, and does nothing else; with the
+// word flush it also waits until the bytes are on the disk.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -22,8 +23,8 @@ int fail(const char* what) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::fputs("usage: copyfloor INPUT OUTPUT BYTES\n", stderr);
+    if (argc != 4 && argc != 5) {
+        std::fputs("usage: copyfloor INPUT OUTPUT BYTES [flush]\n", stderr);
         return 1;
     }
     std::vector<char> piece(pieceBytes);
@@ -49,6 +50,9 @@ int main(int argc, char** argv) {
             return fail(argv[2]);
         }
         left -= static_cast<std::uint64_t>(put);
+    }
+    if (argc == 5 && fsync(output) != 0) {
+        return fail(argv[2]);
     }
     return close(output) == 0 ? 0 : fail(argv[2]);
 }

@@ -43,7 +43,9 @@ struct Case {
     std::uint64_t outputBytes = 0;
     std::vector<Run> conversions;
     std::vector<Run> streams;
+    std::vector<Run> programs; // the whole command: check, passes, verification, flush
     std::vector<Run> floors;
+    std::vector<Run> flushingFloors;
 
     std::uint64_t recordBytes() const { return coefficients ? 248 : 68; }
     std::string name() const { return fmt::format("{} {}", splats, coefficients ? "with" : "without"); }
@@ -53,6 +55,7 @@ struct Case {
         return 288.0 * static_cast<double>(splats) + block + 64e6;
     }
     // What the stream may use: it keeps x and y of a splat where the header states no bounds.
+    double allowedProgramPeak() const { return allowedStreamPeak() + 64e6; }
     double allowedStreamPeak() const {
         return (coefficients ? 12.0 : 4.0) * static_cast<double>(splats) + 64e6;
     }
@@ -141,10 +144,18 @@ public:
             {sibling("streamonce"), scene().string(), dataset().string(), std::to_string(processors)}, {},
             processors);
     }
-    Run floor(std::uint64_t outputBytes) const {
+    Run program() const {
+        fs::remove_all(dataset());
+        return measure::run({PLYCONVERT_PROGRAM, "--quiet", scene().string(), dataset().string()});
+    }
+    Run floor(std::uint64_t outputBytes, bool flushes = false) const {
         fs::remove(copy());
-        return measure::run(
-            {sibling("copyfloor"), scene().string(), copy().string(), std::to_string(outputBytes)});
+        std::vector<std::string> command{sibling("copyfloor"), scene().string(), copy().string(),
+                                         std::to_string(outputBytes)};
+        if (flushes) {
+            command.push_back("flush");
+        }
+        return measure::run(command);
     }
 
 private:
@@ -179,6 +190,12 @@ Case measureCase(const Workplace& place, const Options& options, std::uint64_t s
         fs::remove_all(place.dataset());
         claimMemory(options, result);
         result.streams.push_back(place.stream(processorCount()));
+        fs::remove_all(place.dataset());
+        claimMemory(options, result);
+        result.flushingFloors.push_back(place.floor(result.outputBytes, true));
+        fs::remove(place.copy());
+        claimMemory(options, result);
+        result.programs.push_back(place.program());
         fs::remove_all(place.dataset());
     }
     return result;
@@ -270,9 +287,9 @@ std::string spread(const std::vector<Run>& runs) {
 }
 
 std::vector<std::string> wholeRow(const Case& item, const char* by, const std::vector<Run>& runs,
-                                  double allowedPeak) {
+                                  const std::vector<Run>& floors, double allowedPeak) {
     const double wall = medianOf(runs, wallOf);
-    const double floor = medianOf(item.floors, wallOf);
+    const double floor = medianOf(floors, wallOf);
     const double cpu = medianOf(runs, [](const Run& run) { return run.cpu; });
     const double peak = medianOf(runs, [](const Run& run) { return run.peak; });
     return {item.name(),
@@ -297,8 +314,10 @@ void printCases(const std::vector<Case>& cases) {
         stages.front().push_back(fmt::format("{} s", name));
     }
     for (const Case& item : cases) {
-        whole.push_back(wholeRow(item, "library", item.conversions, item.allowedPeak()));
-        whole.push_back(wholeRow(item, "stream", item.streams, item.allowedStreamPeak()));
+        whole.push_back(wholeRow(item, "library", item.conversions, item.floors, item.allowedPeak()));
+        whole.push_back(wholeRow(item, "stream", item.streams, item.floors, item.allowedStreamPeak()));
+        whole.push_back(
+            wholeRow(item, "program", item.programs, item.flushingFloors, item.allowedProgramPeak()));
         stages.push_back({item.name()});
         for (std::size_t stage = 0; stage < measure::stageCount; ++stage) {
             const double time =
@@ -390,7 +409,9 @@ void printJson(const std::vector<Case>& cases, const std::vector<Scaling>& scali
                                      {"allowedStreamPeak", item.allowedStreamPeak()},
                                      {"conversions", asJson(item.conversions)},
                                      {"streams", asJson(item.streams)},
-                                     {"floors", asJson(item.floors)}});
+                                     {"programs", asJson(item.programs)},
+                                     {"floors", asJson(item.floors)},
+                                     {"flushingFloors", asJson(item.flushingFloors)}});
     }
     for (const Scaling& item : scaling) {
         document["scaling"] = {{"splats", item.splats},
