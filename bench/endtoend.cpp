@@ -124,7 +124,7 @@ public:
     // With coefficients the header states no bounds, so that the converter scans for them; without it states
     // them, since the scan is made for the wider record.
     void makeScene(std::uint64_t splats, bool coefficients, const std::vector<std::string>& more = {}) const {
-        std::vector<std::string> command{sibling("makescene"), "--splats", std::to_string(splats),
+        std::vector<std::string> command{PLYCONVERT_MAKESCENE, "--splats", std::to_string(splats),
                                          scene().string()};
         command.insert(command.end(), more.begin(), more.end());
         if (!coefficients) {
