@@ -34,6 +34,8 @@ public:
         splats_[number != KeyTable::none ? number : insert(key)] += splats;
     }
 
+    void prefetch(std::uint32_t key) const { numbers_.prefetch(key); }
+
     // Widen by the counts of others. Throws TooLittleMemory.
     void join(const CellCounts& other) {
         for (std::size_t i = 0; i < other.size(); ++i) {

@@ -1,6 +1,8 @@
 // Numbers for keys: an open hash table of eight bytes an entry.
 #pragma once
 
+#include "src/kernels.h"
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +10,9 @@
 #include <vector>
 
 namespace Tavrin::SplatStream {
+
+// Keys whose cache lines are asked for ahead of the search: in a scene of many cells each is another.
+inline constexpr std::uint64_t keysAhead = 16;
 
 class KeyTable {
 public:
@@ -25,6 +30,9 @@ public:
             }
         }
     }
+
+    // Ask for the cache line that find will look at.
+    void prefetch(std::uint32_t key) const { GaussionSplat::prefetch(&entries_[hashOf(key)]); }
 
     // Give a key that is not there a number. isFull must be false.
     void insert(std::uint32_t key, std::uint32_t number) {

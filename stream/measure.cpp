@@ -285,6 +285,9 @@ void MeasurePass::addKeys(const float* records, std::size_t stride, std::uint64_
                           const ChunkGrid& grid, Found& own) {
     cellKeys(records, stride, count, grid, own.keys.data());
     for (std::uint64_t i = 0; i < count; ++i) {
+        if (i + keysAhead < count) {
+            own.cells.prefetch(own.keys[i + keysAhead]);
+        }
         own.cells.add(own.keys[i]);
     }
 }

@@ -64,7 +64,7 @@ void PagePool::makeMore() {
     for (std::uint64_t i = 0; i < count; ++i, memory += bytes) {
         Page& page = pages_.back()[i];
         page.data = memory;
-        page.coefficients = memory + dataBytes;
+        page.coefficients = hasCoefficients_ ? memory + dataBytes : nullptr;
         free_.push_back(&page);
     }
     made_ += count;

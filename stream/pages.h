@@ -4,6 +4,7 @@
 // All positions are in records of the output, which follow each other cell by cell.
 #pragma once
 
+#include "src/kernels.h"
 #include "src/large_pages.h"
 #include "stream/conversion.h"
 
@@ -84,6 +85,10 @@ public:
 
     // So many records of a cell, by number among the cells that have splats, have no place yet.
     std::uint64_t left(std::uint32_t cell) const { return cells_[cell].end - cells_[cell].next; }
+
+    // Ask for the cache lines that take will look at: first those of the cells, then those of their holders.
+    void prefetchCell(std::uint32_t cell) const { GaussionSplat::prefetch(&cells_[cell]); }
+    void prefetchHolder(std::uint32_t cell) const { GaussionSplat::prefetch(&holders_[cells_[cell].holder]); }
 
     // Appends the places of the next records of a cell: of `count`, at most left(cell), or of fewer where the
     // pool has no more pages. Returns how many.

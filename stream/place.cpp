@@ -184,6 +184,7 @@ private:
     std::optional<std::size_t> takePlaces(std::uint64_t window, std::uint64_t count, Worker& worker);
     void fill(std::size_t first, std::size_t end, std::uint64_t count, Worker& worker);
     void settle(Slot& slot, const Worker& worker) const;
+    static void prefetchPlace(const Slot& slot);
     void complete(const Places::Segment& segment);
     [[noreturn]] void failChanged() const;
 };
@@ -223,6 +224,9 @@ void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     }
     worker.slots.clear();
     for (std::uint64_t i = 0; i < count; ++i) {
+        if (i + keysAhead < count) {
+            numbers_.prefetch(keys[i + keysAhead]);
+        }
         const std::uint32_t cell = numbers_.find(keys[i]);
         if (cell == KeyTable::none) {
             keys[i] = notListed;
@@ -232,12 +236,14 @@ void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
         if (slot == notListed) {
             slot = static_cast<std::uint32_t>(worker.slots.size());
             worker.slots.emplace_back().cell = cell;
+            places_.prefetchCell(cell);
         }
         ++worker.slots[slot].count;
         keys[i] = slot;
     }
     for (const Slot& slot : worker.slots) {
         worker.slotOf[slot.cell] = notListed;
+        places_.prefetchHolder(slot.cell); // before the turn, which all others wait for
     }
 }
 
@@ -277,7 +283,18 @@ void PlacePass::settle(Slot& slot, const Worker& worker) const {
     const Places::Segment& segment = worker.segments[slot.segment];
     slot.left = segment.count;
     slot.data = segment.page->data + std::size_t{segment.at} * dataRecordSize;
-    slot.coefficients = segment.page->coefficients + std::size_t{segment.at} * packedCoefficientsSize;
+    if (coefficients_ != nullptr) {
+        slot.coefficients = segment.page->coefficients + std::size_t{segment.at} * packedCoefficientsSize;
+    }
+}
+
+// Splats whose places are asked for ahead of the work on them.
+constexpr std::uint64_t splatsAhead = 16;
+
+// The place may have moved on by a record or two when the splat is there.
+void PlacePass::prefetchPlace(const Slot& slot) {
+    prefetch(slot.data);
+    prefetch(slot.coefficients);
 }
 
 // Quantise the records of some slots into their places, and write the pages that are full then.
@@ -294,6 +311,9 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
     const float* splat = worker.window.get();
     SplatsData record;
     for (std::uint64_t i = 0; i < count; ++i, splat += recordFloats_) {
+        if (i + splatsAhead < count && worker.keys[i + splatsAhead] != notListed) {
+            prefetchPlace(worker.slots[worker.keys[i + splatsAhead]]);
+        }
         if (worker.keys[i] - first >= end - first) { // notListed is never in between
             continue;
         }
@@ -308,9 +328,7 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
         if (coefficients_ != nullptr) {
             std::memcpy(slot.coefficients, record.packed, packedCoefficientsSize);
             slot.coefficients += packedCoefficientsSize;
-            prefetch(slot.coefficients);
         }
-        prefetch(slot.data); // of the cell's next record
         --slot.left;
     }
     for (std::size_t i = firstSegment; i < endSegment; ++i) {
