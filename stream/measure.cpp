@@ -284,8 +284,10 @@ void MeasurePass::settleBox(Measured& measured) const {
 void MeasurePass::addKeys(const float* records, std::size_t stride, std::uint64_t count,
                           const ChunkGrid& grid, Found& own) {
     cellKeys(records, stride, count, grid, own.keys.data());
+    constexpr std::size_t manyCells = 1024; // more than the first-level cache knows
+    const bool looksAhead = own.cells.size() > manyCells;
     for (std::uint64_t i = 0; i < count; ++i) {
-        if (i + keysAhead < count) {
+        if (looksAhead && i + keysAhead < count) {
             own.cells.prefetch(own.keys[i + keysAhead]);
         }
         own.cells.add(own.keys[i]);

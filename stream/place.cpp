@@ -21,6 +21,7 @@ using namespace GaussionSplat;
 
 namespace {
 
+constexpr std::uint64_t manyCells = 1024;
 constexpr std::uint32_t notListed = UINT32_MAX;
 
 // How the pass runs within its memory.
@@ -170,6 +171,7 @@ private:
     std::size_t recordFloats_;
     FastQuantiser quantiser_;
     bool isSingle_;
+    bool hasManyCells_; // more than the first-level cache knows
     KeyTable numbers_;
     Places places_;
     PagePool pool_;
@@ -195,7 +197,8 @@ PlacePass::PlacePass(const SplatSource::Source& scene, const Measured& facts, co
       plan_(planPass(facts, chosen)), windows_{.records = scene.count, .windowRecords = plan_.windowRecords},
       recordFloats_(recordLayout(facts.hasCoefficients).floats),
       quantiser_(quantiseSettings(facts.bounding, true)), isSingle_(facts.countedSplats <= singleCellSplats),
-      numbers_(occupiedCells(facts)), places_(facts.cells, plan_.pages.pageRecords),
+      hasManyCells_(occupiedCells(facts) > manyCells), numbers_(occupiedCells(facts)),
+      places_(facts.cells, plan_.pages.pageRecords),
       pool_(plan_.pages.pageRecords, facts.hasCoefficients, plan_.mostPages), crew_(chosen) {
     std::uint32_t number = 0;
     for (const Cell& cell : facts.cells) {
@@ -224,7 +227,7 @@ void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     }
     worker.slots.clear();
     for (std::uint64_t i = 0; i < count; ++i) {
-        if (i + keysAhead < count) {
+        if (hasManyCells_ && i + keysAhead < count) {
             numbers_.prefetch(keys[i + keysAhead]);
         }
         const std::uint32_t cell = numbers_.find(keys[i]);
@@ -291,6 +294,9 @@ void PlacePass::settle(Slot& slot, const Worker& worker) const {
 // Splats whose places are asked for ahead of the work on them.
 constexpr std::uint64_t splatsAhead = 16;
 
+// Cells of a window from which on the next splat of a cell comes too late to ask for its place by then.
+constexpr std::size_t manySlots = 256;
+
 // The place may have moved on by a record or two when the splat is there.
 void PlacePass::prefetchPlace(const Slot& slot) {
     prefetch(slot.data);
@@ -310,8 +316,9 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
     }
     const float* splat = worker.window.get();
     SplatsData record;
+    const bool isScattered = worker.slots.size() > manySlots;
     for (std::uint64_t i = 0; i < count; ++i, splat += recordFloats_) {
-        if (i + splatsAhead < count && worker.keys[i + splatsAhead] != notListed) {
+        if (isScattered && i + splatsAhead < count && worker.keys[i + splatsAhead] != notListed) {
             prefetchPlace(worker.slots[worker.keys[i + splatsAhead]]);
         }
         if (worker.keys[i] - first >= end - first) { // notListed is never in between
@@ -328,6 +335,9 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
         if (coefficients_ != nullptr) {
             std::memcpy(slot.coefficients, record.packed, packedCoefficientsSize);
             slot.coefficients += packedCoefficientsSize;
+        }
+        if (!isScattered) {
+            prefetchPlace(slot); // the cell's next record comes soon
         }
         --slot.left;
     }
