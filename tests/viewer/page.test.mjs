@@ -478,7 +478,7 @@ test("the town: nothing is fetched twice, and the memory is what was promised", 
         await page.waitForFunction(() => {
             const now = window.viewer.figures();
             window.viewer.moved(false);
-            return now !== undefined && now.wanted > 900000 && now.loaded === now.wanted;
+            return now !== undefined && now.wanted > 900000 && now.drawn === now.wanted;
         }, undefined, { timeout: 120000, polling: 200 });
         const now = await figures(page);
         const perMillion = (now.mainMilliseconds / now.uploaded) * 1e6;
@@ -501,11 +501,11 @@ test("the town: nothing is fetched twice, and the memory is what was promised", 
 
 test("within a small budget cells come and go with the eye, and what is no longer wanted is not waited for", { timeout: 280000 }, async () => {
     await withPage([town()], async (page, server) => {
-        await page.setViewportSize({ width: 320, height: 180 });
         let held = true; // until the budget is chosen: another one begins anew
         server.fault = (path, response, request) => held && request.headers.range !== undefined;
         await page.reload();
         await page.waitForFunction(() => window.viewer?.figures() !== undefined);
+        await page.evaluate(() => (window.viewer.drawing = false)); // software rendering would take most of the time
         server.log.length = 0;
         held = false;
         await page.locator("#budget").evaluate((slider) => {
@@ -526,7 +526,6 @@ test("within a small budget cells come and go with the eye, and what is no longe
             assert.ok(now.loaded <= 250000 && now.loaded > 150000, `${now.loaded}`);
             assert.equal(now.drawn, now.loaded, "all that is here is drawn, and nothing else");
             assert.ok(here.some(([left, low]) => x >= left && x < left + 30 && y >= low && y < low + 30), "the cell in the middle is here");
-            assert.ok(covered(await pixelsOf(page)) > 60);
             return now;
         };
         await nearest(-90, -70);
@@ -535,7 +534,7 @@ test("within a small budget cells come and go with the eye, and what is no longe
         const far = await nearest(90, 70);
         assert.ok(far.evicted > 0);
         const keys = server.log.slice(0, before).map(({ path, first }) => `${path} ${first}`);
-        assert.equal(new Set(keys).size, keys.length, "nothing was fetched twice");
+        assert.deepEqual(keys.filter((key, i) => keys.indexOf(key) !== i), [], "nothing was fetched twice");
         // A slow server, and an eye that goes on before the cells arrive.
         server.delay = 1500;
         for (const [x, y] of [[-90, -70], [90, 70]]) {
@@ -545,5 +544,6 @@ test("within a small budget cells come and go with the eye, and what is no longe
         server.delay = 0;
         const end = await nearest(-90, 70);
         assert.ok(end.cancelled > 0, "fetches were cancelled");
+        assert.ok(covered(await pixelsOf(page)) > 60);
     }, { settle: false, hash: "#v=-90,-70,5,60,30,40" });
 });

@@ -167,8 +167,10 @@ test("cells are wanted nearest first, within the budget, and what is here stays"
     const many = wantedPieces(cells, pieces, view(505), 30000, [0, 1]).map(({ cell }) => cell);
     const furthest = pieces.find(({ cell }) => cell === Math.max(...many) + 1);
     assert.ok(!wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest));
-    furthest.state = "here";
-    assert.ok(wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest), "what is here is not given up for its like");
+    for (const state of ["here", "coming"]) {
+        furthest.state = state;
+        assert.ok(wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest), `what is ${state} is not given up for its like`);
+    }
 });
 
 test("a view survives its link; what is no view is none", () => {

@@ -5,7 +5,7 @@ import { createServer } from "node:http";
 import { basename, join } from "node:path";
 
 // `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone.
-// server.log holds {path, status, first, last} of every GET; server.fault may be a function of (path, response, request)
+// server.log holds {path, status, first, last} of every GET that was answered to its end; server.fault may be a function of (path, response, request)
 // that answers itself and then returns true; server.delay holds files back for so many milliseconds.
 export async function startServer(page, datasets, { list = true, ranges = true } = {}) {
     const state = { log: [], fault: undefined, delay: 0 };
@@ -52,7 +52,7 @@ function sendFile(request, response, path, file, ranges, log) {
         response.end();
         return;
     }
-    log.push({ path, status: asked ? 206 : 200, first, last });
+    response.on("finish", () => log.push({ path, status: asked ? 206 : 200, first, last }));
     if (size === 0) response.end(readFileSync(file));
     else createReadStream(file, { start: first, end: last }).pipe(response);
 }

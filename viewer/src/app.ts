@@ -163,7 +163,6 @@ export class App implements Target {
         this.scheduled = false;
         const { scene } = this;
         if (scene === undefined || this.gl.isContextLost()) return;
-        if (!scene.ready()) return this.invalidate();
         const flying = this.controls.fly(now);
         const view = this.view();
         if (now - this.planned >= planning || this.planned === 0) {
@@ -176,8 +175,11 @@ export class App implements Target {
             this.framed = this.touched ? "yes" : "asked";
             if (!this.touched) void this.frame();
         }
+        scene.sort(view);
         const still = now - this.moving > planning;
-        if (this.drawing) this.final = scene.draw(view, this.look(), still ? Infinity : layersWhileMoving);
+        if (!this.drawing) this.final = true;
+        else if (!scene.ready()) return this.invalidate();
+        else this.final = scene.draw(view, this.look(), still ? Infinity : layersWhileMoving);
         this.map?.draw(view, this.pose.target);
         this.progress(scene.figures);
         if (flying || !this.final) this.invalidate();

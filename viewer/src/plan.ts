@@ -28,7 +28,7 @@ export function piecesOf(cells: readonly Cell[]): Piece[] {
     return pieces;
 }
 
-// What is here counts as nearer than it is, so that two cells at the same distance do not take turns.
+// What is here or coming counts as nearer than it is, so that two cells at the same distance do not take turns.
 const loyalty = 0.85 ** 2;
 // What is out of the picture counts as twice as far.
 const outside = 2 ** 2;
@@ -58,7 +58,7 @@ export function wantedPieces(
     [low, high]: readonly [number, number],
 ): Piece[] {
     const cellScores = cells.map((cell) => score(cell, low, high, view));
-    const scores = Float64Array.from(pieces, (piece) => cellScores[piece.cell] * (piece.state === "here" ? loyalty : 1));
+    const scores = Float64Array.from(pieces, (piece) => cellScores[piece.cell] * (piece.state === "away" ? 1 : loyalty));
     const order = Uint32Array.from(pieces.keys()).sort((a, b) => scores[a] - scores[b] || a - b);
     const wanted: Piece[] = [];
     let left = capacity;

@@ -213,7 +213,6 @@ export class Scene {
 
     // Draws; true when the picture is final as far as its colours go.
     draw(view: View, look: Look, layers: number): boolean {
-        this.sort(view);
         return this.renderer.draw(view, look, layers);
     }
 
@@ -221,7 +220,8 @@ export class Scene {
         return this.byDepth ? [...view.eye, ...view.forward].join() : view.eye.join();
     }
 
-    private sort(view: View): void {
+    // Asks for the order of this view, unless it is there or another one is being made.
+    sort(view: View): void {
         const wantedFor = this.sortKey(view);
         if (this.sorting || (!this.changed && wantedFor === this.sortedFor)) return;
         this.sorting = true;
