@@ -41,7 +41,13 @@ cmake -S "$root" --preset release --log-level=WARNING
 cmake --build "$build" --parallel "$(nproc)" --target makescene streamonce plyconvert_executable >/dev/null
 
 folder=$(mktemp -d "$parent/plyconvert-large.XXXXXX")
-clean() { $keep && echo "kept: $folder" || rm -rf "$folder"; }
+clean() {
+    if $keep; then
+        echo "kept: $folder"
+    else
+        rm -rf "$folder"
+    fi
+}
 trap clean EXIT
 
 # run NAME COMMAND...: runs it, and sets seconds and peak (bytes of resident memory at most) of its process.
