@@ -14,8 +14,8 @@ RecordReader::RecordReader(const std::string& path) {
 }
 
 void RecordReader::read(std::uint64_t offset, void* destination, std::uint64_t length) {
-    // The flags of a window that ran into the end of the file say nothing about this one. An offset beyond
-    // the range of stream positions becomes negative and fails to be found.
+    // Clear the flags: an earlier window may have met the end of the file. An offset beyond the range of
+    // stream positions becomes negative, and the seek fails.
     file_.clear();
     file_.seekg(static_cast<std::streamoff>(offset));
     std::uint64_t got = 0;

@@ -1,4 +1,4 @@
-// What both parallel passes share: how a file is cut into blocks, and how the records of a block are read.
+// What both parallel passes share: cutting a file into blocks and reading the records of a block.
 #pragma once
 
 #include <cstdint>
@@ -7,16 +7,16 @@
 
 namespace Tavrin::GaussionSplat {
 
-// Splats of one block, the unit of work of both parallel passes: 2,000,000. Tests alone set it smaller, to
-// see several blocks in a small scene; nothing that ships writes it.
+// Records of one block, the unit of work of both parallel passes: 2,000,000. Only tests set it, to get
+// several blocks in a small scene; nothing that ships writes it.
 extern std::uint64_t blockSplats;
 
-// Records that are read and worked on at a time. At 248 bytes a window is 254 KB: it stays in the
-// second-level cache between the read and the work, and gives the same bytes as one read of the whole block.
+// Records of a window. At 248 bytes each a window is 254 KB and stays in the second-level cache between the
+// read and the work. The bytes are those of one read of the whole block.
 inline constexpr std::uint64_t windowRecords = 1024;
 
-// Call body(first, count) for each block of a file of vertexCount records, in file order. None for zero or
-// less.
+// Call body(first, count) for each block of a file of vertexCount records, in file order. There are none for
+// zero or less.
 template <typename Body>
 void forEachBlock(std::int64_t vertexCount, Body body) {
     std::uint64_t remaining = vertexCount > 0 ? static_cast<std::uint64_t>(vertexCount) : 0;
@@ -34,7 +34,8 @@ inline std::uint64_t countBlocks(std::int64_t vertexCount) {
     return records / blockSplats + (records % blockSplats != 0 ? 1 : 0);
 }
 
-// Reads pieces of one file. A short read or an impossible position is no error: what cannot be read is zeros.
+// Reads pieces of one file. A short read or an impossible position is no error: bytes that cannot be read are
+// zeros.
 struct RecordReader {
     explicit RecordReader(const std::string& path);
 

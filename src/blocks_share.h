@@ -1,9 +1,8 @@
-// Sharing the last blocks of a pass: a worker that finds no block left to begin helps with one that another
-// has begun.
+// Sharing the last blocks of a pass: a worker that finds no block left to begin helps another worker with its
+// block.
 //
-// Blocks are large and few, so without help the pass would wait for the worker with the last one while the
-// others idle. A block's windows are taken in turn by whoever works on it; what a pass hands on does not
-// depend on who took which.
+// Blocks are large and few. Without help the others would idle while one worker finishes the last block.
+// Workers take the windows of a block in turn. The results of a pass do not depend on who took which.
 #pragma once
 
 #include "src/blocks.h"
@@ -19,9 +18,8 @@ namespace Tavrin::GaussionSplat {
 
 // The windows of one block of records.
 //
-// A turn takes several that lie one behind the other. Workers that took single windows in turn would come to
-// the same untouched large page at the same time, and the system would clear one for each of them and throw
-// all but one away.
+// A turn takes several adjacent windows. If workers took single windows, several would touch the same new
+// huge page at the same time. The system would then clear one page for each of them and discard all but one.
 struct WindowQueue {
     std::uint64_t records = 0;
     std::uint64_t turnRecords;          // at most; a whole number of windows
@@ -35,8 +33,8 @@ struct WindowQueue {
 
     bool isEmpty() const { return next.load(std::memory_order_relaxed) >= records; }
 
-    // Call work(first, count) for one window after the other until none is left; the number of records worked
-    // on.
+    // Call work(first, count) for window after window until none is left. Returns the number of records
+    // worked on.
     template <typename Work>
     std::uint64_t takeAll(Work work) {
         std::uint64_t taken = 0;
@@ -54,14 +52,14 @@ struct WindowQueue {
     }
 
 private:
-    // A turn of so many windows is more than a large page of the smaller records, and so many turns leave
-    // little to wait for at the end of a block.
+    // mostWindows makes a turn longer than a huge page of the smaller records. fewestTurns leaves little to
+    // wait for at the end of a block.
     static constexpr std::uint64_t mostWindows = 32;
     static constexpr std::uint64_t fewestTurns = 32;
 };
 
-// The blocks of one pass that are being worked on. Everything but mutex is guarded by it; the pass gives its
-// own lock. A Job has a WindowQueue named windows and a task with the path of its file.
+// The blocks of one pass that are being worked on. The pass's own mutex guards every other member. A Job has
+// a WindowQueue named windows, and a task with the path of its file.
 template <typename Job>
 struct SharedBlocks {
     std::mutex& mutex;
@@ -82,9 +80,9 @@ struct SharedBlocks {
         running.push_back(std::move(job));
     }
 
-    // Call work(job, reader) for blocks that others have begun, as long as there are any. While blocks wait
-    // to be begun it returns at once: the worker's next turn takes one of those. So it does when the file
-    // cannot be opened again; the worker that began the block has it open and goes on alone.
+    // Call work(job, reader) for blocks that others have begun, as long as there are any. Returns at once
+    // while blocks wait to be begun: the worker takes one of those in its next turn. Returns also when the
+    // file cannot be opened again: the worker that began the block has it open and goes on alone.
     template <typename Work>
     void helpOthers(Work work) {
         while (const std::shared_ptr<Job> job = findOne()) {

@@ -8,8 +8,8 @@ namespace {
 
 constexpr std::size_t tileSplats = 64;
 
-// The indices along one axis of a tile of positions, and whether all of them are near. A straight loop that
-// the compiler turns into vector code; where a position is not near it is worth nothing.
+// The indices along one axis of a tile of positions, and whether all of them are near. The loop is straight
+// so that the compiler vectorises it. The index of a position that is not near is meaningless.
 bool nearIndices(const float (&positions)[tileSplats], float origin, float cellSize,
                  std::uint32_t (&indices)[tileSplats]) {
     unsigned outside = 0;

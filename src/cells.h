@@ -25,23 +25,23 @@ struct ChunkGrid {
     bool operator==(const ChunkGrid&) const = default;
 };
 
-// A scene of more splats than this is split into ground cells, one of up to so many is a single cell with key
-// 0. Deliberately not the test of the grid's own choice: exactly 1,000,000 splats get a grid's cell size and
-// a single cell.
+// A scene of more splats than this is split into ground cells. A scene of up to this many is a single cell
+// with key 0. The limit deliberately differs from gridVertexCount by one: exactly 1,000,000 splats get the
+// cell size of a grid and a single cell.
 inline constexpr std::uint64_t singleCellSplats = 1'000'000;
 
-// Where nearIndex holds.
+// Whether nearIndex may be called.
 inline bool isNear(float cells) {
     return cells > -1e9f && cells < 1e9f;
 }
 
-// floor(cells) for a number that an int holds: the truncation, less one where that went up.
+// floor(cells) for a value that fits an int. Truncation rounds a negative value up; one is subtracted then.
 inline std::int32_t nearIndex(float cells) {
     const auto truncated = static_cast<std::int32_t>(cells);
     return truncated - (static_cast<float>(truncated) > cells ? 1 : 0);
 }
 
-// The cell of a splat: X index in the low 16 bits OR-ed with the Y index shifted left by 16. Neither is
+// The key of a splat's cell: its column in the low 16 bits, OR-ed with its row shifted left by 16. Neither is
 // masked: an index below 0 or above 65,535 runs into the other half. Single precision.
 inline std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
     const auto index = [](float cells) {
@@ -51,7 +51,7 @@ inline std::uint32_t cellKey(float x, float y, const ChunkGrid& grid) {
     return index((x - grid.originX) / grid.cellSizeX) | index((y - grid.originY) / grid.cellSizeY) << 16;
 }
 
-// cellKey of count splats, whose x and y stand at the start of records of stride floats.
+// The cellKey of count splats. Records are stride floats apart and start with x and y.
 void cellKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
               std::uint32_t* keys);
 
@@ -66,7 +66,7 @@ class CellCounter {
 public:
     CellCounter() { remembered_[hashOf(0)].key = 1; }
 
-    // The number of the cell of key, a new one with no splats when it is seen first.
+    // The number of the cell of key. A key seen for the first time gets a new cell with no splats.
     std::uint32_t numberOf(std::uint32_t key) {
         const Remembered& entry = remembered_[hashOf(key)];
         return entry.key == key ? entry.number : find(key);
@@ -78,8 +78,8 @@ public:
     const std::vector<CellCount>& counts() const { return cells_; }
 
 private:
-    // Where a key was found: a scene has far fewer cells than this has entries. An empty entry holds a key
-    // whose place is another, so that no key is found there.
+    // A look-up cache in front of numbers_. A scene has far fewer cells than the cache has entries. An empty
+    // entry holds a key that belongs to another entry, so no look-up matches it.
     struct Remembered {
         std::uint32_t key = 0;
         std::uint32_t number = 0;

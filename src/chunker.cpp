@@ -20,7 +20,7 @@ constexpr const char* sourcePath = "src/chunker";
 
 std::mutex chunkMutex; // the chunk lock: guards the shared ranges, the chunk list and what belongs to them
 
-// Nothing where there is no memory: for what the conversion can do without.
+// Null where there is no memory. Only for what the conversion can do without.
 template <typename Element>
 LargeArray<Element> tryLargeArray(std::uint64_t count) {
     try {
@@ -58,8 +58,8 @@ ChunkPass::ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::sha
 
 namespace {
 
-// Merge a block of which every record is decoded, and hand it on. The chunk lock is held: the append belongs
-// to what it guards.
+// Merge a block that is completely decoded, and hand it on. The caller holds the chunk lock, which guards the
+// list that the block is appended to.
 void finishBlock(DecodeJob& job, ChunkPass& pass) {
     const bool hasShcoef = pass.bounding->hasShcoef;
     settleZeroBounds(job.block.get(), job.task.count, hasShcoef, job.ranges);
@@ -74,7 +74,7 @@ void finishBlock(DecodeJob& job, ChunkPass& pass) {
     chunk->room = std::move(job.room);
 }
 
-// Find the cells of the records of a window, which starts with the first-th record of the block.
+// Find the cells of a window's records. The window starts at record `first` of the block.
 void findCells(const float* window, std::size_t recordFloats, std::uint64_t first, std::uint64_t count,
                ChunkCells& cells, CellCounter& counter) {
     std::uint32_t own[windowRecords];
@@ -85,7 +85,8 @@ void findCells(const float* window, std::size_t recordFloats, std::uint64_t firs
     }
 }
 
-// Touch the pages of the room that begin in the part of a window's records: each page is one window's.
+// Pre-fault the pages of the room that begin in the part of a window's records. So each page belongs to one
+// window.
 void touchRoom(const DecodeJob& job, std::uint64_t first, std::uint64_t count) {
     constexpr std::uint64_t smallestPage = 4096;
     const std::uint64_t size = job.room.get_deleter().bytes;
@@ -98,9 +99,9 @@ void touchRoom(const DecodeJob& job, std::uint64_t first, std::uint64_t count) {
     }
 }
 
-// Read records of a task into their place. A block is looked for once: where it starts before the file, all
-// of it is zeros. A record is read as its form is wide, from where the task's stride puts it; what lies
-// beyond the task's length is zeros.
+// Read records of a task into their place. One check serves the whole block: if it starts before the file,
+// all of it is zeros. The form of the records gives their size, the task's stride their positions in the
+// file. Bytes beyond the task's length are zeros.
 void readRecords(RecordReader& reader, const Chunker::Task& task, std::uint64_t first, std::uint64_t count,
                  std::size_t recordFloats, float* records) {
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
@@ -120,16 +121,16 @@ void readRecords(RecordReader& reader, const Chunker::Task& task, std::uint64_t 
     }
 }
 
-// Decode windows of a block until none is left; whoever decodes the last one finishes the block. Each window
-// is read straight into its place and decoded there while it is in the cache: the same bytes as one read of
-// the whole block into a block of its own. Record 0 is visited twice, from the same input and with the same
-// result, so one visit is made.
+// Decode windows of a block until none is left. The worker that decodes the last one finishes the block. Each
+// window is read straight into its place and decoded there while it is in the cache. The bytes are those of
+// one read of the whole block. A second visit of record 0 would change nothing, so one is made.
 void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const Chunker::Task& task = job.task;
     const bool hasShcoef = pass.bounding->hasShcoef;
     const std::size_t recordFloats = recordLayout(hasShcoef).floats;
     BlockRanges ranges;
-    // Not told from job.cells, which goes with the block: a worker that comes to help may find it finished.
+    // Not derived from job.cells: finishing the block moves it away, and a worker that comes to help may find
+    // the block finished.
     const auto counter = pass.countsCells ? std::make_unique<CellCounter>() : nullptr;
     const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         float* const window = job.block.get() + first * recordFloats;
@@ -177,9 +178,9 @@ void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
 
 namespace {
 
-// The workers finish in any order. Handing the blocks on in file order, and merging their ranges once more in
-// that order, makes the result independent of the threads: the second merge can differ from the running one
-// in the sign of a zero bound alone, where the first of two equal bounds stays.
+// Workers finish in any order. Here the blocks are sorted into file order and their ranges merged once more
+// in that order. So the result does not depend on the threads. Of two equal bounds the first stays, so the
+// second merge can differ from the first only in the sign of a zero bound.
 void settleOrder(ChunkPass& pass, const AttributeBounding& before) {
     std::vector<std::size_t> order(pass.finished.size());
     for (std::size_t i = 0; i < order.size(); ++i) {

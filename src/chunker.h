@@ -1,5 +1,5 @@
-// The chunker: cuts the vertex data of the input into blocks, decodes them in parallel and gathers the
-// attribute ranges.
+// The chunker: cuts the records of the input into blocks, decodes them in parallel and finds the attribute
+// ranges.
 #pragma once
 
 #include "src/cells.h"
@@ -14,7 +14,7 @@
 
 namespace Tavrin::GaussionSplat {
 
-// Bytes that the indexer's record of a splat takes in memory.
+// Bytes of a quantised record in memory.
 inline constexpr std::uint64_t indexedSplatBytes = 288;
 
 // The cells of a block's splats in a grid, found while the block was in the cache.
@@ -24,19 +24,19 @@ struct ChunkCells {
     LargeArray<std::uint32_t> keys{}; // cellKey of every splat, in the order of the block
 };
 
-// One decoded block. The records keep the layout of the input (62 or 17 floats); colour holds [0, 1] values,
-// opacity the opacity in [0, 1], scale linear scales, and the four rotation slots the packed rotation.
+// One decoded block. The records keep the layout of the input (62 or 17 floats). Colours are in [0, 1],
+// opacity is in [0, 1], scales are linear, and the four rotation values hold the packed rotation.
 struct ChunkData {
     std::uint32_t splatCount = 0;
     std::uint32_t level = 0;
-    // splatCount records in file order, from allocateLarge. Not freed here: the indexer frees it with
-    // freeLarge as soon as it has regrouped the block.
+    // splatCount records in file order, from allocateLarge. The indexer frees it with freeLarge as soon as
+    // the block is regrouped; this struct does not.
     float* data = nullptr;
-    // For scenes that have a grid; the indexer finds what is not here.
+    // Set for scenes that have a grid. Where it is empty, the indexer finds the cells itself.
     std::shared_ptr<const ChunkCells> cells;
-    // Whole large pages for what the indexer's records of the block take beyond data, which the workers have
-    // touched. The system clears memory at its first touch; the workers have that done side by side, the
-    // indexer has one thread. May be empty.
+    // Whole huge pages, pre-faulted by the workers: the part of the block's quantised records that data does
+    // not cover. The system clears memory at its first touch. The workers share that cost; the indexer has
+    // one thread. May be empty.
     LargeArray<std::byte> room;
 };
 
@@ -45,7 +45,7 @@ using ChunkList = std::vector<std::shared_ptr<ChunkData>>;
 struct Chunker {
     std::shared_ptr<AttributeBounding> bounding; // set by doChunking
     std::string name;                            // set by doChunking to the output folder; nothing reads it
-    std::vector<SplatHeader> headers;            // one for each input file
+    std::vector<SplatHeader> headers;            // one per input file
     std::int32_t flag = 1;                       // not read
     std::uint64_t threadCount = 0;               // worker threads
 
@@ -68,7 +68,7 @@ struct Chunker {
                     std::string output);
 };
 
-// Free the blocks of records of recordSize bytes that are still in the list and empty their entries.
+// Free the blocks still in the list, whose records take recordSize bytes each, and empty their entries.
 void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept;
 
 } // namespace Tavrin::GaussionSplat

@@ -32,8 +32,8 @@ inline float opacityOf(float logit) {
     return 1.0f / (exponential(-logit) + 1.0f);
 }
 
-// packRotation without branches or indexing, so that loops over it vectorise: the three that stay are picked
-// by comparing the index of the largest.
+// packRotation without branches or indexing, so that loops over it vectorise. The index of the largest
+// component selects the three that stay.
 inline void packRotationInPlace(float& rot0, float& rot1, float& rot2, float& rot3) {
     float q0 = rot1;
     float q1 = rot2;
@@ -131,13 +131,14 @@ struct Tile {
 static_assert(layoutWithShcoef.scale == layoutWithShcoef.opacity + 1 &&
               layoutWithoutShcoef.scale == layoutWithoutShcoef.opacity + 1);
 
-// Records are taken apart and put together four at a time where the build has vectors of four: opacity and
-// scale, and rotation, stand side by side in both layouts.
+// Four records at a time are taken apart into columns and put together again, where the build has vectors of
+// four floats. This works because opacity and scale are adjacent in both layouts, and so are the four parts
+// of the rotation.
 #if PLYCONVERT_SSE2
 
 constexpr std::size_t recordsAtOnce = 4;
 
-// Four values of each of four records, which lie stride floats apart, into four columns.
+// Four values of each of four records go into four columns. The records are stride floats apart.
 inline void takeApart(const float* records, std::size_t stride, float* a, float* b, float* c, float* d) {
     __m128 first = _mm_loadu_ps(records);
     __m128 second = _mm_loadu_ps(records + stride);
@@ -163,7 +164,7 @@ inline void putTogether(const float* a, const float* b, const float* c, const fl
     _mm_storeu_ps(records + 3 * stride, fourth);
 }
 
-// What stands behind the colours is put back as it was.
+// The value behind the colours is stored back unchanged.
 inline void loadFour(const float* records, const RecordLayout& layout, Tile& tile, std::size_t i) {
     takeApart(records + colourAt, layout.floats, tile.colour[0] + i, tile.colour[1] + i, tile.colour[2] + i,
               tile.behindColour + i);
@@ -225,8 +226,8 @@ inline void storeTile(float* records, std::size_t count, const RecordLayout& lay
     }
 }
 
-// Straight loops over columns: the compiler turns each into vector code. They run over the whole tile, also
-// where the last one is not full.
+// Straight loops over columns, each of which the compiler turns into vector code. They cover the whole tile
+// even when it is not full.
 void decodeTile(Tile& tile) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
         for (float& value : tile.colour[axis]) {
@@ -245,7 +246,7 @@ void decodeTile(Tile& tile) {
     }
 }
 
-// Fold the bounds of count lanes from the first on into range.
+// Widen range by the bounds of count lanes, starting at lane first.
 template <std::size_t Lanes>
 void foldInto(const LaneRanges<Lanes>& bounds, ValueRange& range, std::size_t first, std::size_t count) {
     for (std::size_t lane = first; lane < first + count; ++lane) {
@@ -325,9 +326,9 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, Blo
 
 #if PLYCONVERT_AVX2
 
-// The same code with everything that it calls, so that no function which others share is translated for the
-// wider vectors. They hold more values and round each as the narrow ones do; without a fused multiplication
-// the bytes stay the same.
+// The same code for AVX2. `flatten` inlines all that it calls, so no shared function is compiled for the
+// wider vectors. Wider vectors hold more values and round each as narrow ones do. Without fused
+// multiplication the bytes stay the same.
 __attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::uint64_t count, bool hasShcoef,
                                                          BlockRanges& ranges) {
     decodeTiles(records, count, hasShcoef, ranges);
@@ -370,8 +371,8 @@ void joinRange(ValueRange& range, const ValueRange& other) {
     range.max = maximum(range.max, other.max);
 }
 
-// The first zero among the values that lie at values[0 .. width) of each record, in visiting order; 0 when
-// there is none.
+// The first zero, in visiting order, among the values at values[0 .. width) of each record; 0 when there is
+// none.
 float firstZero(const float* values, std::size_t width, std::uint64_t count, std::size_t stride) {
     for (std::uint64_t i = 0; i < count; ++i, values += stride) {
         for (std::size_t k = 0; k < width; ++k) {

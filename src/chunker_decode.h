@@ -1,7 +1,7 @@
-// Decoding splats in place, and the ranges of a decoded block. Single precision throughout.
+// Decodes splats in place and finds the ranges of a decoded block. Single precision throughout.
 //
-// decodeRecord is the plain form of the work, one record at a time; decodeRecords does the same to many in
-// columns.
+// decodeRecord is the plain form: one record at a time. decodeRecords decodes many records in columns and
+// gives the same bytes.
 #pragma once
 
 #include "src/kernels.h"
@@ -23,14 +23,14 @@ float decodeColour(float coefficient);
 // The opacity of a logit.
 float decodeOpacity(float logit);
 
-// Largest-component packing of a quaternion stored as rot_0 (w), rot_1 (x), rot_2 (y), rot_3 (z): it is
-// normalised, the largest component is dropped and its index m in (x, y, z, w) handed on as m / 3, and the
-// other three, with the sign of the dropped one folded in, are mapped from [-1/sqrt(2), 1/sqrt(2)] to [0, 1].
-// A zero quaternion gives NaN.
+// Packs a quaternion stored as rot_0 (w), rot_1 (x), rot_2 (y), rot_3 (z) by its largest component. The
+// quaternion is normalised and the component with the largest magnitude is dropped. The other three are
+// multiplied by the sign of the dropped one and mapped from [-1/sqrt(2), 1/sqrt(2)] to [0, 1]. The last value
+// is m / 3, with m the index of the dropped component in (x, y, z, w). A zero quaternion gives NaN.
 std::array<float, 4> packRotation(float rot0, float rot1, float rot2, float rot3);
 
-// Bounds of one value over a block. Strict comparisons in visiting order: NaN never replaces a bound, and of
-// a positive and a negative zero the first stays.
+// Bounds of one value over a block. Comparisons are strict and follow the order of the records: NaN never
+// replaces a bound, and of a positive and a negative zero the first stays.
 struct ValueRange {
     float min = std::numeric_limits<float>::infinity();
     float max = -std::numeric_limits<float>::infinity();
@@ -41,8 +41,8 @@ struct ValueRange {
     }
 };
 
-// The ranges of one block, kept in single precision: the minimum and maximum of floats do not change by
-// widening.
+// The ranges of one block, in single precision. Widening floats to doubles would not change their minimum and
+// maximum.
 struct BlockRanges {
     ValueRange position[3];
     ValueRange normal[3];
@@ -55,8 +55,8 @@ struct BlockRanges {
 // Decode one record in place and widen ranges by it.
 void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges);
 
-// Decode count records in place, each as decodeRecord does, and widen ranges by them. The bounds are those of
-// decodeRecord but for the sign of a zero, which settleZeroBounds puts right once the whole block is there.
+// Decode count records in place and widen ranges by them. The bytes are those of decodeRecord. So are the
+// bounds, except for the sign of a zero; settleZeroBounds corrects it once the whole block is decoded.
 void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
                    Kernels kernels = chosenKernels);
 
@@ -67,11 +67,11 @@ void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, Kernels 
 void joinRanges(BlockRanges& ranges, const BlockRanges& other);
 
 // Give a zero bound of a copied attribute (position, normal, coefficients) the sign of the first zero in the
-// block, as visiting the records one by one would. Decoded attributes have no negative zeros.
+// block. Visiting the records one by one would give the same sign. Decoded attributes have no negative zeros.
 void settleZeroBounds(const float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
 
-// Merge the ranges of a block into the shared ones: opacity's x alone, and the coefficients' only where there
-// are any; without, every block sets them to [0, 1].
+// Widen the shared ranges by those of a block. Opacity uses x alone. A block without coefficients sets their
+// range to [0, 1].
 void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasShcoef);
 
 } // namespace Tavrin::GaussionSplat

@@ -13,8 +13,8 @@ namespace Tavrin::GaussionSplat {
 // exp(x) in double precision for a single-precision x.
 //
 // x = k ln 2 + r with |r| <= ln 2 / 2, and exp(x) = 2^k exp(r). ln 2 is split so that k times its high part
-// is exact. exp(r) is its Taylor polynomial of degree 13, whose remainder is below 2^-57 there. Arguments are
-// clamped to [-110, 100]: beyond, single precision knows only 0 and infinity. NaN stays NaN.
+// is exact. exp(r) is its Taylor polynomial of degree 13; the remainder is below 2^-57 there. Arguments are
+// clamped to [-110, 100]: beyond, single precision has only 0 and infinity. NaN stays NaN.
 inline double exponentialDouble(float x) {
     constexpr double log2e = 1.4426950408889634;
     constexpr double ln2High = 0x1.62e42fefap-1;     // 35 bits

@@ -24,13 +24,14 @@ struct DecodeJob {
     std::uint64_t decodedCount = 0;    // records decoded so far
     std::shared_ptr<ChunkCells> cells; // counted: the records decoded so far; empty without a grid
 
-    // recordFloats: of one record of the block. countsCells: the scene has a grid.
+    // recordFloats: floats of one record of the block. countsCells: the scene has a grid.
     DecodeJob(const Chunker::Task& block, std::size_t recordFloats, bool countsCells);
 };
 
 // What the workers of one pass share, guarded by the chunk lock, a process-wide mutex.
 struct ChunkPass {
-    // The ranges of one finished block; entry i belongs to the i-th block that this pass appended to chunks.
+    // The ranges of one finished block. Entry i belongs to block i of those that this pass appended to
+    // chunks.
     struct Finished {
         std::uint64_t ordinal;
         BlockRanges ranges;
@@ -45,12 +46,12 @@ struct ChunkPass {
     ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList);
 };
 
-// Read and decode the block of a task, merge its ranges and append its ChunkData, both under the chunk lock,
-// then help with blocks that other workers have begun. A file that cannot be opened costs an ERROR line and
+// Read and decode the block of a task. Merge its ranges and append its ChunkData, both under the chunk lock.
+// Then help with blocks that other workers have begun. A file that cannot be opened costs an ERROR line and
 // the block. A length that is not positive ends the process with status 123.
 //
-// bounding->hasShcoef chooses the form of the records, the task's stride where each starts in the file. The
-// decoded block holds count records of that form without gaps, whatever the stride.
+// bounding->hasShcoef chooses the form of the records; the task's stride says where each starts in the file.
+// The decoded block holds count records of that form without gaps, whatever the stride.
 void decodeBlock(const Chunker::Task& task, ChunkPass& pass);
 
 } // namespace Tavrin::GaussionSplat

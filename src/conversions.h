@@ -1,12 +1,12 @@
-// The one rule for a floating-point value that becomes an integer field.
+// The one rule for converting a floating-point value to an integer field.
 #pragma once
 
 #include <cstdint>
 
 namespace Tavrin::GaussionSplat {
 
-// Truncated toward zero to a 64-bit integer where that holds the value, else 0 (NaN, infinities, out of
-// range). Callers keep the low bits that their field is wide.
+// The value truncated toward zero to a 64-bit integer, or 0 where no such integer holds it (NaN, infinities,
+// out of range). Callers keep the low bits that their field holds.
 inline std::uint64_t truncateToBits(double value) {
     constexpr double limit = 9223372036854775808.0; // 2^63
     if (value >= -limit && value < limit) {

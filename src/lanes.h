@@ -1,4 +1,4 @@
-// Bounds of many values side by side, for loops that turn into vector code.
+// Bounds of many values side by side, for loops that the compiler turns into vector code.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 
 namespace Tavrin::GaussionSplat {
 
-// Strict comparisons: where b is NaN, or a zero like a, the result is a.
+// Strict comparisons: the result is a where b is NaN, or where both are zeros.
 inline float minimum(float a, float b) {
     return a > b ? b : a;
 }
@@ -27,7 +27,7 @@ struct LaneRanges {
         std::fill(std::begin(max), std::end(max), -std::numeric_limits<float>::infinity());
     }
 
-    // Fold in Lanes values of each of count records that lie stride floats apart.
+    // Widen the bounds by Lanes values of each of count records. The records are stride floats apart.
     void foldRecords(const float* values, std::size_t count, std::size_t stride) {
         std::size_t i = 0;
         for (; i + 4 <= count;

@@ -14,7 +14,7 @@
 #endif
 #endif
 
-// The address sanitizer only sees overruns of heap blocks, so under it every block comes from the heap.
+// The address sanitizer sees overruns of heap blocks only. So under it every block comes from the heap.
 #if defined(__linux__) && defined(MREMAP_DONTUNMAP) && !defined(__SANITIZE_ADDRESS__)
 #define PLYCONVERT_LARGE_PAGES 1
 #endif
@@ -90,7 +90,7 @@ void* allocateLarge(std::uint64_t bytes) {
     if (bytes > PTRDIFF_MAX - 2 * largePage) {
         throw AllocationError();
     }
-    // One page too many: what lies before and behind the aligned block is given back.
+    // Map one page too many, then unmap what lies before and behind the aligned block.
     const std::uint64_t size = roundUp(bytes);
     void* const mapping =
         mmap(nullptr, size + largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -123,7 +123,7 @@ bool moveLargePage(void* from, void* to) {
         MAP_FAILED) {
         return true;
     }
-    // The failure may have unmapped the target. If so, this maps it again; if not, it fails with EEXIST.
+    // The failure may have unmapped the target. If so, this maps it again. If not, it fails with EEXIST.
     void* const again =
         mmap(to, largePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     if (again == MAP_FAILED && errno != EEXIST) {
@@ -136,7 +136,7 @@ void useLargePages(void* part, std::uint64_t bytes) noexcept {
     (void)madvise(part, bytes, MADV_HUGEPAGE); // where it is refused the part stays on ordinary pages
 }
 
-// Rounded outwards to the system's pages: advice changes no content of what stands beside the part.
+// The part is rounded outwards to the system's pages. Advice changes no content beside it.
 void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept {
     static const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
     const auto start = reinterpret_cast<std::uintptr_t>(part) / page * page;
@@ -148,8 +148,8 @@ void releaseLargePage(void* page) noexcept {
     (void)madvise(page, largePage, MADV_DONTNEED);
 }
 
-// Systems before Linux 5.7 and some sandboxes refuse, whatever the headers promise. Tried once, with an
-// untouched page.
+// Linux before 5.7 and some sandboxes refuse the call, whatever the headers promise. So it is tried once,
+// with an untouched page.
 bool largePagesMove() noexcept {
     static const bool doThey = [] {
         try {

@@ -17,28 +17,29 @@ struct AllocationError : std::bad_alloc {
 inline constexpr std::uint64_t largePage = std::uint64_t{2} << 20;
 
 // Uninitialised memory for large blocks, aligned to 64 bytes or better. It is on huge pages where the system
-// grants them: clearing 4 KiB pages one fault at a time costs as much as decoding. Throws AllocationError.
-// The caller frees it with freeLarge, giving the same size; a null pointer is allowed there.
+// grants them, because clearing 4 KiB pages one fault at a time costs as much as decoding. Throws
+// AllocationError. The caller frees it with freeLarge, giving the same size; freeLarge accepts a null
+// pointer.
 void* allocateLarge(std::uint64_t bytes);
 void freeLarge(void* block, std::uint64_t bytes) noexcept;
 
-// Put the memory of one large page in the place of another, whose content is lost: each a whole largePage of
-// an allocation, aligned to that. What stood at from then stands at to, and from reads as zeros.
-// False, and nothing moved, where the system does not offer it. Throws AllocationError when the system fails
-// half-way and the addresses of `to` cannot be mapped again.
+// Move the memory of one huge page to the place of another, whose content is lost. `from` and `to` are each a
+// whole, aligned largePage of an allocation. Afterwards `to` holds the content of `from`, and `from` reads as
+// zeros. Returns false, with nothing moved, where the system does not offer it. Throws AllocationError when
+// the system fails half-way and the addresses of `to` cannot be mapped again.
 bool moveLargePage(void* from, void* to);
 
-// Whether moveLargePage succeeds here, as far as the system tells beforehand.
+// Whether moveLargePage works here, as far as the system tells beforehand.
 bool largePagesMove() noexcept;
 
-// Advise the system to use huge pages for a part of an allocation, whole large pages aligned to that.
+// Advise the system to use huge pages for a part of an allocation. The part is whole, aligned huge pages.
 void useLargePages(void* part, std::uint64_t bytes) noexcept;
 
-// Advise the system to use ordinary pages, which it clears one by one as they are touched, for a part of an
-// allocation.
+// Advise the system to use ordinary pages for a part of an allocation. It clears these one by one as they are
+// touched.
 void useOrdinaryPages(void* part, std::uint64_t bytes) noexcept;
 
-// Give a whole large page that nobody reads any more back to the system. Its addresses stay.
+// Give a whole huge page that nobody reads any more back to the system. Its addresses stay valid.
 void releaseLargePage(void* page) noexcept;
 
 struct FreeLarge {

@@ -57,9 +57,9 @@ void flushStandardOutput() {
 
 } // namespace
 
-// The runtimes of Windows leave the control register of the vector unit, which does all our arithmetic, as it
-// is in fesetenv(FE_DFL_ENV), or a part of it. New threads start with the default one there, and inherit
-// their maker's elsewhere.
+// On Windows, fesetenv(FE_DFL_ENV) leaves all or part of the vector unit's control register as it is, and
+// that unit does all our arithmetic. New threads start with the default register there. Elsewhere they
+// inherit the register of the thread that made them.
 DefaultFloatEnvironment::DefaultFloatEnvironment() {
     std::fegetenv(&environment);
 #if defined(_WIN32)
@@ -91,7 +91,7 @@ void endProcessFromWorker(int status) {
 
 #if defined(_WIN32)
 
-// The runtime keeps descriptors 0 to 2 for the standard streams of a process that was started without any.
+// The runtime reserves descriptors 0 to 2 for the standard streams, even in a process started without any.
 StandardStreams::StandardStreams() = default;
 StandardStreams::~StandardStreams() = default;
 
@@ -99,8 +99,8 @@ namespace {
 
 constexpr UINT utf8CodePage = 65001;
 
-// Whether the locale of the runtime is a UTF-8 one. The library may be linked against the older runtime,
-// which has no such locale, while its host's locale is that of the universal one.
+// Whether the runtime's locale is a UTF-8 one. The library may be linked against the older runtime, which has
+// no such locale, while the host uses the universal runtime and a UTF-8 locale.
 bool localeIsUtf8() {
     if (___lc_codepage_func() == utf8CodePage) {
         return true;
@@ -151,7 +151,7 @@ std::filesystem::path nativePath(const std::string& path) {
 }
 
 std::string lastPathComponent(const std::string& path) {
-    // In wide characters: a trailing byte of a double-byte code page may look like a backslash.
+    // Wide characters are needed: a trailing byte of a double-byte code page may look like a backslash.
     return narrow(lastComponent<wchar_t>(widen(path)));
 }
 

@@ -8,26 +8,26 @@
 
 namespace Tavrin::GaussionSplat {
 
-// A narrow path as the file-system functions want it. UTF-8 on Linux. On Windows the code page is UTF-8 when
-// the runtime's locale code page is 65001, else the ANSI code page, or the OEM code page when the file
-// functions use that.
+// A narrow path in the form that file-system functions take. It is UTF-8 on Linux. On Windows it is UTF-8
+// when the code page of the runtime's locale is 65001. Otherwise it is in the ANSI code page, or in the OEM
+// code page when the file functions use that.
 std::filesystem::path nativePath(const std::string& path);
 
-// The text after the last '/' or '\' that follows the root name; a root name is a drive letter with its
-// colon, or the server part of a network path. Both separators count on every system, since source paths are
-// written by compilers.
+// The text after the last '/' or '\' that follows the root name. A root name is a drive letter with its
+// colon, or the server part of a network path. Both separators count on every system, because compilers write
+// the source paths.
 std::string lastPathComponent(const std::string& path);
 
-// End the process with a status, running the exit handlers of the host. For the thread that called the
-// library while no worker runs.
+// End the process with a status and run the host's exit handlers. For the thread that called the library,
+// while no worker runs.
 [[noreturn]] void endProcess(int status);
 
-// The same from a worker thread: standard output is flushed and the process ends at once, so that no static
+// End the process from a worker thread. Standard output is flushed and the process ends at once, so no static
 // destructor runs beside the other workers.
 [[noreturn]] void endProcessFromWorker(int status);
 
 // Sets the default floating-point environment, whatever rounding mode or flushing of subnormals the host has
-// set, and restores the host's own when the object dies.
+// set. The destructor restores the host's own.
 struct DefaultFloatEnvironment {
     std::fenv_t environment;    // the host's
     unsigned vectorControl = 0; // the host's MXCSR, where the environment may not hold it
@@ -38,13 +38,13 @@ struct DefaultFloatEnvironment {
     DefaultFloatEnvironment& operator=(const DefaultFloatEnvironment&) = delete;
 };
 
-// Standard streams that the host has closed lead nowhere for as long as the object lives: otherwise the
-// system gives their descriptors to the next files that are opened, and what is printed ends up in those.
+// Opens the standard streams that the host has closed to nowhere, for as long as the object lives. Otherwise
+// the system would give their descriptors to the next files opened, and printed text would end up in those.
 //
-// What still leads nowhere at the end is closed again. A descriptor that a thread of the host has given to a
-// file of its own meanwhile stays open.
+// The destructor closes those that still lead nowhere. A descriptor stays open if a thread of the host has
+// meanwhile given it to a file of its own.
 struct StandardStreams {
-    // What fstat says of a descriptor that was opened here.
+    // What fstat says of a descriptor opened here.
     struct Opened {
         bool isOpen = false;
         std::uint64_t device = 0;

@@ -1,4 +1,4 @@
-// The plain records that travel through a whole conversion.
+// The plain structures that a whole conversion passes on.
 #pragma once
 
 #include <cstddef>
@@ -15,12 +15,12 @@ struct Vector3 {
     double z = 0.0;
 };
 
-// The vertex record: 32-bit floats without gaps. Positions of the attributes and sizes are in floats unless a
-// name says bytes.
+// The vertex record: 32-bit floats without gaps. Positions of attributes and sizes count floats unless a name
+// says bytes.
 inline constexpr std::size_t positionAt = 0;
 inline constexpr std::size_t normalAt = 3;
 inline constexpr std::size_t colourAt = 6;
-inline constexpr std::size_t shcoefAt = 9; // 15 red, 15 green, 15 blue; only where there are any
+inline constexpr std::size_t shcoefAt = 9; // 15 red, 15 green, 15 blue; only in the larger record
 inline constexpr std::size_t shcoefPerChannel = 15;
 inline constexpr std::size_t shcoefFloats = 3 * shcoefPerChannel;
 
@@ -48,9 +48,9 @@ static_assert(recordSizeWithoutShcoef == 68 && recordSizeWithShcoef == 248);
 // Bytes from record to record in the bounding-box scan, whatever the header declares.
 inline constexpr std::uint32_t scanStride = recordSizeWithShcoef;
 
-// What the comment lines of the PLY header say about the scene. Created once a conversion, filled by the
-// header reader and read-only from then on, so any thread may read it. The numbers are parsed in single
-// precision and widened: the meta document prints what is stored.
+// What the comment lines of the PLY header say about the scene. Created once a conversion and filled by the
+// header reader. Read-only from then on, so any thread may read it. The numbers are parsed in single
+// precision and widened to double; the meta document prints these doubles.
 struct Params {
     double minx = 0.0; // stated bounds, scene units
     double miny = 0.0;
@@ -73,8 +73,8 @@ struct Params {
     std::string source = "None"; // where the data came from
 };
 
-// The values that one attribute takes over all splats. The defaults are the empty range: the first value
-// folded in becomes both bounds.
+// The bounds of one attribute over all splats. The defaults are the empty range: the first value becomes both
+// bounds.
 struct AttributeRange {
     std::string name;
     Vector3 min{std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity(),
@@ -83,8 +83,8 @@ struct AttributeRange {
                 -std::numeric_limits<double>::infinity()};
 };
 
-// The ranges of every attribute, widened by the chunk workers under their lock and read by the indexer after
-// the workers have ended. Opacity uses x alone; the three axes of shcoef are the red, green and blue
+// The ranges of every attribute. The chunker's workers widen them under its lock; the indexer reads them
+// after the workers have ended. Opacity uses x alone. The three axes of shcoef are the red, green and blue
 // coefficients.
 struct AttributeBounding {
     AttributeRange position{.name = "position"};
@@ -96,8 +96,8 @@ struct AttributeBounding {
     bool hasShcoef = true; // the input declares f_rest_0
 };
 
-// Widen range by other: strict comparisons, so NaN never replaces a bound and of two equal bounds the first
-// stays. The x overload serves opacity, whose y and z stay empty.
+// Widen range by other. Comparisons are strict: NaN never replaces a bound, and of two equal bounds the first
+// stays. widenX serves opacity, whose y and z stay empty.
 void widen(AttributeRange& range, const AttributeRange& other);
 void widenX(AttributeRange& range, const AttributeRange& other);
 

@@ -1,8 +1,8 @@
 // A short-lived pool of worker threads that runs one body over many tasks.
 //
 // Each pass of the converter builds its own pool, fills its queue, drains it and destroys it. Workers poll
-// the queue: after every turn, also one that ran a task, a worker sleeps for taskPoolPause. The pacing is
-// deliberate; tasks are coarse, so it costs little.
+// the queue and sleep for taskPoolPause after every turn, even after a turn that ran a task. The pacing is
+// deliberate. Tasks are coarse, so it costs little.
 #pragma once
 
 #include <atomic>
@@ -30,9 +30,9 @@ struct TaskPool {
     std::atomic<std::uint32_t> activeCount{0}; // tasks being run at this moment; informational
     std::mutex mutex;                          // guards queue
 
-    // Starts the workers, each running body over the tasks it takes. body runs on the workers, any
-    // number of calls at once; an exception that escapes it ends the process. Throws std::system_error when a
-    // thread cannot be started; the threads started until then have ended by the time it leaves.
+    // Starts the workers, each running body over the tasks that it takes. Any number of calls of body run at
+    // once. An exception that escapes body ends the process. Throws std::system_error when a thread cannot be
+    // started; the threads already started are joined first.
     TaskPool(std::uint64_t workers, std::function<void(std::shared_ptr<Task>)> body)
         : threadCount(workers), runner(std::move(body)) {
         try {
@@ -55,8 +55,8 @@ struct TaskPool {
         queue.push_back(std::move(task));
     }
 
-    // Returns when the queue is empty and every worker has ended, that is when every task has been run. With
-    // no worker and a task in the queue it waits forever.
+    // Returns when every task has been run: the queue is empty and every worker has ended. Waits forever when
+    // there is a task in the queue and no worker.
     void drain() {
         while (queueSize() != 0) {
             pause();
