@@ -1,7 +1,9 @@
-// Elementary functions of the decoder: single precision through double arithmetic of our own, rounded once.
+// Elementary functions of the decoder: single precision, computed by our own double-precision arithmetic and
+// rounded once.
 //
-// The exp and pow of different systems sometimes differ in the last place. These functions use additions,
-// multiplications and square roots alone, which every system rounds alike. Plain loops over them vectorise.
+// The exp and pow of different systems sometimes differ in the last place. These functions use only
+// additions, multiplications and square roots, which every system rounds alike. Plain loops over them
+// vectorise.
 #pragma once
 
 #include <bit>

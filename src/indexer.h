@@ -1,6 +1,6 @@
 // The indexer: turns the decoded blocks into the files of the dataset, on the calling thread alone. This
-// header declares all of it that a caller names: the records and levels, the steps, the texts of the meta
-// document.
+// header declares all that a caller of the indexer names: the records and levels, the steps, and the texts of
+// the meta document.
 #pragma once
 
 #include "src/cells.h"
@@ -38,18 +38,18 @@ struct Indexer {
     // The two integers are not used.
     Indexer(std::vector<SplatHeader> inputHeaders, std::string output, std::int32_t = 0, std::int32_t = 0);
 
-    // Everything from the chunk list to the finished folder, with an INFO line before each step. Ends the
-    // process with status -1, after an ERROR line, when a file cannot be opened or level 0 has no splats.
+    // Run every step from the chunk list to the finished folder, with an INFO line before each. When a file
+    // cannot be opened or level 0 has no splats, it writes an ERROR line and ends the process with status -1.
     void run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList,
              std::uint64_t vertexCount, std::string label, std::uint64_t count,
              std::shared_ptr<Params> sharedParams);
 
-    // Regroup every splat of the chunk list by level and cell into quantised records, freeing each chunk once
-    // it is regrouped. A level that is already there is added to. Does nothing when the list is empty, when
-    // bounding may be null. Throws std::bad_alloc.
+    // Regroup every splat of the chunk list by level and cell into quantised records. Each block is freed
+    // once it is regrouped. A level that already exists is added to. Does nothing when the list is empty;
+    // bounding may then be null. Throws std::bad_alloc.
     void buildIndex();
 
-    // Write data.bin, and shcoef.bin when the input has coefficients, cell by cell; assemble indexBuffer;
+    // Write data.bin, and shcoef.bin when the input has coefficients, cell by cell. Assemble indexBuffer, and
     // empty every cell written. Two empty lines go to standard output for each cell and level. Write errors
     // are not checked.
     void writeDataFiles();

@@ -32,7 +32,7 @@ void CellTable::reserve(LODData& level, std::uint64_t spareMemory) {
     try {
         makeCells(level);
     } catch (const std::bad_alloc&) {
-        // Addresses are short. The rooms only save time, and have some to give back.
+        // Address space is short. The rooms only save time, and freeing them gives some back.
         memory.freeRooms();
         makeCells(level);
     }
@@ -41,15 +41,15 @@ void CellTable::reserve(LODData& level, std::uint64_t spareMemory) {
 
 namespace {
 
-// Which cell a splat belongs to: cell 0, or a cell of the grid.
+// The rule that says which cell a splat belongs to: cell 0, or a cell of the grid.
 struct CellRule {
     bool single;
     ChunkGrid grid;
 
-    // Whether the chunk's cells are those of this rule.
+    // Whether the block's cells were found by this rule.
     bool knows(const ChunkData& chunk) const { return !single && chunk.cells && chunk.cells->grid == grid; }
 
-    // The keys of all its splats, or null where they have to be found.
+    // The keys of all splats of the block, or null where they still have to be computed.
     const std::uint32_t* keysOf(const ChunkData& chunk) const {
         return knows(chunk) ? chunk.cells->keys.get() : nullptr;
     }
@@ -83,7 +83,7 @@ void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
     }
 }
 
-// Prefetch distance, in splats. The processor foresees neither records of 248 bytes nor scattered places. One
+// Prefetch distance, in splats. The processor predicts neither records of 248 bytes nor scattered places. One
 // splat is prefetched after each that is quantised: with more at once, the processor's fill buffers run out.
 constexpr std::size_t splatsAhead = 32;
 
@@ -94,12 +94,12 @@ void prefetchSplat(const float* splat, std::size_t recordFloats) {
     }
 }
 
-// Quantise the splats of a chunk into their places.
+// Quantise the splats of a block into their places.
 void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats,
                  const FastQuantiser& quantiser, CellTable& table) {
     SplatsData* places[splatsAhead];
     const bool hasShcoef = recordFloats == recordLayout(true).floats;
-    // The block donates its large pages as soon as all splats in them are placed.
+    // The block donates each huge page as soon as all splats in it are placed.
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
     const std::uint64_t size = chunk.splatCount;
     auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
@@ -134,8 +134,8 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
 
 static_assert(indexedSplatBytes == sizeof(SplatsData));
 
-// The cells of every level are counted first, so that no vector grows by copying. Records of a cell follow
-// the order of the chunk list and of each chunk.
+// The cells of every level are counted first, so that no vector grows by copying. The records of a cell
+// follow the order of the chunk list, and in each block that of its splats.
 void Indexer::buildIndex() {
     if (chunks->empty()) {
         return;
@@ -153,8 +153,8 @@ void Indexer::buildIndex() {
             builds[chunk->level].table.memory.give(std::move(chunk->room));
         }
     }
-    // Beside the records, the formula allows one block of input and 64 MiB. The process needs less than 48
-    // MiB of these for everything else.
+    // Besides the records, the formula allows one block of input and 64 MiB. All other needs of the process
+    // take less than 48 MiB of these.
     constexpr std::uint64_t unused = std::uint64_t{16} << 20;
     for (auto& [number, build] : builds) {
         std::shared_ptr<LODData>& level = (*levels)[number];

@@ -10,17 +10,17 @@
 
 namespace Tavrin::GaussionSplat {
 
-// The cells of one level: first counted, then made, then filled in the order that splats are placed.
+// The cells of one level: first counted, then made, then filled in the order in which splats are placed.
 class CellTable {
 public:
     CellCounter counter;
     RecordMemory memory;
 
-    // Make each counted cell's vector in level longer by exactly its count; the new records are not set. Then
+    // Extend each counted cell's vector in level by exactly its count; the new records are not set. Then
     // prepare the memory. Throws std::bad_alloc.
     void reserve(LODData& level, std::uint64_t spareMemory);
 
-    // The place of the next splat of the cell of key; at most as many as were counted.
+    // The place of the next splat of the cell with this key. Call at most as often as splats were counted.
     SplatsData* place(std::uint32_t key) {
         CellRecords& cell = cells[counter.numberOf(key)];
         SplatsData* const record = cell.next++;
@@ -31,7 +31,7 @@ public:
     }
 
 private:
-    // Continues behind the cells that are there.
+    // Appends to the cells that exist already.
     void makeCells(LODData& level);
 
     std::vector<CellRecords> cells; // by number

@@ -26,8 +26,8 @@ struct WalkStep {
     std::uint32_t key;
 };
 
-// Call visit(column, row) for every column and row below the counts that form this key. Its low half is the
-// column's low half. Each bit of its high half comes from the column's high half, the row's low half, or
+// Call visit(column, row) for every column and row below the counts that form this key. The key's low half is
+// the column's low half. Each bit of its high half comes from the column's high half, the row's low half, or
 // both. The row's high half is shifted out.
 template <typename Visit>
 void forEachStep(std::uint32_t key, std::uint32_t columns, std::uint32_t rows, Visit visit) {
@@ -84,8 +84,8 @@ std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level)
 }
 
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied) {
-    // A sparse scene with far-off bounds has up to 2^62 empty cells. So this goes over the occupied cells,
-    // and sorts by column and row to get the order of the walk.
+    // A sparse scene with far-off bounds has up to 2^62 empty cells. So this loops over the occupied cells
+    // and sorts them by column and row into the order of the walk.
     const auto columns = static_cast<std::uint32_t>(std::max(grid.cellCountX, 0));
     const auto rows = static_cast<std::uint32_t>(std::max(grid.cellCountY, 0));
     std::vector<WalkStep> steps;
@@ -104,7 +104,7 @@ std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std
 
 namespace {
 
-// The runtime's write takes a 32-bit count on Windows, so a call gets less than that.
+// The runtime's write takes a 32-bit count on Windows, so each call gets less than that.
 void writeBytes(std::ofstream& file, const std::byte* bytes, std::uint64_t size) {
     constexpr std::uint64_t most = std::uint64_t{1} << 30;
     while (size > 0) {
@@ -115,9 +115,9 @@ void writeBytes(std::ofstream& file, const std::byte* bytes, std::uint64_t size)
     }
 }
 
-// Records gathered for one write, across the ends of cells. Their 96 bytes each stay in the second-level
-// cache until they are written, and every write begins at a multiple of its size, which the system caches in
-// fewer and larger pieces. The files get the same bytes as from one write a cell.
+// Records gathered for one write, across the ends of cells. The buffers, 96 bytes a record, stay in the
+// second-level cache until they are written. Every write begins at a multiple of its size, so the system
+// caches it in fewer and larger pieces. The files get the same bytes as from one write a cell.
 constexpr std::size_t gatheredRecords = 4096;
 constexpr std::size_t gatheredAhead = 32; // prefetch distance, in records
 
@@ -143,7 +143,7 @@ struct DataWriter {
         return cell == lod->second->cells->end() ? nullptr : cell->second.get();
     }
 
-    // Fill the index entry of a cell.
+    // Fill in the index entry of a cell.
     void indexCell(std::uint32_t key, std::byte* entry) {
         store(entry, key);
         for (std::int32_t level = 0; level < indexer.totalLevel; ++level) {
@@ -158,7 +158,7 @@ struct DataWriter {
         }
     }
 
-    // Gather some records that stand one behind the other; the buffers have room for them.
+    // Gather count adjacent records. The buffers must have room for them.
     void gatherRecords(const SplatsData* records, std::size_t count) {
         std::byte* data = dataBuffer.data() + gathered * dataRecordSize;
         std::byte* shcoef = shcoefBuffer.data() + (hasShcoef ? gathered * shcoefRecordSize : 0);
@@ -190,8 +190,8 @@ struct DataWriter {
         gathered = 0;
     }
 
-    // Write a cell's splats, level behind level, and empty it. The index states its bytes in 32 bits; where
-    // they do not fit, all records are written all the same.
+    // Write a cell's splats, level by level, and empty the cell. The index states the cell's bytes in 32
+    // bits. All records are written even where they do not fit.
     void writeCell(std::uint32_t key) {
         for (std::int32_t level = 0; level < indexer.totalLevel; ++level) {
             SplatCell* const cell = findCell(level, key);
@@ -210,7 +210,7 @@ struct DataWriter {
         }
     }
 
-    // Call behind the last cell.
+    // Call after the last cell.
     void finish() {
         writeGathered();
         dataFile.flush();

@@ -11,9 +11,9 @@ namespace Tavrin::GaussionSplat {
 
 inline constexpr const char* indexerSource = "src/indexer";
 
-// The keys of occupied, which holds none twice, in the order of a walk over the grid, column by column, row
-// by row. The walk forms each key without masking column or row to 16 bits, so on a grid of more than 65,536
-// columns or rows a key can appear more than once.
+// The keys of occupied in the order of a walk over the grid, column by column and row by row. occupied holds
+// no key twice. The walk forms each key without masking column or row to 16 bits. So on a grid of more than
+// 65,536 columns or rows a key can appear more than once.
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied);
 
 // The same of a level's cells.

@@ -7,7 +7,7 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-// Addresses as numbers: pages are counted across the bounds of allocations.
+// Addresses as numbers, because pages are counted across the bounds of allocations.
 std::uintptr_t addressOf(const SplatsData* record) {
     return reinterpret_cast<std::uintptr_t>(record);
 }
@@ -16,12 +16,12 @@ std::uintptr_t pageAtOrBehind(std::uintptr_t address) {
     return (address + largePage - 1) / largePage * largePage;
 }
 
-// The first record from `from` on that has a byte at or behind address.
+// The first record, starting with `from`, that has a byte at or behind address.
 SplatsData* recordReaching(std::uintptr_t address, SplatsData* from) {
     return from + (address - addressOf(from)) / sizeof(SplatsData);
 }
 
-// Bytes in front of the first large page.
+// Bytes of the cell in front of its first huge page.
 std::uint64_t headOf(const CellRecords& cell) {
     return pageAtOrBehind(addressOf(cell.next)) - addressOf(cell.next);
 }
@@ -66,7 +66,7 @@ void RecordMemory::freeRooms() {
 }
 
 void RecordMemory::prepare(std::vector<CellRecords>& cells, std::uint64_t spareMemory) {
-    // An ordinary page of its own, and what is known of it, count for every cell.
+    // Each cell costs an ordinary page and about 300 bytes of bookkeeping.
     const std::uint64_t ofCells = cells.size() * (4096 + 300);
     const std::uint64_t budget = spareMemory - std::min(spareMemory, ofCells);
     const std::size_t large = cellsOnLargePages(cells, budget, spare_.size());
@@ -85,7 +85,8 @@ void RecordMemory::prepare(std::vector<CellRecords>& cells, std::uint64_t spareM
             useOrdinaryPages(cell.next, addressOf(cell.end) - addressOf(cell.next));
         }
     }
-    // Heads are filled while all spare pages and blocks are still there.
+    // Heads are filled while all spare pages and blocks still exist. Drop spare pages for what exceeds the
+    // budget.
     for (std::uint64_t freed = budget; freed < heads && !spare_.empty(); freed += largePage) {
         dropSpare();
     }

@@ -1,8 +1,8 @@
 // The memory under the records of one level.
 //
-// The system clears memory before it hands it out, which costs more than filling the records. So the huge
-// pages inside the cells' vectors are replaced, just before their first use, by spare pages: pages of decoded
-// blocks that nobody reads any more, and pages that the workers pre-faulted for this purpose.
+// The system clears memory before it hands it out, which costs more than filling the records. So spare pages
+// replace the huge pages inside the cells' vectors just before their first use. Spare pages are pages of
+// decoded blocks that nobody reads any more, and pages that the workers pre-faulted for this purpose.
 #pragma once
 
 #include "src/indexer_records.h"
@@ -21,38 +21,38 @@ struct CellRecords {
     SplatsData* end;
 };
 
-// Whole large pages between next and end.
+// Whole huge pages between next and end.
 std::uint64_t largePagesIn(const CellRecords& cell);
 
-// How many of these cells, from the first on, may use large pages. A cell that is being filled wastes up to
-// one page. Waste that spare pages do not cover must stay below spareMemory; sparePages says how many there
-// are at the start. They cover a share of the waste that shrinks with it, as long as the cells fill side by
-// side.
+// How many of these cells, from the first on, may use huge pages. A cell that is being filled wastes up to
+// one page. Waste not covered by spare pages must stay below spareMemory. sparePages is the number of spare
+// pages at the start. Their share of the waste shrinks along with it, as long as the cells fill side by side.
 std::size_t cellsOnLargePages(const std::vector<CellRecords>& cells, std::uint64_t spareMemory,
                               std::uint64_t sparePages);
 
 class RecordMemory {
 public:
-    // Give pre-faulted memory for good, whole large pages; it may be empty. Call before prepare.
+    // Hand over pre-faulted memory for good: whole huge pages, possibly none. Call before prepare.
     void give(LargeArray<std::byte> room);
 
     // Free everything that was given.
     void freeRooms();
 
-    // Decide which of the cells, none of whose records is placed yet, are on large pages, and set their
-    // backedEnd. While splats are placed side by side in all cells, records and blocks together take at most
-    // spareMemory more than the records alone; above some hundred thousand cells, 4.4 kB a cell more.
+    // Decide which of the cells use huge pages, and set backedEnd of every cell. No record of them may be
+    // placed yet. While splats are placed side by side in all cells, records and blocks together take at most
+    // spareMemory more than the records alone. Above some hundred thousand cells they take 4.4 kB a cell
+    // more.
     void prepare(std::vector<CellRecords>& cells, std::uint64_t spareMemory);
 
-    // Donate a large page of a decoded block that nobody reads any more. A page that no record will need goes
+    // Donate a huge page of a decoded block that nobody reads any more. A page that no record will need goes
     // back to the system at once.
     void donate(void* page);
 
-    // Take back the donated pages that are left. Their block is about to be freed, and its addresses may be
-    // somebody else's by the time a record needs a page.
+    // Take back the donated pages that are left. Their block is about to be freed, and its addresses may
+    // belong to another allocation by the time a record needs a page.
     void withdrawDonations();
 
-    // Call before the first write to a record that is not before backedEnd.
+    // Call before the first write to a record at or behind backedEnd.
     void back(SplatsData* record, CellRecords& cell);
 
     std::uint64_t sparePages() const { return spare_.size(); }
@@ -60,11 +60,11 @@ public:
 
 private:
     void dropSpare();
-    void dropSurplus(); // what more spare pages there are than bare ones
+    void dropSurplus(); // drop spare pages beyond the number of bare ones
 
     std::vector<LargeArray<std::byte>> rooms_; // what was given
     std::vector<void*> spare_;                 // pages of the rooms first, then donated ones
-    std::size_t roomPages_ = 0;                // so many of the spare ones are of rooms
+    std::size_t roomPages_ = 0;                // this many of the spare pages come from rooms
     std::uint64_t barePages_ = 0;              // large pages under records that are not backed yet
 };
 

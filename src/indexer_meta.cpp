@@ -69,7 +69,7 @@ std::string rangeEntry(const std::string& name, const AttributeRange& range) {
     return attributeEntry(name, vectorText(range.min), vectorText(range.max));
 }
 
-// One "key": value line of the document.
+// One line of the document: a key in quotes and its value.
 std::string member(const std::string& key, const std::string& value) {
     return tabs(1) + quoted(key) + ": " + value + ",\n";
 }

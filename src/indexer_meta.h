@@ -10,8 +10,7 @@
 
 namespace Tavrin::GaussionSplat {
 
-// 17 significant digits in general notation, as the C conversion %.17g prints them, in no locale but the C
-// one.
+// 17 significant digits in general notation, as the C conversion %.17g prints them in the C locale.
 std::string formatNumber(double value);
 
 // The text between double quotes. Nothing is escaped.
@@ -33,13 +32,13 @@ std::string generateGuid();
 std::string boundingBoxJson(const Vector3& bboxMin, const Vector3& bboxMax);
 
 // The value of "attributes": nine ranges, without a line end after the last line. The position range is the
-// bounding box times ten, and the three "env" entries repeat the ranges of normal, shcoef and scale; both are
+// bounding box times ten. The three "env" entries repeat the ranges of normal, shcoef and scale. Both are
 // deliberate.
 std::string attributesJson(const AttributeBounding& bounding, const Vector3& bboxMin, const Vector3& bboxMax);
 
 inline constexpr const char* metaFileName = "converted_from_ply.ytr";
 
-// What the meta document tells of a dataset.
+// What the meta document says about a dataset.
 struct MetaValues {
     const Params& params;
     const AttributeBounding& bounding;
@@ -49,7 +48,7 @@ struct MetaValues {
     std::uint64_t splats = 0;
     std::int32_t totalLevel = 1;
     std::uint32_t indexEntrySize = 0; // bytes
-    std::string countLabel;           // the splat count between brackets
+    std::string countLabel;           // the splat count in brackets
     bool compressed = true;           // the coefficients are packed
 };
 

@@ -13,13 +13,13 @@ QuantiseRange rangeOf(double min, double max) {
     return {.min = min, .extent = max - min};
 }
 
-// A value's place in its range: 0 at the minimum, 1 at the maximum. Not clamped; a range of no extent divides
-// by zero.
+// A value's place in its range: 0 at the minimum, 1 at the maximum. It is not clamped. A range of zero extent
+// divides by zero.
 double normalised(float value, const QuantiseRange& range) {
     return (static_cast<double>(value) - range.min) / range.extent;
 }
 
-// Low bits of the truncated product, which is single precision.
+// The low bits of the truncated product. The product is in single precision.
 std::uint32_t scaledBits(float value, float factor, std::uint32_t mask) {
     return static_cast<std::uint32_t>(truncateToBits(value * factor)) & mask;
 }

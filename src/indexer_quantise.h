@@ -15,7 +15,7 @@ struct QuantiseRange {
     double extent = 0.0; // max - min
 };
 
-// What quantisation needs to know of a scene.
+// What quantisation needs to know about a scene.
 struct QuantiseSettings {
     bool hasShcoef = false;
     bool compressed = true;
@@ -26,11 +26,12 @@ struct QuantiseSettings {
 
 QuantiseSettings quantiseSettings(const AttributeBounding& bounding, bool compressed);
 
-// Fill record from a decoded splat of 62 floats (settings.hasShcoef) or 17. The plain form of the work.
+// Fill record from a decoded splat of 62 floats (settings.hasShcoef) or 17. This is the plain form of the
+// work.
 void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsData& record);
 
-// The same bytes with vector instructions. Reciprocals replace divisions where that provably gives the same
-// integers; the few splats where it might not go through quantiseSplat. One for each scene; immutable.
+// Gives the same bytes with vector instructions. Reciprocals replace divisions where that provably gives the
+// same integers. The few splats where it might not go through quantiseSplat. One for each scene; immutable.
 struct FastQuantiser {
     explicit FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels = chosenKernels);
 
@@ -47,7 +48,7 @@ private:
     bool usable; // the reciprocals are normal numbers, and the form of the records is one that is quantised
                  // fast
     bool usesAvx2;
-    // Normal, a gap that gives 0, scale, a gap.
+    // Normal, a gap that gives 0, scale, another gap.
     alignas(32) double wideMin[8] = {};
     alignas(32) double wideFactor[8] = {}; // 65535.5 over extent
     float coefficientMin[3];
@@ -55,14 +56,14 @@ private:
 
     void setCoefficients();
 
-    // Each false when a value of the record's first 32 bytes needs the plain form.
+    // Each returns false when a value of the record's first 32 bytes needs the plain form.
     bool quantiseNarrow(const float* splat, SplatsData& record) const;
     bool quantiseWide(const float* splat, SplatsData& record) const;
 
     void quantiseCoefficients(const float* shcoef, SplatsData& record) const;
     void quantiseCoefficientsWide(const float* shcoef, SplatsData& record) const;
 
-    // Pack the words whose bits are set in the plain form.
+    // Pack the words whose bits are set, in the plain form.
     void packPlainly(unsigned words, const float* shcoef, SplatsData& record) const;
 };
 

@@ -1,5 +1,5 @@
-// FastQuantiser for processors with AVX2: the arithmetic of the narrow form on twice as many values at a
-// time. indexer_quantise_fast.cpp says why it is exact.
+// FastQuantiser for processors with AVX2: the arithmetic of the SSE2 form on twice as many values at a time.
+// indexer_quantise_fast.cpp says why it is exact.
 #include "src/indexer_quantise.h"
 
 #include "src/chunker_decode.h"
@@ -12,14 +12,15 @@ namespace Tavrin::GaussionSplat {
 
 #if PLYCONVERT_AVX2
 
-// Always inlined: the compiler for Windows does not align the wider vectors that it passes on the stack.
+// Always inlined: the compiler for Windows does not align wide vectors that it passes on the stack.
 #define PLYCONVERT_INLINE_AVX2 __attribute__((target("avx2"), always_inline)) inline
 
 namespace {
 
 constexpr int fractionBits = FastQuantiser::fractionBits;
 
-// trunc((value - min) / extent * 65535.5) of four values. doubtful collects where it might not be.
+// trunc((value - min) / extent * 65535.5) of four values. doubtful collects the lanes where the result might
+// differ.
 PLYCONVERT_INLINE_AVX2 __m128i wideFour(const float* values, const double* min, const double* factor,
                                         __m128i& doubtful) {
     const __m256d margin = _mm256_set1_pd(0x1p-30);
@@ -31,7 +32,7 @@ PLYCONVERT_INLINE_AVX2 __m128i wideFour(const float* values, const double* min, 
     return above;
 }
 
-// Eight coefficients of a channel, or of each, in units of fixed point.
+// Eight coefficients of one channel, in units of fixed point.
 PLYCONVERT_INLINE_AVX2 __m256i fixedPoint(const float* values, float min, float factor) {
     const __m256 difference = _mm256_sub_ps(_mm256_loadu_ps(values), _mm256_set1_ps(min));
     return _mm256_cvttps_epi32(_mm256_mul_ps(difference, _mm256_set1_ps(factor)));
@@ -81,8 +82,8 @@ PLYCONVERT_INLINE_AVX2 __m256i packWords(const FixedPoint& units) {
 __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* splat,
                                                                  SplatsData& record) const {
     __m128i doubtful = _mm_setzero_si128();
-    // The fourth lane holds the next attribute's value. The gap, a factor of 0, turns it to 0; where it is
-    // not finite, the plain form takes the splat.
+    // The fourth lane holds the next attribute's value. The gap's factor of 0 turns it to 0. Where it is not
+    // finite, the plain form takes the splat.
     const __m128i normal = wideFour(splat + normalAt, wideMin, wideFactor, doubtful);
     const __m128i scale = wideFour(splat + scaleAt, wideMin + 4, wideFactor + 4, doubtful);
 

@@ -16,9 +16,9 @@ namespace {
 
 constexpr int fractionBits = FastQuantiser::fractionBits;
 
-// The reciprocal of an extent, or 0 where every finite value quantises to 0. That is so for an extent of
-// zero, by which values divide to NaN or infinity, and for an infinite one, by which they divide to 0: all of
-// these truncate to 0. usable turns false where a reciprocal would lose precision.
+// The reciprocal of an extent, or 0 where every finite value quantises to 0. Two extents do that. An extent
+// of zero divides values to NaN or infinity. An infinite extent divides them to 0. All of these truncate to
+// 0. usable becomes false where a reciprocal would lose precision.
 double reciprocalOf(const QuantiseRange& range, bool& usable) {
     const double extent = std::abs(range.extent);
     if (!std::isfinite(extent) || extent == 0.0) {
@@ -91,8 +91,8 @@ __m128 loadTwo(const float* values) {
 
 // trunc((value - min) / extent * 65535.5) of two values, in the low half. Multiplying by the factor instead
 // of dividing changes the result by a few units in the last place, below 2^-34 for results up to 65535.5. So
-// the integers agree unless the product lies within 2^-30 of one. doubtful collects the lanes where it does,
-// and those where the result has more than 16 bits.
+// the integers agree unless the product lies within 2^-30 of an integer. doubtful collects those lanes, and
+// the lanes whose result has more than 16 bits.
 __m128i wideTwo(__m128 values, __m128d min, __m128d factor, __m128i& doubtful) {
     const __m128d margin = _mm_set1_pd(0x1p-30);
     const __m128d difference = _mm_sub_pd(_mm_cvtps_pd(values), min);
@@ -170,12 +170,12 @@ namespace {
 // Four coefficients of one channel in their steps, in units of fixed point.
 //
 // The plain form normalises in double precision, rounds to single, scales in single precision and truncates:
-// two roundings. Here the difference, the factor and the product are each rounded to single once: three. Five
-// roundings change a result below 2^11 steps by at most 5 * 2^-24 of it, less than 0.63 of a unit of fixed
-// point. So the steps agree unless the units are the first or the last ones of a step. Near zero they agree
-// even there: from both sides they truncate to 0.
+// two roundings. This form rounds the difference, the factor and the product to single once each: three
+// roundings. Five roundings change a result below 2^11 steps by at most 5 * 2^-24 of it, less than 0.63 of a
+// unit of fixed point. So the steps agree unless the units are the first or the last ones of a step. Near
+// zero they agree even there: values on both sides truncate to 0.
 __m128i fixedPoint(const float* values, __m128 min, __m128 factor) {
-    // The conversion gives the smallest integer for what has none.
+    // The conversion gives the smallest integer for a value that no integer holds.
     return _mm_cvttps_epi32(_mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(values), min), factor));
 }
 
@@ -189,7 +189,7 @@ __m128i distanceFromDoubt(__m128i units) {
     return _mm_sub_epi32(distanceFromEdge(units), _mm_cmpeq_epi32(units, _mm_setzero_si128()));
 }
 
-// A bit for each lane in which one of the three, which have at most ten bits, is zero.
+// A bit for each lane where one of the three is zero. Each has at most ten bits.
 unsigned zeroLanes(__m128i a, __m128i b, __m128i c) {
     const __m128i least = _mm_min_epi16(_mm_min_epi16(a, b), c);
     return static_cast<unsigned>(
@@ -198,7 +198,7 @@ unsigned zeroLanes(__m128i a, __m128i b, __m128i c) {
 
 } // namespace
 
-// The packed words; the doubtful ones in the plain form.
+// Pack the words of all coefficients, the doubtful ones in the plain form.
 void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record) const {
     const __m128 redMin = _mm_set1_ps(coefficientMin[0]);
     const __m128 greenMin = _mm_set1_ps(coefficientMin[1]);
@@ -211,7 +211,8 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
     __m128i wide = _mm_setzero_si128();   // all bits of red and blue
     __m128i narrow = _mm_setzero_si128(); // all bits of green
     unsigned doubtfulWords = 0;
-    // The sixteenth lane holds values of the next channel, in the last channel the opacity. Its word is zero.
+    // The sixteenth lane holds values of the next channel, or the opacity after the last channel. Its word is
+    // zero.
     __m128i used = _mm_set1_epi32(-1);
     unsigned usedLanes = 15; // a bit for each
     for (std::size_t k = 0; k < 16; k += 4) {

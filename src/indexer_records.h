@@ -9,14 +9,14 @@
 
 namespace Tavrin::GaussionSplat {
 
-// One quantised splat, little-endian. Bytes 0 to 31 are its record in data.bin; the packed or the raw
-// coefficients are its record in shcoef.bin. What the chosen layout does not fill stays unset and is never
-// written out.
+// One quantised record, little-endian. Bytes 0 to 31 are its record in data.bin. The packed or the raw
+// coefficients are its record in shcoef.bin. Bytes that the chosen layout does not use stay unset and are
+// never written.
 struct SplatsData {
     float position[3];
     std::uint8_t colour[4]; // red, green, blue, opacity
     std::uint16_t scale[3];
-    std::uint8_t rotation[4]; // a 32-bit word that stands unaligned
+    std::uint8_t rotation[4]; // a 32-bit word, unaligned
     std::uint16_t normal[3];
     std::uint32_t packed[16]; // one word a coefficient, then zeros
     float raw[48];            // R0, G0, B0, R1, ... and three zeros
@@ -34,13 +34,13 @@ inline constexpr std::size_t dataRecordSize = 32;
 inline constexpr std::size_t packedCoefficientsSize = sizeof(SplatsData::packed);
 inline constexpr std::size_t rawCoefficientsSize = sizeof(SplatsData::raw);
 
-// The splats of one cell at one level, in the order of the chunk list and of each chunk.
+// The splats of one cell at one level, in the order of the chunk list and of each block.
 using SplatCell = std::vector<SplatsData>;
 
-// By cell key, which holds the X cell index in bits 0 to 15 and the Y index in bits 16 to 31.
+// By cell key: column in bits 0 to 15, row in bits 16 to 31.
 using CellMap = std::unordered_map<std::uint32_t, std::shared_ptr<SplatCell>>;
 
-// Every map of the indexer starts with so many buckets, and with the standard's own maximum load factor of 1.
+// Every map of the indexer starts with this many buckets and the standard's own maximum load factor of 1.
 inline constexpr std::size_t initialBuckets = 8;
 
 struct LODData {

@@ -1,12 +1,12 @@
-// The INFO lines of a conversion: texts and numbers that are part of the contract, in the order in which they
-// are written.
+// The INFO lines of a conversion, in the order in which they are written. Texts and numbers are part of the
+// contract.
 #pragma once
 
 #include <cstdint>
 
 namespace Tavrin::GaussionSplat {
 
-// The message may go on with a path.
+// A path may follow the message.
 struct RunLogLine {
     const char* message;
     const char* sourcePath;
@@ -22,7 +22,7 @@ inline constexpr RunLogLine chunkingEnds{"chunking finished . ", "src/chunker", 
 inline constexpr RunLogLine indexStarts{"Start Index ,need a little time ... ", "src/indexer", 29};
 inline constexpr RunLogLine dataStarts{"Index finished ,Start create Data... ", "src/indexer", 38};
 
-// Number of the line depends on whether the input has coefficients.
+// The line number depends on whether the input has coefficients.
 constexpr RunLogLine dataCreated(bool hasCoefficients) {
     return {"Data create finished , free file stream... ", "src/indexer", hasCoefficients ? 694 : 827};
 }

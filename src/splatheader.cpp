@@ -24,8 +24,8 @@ using Words = std::array<std::string_view, 3>;
 
 constexpr std::string_view endHeader = "end_header";
 
-// The words of a line, separated by runs of blanks, tabs and carriage returns; nothing unless there are
-// exactly three.
+// The words of a line, separated by runs of blanks, tabs and carriage returns. Empty unless there are exactly
+// three.
 std::optional<Words> threeWords(std::string_view line) {
     constexpr std::string_view whiteSpace = " \t\r";
     Words words;
@@ -42,7 +42,7 @@ std::optional<Words> threeWords(std::string_view line) {
     return count == words.size() ? std::optional(words) : std::nullopt;
 }
 
-// The three words of a line that holds keyword anywhere, else nothing.
+// The three words of a line if it contains keyword anywhere and has exactly three words, else nothing.
 std::optional<Words> wordsOf(std::string_view line, std::string_view keyword) {
     if (line.find(keyword) == line.npos) {
         return std::nullopt;
@@ -63,7 +63,7 @@ constexpr FloatKey floatKeys[] = {
     {"scalex", &Params::scalex},   {"scaley", &Params::scaley},   {"scalez", &Params::scalez},
 };
 
-// What one reading of a header keeps besides the header itself.
+// What one reading of a header keeps in addition to the header itself.
 struct HeaderReading {
     SplatHeader& header;
     Params& params;
@@ -149,7 +149,7 @@ bool checkSplatHeader(std::string path) {
     return found[0] && found[1] && found[2] && found[3];
 }
 
-// The limits are single-precision constants. A scene that really starts at x = 0 is scanned.
+// The limits are single-precision constants. A scene that really starts at x = 0 is scanned, too.
 bool statesBounds(const Params& params) {
     return std::abs(params.minx) > double{0.001f} && std::abs(params.maxx) > double{0.1f};
 }

@@ -1,9 +1,9 @@
-// The PLY header: the quick check, the full reader with its comment parameters, the ground grid and the
+// The PLY header: the quick check, the full reader with the parameters in comments, the ground grid and the
 // bounding-box scan.
 //
-// Both readers go line by line over the file in binary: a line ends at a line feed only, a carriage return
-// before it stays part of the line, and only lines of exactly three words count. Neither looks at property
-// types or at their order.
+// Both readers go through the file line by line, in binary. A line ends at a line feed only; a carriage
+// return before it stays part of the line. Only lines of exactly three words count. Neither reader looks at
+// property types or at the order of properties.
 #pragma once
 
 #include "src/cells.h"
@@ -32,12 +32,13 @@ struct SplatHeader {
 
     SplatHeader() = default;
 
-    // Read the header of inputPath, fill params from its comments, settle the bounding box and set chunkGrid.
-    // The flag is ignored. Without "end_header" the file is read to its end, which is then headerEnd.
+    // Read the header of inputPath, fill params from its comments, set the bounding box and set chunkGrid.
+    // The flag is ignored. Without "end_header" the file is read to its end, and headerEnd is the size of the
+    // file.
     //
-    // Throws std::filesystem::filesystem_error ("file_size"), std::invalid_argument and std::out_of_range for
-    // numbers. Ends the process with status -1, after a line on standard output, when the file cannot be
-    // opened.
+    // Throws std::filesystem::filesystem_error ("file_size"), and std::invalid_argument and std::out_of_range
+    // for numbers. When the file cannot be opened, it writes a line to standard output and ends the process
+    // with status -1.
     SplatHeader(std::string inputPath, const std::shared_ptr<Params>& params, std::int32_t flag);
 
     // A block of the bounding-box scan.
@@ -51,14 +52,14 @@ struct SplatHeader {
     };
 
     // The box of the splat positions, minimum then maximum, from a parallel scan of the records. Both corners
-    // start at the origin, so the box always holds it, and the scan strides 248 bytes whatever the header
-    // declares. What lies behind the end of the file reads as zeros; a file that cannot be opened leaves the
-    // box at the origin.
+    // start at the origin, so the box always holds it. The scan strides 248 bytes whatever the header
+    // declares. Bytes beyond the end of the file read as zeros. A file that cannot be opened leaves the box
+    // at the origin.
     static std::tuple<Vector3, Vector3> computeBBox(std::string path, std::int64_t vertexCount,
                                                     std::int32_t headerLength);
 };
 
-// The same header without its box, and without a look at the records or at chunkGrid. Ends and throws as the
+// Read the header alone: no box, no look at the records or at chunkGrid. Ends the process and throws as the
 // constructor does.
 SplatHeader readSplatHeader(const std::string& path, Params& params);
 
@@ -66,14 +67,14 @@ SplatHeader readSplatHeader(const std::string& path, Params& params);
 // to standard output when it cannot be opened.
 bool checkSplatHeader(std::string path);
 
-// The ground grid of the conversion, process-wide: written by the header reader, read by the indexer and its
-// writers.
+// The ground grid of the conversion, process-wide. The header reader writes it; the indexer and its writers
+// read it.
 extern ChunkGrid chunkGrid;
 
 // A scene of at least this many splats gets a grid of square cells; below, one cell spans the scene.
 inline constexpr std::uint64_t gridVertexCount = 1'000'000;
 
-// Whether a header's bounds count: both x bounds are away from their defaults. Else the box is measured.
+// Whether a header's bounds count: both x bounds differ from their defaults. Otherwise the box is measured.
 bool statesBounds(const Params& params);
 
 // The grid of a scene. Below gridVertexCount the cell counts are those of before. A negative vertexCount

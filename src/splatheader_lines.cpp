@@ -9,7 +9,7 @@ namespace Tavrin::GaussionSplat {
 LineReader::LineReader(const std::string& path)
     : file_(nativePath(path), std::ios::binary), buffer_(std::size_t{64} * 1024) {}
 
-// Take what the stream's own buffer holds, filled once if it is empty; false at the end.
+// Take what the stream's own buffer holds, after filling it if it is empty. False at the end of the file.
 bool LineReader::refill() {
     if (file_.peek() == std::ifstream::traits_type::eof()) {
         ended_ = true;

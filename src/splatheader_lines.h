@@ -10,9 +10,9 @@
 namespace Tavrin::GaussionSplat {
 
 // Reads a binary file line by line. A line ends at a line feed only; the last one may end with the file. A
-// read error is the end of the file, and what stands of a line before it is dropped.
+// read error counts as the end of the file, and the partial line before it is dropped.
 //
-// std::getline does the same and, in addition, takes a lack of memory for the end of the file. Here it is an
+// std::getline does the same, but it also takes a lack of memory for the end of the file. Here that is an
 // exception.
 class LineReader {
 public:
@@ -20,12 +20,12 @@ public:
 
     bool isOpen() const { return file_.is_open(); }
 
-    // The next line without its line feed; false at the end. Throws std::bad_alloc when a line does not fit
-    // into memory.
+    // Get the next line without its line feed; false at the end. Throws std::bad_alloc when a line does not
+    // fit into memory.
     bool next(std::string& line);
 
-    // Bytes up to the end of the last line. Once next has returned false, or the last line had no line feed:
-    // the size of the file.
+    // Bytes up to the end of the last line. This is the size of the file once next has returned false, or
+    // when the last line had no line feed.
     std::int64_t position();
 
 private:

@@ -22,7 +22,7 @@ void skipWhiteSpace(std::string_view& text) {
     text.remove_prefix(first == text.npos ? text.size() : first);
 }
 
-// True and text moved on when it starts with the sign character.
+// If text starts with the sign character, skip it and return true.
 bool takeSign(std::string_view& text, char sign) {
     if (text.empty() || text.front() != sign) {
         return false;
@@ -35,8 +35,8 @@ bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-// True and text moved on when it starts with 0x and a hexadecimal digit, before or after the point. Otherwise
-// the 0 alone is the number.
+// If text starts with 0x and a hexadecimal digit, which may follow a point, skip the 0x and return true.
+// Otherwise the 0 alone is the number.
 bool takeHexPrefix(std::string_view& text) {
     if (text.size() < 3 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) {
         return false;
@@ -52,7 +52,7 @@ bool takeHexPrefix(std::string_view& text) {
 template <typename Integer>
 Integer parseInteger(std::string_view text, const char* function) {
     skipWhiteSpace(text);
-    // from_chars takes a minus itself but no plus, and nothing may stand between a plus and the digits.
+    // from_chars accepts a minus but no plus. Nothing may stand between a plus and the digits.
     if (takeSign(text, '+') && !text.empty() && text.front() == '-') {
         throwInvalid(function);
     }

@@ -16,22 +16,22 @@ namespace {
 
 std::mutex scanMutex; // guards the merge into the shared box
 
-// The bounds of one axis, in single precision: the minimum and maximum of floats do not change by widening
-// them first.
+// Widen the shared bounds of one axis by single-precision ones. Minimum and maximum of floats stay the same
+// whether they are converted before or after.
 void mergeAxis(float min, float max, double& sharedMin, double& sharedMax) {
     sharedMin = sharedMin > min ? double{min} : sharedMin;
     sharedMax = max > sharedMax ? double{max} : sharedMax;
 }
 
-// Scan windows of a block until none is left. Record 0 is visited twice: the visits run from 0 to count
-// inclusive, visit k reading record max(k - 1, 0). For a minimum and a maximum the second visit changes
-// nothing, so one is made.
+// Scan windows of a block until none is left. In principle visits run from 0 to count inclusive, and visit k
+// reads record max(k - 1, 0), so record 0 is visited twice. The second visit cannot change a minimum or a
+// maximum, so only one is made.
 void scanWindows(ScanJob& job, RecordReader& reader, ScanPass& pass) {
     const SplatHeader::Task& task = job.task;
     const std::uint64_t recordFloats = task.stride / sizeof(float);
     const LargeArray<float> window =
         makeLargeArray<float>(std::min(task.count, windowRecords) * recordFloats);
-    LaneRanges<4> bounds; // x, y, z, and the value behind, which makes the vector full
+    LaneRanges<4> bounds; // x, y, z, and the value behind to fill the vector
     job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         reader.read(task.offset + first * task.stride, window.get(), count * task.stride);
         bounds.foldRecords(window.get(), count, recordFloats);

@@ -1,4 +1,4 @@
-// The bounding-box scan of one block, apart from the pool that runs it.
+// The bounding-box scan of one block, without the pool that runs it.
 #pragma once
 
 #include "src/blocks_share.h"
@@ -14,8 +14,8 @@ struct ScanJob {
     explicit ScanJob(const SplatHeader::Task& block) : task(block), windows(block.count) {}
 };
 
-// One scan: the box, which always holds the origin, and the blocks being worked on, both under the lock of
-// all scans, a process-wide mutex.
+// One scan: its box and the blocks being worked on. The box always holds the origin. Both are guarded by the
+// lock of all scans, a process-wide mutex.
 struct ScanPass {
     Vector3 min;
     Vector3 max;
@@ -25,7 +25,7 @@ struct ScanPass {
 };
 
 // Widen the pass's box by the positions of the task's records, then help with blocks that other workers have
-// begun. A file that cannot be opened contributes nothing, nor does a block before the start of the file,
+// begun. A file that cannot be opened contributes nothing. Neither does a block that starts before the file,
 // even in part. A length that is not positive, read as a signed number, ends the process with status -1.
 void scanBlock(const SplatHeader::Task& task, ScanPass& pass);
 
