@@ -1,4 +1,4 @@
-// Splats by cell, in memory that is limited.
+// Counts splats by cell, in limited memory.
 #pragma once
 
 #include "stream/conversion.h"
@@ -12,22 +12,23 @@ namespace Tavrin::SplatStream {
 
 class CellCounts {
 public:
-    // Bytes that an empty one takes.
+    // Bytes of an empty one.
     static constexpr std::uint64_t leastBytes = 4096;
 
-    // Bytes that counting so many cells, and listing them, takes at its peak.
+    // Peak bytes for counting this many cells and listing them.
     static std::uint64_t peakBytes(std::uint64_t cells) {
         constexpr std::uint64_t listedBytes = 64; // of a cell: in the lists here, the walk's and the result's
         return KeyTable::bytesFor(cells) * 3 / 2 + cells * listedBytes;
     }
 
-    // It may take this many bytes; a whole conversion that fails for it would do with `least`.
+    // It may use this many bytes. `least` is what TooLittleMemory then names: memory that would do for the
+    // whole conversion.
     void limit(std::uint64_t bytes, std::uint64_t least) {
         limit_ = bytes;
         least_ = least;
     }
 
-    // One splat more. Throws TooLittleMemory.
+    // Count one splat. Throws TooLittleMemory.
     void add(std::uint32_t key) { add(key, 1); }
     void add(std::uint32_t key, std::uint64_t splats) {
         const std::uint32_t number = numbers_.find(key);
@@ -36,7 +37,7 @@ public:
 
     void prefetch(std::uint32_t key) const { numbers_.prefetch(key); }
 
-    // Widen by the counts of others. Throws TooLittleMemory.
+    // Add the counts of another. Throws TooLittleMemory.
     void join(const CellCounts& other) {
         for (std::size_t i = 0; i < other.size(); ++i) {
             add(other.keys_[i], other.splats_[i]);

@@ -1,7 +1,8 @@
-// The conversion of a scene of any size: two passes over a source, bounded memory, the library's bytes.
+// The conversion of a scene of any size: two passes over a source, bounded memory, and the bytes of the
+// library.
 //
-// measure reads the scene once and finds everything that the dataset's texts and sizes depend on; place reads
-// it again and writes every record to its final offset. Neither holds the splats.
+// measure reads the scene once and finds all that the dataset's texts and sizes depend on. place reads it
+// again and writes every record to its final offset. Neither keeps the splats.
 #pragma once
 
 #include "source/source.h"
@@ -17,7 +18,7 @@
 
 namespace Tavrin::SplatStream {
 
-// The conversion cannot be done within the stated memory; `least` bytes would do.
+// The conversion does not fit the stated memory; `least` bytes would do.
 struct TooLittleMemory : std::runtime_error {
     TooLittleMemory(const std::string& text, std::uint64_t bytes) : std::runtime_error(text), least(bytes) {}
     std::uint64_t least;
@@ -28,14 +29,14 @@ struct WriteError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// What a caller settles. The dataset's bytes depend on none of it.
+// What a caller chooses. The dataset's bytes depend on no setting but countAs.
 struct Settings {
     unsigned threads = 1;                 // workers, at least 1
     std::uint64_t maxMemory = UINT64_MAX; // bytes that a pass may allocate
     std::uint64_t windowRecords = 1024;   // records that a worker reads at a time; tests alone set it
     std::uint64_t countAs = 0; // splats that grid and texts go by instead of the scene's; tests alone set it
-    // Called now and then, by one thread at a time, with the splats that the pass has done. It may throw to
-    // end the pass; the exception leaves measure or place.
+    // Called now and then, by one thread at a time, with the number of splats that the pass has done. It may
+    // throw to end the pass; measure or place then throws that exception.
     std::function<void(std::uint64_t splats)> progress;
 };
 
@@ -73,15 +74,15 @@ Measured measure(const SplatSource::Source& source, const Settings& settings);
 // be kept. Throws TooLittleMemory.
 std::uint64_t placeMemory(const Measured& measured, const Settings& settings);
 
-// Writes data.bin, shcoef.bin and index.bin of a measured scene into `folder`, which exists and is empty but
-// for the log. Throws what the source throws, WriteError, TooLittleMemory, or std::bad_alloc; files that were
-// begun stay for the caller to remove.
+// Writes data.bin, shcoef.bin and index.bin of a measured scene into `folder`. The folder exists and holds at
+// most the log. Throws what the source throws, WriteError, TooLittleMemory, or std::bad_alloc. Unfinished
+// files stay for the caller to remove.
 void place(const SplatSource::Source& source, const Measured& measured, const std::filesystem::path& folder,
            const Settings& settings);
 
-// measure's result to a whole dataset, as plyConvert(inputName, folderName) leaves it: log.txt, the files of
-// place, and the meta document, in the library's order and with its log lines. The names are those that the
-// log gives. Throws as place does.
+// Turns measure's result into a whole dataset, as plyConvert(inputName, folderName) leaves it: log.txt, the
+// files of place, and the meta document, in the library's order and with its log lines. The log gives these
+// names. Throws as place does.
 void writeDataset(const SplatSource::Source& source, const Measured& measured, const std::string& inputName,
                   const std::filesystem::path& folder, const Settings& settings);
 

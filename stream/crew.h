@@ -1,4 +1,4 @@
-// The workers of one pass: they end together, whoever of them fails, and one at a time says how far it is.
+// The workers of one pass. They end together when one of them fails, and report progress one at a time.
 #pragma once
 
 #include "stream/conversion.h"
@@ -12,7 +12,7 @@
 
 namespace Tavrin::SplatStream {
 
-// A scene cut into windows, which are handed out in their order.
+// A scene cut into windows, handed out in order.
 struct Windows {
     std::uint64_t records = 0;       // of the whole scene
     std::uint64_t windowRecords = 1; // of a window; the last may have fewer
@@ -29,20 +29,20 @@ public:
     explicit Crew(const Settings& settings) : settings_(settings) {}
 
     // Runs body(worker) for each worker below `workers` and returns when all have ended. The caller's thread
-    // is one of them; where the system has no more threads to give, fewer do the work. Rethrows the first
-    // exception that left a body or the progress function; the others see isStopped.
+    // is one of them. Where the system has no more threads, fewer do the work. Rethrows the first exception
+    // that left a body or the progress function; the other workers see isStopped.
     void run(unsigned workers, const std::function<void(unsigned)>& body);
 
-    // Somebody failed: whoever sees it returns from its body.
+    // A worker has failed. Every worker that sees it returns from its body.
     bool isStopped() const { return stopped_.load(std::memory_order_relaxed); }
 
-    // Called once when somebody fails, by whoever does: wakes those who wait.
+    // Called once, by the first worker that fails. It wakes those that wait.
     void onStop(std::function<void()> wake) { wake_ = std::move(wake); }
 
-    // So many splats more are done. Calls settings.progress now and then, whose exceptions leave.
+    // Reports this many more splats done. Calls settings.progress now and then and passes its exceptions on.
     void advance(std::uint64_t splats);
 
-    // Calls settings.progress with all that is done.
+    // Calls settings.progress with the number of all splats done.
     void reportEnd();
 
 private:

@@ -30,7 +30,7 @@ std::string withSystemLineEnds(const std::string& text) {
 #endif
 }
 
-// The run log, with every write looked at.
+// The run log; every write is checked.
 class Log {
 public:
     explicit Log(const std::filesystem::path& path) : file_(path) {}

@@ -11,7 +11,7 @@
 
 namespace Tavrin::SplatStream {
 
-// Keys whose cache lines are asked for ahead of the search: in a scene of many cells each is another.
+// Prefetch distance, in keys: in a scene of many cells each key is likely to be another.
 inline constexpr std::uint64_t keysAhead = 16;
 
 class KeyTable {
@@ -31,10 +31,10 @@ public:
         }
     }
 
-    // Ask for the cache line that find will look at.
+    // Prefetch the cache line that find will read.
     void prefetch(std::uint32_t key) const { GaussionSplat::prefetch(&entries_[hashOf(key)]); }
 
-    // Give a key that is not there a number. isFull must be false.
+    // Give a new key a number. isFull must be false.
     void insert(std::uint32_t key, std::uint32_t number) {
         std::size_t at = hashOf(key);
         while (entries_[at].number != none) {
@@ -82,7 +82,7 @@ private:
         shift_ = static_cast<unsigned>(64 - std::countr_zero(entries));
     }
 
-    // The high bits of a product with the golden ratio.
+    // The high bits of the key times the golden ratio.
     std::size_t hashOf(std::uint32_t key) const {
         return static_cast<std::size_t>(key * 0x9E3779B97F4A7C15u >> shift_);
     }

@@ -126,12 +126,12 @@ std::uint64_t MeasurePass::workerBytes() const {
            CellCounts::leastBytes;
 }
 
-// Enough for a cell a splat: planMemory leaves half of what is spare to the cells.
+// Enough for one cell per splat. planMemory leaves half of the spare memory to the cells.
 std::uint64_t MeasurePass::leastForCells() const {
     return settings.threads * (workerBytes() + 4 * CellCounts::peakBytes(source.count));
 }
 
-// As many workers as fit; positions are kept where they fit beside them, and are else read once more.
+// Use as many workers as fit. Keep positions where they fit as well; otherwise they are read once more.
 void MeasurePass::planMemory() {
     const std::uint64_t least = workerBytes();
     if (settings.maxMemory < least) {
@@ -149,7 +149,7 @@ void MeasurePass::planMemory() {
         expectedGrid = gridFor(static_cast<std::int64_t>(most), statedBox->min, statedBox->max, {});
         return;
     }
-    // Half of the memory stays for what is known of cells.
+    // Half of the memory stays for the bookkeeping of cells.
     const std::uint64_t counts = windows.count() * sizeof(std::uint32_t);
     const std::uint64_t bytes = source.count * 2 * sizeof(float);
     if (bytes + counts <= spareMemory / 2) {
@@ -174,14 +174,14 @@ void MeasurePass::forEachWindow(const Windows& all, Crew& crew,
     });
 }
 
-// The window's ranges tell most of it: a coordinate is looked at by itself only where one is not finite, or
-// lies outside the stated box.
+// The window's ranges settle most cases. Single coordinates are checked only where one is not finite or lies
+// outside the stated box.
 void MeasurePass::lookAtPositions(std::uint64_t count, const RawRanges::Positions& ranges, Found& own) {
     const float* const records = own.window.get();
     std::uint64_t notFinite = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
         const float* const position = records + i * recordFloats;
-        // The difference of a number with itself is zero, of anything else NaN.
+        // A finite number minus itself is zero. For anything else the difference is NaN.
         const float all =
             (position[0] - position[0]) + (position[1] - position[1]) + (position[2] - position[2]);
         notFinite += all == 0.0f ? 0 : 1;
@@ -249,7 +249,7 @@ void MeasurePass::scanBox() {
     });
 }
 
-// The measured box holds the origin: it starts from there. A source may state the box of its records instead.
+// The measured box starts from the origin, so it holds it. A source may state the box of its records instead.
 void MeasurePass::settleBox(Measured& measured) const {
     measured.isBoxStated = statedBox.has_value();
     if (statedBox) {
@@ -312,7 +312,7 @@ void MeasurePass::countAgain(const ChunkGrid& grid) {
     forEachWindow(windows, crew, [&](std::uint64_t window, Found& own) { countWindow(window, grid, own); });
 }
 
-// A key that the walk meets again lists a cell that is empty by then.
+// When the walk meets a key again, it lists a cell that is already empty.
 void listCells(const CellCounts& counts, Measured& measured) {
     std::uint64_t listed = 0;
     std::vector<bool> isListed(counts.size());

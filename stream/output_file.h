@@ -1,4 +1,4 @@
-// A file that is written at any place by several threads, with every result looked at.
+// A file that several threads write at any offset. Every result is checked.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,9 @@ public:
     OutputFile& operator=(const OutputFile&) = delete;
     ~OutputFile(); // closes it without looking at the result
 
-    // Have the file system set this many bytes aside from the start on, where it can: a full disk shows
-    // before the work, and writing finds its place sooner. Throws WriteError when they are not to be had.
+    // Reserve this many bytes from the start of the file, where the file system can. A full disk then shows
+    // before the work, and writing finds its place sooner. Throws WriteError when the bytes are not
+    // available.
     void reserve(std::uint64_t bytes);
 
     // Throws WriteError.
@@ -31,7 +32,7 @@ private:
 
     [[noreturn]] void fail(const char* what, int error) const;
 
-    // What differs between systems. Errors are numbers of the system, 0 for none.
+    // What differs between systems. Errors are the system's numbers, 0 for none.
     static std::intptr_t open(const std::filesystem::path& path, int& error);
     static int closeHandle(std::intptr_t handle);
     static int reserveBytes(std::intptr_t handle, std::uint64_t bytes);

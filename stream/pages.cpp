@@ -11,8 +11,8 @@ using GaussionSplat::packedCoefficientsSize;
 
 namespace {
 
-// Gathers cells of at most a page into runs that fit one. visit(isNewHolder, cell, isAlone) for every cell
-// that has splats.
+// Gathers cells of at most one page into runs that fit a page. Calls visit(isNewHolder, cell, isAlone) for
+// every cell that has splats.
 template <typename Visit>
 void forEachHolder(const std::vector<Cell>& cells, std::uint64_t pageRecords, Visit visit) {
     std::uint64_t room = 0; // left in the run
@@ -29,9 +29,10 @@ void forEachHolder(const std::vector<Cell>& cells, std::uint64_t pageRecords, Vi
 
 } // namespace
 
-// A worker that finds no page for a cell fills in the records of the cells before, and waits while the others
-// do. Then all pages but the holders' and its own for this one cell are on their way to be free: those of so
-// many whole pages, the one that was there before and the cell's first and last, which may be short.
+// A worker that finds no page for a cell fills in the records of the cells before it, then waits while the
+// others do the same. Then most pages are about to become free. The exceptions are the holders' pages and the
+// worker's own pages for this one cell. The latter are its whole pages, the page that was open before, and
+// the cell's first and last page, which may be short.
 PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
                    unsigned workers) {
     PagePlan plan{.pageRecords = pageRecords};
@@ -50,7 +51,7 @@ std::uint64_t PagePool::pageBytes(std::uint64_t pageRecords, bool hasCoefficient
 PagePool::PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most)
     : pageRecords_(pageRecords), hasCoefficients_(hasCoefficients), most_(most) {}
 
-// Some pages at a time, in one block of a few large pages.
+// Make several pages at a time, in one block of a few huge pages.
 void PagePool::makeMore() {
     const std::uint64_t dataBytes = pageRecords_ * dataRecordSize;
     const std::uint64_t coefficientBytes = hasCoefficients_ ? pageRecords_ * packedCoefficientsSize : 0;
@@ -119,8 +120,7 @@ Places::Places(const std::vector<Cell>& cells, std::uint64_t pageRecords) : page
     });
 }
 
-// Pages of a large cell end at multiples of their size, so that they lie on whole pages of the system's
-// cache.
+// Pages of a large cell end at multiples of their size, so they cover whole pages of the system's cache.
 bool Places::open(Holder& holder, const CellState& cell, PagePool& pool) {
     Page* const page = pool.take();
     if (page == nullptr) {

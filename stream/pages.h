@@ -1,7 +1,7 @@
 // The output cut into pages: pieces of records that are filled in memory and written whole.
 //
-// A page belongs to one large cell or to a run of small ones, so that it is open no longer than it must be.
-// All positions are in records of the output, which follow each other cell by cell.
+// A page belongs to one large cell or to a run of small ones, so that it is open as briefly as possible. All
+// positions count records of the output, cell by cell.
 #pragma once
 
 #include "src/kernels.h"
@@ -18,10 +18,10 @@
 
 namespace Tavrin::SplatStream {
 
-// Records of a page at most: more are written no faster.
+// Most records of a page. Larger pages are written no faster.
 inline constexpr std::uint64_t mostPageRecords = 4096;
 
-// How a scene's cells are cut into pages of a size.
+// How a scene's cells are cut into pages of one size.
 struct PagePlan {
     std::uint64_t pageRecords = 1; // a power of two
     std::uint64_t holders = 0; // large cells and runs of small ones: each has a page that waits for records
@@ -29,7 +29,7 @@ struct PagePlan {
     std::uint64_t wanted = 0;  // pages with which no worker waits for another's
 };
 
-// windowRecords: records that take their places at once.
+// windowRecords: the number of records that take their places at once.
 PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
                    unsigned workers);
 
@@ -42,15 +42,15 @@ struct Page {
     std::byte* coefficients = nullptr;      // records * 64 bytes, where there are any
 };
 
-// Memory for pages: as many as are needed, up to a limit, and used again and again. Thread-safe.
+// Memory for pages. It makes as many as are needed, up to a limit, and reuses them. Thread-safe.
 class PagePool {
 public:
     PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most);
 
-    // A free page, null while the most are in use. Throws std::bad_alloc.
+    // A free page, or null while the limit is in use. Throws std::bad_alloc.
     Page* take();
     void giveBack(Page* page);
-    // Returns once there is a page to take, or stop was called.
+    // Returns once a page is free or stop was called.
     void wait();
     void stop();
 
@@ -76,21 +76,21 @@ class Places {
 public:
     Places(const std::vector<Cell>& cells, std::uint64_t pageRecords);
 
-    // Places of some records of one cell, one behind the other in a page.
+    // Places of adjacent records of one cell in one page.
     struct Segment {
         Page* page;
         std::uint32_t at; // in the page
         std::uint32_t count;
     };
 
-    // So many records of a cell, by number among the cells that have splats, have no place yet.
+    // How many records of a cell have no place yet. `cell` counts only cells that have splats.
     std::uint64_t left(std::uint32_t cell) const { return cells_[cell].end - cells_[cell].next; }
 
-    // Ask for the cache lines that take will look at: first those of the cells, then those of their holders.
+    // Prefetch the cache lines that take will read: first those of the cells, then those of their holders.
     void prefetchCell(std::uint32_t cell) const { GaussionSplat::prefetch(&cells_[cell]); }
     void prefetchHolder(std::uint32_t cell) const { GaussionSplat::prefetch(&holders_[cells_[cell].holder]); }
 
-    // Appends the places of the next records of a cell: of `count`, at most left(cell), or of fewer where the
+    // Appends the places of the next `count` records of a cell, at most left(cell). There are fewer where the
     // pool has no more pages. Returns how many.
     std::uint64_t take(std::uint32_t cell, std::uint64_t count, PagePool& pool,
                        std::vector<Segment>& segments);

@@ -49,8 +49,8 @@ std::uint64_t workerBytes(const Measured& measured, std::uint64_t windowRecords,
 
 constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
 
-// What a run without a limit allows itself: small where few cells fill side by side; many cells get more, as
-// writing small pieces is slow.
+// The memory of a run without a limit. It is small where few cells fill side by side. Many cells get more,
+// because writing small pieces is slow.
 constexpr std::uint64_t fewCellsBudget = 48 * mebibyte;
 constexpr std::uint64_t manyCellsBudget = 440 * mebibyte;
 constexpr std::uint64_t smallPage = 1024; // records
@@ -101,7 +101,7 @@ Plan planPass(const Measured& measured, const Settings& settings) {
     throw TooLittleMemory("writing the dataset needs " + std::to_string(least) + " bytes of memory", least);
 }
 
-// The workers take their places one after the other, in the order of their windows.
+// The workers take their places one after the other, in window order.
 class Turn {
 public:
     // False when the crew was stopped.
@@ -217,7 +217,7 @@ void PlacePass::failChanged() const {
         "the scene's records are not those that were measured: start again once nothing writes to the input");
 }
 
-// Count the window's records by cell, and number its cells.
+// Count the window's records by cell and number its cells.
 void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     std::uint32_t* const keys = worker.keys.data();
     if (isSingle_) {
@@ -246,13 +246,13 @@ void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     }
     for (const Slot& slot : worker.slots) {
         worker.slotOf[slot.cell] = notListed;
-        places_.prefetchHolder(slot.cell); // before the turn, which all others wait for
+        places_.prefetchHolder(slot.cell); // before the turn: all others wait for that
     }
 }
 
-// Take places for all records of the window, in its turn. Where memory is short, pages are there only once
-// others are full: then what has places is filled in before. Returns how many slots that were, or nothing
-// when the crew was stopped.
+// Take places for all records of the window, in its turn. Where memory is short, pages become free only once
+// others are full; so slots that have their places are filled in first. Returns how many slots those were, or
+// nothing when the crew was stopped.
 std::optional<std::size_t> PlacePass::takePlaces(std::uint64_t window, std::uint64_t count, Worker& worker) {
     worker.segments.clear();
     if (!turn_.wait(window, crew_)) {
@@ -291,19 +291,20 @@ void PlacePass::settle(Slot& slot, const Worker& worker) const {
     }
 }
 
-// Splats whose places are asked for ahead of the work on them.
+// Prefetch distance, in splats.
 constexpr std::uint64_t splatsAhead = 16;
 
-// Cells of a window from which on the next splat of a cell comes too late to ask for its place by then.
+// Above this many cells in a window, a cell's next splat comes long after the one before. Its place is then
+// prefetched splatsAhead splats ahead, and otherwise with the splat before.
 constexpr std::size_t manySlots = 256;
 
-// The place may have moved on by a record or two when the splat is there.
+// The place may have moved on by a record or two when the splat comes.
 void PlacePass::prefetchPlace(const Slot& slot) {
     prefetch(slot.data);
     prefetch(slot.coefficients);
 }
 
-// Quantise the records of some slots into their places, and write the pages that are full then.
+// Quantise the records of some slots into their places, and write the pages that become full.
 void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Worker& worker) {
     if (first == end) {
         return;
@@ -346,7 +347,7 @@ void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Wo
     }
 }
 
-// Whoever fills in the last records of a page writes it.
+// The worker that fills in the last records of a page writes it.
 void PlacePass::complete(const Places::Segment& segment) {
     Page& page = *segment.page;
     if (page.missing.fetch_sub(segment.count, std::memory_order_acq_rel) != segment.count) {

@@ -1,4 +1,4 @@
-// The stages of place, which log lines stand between.
+// The stages of place. Log lines stand between them.
 #pragma once
 
 #include "stream/conversion.h"

@@ -47,7 +47,7 @@ void foldWindow(const float* records, std::uint64_t count, bool hasCoefficients,
     foldAny(records, count, hasCoefficients, columns);
 }
 
-// Where the columns of a copied attribute stand in a record.
+// Where a copied attribute's columns stand in a record.
 struct Columns {
     std::size_t at;
     std::size_t width;
@@ -60,8 +60,8 @@ Columns columnsOf(std::size_t attribute) {
 }
 static_assert(positionAt == 0 && normalAt == 3);
 
-// The range of a value that is decoded from one column by a function that never falls as its argument rises,
-// and that gives a number for every number.
+// The range of a value decoded from one column. The decoding function never falls as its argument rises, and
+// it gives a number for every number.
 template <typename Decode>
 ValueRange decodedRange(const ValueRange& raw, Decode decode) {
     if (!(raw.min <= raw.max)) {
@@ -97,9 +97,9 @@ ValueRange RawRanges::copiedRange(std::size_t attribute) const {
     return range;
 }
 
-// A zero matters only where a bound of the whole scene is zero. Then no value lies beyond that bound, and it
-// is the bound of the records seen so far as soon as one of them is zero. So the first zero stands in the
-// window with which a bound became zero, and is looked for there alone.
+// A zero matters only where a bound of the whole scene is zero. No value then lies beyond that bound. So it
+// is the bound of the records seen so far as soon as one of them is zero. Hence the first zero is in the
+// window in which a bound became zero, and only that window is searched.
 void RawRanges::findZeros(const float* records, std::uint64_t count, std::uint64_t first) {
     const std::size_t stride = recordLayout(hasCoefficients_).floats;
     for (std::size_t attribute = 0; attribute < (hasCoefficients_ ? copiedCount : 6); ++attribute) {

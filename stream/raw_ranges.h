@@ -1,4 +1,4 @@
-// The extremes of every column of raw records, and the ranges of decoded values that follow from them.
+// The extremes of every column of raw records, and the ranges of the decoded values.
 #pragma once
 
 #include "src/chunker_decode.h"
@@ -11,8 +11,8 @@
 
 namespace Tavrin::SplatStream {
 
-// Of some records of a scene, visited in their order. The bounds are strict comparisons from the empty range
-// on: NaN never counts.
+// The bounds over some records of a scene, visited in order. Comparisons are strict and start from the empty
+// range: NaN never counts.
 class RawRanges {
 public:
     explicit RawRanges(bool hasCoefficients, GaussionSplat::Kernels kernels = GaussionSplat::chosenKernels)
@@ -21,14 +21,14 @@ public:
     // The first columns of some records: x, y and z.
     using Positions = std::array<GaussionSplat::ValueRange, 3>;
 
-    // Widen by records, of which the first is the first-th of the scene. Later calls bring later records.
-    // Returns the ranges of their positions.
+    // Widen by records, the first of which is record `first` of the scene. Each call must bring later records
+    // than the one before. Returns the ranges of their positions.
     Positions fold(const float* records, std::uint64_t count, std::uint64_t first);
 
-    // Widen by those of other records of the scene, earlier or later.
+    // Widen by the bounds of other records of the scene, earlier or later.
     void join(const RawRanges& other);
 
-    // The bounds of column i over all records folded in.
+    // The bounds of column i over all records so far.
     const GaussionSplat::ValueRange& column(std::size_t i) const { return columns_[i]; }
 
     // The ranges that the converter finds over the decoded records.
