@@ -110,7 +110,7 @@ TEST_F(StreamCellsTest, PositionsThatAreNoNumbers) {
 
 TEST_F(StreamCellsTest, FewSplatsInEachOfManyCells) {
     addSplats(107, 1'000'001, 6000.0f, 6000.0f);
-    EXPECT_GT(compare({{2, 1024}}).cells.size(), 40'000u);
+    EXPECT_GE(compare({{2, 1024}}).cells.size(), 40'000u);
 }
 
 } // namespace
