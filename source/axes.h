@@ -1,11 +1,11 @@
-// Turning splats from the axes that a file stores to those of a trained PLY: x right, y down, z front.
+// Turns splats from the axes of a file to those of a trained PLY: x right, y down, z front.
 #pragma once
 
 #include <cstdint>
 
 namespace Tavrin::SplatSource {
 
-// The axes that the positions of a file are taken to be stored in, where its kind leaves them open.
+// The axes in which the positions of a file are taken to be stored, for kinds of files that leave them open.
 enum class InputAxes {
     stated,         // as the file says, else as is usual for its kind
     rightUpBack,    // whatever the file says
@@ -15,8 +15,8 @@ enum class InputAxes {
 // Coefficients of degrees 1 to 3, a channel.
 inline constexpr int coefficientsPerChannel = 15;
 
-// A turn by signs, and where the third axis points up by a quarter turn about x behind them. Both leave
-// lengths alone.
+// A turn: signs of the axes and, where the third axis points up, a quarter turn about x after them. Both
+// leave lengths unchanged.
 struct Turn {
     // Signs of the axes, +1 or -1.
     int x = 1;
@@ -32,8 +32,8 @@ struct Turn {
     void coefficients(float* channel, int count) const;
 };
 
-// The turn from stored axes, a code from 1 to 16: the bits of code - 1 (for 9 to 16 of code - 9) say right,
-// up and back; 9 to 16 have y and z changed over. 4 is right, up, back; 6 is right, down, front.
+// The turn from stored axes, given as a code from 1 to 16. The bits of code - 1 (of code - 9 for 9 to 16) say
+// right, up and back. Codes 9 to 16 have y and z exchanged. 4 is right, up, back; 6 is right, down, front.
 Turn turnFromAxes(std::uint32_t code);
 
 inline constexpr std::uint32_t mostAxesCode = 16;

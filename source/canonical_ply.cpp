@@ -46,7 +46,7 @@ void CanonicalPly::readBoxPositions(std::uint64_t first, std::uint64_t size, flo
     auto* const bytes = reinterpret_cast<std::byte*>(positions);
     const std::uint64_t length = size * scanStride;
     const std::uint64_t got = file_.readUpTo(bodyAt_ + first * scanStride, bytes, length);
-    // The last position may be cut by the end of the file, even inside a number: the rest is zeros.
+    // The end of the file may cut the last position, even inside a number. The rest of it is zeros.
     std::memset(bytes + got, 0, length - got);
     for (std::uint64_t i = 1; i < size; ++i) {
         std::memmove(bytes + i * positionBytes, bytes + i * scanStride, positionBytes);

@@ -1,4 +1,4 @@
-// The scene of a binary little-endian PLY file whose records are in the canonical form already.
+// The scene of a binary little-endian PLY file whose records already have the canonical form.
 #pragma once
 
 #include "source/record_file.h"
@@ -9,7 +9,7 @@
 
 namespace Tavrin::SplatSource {
 
-// Where the records of a file stand, and what its header says of them.
+// Where the records of a file are, and what its header says about them.
 struct CanonicalPlyFacts {
     std::uint64_t bodyAt = 0; // byte offset of the first record
     std::uint64_t count = 0;  // records

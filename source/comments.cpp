@@ -29,7 +29,7 @@ std::string_view withoutPlus(std::string_view text) {
     return text.starts_with('+') && !text.starts_with("+-") ? text.substr(1) : text;
 }
 
-// The whole text as a number; nothing when it is none, does not fit or is not finite.
+// The whole text as a number. Nothing when it is no number, does not fit or is not finite.
 template <typename Number>
 std::optional<Number> wholeNumber(std::string_view text) {
     text = withoutPlus(text);

@@ -33,8 +33,8 @@ struct StatedNumber {
     std::size_t line = 0;
 };
 
-// What the comment lines of a header say about the scene, as the converter reads them: lines of three words
-// with a known key in the second; a later line overrides an earlier one.
+// What the comment lines of a header say about the scene, as the converter reads them. Lines count that have
+// three words, the second of them a known key. A later line overrides an earlier one.
 struct SceneComments {
     std::map<std::string, StatedNumber, std::less<>> numbers; // minx ... scalez
     std::int32_t epsg = 0;
@@ -46,8 +46,8 @@ struct SceneComments {
     // The value that the dataset keeps.
     double kept(std::string_view key, double otherwise) const;
 
-    // The box that the stated bounds give; nothing when the converter does not use them and measures instead.
-    // It uses them when |minx| > 0.001 and |maxx| > 0.1, with 0 and 1 in place of those that are not stated.
+    // The box that the stated bounds give, or nothing when the converter measures the box instead. It uses
+    // stated bounds when |minx| > 0.001 and |maxx| > 0.1. Bounds that are not stated are 0 and 1.
     std::optional<Box> bounds() const;
 
     // A comment minx or maxx was seen.
@@ -57,8 +57,8 @@ struct SceneComments {
 // `hasCoefficients` says what the vertex properties declare. The header's vertex element must exist.
 SceneComments readSceneComments(const PlyHeader& header, bool hasCoefficients);
 
-// True for UTF-8 without control characters, quotes and backslashes: what the meta document can hold, which
-// escapes nothing.
+// True for UTF-8 without control characters, quotes and backslashes. The meta document escapes nothing, so it
+// can hold no other text.
 bool fitsMetaText(std::string_view text);
 
 // The parameters that the converter's header reader takes from such comments.

@@ -41,7 +41,7 @@ constexpr std::array<std::string_view, 4> wordNames = {"packed_position", "packe
     throw SourceError(fmt::format("{}:{}: {}", file.name(), line, what));
 }
 
-// That an element has exactly these properties, of one type, in this order.
+// Checks that an element has exactly these properties, of one type and in this order.
 template <typename Names>
 void requireProperties(const RecordFile& file, const PlyElement& element, const Names& names,
                        std::size_t count, Scalar type) {
@@ -60,7 +60,7 @@ void requireProperties(const RecordFile& file, const PlyElement& element, const 
     }
 }
 
-// The degree of so many coefficients a channel.
+// The degree that has this many coefficients a channel.
 int degreeOf(std::uint64_t perChannel) {
     return perChannel == 0 ? 0 : perChannel == 3 ? 1 : perChannel == 8 ? 2 : 3;
 }
@@ -69,12 +69,12 @@ double mix(float low, float high, double share) {
     return low * (1.0 - share) + high * share;
 }
 
-// Three shares of a word with 11, 10 and 11 bits.
+// Three fractions from a word with 11, 10 and 11 bits.
 std::array<double, 3> shares(std::uint32_t word) {
     return {(word >> 21) / 2047.0, (word >> 11 & 0x3ff) / 1023.0, (word & 0x7ff) / 2047.0};
 }
 
-// Which component is left out (0 w, 1 x, 2 y, 3 z), and the others in their order as 10 bits each.
+// Which component is left out (0 w, 1 x, 2 y, 3 z); the others follow in order with 10 bits each.
 void readRotation(std::uint32_t word, float* wxyz) {
     const std::uint32_t left = word >> 30;
     double squares = 0.0;
@@ -91,7 +91,7 @@ void readRotation(std::uint32_t word, float* wxyz) {
     wxyz[left] = static_cast<float>(std::sqrt(std::max(0.0, 1.0 - squares)));
 }
 
-// The logit of a share; 0 and 1 give the infinities.
+// The logit of a fraction. 0 and 1 give the infinities.
 float logit(std::uint32_t byte) {
     return byte == 255 ? std::numeric_limits<float>::infinity()
                        : static_cast<float>(std::log(byte / (255.0 - byte)));
@@ -144,7 +144,7 @@ void CompressedPlyInput::checkLayout(const PlyHeader& header) {
     if (count == 0) {
         refuseLine(file_, vertex.line, "the file_ has no splats");
     }
-    // A file of 2^59 bytes is no file: the sums below stay far from the ends of 64 bits.
+    // No file has 2^59 bytes, so the sums below stay far from the limits of 64 bits.
     constexpr std::uint64_t most = std::uint64_t{1} << 52;
     if (count > most || chunk.count != (count + chunkSplats - 1) / chunkSplats) {
         refuseLine(file_, chunk.line,

@@ -1,4 +1,5 @@
-// Compressed PLY: 16 bytes a splat, whose values are shares of the range of their chunk of 256 splats.
+// Compressed PLY: 16 bytes a splat. Its values are fractions of the ranges of its chunk, a group of 256
+// splats.
 #pragma once
 
 #include "source/input.h"

@@ -144,8 +144,8 @@ void KeptSplats::lookAtUnits(std::uint64_t size, const float* records) const {
     }
 }
 
-// True when no record can be an invalid one: every value is finite and no rotation is zero. An exponent of
-// all ones carries into the sign's place.
+// True when no record can be invalid: every value is finite and no rotation is zero. An exponent of all ones
+// carries into the sign bit.
 bool KeptSplats::areSound(std::uint64_t size, const float* records) const {
     constexpr std::uint32_t exponent = 0x7F800000u;
     std::uint32_t carries = 0;
@@ -204,7 +204,7 @@ std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const 
     return std::nullopt;
 }
 
-// Moves what is kept together.
+// Moves the kept records together.
 std::uint64_t KeptSplats::drop(std::uint64_t first, std::uint64_t size, float* records, double* positions,
                                std::vector<Finding>& findings) const {
     std::uint64_t kept = 0;
@@ -248,7 +248,7 @@ void KeptSplats::count(std::uint64_t first, std::uint64_t size, const std::vecto
     }
     const std::lock_guard<std::mutex> guard(lock_);
     Part whole = {first, first + size};
-    // The parts that touch the range: they become one with it.
+    // The parts that touch the range are merged with it.
     auto begin = std::ranges::lower_bound(counted_, first, {}, &Part::end);
     auto end = begin;
     std::uint64_t at = first;

@@ -1,4 +1,4 @@
-// Which splats of an input are dropped, and the account of them.
+// Decides which splats of an input are dropped, and counts them.
 #pragma once
 
 #include "source/input.h"
@@ -18,7 +18,7 @@ enum class DropReason { invalid, crop, opacity, scale };
 inline constexpr std::size_t dropReasons = 4;
 const char* nameOf(DropReason reason); // "invalid", "crop", "opacity", "scale"
 
-// What a user asks to drop; invalid splats always are.
+// What a user asks to drop. Invalid splats are always dropped.
 struct DropRules {
     std::optional<Box> crop{};          // in the file's coordinates; its faces are inside
     std::optional<double> minOpacity{}; // 0 to 1, of the opacity itself
@@ -35,8 +35,7 @@ struct Ledger {
     std::uint64_t read = 0;
     std::uint64_t kept = 0;
     std::array<std::uint64_t, dropReasons> dropped{};
-    // Of the invalid ones, by what is wrong first: position, scale, opacity, colour, coefficient, normal,
-    // rotation.
+    // The invalid splats by the first fault: position, scale, opacity, colour, coefficient, normal, rotation.
     std::array<std::uint64_t, 7> invalid{};
     std::uint64_t firstInvalid = UINT64_MAX; // record; UINT64_MAX when there is none
 
@@ -55,15 +54,15 @@ public:
 
     const Input& input() const { return *input_; }
 
-    // The kept ones of the records [first, first + size), in the input's form: as Input::readWide, but
-    // returns how many there are.
+    // The kept records of [first, first + size), in the input's form. As Input::readWide, but returns how
+    // many there are.
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records, double* positions) const;
 
-    // Of the records that were read so far, each counted once however often it was read.
+    // Counts the records read so far, each once however often it was read.
     Ledger ledger() const;
 
-    // To be called when every record has been read: throws SourceError when no scale is negative or no
-    // opacity outside 0 to 1 and the caller has not said what they are: such a file holds linear values.
+    // Call when every record has been read. Throws SourceError when no scale is negative or no opacity is
+    // outside 0 to 1, and the caller has not said what they are. Such a file holds linear values.
     void requireUnits() const;
 
 private:

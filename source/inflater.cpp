@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint64_t inputBytes = std::uint64_t{256} << 10;
 
-// The packed bytes of a part of a file, a buffer at a time.
+// The packed bytes of a part of a file, one buffer at a time.
 struct PackedInput {
     const RecordFile& file;
     std::uint64_t at;
@@ -122,7 +122,7 @@ ZstdReader::ZstdReader(const RecordFile& file, std::uint64_t at, std::uint64_t p
     if (state_->stream == nullptr) {
         throw std::bad_alloc();
     }
-    // A frame states how much of what it unpacked it looks back at. More than 32 MiB is refused: memory stays
+    // A frame states how far back it refers into its own output. More than 32 MiB is refused, so memory stays
     // bounded whatever a file states.
     ZSTD_DCtx_setParameter(state_->stream, ZSTD_d_windowLogMax, 25);
 }
@@ -145,7 +145,7 @@ std::uint64_t ZstdReader::read(std::uint8_t* bytes, std::uint64_t size) {
                    std::string("its zstd data is wrong (") + ZSTD_getErrorName(state_->hint) + ")");
         }
     }
-    // What the stream holds back although its input is used up.
+    // Output that the stream still holds after its input is used up.
     while (out.pos < out.size && state_->hint != 0) {
         ZSTD_inBuffer none{};
         const std::size_t before = out.pos;

@@ -1,4 +1,4 @@
-// Unpacking gzip and zstd from a part of a file, a buffer at a time.
+// Unpacks gzip and zstd data from a part of a file, one buffer at a time.
 #pragma once
 
 #include "source/record_file.h"
@@ -17,8 +17,8 @@ public:
     GzipReader(const GzipReader&) = delete;
     GzipReader& operator=(const GzipReader&) = delete;
 
-    // Writes at most size unpacked bytes; fewer only at the end of the member, whose checksum and length have
-    // then been found right.
+    // Writes at most size unpacked bytes. There are fewer only at the end of the member. Its checksum and
+    // length have then been checked.
     std::uint64_t read(std::uint8_t* bytes, std::uint64_t size);
 
     bool isAtEnd() const;
@@ -31,7 +31,7 @@ private:
     std::unique_ptr<State> state_;
 };
 
-// zstd frames, one after the other, in [at, at + packed) of a file.
+// Consecutive zstd frames in [at, at + packed) of a file.
 class ZstdReader {
 public:
     // As GzipReader.

@@ -1,4 +1,4 @@
-// One input of a scene as it lies in its file, before splats are dropped, moved or merged.
+// One input of a scene, as its file holds it: before splats are dropped, moved or merged.
 #pragma once
 
 #include "source/comments.h"
@@ -20,7 +20,7 @@ struct Input : Source {
     std::vector<std::string> remarks; // what a user should know, a line each, without the file's name
     // Coordinates may need more than single precision: readWide gives them in full.
     bool isWide = false;
-    // The file does not settle whether scales are logarithms and opacities logits: its values have to tell.
+    // The file does not say whether scales are logarithms and opacities logits; its values have to tell.
     bool hasOpenUnits = false;
     // Records and header are the converter's own form, byte for byte.
     bool isCanonical = false;
@@ -38,7 +38,7 @@ struct Input : Source {
     }
 };
 
-// x y z of records of so many floats, widened, to `positions` unless that is null: for inputs whose
+// Writes x y z of records of this many floats, widened, to `positions` unless that is null. For inputs whose
 // coordinates need no more than single precision.
 void copyPositions(const float* records, std::size_t floats, std::uint64_t size, double* positions);
 

@@ -27,7 +27,7 @@ double wholeNear(double value) {
     return double{static_cast<float>(std::round(value))};
 }
 
-// Puts 15 zero coefficients a channel into records without any, in place from the last on.
+// Inserts 15 zero coefficients a channel into records without any. Works in place, from the last record on.
 void widenRecords(std::uint64_t count, float* records) {
     using namespace GaussionSplat;
     constexpr std::size_t narrow = layoutWithoutShcoef.floats;
@@ -42,7 +42,7 @@ void widenRecords(std::uint64_t count, float* records) {
     }
 }
 
-// Half of the step to the next number that single precision holds, at the largest coordinate of a range.
+// Half the step to the next number of single precision, at the largest coordinate of a range.
 double halfStep(double smallest, double largest) {
     const double reach = std::max(std::abs(smallest), std::abs(largest));
     if (!(reach < double{std::numeric_limits<float>::max()})) {
@@ -71,7 +71,7 @@ Box emptyBox() {
     return {{none, none, none}, {-none, -none, -none}};
 }
 
-// The box of an input's positions, those that are cropped left out.
+// The box of an input's positions without the cropped ones.
 Box inputBox(const Input& input, const std::optional<Box>& crop, unsigned threads) {
     Box box = emptyBox();
     std::mutex lock;
@@ -223,7 +223,7 @@ void Scene::settleOffset(const SceneOptions& options) {
     moveBounds();
 }
 
-// The box of the moved positions of inputs that are not kept bit for bit.
+// The box of the moved positions, over inputs that are not kept bit for bit.
 Box Scene::boxOf(unsigned threads) const {
     Box box = emptyBox();
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
@@ -237,7 +237,7 @@ Box Scene::boxOf(unsigned threads) const {
     return box;
 }
 
-// Stated bounds go with the positions, rounded outwards.
+// Stated bounds move with the positions and are rounded outwards.
 void Scene::moveBounds() {
     if (inputs_.size() > 1 || moves_[0] == Point{}) {
         return;

@@ -1,4 +1,4 @@
-// A whole scene: inputs one after the other, what is dropped left out, all of it in one place.
+// A whole scene: its inputs one after the other, without dropped splats, all moved to one offset.
 #pragma once
 
 #include "source/drop.h"
@@ -13,7 +13,7 @@
 
 namespace Tavrin::SplatSource {
 
-// What a user settles about the inputs.
+// What a user chooses about the inputs.
 struct SceneOptions {
     OpenOptions open{};
     DropRules rules{};
@@ -27,41 +27,43 @@ struct SceneOptions {
     std::optional<std::string> dataType{};
 };
 
-// Largest error of a place, in the scene's units taken as metres, that needs no offset: half of the step that
-// single precision takes is below half a millimetre up to this coordinate.
+// Largest coordinate that needs no offset, in the scene's units taken as metres. Up to it, half a step of
+// single precision is below half a millimetre.
 inline constexpr double largestExactCoordinate = 16384.0;
 
-// Inputs in the order given, each with its own layout, degree and offset, moved in double to the offset of
-// the dataset. The highest degree rules: missing coefficients are 0. params holds what the dataset states.
+// Inputs in the order given, each with its own layout, degree and offset. Positions are moved in double
+// precision to the offset of the dataset. The scene has the highest degree of all inputs; missing
+// coefficients are 0. params holds what the dataset states.
 //
-// Where no header states an offset and coordinates in double are too large for single precision, one is
-// chosen: whole numbers that single precision holds. A stated offset that it does not hold is cut to whole
-// numbers, and the rest moves into the positions.
+// An offset is chosen where no header states one and coordinates in double are too large for single
+// precision. It consists of whole numbers that single precision holds. A stated offset that single precision
+// does not hold is cut to whole numbers; the rest moves into the positions.
 class Scene final : public Source {
 public:
-    // At least one input. Throws SourceError when they cannot be one scene. Reads the positions of inputs
-    // that have to be moved or hold more than single precision, on options.open.threads threads.
+    // Takes at least one input. Throws SourceError when they cannot be one scene. Reads the positions of
+    // inputs that have to be moved or exceed single precision, on options.open.threads threads.
     Scene(std::vector<std::unique_ptr<Input>> inputs, const SceneOptions& options);
 
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override;
     std::uint64_t boxPositions() const override;
     void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const override;
-    // A scene without coefficients states the box of its records where no header does, widened by the least
-    // that makes the converter take it: its own scan steps by the wrong record size there.
+    // A scene without coefficients states the box of its records where no header states one. The box is
+    // widened by the least that makes the converter accept it. The converter's own scan would step by the
+    // wrong record size there.
     void stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat::Params& params) const override;
     void requireUnchanged() const override;
 
     const std::vector<std::unique_ptr<KeptSplats>>& inputs() const { return inputs_; }
 
-    // Of the records that were read so far.
+    // Counts the records read so far.
     Ledger ledger() const;
 
-    // To be called when every record has been read: throws SourceError when the values are linear and nobody
-    // has said so, or splats are invalid and the options are strict.
+    // Call when every record has been read. Throws SourceError when the values are linear and nobody has said
+    // so, or when splats are invalid and the options are strict.
     void requireAccepted() const;
 
-    // Largest distance between a place of an input and position + offset of the dataset, per axis; 0 where
-    // positions are kept bit for bit.
+    // Largest distance, per axis, between a position of an input and position + offset of the dataset. 0
+    // where positions are kept bit for bit.
     double largestError = 0.0;
     bool isOffsetChosen = false;      // no header states the offset
     bool isOffsetCut = false;         // the stated one had to be cut to whole numbers
@@ -84,7 +86,7 @@ private:
     bool isKindStated_ = false; // the kind of data: by a comment or an option
 };
 
-// Opens the inputs and puts them together.
+// Opens the inputs and merges them.
 std::unique_ptr<Scene> openScene(const std::vector<std::filesystem::path>& paths,
                                  const SceneOptions& options);
 

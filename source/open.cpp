@@ -19,7 +19,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// How kinds of files that hold no splats for us start, and what they are.
+// How files without usable splats start, and what they are.
 struct Lookalike {
     std::string_view start;
     const char* what;

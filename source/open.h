@@ -1,4 +1,4 @@
-// Opening an input of any kind: the kind is told from the content, not from the name.
+// Opens an input of any kind. The content decides the kind, not the name.
 #pragma once
 
 #include "source/axes.h"
@@ -15,8 +15,8 @@ struct OpenOptions {
     std::filesystem::path scratchFolder; // for what has to be unpacked; it exists
 };
 
-// Throws SourceError when the file cannot be opened, is no splat file (what it looks like instead, and what
-// would do) or is damaged.
+// Throws SourceError when the file cannot be opened, is damaged, or is no splat file. In the last case the
+// message says what it looks like and what would help.
 std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenOptions& options);
 
 } // namespace Tavrin::SplatSource

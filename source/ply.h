@@ -1,4 +1,4 @@
-// Splats of a PLY file of any layout: text or binary, every type, any order of the properties.
+// Splats of a PLY file of any layout: text or binary, every type, properties in any order.
 #pragma once
 
 #include "source/input.h"

@@ -208,7 +208,7 @@ private:
     std::vector<std::uint64_t> index_; // byte of every indexStep-th vertex
 };
 
-// Refuses counts that the file cannot hold, before anything is walked or allocated by them.
+// Refuses counts that the file cannot hold, before they decide a walk or an allocation.
 void requireRoom(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
     std::uint64_t need = 0;
     for (const PlyElement& element : header.elements) {
@@ -233,7 +233,7 @@ void requireRoom(const RecordFile& file, const PlyHeader& header, const PlyEleme
     }
 }
 
-// What stands behind the vertices harms no splat.
+// Bytes behind the vertices harm no splat.
 void remarkTail(const RecordFile& file, const PlyHeader& header, BinaryWalk walk, PlyBody& body) {
     bool isBehind = false;
     try {

@@ -1,4 +1,4 @@
-// Where the vertices of a PLY file lie, and reading their fixed part from any record on.
+// Finds the vertices of a PLY file, and reads their fixed part from any record on.
 #pragma once
 
 #include "source/ply_header.h"
@@ -12,7 +12,7 @@
 
 namespace Tavrin::SplatSource {
 
-// The vertices of one file. Their number is that of the header; opening has made sure that they are there.
+// The vertices of one file. The header gives their number; opening has checked that they all exist.
 struct PlyBody {
     PlyBody() = default;
     PlyBody(const PlyBody&) = delete;
@@ -29,9 +29,9 @@ struct PlyBody {
     std::vector<std::string> remarks; // what a user should know, a line each, without the file's name
 };
 
-// Finds the vertices: by arithmetic where every element before and with them has a fixed size, by walking
-// over lists, and in text by counting words in one pass on `threads` threads. Nothing is allocated by a count
-// that the file cannot hold. The file and the header must outlive the result. Throws SourceError.
+// Finds the vertices. Where every element up to them has a fixed size, arithmetic does. Lists are walked
+// over. In a text file one pass on `threads` threads counts the words. No count that the file cannot hold
+// decides an allocation. The file and the header must outlive the result. Throws SourceError.
 std::unique_ptr<PlyBody> openPlyBody(const RecordFile& file, const PlyHeader& header, unsigned threads);
 
 // The same for a text file.
@@ -42,7 +42,7 @@ std::uint64_t productOf(std::uint64_t a, std::uint64_t b);
 // The sum, or UINT64_MAX where no 64-bit number holds it.
 std::uint64_t sumOf(std::uint64_t a, std::uint64_t b);
 
-// Vertices between the places that an index of a body remembers, where records have no fixed size.
+// The number of vertices from one entry of a body's index to the next, where records have no fixed size.
 inline constexpr std::uint64_t indexStep = 1024;
 
 } // namespace Tavrin::SplatSource

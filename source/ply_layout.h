@@ -26,8 +26,8 @@ struct SplatLayout {
     std::size_t recordBytes = 0; // of the fixed part
     bool hasLists = false;       // among the vertex properties
     int degree = 0;              // of the coefficients that are taken, 0 to 3
-    // By place in the canonical record, with or without coefficients as the degree says. What has no column
-    // is `constants`' value.
+    // By place in the canonical record, whose form follows from the degree. A place without a column takes
+    // its value from `constants`.
     std::vector<std::optional<PlyColumn>> columns;
     std::vector<float> constants;
     bool hasColourBytes = false; // red green blue stand in for f_dc
@@ -46,8 +46,8 @@ std::vector<std::string> canonicalNames(bool hasCoefficients);
 // True when the header's vertices are packed: another reader takes them.
 bool isCompressedPly(const PlyHeader& header);
 
-// Throws SourceError, which starts with `name` and the line, when the header declares no splats: what it
-// looks like instead, or what is missing.
+// Throws SourceError when the header declares no splats. Its text starts with `name` and the line. It says
+// what the file looks like instead, or what is missing.
 SplatLayout splatLayoutOf(const PlyHeader& header, const std::string& name);
 
 } // namespace Tavrin::SplatSource

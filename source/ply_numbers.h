@@ -9,11 +9,11 @@
 namespace Tavrin::SplatSource {
 
 // Writes the number that the word states to `value`, in the machine's form of the type: widthOf(type) bytes.
-// Reals may have an exponent, a plus, and be inf or nan; too large ones become infinite, too small ones 0.
-// False when the word is no number, or no whole number of the type's range where it must be one.
+// Reals may have an exponent and a plus, and may be inf or nan. Too large ones become infinite, too small
+// ones 0. False when the word is no number, or when an integer type gets no whole number in its range.
 bool parseScalar(std::string_view word, Scalar type, std::byte* value);
 
-// The count of a list; false when the word is no whole number from 0 on that its type holds.
+// Reads the count of a list. False when the word is no whole number from 0 on that its type holds.
 bool parseListCount(std::string_view word, Scalar type, std::uint64_t& count);
 
 } // namespace Tavrin::SplatSource

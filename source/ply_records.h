@@ -9,7 +9,7 @@
 
 namespace Tavrin::SplatSource {
 
-// What is copied where, worked out once from a layout. Single-precision values keep their bits.
+// The list of copies from vertex to record, made once from a layout. Single-precision values keep their bits.
 class RecordMap {
 public:
     RecordMap(const SplatLayout& layout, bool isBigEndian);

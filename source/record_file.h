@@ -1,4 +1,4 @@
-// A file that several threads read at any place, and that knows whether it is still the one that was opened.
+// A file that several threads read at any offset. It can tell whether it is still the file that was opened.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace Tavrin::SplatSource {
 // A path as messages show it: UTF-8 on every system.
 std::string textOf(const std::filesystem::path& path);
 
-// What tells a file from another and from what it was before.
+// What identifies a file and its state.
 struct FileState {
     std::uint64_t size = 0;   // bytes
     std::int64_t changed = 0; // time of the last write, in the unit of the system

@@ -16,7 +16,7 @@
 namespace Tavrin::SplatSource {
 namespace {
 
-// The most that one call of the system is asked to move.
+// The most bytes that one system call is asked to move.
 constexpr std::uint64_t mostBytes = std::uint64_t{1} << 30;
 
 [[noreturn]] void fail(const std::filesystem::path& folder, const char* what, int code) {

@@ -1,4 +1,5 @@
-// A file without a name for what a source unpacks: bounded memory, gone when the process ends in any way.
+// A nameless file for data that a source unpacks. It bounds memory and disappears when the process ends, in
+// whatever way.
 #pragma once
 
 #include <cstdint>

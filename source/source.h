@@ -21,8 +21,8 @@ struct SourceChanged : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A scene as a sequence of canonical vertex records (src/records.h): 62 floats with the 45 rest coefficients,
-// 17 without. Opening a source reads headers alone; records are read on demand and not kept.
+// A scene as a sequence of canonical vertex records (src/records.h): 62 floats with the 45 coefficients, 17
+// without. Opening a source reads headers alone. Records are read on demand and not kept.
 struct Source {
     Source() = default;
     Source(const Source&) = delete;
@@ -45,18 +45,19 @@ struct Source {
     virtual std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const = 0;
 
     // The box of a scene whose header states no usable one holds the origin and the position of every record.
-    // The converter's own scan of a file may step differently from its records: then this is the number of
-    // positions it sees, and readBoxPositions gives those of [first, first + size), three floats each, at
-    // the start of `positions`, which has room for 62 floats each. 0: the records' own positions count.
+    // The converter's own scan of a file may step differently from its records. Then this is the number of
+    // positions that the scan sees; otherwise it is 0, and the records' own positions count. readBoxPositions
+    // writes positions [first, first + size), three floats each, to the start of `positions`, which has room
+    // for 62 floats each.
     virtual std::uint64_t boxPositions() const { return 0; }
     virtual void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const;
 
-    // Where no usable bounds are stated: takes the box of all records that read gives, and may write it to
-    // `stated` as the scene's bounds, so that the dataset has them. As it is, it writes nothing.
+    // Called where no usable bounds are stated, with the box of all records that read gives. May write it to
+    // `stated` as the scene's bounds, so that the dataset has them. The default writes nothing.
     virtual void stateBox(const float (&)[3], const float (&)[3], GaussionSplat::Params&) const {}
 
     // Throws SourceChanged when a file of the source is no longer the one that was opened: its size, its time
-    // of change or its identity differ.
+    // of change or its identity differs.
     virtual void requireUnchanged() const = 0;
 };
 

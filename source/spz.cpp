@@ -195,7 +195,7 @@ void SpzInput::readWide(std::uint64_t first, std::uint64_t size, float* records,
     copyPositions(records, floats, size, positions);
 }
 
-// The arrays of `size` splats, one behind the other, to records.
+// Turns the arrays of `size` splats, one behind the other, into records.
 void SpzInput::decode(const std::uint8_t* bytes, std::uint64_t size, float* records) const {
     const ByteTables& tables = byteTables();
     const RecordLayout& layout = recordLayout(hasCoefficients);
@@ -254,8 +254,7 @@ void SpzInput::decodeRotations(const std::uint8_t* bytes, std::uint64_t size, fl
     }
 }
 
-// Coefficients stand one after the other with red, green and blue together; records have a channel after the
-// other.
+// In the file red, green and blue of a coefficient are together. Records hold one channel after the other.
 void SpzInput::decodeCoefficients(const std::uint8_t* bytes, std::uint64_t size, float* records) const {
     const std::size_t floats = recordLayout(hasCoefficients).floats;
     const std::uint64_t splatBytes = header_.bytesOf(SpzArray::coefficients);

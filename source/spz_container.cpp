@@ -67,7 +67,7 @@ SpzHeader commonHeader(const RecordFile& file, const std::uint8_t* bytes, bool i
     return header;
 }
 
-// What a stated count needs cannot be more than the file's bytes can unpack to.
+// A stated count must not need more bytes than the file's bytes can unpack to.
 void requirePlausible(const RecordFile& file, const SpzHeader& header, std::uint64_t ratio) {
     if (header.arrayBytes() / ratio > file.size()) {
         refuseDamaged(file, std::to_string(header.splats) + " splats do not fit into " +
@@ -108,7 +108,7 @@ SpzHeader readPlainHeader(const RecordFile& file) {
     return header;
 }
 
-// Records of type, length and payload, to the end of their zone. Those that are not known are stepped over.
+// Records of type, length and payload, up to the end of their zone. Unknown ones are skipped.
 void readExtensions(const RecordFile& file, const std::vector<std::uint8_t>& zone, SpzContent& content) {
     std::size_t at = 0;
     while (at + 8 <= zone.size()) {
@@ -161,7 +161,7 @@ struct Stream {
     std::uint64_t packed = 0; // bytes
 };
 
-// The table of streams, each of which must unpack to exactly one array, and all of which must fill the file.
+// The table of streams. Each must unpack to exactly one array, and together they must fill the file.
 std::vector<Stream> readStreams(const RecordFile& file, const SpzHeader& header) {
     std::vector<std::uint8_t> table(tableEntryBytes * static_cast<std::uint64_t>(header.streams));
     file.read(header.tableAt, table.data(), table.size());

@@ -45,12 +45,12 @@ using SpzSink = std::function<void(std::uint64_t offset, const std::uint8_t* byt
 // True when the bytes start like an SPZ file, or like any gzip file.
 bool looksLikeSpz(std::string_view start);
 
-// Reads and checks the header: nothing is allocated by a size that it states, and a count that the file
-// cannot hold is refused. Throws SourceError.
+// Reads and checks the header. No size that it states decides an allocation. A count that the file cannot
+// hold is refused. Throws SourceError.
 SpzHeader readSpzHeader(const RecordFile& file);
 
 // Unpacks the arrays of a file through buffers of fixed size. Throws SourceError when the file is damaged:
-// checksums, lengths, what is missing and what is left over.
+// wrong checksums or lengths, missing or surplus bytes.
 SpzContent unpackSpz(const RecordFile& file, const SpzHeader& header, const SpzSink& sink);
 
 } // namespace Tavrin::SplatSource
