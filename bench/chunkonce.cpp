@@ -1,4 +1,4 @@
-// chunkonce INPUT WORKERS: the chunker alone with a given number of workers, for measuring what a worker
+// chunkonce INPUT WORKERS: runs the chunker alone with a given number of workers, to measure what a worker
 // adds.
 #include "src/chunker.h"
 #include "src/splatheader.h"

@@ -1,4 +1,5 @@
-// convertonce INPUT OUTPUT: the smallest host, one conversion in a process of its own, for measuring it.
+// convertonce INPUT OUTPUT: the smallest host. It makes one conversion in a process of its own, to be
+// measured.
 #include "plyconvert.h"
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// copyfloor INPUT OUTPUT BYTES [flush]: the floor that a conversion is held against. Reads the input once and
-// writes as many bytes as the dataset has, in large plain reads and writes, and does nothing else; with the
+// copyfloor INPUT OUTPUT BYTES [flush]: the floor that a conversion is compared with. Reads the input once
+// and writes as many bytes as the dataset has, in large plain reads and writes. Does nothing else. With the
 // word flush it also waits until the bytes are on the disk.
 #include <algorithm>
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// As fast as larger pieces, and it stays in the second-level cache between the read and the write.
+// As fast as larger pieces. It stays in the second-level cache between the read and the write.
 constexpr std::size_t pieceBytes = std::size_t{1} << 20;
 
 int fail(const char* what) {

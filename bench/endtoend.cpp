@@ -1,5 +1,5 @@
-// endtoend: whole conversions of generated scenes by the library and by the stream, beside the floor of the
-// same run. Prints Markdown tables, or JSON with every single run.
+// endtoend: measures whole conversions of generated scenes, by the library and by the stream, beside the
+// floor of the same run. Prints Markdown tables, or JSON with every single run.
 #include "bench/measure.h"
 #include "plyconvert.h"
 
@@ -49,19 +49,20 @@ struct Case {
 
     std::uint64_t recordBytes() const { return coefficients ? 248 : 68; }
     std::string name() const { return fmt::format("{} {}", splats, coefficients ? "with" : "without"); }
-    // What the converter may use: the regrouped splats, one block of input, and 64 MB of everything else.
+    // The memory that the converter may use: the regrouped splats, one block of input, and 64 MB for
+    // everything else.
     double allowedPeak() const {
         const double block = static_cast<double>(std::min<std::uint64_t>(splats, 2'000'000) * recordBytes());
         return 288.0 * static_cast<double>(splats) + block + 64e6;
     }
-    // What the stream may use: it keeps x and y of a splat where the header states no bounds.
+    // The memory that the stream may use. It keeps x and y of each splat where the header states no bounds.
     double allowedProgramPeak() const { return allowedStreamPeak() + 64e6; }
     double allowedStreamPeak() const {
         return (coefficients ? 12.0 : 4.0) * static_cast<double>(splats) + 64e6;
     }
 };
 
-// Seconds of chunking and scan on one and on two processors, and bytes that a further worker adds.
+// Seconds of scan and chunker on one and on two processors, and the bytes that one more worker adds.
 struct Scaling {
     std::uint64_t splats = 0;
     double one = 0.0;
@@ -71,7 +72,7 @@ struct Scaling {
     std::vector<std::pair<int, double>> peakByWorkers;
 };
 
-// One scene in few and in many cells, its splats in no order.
+// One scene in few and in many cells, with its splats in random order.
 struct Cells {
     std::uint64_t splats = 0;
     std::uint64_t cells = 0;
@@ -104,7 +105,7 @@ std::uint64_t bytesIn(const fs::path& folder) {
     return sum;
 }
 
-// A folder of this run's own, removed with everything in it.
+// A folder of this run alone. It is removed with everything in it.
 class Workplace {
 public:
     explicit Workplace(const fs::path& parent) : folder_(parent / fmt::format("endtoend-{}", getpid())) {
@@ -121,8 +122,8 @@ public:
     fs::path dataset() const { return folder_ / "dataset"; }
     fs::path copy() const { return folder_ / "copy"; }
 
-    // With coefficients the header states no bounds, so that the converter scans for them; without it states
-    // them, since the scan is made for the wider record.
+    // With coefficients the header states no bounds, so the converter scans for them. Without coefficients it
+    // states them, because the scan is made for the wider record.
     void makeScene(std::uint64_t splats, bool coefficients, const std::vector<std::string>& more = {}) const {
         std::vector<std::string> command{PLYCONVERT_MAKESCENE, "--splats", std::to_string(splats),
                                          scene().string()};
@@ -162,7 +163,7 @@ private:
     fs::path folder_;
 };
 
-// As much as a run of the case may use, files in the page cache included.
+// As much memory as a run of the case may use, including files in the page cache.
 void claimMemory(const Options& options, const Case& item) {
     if (options.claimsMemory) {
         measure::claimMemory(static_cast<std::uint64_t>(item.allowedPeak()) + item.outputBytes);
@@ -201,7 +202,7 @@ Case measureCase(const Workplace& place, const Options& options, std::uint64_t s
     return result;
 }
 
-// With the scene of the case that was measured last.
+// Uses the scene of the case measured last.
 Scaling measureScaling(const Workplace& place, const Options& options, const Case& item) {
     Scaling result;
     result.splats = item.splats;

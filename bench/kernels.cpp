@@ -1,5 +1,5 @@
-// kernels: the inner loops of the converter one by one, over splats of the generated town, in splats (items)
-// and bytes a second. Run with --benchmark_filter=... to choose.
+// kernels: measures the inner loops of the converter one by one, over splats of the generated town, in splats
+// (items) and bytes a second. --benchmark_filter=... chooses some.
 #include "scenes/scenes.h"
 #include "src/blocks.h"
 #include "src/chunker_decode.h"
@@ -70,7 +70,7 @@ void timeAlone(benchmark::State& state, Work work) {
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());
 }
 
-// One window that lies in the second-level cache, as the chunk worker finds it after reading.
+// One window in the second-level cache, as a worker of the chunker finds it after reading.
 void decodeWindow(benchmark::State& state) {
     const bool coefficients = state.range(0) != 0;
     const std::vector<float>& town = townRecords(coefficients);
@@ -276,7 +276,7 @@ scenes::SceneOptions fileOptions(bool statedBounds) {
     return options;
 }
 
-// Opening, reading and closing the header of a scene that states its bounds.
+// Opens, reads and closes the header of a scene that states its bounds.
 void readHeader(benchmark::State& state) {
     const Folder folder;
     const std::string path = folder.path + "/scene.ply";

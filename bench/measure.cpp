@@ -35,7 +35,7 @@ double secondsBetween(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
-// Notes when each line first stands in the log.
+// Records when each line first appears in the log.
 class LogWatch {
 public:
     explicit LogWatch(std::filesystem::path path) : log_(std::move(path)) {}
@@ -75,8 +75,8 @@ private:
     std::array<Clock::time_point, stageCount - 1> times_{};
 };
 
-// Keeps this thread, and what it starts, to the first processors that it may use; the destructor gives it the
-// others back.
+// Restricts this thread, and what it starts, to the first processors that it may use. The destructor gives
+// the others back.
 class Processors {
 public:
     explicit Processors(int count) {
@@ -126,7 +126,7 @@ pid_t start(const std::vector<std::string>& command) {
     return child;
 }
 
-// A descriptor that turns readable when the process ends; close it.
+// A descriptor that becomes readable when the process ends. The caller closes it.
 int watchProcess(pid_t process) {
     const auto descriptor = static_cast<int>(syscall(SYS_pidfd_open, process, 0));
     if (descriptor < 0) {
@@ -135,9 +135,9 @@ int watchProcess(pid_t process) {
     return descriptor;
 }
 
-// Milliseconds to wait before looking at the log again: a fiftieth of what has passed, 1 to 10. Every look
-// takes a processor from the command, which has work for all of them; at one every half millisecond 3,000,000
-// splats took 5 % longer.
+// Milliseconds to wait before reading the log again: a fiftieth of the time that has passed, from 1 to 10.
+// Every read takes a processor from the command, which has work for all of them. At one read every half
+// millisecond 3,000,000 splats took 5 % longer.
 int untilNextLook(Clock::duration passed) {
     const auto fiftieth = std::chrono::duration_cast<std::chrono::milliseconds>(passed / 50).count();
     return static_cast<int>(std::clamp<std::int64_t>(fiftieth, 1, 10));
@@ -151,7 +151,7 @@ double seconds(const timeval& time) {
 
 void claimMemory(std::uint64_t bytes) {
     constexpr std::uint64_t page = 4096;
-    // Not in this process: its children would inherit its peak.
+    // Not in this process: its children would inherit its peak memory.
     const pid_t child = fork();
     if (child == 0) {
         void* const memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

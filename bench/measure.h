@@ -1,5 +1,5 @@
-// Running a command and measuring it from outside: time, processor time, peak memory, and when the stages of
-// a conversion began, as its run log tells.
+// Runs a command and measures it from outside: time, processor time, peak memory, and when the stages of a
+// conversion began according to its run log.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@
 
 namespace measure {
 
-// The stages of a conversion, as the run log's lines part them.
+// The stages of a conversion, separated by the run log's lines.
 inline constexpr std::size_t stageCount = 6;
 inline constexpr std::array<const char*, stageCount> stageNames{
     "header and scan", // process start to "input data file:"
@@ -30,17 +30,19 @@ struct Run {
 };
 
 // Runs a command (its program is a path) with standard output discarded and waits for it. With a log, that
-// file is watched for the lines that part the stages. With processors > 0 the command runs on that many only.
-// Throws std::runtime_error when the command cannot be started or does not exit with status 0, and when a
-// watched log lacks a line.
+// file is watched for the lines that separate the stages. With processors > 0 the command runs on that many
+// only. Throws std::runtime_error when the command cannot be started, when it does not exit with status 0, or
+// when a watched log lacks a line.
 Run run(const std::vector<std::string>& command, const std::filesystem::path& log = {}, int processors = 0);
 
-// Makes sure that the system has this many bytes of memory at hand for the next process: another one fills as
-// many and ends. The host of a virtual machine may have taken back what was free for some seconds, and the
-// first touch of such memory costs several times as much. Throws std::runtime_error when it cannot be had.
+// Makes sure that the system has this many bytes of memory at hand for the next process: another process
+// fills as many and ends. The host of a virtual machine may have taken back memory that was free for some
+// seconds, and the first touch of such memory costs several times as much. Throws std::runtime_error when the
+// memory is not available.
 void claimMemory(std::uint64_t bytes);
 
-// The middle of the values, the mean of both for an even number. There must be one.
+// The median of the values: the middle one, or the mean of the two middle ones. There must be at least one
+// value.
 double median(std::vector<double> values);
 
 } // namespace measure

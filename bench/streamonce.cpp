@@ -1,5 +1,6 @@
-// streamonce INPUT OUTPUT [THREADS [MEMORY]]: the streaming conversion of a canonical PLY file in a process
-// of its own, for measuring it. Prints the seconds of either pass and the megabytes that place plans with.
+// streamonce INPUT OUTPUT [THREADS [MEMORY]]: runs the streaming conversion of a canonical PLY file in a
+// process of its own, to be measured. Prints the seconds of each pass and the megabytes that place plans
+// with.
 #include "source/canonical_ply.h"
 #include "src/splatheader.h"
 #include "stream/conversion.h"

@@ -14,14 +14,14 @@
 
 namespace Tavrin::SplatReader {
 
-// Where a cell's splats of one level lie.
+// The place of a cell's splats of one level.
 struct LevelRange {
     std::uint32_t count = 0;  // splats
     std::uint64_t offset = 0; // of the first, in bytes of data.bin
     std::uint32_t size = 0;   // bytes in data.bin, as stated
 };
 
-// Walks records of data.bin, with their coefficients when the dataset has them, through two windows.
+// Walks records of data.bin through two windows, with their coefficients when the dataset has them.
 class RecordCursor {
 public:
     struct View {
@@ -30,8 +30,8 @@ public:
         const std::byte* coefficients; // null without coefficients
     };
 
-    // Records [first, first + count). `coefficientSize` is the size of a record of shcoef.bin, 0 to leave it
-    // out.
+    // Records [first, first + count). `coefficientSize` is the size of a record of shcoef.bin; 0 leaves that
+    // file out.
     RecordCursor(const std::filesystem::path& folder, std::uint64_t first, std::uint64_t count,
                  std::uint32_t coefficientSize, std::size_t window = windowSize);
 
@@ -52,8 +52,8 @@ private:
 class Dataset {
 public:
     // Reads the meta document and the index. Throws DatasetError when the folder is no dataset, when the meta
-    // document cannot be used, or when the index points outside data.bin. What else is wrong is
-    // verifyDataset's to say.
+    // document cannot be used, or when the index points outside data.bin. verifyDataset finds all other
+    // faults.
     static Dataset open(const std::filesystem::path& folder);
 
     const std::filesystem::path& folder() const { return folder_; }
@@ -68,12 +68,12 @@ public:
         return ranges_[cell * levelCount() + level];
     }
 
-    // Records that data.bin holds, by its size.
+    // The number of records in data.bin, by its size.
     std::uint64_t recordCount() const { return recordCount_; }
-    // Records that the index counts, over all cells and levels.
+    // The number of records in the index, over all cells and levels.
     std::uint64_t indexedCount() const { return indexedCount_; }
-    // Records of the input that the dataset does not hold (they lay outside the grid); 0 when the index
-    // counts more.
+    // The number of input records that the dataset does not hold because they lie outside the grid. 0 when
+    // the index counts more than the input has.
     std::uint64_t leftOut() const {
         return meta_.totalSplats > indexedCount_ ? meta_.totalSplats - indexedCount_ : 0;
     }

@@ -46,7 +46,7 @@ std::array<double, 4> unpackRotation(std::uint32_t word) {
 
 namespace {
 
-// For each stored component, the square of the smallest magnitude that its interval holds.
+// For each stored component: the square of the smallest magnitude in its interval.
 std::array<double, Format::rotationMaximum + 1> makeNearestSquares() {
     std::array<double, Format::rotationMaximum + 1> squares{};
     for (std::size_t stored = 0; stored < squares.size(); ++stored) {

@@ -1,4 +1,4 @@
-// From stored records back to values. docs/format.md states every formula.
+// Turns stored records back into values. docs/format.md states every formula.
 #pragma once
 
 #include "reader/meta.h"
@@ -24,19 +24,19 @@ struct Splat {
     std::array<double, 45> coefficients{};
 };
 
-// Truncating t * factor, t in [0, 1], gives integers 0 .. maximum. Returns the middle of the interval of t
-// that gives `quantised`; the last interval ends at 1.
+// Truncating t * factor, with t in [0, 1], gives integers 0 .. maximum. This returns the middle of the
+// interval of t that gives `quantised`. The last interval ends at 1.
 double intervalMiddle(std::uint32_t quantised, std::uint32_t maximum, double factor);
 
 // A unit quaternion (w, x, y, z) from its packed word. A word that no unit quaternion packs to gives (1, 0,
-// 0, 0); the converter writes such a word, 0, for a rotation that is not a number.
+// 0, 0). The converter writes such a word, 0, for a rotation that is not a number.
 std::array<double, 4> unpackRotation(std::uint32_t word);
 
 // Whether some unit quaternion packs to this word.
 bool rotationPossible(std::uint32_t word);
 
-// Built from a meta document's ranges. An attribute comes back at the middle of the interval that the
-// truncation left, cut to the stated range. min == max gives that value; a range that is not finite gives its
+// Built from a meta document's ranges. Each attribute gets the middle of the interval that truncation left,
+// cut to the stated range. A range with min == max gives that value. A range that is not finite gives its
 // finite end, or 0.
 class Dequantiser {
 public:
@@ -60,7 +60,7 @@ public:
     static double opacityStep() { return 1.0 / Format::byteFactor; }
     static double rotationStep() { return 1.0 / (Format::rotationFactor * Format::rotationGain); }
 
-    // Everything but the coefficients.
+    // Everything except the coefficients.
     Splat splat(const Record& record) const;
     // `at` points to one record of shcoef.bin, in the form that the meta document states.
     void coefficients(const std::byte* at, Splat& splat) const;
@@ -72,8 +72,8 @@ private:
         double last = 0.0; // the value at `maximum`
         double maximum = 0.0;
 
-        // In double precision throughout, so that loops over it become vector code. Quantised values have 16
-        // bits at most, and are faster to convert as signed ones.
+        // Double precision throughout, so that loops over it become vector code. Quantised values have 16
+        // bits at most and convert faster as signed numbers.
         double value(std::uint32_t quantised) const {
             const double q = static_cast<std::int32_t>(quantised);
             const double middle = min + (q + 0.5) * step;

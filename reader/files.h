@@ -1,4 +1,4 @@
-// Reading files of any size through windows of a fixed size.
+// Reads files of any size through windows of a fixed size.
 #pragma once
 
 #include "reader/findings.h"
@@ -39,8 +39,8 @@ private:
 // Walks a file forwards, holding one window of it.
 class SequentialReader {
 public:
-    // Reads the bytes [offset, offset + length) of the file; `length` is only a bound, nothing is allocated
-    // by it.
+    // Reads the bytes [offset, offset + length) of the file. `length` is only a bound; it decides no
+    // allocation.
     SequentialReader(DatasetFile& file, std::uint64_t offset, std::uint64_t length,
                      std::size_t window = windowSize);
 

@@ -1,4 +1,4 @@
-// What a check found: one line each, errors and warnings apart, in bounded memory however broken the input
+// What a check found: one line each, errors apart from warnings, in bounded memory however broken the input
 // is.
 #pragma once
 
@@ -37,7 +37,7 @@ private:
     Finding finding_;
 };
 
-// Collects findings. Of each kind the first `perKind` are kept and the rest only counted.
+// Collects findings. The first `perKind` of each kind are kept, the rest only counted.
 class Findings {
 public:
     explicit Findings(std::size_t perKind = 10) : perKind_(perKind) {}
@@ -46,14 +46,14 @@ public:
                std::string found);
     void warning(std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
                  std::string found);
-    // What another check found after this one: the same as if this one had found it.
+    // Adds what another check found after this one, as if this one had found it.
     void append(const Findings& more);
 
     const std::vector<Finding>& errors() const { return errors_.kept; }
     const std::vector<Finding>& warnings() const { return warnings_.kept; }
     std::uint64_t errorCount() const { return errors_.total; }
     std::uint64_t warningCount() const { return warnings_.total; }
-    // How many were found, by kind; more than are listed where a kind exceeds the limit.
+    // The number of findings, by kind. It exceeds the number listed where a kind exceeds the limit.
     const std::map<std::string, std::uint64_t>& errorKinds() const { return errors_.kinds; }
     const std::map<std::string, std::uint64_t>& warningKinds() const { return warnings_.kinds; }
 

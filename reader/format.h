@@ -55,7 +55,8 @@ inline constexpr double rotationGain = 1.4142135 * 0.5;
 // The zeroth-order spherical-harmonic constant: colour = coefficient * colourGain + 0.5.
 inline constexpr float colourGain = 0.2820948f;
 
-// A scene of more splats than this is cut into grid cells; up to this many it is the one cell with key 0.
+// A scene of more splats than this is cut into grid cells. A smaller one is the one cell with key 0, and so
+// is a scene of exactly this many.
 inline constexpr std::uint64_t oneCellMaximum = 1'000'000;
 
 // The "position" range is the bounding box times this.

@@ -7,7 +7,8 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// A double becomes a float with out-of-range values at infinity, which C++ leaves open for a plain cast.
+// Converts a double to a float; out-of-range values become infinite. C++ leaves these undefined for a plain
+// cast.
 float narrow(double value) {
     constexpr double largest = 3.4028235677973366e38; // half a step above the largest float
     if (std::isfinite(value) && std::fabs(value) >= largest) {
@@ -16,7 +17,7 @@ float narrow(double value) {
     return static_cast<float>(value);
 }
 
-// Truncation to 64 bits where they hold the value, else 0; then the low 32 bits.
+// Truncates to 64 bits where they hold the value, else gives 0. Then keeps the low 32 bits.
 std::uint32_t lowBits(float value) {
     if (!(value >= -9223372036854775808.0f && value < 9223372036854775808.0f)) {
         return 0;

@@ -21,12 +21,11 @@ struct Grid {
     std::int64_t countY = 0;
 
     bool countable() const { return countX > 0 && countY > 0; }
-    // With more than 65536 cells on an axis, the halves of the key run into each other: keys may repeat, and
-    // an entry may be empty because an earlier one took its splats.
+    // With more than 65536 cells on an axis, the halves of the key run into each other. Keys may then repeat,
+    // and an entry may be empty because an earlier one took its splats.
     bool ambiguous() const { return countX > 65536 || countY > 65536; }
 
-    // The key of the cell that holds (x, y), in single precision throughout, as keys are computed when
-    // written.
+    // The key of the cell that holds (x, y). Single precision throughout, as in the converter.
     std::uint32_t keyAt(float x, float y) const;
 };
 

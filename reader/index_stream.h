@@ -1,4 +1,4 @@
-// Inside the reader: index.bin as a stream of level ranges, in memory that no count decides.
+// Inside the reader: index.bin as a stream of level ranges. No count decides its memory.
 #pragma once
 
 #include "reader/files.h"

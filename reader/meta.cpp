@@ -12,8 +12,8 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// Takes typed values out of the tree. A value of the wrong type is reported and leaves the target unchanged;
-// `usable` turns false when the rest of the dataset cannot be read without it.
+// Takes typed values out of the tree. A value of the wrong type is reported and leaves the target unchanged.
+// `usable` becomes false when the rest of the dataset cannot be read without the value.
 class Extractor {
 public:
     Extractor(const MetaValue& root, Findings& findings) : root_(root), findings_(findings) {}

@@ -58,15 +58,16 @@ struct Meta {
     const Range& scaleRange() const { return attributes[5]; }
 };
 
-// Reads the document. Every missing, unknown, doubled, displaced or wrongly typed key is an error finding of
+// Reads the document. A missing, unknown, repeated, misplaced or wrongly typed key is an error finding of
 // kind "meta-syntax" or "meta-keys". Returns nothing when a key that other files depend on cannot be used.
 std::optional<Meta> parseMeta(std::string_view text, Findings& findings);
 
 // The document as the converter writes it, byte for byte.
 std::string renderMeta(const Meta& meta, std::string_view lineEnd);
 
-// Relations inside the document: the repeated entries, the position range, the order of the ranges, the entry
-// size, the grid cell lengths. `text` is what `meta` was parsed from; offsets in findings point into it.
+// Checks relations inside the document: the repeated entries, the position range, the order of the ranges,
+// the entry size, the grid cell lengths. `text` is what `meta` was parsed from; offsets in findings point
+// into it.
 void checkMeta(const Meta& meta, std::string_view text, Findings& findings);
 
 } // namespace Tavrin::SplatReader

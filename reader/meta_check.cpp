@@ -36,7 +36,7 @@ std::string quoted(std::string_view text) {
     return joined({"\"", text, "\""});
 }
 
-// Equal as numbers, with not-a-number equal to itself: repeated entries repeat that, too.
+// Equal as numbers. Not-a-number equals itself, because repeated entries repeat that, too.
 bool same(double a, double b) {
     return a == b || (std::isnan(a) && std::isnan(b));
 }
@@ -219,7 +219,7 @@ private:
         }
     }
 
-    // The text itself has one form; another tool that rewrote it may have lost digits.
+    // The text has exactly one form. Another tool that rewrote it may have lost digits.
     void checkForm() {
         const std::size_t firstLine = text_.find('\n');
         const bool crlf =

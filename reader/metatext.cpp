@@ -131,8 +131,8 @@ private:
         }
     }
 
-    // Nothing is escaped in the document, so a backslash is an ordinary character, except before a quote when
-    // the text came through another JSON writer.
+    // Nothing is escaped in the document, so a backslash is an ordinary character. The exception is a
+    // backslash before a quote when the text came through another JSON writer.
     std::string parseString() {
         const std::uint64_t start = ++at_;
         while (at_ < text_.size() && text_[at_] != '"' && text_[at_] != '\n') {
@@ -145,8 +145,8 @@ private:
         return std::string(text_.substr(start, at_ - 1 - start));
     }
 
-    // A free text, written as it came: it ends at the last quote of its line when that quote is followed by
-    // the separating comma alone. Any other shape is read as an ordinary string.
+    // A free text, written as it came. It ends at the last quote of its line when only the separating comma
+    // follows that quote. Any other shape is read as an ordinary string.
     std::string parseRawString() {
         std::uint64_t end = text_.find('\n', at_);
         end = end == std::string_view::npos ? text_.size() : end;
@@ -229,7 +229,7 @@ std::optional<double> parseMetaNumber(std::string_view token) {
     if (digits == "nan" || digits == "nan(ind)" || digits == "nan(snan)") {
         return std::copysign(std::numeric_limits<double>::quiet_NaN(), sign);
     }
-    // from_chars knows more words for the two above; only digits may start a number here.
+    // from_chars accepts more words for infinity and not-a-number. Only digits may start a number here.
     if (digits.empty() || digits.front() < '0' || digits.front() > '9') {
         return std::nullopt;
     }

@@ -1,8 +1,8 @@
-// The text of the meta document as a tree of values that remember where they stand.
+// The text of the meta document as a tree of values that remember their offsets.
 //
-// It is JSON with two licences that the document needs: the number tokens inf, -inf, nan and -nan, and
-// strings under "source" and "dataType" that hold quotes and backslashes as they are (nothing is ever escaped
-// there).
+// It is JSON with two exceptions that the document needs. The number tokens inf, -inf, nan and -nan are
+// allowed. Strings under "source" and "dataType" hold quotes and backslashes as they are, because nothing is
+// ever escaped there.
 #pragma once
 
 #include "reader/findings.h"

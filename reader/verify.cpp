@@ -88,7 +88,7 @@ private:
         }
     }
 
-    // True when shcoef.bin is there exactly when it should be, and as long as data.bin asks for.
+    // True when shcoef.bin exists exactly when it should, and has the length that data.bin implies.
     bool checkCoefficientFile() {
         const Meta& meta = *report_.meta;
         std::error_code error;
@@ -192,7 +192,7 @@ private:
                                 std::to_string(grid_.countY),
                             found);
         }
-        // Column first, then row: keys in file order, so that a repeated key shows as one out of order.
+        // Column first, then row gives keys in file order, so a repeated key shows as one out of order.
         const std::uint64_t place = (std::uint64_t{column} << 16) | row;
         if (range.entry > 0 && place <= lastPlace_) {
             findings_.error("index-order", Format::indexFile, range.keyAt,

@@ -21,7 +21,7 @@ struct VerifyOptions {
     VerifyLevel level = VerifyLevel::quick;
     std::size_t findingsPerKind = 10; // the rest of a kind is only counted
     unsigned threads = 0;             // of the full level; 0: as many as the machine has processors
-    // Called now and then during the full level with records read and records in all, by the calling thread.
+    // Called now and then during the full level, by the calling thread, with records read and records in all.
     // It may throw to end the verification.
     std::function<void(std::uint64_t, std::uint64_t)> progress;
 };
@@ -32,7 +32,7 @@ struct ValueSpan {
     std::uint32_t highest = 0;
 };
 
-// What the quantised values of one component did, over all records.
+// Statistics of the quantised values of one component, over all records.
 struct ComponentUse : ValueSpan {
     std::uint64_t atZero = 0;    // records at quantised value 0
     std::uint64_t atMaximum = 0; // records at the largest quantised value
@@ -63,11 +63,12 @@ struct VerifyReport {
     bool sound() const { return findings.errorCount() == 0; }
 };
 
-// Never throws for what stands in the files: whatever is wrong becomes a finding. Memory is bounded by the
-// file windows and the meta document, not by any count.
+// Never throws because of the files' contents: every fault becomes a finding. The file windows and the meta
+// document bound the memory, not any count.
 //
-// Splats left out are a quantity of their own and, in a scene cut into grid cells, no finding: the converter
-// leaves out what lies outside the grid. A one-cell scene cannot leave any out, so there it is an error.
+// Splats left out have a count of their own. In a scene cut into grid cells they are no finding: the
+// converter leaves out what lies outside the grid. A one-cell scene cannot leave any out, so there they are
+// an error.
 VerifyReport verifyDataset(const std::filesystem::path& folder, const VerifyOptions& options = {});
 
 } // namespace Tavrin::SplatReader

@@ -66,8 +66,9 @@ void note(ComponentUse& use, std::uint32_t quantised, std::uint32_t maximum) {
     use.atMaximum += quantised == maximum ? 1u : 0u;
 }
 
-// The spans of packed coefficients, a word of the record apart, so that a loop over the words becomes vector
-// code. The sixteenth word is the padding and does not count. Signed, as vectors compare.
+// The spans of packed coefficients, one for each word of the record, so that a loop over the words becomes
+// vector code. The sixteenth word is padding and does not count. The values are signed because vectors
+// compare signed numbers.
 class CoefficientSpans {
 public:
     CoefficientSpans() {
@@ -225,7 +226,8 @@ public:
     UseVerifier(const Meta& meta, const RecordUse& use, Findings& findings)
         : meta_(meta), use_(use), findings_(findings) {}
 
-    // The ranges come from the records, so their ends must have been met; records left out take that away.
+    // The ranges come from the records, so some record must have met each end. Records left out may have
+    // taken that one away.
     void check(bool nothingLeftOut) {
         if (use_.records > 0 && nothingLeftOut) {
             for (std::size_t axis = 0; axis < 3; ++axis) {
@@ -247,7 +249,7 @@ public:
     }
 
 private:
-    // The largest value of the source stands at the top step, the smallest at step 0.
+    // The largest value of the source is at the top step, the smallest at step 0.
     void checkEnds(const char* name, const Range& range, std::size_t axis, const ValueSpan& span,
                    std::uint32_t maximum) {
         if (!range.finite(axis)) {
@@ -261,14 +263,14 @@ private:
     }
 
     void checkBytes(const char* name, const Range& range, std::size_t axis, const ComponentUse& use) {
-        // A range that is not inside [0, 1] is another check's to report.
+        // Another check reports a range that is not inside [0, 1].
         if (!range.finite(axis) || !(range.min[axis] >= 0.0 && range.min[axis] <= range.max[axis]) ||
             range.max[axis] > 1.0) {
             return;
         }
         const auto lowest = static_cast<std::uint32_t>(static_cast<float>(range.min[axis]) * 255.0f);
         const auto highest = static_cast<std::uint32_t>(static_cast<float>(range.max[axis]) * 255.0f);
-        // What is no number in the source is stored as 0 and widens no range.
+        // A value that is no number in the source is stored as 0 and widens no range.
         if (use.highest != highest || (use.lowest != lowest && use.lowest != 0)) {
             mismatch(name, axis, lowest, highest, use);
         } else if (use.lowest != lowest) {
@@ -288,7 +290,8 @@ private:
                         std::to_string(span.lowest) + " to " + std::to_string(span.highest));
     }
 
-    // One far outlier widens a range until most values fall into one step, and their differences are lost.
+    // One far outlier can widen a range so far that most values fall into one step. Their differences are
+    // then lost.
     void checkCrowding(const char* name, std::size_t axis, const ComponentUse& use, const Range& range) {
         const bool flat = range.min[axis] == range.max[axis];
         if (flat || !range.finite(axis) || use_.records < 4) {
@@ -349,7 +352,7 @@ struct RecordsJob {
     std::atomic<std::uint64_t> done = 0; // records
     std::atomic<bool> stop = false;      // what the parts find is not wanted any more
 
-    // By the calling thread alone. What the progress throws ends the other parts, too.
+    // Called by the calling thread alone. An exception of the progress function ends the other parts, too.
     void tellProgress() {
         if (!options.progress) {
             return;
@@ -370,7 +373,7 @@ struct PartReport {
     bool isRead = false; // to its end
 };
 
-// Records [first, first + count). Progress is told from one of the parts alone.
+// Records [first, first + count). Only one of the parts reports progress.
 PartReport verifyPart(RecordsJob& job, std::uint64_t first, std::uint64_t count, bool tellsProgress) {
     constexpr std::uint64_t progressEvery = 65536;
     PartReport part{Findings(job.options.findingsPerKind), {}, false};
@@ -420,11 +423,12 @@ void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& opt
     std::vector<std::future<PartReport>> others;
     for (std::uint64_t first = size; first < job.records; first += size) {
         const std::uint64_t count = std::min(size, job.records - first);
-        // Where no thread can be had the part is read when it is asked for.
+        // Where no thread is available, the part is read when its result is asked for.
         others.push_back(std::async(std::launch::async | std::launch::deferred,
                                     [&job, first, count] { return verifyPart(job, first, count, false); }));
     }
-    // Put together in the order of the records: the same findings on every machine, up to where a file ended.
+    // Joined in the order of the records: the findings are the same on every machine, up to where a file
+    // ended.
     PartReport part = verifyPart(job, 0, std::min(size, job.records), true);
     RecordUse use = part.use;
     report.findings.append(part.findings);

@@ -7,8 +7,8 @@
 
 namespace Tavrin::SplatReader {
 
-// Reads all records of data.bin and shcoef.bin. `useIndex` says that the index holds together, so that each
-// record's cell is known. The sizes of the files must agree. Fills report.use and adds findings.
+// Reads all records of data.bin and shcoef.bin. The sizes of the files must agree. `useIndex` says that the
+// index is consistent, so that each record's cell is known. Fills report.use and adds findings.
 void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& options, bool useIndex,
                    VerifyReport& report);
 
