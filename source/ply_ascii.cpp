@@ -1,4 +1,4 @@
-// Text PLY files: an index of the words in them, and reading records from any one on.
+// Text PLY files: an index of their words, and reading records from any one on.
 
 #include "source/ply_body.h"
 #include "source/ply_numbers.h"
@@ -52,7 +52,7 @@ public:
         piece_[-1] = ' ';
     }
 
-    // The next word, valid until the next call; nothing behind the last.
+    // The next word, valid until the next call; empty after the last.
     std::optional<std::string_view> next() {
         while (true) {
             while (at_ < end_ && isBlank(piece_[at_])) {
@@ -77,7 +77,7 @@ public:
         }
     }
 
-    // Steps over words, counting them in passing. False when fewer are left.
+    // Skips words and counts them. False when fewer are left.
     bool skip(std::uint64_t words) {
         for (; words > 0; --words) {
             if (!next()) {
@@ -109,7 +109,7 @@ private:
     std::size_t end_ = 0;
 };
 
-// How many words stand before every block of the body.
+// The number of words before every block of the body.
 class WordIndex {
 public:
     WordIndex(const RecordFile& file, std::uint64_t bodyAt, unsigned threads) : file_(file), bodyAt_(bodyAt) {
@@ -124,7 +124,8 @@ public:
 
     std::uint64_t words() const { return before_.back(); }
 
-    // A byte from which on the word of this number is the first that starts; `word` is below words().
+    // A byte such that the word of this number is the first to start at or behind it. `word` is below
+    // words().
     std::uint64_t placeOf(std::uint64_t word) const {
         const auto block = std::ranges::upper_bound(before_, word) - before_.begin() - 1;
         std::uint64_t left = word - before_[static_cast<std::size_t>(block)];
@@ -148,7 +149,7 @@ public:
     }
 
 private:
-    // Up to 4,096 bytes from `at` on, with the one before them in front; a blank before the body.
+    // Up to 4,096 bytes from `at` on, preceded by the byte before them; that byte is a blank before the body.
     template <typename Piece>
     std::size_t load(std::uint64_t at, Piece& piece) const {
         const auto size =
@@ -160,7 +161,7 @@ private:
         return size;
     }
 
-    // The words of blocks [first, last) to the places behind theirs.
+    // Writes the word counts of blocks [first, last) to the entries behind theirs.
     void countBlocks(std::uint64_t first, std::uint64_t last) {
         std::vector<char> piece(blockBytes + 1);
         for (std::uint64_t block = first; block < last; ++block) {
@@ -250,7 +251,7 @@ private:
                                       inQuotes(element.name), at, what));
     }
 
-    // A value takes a digit and a blank, but for the last.
+    // Every value takes a digit and a blank, except the last.
     void requireRoom(const PlyHeader& header) const {
         std::uint64_t words = 0;
         for (const PlyElement& element : header.elements) {
@@ -305,7 +306,7 @@ private:
         }
     }
 
-    // Where the vertices start among the words behind `at`, and that all of them are there.
+    // Finds where the vertices start among the words behind `at`, and checks that all of them exist.
     void requireWords(const PlyHeader& header, std::uint64_t at) {
         for (const PlyElement& element : header.elements) {
             if (&element == &vertex_) {
@@ -332,7 +333,7 @@ private:
         return *word;
     }
 
-    // Steps over one record; its scalars go to `scalars` unless that is null. Returns the byte behind them.
+    // Skips one record. Its scalars go to `scalars` unless that is null. Returns the byte behind the record.
     std::byte* step(WordReader& reader, const PlyElement& element, std::uint64_t record,
                     std::byte* scalars) const {
         for (const PlyProperty& property : element.properties) {

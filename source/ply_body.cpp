@@ -65,7 +65,7 @@ private:
     std::size_t end_ = 0;
 };
 
-// The count of a list; nothing when it is negative.
+// The count of a list. Nothing when it is negative.
 std::optional<std::uint64_t> listCount(const std::byte* bytes, Scalar type, bool isBigEndian) {
     std::uint64_t count = 0;
     const std::size_t width = widthOf(type);
@@ -78,7 +78,7 @@ std::optional<std::uint64_t> listCount(const std::byte* bytes, Scalar type, bool
     return isNegative ? std::nullopt : std::optional(count);
 }
 
-// Least bytes of an element's records: the scalars and the counts of its lists.
+// The least bytes of an element's records: the scalars and the counts of its lists.
 std::uint64_t leastBytes(const PlyElement& element) {
     std::uint64_t bytes = 0;
     for (const PlyProperty& property : element.properties) {
@@ -94,7 +94,7 @@ public:
 
     std::uint64_t position() const { return walker_.position(); }
 
-    // Steps over one record; its scalars go to `scalars` unless that is null.
+    // Skips one record. Its scalars go to `scalars` unless that is null.
     void step(const PlyElement& element, std::uint64_t record, std::byte* scalars) {
         for (const PlyProperty& property : element.properties) {
             const std::uint64_t at = position();
@@ -124,7 +124,7 @@ public:
         }
     }
 
-    // Steps over a whole element.
+    // Skips a whole element.
     void skip(const PlyElement& element) {
         if (element.properties.empty()) {
             return; // no bytes, whatever its count

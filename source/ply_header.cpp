@@ -47,7 +47,7 @@ public:
             end != std::string_view::npos && start[end] == '\r' && start.substr(end + 1, 1) != "\n";
     }
 
-    // The next line; nothing when no whole line is left.
+    // The next line. Nothing when no whole line is left.
     std::optional<std::string_view> next() {
         const char* const lineEnds = endsInCarriageReturn_ ? "\r\n" : "\n";
         const std::size_t end = start_.find_first_of(lineEnds, at_);
@@ -79,7 +79,7 @@ class HeaderParser {
 public:
     explicit HeaderParser(const std::string& name) : name_(name) {}
 
-    // True when the line is the last of the header.
+    // True when this is the last line of the header.
     bool take(std::string_view line) {
         header_.lines.emplace_back(line);
         if (header_.lines.size() == 1) {

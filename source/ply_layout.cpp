@@ -18,7 +18,7 @@ using GaussionSplat::recordLayout;
 constexpr std::string_view restPrefix = "f_rest_";
 constexpr std::array<const char*, 3> colourBytes = {"red", "green", "blue"};
 
-// The number of a property f_rest_N, written without leading zeros; nothing when it has another name.
+// The number of a property f_rest_N, written without leading zeros. Nothing when the name is another.
 std::optional<std::uint64_t> restNumber(std::string_view name) {
     if (!name.starts_with(restPrefix)) {
         return std::nullopt;
@@ -100,7 +100,7 @@ private:
         }
     }
 
-    // What is missing, and what the file looks like when nothing of a splat is there.
+    // Says what is missing, and what the file looks like when it has no property of a splat.
     void requireSplats() const {
         std::vector<std::string> missing;
         for (const char* const name :

@@ -14,8 +14,8 @@ std::string_view withoutPlus(std::string_view word) {
     return hasPlus ? word.substr(1) : word;
 }
 
-// What a decimal number becomes that the type's exponents do not reach: it is too small when it has a
-// negative exponent or starts with a zero.
+// The value of a decimal number beyond the type's exponents. It is too small when it has a negative exponent
+// or starts with a zero, else too large.
 double unreachable(std::string_view word) {
     const bool isNegative = word.front() == '-';
     const std::string_view digits = word.substr(isNegative ? 1 : 0);

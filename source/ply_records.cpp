@@ -64,7 +64,7 @@ double loadNumber(const std::byte* at, Scalar type) {
     return loadAs<double, std::uint64_t, isSwapped>(at);
 }
 
-// f_dc of a colour byte: what the basis function of degree 0 turns into the colour again.
+// f_dc of a colour byte: the coefficient that the basis function of degree 0 turns into the colour again.
 std::array<float, 256> colourTable() {
     std::array<float, 256> table;
     for (std::size_t i = 0; i < table.size(); ++i) {

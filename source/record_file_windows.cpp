@@ -18,7 +18,7 @@ HANDLE handleOf(std::intptr_t handle) {
 
 } // namespace
 
-// Others may write, rename and remove the file: requireUnchanged tells.
+// Other processes may write, rename and remove the file; requireUnchanged notices.
 std::intptr_t RecordFile::open(const std::filesystem::path& path, int& error) {
     const HANDLE handle =
         ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,

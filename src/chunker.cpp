@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* sourcePath = "src/chunker";
 
-std::mutex chunkMutex; // the chunk lock: guards the shared ranges, the chunk list and what belongs to them
+std::mutex chunkMutex; // the chunk lock; chunker_pass.h says what it guards
 
 // Null where there is no memory. Only for what the conversion can do without.
 template <typename Element>

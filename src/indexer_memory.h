@@ -65,7 +65,7 @@ private:
     std::vector<LargeArray<std::byte>> rooms_; // what was given
     std::vector<void*> spare_;                 // pages of the rooms first, then donated ones
     std::size_t roomPages_ = 0;                // this many of the spare pages come from rooms
-    std::uint64_t barePages_ = 0;              // large pages under records that are not backed yet
+    std::uint64_t barePages_ = 0;              // huge pages under records that are not backed yet
 };
 
 } // namespace Tavrin::GaussionSplat

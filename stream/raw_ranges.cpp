@@ -65,7 +65,7 @@ static_assert(positionAt == 0 && normalAt == 3);
 template <typename Decode>
 ValueRange decodedRange(const ValueRange& raw, Decode decode) {
     if (!(raw.min <= raw.max)) {
-        return {}; // no value, or NaN alone: nothing is folded in
+        return {}; // no value, or NaN alone: the range stays empty
     }
     return {.min = decode(raw.min), .max = decode(raw.max)};
 }
