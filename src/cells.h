@@ -26,7 +26,7 @@ struct ChunkGrid {
 };
 
 // A scene of more splats than this is split into ground cells. A scene of up to this many is a single cell
-// with key 0. The limit deliberately differs from gridVertexCount by one: exactly 1,000,000 splats get the
+// with key 0. The test deliberately differs from that of gridVertexCount: exactly 1,000,000 splats get the
 // cell size of a grid and a single cell.
 inline constexpr std::uint64_t singleCellSplats = 1'000'000;
 

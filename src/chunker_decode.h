@@ -14,7 +14,8 @@
 
 namespace Tavrin::GaussionSplat {
 
-// The linear scale of a logarithmic one. The root-then-square sequence is intended.
+// The linear scale of a logarithmic one: the eighth root of its exponential, squared three times. This
+// sequence is deliberate.
 float decodeScale(float logScale);
 
 // The colour of a zeroth-order coefficient, clamped to [0, 1]; NaN passes through.
