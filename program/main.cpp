@@ -3,6 +3,7 @@
 #include "program/commands/convert_command.h"
 #include "program/commands/export_command.h"
 #include "program/commands/info_command.h"
+#include "program/commands/normalise_command.h"
 #include "program/commands/verify_command.h"
 #include "program/commands/view_command.h"
 #include "program/system/platform.h"
@@ -21,8 +22,8 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand, addVerifyCommand,
-                                           addExportCommand, addViewCommand};
+const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand,      addVerifyCommand,
+                                           addExportCommand,  addNormaliseCommand, addViewCommand};
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,

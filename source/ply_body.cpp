@@ -225,7 +225,7 @@ void requireRoom(const RecordFile& file, const PlyHeader& header, const PlyEleme
                 "{}: the file is cut: it declares {} of {}{} and holds {}{}: copy or export it again",
                 file.name(), countOf(element.count, "record", "records"), countOf(bytes, "byte", "bytes"),
                 &element == &vertex ? "" : fmt::format(" of element {}", inQuotes(element.name)),
-                left / bytes, rest));
+                grouped(left / bytes), rest));
         }
         if (&element == &vertex) {
             return;

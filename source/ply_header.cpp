@@ -193,6 +193,7 @@ private:
         property.line = header_.lines.size();
         if (isList) {
             property.countType = scalarOf(words[2]);
+            property.countTypeText = words[2];
             if (*property.countType == Scalar::float32 || *property.countType == Scalar::float64) {
                 fail(fmt::format("the count of the list {} is a {}: expected a whole-number type",
                                  inQuotes(property.name), words[2]));

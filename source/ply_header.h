@@ -25,6 +25,7 @@ struct PlyProperty {
     Scalar type = Scalar::float32;   // of a list, the type of its items
     std::optional<Scalar> countType; // of a list, an integer
     std::string typeText;            // as written
+    std::string countTypeText;       // as written
     std::size_t line = 0;            // from 1
 
     bool isList() const { return countType.has_value(); }

@@ -26,13 +26,17 @@ std::string inQuotes(std::string_view text) {
     return quote + (text.size() > longest ? "...\"" : "\"");
 }
 
-std::string countOf(std::uint64_t count, const char* singular, const char* plural) {
+std::string grouped(std::uint64_t count) {
     std::string digits = std::to_string(count);
     for (std::size_t at = digits.size(); at > 3;) {
         at -= 3;
         digits.insert(at, 1, ',');
     }
-    return digits + ' ' + (count == 1 ? singular : plural);
+    return digits;
+}
+
+std::string countOf(std::uint64_t count, const char* singular, const char* plural) {
+    return grouped(count) + ' ' + (count == 1 ? singular : plural);
 }
 
 } // namespace Tavrin::SplatSource

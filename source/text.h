@@ -15,6 +15,9 @@ std::vector<std::string_view> wordsOf(std::string_view line);
 // characters of it.
 std::string inQuotes(std::string_view text);
 
+// "1,234".
+std::string grouped(std::uint64_t count);
+
 // "1,234 NOUN" with the singular for 1.
 std::string countOf(std::uint64_t count, const char* singular, const char* plural);
 

@@ -1,5 +1,6 @@
 #include "program/commands/convert_command.h"
 
+#include "program/commands/input_options.h"
 #include "program/convert/conversion.h"
 #include "program/convert/output_check.h"
 #include "program/convert/plan.h"
@@ -8,6 +9,7 @@
 #include "program/convert/summary.h"
 #include "program/convert/verification.h"
 #include "program/convert/warnings.h"
+#include "program/scene/open_scene.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
@@ -20,6 +22,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -27,8 +30,8 @@ namespace {
 constexpr unsigned mostThreads = 1024;
 
 struct ConvertOptions {
-    std::string input;
-    std::string output;
+    std::vector<std::string> words; // the inputs, then the dataset's folder
+    InputOptions input;
     unsigned threads = 0;  // 0: as many as the process may use
     std::string maxMemory; // empty: what is free
     bool force = false;
@@ -36,6 +39,10 @@ struct ConvertOptions {
     bool quiet = false;
     bool json = false;
     bool allowLoss = false;
+
+    std::vector<std::string> inputs() const { return {words.begin(), words.end() - 1}; }
+    const std::string& output() const { return words.back(); }
+    std::string name() const { return namesText(inputs()); }
 };
 
 // What is wrong with the words of options; empty when nothing is.
@@ -65,9 +72,12 @@ void printPlan(const ConvertOptions& options, const Plan& plan, const OutputPlac
 void printSummary(const ConvertOptions& options, const Plan& plan, const SplatReader::VerifyReport& report,
                   double seconds, const Warnings& warnings) {
     Summary summary;
-    summary.input = options.input;
-    summary.output = options.output;
+    summary.input = options.name();
+    summary.output = options.output();
     summary.read = plan.records();
+    summary.ledger = plan.ledger;
+    summary.offset = plan.offsets;
+    summary.largestError = plan.largestError;
     summary.written = report.splatsHeld;
     summary.leftOut = report.splatsLeftOut;
     summary.cells = report.cells;
@@ -89,9 +99,9 @@ double shareOf(std::uint64_t splats, std::uint64_t all) {
 }
 
 // A dry run measures and does nothing else.
-Plan planOf(const ConvertOptions& options, const SplatSource::Source& source, const OutputPlace& place,
+Plan planOf(const ConvertOptions& options, const SplatSource::Scene& source, const OutputPlace& place,
             const Means& means, Warnings& warnings, Progress& progress) {
-    Plan plan = makePlan(options.input, source, place, means, warnings, [&](std::uint64_t splats) {
+    Plan plan = makePlan(options.name(), source, place, means, warnings, [&](std::uint64_t splats) {
         const double share = shareOf(splats, source.count);
         if (options.dryRun) {
             progress.update("measuring", share, splats);
@@ -104,40 +114,49 @@ Plan planOf(const ConvertOptions& options, const SplatSource::Source& source, co
 }
 
 // Writes, verifies and publishes. What verification reads goes to the disk meanwhile.
-SplatReader::VerifyReport convert(const ConvertOptions& options, const SplatSource::Source& source,
+SplatReader::VerifyReport convert(const ConvertOptions& options, const SplatSource::Scene& source,
                                   const Plan& plan, const OutputPlace& place, const Means& means,
                                   Warnings& warnings, Progress& progress) {
     PartialFolder partial(place);
     partial.create();
-    writeDataset(options.input, source, plan.measured, partial.path(), means, [&](std::uint64_t splats) {
-        progress.update(Stage::writing, shareOf(splats, plan.measured.splats), splats);
-    });
+    writeDataset(options.inputs().front(), source, plan.measured, partial.path(), means,
+                 [&](std::uint64_t splats) {
+                     progress.update(Stage::writing, shareOf(splats, plan.measured.splats), splats);
+                 });
     partial.beginFlush();
-    const SplatReader::VerifyReport report = verifyConversion(partial.path(), options.input, plan.measured,
-                                                              options.allowLoss, means.threads, progress);
+    const SplatReader::VerifyReport report =
+        verifyConversion(partial.path(), options.name(), plan.measured, plan.ledger, options.allowLoss,
+                         means.threads, progress);
     partial.flush([&](double share) { progress.update(Stage::flushing, share); });
     progress.clear();
-    if (const auto remark = partial.publish(options.input, options.force)) {
+    if (const auto remark = partial.publish(options.inputs(), options.force)) {
         warnings.add(*remark);
     }
     return report;
 }
 
 ExitStatus runConvert(const ConvertOptions& options) {
-    requireWord(options.input, "IN.ply", "a file");
-    requireWord(options.output, "OUT", "a folder");
+    for (const std::string& input : options.inputs()) {
+        requireWord(input, "IN", "a file");
+    }
+    requireWord(options.output(), "OUT", "a folder");
     catchInterrupts();
     Warnings warnings(options.quiet);
     Progress progress(!options.quiet && standardErrorIsTerminal());
-    const InputFacts input = checkInput(options.input, warnings);
-    const std::unique_ptr<SplatSource::Source> source = openSource(input);
-    OutputPlace place = resolveOutput(options.output);
+    const Means means = chooseMeans(options.threads, bytesFrom(options.maxMemory).value_or(0));
+    OutputPlace place = resolveOutput(options.output());
+    const std::unique_ptr<SplatSource::Scene> source =
+        openScene(options.inputs(), sceneOptions(options.input, means.threads, place.foundation));
+    for (const std::string& remark : source->remarks) {
+        warnings.add(remark);
+    }
     if (!options.dryRun) {
         cleanUpDeadRuns(place.folder);
-        place = resolveOutput(options.output); // an earlier dataset may be back
+        place = resolveOutput(options.output()); // an earlier dataset may be back
     }
-    checkOutput(place, options.input, options.force);
-    const Means means = chooseMeans(options.threads, bytesFrom(options.maxMemory).value_or(0));
+    for (const std::string& input : options.inputs()) {
+        checkOutput(place, input, options.force);
+    }
     const Plan plan = planOf(options, *source, place, means, warnings, progress);
     if (options.dryRun) {
         printPlan(options, plan, place, warnings);
@@ -152,12 +171,15 @@ ExitStatus runConvert(const ConvertOptions& options) {
 } // namespace
 
 void addConvertCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand("convert", "Convert a splat PLY file to a dataset");
+    CLI::App* command = program.add_subcommand("convert", "Convert scenes of splats to a dataset: IN... OUT");
     command->footer(exitStatusTable);
     auto options = std::make_shared<ConvertOptions>();
-    command->add_option("IN.ply", options->input, "the splat PLY file")->required();
-    command->add_option("OUT", options->output, "the dataset's folder; an earlier dataset is replaced")
-        ->required();
+    command
+        ->add_option("IN", options->words,
+                     "the scenes, merged in this order, and last OUT, the dataset's folder; an earlier "
+                     "dataset is replaced")
+        ->required()
+        ->expected(2, 1 << 20);
     command->add_flag("--force", options->force, "replace the folder with everything that it holds");
     command->add_flag("--dry-run", options->dryRun, "check everything, print the plan, convert nothing");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");
@@ -170,6 +192,7 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
     command->add_option("--max-memory", options->maxMemory, "allocate at most so much, like 512M or 2G")
         ->type_name("SIZE")
         ->check(checkMemorySize);
+    addInputOptions(*command, options->input);
     command->callback([options, &chosen] { chosen = [options] { return runConvert(*options); }; });
 }
 

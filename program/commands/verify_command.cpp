@@ -1,9 +1,11 @@
 #include "program/commands/verify_command.h"
 
+#include "program/commands/input_options.h"
 #include "program/compare/comparison.h"
-#include "program/convert/input_check.h"
+#include "program/scene/open_scene.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
+#include "program/system/processors.h"
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
@@ -14,15 +16,18 @@
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
 struct VerifyOptions {
     std::string dataset;
-    std::string source; // empty without --against
+    std::vector<std::string> sources; // empty without --against
+    InputOptions input;
     bool quick = false;
     bool full = false;
     bool json = false;
@@ -39,10 +44,10 @@ struct Result {
 Result verify(const VerifyOptions& options, Progress& progress) {
     const std::filesystem::path folder = pathFromText(options.dataset);
     requireFolder(options.dataset);
-    std::optional<InputFacts> source;
-    if (!options.source.empty()) {
-        Warnings warnings(true);
-        source = checkInput(options.source, warnings);
+    std::unique_ptr<SplatSource::Scene> source;
+    if (!options.sources.empty()) {
+        source = openScene(options.sources, sceneOptions(options.input, usableProcessors(),
+                                                         std::filesystem::temp_directory_path()));
     }
     SplatReader::VerifyOptions how;
     how.level = options.quick ? SplatReader::VerifyLevel::quick : SplatReader::VerifyLevel::full;
@@ -57,9 +62,14 @@ Result verify(const VerifyOptions& options, Progress& progress) {
         try {
             const SplatReader::Dataset dataset = SplatReader::Dataset::open(folder);
             result.comparison =
-                compareWithSource(dataset, source->file, result.report.findings, [&progress](double share) {
+                compareWithSource(dataset, *source, result.report.findings, [&progress](double share) {
                     progress.update("comparing with the source", share);
                 });
+            source->requireUnchanged();
+        } catch (const SplatSource::SourceError& error) {
+            throw Failure(ExitStatus::inputRefused, error.what());
+        } catch (const SplatSource::SourceChanged& error) {
+            throw Failure(ExitStatus::inputRefused, error.what());
         } catch (const SplatReader::DatasetError& error) { // it changed meanwhile
             const SplatReader::Finding& finding = error.finding();
             result.report.findings.error(finding.kind, finding.file, finding.offset, finding.expected,
@@ -177,7 +187,8 @@ void printJson(const VerifyOptions& options, const Result& result) {
                      {"coefficients", report.coefficientBytes}};
     if (result.comparison) {
         json["against"] = comparisonJson(*result.comparison);
-        json["against"]["source"] = options.source;
+        json["against"]["source"] = options.sources.size() == 1 ? nlohmann::ordered_json(options.sources[0])
+                                                                : nlohmann::ordered_json(options.sources);
     }
     fmt::print("{}\n", json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
@@ -209,17 +220,28 @@ void addVerifyCommand(CLI::App& program, Action& chosen) {
         program.add_subcommand("verify", "Check every relation between the files of a dataset");
     command->footer(exitStatusTable);
     auto options = std::make_shared<VerifyOptions>();
-    command->add_option("OUT", options->dataset, "the dataset's folder")->required();
+    command->add_option("OUT", options->dataset, "the dataset's folder");
     command->add_flag("--quick", options->quick, "check the meta document, the sizes and the index alone");
     command->add_flag("--full", options->full, "check every record as well (this is the default)");
-    command->add_option("--against", options->source, "compare every splat with the file it was made of")
-        ->type_name("IN.ply");
+    command
+        ->add_option("--against", options->sources,
+                     "compare every splat with the files it was made of, read by the options of convert")
+        ->type_name("IN...");
     command->add_flag("--json", options->json, "print the report as JSON");
     command->add_flag("--strict", options->strict, "fail on warnings, too");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    addInputOptions(*command, options->input, false);
     command->callback([options, &chosen] {
         if (options->quick && options->full) {
             throw CLI::ExcludesError("--quick", "--full");
+        }
+        // The last word behind --against may be the dataset.
+        if (options->dataset.empty() && options->sources.size() > 1) {
+            options->dataset = options->sources.back();
+            options->sources.pop_back();
+        }
+        if (options->dataset.empty()) {
+            throw CLI::RequiredError("OUT");
         }
         chosen = [options] { return runVerify(*options); };
     });

@@ -66,9 +66,10 @@ bool isLarger(float component, float dropped) {
 
 } // namespace
 
-Comparer::Comparer(const SplatReader::Dataset& dataset, const SplatLayout& layout)
-    : back_(dataset.dequantiser()), meta_(dataset.meta()), layout_(layout),
-      hasCoefficients_(layout.hasCoefficients() && dataset.coefficientSize() > 0) {
+Comparer::Comparer(const SplatReader::Dataset& dataset, bool hasCoefficients)
+    : back_(dataset.dequantiser()), meta_(dataset.meta()),
+      layout_(GaussionSplat::recordLayout(hasCoefficients)),
+      hasCoefficients_(hasCoefficients && dataset.coefficientSize() > 0) {
     static_assert(names.size() == attributeCount);
     for (std::size_t i = 0; i < names.size(); ++i) {
         errors_[i].name = names[i];
@@ -111,7 +112,7 @@ void Comparer::compare(const std::byte* source, std::uint64_t number,
         return;
     }
     std::array<float, 62> values; // filled as far as it is read
-    std::memcpy(values.data(), source, layout_.recordBytes());
+    std::memcpy(values.data(), source, layout_.floats * sizeof(float));
     const SplatReader::Record record = SplatReader::loadRecord(stored.data);
     if (!agreeHead(values.data(), record)) {
         checkHead(values.data(), record);
@@ -166,7 +167,7 @@ void Comparer::addLane(AttributeError& error, const LaneErrors& lanes, std::size
 // without). False for every value that is not finite; nothing is counted then, and checkHead finds the
 // difference.
 bool Comparer::agreeHead(const float* source, const SplatReader::Record& record) {
-    const float* tail = source + layout_.scaleFloat();
+    const float* tail = source + layout_.scale;
     const std::array<float, 4> q = {tail[4], tail[5], tail[6], tail[3]};
     const double length = lengthOf(q);
     if (!isHeadRanged_ || !isLengthKept(length)) {
@@ -211,7 +212,7 @@ bool Comparer::agreeHead(const float* source, const SplatReader::Record& record)
 
 void Comparer::checkHead(const float* source, const SplatReader::Record& record) {
     const SplatReader::Splat splat = back_.splat(record);
-    const float* tail = source + layout_.scaleFloat();
+    const float* tail = source + layout_.scale;
     for (std::size_t axis = 0; axis < 3; ++axis) {
         checkRanged(normal, isNormalFinite_[axis], source[3 + axis], splat.normal[axis],
                     back_.normalStep(axis), record.normal[axis]);

@@ -16,7 +16,7 @@ namespace Tavrin::SplatProgram {
 class Comparer {
 public:
     // The dataset must outlive this object.
-    Comparer(const SplatReader::Dataset& dataset, const SplatLayout& layout);
+    Comparer(const SplatReader::Dataset& dataset, bool hasCoefficients);
 
     // `source` points to a vertex record, `number` counts it from 0; `stored` is its record in the dataset.
     void compare(const std::byte* source, std::uint64_t number,
@@ -66,7 +66,7 @@ private:
 
     const SplatReader::Dequantiser& back_;
     const SplatReader::Meta& meta_;
-    SplatLayout layout_;
+    GaussionSplat::RecordLayout layout_; // of the source
     bool hasCoefficients_;
     bool areCoefficientsRanged_; // packed, every channel with a finite range
     bool isHeadRanged_ = true;   // normal and scale have finite ranges

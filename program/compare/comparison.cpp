@@ -2,7 +2,7 @@
 
 #include "program/compare/cell_readers.h"
 #include "program/compare/comparer.h"
-#include "program/scene/record_stream.h"
+#include "program/system/interrupt.h"
 
 #include <fmt/format.h>
 
@@ -18,10 +18,12 @@ namespace {
 
 namespace Format = SplatReader::Format;
 
+constexpr std::uint64_t windowRecords = 4096; // of the source, read at a time
+
 // Records of the source, a window of them, and copies of those of the dataset that came of them, so that a
 // worker compares them while the files are read on.
 struct Batch {
-    std::vector<std::byte> source;
+    std::vector<float> source;
     std::uint64_t first = 0;             // number of the first one in the source
     std::vector<std::uint64_t> numbers;  // of those that the dataset has, in the source
     std::vector<std::uint64_t> places;   // of the records in the dataset
@@ -33,10 +35,10 @@ struct Batch {
 // source, so that it is the same on every machine.
 class BatchComparison {
 public:
-    BatchComparison(const SplatReader::Dataset& dataset, const SplatLayout& layout,
+    BatchComparison(const SplatReader::Dataset& dataset, bool hasCoefficients,
                     SplatReader::Findings& findings)
-        : dataset_(dataset), layout_(layout), findings_(findings),
-          errors_(Comparer(dataset, layout).errors()) {}
+        : dataset_(dataset), hasCoefficients_(hasCoefficients), findings_(findings),
+          errors_(Comparer(dataset, hasCoefficients).errors()) {}
 
     // The batch to fill next; the memory of one that has been compared.
     std::unique_ptr<Batch> empty() {
@@ -63,7 +65,7 @@ public:
 
     void start(std::unique_ptr<Batch> batch) {
         auto compareBatch = [this, batch = std::move(batch)]() mutable {
-            Comparer comparer(dataset_, layout_);
+            Comparer comparer(dataset_, hasCoefficients_);
             compare(*batch, comparer);
             return Compared{std::move(comparer), std::move(batch)};
         };
@@ -89,8 +91,10 @@ private:
             const std::byte* coefficients = batch.coefficients.empty()
                                                 ? nullptr
                                                 : batch.coefficients.data() + i * dataset_.coefficientSize();
-            comparer.compare(batch.source.data() + (batch.numbers[i] - batch.first) * layout_.recordBytes(),
-                             batch.numbers[i],
+            const float* const record =
+                batch.source.data() +
+                (batch.numbers[i] - batch.first) * GaussionSplat::recordLayout(hasCoefficients_).floats;
+            comparer.compare(reinterpret_cast<const std::byte*>(record), batch.numbers[i],
                              {batch.places[i], batch.stored.data() + i * Format::recordSize, coefficients});
         }
     }
@@ -107,7 +111,7 @@ private:
     }
 
     const SplatReader::Dataset& dataset_;
-    SplatLayout layout_;
+    bool hasCoefficients_;
     SplatReader::Findings& findings_;
     std::size_t most_ = std::clamp(std::thread::hardware_concurrency(), 1u, 16u); // batches being compared
     std::vector<AttributeError> errors_;
@@ -115,21 +119,26 @@ private:
     std::deque<std::future<Compared>> running_; // in the order of the source; goes first, as it uses the rest
 };
 
+void requireCount(const SplatReader::Meta& meta, std::uint64_t splats, SplatReader::Findings& findings) {
+    findings.error("against-count", Format::metaFile, 0,
+                   fmt::format("\"totalSplats\" {}, the splats of the source", splats),
+                   std::to_string(meta.totalSplats));
+}
+
 // False when the dataset cannot have been made of the source, so that comparing splats would say nothing.
-bool checkOrigin(const SplatReader::Dataset& dataset, const SplatFile& source,
+bool checkOrigin(const SplatReader::Dataset& dataset, const SplatSource::Source& source,
                  SplatReader::Findings& findings) {
     const SplatReader::Meta& meta = dataset.meta();
-    const bool sameCount = meta.totalSplats == source.records;
-    const bool sameForm = meta.hasCoefficients() == source.layout.hasCoefficients();
+    // Splats may have been dropped.
+    const bool sameCount = meta.totalSplats <= source.count;
+    const bool sameForm = meta.hasCoefficients() == source.hasCoefficients;
     if (!sameCount) {
-        findings.error("against-count", Format::metaFile, 0,
-                       fmt::format("\"totalSplats\" {}, the records of the source", source.records),
-                       std::to_string(meta.totalSplats));
+        requireCount(meta, source.count, findings);
     }
     if (!sameForm) {
         findings.error("against-form", Format::metaFile, 0,
-                       source.layout.hasCoefficients() ? "\"Quality\", as the source has coefficients"
-                                                       : "\"Portable\", as the source has no coefficients",
+                       source.hasCoefficients ? "\"Quality\", as the source has coefficients"
+                                              : "\"Portable\", as the source has no coefficients",
                        fmt::format("\"{}\"", meta.fileType.substr(0, 60)));
     }
     return sameCount && sameForm;
@@ -166,30 +175,28 @@ double AttributeError::rms() const {
     return values == 0 ? 0.0 : std::sqrt(squares / static_cast<double>(values));
 }
 
-Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFile& source,
+Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSource::Source& source,
                              SplatReader::Findings& findings, const ScanProgress& progress) {
     Comparison result;
     if (!checkOrigin(dataset, source, findings)) {
         return result;
     }
-    BatchComparison comparison(dataset, source.layout, findings);
+    BatchComparison comparison(dataset, source.hasCoefficients, findings);
     CellReaders cells(dataset);
     SplatReader::Findings missing; // told after what the batches find, which comes in when they are done
-    const std::uint64_t recordBytes = source.layout.recordBytes();
-    RecordStream stream(source.path, source.bodyAt, recordBytes, source.records);
-    for (;;) {
+    const std::size_t floats = GaussionSplat::recordLayout(source.hasCoefficients).floats;
+    for (std::uint64_t first = 0; first < source.count; first += windowRecords) {
+        throwIfInterrupted();
         auto batch = comparison.empty();
-        batch->first = stream.position();
-        const std::uint64_t count = stream.read(batch->source);
-        if (count == 0) {
-            break;
-        }
-        progress(static_cast<double>(batch->first) / static_cast<double>(source.records));
+        batch->first = result.splats;
+        const std::uint64_t size = std::min(windowRecords, source.count - first);
+        batch->source.resize(size * floats);
+        const std::uint64_t count = source.read(first, size, batch->source.data());
+        progress(static_cast<double>(first) / static_cast<double>(source.count));
         for (std::uint64_t i = 0; i < count; ++i) {
-            const std::byte* record = batch->source.data() + i * recordBytes;
+            const float* const record = batch->source.data() + i * floats;
             const std::uint64_t number = result.splats++;
-            const std::uint32_t key =
-                dataset.grid().keyAt(SplatReader::loadFloat(record), SplatReader::loadFloat(record + 4));
+            const std::uint32_t key = dataset.grid().keyAt(record[0], record[1]);
             const std::optional<std::size_t> cell = cells.find(key);
             if (!cell) {
                 ++result.leftOut;
@@ -206,6 +213,9 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFil
     }
     result.attributes = comparison.finish();
     findings.append(missing);
+    if (dataset.meta().totalSplats != result.splats) {
+        requireCount(dataset.meta(), result.splats, findings);
+    }
     checkTotals(dataset, result, cells, findings);
     return result;
 }

@@ -1,9 +1,10 @@
 // A whole dataset against the scene that it was made of.
 #pragma once
 
-#include "program/scene/splat_file.h"
+#include "program/scene/scan_progress.h"
 #include "reader/dataset.h"
 #include "reader/findings.h"
+#include "source/source.h"
 
 #include <cstdint>
 #include <string>
@@ -27,17 +28,17 @@ struct AttributeError {
 };
 
 struct Comparison {
-    std::uint64_t splats = 0;  // of the source
+    std::uint64_t splats = 0;  // of the source, those that were dropped left out
     std::uint64_t found = 0;   // of these, in the dataset
     std::uint64_t leftOut = 0; // in no cell of the dataset
     std::vector<AttributeError> attributes;
 };
 
-// Compares every splat of a source with the dataset that was made of it: positions bit for bit, every other
-// attribute within half a step (the stored value stands for the middle of its interval). Differences are
-// added to `findings`. Memory is bounded by the number of cells. Throws a Failure when the source cannot be
-// read or an interrupt was noted, and DatasetError when the dataset cannot.
-Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatFile& source,
+// Compares every splat that a source gives with the dataset that was made of it: positions bit for bit, every
+// other attribute within half a step (the stored value stands for the middle of its interval). Differences
+// are added to `findings`. Memory is bounded by the number of cells. Throws a Failure when the source cannot
+// be read or an interrupt was noted, and DatasetError when the dataset cannot.
+Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSource::Source& source,
                              SplatReader::Findings& findings, const ScanProgress& progress);
 
 } // namespace Tavrin::SplatProgram

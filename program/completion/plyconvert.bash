@@ -5,30 +5,45 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        info | verify | export | view) command=${COMP_WORDS[1]} ;;
+        info | verify | export | normalise | view) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
-    convert) options='--force --dry-run --quiet --json --allow-loss --threads --max-memory --help' ;;
+    convert) options='--force --dry-run --quiet --json --allow-loss --threads --max-memory --strict'
+        options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     info) options='--scan --json --cells --help' ;;
-    verify) options='--quick --full --against --json --strict --quiet --help' ;;
+    verify) options='--quick --full --against --json --strict --quiet'
+        options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
+    normalise)
+        options='--force --quiet --strict'
+        options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     export) options='--cell --force --quiet --help' ;;
     view) options='--port --no-open --write-html --force --help' ;;
     esac
     ((COMP_CWORD > 1)) || options+=' --version'
     COMPREPLY=()
     case $before in
-    --cell | --port | --threads | --max-memory) return ;; # a key, which only the dataset knows, or a number
+    --cell | --port | --threads | --max-memory | --crop | --min-opacity | --max-scale | --epsg | --offset | --source | --data-type)
+        return ;; # a key, which only the dataset knows, a number or a word
+    esac
+    case $before in
+    --scale | --opacity | --axes)
+        local values='linear log'
+        [[ $before != --opacity ]] || values='linear logit'
+        [[ $before != --axes ]] || values='rub rdf'
+        mapfile -t COMPREPLY < <(compgen -W "$values" -- "$word")
+        return
+        ;;
     esac
     if [[ $word == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
         return
     fi
     compopt -o filenames 2>/dev/null
-    mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pP][lL][yY]' -- "$word")
+    mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pPsS][lLpP][yYzZ]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'convert info verify export view' -- "$word")
+        mapfile -t words < <(compgen -W 'convert info verify export normalise view' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }

@@ -5,7 +5,6 @@
 #include "program/system/platform.h"
 #include "program/system/processors.h"
 #include "program/terminal/figures.h"
-#include "source/canonical_ply.h"
 
 #include <fmt/format.h>
 
@@ -16,37 +15,6 @@ namespace {
 
 // Bytes of the program that no pass allocates: code, stacks, buffers of files.
 constexpr std::uint64_t ownBytes = 16 << 20;
-
-// As the library's header reader leaves them.
-GaussionSplat::Params paramsOf(const InputFacts& input) {
-    const SceneComments& comments = input.comments;
-    GaussionSplat::Params params;
-    const auto take = [&](const char* key, double& field) { field = comments.kept(key, field); };
-    take("minx", params.minx);
-    take("miny", params.miny);
-    take("minz", params.minz);
-    take("maxx", params.maxx);
-    take("maxy", params.maxy);
-    take("maxz", params.maxz);
-    take("offsetx", params.offsetx);
-    take("offsety", params.offsety);
-    take("offsetz", params.offsetz);
-    take("shiftx", params.shiftx);
-    take("shifty", params.shifty);
-    take("shiftz", params.shiftz);
-    take("scalex", params.scalex);
-    take("scaley", params.scaley);
-    take("scalez", params.scalez);
-    params.epsg = comments.epsg;
-    params.source = comments.source;
-    params.dataType = !comments.dataType.empty() ? comments.dataType : input.areBoundsSeen ? "ytr" : "ply";
-    return params;
-}
-
-[[noreturn]] void failAsChanged(const std::string& name) {
-    throw Failure(ExitStatus::conversionFailed,
-                  fmt::format("{}: the file was written to while it was converted: convert it again", name));
-}
 
 [[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
                                   const Means& means) {
@@ -100,25 +68,6 @@ Means chooseMeans(unsigned threads, std::uint64_t maxMemory) {
     means.isMemoryStated = maxMemory > 0 && maxMemory < means.memory;
     means.memory = means.isMemoryStated ? maxMemory : means.memory;
     return means;
-}
-
-std::unique_ptr<SplatSource::Source> openSource(const InputFacts& input) {
-    SplatSource::CanonicalPlyFacts facts;
-    facts.bodyAt = input.file.bodyAt;
-    facts.count = input.file.records;
-    facts.hasCoefficients = input.file.layout.hasCoefficients();
-    facts.params = paramsOf(input);
-    facts.boundsSeen = input.areBoundsSeen;
-    try {
-        auto source = std::make_unique<SplatSource::CanonicalPly>(input.file.path, facts);
-        // The source knows what happens from now on, the stamp what happened since the header was read.
-        if (stampOf(input.file.path) != input.stamp) {
-            failAsChanged(input.name);
-        }
-        return source;
-    } catch (const SplatSource::SourceError& error) {
-        throw Failure(ExitStatus::inputRefused, error.what());
-    }
 }
 
 SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,

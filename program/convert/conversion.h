@@ -1,14 +1,12 @@
 // The two passes of a conversion with the program's progress, interrupts and failures.
 #pragma once
 
-#include "program/convert/input_check.h"
 #include "source/source.h"
 #include "stream/conversion.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace Tavrin::SplatProgram {
@@ -26,10 +24,6 @@ using PassProgress = std::function<void(std::uint64_t splats)>;
 
 // `threads` 0: as many as this process may use. `maxMemory` 0: as much as is free.
 Means chooseMeans(unsigned threads, std::uint64_t maxMemory);
-
-// Opens the input's records. Throws a Failure (ConversionFailed) when the file is no longer the one that was
-// checked, (InputRefused) when it cannot be read.
-std::unique_ptr<SplatSource::Source> openSource(const InputFacts& input);
 
 // The first pass. Throws a Failure: Interrupted; InputRefused when the input cannot be read as what it claims
 // to be, or not within the memory; ConversionFailed when it was written to meanwhile.

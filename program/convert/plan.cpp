@@ -2,7 +2,10 @@
 
 #include "program/convert/plan_remarks.h"
 #include "program/convert/text_sizes.h"
+#include "program/scene/crop_advice.h"
+#include "program/scene/open_scene.h"
 #include "program/system/exit_status.h"
+#include "program/system/platform.h"
 #include "program/terminal/figures.h"
 #include "reader/format.h"
 
@@ -74,19 +77,35 @@ SplatReader::Grid gridOf(const Plan& plan) {
     return SplatReader::gridOf(meta);
 }
 
+void addFacts(Plan& plan, const SplatSource::Scene& scene) {
+    plan.ledger = scene.ledger();
+    for (const auto& input : scene.inputs()) {
+        plan.kinds.push_back(input->input().kind);
+        plan.degrees.push_back(input->input().degree);
+    }
+    plan.isBoxMeasured = plan.measured.isBoxStated && (plan.measured.params.minx != scene.params.minx ||
+                                                       plan.measured.params.maxx != scene.params.maxx);
+    plan.offset = offsetText(scene);
+    plan.largestError = scene.largestError;
+    plan.offsets = {scene.params.offsetx, scene.params.offsety, scene.params.offsetz};
+}
+
 } // namespace
 
-Plan makePlan(const std::string& input, const SplatSource::Source& source, const OutputPlace& output,
+Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
               const Means& means, Warnings& warnings, const PassProgress& progress) {
     Plan plan;
     plan.input = input;
     plan.freeDisk = freeDisk(output, warnings);
     // What is too large for the disk is refused before the input is read as a whole.
-    checkDisk(plan, source.count, source.hasCoefficients, output);
+    checkDisk(plan, scene.count, scene.hasCoefficients, output);
 
-    plan.measured = measureSource(input, source, means, progress);
+    plan.measured = measureSource(input, scene, means, progress);
+    requireAccepted(scene);
+    addFacts(plan, scene);
+    plan.extent = {pointOf(plan.measured.positionMin), pointOf(plan.measured.positionMax)};
+    plan.cropAdvice = cropAdvice(scene, plan.extent);
     const SplatStream::Measured& measured = plan.measured;
-    plan.extent = {pointOf(measured.positionMin), pointOf(measured.positionMax)};
     plan.box = {pointOf(measured.bboxMin), pointOf(measured.bboxMax)};
     requireFiniteBox(plan);
     plan.grid = gridOf(plan);

@@ -4,21 +4,31 @@
 #include "program/convert/conversion.h"
 #include "program/convert/output_check.h"
 #include "program/convert/warnings.h"
-#include "program/scene/scene_comments.h"
+#include "program/scene/box.h"
 #include "reader/grid.h"
-#include "source/source.h"
+#include "source/merge.h"
 #include "stream/conversion.h"
 
+#include <array>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Tavrin::SplatProgram {
 
 struct Plan {
     std::string input; // as given
     SplatStream::Measured measured;
-    Box extent; // of the finite positions
-    Box box;    // of the dataset
+    SplatSource::Ledger ledger;
+    std::vector<std::string> kinds; // of the inputs
+    std::vector<int> degrees;       // of the inputs
+    std::string offset;             // of the dataset, and how exactly positions are kept
+    double largestError = 0.0;      // of a position, in the scene's units
+    std::array<double, 3> offsets{};
+    std::string cropAdvice;     // an option to copy where splats lie far off; else empty
+    Box extent;                 // of the finite positions
+    Box box;                    // of the dataset
+    bool isBoxMeasured = false; // by the program, where no header states one
     SplatReader::Grid grid;
     std::uint64_t largestCell = 0; // splats in the fullest
     std::uint64_t dataBytes = 0;
@@ -37,10 +47,10 @@ struct Plan {
     bool hasCoefficients() const { return measured.hasCoefficients; }
 };
 
-// Measures the source, works out what its dataset takes, and compares that with what the machine has. Throws
+// Measures the scene, works out what its dataset takes, and compares that with what the machine has. Throws
 // a Failure: InputRefused, OutputRefused when the disk is too small, ConversionFailed when the input was
 // written to meanwhile, or Interrupted. `progress` is told of the splats measured.
-Plan makePlan(const std::string& input, const SplatSource::Source& source, const OutputPlace& output,
+Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
               const Means& means, Warnings& warnings, const PassProgress& progress);
 
 } // namespace Tavrin::SplatProgram

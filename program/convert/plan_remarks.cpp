@@ -1,5 +1,6 @@
 #include "program/convert/plan_remarks.h"
 
+#include "program/scene/open_scene.h"
 #include "program/terminal/figures.h"
 
 #include <fmt/format.h>
@@ -38,21 +39,12 @@ std::string boundsAdvice(const Box& box) {
 
 void remarkBounds(const Plan& plan, Warnings& warnings) {
     const SplatStream::Measured& measured = plan.measured;
-    if (measured.notFinite > 0) {
-        warnings.add(fmt::format("{}: {} at no finite position: remove them before the conversion",
-                                 plan.input, countText(measured.notFinite, "splat stands", "splats stand")));
-    }
     const bool isGridUsable = plan.grid.oneCell || plan.grid.countable();
     const std::uint64_t leftOut = isGridUsable ? measured.leftOut : 0;
     const std::string loss = leftOut > 0 ? fmt::format(" and {} left out of the dataset",
                                                        countText(leftOut, "splat is", "splats are"))
                                          : "";
-    if (!measured.isBoxStated && !measured.hasCoefficients) {
-        warnings.add(
-            fmt::format("{}: the records have 17 floats and the comments state no usable bounds, so the "
-                        "converter measures the box with the wrong record size{}: add {}",
-                        plan.input, loss, boundsAdvice(plan.extent)));
-    } else if (measured.isBoxStated && measured.outside > 0) {
+    if (measured.isBoxStated && measured.outside > 0) {
         warnings.add(fmt::format("{}: {} outside the bounds that the comments state{}: state {}", plan.input,
                                  countText(measured.outside, "splat lies", "splats lie"), loss,
                                  boundsAdvice(plan.extent)));
@@ -67,8 +59,8 @@ void remarkPrecision(const Plan& plan, Warnings& warnings) {
     const auto worst = static_cast<std::size_t>(std::ranges::max_element(steps) - steps.begin());
     if (steps[worst] > centimetre) {
         warnings.add(fmt::format(
-            "{}: {} reaches {:.9g}, where single precision steps by {:.3g}: subtract an offset "
-            "from the positions and state it in comment lines",
+            "{}: {} reaches {:.9g}, where single precision steps by {:.3g}: export positions in "
+            "double, or subtract an offset from them and state it",
             plan.input, axes[worst],
             std::max(std::abs(plan.extent.min[worst]), std::abs(plan.extent.max[worst])), steps[worst]));
     }
@@ -112,6 +104,9 @@ Point positionSteps(const Box& box) {
 }
 
 void remarkPlan(const Plan& plan, Warnings& warnings) {
+    if (const std::string dropped = droppedText(plan.ledger); !dropped.empty()) {
+        warnings.add(fmt::format("{}: {}", plan.input, dropped));
+    }
     remarkBounds(plan, warnings);
     remarkPrecision(plan, warnings);
     remarkGrid(plan, warnings);

@@ -1,10 +1,13 @@
 #include "program/convert/plan_text.h"
 
+#include "program/scene/open_scene.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
+
+#include <algorithm>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -38,15 +41,34 @@ std::uint32_t recordFloats(const Plan& plan) {
     return plan.hasCoefficients() ? 62 : 17;
 }
 
+// The highest degree rules.
 int degreeOf(const Plan& plan) {
-    return plan.hasCoefficients() ? 3 : 0;
+    return *std::ranges::max_element(plan.degrees);
+}
+
+std::string kindsText(const Plan& plan) {
+    std::string text;
+    for (const std::string& kind : plan.kinds) {
+        const bool isKnown = text.find(kind) != std::string::npos;
+        text += isKnown ? "" : (text.empty() ? "" : "; ") + kind;
+    }
+    return text;
+}
+
+nlohmann::ordered_json droppedJson(const SplatSource::Ledger& ledger) {
+    nlohmann::ordered_json json = nlohmann::ordered_json::object();
+    for (std::size_t i = 0; i < SplatSource::dropReasons; ++i) {
+        json[SplatSource::nameOf(static_cast<SplatSource::DropReason>(i))] = ledger.dropped[i];
+    }
+    return json;
 }
 
 std::string boxText(const Plan& plan) {
     return fmt::format("({:g}, {:g}, {:g}) to ({:g}, {:g}, {:g}), {}", plan.box.min[0], plan.box.min[1],
                        plan.box.min[2], plan.box.max[0], plan.box.max[1], plan.box.max[2],
-                       plan.measured.isBoxStated ? "as stated"
-                                                 : "measured by the converter, the origin always in it");
+                       plan.isBoxMeasured          ? "measured"
+                       : plan.measured.isBoxStated ? "as stated"
+                                                   : "measured by the converter, the origin always in it");
 }
 
 } // namespace
@@ -54,12 +76,18 @@ std::string boxText(const Plan& plan) {
 std::string planText(const Plan& plan, const OutputPlace& output) {
     std::string text;
     text += row("input", plan.input);
+    text += row("kind", kindsText(plan));
     text += row("output", textFromPath(output.folder));
     text += row("records", fmt::format("{} of {} floats ({} bytes)", countText(plan.records()),
                                        recordFloats(plan), recordFloats(plan) * sizeof(float)));
     text += row("degree", fmt::format("{} of the spherical harmonics", degreeOf(plan)));
     text += row("box", boxText(plan));
     text += row("cells", cellsText(plan));
+    const std::string dropped = droppedText(plan.ledger);
+    text += row("dropped", dropped.empty() ? "0 splats" : dropped);
+    if (!plan.cropAdvice.empty()) {
+        text += row("far off", "splats lie far from the others; to leave them out: " + plan.cropAdvice);
+    }
     text += row("left out", countText(plan.measured.leftOut, "splat", "splats"));
     text += row("data.bin", countText(plan.dataBytes, "byte", "bytes"));
     if (plan.hasCoefficients()) {
@@ -71,7 +99,8 @@ std::string planText(const Plan& plan, const OutputPlace& output) {
     text += row("disk", fmt::format("{}, {} are free", bytesText(plan.diskBytes), bytesText(plan.freeDisk)));
     text += row("peak memory",
                 fmt::format("{}, {} are free", bytesText(plan.memory), bytesText(plan.freeMemory)));
-    text += row("position steps", pointText(plan.positionStep, "{:.3g}") + " units (kept as they are)");
+    text += row("offset", plan.offset);
+    text += row("position steps", pointText(plan.positionStep, "{:.3g}") + " units");
     text += row("scale steps", pointText(plan.scaleStep, "{:.3g}") + " units");
     return text;
 }
@@ -84,11 +113,20 @@ std::string planJson(const Plan& plan, const OutputPlace& output, const std::vec
     json["recordFloats"] = recordFloats(plan);
     json["recordBytes"] = recordFloats(plan) * sizeof(float);
     json["degree"] = degreeOf(plan);
-    json["box"] = {{"min", plan.box.min}, {"max", plan.box.max}, {"measured", !plan.measured.isBoxStated}};
+    json["box"] = {{"min", plan.box.min},
+                   {"max", plan.box.max},
+                   {"measured", plan.isBoxMeasured || !plan.measured.isBoxStated}};
     json["cells"] = plan.measured.cells.size();
     json["indexBytes"] = plan.indexBytes;
     json["largestCell"] = plan.largestCell;
+    json["kinds"] = plan.kinds;
+    json["read"] = plan.ledger.read;
+    json["dropped"] = droppedJson(plan.ledger);
     json["leftOut"] = plan.measured.leftOut;
+    json["cropAdvice"] =
+        plan.cropAdvice.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(plan.cropAdvice);
+    json["offset"] = plan.offsets;
+    json["largestPositionError"] = plan.largestError;
     json["dataBytes"] = plan.dataBytes;
     json["shcoefBytes"] = plan.coefficientBytes;
     json["metaBytesAtMost"] = plan.metaBytesAtMost;

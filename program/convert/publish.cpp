@@ -184,14 +184,16 @@ void PartialFolder::flush(const std::function<void(double)>& progress) {
     }
 }
 
-std::optional<std::string> PartialFolder::publish(const std::string& input, bool force) {
+std::optional<std::string> PartialFolder::publish(const std::vector<std::string>& inputs, bool force) {
     OutputPlace now = resolveOutput(textFromPath(place_.folder));
     if (now.folder != place_.folder) {
         throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: became a link during the conversion: remove it", place_.name));
     }
     now.name = place_.name;
-    checkOutput(now, input, force);
+    for (const std::string& input : inputs) {
+        checkOutput(now, input, force);
+    }
     throwIfInterrupted();
     place_ = now;
     replace();

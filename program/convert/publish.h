@@ -54,7 +54,7 @@ public:
     // removes what stood there. Checks once more what stands there now, and throws a Failure when a dataset
     // may not take the place any more or when renaming fails; the place is then as it was. Returns what
     // remains to be said: a replaced folder that could not be removed.
-    std::optional<std::string> publish(const std::string& input, bool force);
+    std::optional<std::string> publish(const std::vector<std::string>& inputs, bool force);
 
 private:
     void createParents();

@@ -24,11 +24,25 @@ std::string summaryText(const Summary& summary) {
         sizes += ", shcoef.bin " + bytesText(summary.coefficientBytes);
     }
     sizes += ", index.bin " + bytesText(summary.indexBytes);
-    const std::string loss =
-        summary.leftOut > 0 ? fmt::format(" ({} left out)", countText(summary.leftOut)) : std::string();
-    return fmt::format("{}: {}{} in {}; {}; {}, {} splats/s\n", summary.output,
+    std::string loss;
+    if (const std::uint64_t dropped = summary.ledger.droppedInAll(); dropped > 0) {
+        loss = fmt::format("{} dropped", countText(dropped));
+    }
+    if (summary.leftOut > 0) {
+        loss += fmt::format("{}{} left out", loss.empty() ? "" : ", ", countText(summary.leftOut));
+    }
+    if (!loss.empty()) {
+        loss = fmt::format(" of {} ({})", countText(summary.read), loss);
+    }
+    std::string place;
+    if (summary.largestError > 0.0) {
+        place =
+            fmt::format("; offset ({:.12g}, {:.12g}, {:.12g}), positions off by at most {:.2g} mm",
+                        summary.offset[0], summary.offset[1], summary.offset[2], summary.largestError * 1000);
+    }
+    return fmt::format("{}: {}{} in {}{}; {}; {}, {} splats/s\n", summary.output,
                        countText(summary.written, "splat", "splats"), loss,
-                       countText(summary.cells, "cell", "cells"), sizes, durationText(summary.seconds),
+                       countText(summary.cells, "cell", "cells"), place, sizes, durationText(summary.seconds),
                        countText(splatsPerSecond(summary)));
 }
 
@@ -39,6 +53,16 @@ std::string summaryJson(const Summary& summary) {
     json["splatsRead"] = summary.read;
     json["splatsWritten"] = summary.written;
     json["splatsLeftOut"] = summary.leftOut;
+    json["read"] = summary.read;
+    json["written"] = summary.written;
+    json["dropped"] = nlohmann::ordered_json::object();
+    for (std::size_t i = 0; i < SplatSource::dropReasons; ++i) {
+        json["dropped"][SplatSource::nameOf(static_cast<SplatSource::DropReason>(i))] =
+            summary.ledger.dropped[i];
+    }
+    json["leftOut"] = summary.leftOut;
+    json["offset"] = summary.offset;
+    json["largestPositionError"] = summary.largestError;
     json["cells"] = summary.cells;
     json["dataBytes"] = summary.dataBytes;
     json["shcoefBytes"] = summary.coefficientBytes;

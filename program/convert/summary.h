@@ -1,6 +1,9 @@
 // What a conversion did, for people and for machines.
 #pragma once
 
+#include "source/drop.h"
+
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -13,7 +16,10 @@ struct Summary {
     std::string output; // as given
     std::uint64_t read = 0;
     std::uint64_t written = 0;
+    SplatSource::Ledger ledger; // read = written + dropped + left out
     std::uint64_t leftOut = 0;
+    std::array<double, 3> offset{};
+    double largestError = 0.0; // of a position, in the scene's units
     std::uint64_t cells = 0;
     std::uint64_t dataBytes = 0;
     std::uint64_t coefficientBytes = 0;

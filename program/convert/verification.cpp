@@ -52,7 +52,8 @@ void compareWithMeasured(const SplatReader::VerifyReport& report, const std::str
 } // namespace
 
 SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, const std::string& input,
-                                           const SplatStream::Measured& measured, bool allowLoss,
+                                           const SplatStream::Measured& measured,
+                                           const SplatSource::Ledger& ledger, bool allowLoss,
                                            unsigned threads, Progress& progress) {
     SplatReader::VerifyOptions options;
     options.level = SplatReader::VerifyLevel::full;
@@ -66,6 +67,11 @@ SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, 
     progress.clear();
     requireSound(report.findings, input, measured);
     compareWithMeasured(report, input, measured);
+    if (ledger.read != report.splatsHeld + report.splatsLeftOut + ledger.droppedInAll()) {
+        fail(input, fmt::format("{} read, but {} written, {} dropped and {} left out",
+                                countText(ledger.read, "splat", "splats"), countText(report.splatsHeld),
+                                countText(ledger.droppedInAll()), countText(report.splatsLeftOut)));
+    }
     if (report.splatsLeftOut > 0 && !allowLoss) {
         throw Failure(
             ExitStatus::splatsLeftOut,

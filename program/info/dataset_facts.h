@@ -2,7 +2,7 @@
 #pragma once
 
 #include "program/info/distribution.h"
-#include "program/scene/splat_file.h"
+#include "program/scene/scan_progress.h"
 #include "reader/dataset.h"
 
 #include <cstdint>

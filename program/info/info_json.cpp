@@ -29,14 +29,14 @@ Json attributesJson(const std::vector<Distribution>& attributes) {
     return list;
 }
 
-Json elementsJson(const PlyHeader& header) {
+Json elementsJson(const SplatSource::PlyHeader& header) {
     Json list = Json::array();
-    for (const PlyElement& element : header.elements) {
+    for (const SplatSource::PlyElement& element : header.elements) {
         Json properties = Json::array();
-        for (const PlyProperty& property : element.properties) {
-            Json json = {{"name", property.name}, {"type", property.type}};
-            if (!property.countType.empty()) {
-                json["countType"] = property.countType;
+        for (const SplatSource::PlyProperty& property : element.properties) {
+            Json json = {{"name", property.name}, {"type", property.typeText}};
+            if (property.isList()) {
+                json["countType"] = property.countTypeText;
             }
             properties.push_back(std::move(json));
         }
@@ -45,7 +45,7 @@ Json elementsJson(const PlyHeader& header) {
     return list;
 }
 
-Json statedJson(const SceneComments& stated) {
+Json statedJson(const SplatSource::SceneComments& stated) {
     Json json = Json::object();
     for (const auto& [key, number] : stated.numbers) {
         json[key] = number.kept;
@@ -88,9 +88,9 @@ Json quantisersJson(const std::vector<QuantiserFacts>& quantisers) {
 std::string sceneJson(const SceneFacts& facts) {
     Json json;
     json["path"] = facts.name;
-    json["kind"] = "ply";
+    json["kind"] = facts.kind == "PLY" ? "ply" : facts.kind;
     json["bytes"] = facts.bytes;
-    json["format"] = facts.header.format;
+    json["format"] = facts.header.formatText;
     json["headerBytes"] = facts.header.length;
     json["elements"] = elementsJson(facts.header);
     json["comments"] = facts.comments;

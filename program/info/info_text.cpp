@@ -111,15 +111,15 @@ std::pair<std::string_view, std::optional<unsigned>> split(std::string_view name
 }
 
 // "float: x y z f_rest_0..44", each run of one type and each run of rising numbers drawn together.
-std::string propertiesText(const std::vector<PlyProperty>& properties) {
+std::string propertiesText(const std::vector<SplatSource::PlyProperty>& properties) {
     std::string text;
     std::string lastType;
     for (std::size_t i = 0; i < properties.size();) {
-        const PlyProperty& first = properties[i];
-        const std::string type = first.countType.empty() ? first.type : "list of " + first.type;
+        const SplatSource::PlyProperty& first = properties[i];
+        const std::string type = first.isList() ? "list of " + first.typeText : first.typeText;
         const auto [prefix, number] = split(first.name);
         std::size_t run = 1;
-        while (number && i + run < properties.size() && properties[i + run].type == first.type &&
+        while (number && i + run < properties.size() && properties[i + run].typeText == first.typeText &&
                split(properties[i + run].name) == std::pair(prefix, std::optional(*number + unsigned(run)))) {
             ++run;
         }
@@ -137,7 +137,7 @@ std::string propertiesText(const std::vector<PlyProperty>& properties) {
 
 std::string elementsText(const SceneFacts& facts, std::size_t columns) {
     std::string text;
-    for (const PlyElement& element : facts.header.elements) {
+    for (const SplatSource::PlyElement& element : facts.header.elements) {
         text += line("element",
                      fmt::format("{}: {} of {}", printable(element.name),
                                  countText(element.count, "record", "records"),
@@ -150,9 +150,17 @@ std::string elementsText(const SceneFacts& facts, std::size_t columns) {
 
 std::string layoutText(const SceneFacts& facts) {
     if (facts.layoutProblem.empty()) {
-        return fmt::format("{} floats a record, as the converter reads them", facts.recordBytes / 4);
+        return facts.isCanonical
+                   ? fmt::format("{} floats a record, as the library reads them", facts.recordBytes / 4)
+                   : "read by the program; the library takes what normalise makes of it";
     }
-    return "the converter does not take it: " + facts.layoutProblem;
+    // The file has been named.
+    std::string problem = facts.layoutProblem;
+    if (problem.starts_with(facts.name + ":")) {
+        problem = problem.substr(facts.name.size() + 1);
+        problem = problem.starts_with(' ') ? problem.substr(1) : "line " + problem;
+    }
+    return "the converter does not take it: " + problem;
 }
 
 std::string bodyText(const SceneFacts& facts) {
@@ -259,20 +267,28 @@ std::string sceneText(const SceneFacts& facts, const InfoStyle& style) {
         return line(label, value, style.columns);
     };
     std::string text =
-        fmt::format("{}: a PLY file{}, {}\n", facts.name,
+        fmt::format("{}: {}{}, {}\n", facts.name, facts.kind == "PLY" ? "a PLY file" : facts.kind,
                     splats ? fmt::format(" of {}", countText(*facts.splats, "splat", "splats")) : "",
                     bytesText(facts.bytes));
-    text += put("format", printable(facts.header.format));
-    text += elementsText(facts, style.columns);
-    text += put("layout", printable(layoutText(facts)));
+    const bool isPly = facts.kind == "PLY";
+    if (isPly) {
+        text += put("format", printable(facts.header.formatText));
+        text += elementsText(facts, style.columns);
+        text += put("layout", printable(layoutText(facts)));
+    }
     if (splats) {
         text += put("degree", fmt::format("spherical harmonics of degree {}", *facts.degree));
     }
-    text += put("body", bodyText(facts));
+    if (isPly) {
+        text += put("body", bodyText(facts));
+    }
     for (const std::string& comment : facts.comments) {
         const std::size_t word = comment.find_first_of(" \t");
         text += put(comment.starts_with("obj_info") ? "obj_info" : "comment",
                     printable(word == std::string::npos ? "" : comment.substr(word + 1)));
+    }
+    for (const std::string& remark : facts.remarks) {
+        text += put("remark", printable(remark));
     }
     if (splats) {
         text += put("stated box", statedText(facts));

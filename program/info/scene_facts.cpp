@@ -1,9 +1,13 @@
 #include "program/info/scene_facts.h"
 
 #include "program/scene/record_stream.h"
-#include "program/scene/splat_layout.h"
 #include "program/system/exit_status.h"
+#include "program/system/interrupt.h"
 #include "program/system/platform.h"
+#include "source/open.h"
+#include "source/ply.h"
+#include "source/ply_layout.h"
+#include "source/text.h"
 
 #include <fmt/format.h>
 
@@ -12,41 +16,15 @@
 #include <charconv>
 #include <cstring>
 #include <map>
+#include <memory>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
-enum class Scalar { int8, uint8, int16, uint16, int32, uint32, float32, float64 };
-
-std::optional<Scalar> scalarOf(const PlyProperty& property) {
-    static const std::map<std::string, Scalar, std::less<>> scalars = {
-        {"char", Scalar::int8},      {"int8", Scalar::int8},       {"uchar", Scalar::uint8},
-        {"uint8", Scalar::uint8},    {"short", Scalar::int16},     {"int16", Scalar::int16},
-        {"ushort", Scalar::uint16},  {"uint16", Scalar::uint16},   {"int", Scalar::int32},
-        {"int32", Scalar::int32},    {"uint", Scalar::uint32},     {"uint32", Scalar::uint32},
-        {"float", Scalar::float32},  {"float32", Scalar::float32}, {"double", Scalar::float64},
-        {"float64", Scalar::float64}};
-    const auto found = scalars.find(property.type);
-    return property.countType.empty() && found != scalars.end() ? std::optional(found->second) : std::nullopt;
-}
-
-std::uint64_t widthOf(Scalar scalar) {
-    switch (scalar) {
-    case Scalar::int8:
-    case Scalar::uint8:
-        return 1;
-    case Scalar::int16:
-    case Scalar::uint16:
-        return 2;
-    case Scalar::int32:
-    case Scalar::uint32:
-    case Scalar::float32:
-        return 4;
-    case Scalar::float64:
-        break;
-    }
-    return 8;
-}
+using SplatSource::PlyElement;
+using SplatSource::PlyProperty;
+using SplatSource::Scalar;
+using SplatSource::widthOf;
 
 template <typename Number>
 double loadAs(const std::byte* at) {
@@ -76,19 +54,6 @@ double load(Scalar scalar, const std::byte* at) {
         break;
     }
     return loadAs<double>(at);
-}
-
-// Bytes of one record; nothing when the element has a list or an unknown type.
-std::optional<std::uint64_t> recordBytesOf(const PlyElement& element) {
-    std::uint64_t bytes = 0;
-    for (const PlyProperty& property : element.properties) {
-        const std::optional<Scalar> scalar = scalarOf(property);
-        if (!scalar) {
-            return std::nullopt;
-        }
-        bytes += widthOf(*scalar);
-    }
-    return bytes;
 }
 
 std::optional<std::uint64_t> coefficientNumber(const std::string& name) {
@@ -147,9 +112,8 @@ public:
             if (added) {
                 series_.emplace_back(name);
             }
-            const Scalar scalar = scalarOf(property).value();
-            columns_.push_back({offset, scalar, place->second});
-            offset += widthOf(scalar);
+            columns_.push_back({offset, property.type, place->second});
+            offset += widthOf(property.type);
         }
     }
 
@@ -209,7 +173,7 @@ void placeBody(SceneFacts& facts, std::uint64_t& bodyAt) {
     std::optional<std::uint64_t> next = facts.header.length;
     std::optional<std::uint64_t> vertexEnd;
     for (const PlyElement& element : facts.header.elements) {
-        const std::optional<std::uint64_t> bytes = recordBytesOf(element);
+        const std::optional<std::uint64_t> bytes = element.recordBytes();
         const std::optional<std::uint64_t> start = next;
         next = start && bytes ? endOf(*start, element.count, *bytes) : std::nullopt;
         if (element.name == "vertex") {
@@ -218,8 +182,8 @@ void placeBody(SceneFacts& facts, std::uint64_t& bodyAt) {
             vertexEnd = next;
         }
     }
-    if (facts.header.format != "binary_little_endian") {
-        facts.bodyProblem = fmt::format("the format is {}", facts.header.format);
+    if (facts.header.format != SplatSource::PlyFormat::binaryLittleEndian) {
+        facts.bodyProblem = fmt::format("the format is {}", facts.header.formatText);
         return;
     }
     facts.expectedBytes = next.value_or(0);
@@ -234,35 +198,123 @@ void placeBody(SceneFacts& facts, std::uint64_t& bodyAt) {
     }
 }
 
-} // namespace
+// What is read through the converter's own reader: columns by the names of the canonical record.
+PlyElement canonicalVertex(const SplatSource::Input& input) {
+    PlyElement vertex;
+    vertex.name = "vertex";
+    vertex.count = input.count;
+    for (const std::string& name : SplatSource::canonicalNames(input.hasCoefficients)) {
+        PlyProperty property;
+        property.name = name;
+        vertex.properties.push_back(property);
+    }
+    return vertex;
+}
 
-SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress& progress) {
-    SceneFacts facts;
-    facts.name = name;
-    const std::filesystem::path path = pathFromText(name);
-    facts.header = readPlyHeader(path);
-    facts.bytes = std::filesystem::file_size(path);
+void readRecords(SceneFacts& facts, const SplatSource::Input& input, bool scan,
+                 const ScanProgress& progress) {
+    constexpr std::uint64_t windowRecords = 1024;
+    const SamplePlan plan(input.count);
+    ValueReader values(canonicalVertex(input));
+    const std::size_t floats = GaussionSplat::recordLayout(input.hasCoefficients).floats;
+    std::vector<float> records(windowRecords * floats);
+    const auto readEach = [&](std::uint64_t first, std::uint64_t end, auto take) {
+        for (; first < end; first += windowRecords) {
+            throwIfInterrupted();
+            const std::uint64_t size = std::min(windowRecords, end - first);
+            input.read(first, size, records.data());
+            for (std::uint64_t i = 0; i < size; ++i) {
+                take(reinterpret_cast<const std::byte*>(records.data() + i * floats));
+            }
+            progress(static_cast<double>(first + size) / static_cast<double>(input.count));
+        }
+    };
+    std::uint64_t at = 0;
+    for (std::uint64_t run = 0; run < plan.runs; ++run) {
+        const std::uint64_t start = plan.start(run);
+        if (scan) {
+            readEach(at, start, [&](const std::byte* record) { values.widen(record); });
+        }
+        at = std::min(start + plan.length, input.count);
+        readEach(start, at, [&](const std::byte* record) { values.sample(record); });
+    }
+    if (scan) {
+        readEach(at, input.count, [&](const std::byte* record) { values.widen(record); });
+    }
+    facts.bodyProblem.clear();
+    facts.scanned = scan || plan.everything();
+    facts.sampled = plan.samples();
+    facts.attributes = values.finish();
+}
+
+// Opens the file as the converter would; null, and why, when it does not take it.
+std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::filesystem::path& path) {
+    SplatSource::OpenOptions options;
+    options.scratchFolder = std::filesystem::temp_directory_path();
+    try {
+        return SplatSource::openSource(path, options);
+    } catch (const SplatSource::SourceError& error) {
+        facts.layoutProblem = error.what();
+        return nullptr;
+    }
+}
+
+void readPlyHeader(SceneFacts& facts, std::uint64_t& bodyAt) {
     for (const std::string& line : facts.header.lines) {
-        const std::vector<std::string_view> words = wordsOf(line);
+        const std::vector<std::string_view> words = SplatSource::wordsOf(line);
         if (!words.empty() && (words.front() == "comment" || words.front() == "obj_info")) {
             facts.comments.push_back(line);
         }
     }
-    const LayoutResult layout = splatLayoutOf(facts.header);
-    facts.layoutProblem = layout.problem ? layout.problem->text : std::string();
-    const auto vertex = std::ranges::find_if(
-        facts.header.elements, [](const PlyElement& element) { return element.name == "vertex"; });
-    std::uint64_t bodyAt = 0;
-    if (vertex != facts.header.elements.end()) {
+    if (const PlyElement* const vertex = facts.header.find("vertex")) {
         facts.splats = vertex->count;
         facts.degree = degreeOf(*vertex);
-        facts.stated = readSceneComments(facts.header, coefficientCount(*vertex) > 0);
+        facts.stated = SplatSource::readSceneComments(facts.header, coefficientCount(*vertex) > 0);
     }
     placeBody(facts, bodyAt);
-    if (facts.bodyProblem.empty()) {
+}
+
+} // namespace
+
+SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress& progress) try {
+    SceneFacts facts;
+    facts.name = name;
+    const std::filesystem::path path = pathFromText(name);
+    std::uint64_t bodyAt = 0;
+    {
+        const SplatSource::RecordFile file(path);
+        facts.bytes = file.size();
+        const std::string start = SplatSource::readStart(file);
+        if (SplatSource::looksLikePly(start)) {
+            facts.kind = "PLY";
+            facts.header = SplatSource::parsePlyHeader(start, name);
+            readPlyHeader(facts, bodyAt);
+        }
+    }
+    const std::unique_ptr<SplatSource::Input> input = openInput(facts, path);
+    if (!input && facts.kind.empty()) {
+        throw Failure(ExitStatus::inputRefused, facts.layoutProblem);
+    }
+    if (input) {
+        facts.kind = facts.kind.empty() ? input->kind : facts.kind;
+        facts.splats = input->count;
+        facts.degree = input->degree;
+        facts.isCanonical = input->isCanonical;
+    }
+    const PlyElement* const vertex = facts.header.find("vertex");
+    if (vertex != nullptr && facts.bodyProblem.empty()) {
         readValues(facts, *vertex, bodyAt, scan, progress);
+    } else if (input) {
+        readRecords(facts, *input, scan, progress);
+    }
+    if (input) {
+        facts.remarks = input->remarks;
     }
     return facts;
+} catch (const SplatSource::SourceError& error) {
+    throw Failure(ExitStatus::inputRefused, error.what());
+} catch (const SplatSource::SourceChanged& error) {
+    throw Failure(ExitStatus::inputRefused, error.what());
 }
 
 } // namespace Tavrin::SplatProgram

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "program/info/distribution.h"
-#include "program/scene/ply_header.h"
-#include "program/scene/scene_comments.h"
-#include "program/scene/splat_file.h"
+#include "program/scene/scan_progress.h"
+#include "source/comments.h"
+#include "source/ply_header.h"
 
 #include <cstdint>
 #include <optional>
@@ -16,13 +16,16 @@ namespace Tavrin::SplatProgram {
 struct SceneFacts {
     std::string name; // as given
     std::uint64_t bytes = 0;
-    PlyHeader header;
+    std::string kind;                    // "PLY", or what else holds splats
+    SplatSource::PlyHeader header;       // of a PLY file
     std::vector<std::string> comments;   // comment and obj_info lines as they stand
     std::optional<std::uint64_t> splats; // records of the element vertex, if it has one
     std::uint64_t recordBytes = 0;       // of a vertex; 0 when it has a list
-    std::string layoutProblem;           // why the converter refuses the layout; empty when it takes it
+    std::string layoutProblem;           // why the converter refuses the file; empty when it takes it
+    bool isCanonical = false;            // the records are those that the library reads
+    std::vector<std::string> remarks;    // what the converter would say of it
     std::optional<int> degree;           // of the spherical harmonics, if the property names give one
-    SceneComments stated;
+    SplatSource::SceneComments stated;
     std::string bodyProblem;         // why no values can be read; empty when they can
     std::uint64_t expectedBytes = 0; // of the whole file, when its elements have fixed sizes; else 0
     bool scanned = false;            // every record was read
@@ -31,7 +34,7 @@ struct SceneFacts {
 };
 
 // `scan`: read every record, so that the smallest and largest values are those of the whole file. Throws a
-// Failure (InputRefused) when the file is no PLY or cannot be read.
+// Failure (InputRefused) when the file is of no kind that is known or cannot be read.
 SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress& progress);
 
 } // namespace Tavrin::SplatProgram

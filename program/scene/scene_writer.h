@@ -1,7 +1,7 @@
 // A dataset as a splat PLY file.
 #pragma once
 
-#include "program/scene/splat_file.h"
+#include "program/scene/scan_progress.h"
 #include "reader/dataset.h"
 
 #include <cstdint>

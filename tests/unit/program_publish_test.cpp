@@ -75,7 +75,7 @@ TEST_F(Publish, PutsTheDatasetInPlaceOfNothing) {
         EXPECT_EQ(partial.path(), partialPath(placeOf(out).folder, ownProcessId()));
         writeDataset(partial.path(), 3);
         EXPECT_FALSE(fs::exists(out));
-        EXPECT_EQ(partial.publish(input, false), std::nullopt);
+        EXPECT_EQ(partial.publish({input}, false), std::nullopt);
     }
     EXPECT_EQ(splatsOf(out), 3u);
     EXPECT_EQ(names(), (Names{"in.ply", "out"}));
@@ -86,7 +86,7 @@ TEST_F(Publish, PutsTheDatasetInPlaceOfAnEmptyFolder) {
     {
         PartialFolder partial(placeOf(out));
         writeDataset(partial.path(), 3);
-        EXPECT_EQ(partial.publish(input, false), std::nullopt);
+        EXPECT_EQ(partial.publish({input}, false), std::nullopt);
     }
     EXPECT_EQ(splatsOf(out), 3u);
     EXPECT_EQ(names(), (Names{"in.ply", "out"}));
@@ -98,7 +98,7 @@ TEST_F(Publish, ReplacesAnEarlierDataset) {
         PartialFolder partial(placeOf(out));
         writeDataset(partial.path(), 2);
         EXPECT_EQ(splatsOf(out), 1u);
-        EXPECT_EQ(partial.publish(input, false), std::nullopt);
+        EXPECT_EQ(partial.publish({input}, false), std::nullopt);
     }
     EXPECT_EQ(splatsOf(out), 2u);
     EXPECT_EQ(names(), (Names{"in.ply", "out"}));
@@ -110,10 +110,10 @@ TEST_F(Publish, ReplacesAForeignFolderOnlyWhenForced) {
     {
         PartialFolder partial(placeOf(out, true));
         writeDataset(partial.path(), 2);
-        expectOutputRefused([&] { partial.publish(input, false); },
+        expectOutputRefused([&] { partial.publish({input}, false); },
                             "is neither empty nor an earlier dataset (it holds deep)");
         EXPECT_EQ(support::readFile(out / "deep" / "notes.txt"), "precious");
-        EXPECT_EQ(partial.publish(input, true), std::nullopt);
+        EXPECT_EQ(partial.publish({input}, true), std::nullopt);
     }
     EXPECT_EQ(splatsOf(out), 2u);
     EXPECT_EQ(names(), (Names{"in.ply", "out"}));
@@ -125,7 +125,7 @@ TEST_F(Publish, SeesWhatCameToThePlaceDuringTheConversion) {
         writeDataset(partial.path(), 2);
         fs::create_directory(out);
         support::writeFile(out / "notes.txt", "precious");
-        expectOutputRefused([&] { partial.publish(input, false); }, "it holds notes.txt");
+        expectOutputRefused([&] { partial.publish({input}, false); }, "it holds notes.txt");
     }
     EXPECT_EQ(support::filesUnder(out), Names{"notes.txt"});
     EXPECT_EQ(names(), (Names{"in.ply", "out"}));
@@ -159,7 +159,7 @@ TEST_F(Publish, CreatesMissingParentsAndRemovesThemUnlessItPublishes) {
     {
         PartialFolder partial(placeOf(deep));
         writeDataset(partial.path(), 2);
-        EXPECT_EQ(partial.publish(input, false), std::nullopt);
+        EXPECT_EQ(partial.publish({input}, false), std::nullopt);
     }
     EXPECT_EQ(splatsOf(deep), 2u);
     EXPECT_EQ(support::filesUnder(scratch / "a").count("b/out/data.bin"), 1u);
@@ -227,7 +227,7 @@ TEST_F(CleanUp, LeavesLiveRunsAlone) {
     writeDataset(partial.path(), 2);
     cleanUpDeadRuns(out);
     EXPECT_EQ(splatsOf(partial.path()), 2u);
-    EXPECT_EQ(partial.publish(input, false), std::nullopt);
+    EXPECT_EQ(partial.publish({input}, false), std::nullopt);
 }
 
 TEST_F(CleanUp, LeavesEveryOtherNameAlone) {

@@ -1,0 +1,152 @@
+#include "program/scene/open_scene.h"
+
+#include "program/system/exit_status.h"
+#include "program/system/platform.h"
+#include "program/terminal/figures.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <filesystem>
+#include <optional>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+using SplatSource::DropReason;
+
+constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
+
+// An input must be a file of its own: it is read several times, and by position.
+void requireReadableFile(const std::string& name) {
+    const fs::path path = pathFromText(name);
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    const auto refuse = [&](const std::string& what) {
+        throw Failure(ExitStatus::inputRefused, fmt::format("{}: {}", name, what));
+    };
+    if (status.type() == fs::file_type::not_found) {
+        refuse("there is no such file: check the path");
+    }
+    if (error) {
+        refuse(fmt::format("cannot be looked at: {}", error.message()));
+    }
+    if (status.type() == fs::file_type::directory) {
+        refuse("is a folder: name the file in it");
+    }
+    if (status.type() != fs::file_type::regular) {
+        refuse("is a pipe or a device: save it as a file first, it is read several times");
+    }
+    if (const std::error_code denied = checkReadable(path)) {
+        refuse(fmt::format("cannot be read: {}: check its permissions", denied.message()));
+    }
+    if (!converterPath(path)) {
+        refuse("this system's code page lacks a letter of the path: rename the file, or name it from inside "
+               "its folder");
+    }
+}
+
+// What the header leaves to be desired.
+void checkComments(SplatSource::Scene& scene) {
+    for (const auto& kept : scene.inputs()) {
+        const SplatSource::Input& input = kept->input();
+        for (const SplatSource::HeaderRemark& remark : input.stated.remarks) {
+            scene.remarks.push_back(fmt::format("{}:{}: {}", input.name, remark.line, remark.text));
+        }
+        const std::optional<SplatSource::Box> bounds = input.stated.bounds();
+        for (std::size_t axis = 0; bounds && axis < axes.size(); ++axis) {
+            if (bounds->min[axis] > bounds->max[axis]) {
+                throw Failure(ExitStatus::inputRefused,
+                              fmt::format("{}: the comments state min{} {} above max{} {}: state all six "
+                                          "bounds, or none",
+                                          input.name, axes[axis], bounds->min[axis], axes[axis],
+                                          bounds->max[axis]));
+            }
+        }
+    }
+    const GaussionSplat::Params& params = scene.params;
+    const bool hasOffset = params.offsetx != 0.0 || params.offsety != 0.0 || params.offsetz != 0.0;
+    if (hasOffset && params.epsg == 0) {
+        scene.remarks.push_back(fmt::format(
+            "{}: {} without an EPSG code: {}, or nobody can place the scene",
+            scene.inputs().front()->input().name,
+            scene.isOffsetChosen ? "the coordinates are those of a reference system" : "an offset is stated",
+            "say --epsg CODE, or add a line \"comment epsg CODE\""));
+    }
+}
+
+} // namespace
+
+std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
+                                              const SplatSource::SceneOptions& options) {
+    std::vector<fs::path> paths;
+    for (const std::string& name : names) {
+        requireReadableFile(name);
+        paths.push_back(pathFromText(name));
+    }
+    try {
+        std::unique_ptr<SplatSource::Scene> scene = SplatSource::openScene(paths, options);
+        checkComments(*scene);
+        if (scene->count == 0) {
+            throw Failure(ExitStatus::inputRefused,
+                          fmt::format("{}: the file declares no splats: there is nothing to convert",
+                                      namesText(names)));
+        }
+        return scene;
+    } catch (const SplatSource::SourceError& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
+    } catch (const SplatSource::SourceChanged& error) {
+        throw Failure(ExitStatus::conversionFailed, error.what());
+    }
+}
+
+void requireAccepted(const SplatSource::Scene& scene) {
+    try {
+        scene.requireAccepted();
+    } catch (const SplatSource::SourceError& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
+    }
+    if (scene.ledger().kept == 0) {
+        throw Failure(ExitStatus::inputRefused,
+                      fmt::format("{}: every splat is dropped ({}): there is nothing to convert",
+                                  scene.inputs().front()->input().name, droppedText(scene.ledger())));
+    }
+}
+
+std::string droppedText(const SplatSource::Ledger& ledger) {
+    constexpr std::array<const char*, SplatSource::dropReasons> texts = {
+        "invalid", "outside the crop", "below the least opacity", "above the largest scale"};
+    std::string reasons;
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        if (ledger.dropped[i] > 0) {
+            const std::string what = DropReason{static_cast<int>(i)} == DropReason::invalid
+                                         ? fmt::format(" ({})", SplatSource::invalidText(ledger))
+                                         : std::string();
+            reasons += fmt::format("{}{} {}{}", reasons.empty() ? "" : ", ", countText(ledger.dropped[i]),
+                                   texts[i], what);
+        }
+    }
+    return reasons.empty()
+               ? reasons
+               : fmt::format("{}: {}",
+                             countText(ledger.droppedInAll(), "splat is dropped", "splats are dropped"),
+                             reasons);
+}
+
+std::string offsetText(const SplatSource::Scene& scene) {
+    const GaussionSplat::Params& params = scene.params;
+    std::string text =
+        fmt::format("({:.12g}, {:.12g}, {:.12g})", params.offsetx, params.offsety, params.offsetz);
+    text += scene.isOffsetChosen ? ", chosen" : scene.isOffsetCut ? ", cut to whole numbers" : "";
+    return text + (scene.largestError > 0.0
+                       ? fmt::format("; positions are off by at most {:.2g} mm", scene.largestError * 1000)
+                       : "; positions are kept bit for bit");
+}
+
+std::string namesText(const std::vector<std::string>& names) {
+    return names.size() == 1 ? names.front()
+                             : fmt::format("{} and {} more", names.front(), countText(names.size() - 1));
+}
+
+} // namespace Tavrin::SplatProgram
