@@ -191,7 +191,7 @@ TEST_F(Publish, TellsHowMuchIsFlushed) {
     partial.flush([&](double share) { shares.push_back(share); });
     shares.push_back(1.0);
     EXPECT_TRUE(std::is_sorted(shares.begin(), shares.end())) << testing::PrintToString(shares);
-    EXPECT_EQ(partial.publish(input, false), std::nullopt);
+    EXPECT_EQ(partial.publish({input}, false), std::nullopt);
     EXPECT_EQ(splatsOf(out), 2u);
 }
 
