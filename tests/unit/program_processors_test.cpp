@@ -10,6 +10,8 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
+#ifndef _WIN32 // control groups are Linux's
+
 // Stands for /sys/fs/cgroup.
 class ControlGroups : public testing::Test {
 protected:
@@ -57,6 +59,8 @@ TEST_F(ControlGroups, OfTheOlderKindLimitToo) {
     EXPECT_EQ(quota("9:cpuset:/\n3:cpu,cpuacct:/job\n2:cpuacct:/job\n"), 4u);
     EXPECT_EQ(quota("3:cpuset:/job\n"), std::nullopt);
 }
+
+#endif
 
 TEST(Processors, AreAtLeastOne) {
     EXPECT_GE(usableProcessors(), 1u);
