@@ -60,6 +60,11 @@ std::string failureOf(Open open) {
     }
 }
 
+// SPZ version 4 needs zstd, which cross-builds do not have: they refuse such a file with that reason.
+bool hasZstd() {
+    return failureOf([] { return openSpz(formats / "spz" / "camera512_d3_v4.spz"); }).empty();
+}
+
 struct Packed : testing::Test {
     void SetUp() override {
         if (!fs::exists(formats)) {
@@ -71,7 +76,13 @@ struct Packed : testing::Test {
 TEST_F(Packed, SpzFilesHaveTheirValues) {
     const std::vector<std::string> names = filesOf("spz", "", ".spz");
     ASSERT_EQ(names.size(), 60u);
+    const bool readsVersion4 = hasZstd();
     for (const std::string& name : names) {
+        if (!readsVersion4 && support::readFile(formats / "spz" / name).starts_with("NGSP")) {
+            const std::string message = failureOf([&] { return openSpz(formats / "spz" / name); });
+            EXPECT_NE(message.find("needs zstd"), std::string::npos) << message;
+            continue;
+        }
         // Nothing in this one says that its axes were left as they are.
         const InputAxes axes = name.find("unconverted_axes") != std::string::npos ? InputAxes::rightDownFront
                                                                                   : InputAxes::stated;
@@ -118,6 +129,9 @@ TEST_F(Packed, DamagedCompressedPlyFilesAreRefusedInOneLine) {
 }
 
 TEST_F(Packed, AnAxesCodeThatIsNotKnownCanBeOverridden) {
+    if (!hasZstd()) {
+        GTEST_SKIP() << "the file is of version 4, and this build has no zstd";
+    }
     const fs::path path = formats / "broken" / "spz_v4_ext_axes_value_99.spz";
     EXPECT_NE(failureOf([&] { return openSpz(path); }).find("--axes"), std::string::npos);
     EXPECT_EQ(failureOf([&] { return openSpz(path, InputAxes::rightUpBack); }), "");
