@@ -10,8 +10,11 @@
 #include "stream/pages.h"
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -111,28 +114,34 @@ public:
                 return !crew.isStopped();
             }
         }
-        for (std::uint64_t next = next_.load(std::memory_order_acquire); next != window;
-             next = next_.load(std::memory_order_acquire)) {
-            if (crew.isStopped()) {
-                return false;
-            }
-            next_.wait(next, std::memory_order_acquire);
-        }
-        return !crew.isStopped();
+        std::unique_lock lock(mutex_);
+        passed_.wait(lock, [&] {
+            return next_.load(std::memory_order_acquire) == window || isStopped_ || crew.isStopped();
+        });
+        return !isStopped_ && !crew.isStopped();
     }
 
     void pass(std::uint64_t window) {
-        next_.store(window + 1, std::memory_order_release);
-        next_.notify_all();
+        {
+            const std::lock_guard lock(mutex_);
+            next_.store(window + 1, std::memory_order_release);
+        }
+        passed_.notify_all();
     }
 
     void stop() {
-        next_.store(UINT64_MAX, std::memory_order_release);
-        next_.notify_all();
+        {
+            const std::lock_guard lock(mutex_);
+            isStopped_ = true;
+        }
+        passed_.notify_all();
     }
 
 private:
+    std::mutex mutex_; // next_ and isStopped_ change under it: a worker that is about to sleep misses nothing
+    std::condition_variable passed_;
     std::atomic<std::uint64_t> next_ = 0;
+    bool isStopped_ = false;
 };
 
 class PlacePass {
