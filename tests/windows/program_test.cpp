@@ -235,7 +235,7 @@ TEST_F(Program, ExportsASceneThatConvertsToTheSamePositions) {
 
 TEST_F(Program, RefusesAWrongCommandLine) {
     expectRefusal(run({"--no-such-option", "a", "b"}), usage, "--no-such-option");
-    expectRefusal(run({"convert"}), usage, "IN.ply");
+    expectRefusal(run({"convert"}), usage, "IN is required");
 }
 
 // A slash begins no option, as it does in other programs there.
