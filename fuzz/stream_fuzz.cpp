@@ -64,6 +64,16 @@ bool isGridSmall(const ChunkGrid& grid) {
     return columns * rows <= 64;
 }
 
+bool isRefused(const CanonicalPly& source, Settings settings, std::uint64_t memory) {
+    settings.maxMemory = memory;
+    try {
+        measure(source, settings);
+    } catch (const TooLittleMemory& error) {
+        return error.least == memory + 1;
+    }
+    return false;
+}
+
 // Nothing when the grid is too large.
 std::optional<Measured> convertAsStream(const fuzz::Job& job, const CanonicalPly& source,
                                         Settings& settings) {
@@ -79,8 +89,9 @@ std::optional<Measured> convertAsStream(const fuzz::Job& job, const CanonicalPly
             return measured;
         } catch (const TooLittleMemory& error) {
             fuzz::require(error.least > settings.maxMemory, "the least is more than there was");
-            fuzz::require(attempt < 4, "what is said to do does");
+            fuzz::require(attempt == 0, "what is said to do does");
             settings.maxMemory = error.least;
+            fuzz::require(isRefused(source, settings, error.least - 1), "less does not");
         }
     }
 }

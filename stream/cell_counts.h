@@ -1,34 +1,33 @@
 // Counts splats by cell, in limited memory.
 #pragma once
 
-#include "stream/conversion.h"
 #include "stream/key_table.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
-#include <string>
 #include <vector>
 
 namespace Tavrin::SplatStream {
 
 class CellCounts {
 public:
-    // Bytes of an empty one.
-    static constexpr std::uint64_t leastBytes = 4096;
+    // The next cell does not fit the limit.
+    struct Full {};
 
-    // Peak bytes for counting this many cells and listing them.
-    static std::uint64_t peakBytes(std::uint64_t cells) {
-        constexpr std::uint64_t listedBytes = 64; // of a cell: in the lists here, the walk's and the result's
-        return KeyTable::bytesFor(cells) * 3 / 2 + cells * listedBytes;
+    // Bytes of one with few cells, from first to last. peakBytes counts them as none.
+    static constexpr std::uint64_t leastBytes = 8192;
+
+    // Peak bytes of counting this many cells in so many tables, joining them in one, and listing the cells.
+    static std::uint64_t peakBytes(std::uint64_t cells, std::uint64_t tables) {
+        return cells <= fewCells ? 0
+                                 : std::max(tables * heldBytes(cells), heldBytes(cells) + listBytes(cells));
     }
 
-    // It may use this many bytes. `least` is what TooLittleMemory then names: memory that would do for the
-    // whole conversion.
-    void limit(std::uint64_t bytes, std::uint64_t least) {
-        limit_ = bytes;
-        least_ = least;
-    }
+    // It may use this many bytes besides leastBytes.
+    void limit(std::uint64_t bytes) { limit_ = bytes; }
 
-    // Count one splat. Throws TooLittleMemory.
+    // Count one splat. Throws Full.
     void add(std::uint32_t key) { add(key, 1); }
     void add(std::uint32_t key, std::uint64_t splats) {
         const std::uint32_t number = numbers_.find(key);
@@ -37,7 +36,7 @@ public:
 
     void prefetch(std::uint32_t key) const { numbers_.prefetch(key); }
 
-    // Add the counts of another. Throws TooLittleMemory.
+    // Add the counts of another. Throws Full.
     void join(const CellCounts& other) {
         for (std::size_t i = 0; i < other.size(); ++i) {
             add(other.keys_[i], other.splats_[i]);
@@ -50,17 +49,28 @@ public:
         splats_ = {};
     }
 
+    // Bytes in use besides leastBytes.
+    std::uint64_t bytes() const { return size() <= fewCells ? 0 : heldBytes(size()); }
+
     std::size_t size() const { return keys_.size(); }
     const std::vector<std::uint32_t>& keys() const { return keys_; }
     std::uint32_t numberOf(std::uint32_t key) const { return numbers_.find(key); }
     std::uint64_t splats(std::uint32_t number) const { return splats_[number]; }
 
 private:
+    static constexpr std::uint64_t fewCells = 128; // of an empty table
+
     KeyTable numbers_;
     std::vector<std::uint32_t> keys_; // by number
     std::vector<std::uint64_t> splats_;
     std::uint64_t limit_ = UINT64_MAX;
-    std::uint64_t least_ = 0;
+
+    // The table has two entries of 8 bytes a cell, the vectors have 12 bytes. Whatever grows is there twice
+    // for a moment, once with half of its size.
+    static std::uint64_t heldBytes(std::uint64_t cells) { return 32 * std::bit_ceil(cells); }
+
+    // The steps of the walk, whose vector grows, and its keys. Later the result instead of the steps.
+    static std::uint64_t listBytes(std::uint64_t cells) { return 22 * std::bit_ceil(cells); }
 
     std::uint32_t insert(std::uint32_t key) {
         if (numbers_.isFull()) {
@@ -73,13 +83,11 @@ private:
         return number;
     }
 
-    // Double the table. Throws TooLittleMemory.
+    // Double the table. Throws Full.
     void grow() {
         const std::uint64_t cells = keys_.size() * 2;
-        if (peakBytes(cells) > limit_) {
-            throw TooLittleMemory("the scene falls into so many cells that counting them needs up to " +
-                                      std::to_string(least_) + " bytes of memory",
-                                  least_);
+        if (heldBytes(cells) > limit_) {
+            throw Full();
         }
         numbers_.grow();
         keys_.reserve(cells);

@@ -18,7 +18,7 @@
 
 namespace Tavrin::SplatStream {
 
-// The conversion does not fit the stated memory; `least` bytes would do.
+// The conversion does not fit the stated memory. It does with `least` bytes, and not with one byte less.
 struct TooLittleMemory : std::runtime_error {
     TooLittleMemory(const std::string& text, std::uint64_t bytes) : std::runtime_error(text), least(bytes) {}
     std::uint64_t least;
@@ -31,9 +31,10 @@ struct WriteError : std::runtime_error {
 
 // What a caller chooses. The dataset's bytes depend on no setting but countAs.
 struct Settings {
-    unsigned threads = 1;                 // workers, at least 1
-    std::uint64_t maxMemory = UINT64_MAX; // bytes that a pass may allocate
-    std::uint64_t windowRecords = 1024;   // records that a worker reads at a time; tests alone set it
+    unsigned threads = 1; // workers, at least 1
+    // Bytes that a pass may allocate. To find out what would do takes up to 16 MiB, however little it is.
+    std::uint64_t maxMemory = UINT64_MAX;
+    std::uint64_t windowRecords = 1024; // records that a worker reads at a time; tests alone set it
     std::uint64_t countAs = 0; // splats that grid and texts go by instead of the scene's; tests alone set it
     // Called now and then, by one thread at a time, with the number of splats that the pass has done. It may
     // throw to end the pass; measure or place then throws that exception.
@@ -60,15 +61,21 @@ struct Measured {
     GaussionSplat::AttributeBounding bounding; // of decoded values, as the library finds them
     GaussionSplat::Vector3 positionMin;        // of the finite coordinates, axis by axis
     GaussionSplat::Vector3 positionMax;
-    std::uint64_t notFinite = 0; // splats with a coordinate that is not finite
-    std::uint64_t outside = 0;   // splats outside the stated box
-    std::vector<Cell> cells;     // in the order of index.bin
-    std::uint64_t leftOut = 0;   // splats in no listed cell
+    std::uint64_t notFinite = 0;     // splats with a coordinate that is not finite
+    std::uint64_t outside = 0;       // splats outside the stated box
+    std::vector<Cell> cells;         // in the order of index.bin
+    std::uint64_t leftOut = 0;       // splats in no listed cell
+    std::uint64_t occupiedCells = 0; // different keys of splats, listed or not
+    std::uint64_t leastMemory = 0;   // bytes with which both passes succeed, and not with one less
 };
 
-// Reads the source once on settings.threads workers. Throws what the source throws, TooLittleMemory, or
-// std::bad_alloc.
+// Reads the source once on settings.threads workers, and again where the memory asks for it. Throws what the
+// source throws, std::bad_alloc, or TooLittleMemory when measure or place does not fit settings.maxMemory.
 Measured measure(const SplatSource::Source& source, const Settings& settings);
+
+// Bytes that measure allocates at its peak with these settings for a scene of so many occupied cells; at most
+// settings.maxMemory where a conversion fits that.
+std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells, const Settings& settings);
 
 // Bytes that place will allocate at its peak with these settings; at most settings.maxMemory where that can
 // be kept. Throws TooLittleMemory.

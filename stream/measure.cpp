@@ -6,6 +6,8 @@
 #include "stream/cell_counts.h"
 #include "stream/conversion.h"
 #include "stream/crew.h"
+#include "stream/distinct_keys.h"
+#include "stream/memory.h"
 #include "stream/raw_ranges.h"
 
 #include <algorithm>
@@ -65,22 +67,19 @@ struct MeasurePass {
     const Settings& settings;
     Windows windows;
     std::size_t recordFloats;
-    std::uint64_t windowFloats; // of a worker's window
     std::optional<Box> statedBox;
-    std::optional<ChunkGrid> expectedGrid; // cells are counted on the way
-    std::uint64_t spareMemory = 0;         // what cell counts may take
+    MeasurePlan plan;
+    std::optional<ChunkGrid> expectedGrid;  // cells are counted on the way
+    std::atomic<bool> hasManyCells = false; // more than the workers' tables hold: counted once more
     KeptPositions kept;
     std::vector<std::unique_ptr<Found>> found; // by worker
-    unsigned workers = 1;
 
     MeasurePass(const SplatSource::Source& scene, const Settings& chosen);
 
     Measured run();
 
 private:
-    std::uint64_t workerBytes() const; // but for the cells it counts
-    std::uint64_t leastForCells() const;
-    void planMemory();
+    void makeWorkers();
     void readAll();
     void readWindow(std::uint64_t window, Found& own);
     void lookAtPositions(std::uint64_t count, const RawRanges::Positions& ranges, Found& own);
@@ -88,7 +87,11 @@ private:
     void scanBox();
     void settleBox(Measured& measured) const;
     void countCells(Measured& measured);
-    void countAgain(const ChunkGrid& grid);
+    bool countAgain(const ChunkGrid& grid);
+    bool joinCounts();
+    void countAlone(const ChunkGrid& grid);
+    std::uint64_t countDistinct(const ChunkGrid& grid);
+    void requireMemory(std::uint64_t cells, Measured& measured) const;
     void countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own);
     void addKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
                  Found& own);
@@ -96,73 +99,54 @@ private:
                        const std::function<void(std::uint64_t, Found&)>& body);
 };
 
-std::uint64_t checkedWindow(const Settings& settings) {
-    return std::clamp<std::uint64_t>(settings.windowRecords, 1, std::uint64_t{1} << 20);
+// What finding out takes at most where a conversion does not fit its memory.
+constexpr std::uint64_t refusalBytes = std::uint64_t{16} << 20;
+
+// A scene of one cell needs no pass to be refused.
+std::uint64_t bytesToMeasure(const SplatSource::Source& source, const Settings& settings) {
+    const std::uint64_t least = leastMemory(source, 1, settings);
+    if (settings.maxMemory >= least) {
+        return settings.maxMemory;
+    }
+    if (splatsExpected(source, settings) <= singleCellSplats) {
+        refuseMemory(least);
+    }
+    return least + refusalBytes;
 }
 
 MeasurePass::MeasurePass(const SplatSource::Source& scene, const Settings& chosen)
-    : source(scene),
-      settings(chosen), windows{.records = scene.count, .windowRecords = checkedWindow(chosen)},
-      recordFloats(recordLayout(scene.hasCoefficients).floats) {
+    : source(scene), settings(chosen), recordFloats(recordLayout(scene.hasCoefficients).floats),
+      plan(planMeasure(scene, chosen, bytesToMeasure(scene, chosen))) {
+    windows = {.records = scene.count, .windowRecords = plan.windowRecords};
+    const std::uint64_t most = splatsExpected(source, settings);
     if (statesBounds(source.params)) {
         const Params& params = source.params;
         statedBox = Box{.min = {params.minx, params.miny, params.minz},
                         .max = {params.maxx, params.maxy, params.maxz}};
+        if (most > singleCellSplats) {
+            expectedGrid = gridFor(static_cast<std::int64_t>(most), statedBox->min, statedBox->max, {});
+        }
     }
-    const bool ownPositions = !statedBox && source.boxPositions() > 0;
-    windowFloats = std::min(windows.windowRecords, std::max<std::uint64_t>(windows.records, 1)) *
-                   (ownPositions ? layoutWithShcoef.floats : recordFloats);
-    planMemory();
-    for (unsigned worker = 0; worker < workers; ++worker) {
-        found.push_back(std::make_unique<Found>(source.hasCoefficients));
-        found.back()->window = makeLargeArray<float>(windowFloats);
-        found.back()->keys.resize(windows.windowRecords);
-        found.back()->cells.limit(spareMemory / workers, leastForCells());
-    }
-}
-
-std::uint64_t MeasurePass::workerBytes() const {
-    return windowFloats * sizeof(float) + windows.windowRecords * sizeof(std::uint32_t) + sizeof(Found) +
-           CellCounts::leastBytes;
-}
-
-// Enough for one cell per splat. planMemory leaves half of the spare memory to the cells.
-std::uint64_t MeasurePass::leastForCells() const {
-    return settings.threads * (workerBytes() + 4 * CellCounts::peakBytes(source.count));
-}
-
-// Use as many workers as fit. Keep positions where they fit as well; otherwise they are read once more.
-void MeasurePass::planMemory() {
-    const std::uint64_t least = workerBytes();
-    if (settings.maxMemory < least) {
-        throw TooLittleMemory("measuring the scene needs " + std::to_string(least) + " bytes of memory",
-                              least);
-    }
-    workers = static_cast<unsigned>(std::clamp<std::uint64_t>(
-        std::min<std::uint64_t>(settings.threads, windows.count()), 1, settings.maxMemory / least));
-    spareMemory = settings.maxMemory - workers * least;
-    const std::uint64_t most = settings.countAs > 0 ? settings.countAs : source.count;
-    if (most <= singleCellSplats) {
-        return;
-    }
-    if (statedBox) {
-        expectedGrid = gridFor(static_cast<std::int64_t>(most), statedBox->min, statedBox->max, {});
-        return;
-    }
-    // Half of the memory stays for the bookkeeping of cells.
-    const std::uint64_t counts = windows.count() * sizeof(std::uint32_t);
-    const std::uint64_t bytes = source.count * 2 * sizeof(float);
-    if (bytes + counts <= spareMemory / 2) {
+    if (plan.keptBytes > 0) {
         kept.positions = makeLargeArray<float>(source.count * 2);
         kept.counts.resize(windows.count());
-        spareMemory -= bytes + counts;
+    }
+    makeWorkers();
+}
+
+void MeasurePass::makeWorkers() {
+    for (unsigned worker = 0; worker < plan.workers; ++worker) {
+        found.push_back(std::make_unique<Found>(source.hasCoefficients));
+        found.back()->window = makeLargeArray<float>(plan.windowFloats);
+        found.back()->keys.resize(windows.windowRecords);
+        found.back()->cells.limit(plan.spareBytes / plan.workers);
     }
 }
 
 void MeasurePass::forEachWindow(const Windows& all, Crew& crew,
                                 const std::function<void(std::uint64_t, Found&)>& body) {
     std::atomic<std::uint64_t> next = 0;
-    crew.run(workers, [&](unsigned worker) {
+    crew.run(plan.workers, [&](unsigned worker) {
         for (;;) {
             const std::uint64_t window = next.fetch_add(1, std::memory_order_relaxed);
             if (window >= all.count() || crew.isStopped()) {
@@ -222,8 +206,12 @@ void MeasurePass::readWindow(std::uint64_t window, Found& own) {
     const std::uint64_t count = source.read(first, windows.size(window), own.window.get());
     own.splats += count;
     lookAtPositions(count, own.ranges.fold(own.window.get(), count, first), own);
-    if (expectedGrid) {
-        addKeys(own.window.get(), recordFloats, count, *expectedGrid, own);
+    if (expectedGrid && !hasManyCells.load(std::memory_order_relaxed)) {
+        try {
+            addKeys(own.window.get(), recordFloats, count, *expectedGrid, own);
+        } catch (const CellCounts::Full&) {
+            hasManyCells.store(true, std::memory_order_relaxed);
+        }
     } else if (kept.positions) {
         keepPositions(window, count, own);
     }
@@ -303,20 +291,89 @@ void MeasurePass::countWindow(std::uint64_t window, const ChunkGrid& grid, Found
     addKeys(own.window.get(), recordFloats, count, grid, own);
 }
 
-void MeasurePass::countAgain(const ChunkGrid& grid) {
+// False when the cells do not fit the workers' tables.
+bool MeasurePass::countAgain(const ChunkGrid& grid) {
     for (const std::unique_ptr<Found>& own : found) {
         own->cells.clear();
     }
     Crew crew(settings);
     crew.advance(source.count); // the pass has done all splats, and says so when it ends
-    forEachWindow(windows, crew, [&](std::uint64_t window, Found& own) { countWindow(window, grid, own); });
+    try {
+        forEachWindow(windows, crew,
+                      [&](std::uint64_t window, Found& own) { countWindow(window, grid, own); });
+    } catch (const CellCounts::Full&) {
+        return false;
+    }
+    return true;
+}
+
+// Into the first worker's table. False when they do not fit.
+bool MeasurePass::joinCounts() {
+    CellCounts& all = found.front()->cells;
+    std::uint64_t others = 0;
+    for (std::size_t worker = 1; worker < found.size(); ++worker) {
+        others += found[worker]->cells.bytes();
+    }
+    if (others > plan.spareBytes) {
+        return false;
+    }
+    all.limit(plan.spareBytes - others);
+    try {
+        for (std::size_t worker = 1; worker < found.size(); ++worker) {
+            all.join(found[worker]->cells);
+            found[worker]->cells.clear();
+        }
+    } catch (const CellCounts::Full&) {
+        return false;
+    }
+    return true;
+}
+
+// One worker has all of the memory.
+void MeasurePass::countAlone(const ChunkGrid& grid) {
+    kept = {};
+    found.resize(1);
+    Settings alone = settings;
+    alone.threads = 1;
+    plan = planMeasure(source, alone, bytesToMeasure(source, settings));
+    plan.spareBytes += plan.keptBytes;
+    found.front()->cells.limit(plan.spareBytes);
+    if (!countAgain(grid)) {
+        found.front()->cells.clear();
+        refuseMemory(leastMemory(source, countDistinct(grid), settings));
+    }
+}
+
+// The number of cells that splats lie in, listed or not.
+std::uint64_t MeasurePass::countDistinct(const ChunkGrid& grid) {
+    Found& own = *found.front();
+    return countDistinctKeys(std::max(plan.spareBytes, refusalBytes), [&](const KeyVisitor& visit) {
+        Crew crew(settings);
+        crew.advance(source.count);
+        forEachWindow(windows, crew, [&](std::uint64_t window, Found&) {
+            const std::uint64_t count =
+                source.read(windows.first(window), windows.size(window), own.window.get());
+            cellKeys(own.window.get(), recordFloats, count, grid, own.keys.data());
+            visit(own.keys.data(), count);
+        });
+    });
+}
+
+void MeasurePass::requireMemory(std::uint64_t cells, Measured& measured) const {
+    measured.occupiedCells = cells;
+    measured.leastMemory = leastMemory(source, cells, settings);
+    if (measured.leastMemory > settings.maxMemory) {
+        refuseMemory(measured.leastMemory);
+    }
 }
 
 // When the walk meets a key again, it lists a cell that is already empty.
 void listCells(const CellCounts& counts, Measured& measured) {
     std::uint64_t listed = 0;
     std::vector<bool> isListed(counts.size());
-    for (const std::uint32_t key : walkGrid(measured.grid, counts.keys())) {
+    const std::vector<std::uint32_t> keys = walkGrid(measured.grid, counts.keys());
+    measured.cells.reserve(keys.size());
+    for (const std::uint32_t key : keys) {
         const std::uint32_t number = counts.numberOf(key);
         const std::uint64_t splats = isListed[number] ? 0 : counts.splats(number);
         isListed[number] = true;
@@ -332,18 +389,16 @@ void MeasurePass::countCells(Measured& measured) {
     measured.grid = gridFor(static_cast<std::int64_t>(counted), measured.bboxMin, measured.bboxMax, {});
     if (counted <= singleCellSplats) {
         measured.cells = {{.key = 0, .splats = measured.splats}};
+        requireMemory(1, measured);
         return;
     }
-    if (!expectedGrid || *expectedGrid != measured.grid) {
-        countAgain(measured.grid);
-    }
-    CellCounts& all = found.front()->cells;
-    all.limit(spareMemory, leastForCells());
-    for (std::size_t worker = 1; worker < found.size(); ++worker) {
-        all.join(found[worker]->cells);
-        found[worker]->cells.clear();
+    const bool isCounted = expectedGrid && *expectedGrid == measured.grid && !hasManyCells.load();
+    if (!(isCounted || countAgain(measured.grid)) || !joinCounts()) {
+        countAlone(measured.grid);
     }
     kept = {};
+    const CellCounts& all = found.front()->cells;
+    requireMemory(all.size(), measured);
     listCells(all, measured);
 }
 

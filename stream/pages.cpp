@@ -37,8 +37,8 @@ PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, st
                    unsigned workers) {
     PagePlan plan{.pageRecords = pageRecords};
     forEachHolder(cells, pageRecords, [&](bool isNew, const Cell&, bool) { plan.holders += isNew ? 1 : 0; });
-    const std::uint64_t ofWindow = windowRecords / pageRecords + 3;
-    plan.least = plan.holders + ofWindow;
+    const std::uint64_t ofWindow = leastPages(0, pageRecords, windowRecords);
+    plan.least = leastPages(plan.holders, pageRecords, windowRecords);
     plan.wanted = plan.least + workers * (std::min(plan.holders, windowRecords) + ofWindow);
     return plan;
 }

@@ -29,6 +29,12 @@ struct PagePlan {
     std::uint64_t wanted = 0;  // pages with which no worker waits for another's
 };
 
+// The pages with which a pass over so many holders never comes to a stop.
+constexpr std::uint64_t leastPages(std::uint64_t holders, std::uint64_t pageRecords,
+                                   std::uint64_t windowRecords) {
+    return holders + windowRecords / pageRecords + 3;
+}
+
 // windowRecords: the number of records that take their places at once.
 PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
                    unsigned workers);

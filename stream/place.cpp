@@ -6,6 +6,7 @@
 #include "src/platform.h"
 #include "stream/crew.h"
 #include "stream/key_table.h"
+#include "stream/memory.h"
 #include "stream/output_file.h"
 #include "stream/pages.h"
 
@@ -26,83 +27,6 @@ namespace {
 
 constexpr std::uint64_t manyCells = 1024;
 constexpr std::uint32_t notListed = UINT32_MAX;
-
-// How the pass runs within its memory.
-struct Plan {
-    unsigned workers = 1;
-    std::uint64_t windowRecords = 1;
-    PagePlan pages;
-    std::uint64_t mostPages = 0;
-    std::uint64_t bytes = 0; // at its peak
-};
-
-std::uint64_t occupiedCells(const Measured& measured) {
-    std::uint64_t cells = 0;
-    for (const Cell& cell : measured.cells) {
-        cells += cell.splats > 0 ? 1 : 0;
-    }
-    return cells;
-}
-
-std::uint64_t workerBytes(const Measured& measured, std::uint64_t windowRecords, std::uint64_t cells) {
-    constexpr std::uint64_t ofRecord = 2 * sizeof(std::uint32_t) + 64; // key, slot, and the slot's own
-    return windowRecords * (recordLayout(measured.hasCoefficients).floats * sizeof(float) + ofRecord) +
-           cells * sizeof(std::uint32_t);
-}
-
-constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
-
-// The memory of a run without a limit. It is small where few cells fill side by side. Many cells get more,
-// because writing small pieces is slow.
-constexpr std::uint64_t fewCellsBudget = 48 * mebibyte;
-constexpr std::uint64_t manyCellsBudget = 440 * mebibyte;
-constexpr std::uint64_t smallPage = 1024; // records
-
-// The largest pages that fit.
-std::optional<Plan> planWithin(const Measured& measured, const Settings& settings, unsigned workers,
-                               std::uint64_t budget) {
-    Plan plan;
-    plan.workers = workers;
-    const std::uint64_t records = std::max<std::uint64_t>(measured.read, 1);
-    plan.windowRecords = std::clamp<std::uint64_t>(settings.windowRecords, 1, std::min(records, mebibyte));
-    const std::uint64_t cells = occupiedCells(measured);
-    const std::uint64_t fixed = workers * workerBytes(measured, plan.windowRecords, cells) +
-                                KeyTable::bytesFor(cells) + Places::bytesFor(cells);
-    for (std::uint64_t size = mostPageRecords; size > 0; size /= 2) {
-        plan.pages = planPages(measured.cells, size, plan.windowRecords, workers);
-        const std::uint64_t pageBytes = PagePool::pageBytes(size, measured.hasCoefficients);
-        plan.bytes = fixed + plan.pages.least * pageBytes;
-        if (plan.bytes <= budget) {
-            plan.mostPages =
-                std::min(plan.pages.wanted, plan.pages.least + (budget - plan.bytes) / pageBytes);
-            plan.bytes = fixed + plan.mostPages * pageBytes;
-            return plan;
-        }
-    }
-    return std::nullopt;
-}
-
-Plan planPass(const Measured& measured, const Settings& settings) {
-    const unsigned threads = std::max(settings.threads, 1u);
-    const std::uint64_t limit = settings.maxMemory;
-    for (const std::uint64_t budget : {fewCellsBudget, manyCellsBudget}) {
-        const auto plan = planWithin(measured, settings, threads, std::min(limit, budget));
-        if (plan && (plan->pages.pageRecords >= smallPage || budget >= std::min(limit, manyCellsBudget))) {
-            return *plan;
-        }
-    }
-    for (unsigned workers = threads; workers > 0; workers /= 2) {
-        if (const auto plan = planWithin(measured, settings, workers, limit)) {
-            return *plan;
-        }
-    }
-    const std::uint64_t cells = occupiedCells(measured);
-    const PagePlan pages = planPages(measured.cells, 1, settings.windowRecords, 1);
-    const std::uint64_t least = workerBytes(measured, settings.windowRecords, cells) +
-                                KeyTable::bytesFor(cells) + Places::bytesFor(cells) +
-                                pages.least * PagePool::pageBytes(1, measured.hasCoefficients);
-    throw TooLittleMemory("writing the dataset needs " + std::to_string(least) + " bytes of memory", least);
-}
 
 // The workers take their places one after the other, in window order.
 class Turn {
@@ -175,7 +99,7 @@ private:
     const Settings& settings_;
     OutputFile& data_;
     OutputFile* coefficients_; // null without
-    Plan plan_;
+    PlacePlan plan_;
     Windows windows_;
     std::size_t recordFloats_;
     FastQuantiser quantiser_;
@@ -203,10 +127,10 @@ private:
 PlacePass::PlacePass(const SplatSource::Source& scene, const Measured& facts, const Settings& chosen,
                      OutputFile& dataFile, OutputFile* coefficientFile)
     : source_(scene), measured_(facts), settings_(chosen), data_(dataFile), coefficients_(coefficientFile),
-      plan_(planPass(facts, chosen)), windows_{.records = scene.count, .windowRecords = plan_.windowRecords},
+      plan_(planPlace(facts, chosen)), windows_{.records = scene.count, .windowRecords = plan_.windowRecords},
       recordFloats_(recordLayout(facts.hasCoefficients).floats),
       quantiser_(quantiseSettings(facts.bounding, true)), isSingle_(facts.countedSplats <= singleCellSplats),
-      hasManyCells_(occupiedCells(facts) > manyCells), numbers_(occupiedCells(facts)),
+      hasManyCells_(filledCells(facts) > manyCells), numbers_(filledCells(facts)),
       places_(facts.cells, plan_.pages.pageRecords),
       pool_(plan_.pages.pageRecords, facts.hasCoefficients, plan_.mostPages), crew_(chosen) {
     std::uint32_t number = 0;
@@ -387,7 +311,7 @@ void PlacePass::work() {
     Worker worker;
     worker.window = makeLargeArray<float>(windows_.windowRecords * recordFloats_);
     worker.keys.resize(windows_.windowRecords);
-    worker.slotOf.assign(occupiedCells(measured_), notListed);
+    worker.slotOf.assign(filledCells(measured_), notListed);
     worker.slots.reserve(windows_.windowRecords);
     worker.segments.reserve(windows_.windowRecords);
     for (;;) {
@@ -414,10 +338,6 @@ void PlacePass::run() {
 }
 
 } // namespace
-
-std::uint64_t placeMemory(const Measured& measured, const Settings& settings) {
-    return planPass(measured, settings).bytes;
-}
 
 void placeRecords(const SplatSource::Source& source, const Measured& measured,
                   const std::filesystem::path& folder, const Settings& settings) {

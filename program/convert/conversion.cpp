@@ -20,13 +20,13 @@ constexpr std::uint64_t ownBytes = 16 << 20;
                                   const Means& means) {
     const std::string what = fmt::format("{}: converting {} takes at least {} of memory", name,
                                          countText(splats, "splat", "splats"), bytesText(least));
-    throw Failure(
-        ExitStatus::inputRefused,
-        means.isMemoryStated
-            ? fmt::format("{} and --max-memory allows {}: allow as much", what, bytesText(means.memory))
-            : fmt::format("{} and {} are free: close other programs, or cut the scene into smaller "
-                          "files",
-                          what, bytesText(means.freeMemory)));
+    throw Failure(ExitStatus::inputRefused,
+                  means.isMemoryStated
+                      ? fmt::format("{} and --max-memory allows {}: write --max-memory {}", what,
+                                    bytesText(means.memory), least)
+                      : fmt::format("{} and {} are free: close other programs, or cut the scene into smaller "
+                                    "files",
+                                    what, bytesText(means.freeMemory)));
 }
 
 SplatStream::Settings settingsOf(const Means& means, const PassProgress& progress) {
@@ -79,10 +79,11 @@ SplatStream::Measured measureSource(const std::string& name, const SplatSource::
     });
 }
 
-std::uint64_t memoryToPlace(const std::string& name, const SplatStream::Measured& measured,
-                            const Means& means) {
-    return asFailures(name, measured.splats, means,
-                      [&] { return SplatStream::placeMemory(measured, settingsOf(means, {})); });
+std::uint64_t memoryOfPasses(const SplatSource::Source& source, const SplatStream::Measured& measured,
+                             const Means& means) {
+    const SplatStream::Settings settings = settingsOf(means, {});
+    return std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
+                    SplatStream::placeMemory(measured, settings));
 }
 
 void writeDataset(const std::string& name, const SplatSource::Source& source,

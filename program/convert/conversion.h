@@ -30,10 +30,10 @@ Means chooseMeans(unsigned threads, std::uint64_t maxMemory);
 SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
                                     const Means& means, const PassProgress& progress);
 
-// Bytes that the second pass will allocate at its peak. Throws a Failure (InputRefused) when the memory does
-// not suffice.
-std::uint64_t memoryToPlace(const std::string& name, const SplatStream::Measured& measured,
-                            const Means& means);
+// Bytes that the pass which needs more allocates at its peak. `means` are those that the scene was measured
+// with.
+std::uint64_t memoryOfPasses(const SplatSource::Source& source, const SplatStream::Measured& measured,
+                             const Means& means);
 
 // The second pass: the whole dataset into an empty folder. Throws as measureSource does, and a Failure
 // (ConversionFailed) when a file cannot be written.

@@ -112,7 +112,7 @@ Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const O
     for (const SplatStream::Cell& cell : measured.cells) {
         plan.largestCell = std::max(plan.largestCell, cell.splats);
     }
-    plan.memory = memoryToPlace(input, measured, means) + programBytes;
+    plan.memory = memoryOfPasses(scene, measured, means) + programBytes;
     plan.freeMemory = means.freeMemory;
     plan.indexBytes = measured.cells.size() * indexEntryBytes;
     checkDisk(plan, measured.splats - measured.leftOut, measured.hasCoefficients, output);

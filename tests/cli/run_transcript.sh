@@ -50,7 +50,7 @@ settled() {
         -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
         -e 's/[0-9.]+ [KMGTP]iB and FREE/NEED and FREE/' \
         -e 's/^(peak memory +)[0-9.]+ [KMGTP]iB,/\1NEED,/' -e 's/"memoryBytes":[0-9]+/"memoryBytes":NEED/' \
-        -e 's/(takes at least) [0-9.]+ [KMGTP]iB/\1 NEED/' \
+        -e 's/(takes at least) [0-9.]+ [KMGTP]iB/\1 NEED/' -e 's/(write --max-memory) [0-9]+/\1 NEED/' \
         -e 's/"seconds":[0-9.e+-]+,"splatsPerSecond":[0-9]+/"seconds":TIME,"splatsPerSecond":SPEED/' \
         -e 's/(log\.txt +at most) [0-9,]+/\1 SOME/' -e 's/("logBytesAtMost"):[0-9]+/\1:SOME/' \
         -e 's/"(free[A-Za-z]*Bytes)":[0-9]+/"\1":FREE/g' "$1"

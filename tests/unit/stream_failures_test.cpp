@@ -225,32 +225,28 @@ TEST_F(StreamFailureTest, ADiskWithoutRoom) {
 
 TEST_F(StreamFailureTest, MemoryThatIsTooLittleSaysWhatWouldDo) {
     const auto source = openScene(input);
-    const Measured measured = measure(*source, settingsOf(3, 64));
     Settings settings = settingsOf(3, 64);
-    settings.maxMemory = 1000;
-    std::uint64_t least = 0;
-    try {
-        measure(*source, settings);
-        ADD_FAILURE() << "1,000 bytes are too few";
-    } catch (const TooLittleMemory& error) {
-        least = error.least;
+    const Measured measured = measure(*source, settings);
+    const auto leastWith = [&](std::uint64_t memory, auto pass) {
+        settings.maxMemory = memory;
+        try {
+            pass();
+        } catch (const TooLittleMemory& error) {
+            return error.least;
+        }
+        return std::uint64_t{0};
+    };
+    const auto measureIt = [&] { measure(*source, settings); };
+    const auto placeIt = [&] { place(*source, measured, output, settings); };
+    const std::uint64_t least = measured.leastMemory;
+    for (const std::uint64_t memory : {std::uint64_t{1}, std::uint64_t{1000}, least - 1}) {
+        EXPECT_EQ(leastWith(memory, measureIt), least) << memory;
     }
-    EXPECT_GT(least, settings.maxMemory);
-    settings.maxMemory = least;
-    EXPECT_EQ(measure(*source, settings).splats, 5000u);
-
-    settings.maxMemory = 1000;
-    EXPECT_THROW(placeMemory(measured, settings), TooLittleMemory);
-    try {
-        place(*source, measured, output, settings);
-        ADD_FAILURE() << "1,000 bytes are too few";
-    } catch (const TooLittleMemory& error) {
-        least = error.least;
-    }
-    EXPECT_GT(least, settings.maxMemory);
-    settings.maxMemory = least;
+    EXPECT_EQ(leastWith(1000, placeIt), least);
+    EXPECT_EQ(leastWith(least, measureIt), 0u);
+    EXPECT_EQ(leastWith(least, placeIt), 0u);
+    EXPECT_LE(measureMemory(*source, measured.occupiedCells, settings), least);
     EXPECT_LE(placeMemory(measured, settings), least);
-    place(*source, measured, output, settings);
 }
 
 } // namespace

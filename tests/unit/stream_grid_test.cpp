@@ -1,9 +1,11 @@
 // Small scenes on the grids of large ones: cells beyond the bounds, colliding keys, little memory.
 
+#include "stream/distinct_keys.h"
 #include "tests/unit/stream_support.h"
 
 #include <algorithm>
 #include <limits>
+#include <set>
 
 namespace Tavrin::SplatStream {
 
@@ -112,6 +114,7 @@ TEST_F(StreamGridTest, EveryAmountOfMemoryThatDoes) {
                 const auto source = openScene(input);
                 try {
                     const Measured measured = measure(*source, settings);
+                    EXPECT_LE(measureMemory(*source, measured.occupiedCells, settings), memory);
                     EXPECT_LE(placeMemory(measured, settings), memory);
                 } catch (const TooLittleMemory& error) {
                     EXPECT_GT(error.least, memory);
@@ -121,6 +124,69 @@ TEST_F(StreamGridTest, EveryAmountOfMemoryThatDoes) {
             }
         }
     }
+}
+
+std::uint64_t leastOf(const SplatSource::Source& source, Settings settings, std::uint64_t memory) {
+    settings.maxMemory = memory;
+    try {
+        measure(source, settings);
+    } catch (const TooLittleMemory& error) {
+        return error.least;
+    }
+    return 0;
+}
+
+// Few cells and many, listed and left out, counted on the way and afterwards.
+TEST_F(StreamGridTest, EveryRefusalNamesWhatDoesAndNoMore) {
+    for (const float extent : {20.0f, 150.0f, 1200.0f}) {
+        for (const bool isStated : {false, true}) {
+            SCOPED_TRACE(testing::Message() << extent << ' ' << isStated);
+            PlyFile file = support::randomFile(136, 3000, true, extent, extent);
+            if (isStated) {
+                file.comments = bounds(extent * 0.4f, extent * 0.4f);
+            }
+            file.write(input);
+            convertByLibraryAs(scratch, input, many);
+            const auto source = openScene(input);
+            for (const unsigned threads : {1u, 2u, 7u}) {
+                Settings settings = settingsOf(threads, 16);
+                settings.countAs = many;
+                const std::uint64_t least = measure(*source, settings).leastMemory;
+                for (std::uint64_t memory = 1; memory < least; memory += memory / 3 + 1) {
+                    ASSERT_EQ(leastOf(*source, settings, memory), least) << memory;
+                }
+                EXPECT_EQ(leastOf(*source, settings, least - 1), least);
+                settings.maxMemory = least;
+                stream(*source, support::pathBytes(input), scratch / "streamed", settings);
+                expectSameDatasets(scratch / "streamed", scratch / "library");
+            }
+        }
+    }
+}
+
+TEST_F(StreamGridTest, KeysAreCountedInAsManyPassesAsTheMemoryAsksFor) {
+    support::Random random(137);
+    std::vector<std::uint32_t> keys(20'000);
+    for (std::uint32_t& key : keys) {
+        // Columns and rows of a grid of 100 by 150 cells, and one far off in each direction.
+        key = static_cast<std::uint32_t>(random.next() % 100 | random.next() % 150 << 16);
+    }
+    keys.insert(keys.end(), {65'535u, 65'535u << 16, UINT32_MAX});
+    const std::uint64_t expected = std::set<std::uint32_t>(keys.begin(), keys.end()).size();
+    std::uint64_t before = UINT64_MAX;
+    for (const std::uint64_t bytes : {0u, 16u << 10, 64u << 10, 1u << 20}) {
+        std::uint64_t passes = 0;
+        const std::uint64_t counted = countDistinctKeys(bytes, [&](const KeyVisitor& visit) {
+            ++passes;
+            for (std::size_t i = 0; i < keys.size(); i += 1000) {
+                visit(&keys[i], std::min<std::size_t>(1000, keys.size() - i));
+            }
+        });
+        EXPECT_EQ(counted, expected) << bytes;
+        EXPECT_LT(passes, before) << bytes;
+        before = passes;
+    }
+    EXPECT_EQ(before, 1u);
 }
 
 // A source may drop records: the dataset is that of a scene without them.

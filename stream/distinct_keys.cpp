@@ -1,0 +1,58 @@
+#include "stream/distinct_keys.h"
+
+#include "stream/key_table.h"
+
+namespace Tavrin::SplatStream {
+
+namespace {
+
+// The part's keys do not fit the table.
+struct TooManyKeys {};
+
+// Which of the parts a key belongs to. The table hashes with another factor, so a part fills it evenly.
+std::uint64_t partOf(std::uint32_t key, std::uint64_t parts) {
+    const std::uint32_t mixed = (key ^ key >> 15) * 0x85EBCA6Bu;
+    return (mixed ^ mixed >> 13) * parts >> 32;
+}
+
+std::uint64_t countPart(std::uint64_t part, std::uint64_t parts, std::uint64_t mostKeys,
+                        const std::function<void(const KeyVisitor&)>& pass) {
+    KeyTable table(mostKeys);
+    std::uint64_t found = 0;
+    pass([&](const std::uint32_t* keys, std::uint64_t count) {
+        for (std::uint64_t i = 0; i < count; ++i) {
+            if (partOf(keys[i], parts) == part && table.find(keys[i]) == KeyTable::none) {
+                if (found == mostKeys) {
+                    throw TooManyKeys();
+                }
+                table.insert(keys[i], static_cast<std::uint32_t>(found++));
+            }
+        }
+    });
+    return found;
+}
+
+} // namespace
+
+// The keys are cut into parts by a hash, and each part is counted in a pass of its own. A part that does not
+// fit the table cuts all later ones in two.
+std::uint64_t countDistinctKeys(std::uint64_t bytes, const std::function<void(const KeyVisitor&)>& pass) {
+    std::uint64_t mostKeys = 64;
+    while (KeyTable::bytesFor(mostKeys * 2) <= bytes) {
+        mostKeys *= 2;
+    }
+    std::uint64_t all = 0;
+    std::uint64_t parts = 1;
+    for (std::uint64_t part = 0; part < parts;) {
+        try {
+            all += countPart(part, parts, mostKeys, pass);
+            ++part;
+        } catch (const TooManyKeys&) {
+            part *= 2;
+            parts *= 2;
+        }
+    }
+    return all;
+}
+
+} // namespace Tavrin::SplatStream

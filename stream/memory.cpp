@@ -1,0 +1,160 @@
+#include "stream/memory.h"
+
+#include "src/splatheader.h"
+#include "stream/cell_counts.h"
+#include "stream/key_table.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace Tavrin::SplatStream {
+
+using namespace GaussionSplat;
+
+namespace {
+
+constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+
+std::uint64_t windowOf(std::uint64_t records, const Settings& settings) {
+    return std::clamp<std::uint64_t>(settings.windowRecords, 1,
+                                     std::clamp<std::uint64_t>(records, 1, mebibyte));
+}
+
+// What one worker of place allocates.
+std::uint64_t placeWorkerBytes(bool hasCoefficients, std::uint64_t windowRecords, std::uint64_t cells) {
+    constexpr std::uint64_t ofRecord = 2 * sizeof(std::uint32_t) + 64; // key, slot, and the slot's own
+    return windowRecords * (recordLayout(hasCoefficients).floats * sizeof(float) + ofRecord) +
+           cells * sizeof(std::uint32_t);
+}
+
+// What the workers share, but for the pages.
+std::uint64_t sharedBytes(std::uint64_t cells) {
+    return KeyTable::bytesFor(cells) + Places::bytesFor(cells) + cells * sizeof(Cell);
+}
+
+std::uint64_t leastToPlace(bool hasCoefficients, std::uint64_t windowRecords, std::uint64_t cells) {
+    return placeWorkerBytes(hasCoefficients, windowRecords, cells) + sharedBytes(cells) +
+           leastPages(cells, 1, windowRecords) * PagePool::pageBytes(1, hasCoefficients);
+}
+
+// The memory of a run without a limit. It is small where few cells fill side by side. Many cells get more,
+// because writing small pieces is slow.
+constexpr std::uint64_t fewCellsBudget = 48 * mebibyte;
+constexpr std::uint64_t manyCellsBudget = 440 * mebibyte;
+constexpr std::uint64_t smallPage = 1024; // records
+
+// The largest pages that fit.
+std::optional<PlacePlan> placeWithin(const Measured& measured, const Settings& settings, unsigned workers,
+                                     std::uint64_t budget) {
+    PlacePlan plan;
+    plan.workers = workers;
+    plan.windowRecords = windowOf(measured.read, settings);
+    const std::uint64_t cells = filledCells(measured);
+    const std::uint64_t fixed =
+        workers * placeWorkerBytes(measured.hasCoefficients, plan.windowRecords, cells) + sharedBytes(cells);
+    for (std::uint64_t size = mostPageRecords; size > 0; size /= 2) {
+        plan.pages = planPages(measured.cells, size, plan.windowRecords, workers);
+        const std::uint64_t pageBytes = PagePool::pageBytes(size, measured.hasCoefficients);
+        plan.bytes = fixed + plan.pages.least * pageBytes;
+        if (plan.bytes <= budget) {
+            plan.mostPages =
+                std::min(plan.pages.wanted, plan.pages.least + (budget - plan.bytes) / pageBytes);
+            plan.bytes = fixed + plan.mostPages * pageBytes;
+            return plan;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+std::uint64_t filledCells(const Measured& measured) {
+    std::uint64_t cells = 0;
+    for (const Cell& cell : measured.cells) {
+        cells += cell.splats > 0 ? 1 : 0;
+    }
+    return cells;
+}
+
+std::uint64_t windowOf(const SplatSource::Source& source, const Settings& settings) {
+    return windowOf(source.count, settings);
+}
+
+std::uint64_t splatsExpected(const SplatSource::Source& source, const Settings& settings) {
+    return settings.countAs > 0 ? settings.countAs : source.count;
+}
+
+namespace {
+
+// But for the memory: the window and what a worker needs beside it.
+MeasurePlan leastMeasure(const SplatSource::Source& source, const Settings& settings) {
+    MeasurePlan plan;
+    plan.windowRecords = windowOf(source, settings);
+    const bool ownPositions = !statesBounds(source.params) && source.boxPositions() > 0;
+    plan.windowFloats = plan.windowRecords * recordLayout(source.hasCoefficients || ownPositions).floats;
+    constexpr std::uint64_t ofWorker = 2048; // its findings, range by range
+    plan.workerBytes = plan.windowFloats * sizeof(float) + plan.windowRecords * sizeof(std::uint32_t) +
+                       ofWorker + CellCounts::leastBytes;
+    return plan;
+}
+
+} // namespace
+
+// As many workers as fit. Positions are kept where they fit as well, and leave half of the memory to the
+// cells.
+MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& settings, std::uint64_t bytes) {
+    MeasurePlan plan = leastMeasure(source, settings);
+    const std::uint64_t windows = source.count / plan.windowRecords + 1;
+    plan.workers = static_cast<unsigned>(
+        std::clamp<std::uint64_t>(std::min<std::uint64_t>(settings.threads, windows), 1,
+                                  std::max<std::uint64_t>(bytes / plan.workerBytes, 1)));
+    plan.spareBytes = bytes - plan.workers * plan.workerBytes;
+    if (splatsExpected(source, settings) > singleCellSplats && !statesBounds(source.params)) {
+        const std::uint64_t kept = source.count * 2 * sizeof(float) + windows * sizeof(std::uint32_t);
+        plan.keptBytes = kept <= plan.spareBytes / 2 ? kept : 0;
+        plan.spareBytes -= plan.keptBytes;
+    }
+    return plan;
+}
+
+std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells,
+                            const Settings& settings) {
+    const MeasurePlan plan = planMeasure(
+        source, settings, std::max(settings.maxMemory, leastMeasure(source, settings).workerBytes));
+    return plan.workers * plan.workerBytes + plan.keptBytes +
+           std::min(plan.spareBytes, CellCounts::peakBytes(cells, plan.workers));
+}
+
+std::uint64_t placeMemory(const Measured& measured, const Settings& settings) {
+    return planPlace(measured, settings).bytes;
+}
+
+PlacePlan planPlace(const Measured& measured, const Settings& settings) {
+    const unsigned threads = std::max(settings.threads, 1u);
+    const std::uint64_t limit = settings.maxMemory;
+    for (const std::uint64_t budget : {fewCellsBudget, manyCellsBudget}) {
+        const auto plan = placeWithin(measured, settings, threads, std::min(limit, budget));
+        if (plan && (plan->pages.pageRecords >= smallPage || budget >= std::min(limit, manyCellsBudget))) {
+            return *plan;
+        }
+    }
+    for (unsigned workers = threads; workers > 0; workers /= 2) {
+        if (const auto plan = placeWithin(measured, settings, workers, limit)) {
+            return *plan;
+        }
+    }
+    refuseMemory(std::max(
+        measured.leastMemory,
+        leastToPlace(measured.hasCoefficients, windowOf(measured.read, settings), filledCells(measured))));
+}
+
+std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, const Settings& settings) {
+    return std::max(leastMeasure(source, settings).workerBytes + CellCounts::peakBytes(cells, 1),
+                    leastToPlace(source.hasCoefficients, windowOf(source, settings), cells));
+}
+
+void refuseMemory(std::uint64_t least) {
+    throw TooLittleMemory("the conversion needs " + std::to_string(least) + " bytes of memory", least);
+}
+
+} // namespace Tavrin::SplatStream
