@@ -68,7 +68,7 @@ std::int32_t convert(const std::string& input, const std::string& output) {
     const auto bounding = std::make_shared<AttributeBounding>();
     bounding->hasShcoef = header.hasShcoef;
     if (header.hasShcoef) {
-        header.recordSize = recordSizeWithShcoef;
+        header.recordSize = recordSizeWithCoefficients;
     }
     const std::vector<SplatHeader> headers{header};
     const auto chunks = std::make_shared<ChunkList>();

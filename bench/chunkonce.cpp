@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
         SplatHeader header(argv[1], std::make_shared<Params>(), 1);
         const auto bounding = std::make_shared<AttributeBounding>();
         bounding->hasShcoef = header.hasShcoef;
-        header.recordSize = header.hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef;
+        header.recordSize = header.hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
         const auto chunks = std::make_shared<ChunkList>();
         Chunker chunker;
         chunker.headers = {header};

@@ -65,7 +65,8 @@ void compare(const Reading& reading, const std::string& file) {
     fuzz::require(static_cast<std::uint64_t>(header.headerEnd) == expected.end,
                   "the header ends where the reference says");
     fuzz::require(header.hasShcoef == expected.coefficients, "coefficients are seen as by the reference");
-    fuzz::require(header.level == 0 && header.recordSize == recordSizeWithoutShcoef, "the defaults stand");
+    fuzz::require(header.level == 0 && header.recordSize == recordSizeWithoutCoefficients,
+                  "the defaults stand");
     fuzz::requireEqual(params.dataType, expected.dataType, "dataType");
     fuzz::requireEqual(params.source, expected.source, "source");
     fuzz::require(params.epsg == expected.epsg, "the EPSG code is that of the reference");

@@ -17,7 +17,7 @@ std::int32_t convertAs(const Job& job) {
     chooseGrid(job.countAs, header.bboxMin, header.bboxMax);
     const auto bounding = std::make_shared<AttributeBounding>();
     bounding->hasShcoef = header.hasShcoef;
-    header.recordSize = header.hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef;
+    header.recordSize = header.hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
     const auto chunks = std::make_shared<ChunkList>();
     std::filesystem::remove_all(job.output);
     std::filesystem::create_directories(job.output);

@@ -106,11 +106,11 @@ void checkVariant(fuzz::Source& source) {
     for (std::size_t i = 0; i < records.size(); ++i) {
         const std::size_t place = i % floats;
         const bool isNormal = place >= GaussionSplat::normalAt && place < GaussionSplat::colourAt;
-        const bool isRest = degree > 0 && place >= GaussionSplat::shcoefAt && place < opacityAt;
-        const bool isThere =
-            isNormal
-                ? variant.hasNormals
-                : !isRest || (place - GaussionSplat::shcoefAt) % GaussionSplat::shcoefPerChannel < perChannel;
+        const bool isRest = degree > 0 && place >= GaussionSplat::coefficientsAt && place < opacityAt;
+        const bool isThere = isNormal ? variant.hasNormals
+                                      : !isRest || (place - GaussionSplat::coefficientsAt) %
+                                                           GaussionSplat::coefficientsPerChannel <
+                                                       perChannel;
         const auto bits = source.take<std::uint32_t>();
         const auto real = std::bit_cast<float>(bits);
         const float value =

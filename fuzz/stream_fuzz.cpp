@@ -117,8 +117,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!opened.header || opened.header->vertexCount < 1) {
         return 0;
     }
-    const auto bytes = static_cast<std::uint64_t>(opened.header->vertexCount) *
-                       (opened.header->hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef);
+    const auto bytes =
+        static_cast<std::uint64_t>(opened.header->vertexCount) *
+        (opened.header->hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients);
     const bool isWhole =
         opened.header->fileSize - static_cast<std::uint64_t>(opened.header->headerEnd) >= bytes;
     std::unique_ptr<CanonicalPly> ply;

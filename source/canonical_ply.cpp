@@ -7,15 +7,15 @@
 
 namespace Tavrin::SplatSource {
 
-using GaussionSplat::recordSizeWithoutShcoef;
-using GaussionSplat::recordSizeWithShcoef;
+using GaussionSplat::recordSizeWithCoefficients;
+using GaussionSplat::recordSizeWithoutCoefficients;
 using GaussionSplat::scanStride;
 
 static_assert(std::endian::native == std::endian::little, "records are used as they lie in the file");
 
 CanonicalPly::CanonicalPly(const std::filesystem::path& path, const CanonicalPlyFacts& facts)
     : file_(path), bodyAt_(facts.bodyAt),
-      recordBytes_(facts.hasCoefficients ? recordSizeWithShcoef : recordSizeWithoutShcoef) {
+      recordBytes_(facts.hasCoefficients ? recordSizeWithCoefficients : recordSizeWithoutCoefficients) {
     count = facts.count;
     hasCoefficients = facts.hasCoefficients;
     params = facts.params;

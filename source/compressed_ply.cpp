@@ -213,7 +213,7 @@ void CompressedPlyInput::readWide(std::uint64_t first, std::uint64_t size, float
             record[colourAt + axis] = static_cast<float>((colour - 0.5) / colourFactor);
             const std::uint8_t* const channel = bytes.data() + i * coefficientBytes_ + axis * perChannel;
             for (std::uint64_t k = 0; k < perChannel; ++k) {
-                record[shcoefAt + axis * shcoefPerChannel + k] =
+                record[coefficientsAt + axis * coefficientsPerChannel + k] =
                     static_cast<float>(channel[k] * 8.0 / 255.0 - 4.0);
             }
         }

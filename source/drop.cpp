@@ -180,7 +180,7 @@ std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const 
     if (!areFinite(record + colourAt, 3)) {
         return invalid(inColour);
     }
-    if (input_->hasCoefficients && !areFinite(record + shcoefAt, shcoefFloats)) {
+    if (input_->hasCoefficients && !areFinite(record + coefficientsAt, coefficientFloats)) {
         return invalid(inCoefficient);
     }
     if (!areFinite(record + normalAt, 3)) {

@@ -15,8 +15,8 @@
 namespace Tavrin::SplatSource {
 namespace {
 
-using GaussionSplat::layoutWithoutShcoef;
-using GaussionSplat::layoutWithShcoef;
+using GaussionSplat::layoutWithCoefficients;
+using GaussionSplat::layoutWithoutCoefficients;
 
 constexpr std::array<const char*, 3> offsetKeys = {"offsetx", "offsety", "offsetz"};
 constexpr double offsetTolerance = 1e-5;  // of a stated offset in single precision, scene units
@@ -30,15 +30,16 @@ double wholeNear(double value) {
 // Inserts 15 zero coefficients a channel into records without any. Works in place, from the last record on.
 void widenRecords(std::uint64_t count, float* records) {
     using namespace GaussionSplat;
-    constexpr std::size_t narrow = layoutWithoutShcoef.floats;
-    constexpr std::size_t wide = layoutWithShcoef.floats;
+    constexpr std::size_t narrow = layoutWithoutCoefficients.floats;
+    constexpr std::size_t wide = layoutWithCoefficients.floats;
     for (std::uint64_t i = count; i-- > 0;) {
         float record[narrow];
         std::memcpy(record, records + i * narrow, sizeof record);
         float* const to = records + i * wide;
-        std::copy_n(record, shcoefAt, to);
-        std::fill_n(to + shcoefAt, shcoefFloats, 0.0f);
-        std::copy_n(record + shcoefAt, narrow - shcoefAt, to + shcoefAt + shcoefFloats);
+        std::copy_n(record, coefficientsAt, to);
+        std::fill_n(to + coefficientsAt, coefficientFloats, 0.0f);
+        std::copy_n(record + coefficientsAt, narrow - coefficientsAt,
+                    to + coefficientsAt + coefficientFloats);
     }
 }
 

@@ -47,10 +47,10 @@ std::vector<std::string> recordNames(int degree, std::uint64_t perChannel) {
     put(record.opacity, {"opacity"});
     put(record.scale, {"scale_0", "scale_1", "scale_2"});
     put(record.rotation, {"rot_0", "rot_1", "rot_2", "rot_3"});
-    const std::uint64_t taken = std::min<std::uint64_t>(perChannel, shcoefPerChannel);
+    const std::uint64_t taken = std::min<std::uint64_t>(perChannel, coefficientsPerChannel);
     for (std::size_t channel = 0; degree > 0 && channel < 3; ++channel) {
         for (std::uint64_t i = 0; i < taken; ++i) {
-            names[shcoefAt + channel * shcoefPerChannel + i] =
+            names[coefficientsAt + channel * coefficientsPerChannel + i] =
                 fmt::format("f_rest_{}", channel * perChannel + i);
         }
     }
@@ -237,7 +237,7 @@ private:
 } // namespace
 
 std::vector<std::string> canonicalNames(bool hasCoefficients) {
-    return recordNames(hasCoefficients ? 3 : 0, GaussionSplat::shcoefPerChannel);
+    return recordNames(hasCoefficients ? 3 : 0, GaussionSplat::coefficientsPerChannel);
 }
 
 bool isCompressedPly(const PlyHeader& header) {

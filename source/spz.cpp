@@ -260,7 +260,7 @@ void SpzInput::decodeCoefficients(const std::uint8_t* bytes, std::uint64_t size,
     const std::uint64_t splatBytes = header_.bytesOf(SpzArray::coefficients);
     const int kept = std::min(static_cast<int>(splatBytes / 3), coefficientsPerChannel);
     for (std::uint64_t i = 0; i < size; ++i, bytes += splatBytes) {
-        float* const coefficients = records + i * floats + shcoefAt;
+        float* const coefficients = records + i * floats + coefficientsAt;
         for (int channel = 0; channel < 3; ++channel) {
             float* const values = coefficients + channel * coefficientsPerChannel;
             for (int k = 0; k < kept; ++k) {

@@ -61,9 +61,9 @@ namespace {
 // Merge a block that is completely decoded, and hand it on. The caller holds the chunk lock, which guards the
 // list that the block is appended to.
 void finishBlock(DecodeJob& job, ChunkPass& pass) {
-    const bool hasShcoef = pass.bounding->hasShcoef;
-    settleZeroBounds(job.block.get(), job.task.count, hasShcoef, job.ranges);
-    mergeRanges(*pass.bounding, job.ranges, hasShcoef);
+    const bool hasCoefficients = pass.bounding->hasShcoef;
+    settleZeroBounds(job.block.get(), job.task.count, hasCoefficients, job.ranges);
+    mergeRanges(*pass.bounding, job.ranges, hasCoefficients);
     auto chunk = std::make_shared<ChunkData>();
     chunk->splatCount = static_cast<std::uint32_t>(job.task.count);
     chunk->level = job.task.level;
@@ -126,8 +126,8 @@ void readRecords(RecordReader& reader, const Chunker::Task& task, std::uint64_t 
 // one read of the whole block. A second visit of record 0 would change nothing, so one is made.
 void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const Chunker::Task& task = job.task;
-    const bool hasShcoef = pass.bounding->hasShcoef;
-    const std::size_t recordFloats = recordLayout(hasShcoef).floats;
+    const bool hasCoefficients = pass.bounding->hasShcoef;
+    const std::size_t recordFloats = recordLayout(hasCoefficients).floats;
     BlockRanges ranges;
     // Not derived from job.cells: finishing the block moves it away, and a worker that comes to help may find
     // the block finished.
@@ -135,7 +135,7 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
     const std::uint64_t decoded = job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         float* const window = job.block.get() + first * recordFloats;
         readRecords(reader, task, first, count, recordFloats, window);
-        decodeRecords(window, count, hasShcoef, ranges);
+        decodeRecords(window, count, hasCoefficients, ranges);
         if (counter) {
             findCells(window, recordFloats, first, count, *job.cells, *counter);
         }

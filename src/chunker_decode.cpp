@@ -92,8 +92,8 @@ void foldThree(ValueRange (&ranges)[3], const float* values) {
 
 } // namespace
 
-void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges) {
-    const RecordLayout& layout = recordLayout(hasShcoef);
+void decodeRecord(float* record, bool hasCoefficients, BlockRanges& ranges) {
+    const RecordLayout& layout = recordLayout(hasCoefficients);
     float* const rotation = record + layout.rotation;
     packRotationInPlace(rotation[0], rotation[1], rotation[2], rotation[3]);
     float* const scale = record + layout.scale;
@@ -110,8 +110,8 @@ void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges) {
     foldThree(ranges.colour, colour);
     ranges.opacity.fold(opacity);
     foldThree(ranges.scale, scale);
-    for (std::size_t i = 0; hasShcoef && i < 3 * shcoefPerChannel; ++i) {
-        ranges.shcoef[i / shcoefPerChannel].fold(record[shcoefAt + i]);
+    for (std::size_t i = 0; hasCoefficients && i < coefficientFloats; ++i) {
+        ranges.coefficients[i / coefficientsPerChannel].fold(record[coefficientsAt + i]);
     }
 }
 
@@ -128,8 +128,8 @@ struct Tile {
     alignas(64) float behindColour[tileRecords]; // the first coefficient, or the opacity, as it was read
 };
 
-static_assert(layoutWithShcoef.scale == layoutWithShcoef.opacity + 1 &&
-              layoutWithoutShcoef.scale == layoutWithoutShcoef.opacity + 1);
+static_assert(layoutWithCoefficients.scale == layoutWithCoefficients.opacity + 1 &&
+              layoutWithoutCoefficients.scale == layoutWithoutCoefficients.opacity + 1);
 
 // Four records at a time are taken apart into columns and put together again, where the build has vectors of
 // four floats. This works because opacity and scale are adjacent in both layouts, and so are the four parts
@@ -286,8 +286,8 @@ void foldChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
 }
 
 // The body of decodeRecords without ranges for all kernels.
-inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef) {
-    const RecordLayout& layout = recordLayout(hasShcoef);
+inline void decodeTiles(float* records, std::uint64_t count, bool hasCoefficients) {
+    const RecordLayout& layout = recordLayout(hasCoefficients);
     Tile tile{};
     for (std::uint64_t done = 0; done < count; done += tileRecords) {
         const std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(count - done, tileRecords));
@@ -299,10 +299,10 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef) {
 }
 
 // The body of decodeRecords for all kernels.
-inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
-    const RecordLayout& layout = recordLayout(hasShcoef);
+inline void decodeTiles(float* records, std::uint64_t count, bool hasCoefficients, BlockRanges& ranges) {
+    const RecordLayout& layout = recordLayout(hasCoefficients);
     LaneRanges<copiedLanes> copied;
-    LaneRanges<3 * shcoefPerChannel> shcoef;
+    LaneRanges<coefficientFloats> coefficients;
     Tile tile{};
     for (std::uint64_t done = 0; done < count;) {
         const std::size_t size = static_cast<std::size_t>(std::min<std::uint64_t>(count - done, tileRecords));
@@ -311,8 +311,8 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, Blo
         decodeTile(tile);
         foldTile(tile, size, ranges);
         copied.foldRecords(first, size, layout.floats);
-        if (hasShcoef) {
-            shcoef.foldRecords(first + shcoefAt, size, layout.floats);
+        if (hasCoefficients) {
+            coefficients.foldRecords(first + coefficientsAt, size, layout.floats);
         }
         storeTile(first, size, layout, tile);
         done += size;
@@ -321,7 +321,7 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, Blo
         foldInto(copied, ranges.position[axis], positionAt + axis, 1);
         foldInto(copied, ranges.normal[axis], normalAt + axis, 1);
     }
-    foldChannels(shcoef, ranges.shcoef);
+    foldChannels(coefficients, ranges.coefficients);
 }
 
 #if PLYCONVERT_AVX2
@@ -329,39 +329,40 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasShcoef, Blo
 // The same code for AVX2. `flatten` inlines all that it calls, so no shared function is compiled for the
 // wider vectors. Wider vectors hold more values and round each as narrow ones do. Without fused
 // multiplication the bytes stay the same.
-__attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::uint64_t count, bool hasShcoef,
-                                                         BlockRanges& ranges) {
-    decodeTiles(records, count, hasShcoef, ranges);
+__attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::uint64_t count,
+                                                         bool hasCoefficients, BlockRanges& ranges) {
+    decodeTiles(records, count, hasCoefficients, ranges);
 }
 
 __attribute__((target("avx2"), flatten)) void decodeAvx2(float* records, std::uint64_t count,
-                                                         bool hasShcoef) {
-    decodeTiles(records, count, hasShcoef);
+                                                         bool hasCoefficients) {
+    decodeTiles(records, count, hasCoefficients);
 }
 
 #endif
 
 } // namespace
 
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
+void decodeRecords(float* records, std::uint64_t count, bool hasCoefficients, BlockRanges& ranges,
                    [[maybe_unused]] Kernels kernels) {
 #if PLYCONVERT_AVX2
     if (kernels == Kernels::avx2) {
-        decodeAvx2(records, count, hasShcoef, ranges);
+        decodeAvx2(records, count, hasCoefficients, ranges);
         return;
     }
 #endif
-    decodeTiles(records, count, hasShcoef, ranges);
+    decodeTiles(records, count, hasCoefficients, ranges);
 }
 
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, [[maybe_unused]] Kernels kernels) {
+void decodeRecords(float* records, std::uint64_t count, bool hasCoefficients,
+                   [[maybe_unused]] Kernels kernels) {
 #if PLYCONVERT_AVX2
     if (kernels == Kernels::avx2) {
-        decodeAvx2(records, count, hasShcoef);
+        decodeAvx2(records, count, hasCoefficients);
         return;
     }
 #endif
-    decodeTiles(records, count, hasShcoef);
+    decodeTiles(records, count, hasCoefficients);
 }
 
 namespace {
@@ -397,14 +398,14 @@ void joinRanges(BlockRanges& ranges, const BlockRanges& other) {
         joinRange(ranges.position[axis], other.position[axis]);
         joinRange(ranges.normal[axis], other.normal[axis]);
         joinRange(ranges.colour[axis], other.colour[axis]);
-        joinRange(ranges.shcoef[axis], other.shcoef[axis]);
+        joinRange(ranges.coefficients[axis], other.coefficients[axis]);
         joinRange(ranges.scale[axis], other.scale[axis]);
     }
     joinRange(ranges.opacity, other.opacity);
 }
 
-void settleZeroBounds(const float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges) {
-    const std::size_t stride = recordLayout(hasShcoef).floats;
+void settleZeroBounds(const float* records, std::uint64_t count, bool hasCoefficients, BlockRanges& ranges) {
+    const std::size_t stride = recordLayout(hasCoefficients).floats;
     const auto settle = [&](ValueRange& range, std::size_t at, std::size_t width) {
         if (range.min != 0.0f && range.max != 0.0f) {
             return;
@@ -416,21 +417,22 @@ void settleZeroBounds(const float* records, std::uint64_t count, bool hasShcoef,
     for (std::size_t axis = 0; axis < 3; ++axis) {
         settle(ranges.position[axis], positionAt + axis, 1);
         settle(ranges.normal[axis], normalAt + axis, 1);
-        if (hasShcoef) {
-            settle(ranges.shcoef[axis], shcoefAt + axis * shcoefPerChannel, shcoefPerChannel);
+        if (hasCoefficients) {
+            settle(ranges.coefficients[axis], coefficientsAt + axis * coefficientsPerChannel,
+                   coefficientsPerChannel);
         }
     }
 }
 
-void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasShcoef) {
+void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasCoefficients) {
     widen(bounding.position, widened(ranges.position));
     widen(bounding.normal, widened(ranges.normal));
     widen(bounding.color, widened(ranges.colour));
     widenX(bounding.opacity,
            {.name = {}, .min = {ranges.opacity.min, 0.0, 0.0}, .max = {ranges.opacity.max, 0.0, 0.0}});
     widen(bounding.scale, widened(ranges.scale));
-    if (hasShcoef) {
-        widen(bounding.shcoef, widened(ranges.shcoef));
+    if (hasCoefficients) {
+        widen(bounding.shcoef, widened(ranges.coefficients));
     } else {
         bounding.shcoef.min = {0.0, 0.0, 0.0};
         bounding.shcoef.max = {1.0, 1.0, 1.0};

@@ -48,31 +48,32 @@ struct BlockRanges {
     ValueRange position[3];
     ValueRange normal[3];
     ValueRange colour[3];
-    ValueRange shcoef[3]; // red, green, blue
+    ValueRange coefficients[3]; // red, green, blue
     ValueRange opacity;
     ValueRange scale[3];
 };
 
 // Decode one record in place and widen ranges by it.
-void decodeRecord(float* record, bool hasShcoef, BlockRanges& ranges);
+void decodeRecord(float* record, bool hasCoefficients, BlockRanges& ranges);
 
 // Decode count records in place and widen ranges by them. The bytes are those of decodeRecord. So are the
 // bounds, except for the sign of a zero; settleZeroBounds corrects it once the whole block is decoded.
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges,
+void decodeRecords(float* records, std::uint64_t count, bool hasCoefficients, BlockRanges& ranges,
                    Kernels kernels = chosenKernels);
 
 // The same without ranges.
-void decodeRecords(float* records, std::uint64_t count, bool hasShcoef, Kernels kernels = chosenKernels);
+void decodeRecords(float* records, std::uint64_t count, bool hasCoefficients,
+                   Kernels kernels = chosenKernels);
 
 // Widen ranges by those of other records of the same block.
 void joinRanges(BlockRanges& ranges, const BlockRanges& other);
 
 // Give a zero bound of a copied attribute (position, normal, coefficients) the sign of the first zero in the
 // block. Visiting the records one by one would give the same sign. Decoded attributes have no negative zeros.
-void settleZeroBounds(const float* records, std::uint64_t count, bool hasShcoef, BlockRanges& ranges);
+void settleZeroBounds(const float* records, std::uint64_t count, bool hasCoefficients, BlockRanges& ranges);
 
 // Widen the shared ranges by those of a block. Opacity uses x alone. A block without coefficients sets their
 // range to [0, 1].
-void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasShcoef);
+void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasCoefficients);
 
 } // namespace Tavrin::GaussionSplat

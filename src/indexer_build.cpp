@@ -98,7 +98,7 @@ void prefetchSplat(const float* splat, std::size_t recordFloats) {
 void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats,
                  const FastQuantiser& quantiser, CellTable& table) {
     SplatsData* places[splatsAhead];
-    const bool hasShcoef = recordFloats == recordLayout(true).floats;
+    const bool hasCoefficients = recordFloats == recordLayout(true).floats;
     // The block donates each huge page as soon as all splats in it are placed.
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
     const std::uint64_t size = chunk.splatCount;
@@ -110,7 +110,7 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
         SplatsData* const place = table.place(keys != nullptr ? keys[i] : rule.keyOf(splat));
         places[i % splatsAhead] = place;
         prefetch(place->position);
-        if (hasShcoef) {
+        if (hasCoefficients) {
             prefetch(place->packed + 15); // the last line that a packed record reaches
         }
         prefetchSplat(splat, recordFloats);
@@ -143,7 +143,7 @@ void Indexer::buildIndex() {
     const QuantiseSettings settings = quantiseSettings(*bounding, compressed != 0);
     const FastQuantiser quantiser(settings);
     const CellRule rule{.single = splatCount <= singleCellSplats, .grid = chunkGrid};
-    const std::size_t recordFloats = recordLayout(settings.hasShcoef).floats;
+    const std::size_t recordFloats = recordLayout(settings.hasCoefficients).floats;
     LevelBuilds builds;
     std::uint64_t largestBlock = 0;
     for (const std::shared_ptr<ChunkData>& chunk : *chunks) {

@@ -124,15 +124,15 @@ constexpr std::size_t gatheredAhead = 32; // prefetch distance, in records
 // Writes the cells of the list one after the other.
 struct DataWriter {
     Indexer& indexer;
-    bool hasShcoef;
+    bool hasCoefficients;
     std::ofstream dataFile;
-    std::ofstream shcoefFile;
-    std::size_t shcoefRecordSize;
+    std::ofstream coefficientFile;
+    std::size_t coefficientRecordSize;
     std::uint64_t offset = 0; // where the next splat stands in data.bin, bytes
     std::size_t gathered = 0; // records in the buffers
     std::vector<std::byte> dataBuffer = std::vector<std::byte>(gatheredRecords * dataRecordSize);
-    std::vector<std::byte> shcoefBuffer =
-        std::vector<std::byte>(hasShcoef ? gatheredRecords * shcoefRecordSize : 0);
+    std::vector<std::byte> coefficientBuffer =
+        std::vector<std::byte>(hasCoefficients ? gatheredRecords * coefficientRecordSize : 0);
 
     SplatCell* findCell(std::int32_t level, std::uint32_t key) const {
         const auto lod = indexer.levels->find(static_cast<std::uint32_t>(level));
@@ -161,7 +161,8 @@ struct DataWriter {
     // Gather count adjacent records. The buffers must have room for them.
     void gatherRecords(const SplatsData* records, std::size_t count) {
         std::byte* data = dataBuffer.data() + gathered * dataRecordSize;
-        std::byte* shcoef = shcoefBuffer.data() + (hasShcoef ? gathered * shcoefRecordSize : 0);
+        std::byte* coefficients =
+            coefficientBuffer.data() + (hasCoefficients ? gathered * coefficientRecordSize : 0);
         const bool packs = indexer.compressed != 0;
         for (std::size_t i = 0; i < count; ++i) {
             const SplatsData& record = records[i];
@@ -171,12 +172,12 @@ struct DataWriter {
             }
             std::memcpy(data, &record, dataRecordSize);
             data += dataRecordSize;
-            if (hasShcoef && packs) { // copies of a size known here need no call
-                std::memcpy(shcoef, record.packed, packedCoefficientsSize);
-                shcoef += packedCoefficientsSize;
-            } else if (hasShcoef) {
-                std::memcpy(shcoef, record.raw, rawCoefficientsSize);
-                shcoef += rawCoefficientsSize;
+            if (hasCoefficients && packs) { // copies of a size known here need no call
+                std::memcpy(coefficients, record.packed, packedCoefficientsSize);
+                coefficients += packedCoefficientsSize;
+            } else if (hasCoefficients) {
+                std::memcpy(coefficients, record.raw, rawCoefficientsSize);
+                coefficients += rawCoefficientsSize;
             }
         }
         gathered += count;
@@ -184,8 +185,8 @@ struct DataWriter {
 
     void writeGathered() {
         writeBytes(dataFile, dataBuffer.data(), gathered * dataRecordSize);
-        if (hasShcoef) {
-            writeBytes(shcoefFile, shcoefBuffer.data(), gathered * shcoefRecordSize);
+        if (hasCoefficients) {
+            writeBytes(coefficientFile, coefficientBuffer.data(), gathered * coefficientRecordSize);
         }
         gathered = 0;
     }
@@ -214,25 +215,26 @@ struct DataWriter {
     void finish() {
         writeGathered();
         dataFile.flush();
-        shcoefFile.flush();
+        coefficientFile.flush();
     }
 };
 
 } // namespace
 
 void Indexer::writeDataFiles() {
-    const bool hasShcoef = bounding->hasShcoef;
+    const bool hasCoefficients = bounding->hasShcoef;
     DataWriter writer{.indexer = *this,
-                      .hasShcoef = hasShcoef,
+                      .hasCoefficients = hasCoefficients,
                       .dataFile = openOutput(outputFolder + "/data.bin", 533),
-                      .shcoefFile = {},
-                      .shcoefRecordSize = compressed != 0 ? packedCoefficientsSize : rawCoefficientsSize};
-    if (hasShcoef) {
-        writer.shcoefFile = openOutput(outputFolder + "/shcoef.bin", 541);
+                      .coefficientFile = {},
+                      .coefficientRecordSize =
+                          compressed != 0 ? packedCoefficientsSize : rawCoefficientsSize};
+    if (hasCoefficients) {
+        writer.coefficientFile = openOutput(outputFolder + "/shcoef.bin", 541);
     }
     const auto level0 = levels->find(0);
     if (level0 == levels->end()) {
-        failIndexer("cannot GET lod0 data", hasShcoef ? 548 : 708);
+        failIndexer("cannot GET lod0 data", hasCoefficients ? 548 : 708);
     }
     const std::vector<std::uint32_t> keys =
         splatCount > singleCellSplats ? walkGrid(chunkGrid, *level0->second) : std::vector<std::uint32_t>{0};
@@ -246,10 +248,10 @@ void Indexer::writeDataFiles() {
         entry += indexEntrySize;
     }
     writer.finish();
-    logInfo(LogLines::dataCreated(hasShcoef));
+    logInfo(LogLines::dataCreated(hasCoefficients));
     writer.dataFile.close();
-    writer.shcoefFile.close();
-    logInfo(LogLines::dataClosed(hasShcoef));
+    writer.coefficientFile.close();
+    logInfo(LogLines::dataClosed(hasCoefficients));
 }
 
 void Indexer::writeIndexFile() {

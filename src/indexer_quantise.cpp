@@ -30,10 +30,10 @@ void setRanges(QuantiseRange (&ranges)[3], const AttributeRange& attribute) {
     ranges[2] = rangeOf(attribute.min.z, attribute.max.z);
 }
 
-void interleaveCoefficients(const float* shcoef, float (&raw)[48]) {
-    for (std::size_t k = 0; k < shcoefPerChannel; ++k) {
+void interleaveCoefficients(const float* coefficients, float (&raw)[48]) {
+    for (std::size_t k = 0; k < coefficientsPerChannel; ++k) {
         for (std::size_t channel = 0; channel < 3; ++channel) {
-            raw[3 * k + channel] = shcoef[channel * shcoefPerChannel + k];
+            raw[3 * k + channel] = coefficients[channel * coefficientsPerChannel + k];
         }
     }
     raw[45] = raw[46] = raw[47] = 0.0f;
@@ -42,11 +42,14 @@ void interleaveCoefficients(const float* shcoef, float (&raw)[48]) {
 } // namespace
 
 QuantiseSettings quantiseSettings(const AttributeBounding& bounding, bool compressed) {
-    QuantiseSettings settings{
-        .hasShcoef = bounding.hasShcoef, .compressed = compressed, .scale = {}, .normal = {}, .shcoef = {}};
+    QuantiseSettings settings{.hasCoefficients = bounding.hasShcoef,
+                              .compressed = compressed,
+                              .scale = {},
+                              .normal = {},
+                              .coefficients = {}};
     setRanges(settings.scale, bounding.scale);
     setRanges(settings.normal, bounding.normal);
-    setRanges(settings.shcoef, bounding.shcoef);
+    setRanges(settings.coefficients, bounding.shcoef);
     return settings;
 }
 
@@ -73,7 +76,7 @@ std::uint32_t packCoefficientWord(float red, float green, float blue, const Quan
 }
 
 void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsData& record) {
-    const RecordLayout& layout = recordLayout(settings.hasShcoef);
+    const RecordLayout& layout = recordLayout(settings.hasCoefficients);
     for (std::size_t axis = 0; axis < 3; ++axis) {
         record.position[axis] = splat[positionAt + axis];
         record.colour[axis] = quantiseColour(splat[colourAt + axis]);
@@ -83,19 +86,20 @@ void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsD
     record.colour[3] = quantiseColour(splat[layout.opacity]);
     const std::uint32_t rotation = packRotationWord(splat + layout.rotation);
     std::memcpy(record.rotation, &rotation, sizeof rotation);
-    if (!settings.hasShcoef) {
+    if (!settings.hasCoefficients) {
         return;
     }
-    const float* const shcoef = splat + shcoefAt;
+    const float* const coefficients = splat + coefficientsAt;
     if (!settings.compressed) {
-        interleaveCoefficients(shcoef, record.raw);
+        interleaveCoefficients(coefficients, record.raw);
         return;
     }
-    for (std::size_t k = 0; k < shcoefPerChannel; ++k) {
-        record.packed[k] = packCoefficientWord(shcoef[k], shcoef[shcoefPerChannel + k],
-                                               shcoef[2 * shcoefPerChannel + k], settings.shcoef);
+    for (std::size_t k = 0; k < coefficientsPerChannel; ++k) {
+        record.packed[k] =
+            packCoefficientWord(coefficients[k], coefficients[coefficientsPerChannel + k],
+                                coefficients[2 * coefficientsPerChannel + k], settings.coefficients);
     }
-    record.packed[shcoefPerChannel] = 0;
+    record.packed[coefficientsPerChannel] = 0;
 }
 
 } // namespace Tavrin::GaussionSplat

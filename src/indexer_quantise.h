@@ -17,23 +17,23 @@ struct QuantiseRange {
 
 // What quantisation needs to know about a scene.
 struct QuantiseSettings {
-    bool hasShcoef = false;
+    bool hasCoefficients = false;
     bool compressed = true;
     QuantiseRange scale[3];
     QuantiseRange normal[3];
-    QuantiseRange shcoef[3]; // red, green, blue
+    QuantiseRange coefficients[3]; // red, green, blue
 };
 
 QuantiseSettings quantiseSettings(const AttributeBounding& bounding, bool compressed);
 
-// Fill record from a decoded splat of 62 floats (settings.hasShcoef) or 17. This is the plain form of the
-// work.
+// Fill record from a decoded splat of 62 floats (settings.hasCoefficients) or 17. This is the plain form of
+// the work.
 void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsData& record);
 
 // Gives the same bytes with vector instructions. Reciprocals replace divisions where that provably gives the
 // same integers. The few splats where it might not go through quantiseSplat. One for each scene; immutable.
 struct FastQuantiser {
-    explicit FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels = chosenKernels);
+    explicit FastQuantiser(const QuantiseSettings& settings, Kernels kernels = chosenKernels);
 
     void quantise(const float* splat, SplatsData& record) const;
 
@@ -41,18 +41,18 @@ struct FastQuantiser {
     static constexpr int fractionBits = 10;
 
 private:
-    QuantiseSettings settings;
-    std::size_t scaleAt;
-    std::size_t opacityAt;
-    std::size_t rotationAt;
-    bool usable; // the reciprocals are normal numbers, and the form of the records is one that is quantised
-                 // fast
-    bool usesAvx2;
+    QuantiseSettings settings_;
+    std::size_t scaleAt_;
+    std::size_t opacityAt_;
+    std::size_t rotationAt_;
+    bool usable_; // the reciprocals are normal numbers, and the form of the records is one that is quantised
+                  // fast
+    bool usesAvx2_;
     // Normal, a gap that gives 0, scale, another gap.
-    alignas(32) double wideMin[8] = {};
-    alignas(32) double wideFactor[8] = {}; // 65535.5 over extent
-    float coefficientMin[3];
-    float coefficientFactor[3]; // steps over extent, in units of fixed point
+    alignas(32) double wideMin_[8] = {};
+    alignas(32) double wideFactor_[8] = {}; // 65535.5 over extent
+    float coefficientMin_[3];
+    float coefficientFactor_[3]; // steps over extent, in units of fixed point
 
     void setCoefficients();
 
@@ -60,11 +60,11 @@ private:
     bool quantiseNarrow(const float* splat, SplatsData& record) const;
     bool quantiseWide(const float* splat, SplatsData& record) const;
 
-    void quantiseCoefficients(const float* shcoef, SplatsData& record) const;
-    void quantiseCoefficientsWide(const float* shcoef, SplatsData& record) const;
+    void quantiseCoefficients(const float* coefficients, SplatsData& record) const;
+    void quantiseCoefficientsWide(const float* coefficients, SplatsData& record) const;
 
     // Pack the words whose bits are set, in the plain form.
-    void packPlainly(unsigned words, const float* shcoef, SplatsData& record) const;
+    void packPlainly(unsigned words, const float* coefficients, SplatsData& record) const;
 };
 
 // The pieces, each as a record holds it.

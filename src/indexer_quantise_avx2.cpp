@@ -84,17 +84,17 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
     __m128i doubtful = _mm_setzero_si128();
     // The fourth lane holds the next attribute's value. The gap's factor of 0 turns it to 0. Where it is not
     // finite, the plain form takes the splat.
-    const __m128i normal = wideFour(splat + normalAt, wideMin, wideFactor, doubtful);
-    const __m128i scale = wideFour(splat + scaleAt, wideMin + 4, wideFactor + 4, doubtful);
+    const __m128i normal = wideFour(splat + normalAt, wideMin_, wideFactor_, doubtful);
+    const __m128i scale = wideFour(splat + scaleAt_, wideMin_ + 4, wideFactor_ + 4, doubtful);
 
     // The low byte of each is always right: a value too large for an integer is a multiple of 256, and NaN
     // gives 0.
     const __m128 colours =
-        _mm_insert_ps(_mm_loadu_ps(splat + colourAt), _mm_load_ss(splat + opacityAt), 3 << 4);
+        _mm_insert_ps(_mm_loadu_ps(splat + colourAt), _mm_load_ss(splat + opacityAt_), 3 << 4);
     const __m128i colourBytes = _mm_cvttps_epi32(_mm_mul_ps(colours, _mm_set1_ps(255.0f)));
 
     const __m128 rotationFactors = _mm_setr_ps(1023.5f, 1023.5f, 1023.5f, 3.5f);
-    const __m128i rotation = _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(splat + rotationAt), rotationFactors));
+    const __m128i rotation = _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(splat + rotationAt_), rotationFactors));
     doubtful = _mm_or_si128(doubtful, _mm_srli_epi32(rotation, 10));
     if (_mm_testz_si128(doubtful, doubtful) == 0) {
         return false;
@@ -114,8 +114,8 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
     const __m128i rotationBetween = _mm_shuffle_epi8(
         rotationWord, _mm_setr_epi8(-1, -1, -1, -1, -1, -1, 0, 1, 2, 3, -1, -1, -1, -1, -1, -1));
     _mm_storeu_si128(bytes + 1, _mm_or_si128(scaleAndNormal, rotationBetween));
-    if (settings.hasShcoef) {
-        quantiseCoefficientsWide(splat + shcoefAt, record);
+    if (settings_.hasCoefficients) {
+        quantiseCoefficientsWide(splat + coefficientsAt, record);
     }
     return true;
 }
@@ -123,18 +123,18 @@ __attribute__((target("avx2"))) bool FastQuantiser::quantiseWide(const float* sp
 // Fifteen words, the eighth of them twice.
 __attribute__((target("avx2"))) void FastQuantiser::quantiseCoefficientsWide(const float* reds,
                                                                              SplatsData& record) const {
-    constexpr std::size_t secondAt = shcoefPerChannel - 8;
-    const float* const greens = reds + shcoefPerChannel;
-    const float* const blues = greens + shcoefPerChannel;
-    const FixedPoint first{.red = fixedPoint(reds, coefficientMin[0], coefficientFactor[0]),
-                           .green = fixedPoint(greens, coefficientMin[1], coefficientFactor[1]),
-                           .blue = fixedPoint(blues, coefficientMin[2], coefficientFactor[2])};
-    const FixedPoint second{.red = fixedPoint(reds + secondAt, coefficientMin[0], coefficientFactor[0]),
-                            .green = fixedPoint(greens + secondAt, coefficientMin[1], coefficientFactor[1]),
-                            .blue = fixedPoint(blues + secondAt, coefficientMin[2], coefficientFactor[2])};
+    constexpr std::size_t secondAt = coefficientsPerChannel - 8;
+    const float* const greens = reds + coefficientsPerChannel;
+    const float* const blues = greens + coefficientsPerChannel;
+    const FixedPoint first{.red = fixedPoint(reds, coefficientMin_[0], coefficientFactor_[0]),
+                           .green = fixedPoint(greens, coefficientMin_[1], coefficientFactor_[1]),
+                           .blue = fixedPoint(blues, coefficientMin_[2], coefficientFactor_[2])};
+    const FixedPoint second{.red = fixedPoint(reds + secondAt, coefficientMin_[0], coefficientFactor_[0]),
+                            .green = fixedPoint(greens + secondAt, coefficientMin_[1], coefficientFactor_[1]),
+                            .blue = fixedPoint(blues + secondAt, coefficientMin_[2], coefficientFactor_[2])};
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(record.packed), packWords(first));
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(record.packed + secondAt), packWords(second));
-    record.packed[shcoefPerChannel] = 0;
+    record.packed[coefficientsPerChannel] = 0;
 
     const __m256i elevenBits =
         _mm256_or_si256(_mm256_or_si256(first.red, first.blue), _mm256_or_si256(second.red, second.blue));
@@ -146,7 +146,7 @@ __attribute__((target("avx2"))) void FastQuantiser::quantiseCoefficientsWide(con
     const __m256i inDoubt = _mm256_or_si256(onEdge, excess);
     if (_mm256_testz_si256(inDoubt, inDoubt) == 0) {
         const bool fits = _mm256_testz_si256(excess, excess) != 0;
-        constexpr unsigned allWords = (1u << shcoefPerChannel) - 1;
+        constexpr unsigned allWords = (1u << coefficientsPerChannel) - 1;
         packPlainly(fits ? doubtfulLanes(first) | doubtfulLanes(second) << secondAt : allWords, reds, record);
     }
 }

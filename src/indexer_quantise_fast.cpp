@@ -30,19 +30,18 @@ double reciprocalOf(const QuantiseRange& range, bool& usable) {
 
 } // namespace
 
-FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels kernels)
-    : settings(quantiseSettings),
-      usable(PLYCONVERT_SSE2 && (quantiseSettings.compressed || !quantiseSettings.hasShcoef)),
-      usesAvx2(kernels == Kernels::avx2) {
-    const RecordLayout& layout = recordLayout(settings.hasShcoef);
-    scaleAt = layout.scale;
-    opacityAt = layout.opacity;
-    rotationAt = layout.rotation;
+FastQuantiser::FastQuantiser(const QuantiseSettings& settings, Kernels kernels)
+    : settings_(settings), usable_(PLYCONVERT_SSE2 && (settings.compressed || !settings.hasCoefficients)),
+      usesAvx2_(kernels == Kernels::avx2) {
+    const RecordLayout& layout = recordLayout(settings_.hasCoefficients);
+    scaleAt_ = layout.scale;
+    opacityAt_ = layout.opacity;
+    rotationAt_ = layout.rotation;
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        wideMin[axis] = settings.normal[axis].min;
-        wideFactor[axis] = 65535.5 * reciprocalOf(settings.normal[axis], usable);
-        wideMin[4 + axis] = settings.scale[axis].min;
-        wideFactor[4 + axis] = 65535.5 * reciprocalOf(settings.scale[axis], usable);
+        wideMin_[axis] = settings_.normal[axis].min;
+        wideFactor_[axis] = 65535.5 * reciprocalOf(settings_.normal[axis], usable_);
+        wideMin_[4 + axis] = settings_.scale[axis].min;
+        wideFactor_[4 + axis] = 65535.5 * reciprocalOf(settings_.scale[axis], usable_);
     }
     setCoefficients();
 }
@@ -50,29 +49,30 @@ FastQuantiser::FastQuantiser(const QuantiseSettings& quantiseSettings, Kernels k
 void FastQuantiser::setCoefficients() {
     constexpr double steps[] = {2047.5, 1023.5, 2047.5};
     for (std::size_t channel = 0; channel < 3; ++channel) {
-        const QuantiseRange& range = settings.shcoef[channel];
-        const double reciprocal = reciprocalOf(range, usable);
-        coefficientMin[channel] = static_cast<float>(range.min);
-        coefficientFactor[channel] =
+        const QuantiseRange& range = settings_.coefficients[channel];
+        const double reciprocal = reciprocalOf(range, usable_);
+        coefficientMin_[channel] = static_cast<float>(range.min);
+        coefficientFactor_[channel] =
             static_cast<float>(std::ldexp(steps[channel] * reciprocal, fractionBits));
         // Single precision neither overflows nor loses bits on the way.
-        usable = usable && (reciprocal == 0.0 ||
-                            (range.min == coefficientMin[channel] && std::abs(range.extent) > 0x1p-100 &&
-                             std::abs(range.extent) < 0x1p100));
+        usable_ = usable_ && (reciprocal == 0.0 ||
+                              (range.min == coefficientMin_[channel] && std::abs(range.extent) > 0x1p-100 &&
+                               std::abs(range.extent) < 0x1p100));
     }
 }
 
 void FastQuantiser::quantise(const float* splat, SplatsData& record) const {
-    if (!usable || !(usesAvx2 ? quantiseWide(splat, record) : quantiseNarrow(splat, record))) {
-        quantiseSplat(splat, settings, record);
+    if (!usable_ || !(usesAvx2_ ? quantiseWide(splat, record) : quantiseNarrow(splat, record))) {
+        quantiseSplat(splat, settings_, record);
     }
 }
 
-void FastQuantiser::packPlainly(unsigned words, const float* shcoef, SplatsData& record) const {
+void FastQuantiser::packPlainly(unsigned words, const float* coefficients, SplatsData& record) const {
     for (; words != 0; words &= words - 1) {
         const auto k = static_cast<std::size_t>(std::countr_zero(words));
-        record.packed[k] = packCoefficientWord(shcoef[k], shcoef[shcoefPerChannel + k],
-                                               shcoef[2 * shcoefPerChannel + k], settings.shcoef);
+        record.packed[k] =
+            packCoefficientWord(coefficients[k], coefficients[coefficientsPerChannel + k],
+                                coefficients[2 * coefficientsPerChannel + k], settings_.coefficients);
     }
 }
 
@@ -115,25 +115,25 @@ std::uint64_t lowTwo(__m128i integers) {
 bool FastQuantiser::quantiseNarrow(const float* splat, SplatsData& record) const {
     __m128i doubtful = _mm_setzero_si128();
     const float* const normal = splat + normalAt;
-    const float* const scale = splat + scaleAt;
+    const float* const scale = splat + scaleAt_;
     const auto thirds = [](const double* values) {
         return _mm_unpacklo_pd(_mm_load_sd(values + 2), _mm_load_sd(values + 6));
     };
     const __m128i normalXy =
-        wideTwo(loadTwo(normal), _mm_load_pd(wideMin), _mm_load_pd(wideFactor), doubtful);
+        wideTwo(loadTwo(normal), _mm_load_pd(wideMin_), _mm_load_pd(wideFactor_), doubtful);
     const __m128i scaleXy =
-        wideTwo(loadTwo(scale), _mm_load_pd(wideMin + 4), _mm_load_pd(wideFactor + 4), doubtful);
+        wideTwo(loadTwo(scale), _mm_load_pd(wideMin_ + 4), _mm_load_pd(wideFactor_ + 4), doubtful);
     const __m128i bothZ = wideTwo(_mm_unpacklo_ps(_mm_load_ss(normal + 2), _mm_load_ss(scale + 2)),
-                                  thirds(wideMin), thirds(wideFactor), doubtful);
+                                  thirds(wideMin_), thirds(wideFactor_), doubtful);
 
     const __m128 colours =
         _mm_movelh_ps(loadTwo(splat + colourAt),
-                      _mm_unpacklo_ps(_mm_load_ss(splat + colourAt + 2), _mm_load_ss(splat + opacityAt)));
+                      _mm_unpacklo_ps(_mm_load_ss(splat + colourAt + 2), _mm_load_ss(splat + opacityAt_)));
     const __m128i colourBytes = _mm_cvttps_epi32(_mm_mul_ps(colours, _mm_set1_ps(255.0f)));
     doubtful = _mm_or_si128(doubtful, _mm_srli_epi32(colourBytes, 8));
 
     const __m128 rotationFactors = _mm_setr_ps(1023.5f, 1023.5f, 1023.5f, 3.5f);
-    const __m128i rotation = _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(splat + rotationAt), rotationFactors));
+    const __m128i rotation = _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(splat + rotationAt_), rotationFactors));
     const __m128i most = _mm_setr_epi32(1023, 1023, 1023, 3);
     doubtful =
         _mm_or_si128(doubtful, _mm_or_si128(_mm_srli_epi32(rotation, 10), _mm_cmpgt_epi32(rotation, most)));
@@ -159,8 +159,8 @@ bool FastQuantiser::quantiseNarrow(const float* splat, SplatsData& record) const
     record.scale[0] = static_cast<std::uint16_t>(scales);
     record.scale[1] = static_cast<std::uint16_t>(scales >> 32);
     record.scale[2] = static_cast<std::uint16_t>(thirdOnes >> 32);
-    if (settings.hasShcoef) {
-        quantiseCoefficients(splat + shcoefAt, record);
+    if (settings_.hasCoefficients) {
+        quantiseCoefficients(splat + coefficientsAt, record);
     }
     return true;
 }
@@ -199,15 +199,15 @@ unsigned zeroLanes(__m128i a, __m128i b, __m128i c) {
 } // namespace
 
 // Pack the words of all coefficients, the doubtful ones in the plain form.
-void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record) const {
-    const __m128 redMin = _mm_set1_ps(coefficientMin[0]);
-    const __m128 greenMin = _mm_set1_ps(coefficientMin[1]);
-    const __m128 blueMin = _mm_set1_ps(coefficientMin[2]);
-    const __m128 redFactor = _mm_set1_ps(coefficientFactor[0]);
-    const __m128 greenFactor = _mm_set1_ps(coefficientFactor[1]);
-    const __m128 blueFactor = _mm_set1_ps(coefficientFactor[2]);
-    const float* const greens = shcoef + shcoefPerChannel;
-    const float* const blues = greens + shcoefPerChannel;
+void FastQuantiser::quantiseCoefficients(const float* coefficients, SplatsData& record) const {
+    const __m128 redMin = _mm_set1_ps(coefficientMin_[0]);
+    const __m128 greenMin = _mm_set1_ps(coefficientMin_[1]);
+    const __m128 blueMin = _mm_set1_ps(coefficientMin_[2]);
+    const __m128 redFactor = _mm_set1_ps(coefficientFactor_[0]);
+    const __m128 greenFactor = _mm_set1_ps(coefficientFactor_[1]);
+    const __m128 blueFactor = _mm_set1_ps(coefficientFactor_[2]);
+    const float* const greens = coefficients + coefficientsPerChannel;
+    const float* const blues = greens + coefficientsPerChannel;
     __m128i wide = _mm_setzero_si128();   // all bits of red and blue
     __m128i narrow = _mm_setzero_si128(); // all bits of green
     unsigned doubtfulWords = 0;
@@ -220,7 +220,7 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
             used = _mm_setr_epi32(-1, -1, -1, 0);
             usedLanes = 7;
         }
-        const __m128i red = _mm_and_si128(fixedPoint(shcoef + k, redMin, redFactor), used);
+        const __m128i red = _mm_and_si128(fixedPoint(coefficients + k, redMin, redFactor), used);
         const __m128i green = _mm_and_si128(fixedPoint(greens + k, greenMin, greenFactor), used);
         const __m128i blue = _mm_and_si128(fixedPoint(blues + k, blueMin, blueFactor), used);
         wide = _mm_or_si128(wide, _mm_or_si128(red, blue));
@@ -240,9 +240,9 @@ void FastQuantiser::quantiseCoefficients(const float* shcoef, SplatsData& record
     }
     if (anyBit(_mm_or_si128(_mm_srli_epi32(wide, fractionBits + 11),
                             _mm_srli_epi32(narrow, fractionBits + 10)))) {
-        doubtfulWords = (1u << shcoefPerChannel) - 1;
+        doubtfulWords = (1u << coefficientsPerChannel) - 1;
     }
-    packPlainly(doubtfulWords, shcoef, record);
+    packPlainly(doubtfulWords, coefficients, record);
 }
 
 #else

@@ -20,9 +20,9 @@ struct Vector3 {
 inline constexpr std::size_t positionAt = 0;
 inline constexpr std::size_t normalAt = 3;
 inline constexpr std::size_t colourAt = 6;
-inline constexpr std::size_t shcoefAt = 9; // 15 red, 15 green, 15 blue; only in the larger record
-inline constexpr std::size_t shcoefPerChannel = 15;
-inline constexpr std::size_t shcoefFloats = 3 * shcoefPerChannel;
+inline constexpr std::size_t coefficientsAt = 9; // 15 red, 15 green, 15 blue; only in the larger record
+inline constexpr std::size_t coefficientsPerChannel = 15;
+inline constexpr std::size_t coefficientFloats = 3 * coefficientsPerChannel;
 
 // Where the attributes behind the colour start.
 struct RecordLayout {
@@ -31,22 +31,25 @@ struct RecordLayout {
     std::size_t scale;
     std::size_t rotation;
 };
-inline constexpr RecordLayout layoutWithoutShcoef{.floats = 17, .opacity = 9, .scale = 10, .rotation = 13};
-inline constexpr RecordLayout layoutWithShcoef{.floats = layoutWithoutShcoef.floats + shcoefFloats,
-                                               .opacity = layoutWithoutShcoef.opacity + shcoefFloats,
-                                               .scale = layoutWithoutShcoef.scale + shcoefFloats,
-                                               .rotation = layoutWithoutShcoef.rotation + shcoefFloats};
+inline constexpr RecordLayout layoutWithoutCoefficients{
+    .floats = 17, .opacity = 9, .scale = 10, .rotation = 13};
+inline constexpr RecordLayout layoutWithCoefficients{
+    .floats = layoutWithoutCoefficients.floats + coefficientFloats,
+    .opacity = layoutWithoutCoefficients.opacity + coefficientFloats,
+    .scale = layoutWithoutCoefficients.scale + coefficientFloats,
+    .rotation = layoutWithoutCoefficients.rotation + coefficientFloats};
 
-inline const RecordLayout& recordLayout(bool hasShcoef) {
-    return hasShcoef ? layoutWithShcoef : layoutWithoutShcoef;
+inline const RecordLayout& recordLayout(bool hasCoefficients) {
+    return hasCoefficients ? layoutWithCoefficients : layoutWithoutCoefficients;
 }
 
-inline constexpr std::uint32_t recordSizeWithoutShcoef = layoutWithoutShcoef.floats * sizeof(float); // bytes
-inline constexpr std::uint32_t recordSizeWithShcoef = layoutWithShcoef.floats * sizeof(float);
-static_assert(recordSizeWithoutShcoef == 68 && recordSizeWithShcoef == 248);
+inline constexpr std::uint32_t recordSizeWithoutCoefficients =
+    layoutWithoutCoefficients.floats * sizeof(float); // bytes
+inline constexpr std::uint32_t recordSizeWithCoefficients = layoutWithCoefficients.floats * sizeof(float);
+static_assert(recordSizeWithoutCoefficients == 68 && recordSizeWithCoefficients == 248);
 
 // Bytes from record to record in the bounding-box scan, whatever the header declares.
-inline constexpr std::uint32_t scanStride = recordSizeWithShcoef;
+inline constexpr std::uint32_t scanStride = recordSizeWithCoefficients;
 
 // What the comment lines of the PLY header say about the scene. Created once a conversion and filled by the
 // header reader. Read-only from then on, so any thread may read it. The numbers are parsed in single

@@ -23,7 +23,7 @@ struct SplatHeader {
     std::uint32_t level = 0;      // level of detail at which the file's splats are filed
     std::int64_t headerEnd = 0;   // length of the header in bytes, the offset of the first vertex record
     std::int64_t vertexCount = 0; // records, as stated; not checked against the file
-    std::uint32_t recordSize = recordSizeWithoutShcoef;
+    std::uint32_t recordSize = recordSizeWithoutCoefficients;
     Vector3 bboxMin;
     Vector3 bboxMax;
     Vector3 unused[3];

@@ -20,9 +20,9 @@ inline void foldColumns(const float* records, std::uint64_t count, ValueRange* c
 
 inline void foldAny(const float* records, std::uint64_t count, bool hasCoefficients, ValueRange* columns) {
     if (hasCoefficients) {
-        foldColumns<layoutWithShcoef.floats>(records, count, columns);
+        foldColumns<layoutWithCoefficients.floats>(records, count, columns);
     } else {
-        foldColumns<layoutWithoutShcoef.floats>(records, count, columns);
+        foldColumns<layoutWithoutCoefficients.floats>(records, count, columns);
     }
 }
 
@@ -56,7 +56,7 @@ Columns columnsOf(std::size_t attribute) {
     if (attribute < 6) { // position and normal
         return {attribute, 1};
     }
-    return {shcoefAt + (attribute - 6) * shcoefPerChannel, shcoefPerChannel};
+    return {coefficientsAt + (attribute - 6) * coefficientsPerChannel, coefficientsPerChannel};
 }
 static_assert(positionAt == 0 && normalAt == 3);
 
@@ -73,14 +73,14 @@ ValueRange decodedRange(const ValueRange& raw, Decode decode) {
 } // namespace
 
 RawRanges::Positions RawRanges::fold(const float* records, std::uint64_t count, std::uint64_t first) {
-    std::array<ValueRange, layoutWithShcoef.floats> window;
+    std::array<ValueRange, layoutWithCoefficients.floats> window;
     foldWindow(records, count, hasCoefficients_, window.data(), kernels_);
     joinColumns(window);
     findZeros(records, count, first);
     return {window[positionAt], window[positionAt + 1], window[positionAt + 2]};
 }
 
-void RawRanges::joinColumns(const std::array<ValueRange, layoutWithShcoef.floats>& others) {
+void RawRanges::joinColumns(const std::array<ValueRange, layoutWithCoefficients.floats>& others) {
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         columns_[i].min = minimum(columns_[i].min, others[i].min);
         columns_[i].max = maximum(columns_[i].max, others[i].max);
@@ -160,7 +160,7 @@ AttributeBounding RawRanges::decoded() const {
         ranges.position[axis] = copied(axis);
         ranges.normal[axis] = copied(3 + axis);
         if (hasCoefficients_) {
-            ranges.shcoef[axis] = copied(6 + axis);
+            ranges.coefficients[axis] = copied(6 + axis);
         }
         ranges.colour[axis] = decodedRange(columns_[colourAt + axis], decodeColour);
         ranges.scale[axis] = decodedRange(columns_[layout.scale + axis], decodeScale);

@@ -46,11 +46,11 @@ private:
 
     bool hasCoefficients_;
     GaussionSplat::Kernels kernels_;
-    std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithShcoef.floats> columns_;
+    std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithCoefficients.floats> columns_;
     std::array<FirstZero, copiedCount> zeros_;
 
-    void
-    joinColumns(const std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithShcoef.floats>& others);
+    void joinColumns(
+        const std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithCoefficients.floats>& others);
     GaussionSplat::ValueRange copiedRange(std::size_t attribute) const;
     void findZeros(const float* records, std::uint64_t count, std::uint64_t first);
 };

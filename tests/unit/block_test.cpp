@@ -74,22 +74,23 @@ struct BlockTest : testing::Test {
 
 TEST_F(BlockTest, NarrowRecordsAreFoundByAWideStride) {
     bounding->hasShcoef = false;
-    writeValues(3000 * layoutWithShcoef.floats);
-    expectSame(decode(3000, layoutWithShcoef.floats), expected(3000, layoutWithShcoef.floats));
+    writeValues(3000 * layoutWithCoefficients.floats);
+    expectSame(decode(3000, layoutWithCoefficients.floats), expected(3000, layoutWithCoefficients.floats));
 }
 
 TEST_F(BlockTest, WideRecordsAreFoundByANarrowStride) {
     bounding->hasShcoef = true;
-    writeValues(3000 * layoutWithoutShcoef.floats);
-    expectSame(decode(3000, layoutWithoutShcoef.floats), expected(3000, layoutWithoutShcoef.floats));
+    writeValues(3000 * layoutWithoutCoefficients.floats);
+    expectSame(decode(3000, layoutWithoutCoefficients.floats),
+               expected(3000, layoutWithoutCoefficients.floats));
 }
 
 TEST_F(BlockTest, ABlockBeforeTheStartOfTheFileIsZeros) {
     bounding->hasShcoef = false;
-    writeValues(3000 * layoutWithoutShcoef.floats);
-    const std::vector<float> found = decode(3000, layoutWithoutShcoef.floats, -10);
+    writeValues(3000 * layoutWithoutCoefficients.floats);
+    const std::vector<float> found = decode(3000, layoutWithoutCoefficients.floats, -10);
     values.assign(values.size(), 0.0f);
-    expectSame(found, expected(3000, layoutWithoutShcoef.floats));
+    expectSame(found, expected(3000, layoutWithoutCoefficients.floats));
 }
 
 } // namespace

@@ -55,31 +55,31 @@ struct BuildTest : testing::Test {
         indexer.chunks = std::make_shared<ChunkList>();
     }
     ~BuildTest() override {
-        releaseChunks(*indexer.chunks, recordSizeWithShcoef);
+        releaseChunks(*indexer.chunks, recordSizeWithCoefficients);
         chunkGrid = gridBefore;
     }
 
     // Build the index of decoded blocks, for a scene of splatCount splats.
-    void build(const std::vector<std::vector<float>>& blocks, bool hasShcoef, std::uint64_t splatCount,
+    void build(const std::vector<std::vector<float>>& blocks, bool hasCoefficients, std::uint64_t splatCount,
                const std::vector<std::uint32_t>& levels = {}) {
         reference::Ranges ranges;
         for (std::size_t i = 0; i < blocks.size(); ++i) {
-            indexer.chunks->push_back(chunkOf(blocks[i], hasShcoef, levels.empty() ? 0 : levels[i]));
-            for (std::size_t at = 0; at < blocks[i].size(); at += recordLayout(hasShcoef).floats) {
-                ranges.widen(blocks[i].data() + at, hasShcoef);
+            indexer.chunks->push_back(chunkOf(blocks[i], hasCoefficients, levels.empty() ? 0 : levels[i]));
+            for (std::size_t at = 0; at < blocks[i].size(); at += recordLayout(hasCoefficients).floats) {
+                ranges.widen(blocks[i].data() + at, hasCoefficients);
             }
         }
         scene = ranges;
-        indexer.bounding = boundingOf(ranges, hasShcoef);
+        indexer.bounding = boundingOf(ranges, hasCoefficients);
         indexer.splatCount = splatCount;
         indexer.buildIndex();
     }
 
     // What the cells of these blocks hold.
-    Cells expected(const std::vector<std::vector<float>>& blocks, bool hasShcoef, bool single) const {
+    Cells expected(const std::vector<std::vector<float>>& blocks, bool hasCoefficients, bool single) const {
         Cells cells;
         for (const std::vector<float>& block : blocks) {
-            for (std::size_t at = 0; at < block.size(); at += recordLayout(hasShcoef).floats) {
+            for (std::size_t at = 0; at < block.size(); at += recordLayout(hasCoefficients).floats) {
                 const float* const splat = block.data() + at;
                 const std::uint32_t key = single ? 0
                                                  : reference::cellKey(splat[0], splat[1],
@@ -87,9 +87,9 @@ struct BuildTest : testing::Test {
                                                                        .originY = chunkGrid.originY,
                                                                        .cellSizeX = chunkGrid.cellSizeX,
                                                                        .cellSizeY = chunkGrid.cellSizeY});
-                const reference::Quantised record = reference::quantise(splat, hasShcoef, scene);
+                const reference::Quantised record = reference::quantise(splat, hasCoefficients, scene);
                 std::string text = textOf(record.data);
-                if (hasShcoef) {
+                if (hasCoefficients) {
                     text += indexer.compressed != 0 ? textOf(record.packed) : textOf(record.raw);
                 }
                 cells[key].push_back(text);
@@ -132,16 +132,16 @@ TEST_F(BuildTest, UpToAMillionSplatsShareCellZeroWhereverTheyAre) {
 
 TEST_F(BuildTest, AboveAMillionTheGridDecides) {
     Random random(71);
-    for (const bool hasShcoef : {false, true}) {
-        SCOPED_TRACE(hasShcoef);
+    for (const bool hasCoefficients : {false, true}) {
+        SCOPED_TRACE(hasCoefficients);
         *indexer.levels = LevelMap();
         indexer.chunks->clear();
         // Also to the left of and below the origin, where indices are negative.
-        const std::vector<std::vector<float>> blocks = {decodedScene(random, 700, hasShcoef, 60.0f),
-                                                        decodedScene(random, 1, hasShcoef, 60.0f),
-                                                        decodedScene(random, 333, hasShcoef, 60.0f)};
-        build(blocks, hasShcoef, grid);
-        const Cells cells = expected(blocks, hasShcoef, false);
+        const std::vector<std::vector<float>> blocks = {decodedScene(random, 700, hasCoefficients, 60.0f),
+                                                        decodedScene(random, 1, hasCoefficients, 60.0f),
+                                                        decodedScene(random, 333, hasCoefficients, 60.0f)};
+        build(blocks, hasCoefficients, grid);
+        const Cells cells = expected(blocks, hasCoefficients, false);
         EXPECT_GT(cells.size(), 20u);
         EXPECT_EQ(actual(0), cells);
         EXPECT_EQ(indexer.levels->at(0)->splatCount, 1034u);
@@ -322,14 +322,15 @@ TEST_F(BuildTest, ManyCellsShareLargeAndOrdinaryPages) {
     Random random(81);
     for (const float cellSize : {1.0f, 15.0f}) {
         chunkGrid.cellSizeX = chunkGrid.cellSizeY = cellSize;
-        for (const bool hasShcoef : {false, true}) {
+        for (const bool hasCoefficients : {false, true}) {
             *indexer.levels = LevelMap();
             indexer.chunks->clear();
-            const std::vector<std::vector<float>> blocks = {decodedScene(random, 250'000, hasShcoef, 45.0f),
-                                                            decodedScene(random, 20'000, hasShcoef, 45.0f),
-                                                            decodedScene(random, 50'000, hasShcoef, 45.0f)};
-            build(blocks, hasShcoef, grid);
-            EXPECT_TRUE(actual(0) == expected(blocks, hasShcoef, false));
+            const std::vector<std::vector<float>> blocks = {
+                decodedScene(random, 250'000, hasCoefficients, 45.0f),
+                decodedScene(random, 20'000, hasCoefficients, 45.0f),
+                decodedScene(random, 50'000, hasCoefficients, 45.0f)};
+            build(blocks, hasCoefficients, grid);
+            EXPECT_TRUE(actual(0) == expected(blocks, hasCoefficients, false));
         }
     }
 }
@@ -337,14 +338,14 @@ TEST_F(BuildTest, ManyCellsShareLargeAndOrdinaryPages) {
 // One cell, written from its start to its end: the pages of the block are taken as they become free.
 TEST_F(BuildTest, PagesMoveWhileOneCellGrows) {
     Random random(79);
-    for (const bool hasShcoef : {false, true}) {
+    for (const bool hasCoefficients : {false, true}) {
         *indexer.levels = LevelMap();
         indexer.chunks->clear();
-        const std::vector<std::vector<float>> blocks = {decodedScene(random, 40'000, hasShcoef, 45.0f),
-                                                        decodedScene(random, 1000, hasShcoef, 45.0f),
-                                                        decodedScene(random, 31'000, hasShcoef, 45.0f)};
-        build(blocks, hasShcoef, single, {0, 0, 0});
-        EXPECT_TRUE(actual(0) == expected(blocks, hasShcoef, true));
+        const std::vector<std::vector<float>> blocks = {decodedScene(random, 40'000, hasCoefficients, 45.0f),
+                                                        decodedScene(random, 1000, hasCoefficients, 45.0f),
+                                                        decodedScene(random, 31'000, hasCoefficients, 45.0f)};
+        build(blocks, hasCoefficients, single, {0, 0, 0});
+        EXPECT_TRUE(actual(0) == expected(blocks, hasCoefficients, true));
     }
 }
 
@@ -382,30 +383,31 @@ bool hasMarkedRecord(const LODData& level) {
 TEST_F(BuildTest, GivenMemoryHoldsRecordsAndIsFreed) {
     Random random(81);
     chunkGrid.cellSizeX = chunkGrid.cellSizeY = 60.0f; // of a few pages each
-    for (const bool hasShcoef : {false, true}) {
+    for (const bool hasCoefficients : {false, true}) {
         for (const std::uint64_t splatCount : {single, grid}) {
             *indexer.levels = LevelMap();
             indexer.chunks->clear();
-            const std::vector<std::vector<float>> blocks = {decodedScene(random, 60'000, hasShcoef, 45.0f),
-                                                            decodedScene(random, 15'000, hasShcoef, 45.0f)};
+            const std::vector<std::vector<float>> blocks = {
+                decodedScene(random, 60'000, hasCoefficients, 45.0f),
+                decodedScene(random, 15'000, hasCoefficients, 45.0f)};
             std::vector<std::byte*> rooms;
             for (const std::vector<float>& block : blocks) {
-                indexer.chunks->push_back(chunkOf(block, hasShcoef));
+                indexer.chunks->push_back(chunkOf(block, hasCoefficients));
                 indexer.chunks->back()->room = makeLargeArray<std::byte>(roomSize);
                 rooms.push_back(indexer.chunks->back()->room.get());
                 std::memset(rooms.back(), mark, roomSize);
             }
-            scene = rangesOf(blocks[0], hasShcoef);
-            for (std::size_t at = 0; at < blocks[1].size(); at += recordLayout(hasShcoef).floats) {
-                scene.widen(blocks[1].data() + at, hasShcoef);
+            scene = rangesOf(blocks[0], hasCoefficients);
+            for (std::size_t at = 0; at < blocks[1].size(); at += recordLayout(hasCoefficients).floats) {
+                scene.widen(blocks[1].data() + at, hasCoefficients);
             }
-            indexer.bounding = boundingOf(scene, hasShcoef);
+            indexer.bounding = boundingOf(scene, hasCoefficients);
             indexer.splatCount = splatCount;
             indexer.buildIndex();
             EXPECT_TRUE(!largePagesMove() || std::none_of(rooms.begin(), rooms.end(), [](std::byte* room) {
                 return isMapped(room, roomSize);
             }));
-            EXPECT_TRUE(actual(0) == expected(blocks, hasShcoef, splatCount == single));
+            EXPECT_TRUE(actual(0) == expected(blocks, hasCoefficients, splatCount == single));
             EXPECT_EQ(hasMarkedRecord(*indexer.levels->at(0)), largePagesMove());
         }
     }

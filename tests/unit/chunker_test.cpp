@@ -68,7 +68,8 @@ struct ChunkerTest : testing::Test {
 
     // Free the blocks and empty the list.
     void release() {
-        releaseChunks(*chunks, bounding->hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef);
+        releaseChunks(*chunks,
+                      bounding->hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients);
         chunks->clear();
     }
 
@@ -80,7 +81,7 @@ struct ChunkerTest : testing::Test {
         header.path = path.string();
         header.headerEnd = static_cast<std::int64_t>(file.header().size());
         header.vertexCount = static_cast<std::int64_t>(file.count());
-        header.recordSize = file.coefficients ? recordSizeWithShcoef : recordSizeWithoutShcoef;
+        header.recordSize = file.coefficients ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
         header.hasShcoef = file.coefficients;
         return header;
     }
@@ -542,7 +543,7 @@ TEST_F(ChunkerTest, ReleasingTheListFreesTheBlocksThatAreLeft) {
     full->splatCount = 1;
     full->data = static_cast<float*>(allocateLarge(68)); // the leak check would see it
     ChunkList list = {full, nullptr, std::make_shared<ChunkData>()};
-    releaseChunks(list, recordSizeWithoutShcoef);
+    releaseChunks(list, recordSizeWithoutCoefficients);
     EXPECT_EQ(list, ChunkList(3));
 }
 

@@ -137,7 +137,7 @@ TEST_F(ConversionTest, OneWorkerDecodesEveryBlock) {
     ASSERT_EQ(chunks->size(), 3u);
     EXPECT_EQ((*chunks)[0]->splatCount, 4u);
     EXPECT_EQ((*chunks)[2]->splatCount, 2u);
-    releaseChunks(*chunks, recordSizeWithoutShcoef);
+    releaseChunks(*chunks, recordSizeWithoutCoefficients);
 }
 
 #if !defined(_WIN32)

@@ -26,7 +26,7 @@ TEST(RecordLayout, IsThatOfTheFiles) {
     EXPECT_EQ(positionAt * 4, 0u);
     EXPECT_EQ(normalAt * 4, 12u);
     EXPECT_EQ(colourAt * 4, 24u);
-    EXPECT_EQ(shcoefAt * 4, 36u);
+    EXPECT_EQ(coefficientsAt * 4, 36u);
     EXPECT_EQ(recordLayout(true).floats * 4, 248u);
     EXPECT_EQ(recordLayout(true).opacity * 4, 216u);
     EXPECT_EQ(recordLayout(true).scale * 4, 220u);
@@ -218,8 +218,8 @@ TEST(PackRotation, FollowsItsFormulaBitForBit) {
 }
 
 // Records with every attribute anything at all.
-std::vector<float> anyRecords(Random& random, std::size_t count, bool hasShcoef) {
-    std::vector<float> records(count * recordLayout(hasShcoef).floats);
+std::vector<float> anyRecords(Random& random, std::size_t count, bool hasCoefficients) {
+    std::vector<float> records(count * recordLayout(hasCoefficients).floats);
     for (float& value : records) {
         value = support::mixedFloat(random, -3.0f, 3.0f);
     }
@@ -241,7 +241,7 @@ void expectRanges(const BlockRanges& ranges, const reference::Ranges& expected, 
         expectRange(ranges.position[axis], expected.position[axis], signOfZero, "position");
         expectRange(ranges.normal[axis], expected.normal[axis], signOfZero, "normal");
         expectRange(ranges.colour[axis], expected.colour[axis], signOfZero, "colour");
-        expectRange(ranges.shcoef[axis], expected.coefficients[axis], signOfZero, "shcoef");
+        expectRange(ranges.coefficients[axis], expected.coefficients[axis], signOfZero, "shcoef");
         expectRange(ranges.scale[axis], expected.scale[axis], signOfZero, "scale");
     }
     expectRange(ranges.opacity, expected.opacity, signOfZero, "opacity");
@@ -259,13 +259,13 @@ void expectRecords(const std::vector<float>& actual, const std::vector<float>& e
 
 TEST(DecodeRecord, FollowsTheFormulasFieldByField) {
     Random random(43);
-    for (const bool hasShcoef : {false, true}) {
+    for (const bool hasCoefficients : {false, true}) {
         for (int i = 0; i < 2000; ++i) {
-            std::vector<float> record = anyRecords(random, 1, hasShcoef);
+            std::vector<float> record = anyRecords(random, 1, hasCoefficients);
             std::vector<float> expected = record;
             BlockRanges ranges;
-            decodeRecord(record.data(), hasShcoef, ranges);
-            expectRanges(ranges, reference::decodeBlock(expected, hasShcoef), true);
+            decodeRecord(record.data(), hasCoefficients, ranges);
+            expectRanges(ranges, reference::decodeBlock(expected, hasCoefficients), true);
             expectRecords(record, expected, record.size());
             if (HasFailure()) {
                 return;
@@ -277,15 +277,15 @@ TEST(DecodeRecord, FollowsTheFormulasFieldByField) {
 // Positions, normals and coefficients are copied bit for bit, whatever they hold.
 TEST(DecodeRecords, CopiedAttributesKeepTheirBits) {
     Random random(44);
-    for (const bool hasShcoef : {false, true}) {
-        const RecordLayout& layout = recordLayout(hasShcoef);
-        const std::vector<float> before = anyRecords(random, 300, hasShcoef);
+    for (const bool hasCoefficients : {false, true}) {
+        const RecordLayout& layout = recordLayout(hasCoefficients);
+        const std::vector<float> before = anyRecords(random, 300, hasCoefficients);
         std::vector<float> records = before;
         BlockRanges ranges;
-        decodeRecords(records.data(), 300, hasShcoef, ranges);
+        decodeRecords(records.data(), 300, hasCoefficients, ranges);
         for (std::size_t i = 0; i < records.size(); ++i) {
             const std::size_t field = i % layout.floats;
-            if (field < colourAt || (field >= shcoefAt && field < layout.opacity)) {
+            if (field < colourAt || (field >= coefficientsAt && field < layout.opacity)) {
                 ASSERT_EQ(support::bitsOf(records[i]), support::bitsOf(before[i])) << field;
             }
         }
@@ -298,15 +298,15 @@ TEST(DecodeRecords, AgreesWithTheFormulasForEveryCount) {
     for (std::size_t count = 0; count <= 140; ++count) {
         counts.push_back(count);
     }
-    for (const bool hasShcoef : {false, true}) {
+    for (const bool hasCoefficients : {false, true}) {
         for (const std::size_t count : counts) {
             SCOPED_TRACE(std::to_string(count) + " records");
-            std::vector<float> records = anyRecords(random, count, hasShcoef);
+            std::vector<float> records = anyRecords(random, count, hasCoefficients);
             std::vector<float> expected = records;
             BlockRanges ranges;
-            decodeRecords(records.data(), count, hasShcoef, ranges);
-            expectRanges(ranges, reference::decodeBlock(expected, hasShcoef), false);
-            expectRecords(records, expected, recordLayout(hasShcoef).floats);
+            decodeRecords(records.data(), count, hasCoefficients, ranges);
+            expectRanges(ranges, reference::decodeBlock(expected, hasCoefficients), false);
+            expectRecords(records, expected, recordLayout(hasCoefficients).floats);
             if (HasFailure()) {
                 return;
             }
@@ -316,18 +316,18 @@ TEST(DecodeRecords, AgreesWithTheFormulasForEveryCount) {
 
 TEST(DecodeRecords, AllKernelsGiveTheSameBytesAndBounds) {
     Random random(46);
-    for (const bool hasShcoef : {false, true}) {
+    for (const bool hasCoefficients : {false, true}) {
         for (const std::size_t count : {1, 7, 127, 128, 129, 1000, 20'000}) {
-            const std::vector<float> records = anyRecords(random, count, hasShcoef);
+            const std::vector<float> records = anyRecords(random, count, hasCoefficients);
             std::vector<float> expected = records;
-            const reference::Ranges bounds = reference::decodeBlock(expected, hasShcoef);
+            const reference::Ranges bounds = reference::decodeBlock(expected, hasCoefficients);
             for (const Kernels kernels : supportedKernels()) {
                 SCOPED_TRACE(kernels == Kernels::avx2 ? "avx2" : "baseline");
                 std::vector<float> decoded = records;
                 BlockRanges ranges;
-                decodeRecords(decoded.data(), count, hasShcoef, ranges, kernels);
+                decodeRecords(decoded.data(), count, hasCoefficients, ranges, kernels);
                 expectRanges(ranges, bounds, false);
-                expectRecords(decoded, expected, recordLayout(hasShcoef).floats);
+                expectRecords(decoded, expected, recordLayout(hasCoefficients).floats);
             }
         }
     }
@@ -343,8 +343,8 @@ TEST(DecodeRecords, WidensTheRangesItIsGiven) {
     EXPECT_EQ(ranges.position[0].min, -1.0f);
     EXPECT_EQ(ranges.position[0].max, 5.0f);
     EXPECT_EQ(ranges.position[1].max, 1.0f);
-    EXPECT_EQ(ranges.shcoef[0].min, infinity); // untouched without coefficients
-    EXPECT_EQ(ranges.shcoef[0].max, -infinity);
+    EXPECT_EQ(ranges.coefficients[0].min, infinity); // untouched without coefficients
+    EXPECT_EQ(ranges.coefficients[0].max, -infinity);
 }
 
 TEST(DecodeRecords, EachChannelTakesItsFifteenCoefficients) {
@@ -354,17 +354,18 @@ TEST(DecodeRecords, EachChannelTakesItsFifteenCoefficients) {
         BlockRanges ranges;
         decodeRecords(record.data(), 1, true, ranges);
         for (std::size_t channel = 0; channel < 3; ++channel) {
-            EXPECT_EQ(ranges.shcoef[channel].max, channel == coefficient / 15 ? 2.5f : 0.0f) << coefficient;
+            EXPECT_EQ(ranges.coefficients[channel].max, channel == coefficient / 15 ? 2.5f : 0.0f)
+                << coefficient;
         }
     }
 }
 
 // Values among which zeros of both signs are frequent: they compare equal, so the first one visited stays.
-std::vector<float> recordsWithZeros(Random& random, std::size_t count, bool hasShcoef) {
+std::vector<float> recordsWithZeros(Random& random, std::size_t count, bool hasCoefficients) {
     const float sign = support::below(random, 2) == 0 ? 1.0f : -1.0f;
     const float values[] = {0.0f, -0.0f, nan, sign, sign * 2.0f};
     const std::uint64_t kinds = 3 + support::below(random, 3);
-    std::vector<float> records(count * recordLayout(hasShcoef).floats);
+    std::vector<float> records(count * recordLayout(hasCoefficients).floats);
     for (float& value : records) {
         value = values[support::below(random, kinds)];
     }
@@ -374,14 +375,14 @@ std::vector<float> recordsWithZeros(Random& random, std::size_t count, bool hasS
 TEST(SettleZeroBounds, TheFirstZeroInVisitingOrderGivesTheSign) {
     Random random(46);
     for (int round = 0; round < 4000; ++round) {
-        const bool hasShcoef = round % 2 == 0;
+        const bool hasCoefficients = round % 2 == 0;
         const std::size_t count = support::below(random, 12);
-        std::vector<float> records = recordsWithZeros(random, count, hasShcoef);
+        std::vector<float> records = recordsWithZeros(random, count, hasCoefficients);
         std::vector<float> expected = records;
         BlockRanges ranges;
-        decodeRecords(records.data(), count, hasShcoef, ranges);
-        settleZeroBounds(records.data(), count, hasShcoef, ranges);
-        expectRanges(ranges, reference::decodeBlock(expected, hasShcoef), true);
+        decodeRecords(records.data(), count, hasCoefficients, ranges);
+        settleZeroBounds(records.data(), count, hasCoefficients, ranges);
+        expectRanges(ranges, reference::decodeBlock(expected, hasCoefficients), true);
         if (HasFailure()) {
             return;
         }
@@ -417,7 +418,7 @@ TEST(JoinRanges, TakesTheOuterBoundsOfEveryAttribute) {
             EXPECT_EQ(first.position[axis].min, whole.position[axis].min);
             EXPECT_EQ(first.normal[axis].max, whole.normal[axis].max);
             EXPECT_EQ(first.colour[axis].min, whole.colour[axis].min);
-            EXPECT_EQ(first.shcoef[axis].max, whole.shcoef[axis].max);
+            EXPECT_EQ(first.coefficients[axis].max, whole.coefficients[axis].max);
             EXPECT_EQ(first.scale[axis].min, whole.scale[axis].min);
         }
         EXPECT_EQ(first.opacity.min, whole.opacity.min);
@@ -435,7 +436,7 @@ BlockRanges numberedRanges() {
         set(ranges.position[axis]);
         set(ranges.normal[axis]);
         set(ranges.colour[axis]);
-        set(ranges.shcoef[axis]);
+        set(ranges.coefficients[axis]);
         set(ranges.scale[axis]);
     }
     set(ranges.opacity);

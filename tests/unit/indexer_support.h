@@ -21,7 +21,7 @@ inline void setRange(AttributeRange& range, const reference::Bounds (&bounds)[3]
     range.max = {bounds[0].max, bounds[1].max, bounds[2].max};
 }
 
-inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ranges, bool hasShcoef) {
+inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ranges, bool hasCoefficients) {
     auto bounding = std::make_shared<AttributeBounding>();
     setRange(bounding->position, ranges.position);
     setRange(bounding->normal, ranges.normal);
@@ -30,15 +30,15 @@ inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ra
     setRange(bounding->scale, ranges.scale);
     bounding->opacity.min.x = ranges.opacity.min;
     bounding->opacity.max.x = ranges.opacity.max;
-    bounding->hasShcoef = hasShcoef;
+    bounding->hasShcoef = hasCoefficients;
     return bounding;
 }
 
 // A block that holds a copy of decoded records.
-inline std::shared_ptr<ChunkData> chunkOf(const std::vector<float>& records, bool hasShcoef,
+inline std::shared_ptr<ChunkData> chunkOf(const std::vector<float>& records, bool hasCoefficients,
                                           std::uint32_t level = 0) {
     auto chunk = std::make_shared<ChunkData>();
-    chunk->splatCount = static_cast<std::uint32_t>(records.size() / recordLayout(hasShcoef).floats);
+    chunk->splatCount = static_cast<std::uint32_t>(records.size() / recordLayout(hasCoefficients).floats);
     chunk->level = level;
     chunk->data = makeLargeArray<float>(records.size()).release();
     if (!records.empty()) {
@@ -48,24 +48,24 @@ inline std::shared_ptr<ChunkData> chunkOf(const std::vector<float>& records, boo
 }
 
 // Decoded splats as trained scenes have them, spread over a square of this half side around the origin.
-inline std::vector<float> decodedScene(support::Random& random, std::size_t count, bool hasShcoef,
+inline std::vector<float> decodedScene(support::Random& random, std::size_t count, bool hasCoefficients,
                                        float halfSide) {
     support::PlyFile file;
-    file.coefficients = hasShcoef;
+    file.coefficients = hasCoefficients;
     for (std::size_t i = 0; i < count; ++i) {
         file.add(support::randomSplat(random, 2 * halfSide, 2 * halfSide));
     }
     for (std::size_t i = 0; i < count; ++i) {
-        reference::decode(file.records.data() + i * file.recordFloats(), hasShcoef);
+        reference::decode(file.records.data() + i * file.recordFloats(), hasCoefficients);
     }
     return file.records;
 }
 
-inline reference::Ranges rangesOf(const std::vector<float>& decoded, bool hasShcoef) {
+inline reference::Ranges rangesOf(const std::vector<float>& decoded, bool hasCoefficients) {
     reference::Ranges ranges;
-    const std::size_t recordFloats = recordLayout(hasShcoef).floats;
+    const std::size_t recordFloats = recordLayout(hasCoefficients).floats;
     for (std::size_t at = 0; at < decoded.size(); at += recordFloats) {
-        ranges.widen(decoded.data() + at, hasShcoef);
+        ranges.widen(decoded.data() + at, hasCoefficients);
     }
     return ranges;
 }

@@ -39,19 +39,19 @@ struct IndexerTest : testing::Test {
     }
     ~IndexerTest() override {
         closeRunLog();
-        releaseChunks(*chunks, recordSizeWithShcoef);
+        releaseChunks(*chunks, recordSizeWithCoefficients);
         chunkGrid = gridBefore;
     }
 
-    void addBlocks(const std::vector<std::size_t>& counts, bool hasShcoef) {
+    void addBlocks(const std::vector<std::size_t>& counts, bool hasCoefficients) {
         Random random(110);
         for (const std::size_t count : counts) {
-            const std::vector<float> block = decodedScene(random, count, hasShcoef, 25.0f);
-            chunks->push_back(chunkOf(block, hasShcoef));
+            const std::vector<float> block = decodedScene(random, count, hasCoefficients, 25.0f);
+            chunks->push_back(chunkOf(block, hasCoefficients));
             splats.insert(splats.end(), block.begin(), block.end());
         }
-        ranges = rangesOf(splats, hasShcoef);
-        bounding = boundingOf(ranges, hasShcoef);
+        ranges = rangesOf(splats, hasCoefficients);
+        bounding = boundingOf(ranges, hasCoefficients);
     }
 
     // Run an indexer over the blocks, for a scene of this many splats.
@@ -68,18 +68,19 @@ struct IndexerTest : testing::Test {
     std::string file(const char* name) const { return support::readFile(scratch / name); }
 
     // Both files' records of each splat, by cell column, then row, then order of the blocks.
-    std::pair<std::string, std::string> expectedRecords(bool hasShcoef, bool single) const {
+    std::pair<std::string, std::string> expectedRecords(bool hasCoefficients, bool single) const {
         std::map<std::uint32_t, std::pair<std::string, std::string>> cells; // by column and row
-        for (std::size_t at = 0; at < splats.size(); at += recordLayout(hasShcoef).floats) {
+        for (std::size_t at = 0; at < splats.size(); at += recordLayout(hasCoefficients).floats) {
             const std::uint32_t key = reference::cellKey(splats[at], splats[at + 1],
                                                          {.originX = chunkGrid.originX,
                                                           .originY = chunkGrid.originY,
                                                           .cellSizeX = chunkGrid.cellSizeX,
                                                           .cellSizeY = chunkGrid.cellSizeY});
-            auto& [data, shcoef] = cells[single ? 0 : key << 16 | key >> 16];
-            const reference::Quantised record = reference::quantise(splats.data() + at, hasShcoef, ranges);
+            auto& [data, coefficients] = cells[single ? 0 : key << 16 | key >> 16];
+            const reference::Quantised record =
+                reference::quantise(splats.data() + at, hasCoefficients, ranges);
             data.append(record.data.begin(), record.data.end());
-            shcoef.append(record.packed.begin(), record.packed.end());
+            coefficients.append(record.packed.begin(), record.packed.end());
         }
         std::pair<std::string, std::string> files;
         for (const auto& [place, records] : cells) {
@@ -90,14 +91,14 @@ struct IndexerTest : testing::Test {
     }
 };
 
-std::string logOf(bool hasShcoef) {
+std::string logOf(bool hasCoefficients) {
     return "INFO(indexer:29): Start Index ,need a little time ... \n"
            "INFO(indexer:38): Index finished ,Start create Data... \n"
            "INFO(indexer:" +
-           std::string(hasShcoef ? "694" : "827") +
+           std::string(hasCoefficients ? "694" : "827") +
            "): Data create finished , free file stream... \n"
            "INFO(indexer:" +
-           (hasShcoef ? "701" : "832") +
+           (hasCoefficients ? "701" : "832") +
            "): Data create finished , free file stream success.\n"
            "INFO(indexer:40): Index finished ,Start create Index... \n"
            "INFO(indexer:42): Index finished ,Start create meta data \n"
@@ -105,17 +106,17 @@ std::string logOf(bool hasShcoef) {
 }
 
 TEST_F(IndexerTest, RunWritesEveryFileOfASingleCell) {
-    for (const bool hasShcoef : {true, false}) {
-        SCOPED_TRACE(hasShcoef);
+    for (const bool hasCoefficients : {true, false}) {
+        SCOPED_TRACE(hasCoefficients);
         splats.clear();
         chunks->clear();
         std::filesystem::remove(scratch / "shcoef.bin");
-        addBlocks({30, 12}, hasShcoef);
+        addBlocks({30, 12}, hasCoefficients);
         EXPECT_EQ(run(1'000'000), "\n\n");
-        const auto [data, shcoef] = expectedRecords(hasShcoef, true);
+        const auto [data, coefficients] = expectedRecords(hasCoefficients, true);
         EXPECT_EQ(file("data.bin"), data);
-        EXPECT_EQ(std::filesystem::exists(scratch / "shcoef.bin"), hasShcoef);
-        EXPECT_TRUE(!hasShcoef || file("shcoef.bin") == shcoef);
+        EXPECT_EQ(std::filesystem::exists(scratch / "shcoef.bin"), hasCoefficients);
+        EXPECT_TRUE(!hasCoefficients || file("shcoef.bin") == coefficients);
         EXPECT_EQ(file("index.bin"), std::string("\0\0\0\0\x2A\0\0\0\0\0\0\0\0\0\0\0\x40\x05\0\0", 20)); // 42
     }
 }
@@ -123,19 +124,19 @@ TEST_F(IndexerTest, RunWritesEveryFileOfASingleCell) {
 TEST_F(IndexerTest, RunWritesTheCellsOfAGrid) {
     addBlocks({300, 1, 120}, true);
     const std::string output = run(1'000'001);
-    const auto [data, shcoef] = expectedRecords(true, false);
+    const auto [data, coefficients] = expectedRecords(true, false);
     EXPECT_EQ(file("data.bin"), data);
-    EXPECT_EQ(file("shcoef.bin"), shcoef);
+    EXPECT_EQ(file("shcoef.bin"), coefficients);
     EXPECT_EQ(output.size(), file("index.bin").size() / 20 * 2);
 }
 
 TEST_F(IndexerTest, RunLogsItsStepsInOrder) {
-    for (const bool hasShcoef : {true, false}) {
+    for (const bool hasCoefficients : {true, false}) {
         openRunLog((scratch / "log.txt").string());
         chunks->clear();
-        addBlocks({5}, hasShcoef);
+        addBlocks({5}, hasCoefficients);
         run(5);
-        EXPECT_EQ(support::withPlainLineEnds(file("log.txt")), logOf(hasShcoef));
+        EXPECT_EQ(support::withPlainLineEnds(file("log.txt")), logOf(hasCoefficients));
     }
 }
 

@@ -140,8 +140,8 @@ TEST(AttributesJson, HasNineEntriesInOrder) {
     bounding.shcoef = {.name = "", .min = {-2, -3, -4}, .max = {2, 3, 4}};
     bounding.opacity = {.name = "", .min = {0.125, 7, 7}, .max = {0.75, 7, 7}};
     bounding.scale = {.name = "", .min = {1e-5, 1, 1}, .max = {1e17, 2, 2}};
-    for (const bool hasShcoef : {true, false}) { // written for every input
-        bounding.hasShcoef = hasShcoef;
+    for (const bool hasCoefficients : {true, false}) { // written for every input
+        bounding.hasShcoef = hasCoefficients;
         EXPECT_EQ(attributesJson(bounding, {-1.5, 0.0, 2.0}, {3.0, 4.0, 5.0}),
                   "[\n" + entry("position", "[-15, 0, 20]", "[30, 40, 50]", ",") +
                       entry("normal", "[0.10000000149011612, 0, -1]", "[1, 2, 3]", ",") +

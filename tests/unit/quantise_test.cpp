@@ -52,11 +52,11 @@ TEST(SplatsData, HasTheLayoutOfTheFiles) {
     splat[24 + 14] = 1.0f; // green 14
     splat[39 + 1] = 1.0f;  // blue 1
     const QuantiseRange unit{.min = 0.0, .extent = 1.0};
-    const QuantiseSettings settings{.hasShcoef = true,
+    const QuantiseSettings settings{.hasCoefficients = true,
                                     .compressed = true,
                                     .scale = {unit, unit, unit},
                                     .normal = {unit, unit, unit},
-                                    .shcoef = {unit, unit, unit}};
+                                    .coefficients = {unit, unit, unit}};
     SplatsData record;
     quantiseSplat(splat.data(), settings, record);
     EXPECT_EQ(valueAt<float>(record, 0), 1.0f);
@@ -87,7 +87,7 @@ TEST(QuantiseSplat, RawCoefficientsAreInterleaved) {
         splat[39 + k] = 300.0f + static_cast<float>(k);
     }
     QuantiseSettings settings{};
-    settings.hasShcoef = true;
+    settings.hasCoefficients = true;
     settings.compressed = false;
     SplatsData record;
     quantiseSplat(splat.data(), settings, record);
@@ -208,7 +208,7 @@ TEST(QuantiseSettings, TakesItsRangesFromTheBounding) {
     bounding.normal = {.name = {}, .min = {-1, -2, -3}, .max = {1, 2, 3}};
     bounding.shcoef = {.name = {}, .min = {0, 10, 20}, .max = {1, 12, 23}};
     const QuantiseSettings settings = quantiseSettings(bounding, false);
-    EXPECT_TRUE(settings.hasShcoef);
+    EXPECT_TRUE(settings.hasCoefficients);
     EXPECT_FALSE(settings.compressed);
     for (std::size_t axis = 0; axis < 3; ++axis) {
         const double step = static_cast<double>(axis);
@@ -216,18 +216,18 @@ TEST(QuantiseSettings, TakesItsRangesFromTheBounding) {
         EXPECT_EQ(settings.scale[axis].extent, 4 + step);
         EXPECT_EQ(settings.normal[axis].min, -1 - step);
         EXPECT_EQ(settings.normal[axis].extent, 2 + 2 * step);
-        EXPECT_EQ(settings.shcoef[axis].min, 10 * step);
-        EXPECT_EQ(settings.shcoef[axis].extent, 1 + step);
+        EXPECT_EQ(settings.coefficients[axis].min, 10 * step);
+        EXPECT_EQ(settings.coefficients[axis].extent, 1 + step);
     }
     bounding.hasShcoef = false;
-    EXPECT_FALSE(quantiseSettings(bounding, true).hasShcoef);
+    EXPECT_FALSE(quantiseSettings(bounding, true).hasCoefficients);
     EXPECT_TRUE(quantiseSettings(bounding, true).compressed);
 }
 
 // Every variant of the work gives the bytes of the formulas, for both forms of coefficients.
-void expectRecord(const float* splat, bool hasShcoef, const reference::Ranges& ranges) {
-    const reference::Quantised expected = reference::quantise(splat, hasShcoef, ranges);
-    const std::shared_ptr<AttributeBounding> bounding = boundingOf(ranges, hasShcoef);
+void expectRecord(const float* splat, bool hasCoefficients, const reference::Ranges& ranges) {
+    const reference::Quantised expected = reference::quantise(splat, hasCoefficients, ranges);
+    const std::shared_ptr<AttributeBounding> bounding = boundingOf(ranges, hasCoefficients);
     for (const bool compressed : {true, false}) {
         const QuantiseSettings settings = quantiseSettings(*bounding, compressed);
         SplatsData plain;
@@ -244,19 +244,19 @@ void expectRecord(const float* splat, bool hasShcoef, const reference::Ranges& r
                 compressed ? static_cast<const void*>(record.packed) : static_cast<const void*>(record.raw);
             const void* const wanted = compressed ? expected.packed.data() : expected.raw.data();
             const std::size_t size = compressed ? expected.packed.size() : expected.raw.size();
-            ASSERT_TRUE(!hasShcoef || std::memcmp(coefficients, wanted, size) == 0) << variant;
+            ASSERT_TRUE(!hasCoefficients || std::memcmp(coefficients, wanted, size) == 0) << variant;
         }
     }
 }
 
 TEST(QuantiseRecords, OfScenesFollowTheFormulas) {
     Random random(60);
-    for (const bool hasShcoef : {false, true}) {
-        const std::vector<float> scene = decodedScene(random, 4000, hasShcoef, 50.0f);
-        const reference::Ranges ranges = rangesOf(scene, hasShcoef);
+    for (const bool hasCoefficients : {false, true}) {
+        const std::vector<float> scene = decodedScene(random, 4000, hasCoefficients, 50.0f);
+        const reference::Ranges ranges = rangesOf(scene, hasCoefficients);
         for (std::size_t at = 0; at < scene.size() && !testing::Test::HasFailure();
-             at += hasShcoef ? 62 : 17) {
-            expectRecord(scene.data() + at, hasShcoef, ranges);
+             at += hasCoefficients ? 62 : 17) {
+            expectRecord(scene.data() + at, hasCoefficients, ranges);
         }
     }
 }
@@ -283,18 +283,18 @@ reference::Bounds anyBounds(Random& random) {
 TEST(QuantiseRecords, OfAnyValuesInAnyRangesFollowTheFormulas) {
     Random random(61);
     for (int i = 0; i < 30'000 && !testing::Test::HasFailure(); ++i) {
-        const bool hasShcoef = i % 2 == 0;
+        const bool hasCoefficients = i % 2 == 0;
         reference::Ranges ranges;
         for (std::size_t axis = 0; axis < 3; ++axis) {
             ranges.normal[axis] = anyBounds(random);
             ranges.scale[axis] = anyBounds(random);
             ranges.coefficients[axis] = anyBounds(random);
         }
-        std::vector<float> splat(hasShcoef ? 62 : 17);
+        std::vector<float> splat(hasCoefficients ? 62 : 17);
         for (float& value : splat) {
             value = i % 3 == 0 ? random.between(0.0f, 1.0f) : support::mixedFloat(random, -1.0f, 2.0f);
         }
-        expectRecord(splat.data(), hasShcoef, ranges);
+        expectRecord(splat.data(), hasCoefficients, ranges);
     }
 }
 
@@ -311,13 +311,13 @@ TEST(QuantiseRecords, OneValueOutOfItsRangeWrapsAlone) {
             *bounds = {.min = 0.0, .max = 1.0};
         }
     }
-    for (const bool hasShcoef : {false, true}) {
-        for (std::size_t at = 0; at < (hasShcoef ? 62u : 17u); ++at) {
+    for (const bool hasCoefficients : {false, true}) {
+        for (std::size_t at = 0; at < (hasCoefficients ? 62u : 17u); ++at) {
             for (const float value : values) {
-                std::vector<float> splat(hasShcoef ? 62 : 17, 0.3345f);
+                std::vector<float> splat(hasCoefficients ? 62 : 17, 0.3345f);
                 splat[at] = value;
                 SCOPED_TRACE(std::to_string(at) + ": " + support::describe(value));
-                ASSERT_NO_FATAL_FAILURE(expectRecord(splat.data(), hasShcoef, ranges));
+                ASSERT_NO_FATAL_FAILURE(expectRecord(splat.data(), hasCoefficients, ranges));
             }
         }
     }

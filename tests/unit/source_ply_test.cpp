@@ -38,8 +38,8 @@ std::vector<float> recordsOf(int degree) {
     for (std::size_t i = 0; i < records.size(); ++i) {
         const std::size_t place = i % layout.floats;
         const bool isNormal = place >= GaussionSplat::normalAt && place < GaussionSplat::colourAt;
-        const bool isRest = degree > 0 && place >= GaussionSplat::shcoefAt && place < layout.opacity;
-        const bool isThere = !isRest || (place - GaussionSplat::shcoefAt) % 15 < taken;
+        const bool isRest = degree > 0 && place >= GaussionSplat::coefficientsAt && place < layout.opacity;
+        const bool isThere = !isRest || (place - GaussionSplat::coefficientsAt) % 15 < taken;
         records[i] = isNormal || !isThere ? 0.0f : static_cast<float>(random.next() % 120) - 20.0f;
     }
     return records;

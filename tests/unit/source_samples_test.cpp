@@ -52,7 +52,7 @@ std::map<std::string, std::size_t> placesOf(bool hasCoefficients, std::size_t co
     for (std::size_t i = 0; i < coefficients; ++i) {
         if (i % perChannel < 15) {
             places["f_rest_" + std::to_string(i)] =
-                GaussionSplat::shcoefAt + i / perChannel * 15 + i % perChannel;
+                GaussionSplat::coefficientsAt + i / perChannel * 15 + i % perChannel;
         }
     }
     return places;

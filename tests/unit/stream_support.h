@@ -83,7 +83,7 @@ inline void convertByLibraryAs(const support::Scratch& scratch, const std::files
     const auto params = std::make_shared<Params>();
     SplatHeader header(support::pathBytes(input), params, 1);
     chooseGrid(static_cast<std::int64_t>(countAs), header.bboxMin, header.bboxMax);
-    header.recordSize = header.hasShcoef ? recordSizeWithShcoef : recordSizeWithoutShcoef;
+    header.recordSize = header.hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
     const auto bounding = std::make_shared<AttributeBounding>();
     bounding->hasShcoef = header.hasShcoef;
     const auto chunks = std::make_shared<ChunkList>();
