@@ -22,10 +22,10 @@ namespace Tavrin::GaussionSplat {
 namespace {
 
 // Decoded blocks that an exception leaves in the list are freed with it.
-struct ReleaseChunks {
-    ChunkList& chunks;
+struct ReleaseBlocks {
+    BlockList& chunks;
     std::uint32_t recordSize;
-    ~ReleaseChunks() { releaseChunks(chunks, recordSize); }
+    ~ReleaseBlocks() { releaseBlocks(chunks, recordSize); }
 };
 
 bool exists(const std::string& path) {
@@ -71,8 +71,8 @@ std::int32_t convert(const std::string& input, const std::string& output) {
         header.recordSize = recordSizeWithCoefficients;
     }
     const std::vector<SplatHeader> headers{header};
-    const auto chunks = std::make_shared<ChunkList>();
-    const ReleaseChunks release{*chunks, header.recordSize};
+    const auto chunks = std::make_shared<BlockList>();
+    const ReleaseBlocks release{*chunks, header.recordSize};
 
     // The header is read before anything is deleted: an input that is refused leaves the old folder
     // untouched.

@@ -19,7 +19,7 @@ int main(int argc, char** argv) {
         const auto bounding = std::make_shared<AttributeBounding>();
         bounding->hasShcoef = header.hasShcoef;
         header.recordSize = header.hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
-        const auto chunks = std::make_shared<ChunkList>();
+        const auto chunks = std::make_shared<BlockList>();
         Chunker chunker;
         chunker.headers = {header};
         chunker.threadCount = std::strtoull(argv[2], nullptr, 10);
@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         chunker.doChunking(bounding, chunks, "");
-        releaseChunks(*chunks, header.recordSize);
+        releaseBlocks(*chunks, header.recordSize);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "chunkonce: %s\n", error.what());
         return 1;

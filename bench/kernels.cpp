@@ -50,7 +50,7 @@ const Decoded& decodedTown(bool coefficients) {
         BlockRanges ranges;
         decodeRecords(decoded.records.data(), manySplats, with, ranges);
         decoded.bounding.hasShcoef = with;
-        mergeRanges(decoded.bounding, ranges, with);
+        widen(decoded.bounding, ranges, with);
         return decoded;
     };
     static const Decoded withCoefficients = make(true);
@@ -108,18 +108,18 @@ void decodeOneByOne(benchmark::State& state) {
 }
 BENCHMARK(decodeOneByOne)->ArgName("coefficients")->Arg(1)->Arg(0)->UseManualTime();
 
-void foldRange(benchmark::State& state) {
+void widenRange(benchmark::State& state) {
     const std::vector<float>& town = townRecords(true);
     for (auto _ : state) {
         ValueRange range;
         for (std::size_t k = 0; k < windowRecords * 62; ++k) {
-            range.fold(town[k]);
+            range.widen(town[k]);
         }
         benchmark::DoNotOptimize(range);
     }
     count(state, windowRecords * 62, sizeof(float));
 }
-BENCHMARK(foldRange);
+BENCHMARK(widenRange);
 
 void exponentials(benchmark::State& state) {
     std::vector<float> values(4096);
@@ -211,14 +211,14 @@ public:
 
 // An indexer that holds the town as one block, ready for buildIndex; cells metres wide, 0 for a single cell.
 std::unique_ptr<Indexer> indexerOfTown(const Decoded& town, int cells, const std::string& output) {
-    auto chunk = std::make_shared<ChunkData>();
-    chunk->splatCount = static_cast<std::uint32_t>(manySplats);
-    LargeArray<float> block = makeLargeArray<float>(town.records.size());
-    std::memcpy(block.get(), town.records.data(), town.records.size() * sizeof(float));
-    chunk->data = block.release();
+    auto block = std::make_shared<ChunkData>();
+    block->splatCount = static_cast<std::uint32_t>(manySplats);
+    LargeArray<float> records = makeLargeArray<float>(town.records.size());
+    std::memcpy(records.get(), town.records.data(), town.records.size() * sizeof(float));
+    block->data = records.release();
     auto indexer = std::make_unique<Indexer>(std::vector<SplatHeader>(1), output);
     indexer->bounding = std::make_shared<AttributeBounding>(town.bounding);
-    indexer->chunks = std::make_shared<ChunkList>(ChunkList{chunk});
+    indexer->chunks = std::make_shared<BlockList>(BlockList{block});
     indexer->splatCount =
         cells == 0 ? singleCellSplats : singleCellSplats + 1; // decides whether there is a grid
     const float size = static_cast<float>(cells);

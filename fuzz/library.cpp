@@ -18,7 +18,7 @@ std::int32_t convertAs(const Job& job) {
     const auto bounding = std::make_shared<AttributeBounding>();
     bounding->hasShcoef = header.hasShcoef;
     header.recordSize = header.hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
-    const auto chunks = std::make_shared<ChunkList>();
+    const auto chunks = std::make_shared<BlockList>();
     std::filesystem::remove_all(job.output);
     std::filesystem::create_directories(job.output);
     openRunLog(job.output / "log.txt");

@@ -36,26 +36,26 @@ std::string componentText(std::string_view name, std::size_t axis) {
                                                        : std::string("on axis ") + "xyz"[axis]);
 }
 
-void join(ValueSpan& span, const ValueSpan& more) {
+void widen(ValueSpan& span, const ValueSpan& more) {
     span.lowest = std::min(span.lowest, more.lowest);
     span.highest = std::max(span.highest, more.highest);
 }
 
-void join(ComponentUse& use, const ComponentUse& more) {
-    join(static_cast<ValueSpan&>(use), more);
+void add(ComponentUse& use, const ComponentUse& more) {
+    widen(static_cast<ValueSpan&>(use), more);
     use.atZero += more.atZero;
     use.atMaximum += more.atMaximum;
 }
 
-void join(RecordUse& use, const RecordUse& more) {
+void add(RecordUse& use, const RecordUse& more) {
     use.records += more.records;
     use.undefinedRotations += more.undefinedRotations;
-    join(use.opacity, more.opacity);
+    add(use.opacity, more.opacity);
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        join(use.colour[axis], more.colour[axis]);
-        join(use.scale[axis], more.scale[axis]);
-        join(use.normal[axis], more.normal[axis]);
-        join(use.coefficient[axis], more.coefficient[axis]);
+        add(use.colour[axis], more.colour[axis]);
+        add(use.scale[axis], more.scale[axis]);
+        add(use.normal[axis], more.normal[axis]);
+        widen(use.coefficient[axis], more.coefficient[axis]);
     }
 }
 
@@ -77,7 +77,7 @@ public:
         }
     }
 
-    void note(const std::byte* record) {
+    void widenBy(const std::byte* record) {
         for (std::size_t k = 0; k < words; ++k) {
             const CoefficientWord word = unpackCoefficientWord(loadUnsigned<std::uint32_t>(record + 4 * k));
             for (std::size_t channel = 0; channel < 3; ++channel) {
@@ -88,11 +88,11 @@ public:
         }
     }
 
-    void joinInto(std::array<ValueSpan, 3>& spans) const {
+    void widenSpans(std::array<ValueSpan, 3>& spans) const {
         for (std::size_t channel = 0; channel < 3; ++channel) {
             for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
-                join(spans[channel], {static_cast<std::uint32_t>(lowest_[channel][k]),
-                                      static_cast<std::uint32_t>(highest_[channel][k])});
+                widen(spans[channel], {static_cast<std::uint32_t>(lowest_[channel][k]),
+                                       static_cast<std::uint32_t>(highest_[channel][k])});
             }
         }
     }
@@ -131,7 +131,7 @@ public:
     RecordUse use() const {
         RecordUse use = use_;
         if (use.records > 0 && coefficientSize_ == Format::packedCoefficientSize) {
-            coefficients_.joinInto(use.coefficient);
+            coefficients_.widenSpans(use.coefficient);
         }
         return use;
     }
@@ -178,7 +178,7 @@ private:
     }
 
     void checkPacked(const std::byte* record) {
-        coefficients_.note(record);
+        coefficients_.widenBy(record);
         const auto padding = loadUnsigned<std::uint32_t>(record + Format::packedPaddingOffset);
         if (padding != 0) {
             findings_.error("record-padding", Format::coefficientFile,
@@ -438,7 +438,7 @@ void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& opt
             job.tellProgress();
         }
         part = others[i].get();
-        join(use, part.use);
+        add(use, part.use);
         report.findings.append(part.findings);
     }
     if (part.isRead) {

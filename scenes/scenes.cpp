@@ -99,7 +99,7 @@ void addProperties(std::string& header, bool coefficients) {
     }
 }
 
-void widen(Bounds& bounds, const float* position, bool first) {
+void widen(Box& bounds, const float* position, bool first) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
         bounds.min[axis] = first ? position[axis] : std::min(bounds.min[axis], position[axis]);
         bounds.max[axis] = first ? position[axis] : std::max(bounds.max[axis], position[axis]);
@@ -114,7 +114,7 @@ void requireGood(const std::ofstream& file, const std::filesystem::path& path) {
 
 } // namespace
 
-std::string sceneHeader(const SceneOptions& options, const Bounds& bounds) {
+std::string sceneHeader(const SceneOptions& options, const Box& bounds) {
     checkOptions(options);
     std::string header = "ply\nformat binary_little_endian 1.0\n";
     if (!options.source.empty()) {
@@ -145,8 +145,8 @@ std::string sceneHeader(const SceneOptions& options, const Bounds& bounds) {
     return header + "end_header\n";
 }
 
-Bounds writeScene(const std::filesystem::path& path, const SceneOptions& options) {
-    const std::string placeholder = sceneHeader(options, Bounds{});
+Box writeScene(const std::filesystem::path& path, const SceneOptions& options) {
+    const std::string placeholder = sceneHeader(options, Box{});
     const SplatSource source(options);
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     requireGood(file, path);
@@ -154,7 +154,7 @@ Bounds writeScene(const std::filesystem::path& path, const SceneOptions& options
 
     const std::size_t floats = recordFloats(options.coefficients);
     std::vector<float> block(static_cast<std::size_t>(std::min(splatsInBlock, options.splats)) * floats);
-    Bounds bounds;
+    Box bounds;
     for (std::uint64_t first = 0; first < options.splats; first += splatsInBlock) {
         const std::uint64_t count = std::min(splatsInBlock, options.splats - first);
         for (std::uint64_t k = 0; k < count; ++k) {
@@ -185,8 +185,8 @@ std::vector<float> sceneRecords(const SceneOptions& options) {
     return records;
 }
 
-Bounds boundsOf(std::span<const float> records, std::size_t floatsPerRecord) {
-    Bounds bounds;
+Box boxOf(std::span<const float> records, std::size_t floatsPerRecord) {
+    Box bounds;
     for (std::size_t at = 0; at < records.size(); at += floatsPerRecord) {
         widen(bounds, records.data() + at, at == 0);
     }

@@ -50,7 +50,7 @@ struct SceneOptions {
 };
 
 // The box of the splats' positions. All zeros for a scene without splats.
-struct Bounds {
+struct Box {
     std::array<float, 3> min{};
     std::array<float, 3> max{};
 };
@@ -63,16 +63,16 @@ constexpr std::size_t recordFloats(bool coefficients) {
 // Writes the scene as a binary little-endian PLY file, replacing the file. Memory stays below 40 MiB,
 // whatever the number of splats. Returns the box of the splats.
 // Throws std::invalid_argument for options that no scene has, std::runtime_error when writing fails.
-Bounds writeScene(const std::filesystem::path& path, const SceneOptions& options);
+Box writeScene(const std::filesystem::path& path, const SceneOptions& options);
 
 // The records that writeScene puts after the header, in the same order. Throws std::invalid_argument.
 std::vector<float> sceneRecords(const SceneOptions& options);
 
 // The header that writeScene puts before them, "end_header" and its line feed included; `bounds` is used
 // when options.statedBounds is set. Its length depends on the options alone. Throws std::invalid_argument.
-std::string sceneHeader(const SceneOptions& options, const Bounds& bounds);
+std::string sceneHeader(const SceneOptions& options, const Box& bounds);
 
 // The box of records that lie one after the other, `floatsPerRecord` floats each, position first.
-Bounds boundsOf(std::span<const float> records, std::size_t floatsPerRecord);
+Box boxOf(std::span<const float> records, std::size_t floatsPerRecord);
 
 } // namespace scenes

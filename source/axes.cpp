@@ -45,7 +45,7 @@ void quarterTurn(float* p, int count) {
 
 } // namespace
 
-void Turn::position(float (&xyz)[3]) const {
+void AxisTurn::position(float (&xyz)[3]) const {
     flip(xyz[0], x);
     flip(xyz[1], y);
     flip(xyz[2], z);
@@ -56,7 +56,7 @@ void Turn::position(float (&xyz)[3]) const {
     }
 }
 
-void Turn::rotation(float (&wxyz)[4]) const {
+void AxisTurn::rotation(float (&wxyz)[4]) const {
     flip(wxyz[1], y * z);
     flip(wxyz[2], x * z);
     flip(wxyz[3], x * y);
@@ -73,7 +73,7 @@ void Turn::rotation(float (&wxyz)[4]) const {
     }
 }
 
-void Turn::coefficients(float* channel, int count) const {
+void AxisTurn::coefficients(float* channel, int count) const {
     // A basis function changes its sign with each axis of which it holds an odd power.
     const int signs[coefficientsPerChannel] = {y,     z,         x,                  // degree 1
                                                x * y, y * z,     1, x * z, 1,        // degree 2
@@ -86,7 +86,7 @@ void Turn::coefficients(float* channel, int count) const {
     }
 }
 
-Turn turnFromAxes(std::uint32_t code) {
+AxisTurn turnFromAxes(std::uint32_t code) {
     const std::uint32_t bits = (code - 1) % 8;
     const bool isRight = (bits & 1) != 0;
     const bool isUp = (bits & 2) != 0;

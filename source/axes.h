@@ -17,7 +17,7 @@ inline constexpr int coefficientsPerChannel = 15;
 
 // A turn: signs of the axes and, where the third axis points up, a quarter turn about x after them. Both
 // leave lengths unchanged.
-struct Turn {
+struct AxisTurn {
     // Signs of the axes, +1 or -1.
     int x = 1;
     int y = 1;
@@ -34,7 +34,7 @@ struct Turn {
 
 // The turn from stored axes, given as a code from 1 to 16. The bits of code - 1 (of code - 9 for 9 to 16) say
 // right, up and back. Codes 9 to 16 have y and z exchanged. 4 is right, up, back; 6 is right, down, front.
-Turn turnFromAxes(std::uint32_t code);
+AxisTurn turnFromAxes(std::uint32_t code);
 
 inline constexpr std::uint32_t mostAxesCode = 16;
 inline constexpr std::uint32_t axesRightUpBack = 4;

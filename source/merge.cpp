@@ -28,7 +28,7 @@ double wholeNear(double value) {
 }
 
 // Inserts 15 zero coefficients a channel into records without any. Works in place, from the last record on.
-void widenRecords(std::uint64_t count, float* records) {
+void insertCoefficients(std::uint64_t count, float* records) {
     using namespace GaussionSplat;
     constexpr std::size_t narrow = layoutWithoutCoefficients.floats;
     constexpr std::size_t wide = layoutWithCoefficients.floats;
@@ -299,7 +299,7 @@ void Scene::finish(const KeptSplats& input, const Point& move, std::uint64_t kep
         }
     }
     if (hasCoefficients && !input.input().hasCoefficients) {
-        widenRecords(kept, records);
+        insertCoefficients(kept, records);
     }
 }
 

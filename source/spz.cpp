@@ -164,7 +164,7 @@ SpzContent SpzInput::unpack() {
 void SpzInput::settleAxes(InputAxes axes, std::uint32_t code) {
     if (axes == InputAxes::rightUpBack || axes == InputAxes::rightDownFront) {
         const bool isUp = axes == InputAxes::rightUpBack;
-        turn_ = turnFromAxes(isUp ? axesRightUpBack : axesRightDownFront);
+        axisTurn_ = turnFromAxes(isUp ? axesRightUpBack : axesRightDownFront);
         kind += isUp ? ", axes right, up, back as chosen" : ", axes right, down, front as chosen";
         return;
     }
@@ -172,7 +172,7 @@ void SpzInput::settleAxes(InputAxes axes, std::uint32_t code) {
         throw SourceError(fmt::format(
             "{}: its axes have the code {}, which is not known: state them with --axes", name, code));
     }
-    turn_ = turnFromAxes(code != 0 ? code : axesRightUpBack);
+    axisTurn_ = turnFromAxes(code != 0 ? code : axesRightUpBack);
     kind += code != 0 ? fmt::format(", axes as it states (code {})", code)
                       : ", axes right, up, back as usual, for it states none";
 }
@@ -234,7 +234,7 @@ void SpzInput::decodePositions(const std::uint8_t* bytes, std::uint64_t size, fl
             xyz[axis] = header_.version == 1 ? halfFloat(bytes + 2 * axis)
                                              : static_cast<float>(signed24(bytes + 3 * axis)) * unit;
         }
-        turn_.position(xyz);
+        axisTurn_.position(xyz);
         std::copy_n(xyz, 3, records + i * floats + positionAt);
     }
 }
@@ -249,7 +249,7 @@ void SpzInput::decodeRotations(const std::uint8_t* bytes, std::uint64_t size, fl
         } else {
             readRotationWord(bytes, wxyz);
         }
-        turn_.rotation(wxyz);
+        axisTurn_.rotation(wxyz);
         std::copy_n(wxyz, 4, records + i * layout.floats + layout.rotation);
     }
 }
@@ -266,7 +266,7 @@ void SpzInput::decodeCoefficients(const std::uint8_t* bytes, std::uint64_t size,
             for (int k = 0; k < kept; ++k) {
                 values[k] = static_cast<float>(bytes[3 * k + channel] - 128) / 128.0f;
             }
-            turn_.coefficients(values, kept);
+            axisTurn_.coefficients(values, kept);
         }
     }
 }

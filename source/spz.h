@@ -26,7 +26,7 @@ private:
     RecordFile file_;
     SpzHeader header_;
     ScratchFile arrays_;
-    Turn turn_;
+    AxisTurn axisTurn_;
 
     SpzContent unpack();
     void settleAxes(InputAxes axes, std::uint32_t code);

@@ -18,17 +18,18 @@ namespace Tavrin::GaussionSplat {
 
 // The windows of one block of records.
 //
-// A turn takes several adjacent windows. If workers took single windows, several would touch the same new
-// huge page at the same time. The system would then clear one page for each of them and discard all but one.
+// A worker takes a stretch: several adjacent windows. If workers took single windows, several would touch the
+// same new huge page at the same time. The system would then clear one page for each of them and discard all
+// but one.
 struct WindowQueue {
     std::uint64_t records = 0;
-    std::uint64_t turnRecords;          // at most; a whole number of windows
+    std::uint64_t stretchRecords;       // at most; a whole number of windows
     std::atomic<std::uint64_t> next{0}; // the first record that nobody has taken
 
     explicit WindowQueue(std::uint64_t blockRecords)
         : records(blockRecords),
-          turnRecords(
-              std::clamp<std::uint64_t>(blockRecords / (fewestTurns * windowRecords), 1, mostWindows) *
+          stretchRecords(
+              std::clamp<std::uint64_t>(blockRecords / (fewestStretches * windowRecords), 1, mostWindows) *
               windowRecords) {}
 
     bool isEmpty() const { return next.load(std::memory_order_relaxed) >= records; }
@@ -39,11 +40,11 @@ struct WindowQueue {
     std::uint64_t takeAll(Work work) {
         std::uint64_t taken = 0;
         for (;;) {
-            const std::uint64_t begin = next.fetch_add(turnRecords);
+            const std::uint64_t begin = next.fetch_add(stretchRecords);
             if (begin >= records) {
                 return taken;
             }
-            const std::uint64_t end = std::min(records, begin + turnRecords);
+            const std::uint64_t end = std::min(records, begin + stretchRecords);
             for (std::uint64_t first = begin; first < end; first += windowRecords) {
                 work(first, std::min(end - first, windowRecords));
             }
@@ -52,10 +53,10 @@ struct WindowQueue {
     }
 
 private:
-    // mostWindows makes a turn longer than a huge page of the smaller records. fewestTurns leaves little to
-    // wait for at the end of a block.
+    // mostWindows makes a stretch longer than a huge page of the smaller records. fewestStretches leaves
+    // little to wait for at the end of a block.
     static constexpr std::uint64_t mostWindows = 32;
-    static constexpr std::uint64_t fewestTurns = 32;
+    static constexpr std::uint64_t fewestStretches = 32;
 };
 
 // The blocks of one pass that are being worked on. The pass's own mutex guards every other member. A Job has
@@ -81,7 +82,7 @@ struct SharedBlocks {
     }
 
     // Call work(job, reader) for blocks that others have begun, as long as there are any. Returns at once
-    // while blocks wait to be begun: the worker takes one of those in its next turn. Returns also when the
+    // while blocks wait to be begun: the worker takes one of those next. Returns also when the
     // file cannot be opened again: the worker that began the block has it open and goes on alone.
     template <typename Work>
     void helpOthers(Work work) {

@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char* sourcePath = "src/chunker";
 
-std::mutex chunkMutex; // the chunk lock; chunker_pass.h says what it guards
+std::mutex chunkerMutex; // the chunker's lock; chunker_pass.h says what it guards
 
 // Null where there is no memory. Only for what the conversion can do without.
 template <typename Element>
@@ -46,37 +46,38 @@ LargeArray<std::byte> makeRoom(std::uint64_t bytes) {
 DecodeJob::DecodeJob(const Chunker::Task& blockTask, std::size_t recordFloats, bool countsCells)
     : task(blockTask), windows(blockTask.count), block(makeLargeArray<float>(blockTask.count * recordFloats)),
       roomPerSplat(roomForOne(recordFloats, countsCells)), room(makeRoom(blockTask.count * roomPerSplat)),
-      cells(countsCells ? std::make_shared<ChunkCells>() : nullptr) {
+      cells(countsCells ? std::make_shared<BlockCells>() : nullptr) {
     if (cells) {
         cells->grid = chunkGrid;
         cells->keys = tryLargeArray<std::uint32_t>(task.count);
     }
 }
 
-ChunkPass::ChunkPass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList)
-    : bounding(std::move(sharedBounding)), chunks(std::move(chunkList)), blocks(chunkMutex) {}
+DecodePass::DecodePass(std::shared_ptr<AttributeBounding> sharedBounding,
+                       std::shared_ptr<BlockList> blockList)
+    : bounding(std::move(sharedBounding)), chunks(std::move(blockList)), blocks(chunkerMutex) {}
 
 namespace {
 
-// Merge a block that is completely decoded, and hand it on. The caller holds the chunk lock, which guards the
-// list that the block is appended to.
-void finishBlock(DecodeJob& job, ChunkPass& pass) {
+// Merge a block that is completely decoded, and hand it on. The caller holds the chunker's lock, which guards
+// the list that the block is appended to.
+void finishBlock(DecodeJob& job, DecodePass& pass) {
     const bool hasCoefficients = pass.bounding->hasShcoef;
     settleZeroBounds(job.block.get(), job.task.count, hasCoefficients, job.ranges);
-    mergeRanges(*pass.bounding, job.ranges, hasCoefficients);
-    auto chunk = std::make_shared<ChunkData>();
-    chunk->splatCount = static_cast<std::uint32_t>(job.task.count);
-    chunk->level = job.task.level;
+    widen(*pass.bounding, job.ranges, hasCoefficients);
+    auto block = std::make_shared<ChunkData>();
+    block->splatCount = static_cast<std::uint32_t>(job.task.count);
+    block->level = job.task.level;
     pass.finished.push_back({job.task.ordinal, job.ranges});
-    pass.chunks->push_back(chunk);
-    chunk->data = job.block.release();
-    chunk->cells = std::move(job.cells);
-    chunk->room = std::move(job.room);
+    pass.chunks->push_back(block);
+    block->data = job.block.release();
+    block->cells = std::move(job.cells);
+    block->room = std::move(job.room);
 }
 
 // Find the cells of a window's records. The window starts at record `first` of the block.
 void findCells(const float* window, std::size_t recordFloats, std::uint64_t first, std::uint64_t count,
-               ChunkCells& cells, CellCounter& counter) {
+               BlockCells& cells, CellCounter& counter) {
     std::uint32_t own[windowRecords];
     std::uint32_t* const keys = cells.keys ? cells.keys.get() + first : own;
     cellKeys(window, recordFloats, count, cells.grid, keys);
@@ -124,7 +125,7 @@ void readRecords(RecordReader& reader, const Chunker::Task& task, std::uint64_t 
 // Decode windows of a block until none is left. The worker that decodes the last one finishes the block. Each
 // window is read straight into its place and decoded there while it is in the cache. The bytes are those of
 // one read of the whole block. A second visit of record 0 would change nothing, so one is made.
-void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
+void decodeWindows(DecodeJob& job, RecordReader& reader, DecodePass& pass) {
     const Chunker::Task& task = job.task;
     const bool hasCoefficients = pass.bounding->hasShcoef;
     const std::size_t recordFloats = recordLayout(hasCoefficients).floats;
@@ -143,8 +144,8 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
             touchRoom(job, first, count);
         }
     });
-    const std::lock_guard lock(chunkMutex);
-    joinRanges(job.ranges, ranges);
+    const std::lock_guard lock(chunkerMutex);
+    widen(job.ranges, ranges);
     for (std::size_t i = 0; counter && i < counter->counts().size(); ++i) {
         job.cells->counter.add(counter->counts()[i].key, counter->counts()[i].splats);
     }
@@ -156,7 +157,7 @@ void decodeWindows(DecodeJob& job, RecordReader& reader, ChunkPass& pass) {
 
 } // namespace
 
-void decodeBlock(const Chunker::Task& task, ChunkPass& pass) {
+void decodeBlock(const Chunker::Task& task, DecodePass& pass) {
     pass.blocks.beginOne();
     const auto length = static_cast<std::int64_t>(task.length);
     if (length < 1) {
@@ -181,7 +182,7 @@ namespace {
 // Workers finish in any order. Here the blocks are sorted into file order and their ranges merged once more
 // in that order. So the result does not depend on the threads. Of two equal bounds the first stays, so the
 // second merge can differ from the first only in the sign of a zero bound.
-void settleOrder(ChunkPass& pass, const AttributeBounding& before) {
+void settleOrder(DecodePass& pass, const AttributeBounding& before) {
     std::vector<std::size_t> order(pass.finished.size());
     for (std::size_t i = 0; i < order.size(); ++i) {
         order[i] = i;
@@ -191,11 +192,11 @@ void settleOrder(ChunkPass& pass, const AttributeBounding& before) {
     });
     const std::size_t kept =
         pass.chunks->size() - order.size(); // entries that were in the list before this pass
-    ChunkList sorted(pass.chunks->begin(), pass.chunks->begin() + static_cast<std::ptrdiff_t>(kept));
+    BlockList sorted(pass.chunks->begin(), pass.chunks->begin() + static_cast<std::ptrdiff_t>(kept));
     AttributeBounding ranges = before;
     for (const std::size_t i : order) {
         sorted.push_back((*pass.chunks)[kept + i]);
-        mergeRanges(ranges, pass.finished[i].ranges, ranges.hasShcoef);
+        widen(ranges, pass.finished[i].ranges, ranges.hasShcoef);
     }
     *pass.chunks = std::move(sorted);
     *pass.bounding = std::move(ranges);
@@ -203,13 +204,13 @@ void settleOrder(ChunkPass& pass, const AttributeBounding& before) {
 
 } // namespace
 
-void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunks,
+void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<BlockList> chunks,
                          std::string output) {
     bounding = sharedBounding;
     name = std::move(output);
     logInfo(LogLines::chunkingStarts);
     const AttributeBounding before = *bounding;
-    ChunkPass pass(bounding, chunks);
+    DecodePass pass(bounding, chunks);
     std::uint64_t splats = 0;
     for (const SplatHeader& header : headers) {
         pass.blocks.waiting += countBlocks(header.vertexCount);
@@ -241,11 +242,11 @@ void Chunker::doChunking(std::shared_ptr<AttributeBounding> sharedBounding, std:
     logInfo(LogLines::chunkingEnds);
 }
 
-void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept {
-    for (std::shared_ptr<ChunkData>& chunk : chunks) {
-        if (chunk) {
-            freeLarge(chunk->data, std::uint64_t{chunk->splatCount} * recordSize);
-            chunk.reset();
+void releaseBlocks(BlockList& chunks, std::uint32_t recordSize) noexcept {
+    for (std::shared_ptr<ChunkData>& block : chunks) {
+        if (block) {
+            freeLarge(block->data, std::uint64_t{block->splatCount} * recordSize);
+            block.reset();
         }
     }
 }

@@ -18,7 +18,7 @@ namespace Tavrin::GaussionSplat {
 inline constexpr std::uint64_t indexedSplatBytes = 288;
 
 // The cells of a block's splats in a grid, found while the block was in the cache.
-struct ChunkCells {
+struct BlockCells {
     ChunkGrid grid;
     CellCounter counter;              // splats by cell
     LargeArray<std::uint32_t> keys{}; // cellKey of every splat, in the order of the block
@@ -33,14 +33,14 @@ struct ChunkData {
     // the block is regrouped; this struct does not.
     float* data = nullptr;
     // Set for scenes that have a grid. Where it is empty, the indexer finds the cells itself.
-    std::shared_ptr<const ChunkCells> cells;
+    std::shared_ptr<const BlockCells> cells;
     // Whole huge pages, pre-faulted by the workers: the part of the block's quantised records that data does
     // not cover. The system clears memory at its first touch. The workers share that cost; the indexer has
     // one thread. May be empty.
     LargeArray<std::byte> room;
 };
 
-using ChunkList = std::vector<std::shared_ptr<ChunkData>>;
+using BlockList = std::vector<std::shared_ptr<ChunkData>>;
 
 struct Chunker {
     std::shared_ptr<AttributeBounding> bounding; // set by doChunking
@@ -64,11 +64,11 @@ struct Chunker {
     // Decode every block on a pool of threadCount workers. Afterwards chunks holds one ChunkData for each
     // block whose file could be opened, in file order, and bounding is widened by all of them. Writes two
     // INFO lines. Throws std::system_error when a thread cannot be started.
-    void doChunking(std::shared_ptr<AttributeBounding> bounding, std::shared_ptr<ChunkList> chunks,
+    void doChunking(std::shared_ptr<AttributeBounding> bounding, std::shared_ptr<BlockList> chunks,
                     std::string output);
 };
 
 // Free the blocks still in the list, whose records take recordSize bytes each, and empty their entries.
-void releaseChunks(ChunkList& chunks, std::uint32_t recordSize) noexcept;
+void releaseBlocks(BlockList& chunks, std::uint32_t recordSize) noexcept;
 
 } // namespace Tavrin::GaussionSplat

@@ -84,9 +84,9 @@ std::array<float, 4> packRotation(float rot0, float rot1, float rot2, float rot3
 
 namespace {
 
-void foldThree(ValueRange (&ranges)[3], const float* values) {
+void widenThree(ValueRange (&ranges)[3], const float* values) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        ranges[axis].fold(values[axis]);
+        ranges[axis].widen(values[axis]);
     }
 }
 
@@ -105,13 +105,13 @@ void decodeRecord(float* record, bool hasCoefficients, BlockRanges& ranges) {
     float& opacity = record[layout.opacity];
     opacity = opacityOf(opacity);
 
-    foldThree(ranges.position, record + positionAt);
-    foldThree(ranges.normal, record + normalAt);
-    foldThree(ranges.colour, colour);
-    ranges.opacity.fold(opacity);
-    foldThree(ranges.scale, scale);
+    widenThree(ranges.position, record + positionAt);
+    widenThree(ranges.normal, record + normalAt);
+    widenThree(ranges.colour, colour);
+    ranges.opacity.widen(opacity);
+    widenThree(ranges.scale, scale);
     for (std::size_t i = 0; hasCoefficients && i < coefficientFloats; ++i) {
-        ranges.coefficients[i / coefficientsPerChannel].fold(record[coefficientsAt + i]);
+        ranges.coefficients[i / coefficientsPerChannel].widen(record[coefficientsAt + i]);
     }
 }
 
@@ -248,7 +248,7 @@ void decodeTile(Tile& tile) {
 
 // Widen range by the bounds of count lanes, starting at lane first.
 template <std::size_t Lanes>
-void foldInto(const LaneRanges<Lanes>& bounds, ValueRange& range, std::size_t first, std::size_t count) {
+void widenByLanes(const LaneRanges<Lanes>& bounds, ValueRange& range, std::size_t first, std::size_t count) {
     for (std::size_t lane = first; lane < first + count; ++lane) {
         range.min = minimum(range.min, bounds.min[lane]);
         range.max = maximum(range.max, bounds.max[lane]);
@@ -256,32 +256,32 @@ void foldInto(const LaneRanges<Lanes>& bounds, ValueRange& range, std::size_t fi
 }
 
 // Bounds of a column of a tile.
-void foldColumn(const float (&column)[tileRecords], std::size_t count, ValueRange& range) {
+void widenByColumn(const float (&column)[tileRecords], std::size_t count, ValueRange& range) {
     constexpr std::size_t lanes = 16;
     LaneRanges<lanes> bounds;
     const std::size_t whole = count - count % lanes;
-    bounds.foldRecords(column, whole / lanes, lanes);
-    foldInto(bounds, range, 0, lanes);
+    bounds.widen(column, whole / lanes, lanes);
+    widenByLanes(bounds, range, 0, lanes);
     for (std::size_t i = whole; i < count; ++i) {
-        range.fold(column[i]);
+        range.widen(column[i]);
     }
 }
 
-void foldTile(const Tile& tile, std::size_t count, BlockRanges& ranges) {
+void widenByTile(const Tile& tile, std::size_t count, BlockRanges& ranges) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        foldColumn(tile.colour[axis], count, ranges.colour[axis]);
-        foldColumn(tile.scale[axis], count, ranges.scale[axis]);
+        widenByColumn(tile.colour[axis], count, ranges.colour[axis]);
+        widenByColumn(tile.scale[axis], count, ranges.scale[axis]);
     }
-    foldColumn(tile.opacity, count, ranges.opacity);
+    widenByColumn(tile.opacity, count, ranges.opacity);
 }
 
 constexpr std::size_t copiedLanes = 6; // position and normal stand together
 
 template <std::size_t Lanes>
-void foldChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
+void widenChannels(const LaneRanges<Lanes>& lanes, ValueRange (&ranges)[3]) {
     constexpr std::size_t each = Lanes / 3;
     for (std::size_t channel = 0; channel < 3; ++channel) {
-        foldInto(lanes, ranges[channel], channel * each, each);
+        widenByLanes(lanes, ranges[channel], channel * each, each);
     }
 }
 
@@ -309,19 +309,19 @@ inline void decodeTiles(float* records, std::uint64_t count, bool hasCoefficient
         float* const first = records + done * layout.floats;
         loadTile(first, size, layout, tile);
         decodeTile(tile);
-        foldTile(tile, size, ranges);
-        copied.foldRecords(first, size, layout.floats);
+        widenByTile(tile, size, ranges);
+        copied.widen(first, size, layout.floats);
         if (hasCoefficients) {
-            coefficients.foldRecords(first + coefficientsAt, size, layout.floats);
+            coefficients.widen(first + coefficientsAt, size, layout.floats);
         }
         storeTile(first, size, layout, tile);
         done += size;
     }
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        foldInto(copied, ranges.position[axis], positionAt + axis, 1);
-        foldInto(copied, ranges.normal[axis], normalAt + axis, 1);
+        widenByLanes(copied, ranges.position[axis], positionAt + axis, 1);
+        widenByLanes(copied, ranges.normal[axis], normalAt + axis, 1);
     }
-    foldChannels(coefficients, ranges.coefficients);
+    widenChannels(coefficients, ranges.coefficients);
 }
 
 #if PLYCONVERT_AVX2
@@ -367,7 +367,7 @@ void decodeRecords(float* records, std::uint64_t count, bool hasCoefficients,
 
 namespace {
 
-void joinRange(ValueRange& range, const ValueRange& other) {
+void widen(ValueRange& range, const ValueRange& other) {
     range.min = minimum(range.min, other.min);
     range.max = maximum(range.max, other.max);
 }
@@ -385,7 +385,7 @@ float firstZero(const float* values, std::size_t width, std::uint64_t count, std
     return 0.0f;
 }
 
-AttributeRange widened(const ValueRange (&ranges)[3]) {
+AttributeRange inDoubles(const ValueRange (&ranges)[3]) {
     return {.name = {},
             .min = {ranges[0].min, ranges[1].min, ranges[2].min},
             .max = {ranges[0].max, ranges[1].max, ranges[2].max}};
@@ -393,15 +393,15 @@ AttributeRange widened(const ValueRange (&ranges)[3]) {
 
 } // namespace
 
-void joinRanges(BlockRanges& ranges, const BlockRanges& other) {
+void widen(BlockRanges& ranges, const BlockRanges& other) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        joinRange(ranges.position[axis], other.position[axis]);
-        joinRange(ranges.normal[axis], other.normal[axis]);
-        joinRange(ranges.colour[axis], other.colour[axis]);
-        joinRange(ranges.coefficients[axis], other.coefficients[axis]);
-        joinRange(ranges.scale[axis], other.scale[axis]);
+        widen(ranges.position[axis], other.position[axis]);
+        widen(ranges.normal[axis], other.normal[axis]);
+        widen(ranges.colour[axis], other.colour[axis]);
+        widen(ranges.coefficients[axis], other.coefficients[axis]);
+        widen(ranges.scale[axis], other.scale[axis]);
     }
-    joinRange(ranges.opacity, other.opacity);
+    widen(ranges.opacity, other.opacity);
 }
 
 void settleZeroBounds(const float* records, std::uint64_t count, bool hasCoefficients, BlockRanges& ranges) {
@@ -424,15 +424,15 @@ void settleZeroBounds(const float* records, std::uint64_t count, bool hasCoeffic
     }
 }
 
-void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasCoefficients) {
-    widen(bounding.position, widened(ranges.position));
-    widen(bounding.normal, widened(ranges.normal));
-    widen(bounding.color, widened(ranges.colour));
+void widen(AttributeBounding& bounding, const BlockRanges& ranges, bool hasCoefficients) {
+    widen(bounding.position, inDoubles(ranges.position));
+    widen(bounding.normal, inDoubles(ranges.normal));
+    widen(bounding.color, inDoubles(ranges.colour));
     widenX(bounding.opacity,
            {.name = {}, .min = {ranges.opacity.min, 0.0, 0.0}, .max = {ranges.opacity.max, 0.0, 0.0}});
-    widen(bounding.scale, widened(ranges.scale));
+    widen(bounding.scale, inDoubles(ranges.scale));
     if (hasCoefficients) {
-        widen(bounding.shcoef, widened(ranges.coefficients));
+        widen(bounding.shcoef, inDoubles(ranges.coefficients));
     } else {
         bounding.shcoef.min = {0.0, 0.0, 0.0};
         bounding.shcoef.max = {1.0, 1.0, 1.0};

@@ -36,7 +36,7 @@ struct ValueRange {
     float min = std::numeric_limits<float>::infinity();
     float max = -std::numeric_limits<float>::infinity();
 
-    void fold(float value) {
+    void widen(float value) {
         min = min > value ? value : min;
         max = value > max ? value : max;
     }
@@ -66,7 +66,7 @@ void decodeRecords(float* records, std::uint64_t count, bool hasCoefficients,
                    Kernels kernels = chosenKernels);
 
 // Widen ranges by those of other records of the same block.
-void joinRanges(BlockRanges& ranges, const BlockRanges& other);
+void widen(BlockRanges& ranges, const BlockRanges& other);
 
 // Give a zero bound of a copied attribute (position, normal, coefficients) the sign of the first zero in the
 // block. Visiting the records one by one would give the same sign. Decoded attributes have no negative zeros.
@@ -74,6 +74,6 @@ void settleZeroBounds(const float* records, std::uint64_t count, bool hasCoeffic
 
 // Widen the shared ranges by those of a block. Opacity uses x alone. A block without coefficients sets their
 // range to [0, 1].
-void mergeRanges(AttributeBounding& bounding, const BlockRanges& ranges, bool hasCoefficients);
+void widen(AttributeBounding& bounding, const BlockRanges& ranges, bool hasCoefficients);
 
 } // namespace Tavrin::GaussionSplat

@@ -11,13 +11,13 @@ Indexer::Indexer(std::vector<SplatHeader> inputHeaders, std::string output, std:
     : headers(std::move(inputHeaders)), threadCount(std::thread::hardware_concurrency()),
       outputFolder(std::move(output)) {}
 
-void Indexer::run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList,
+void Indexer::run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<BlockList> blockList,
                   std::uint64_t vertexCount, std::string label, std::uint64_t count,
                   std::shared_ptr<Params> sharedParams) {
     logInfo(LogLines::indexStarts);
     bounding = std::move(sharedBounding);
     params = std::move(sharedParams);
-    chunks = std::move(chunkList);
+    chunks = std::move(blockList);
     totalSplats = vertexCount;
     countLabel = std::move(label);
     splatCount = count;

@@ -24,7 +24,7 @@ struct Indexer {
     std::uint32_t threadCount;    // recorded only
     std::shared_ptr<Params> params;
     std::shared_ptr<AttributeBounding> bounding;
-    std::shared_ptr<ChunkList> chunks;
+    std::shared_ptr<BlockList> chunks;
     std::string outputFolder;
     std::int32_t totalLevel = 1; // levels written for each cell
     std::string countLabel;
@@ -38,13 +38,13 @@ struct Indexer {
     // The two integers are not used.
     Indexer(std::vector<SplatHeader> inputHeaders, std::string output, std::int32_t = 0, std::int32_t = 0);
 
-    // Run every step from the chunk list to the finished folder, with an INFO line before each. When a file
+    // Run every step from the block list to the finished folder, with an INFO line before each. When a file
     // cannot be opened or level 0 has no splats, it writes an ERROR line and ends the process with status -1.
-    void run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<ChunkList> chunkList,
+    void run(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<BlockList> blockList,
              std::uint64_t vertexCount, std::string label, std::uint64_t count,
              std::shared_ptr<Params> sharedParams);
 
-    // Regroup every splat of the chunk list by level and cell into quantised records. Each block is freed
+    // Regroup every splat of the block list by level and cell into quantised records. Each block is freed
     // once it is regrouped. A level that already exists is added to. Does nothing when the list is empty;
     // bounding may then be null. Throws std::bad_alloc.
     void buildIndex();

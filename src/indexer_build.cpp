@@ -47,11 +47,11 @@ struct CellRule {
     ChunkGrid grid;
 
     // Whether the block's cells were found by this rule.
-    bool knows(const ChunkData& chunk) const { return !single && chunk.cells && chunk.cells->grid == grid; }
+    bool knows(const ChunkData& block) const { return !single && block.cells && block.cells->grid == grid; }
 
     // The keys of all splats of the block, or null where they still have to be computed.
-    const std::uint32_t* keysOf(const ChunkData& chunk) const {
-        return knows(chunk) ? chunk.cells->keys.get() : nullptr;
+    const std::uint32_t* keysOf(const ChunkData& block) const {
+        return knows(block) ? block.cells->keys.get() : nullptr;
     }
 
     std::uint32_t keyOf(const float* splat) const {
@@ -65,20 +65,20 @@ struct LevelBuild {
 };
 using LevelBuilds = std::map<std::uint32_t, LevelBuild>;
 
-void countSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats, LevelBuild& build) {
-    build.splatCount += chunk.splatCount;
+void countSplats(const ChunkData& block, const CellRule& rule, std::size_t recordFloats, LevelBuild& build) {
+    build.splatCount += block.splatCount;
     CellCounter& counter = build.table.counter;
     if (rule.single) {
-        if (chunk.splatCount > 0) {
-            counter.add(0, chunk.splatCount);
+        if (block.splatCount > 0) {
+            counter.add(0, block.splatCount);
         }
-    } else if (rule.knows(chunk)) {
-        for (const CellCount& cell : chunk.cells->counter.counts()) {
+    } else if (rule.knows(block)) {
+        for (const CellCount& cell : block.cells->counter.counts()) {
             counter.add(cell.key, cell.splats);
         }
     } else {
-        for (std::uint64_t i = 0; i < chunk.splatCount; ++i) {
-            counter.add(rule.keyOf(chunk.data + i * recordFloats), 1);
+        for (std::uint64_t i = 0; i < block.splatCount; ++i) {
+            counter.add(rule.keyOf(block.data + i * recordFloats), 1);
         }
     }
 }
@@ -95,18 +95,18 @@ void prefetchSplat(const float* splat, std::size_t recordFloats) {
 }
 
 // Quantise the splats of a block into their places.
-void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recordFloats,
+void placeSplats(const ChunkData& block, const CellRule& rule, std::size_t recordFloats,
                  const FastQuantiser& quantiser, CellTable& table) {
     SplatsData* places[splatsAhead];
     const bool hasCoefficients = recordFloats == recordLayout(true).floats;
     // The block donates each huge page as soon as all splats in it are placed.
     const std::uint64_t recordBytes = recordFloats * sizeof(float);
-    const std::uint64_t size = chunk.splatCount;
-    auto* const bytes = reinterpret_cast<std::byte*>(chunk.data);
+    const std::uint64_t size = block.splatCount;
+    auto* const bytes = reinterpret_cast<std::byte*>(block.data);
     std::uint64_t donated = 0;
-    const std::uint32_t* const keys = rule.keysOf(chunk);
+    const std::uint32_t* const keys = rule.keysOf(block);
     const auto findPlace = [&](std::uint64_t i) {
-        const float* const splat = chunk.data + i * recordFloats;
+        const float* const splat = block.data + i * recordFloats;
         SplatsData* const place = table.place(keys != nullptr ? keys[i] : rule.keyOf(splat));
         places[i % splatsAhead] = place;
         prefetch(place->position);
@@ -119,7 +119,7 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
         findPlace(i);
     }
     for (std::uint64_t i = 0; i < size; ++i) {
-        quantiser.quantise(chunk.data + i * recordFloats, *places[i % splatsAhead]);
+        quantiser.quantise(block.data + i * recordFloats, *places[i % splatsAhead]);
         if (i + splatsAhead < size) {
             findPlace(i + splatsAhead);
         }
@@ -135,7 +135,7 @@ void placeSplats(const ChunkData& chunk, const CellRule& rule, std::size_t recor
 static_assert(indexedSplatBytes == sizeof(SplatsData));
 
 // The cells of every level are counted first, so that no vector grows by copying. The records of a cell
-// follow the order of the chunk list, and in each block that of its splats.
+// follow the order of the block list, and in each block that of its splats.
 void Indexer::buildIndex() {
     if (chunks->empty()) {
         return;
@@ -146,11 +146,11 @@ void Indexer::buildIndex() {
     const std::size_t recordFloats = recordLayout(settings.hasCoefficients).floats;
     LevelBuilds builds;
     std::uint64_t largestBlock = 0;
-    for (const std::shared_ptr<ChunkData>& chunk : *chunks) {
-        if (chunk) {
-            largestBlock = std::max(largestBlock, chunk->splatCount * recordFloats * sizeof(float));
-            countSplats(*chunk, rule, recordFloats, builds[chunk->level]);
-            builds[chunk->level].table.memory.give(std::move(chunk->room));
+    for (const std::shared_ptr<ChunkData>& block : *chunks) {
+        if (block) {
+            largestBlock = std::max(largestBlock, block->splatCount * recordFloats * sizeof(float));
+            countSplats(*block, rule, recordFloats, builds[block->level]);
+            builds[block->level].table.memory.give(std::move(block->room));
         }
     }
     // Besides the records, the formula allows one block of input and 64 MiB. All other needs of the process
@@ -164,13 +164,13 @@ void Indexer::buildIndex() {
         build.table.reserve(*level, (largestBlock + unused) / builds.size());
         level->splatCount += static_cast<std::uint32_t>(build.splatCount);
     }
-    for (std::shared_ptr<ChunkData>& chunk : *chunks) {
-        if (chunk && chunk->data != nullptr) {
-            CellTable& table = builds[chunk->level].table;
-            placeSplats(*chunk, rule, recordFloats, quantiser, table);
+    for (std::shared_ptr<ChunkData>& block : *chunks) {
+        if (block && block->data != nullptr) {
+            CellTable& table = builds[block->level].table;
+            placeSplats(*block, rule, recordFloats, quantiser, table);
             table.memory.withdrawDonations();
-            freeLarge(chunk->data, chunk->splatCount * recordFloats * sizeof(float));
-            chunk.reset();
+            freeLarge(block->data, block->splatCount * recordFloats * sizeof(float));
+            block.reset();
         }
     }
 }

@@ -34,7 +34,7 @@ inline constexpr std::size_t dataRecordSize = 32;
 inline constexpr std::size_t packedCoefficientsSize = sizeof(SplatsData::packed);
 inline constexpr std::size_t rawCoefficientsSize = sizeof(SplatsData::raw);
 
-// The splats of one cell at one level, in the order of the chunk list and of each block.
+// The splats of one cell at one level, in the order of the block list and of each block.
 using SplatCell = std::vector<SplatsData>;
 
 // By cell key: column in bits 0 to 15, row in bits 16 to 31.

@@ -28,7 +28,7 @@ struct LaneRanges {
     }
 
     // Widen the bounds by Lanes values of each of count records. The records are stride floats apart.
-    void foldRecords(const float* values, std::size_t count, std::size_t stride) {
+    void widen(const float* values, std::size_t count, std::size_t stride) {
         std::size_t i = 0;
         for (; i + 4 <= count;
              i += 4, values += 4 * stride) { // four at a time: the bounds are loaded and stored once

@@ -119,7 +119,7 @@ UINT pathCodePage() {
     return AreFileApisANSI() ? CP_ACP : CP_OEMCP;
 }
 
-std::wstring widen(std::string_view text) {
+std::wstring toWide(std::string_view text) {
     if (text.empty()) {
         return {};
     }
@@ -147,12 +147,12 @@ std::string narrow(std::wstring_view wide) {
 } // namespace
 
 std::filesystem::path nativePath(const std::string& path) {
-    return std::filesystem::path(widen(path));
+    return std::filesystem::path(toWide(path));
 }
 
 std::string lastPathComponent(const std::string& path) {
     // Wide characters are needed: a trailing byte of a double-byte code page may look like a backslash.
-    return narrow(lastComponent<wchar_t>(widen(path)));
+    return narrow(lastComponent<wchar_t>(toWide(path)));
 }
 
 #else

@@ -18,7 +18,7 @@ std::mutex scanMutex; // guards the merge into the shared box
 
 // Widen the shared bounds of one axis by single-precision ones. Minimum and maximum of floats stay the same
 // whether they are converted before or after.
-void mergeAxis(float min, float max, double& sharedMin, double& sharedMax) {
+void widenAxis(float min, float max, double& sharedMin, double& sharedMax) {
     sharedMin = sharedMin > min ? double{min} : sharedMin;
     sharedMax = max > sharedMax ? double{max} : sharedMax;
 }
@@ -34,12 +34,12 @@ void scanWindows(ScanJob& job, RecordReader& reader, ScanPass& pass) {
     LaneRanges<4> bounds; // x, y, z, and the value behind to fill the vector
     job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         reader.read(task.offset + first * task.stride, window.get(), count * task.stride);
-        bounds.foldRecords(window.get(), count, recordFloats);
+        bounds.widen(window.get(), count, recordFloats);
     });
     const std::lock_guard lock(pass.blocks.mutex);
-    mergeAxis(bounds.min[0], bounds.max[0], pass.min.x, pass.max.x);
-    mergeAxis(bounds.min[1], bounds.max[1], pass.min.y, pass.max.y);
-    mergeAxis(bounds.min[2], bounds.max[2], pass.min.z, pass.max.z);
+    widenAxis(bounds.min[0], bounds.max[0], pass.min.x, pass.max.x);
+    widenAxis(bounds.min[1], bounds.max[1], pass.min.y, pass.max.y);
+    widenAxis(bounds.min[2], bounds.max[2], pass.min.z, pass.max.z);
 }
 
 } // namespace

@@ -180,7 +180,7 @@ void MeasurePass::lookAtPositions(std::uint64_t count, const RawRanges::Position
         for (std::uint64_t i = 0; i < count; ++i) {
             const float value = records[i * recordFloats + axis];
             if (std::isfinite(value)) {
-                own.finite[axis].fold(value);
+                own.finite[axis].widen(value);
             }
         }
     }
@@ -205,7 +205,7 @@ void MeasurePass::readWindow(std::uint64_t window, Found& own) {
     const std::uint64_t first = windows.first(window);
     const std::uint64_t count = source.read(first, windows.size(window), own.window.get());
     own.splats += count;
-    lookAtPositions(count, own.ranges.fold(own.window.get(), count, first), own);
+    lookAtPositions(count, own.ranges.widen(own.window.get(), count, first), own);
     if (expectedGrid && !hasManyCells.load(std::memory_order_relaxed)) {
         try {
             addKeys(own.window.get(), recordFloats, count, *expectedGrid, own);
@@ -232,7 +232,7 @@ void MeasurePass::scanBox() {
     forEachWindow(all, crew, [&](std::uint64_t window, Found& own) {
         source.readBoxPositions(all.first(window), all.size(window), own.window.get());
         for (std::uint64_t i = 0; i < 3 * all.size(window); ++i) {
-            own.scan[i % 3].fold(own.window[i]);
+            own.scan[i % 3].widen(own.window[i]);
         }
     });
 }
@@ -418,7 +418,7 @@ Measured MeasurePass::run() {
         measured.splats += own->splats;
         measured.notFinite += own->notFinite;
         measured.outside += own->outside;
-        ranges.join(own->ranges);
+        ranges.widen(own->ranges);
         for (std::size_t axis = 0; axis < 3; ++axis) {
             finite[axis].min = minimum(finite[axis].min, own->finite[axis].min);
             finite[axis].max = maximum(finite[axis].max, own->finite[axis].max);

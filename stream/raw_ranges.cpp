@@ -10,41 +10,42 @@ namespace {
 
 // The bounds of all columns of some records.
 template <std::size_t Lanes>
-inline void foldColumns(const float* records, std::uint64_t count, ValueRange* columns) {
+inline void columnRanges(const float* records, std::uint64_t count, ValueRange* columns) {
     LaneRanges<Lanes> bounds;
-    bounds.foldRecords(records, count, Lanes);
+    bounds.widen(records, count, Lanes);
     for (std::size_t lane = 0; lane < Lanes; ++lane) {
         columns[lane] = {.min = bounds.min[lane], .max = bounds.max[lane]};
     }
 }
 
-inline void foldAny(const float* records, std::uint64_t count, bool hasCoefficients, ValueRange* columns) {
+inline void anyColumnRanges(const float* records, std::uint64_t count, bool hasCoefficients,
+                            ValueRange* columns) {
     if (hasCoefficients) {
-        foldColumns<layoutWithCoefficients.floats>(records, count, columns);
+        columnRanges<layoutWithCoefficients.floats>(records, count, columns);
     } else {
-        foldColumns<layoutWithoutCoefficients.floats>(records, count, columns);
+        columnRanges<layoutWithoutCoefficients.floats>(records, count, columns);
     }
 }
 
 #if PLYCONVERT_AVX2
 
 // The same code for wider vectors.
-__attribute__((target("avx2"), flatten)) void foldAvx2(const float* records, std::uint64_t count,
-                                                       bool hasCoefficients, ValueRange* columns) {
-    foldAny(records, count, hasCoefficients, columns);
+__attribute__((target("avx2"), flatten)) void columnRangesAvx2(const float* records, std::uint64_t count,
+                                                               bool hasCoefficients, ValueRange* columns) {
+    anyColumnRanges(records, count, hasCoefficients, columns);
 }
 
 #endif
 
-void foldWindow(const float* records, std::uint64_t count, bool hasCoefficients, ValueRange* columns,
-                [[maybe_unused]] Kernels kernels) {
+void rangesOfWindow(const float* records, std::uint64_t count, bool hasCoefficients, ValueRange* columns,
+                    [[maybe_unused]] Kernels kernels) {
 #if PLYCONVERT_AVX2
     if (kernels == Kernels::avx2) {
-        foldAvx2(records, count, hasCoefficients, columns);
+        columnRangesAvx2(records, count, hasCoefficients, columns);
         return;
     }
 #endif
-    foldAny(records, count, hasCoefficients, columns);
+    anyColumnRanges(records, count, hasCoefficients, columns);
 }
 
 // Where a copied attribute's columns stand in a record.
@@ -72,15 +73,15 @@ ValueRange decodedRange(const ValueRange& raw, Decode decode) {
 
 } // namespace
 
-RawRanges::Positions RawRanges::fold(const float* records, std::uint64_t count, std::uint64_t first) {
+RawRanges::Positions RawRanges::widen(const float* records, std::uint64_t count, std::uint64_t first) {
     std::array<ValueRange, layoutWithCoefficients.floats> window;
-    foldWindow(records, count, hasCoefficients_, window.data(), kernels_);
-    joinColumns(window);
+    rangesOfWindow(records, count, hasCoefficients_, window.data(), kernels_);
+    widenColumns(window);
     findZeros(records, count, first);
     return {window[positionAt], window[positionAt + 1], window[positionAt + 2]};
 }
 
-void RawRanges::joinColumns(const std::array<ValueRange, layoutWithCoefficients.floats>& others) {
+void RawRanges::widenColumns(const std::array<ValueRange, layoutWithCoefficients.floats>& others) {
     for (std::size_t i = 0; i < columns_.size(); ++i) {
         columns_[i].min = minimum(columns_[i].min, others[i].min);
         columns_[i].max = maximum(columns_[i].max, others[i].max);
@@ -121,8 +122,8 @@ void RawRanges::findZeros(const float* records, std::uint64_t count, std::uint64
     }
 }
 
-void RawRanges::join(const RawRanges& other) {
-    joinColumns(other.columns_);
+void RawRanges::widen(const RawRanges& other) {
+    widenColumns(other.columns_);
     for (std::size_t attribute = 0; attribute < copiedCount; ++attribute) {
         if (other.zeros_[attribute].record < zeros_[attribute].record) {
             zeros_[attribute] = other.zeros_[attribute];
@@ -168,7 +169,7 @@ AttributeBounding RawRanges::decoded() const {
     ranges.opacity = decodedRange(columns_[layout.opacity], decodeOpacity);
     AttributeBounding bounding;
     bounding.hasShcoef = hasCoefficients_;
-    mergeRanges(bounding, ranges, hasCoefficients_);
+    GaussionSplat::widen(bounding, ranges, hasCoefficients_);
     return bounding;
 }
 

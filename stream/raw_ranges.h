@@ -23,10 +23,10 @@ public:
 
     // Widen by records, the first of which is record `first` of the scene. Each call must bring later records
     // than the one before. Returns the ranges of their positions.
-    Positions fold(const float* records, std::uint64_t count, std::uint64_t first);
+    Positions widen(const float* records, std::uint64_t count, std::uint64_t first);
 
     // Widen by the bounds of other records of the scene, earlier or later.
-    void join(const RawRanges& other);
+    void widen(const RawRanges& other);
 
     // The bounds of column i over all records so far.
     const GaussionSplat::ValueRange& column(std::size_t i) const { return columns_[i]; }
@@ -49,7 +49,7 @@ private:
     std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithCoefficients.floats> columns_;
     std::array<FirstZero, copiedCount> zeros_;
 
-    void joinColumns(
+    void widenColumns(
         const std::array<GaussionSplat::ValueRange, GaussionSplat::layoutWithCoefficients.floats>& others);
     GaussionSplat::ValueRange copiedRange(std::size_t attribute) const;
     void findZeros(const float* records, std::uint64_t count, std::uint64_t first);

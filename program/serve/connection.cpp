@@ -81,25 +81,25 @@ void Connection::onRequest(Error error) {
 void Connection::send(Answer answer) {
     answer_ = std::move(answer);
     left_ = answer_.range;
-    if (answer_.file != nullptr && !readChunk()) {
+    if (answer_.file != nullptr && !readPiece()) {
         answer_ = changedAnswer(*answer_.file);
     }
     std::ostringstream head;
     head << answer_.head.base();
     head_ = head.str();
-    write(head_, answer_.file != nullptr ? std::string_view(chunk_.data(), chunk_.size()) : answer_.body());
+    write(head_, answer_.file != nullptr ? std::string_view(piece_.data(), piece_.size()) : answer_.body());
 }
 
 // The file is looked at after its bytes are read, so none of another content can be among them. False when it
 // is another, or cannot be read.
-bool Connection::readChunk() {
+bool Connection::readPiece() {
     const StampedFile& file = *answer_.file->file;
-    chunk_.resize(std::min<std::uint64_t>(left_.count, table_.limits().chunkBytes));
-    if (!file.read(left_.first, chunk_.data(), chunk_.size()) || !file.isUnchanged()) {
+    piece_.resize(std::min<std::uint64_t>(left_.count, table_.limits().pieceBytes));
+    if (!file.read(left_.first, piece_.data(), piece_.size()) || !file.isUnchanged()) {
         return false;
     }
-    left_.first += chunk_.size();
-    left_.count -= chunk_.size();
+    left_.first += piece_.size();
+    left_.count -= piece_.size();
     return true;
 }
 
@@ -118,7 +118,7 @@ void Connection::onWritten(Error error) {
     if (answer_.file != nullptr && left_.count > 0) {
         // The length has been promised: an early end is the only way to say that the rest is not there any
         // more.
-        return readChunk() ? write({}, {chunk_.data(), chunk_.size()}) : close();
+        return readPiece() ? write({}, {piece_.data(), piece_.size()}) : close();
     }
     answer_.head.keep_alive() ? readRequest() : part();
 }
@@ -137,8 +137,8 @@ void Connection::part() {
 
 void Connection::discard(std::size_t most) {
     constexpr std::size_t piece = 4096;
-    chunk_.resize(piece);
-    stream_.async_read_some(asio::buffer(chunk_),
+    piece_.resize(piece);
+    stream_.async_read_some(asio::buffer(piece_),
                             [self = shared_from_this(), most](Error error, std::size_t count) {
                                 error || count >= most ? self->close() : self->discard(most - count);
                             });

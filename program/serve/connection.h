@@ -70,7 +70,7 @@ private:
 
     void onRequest(Error error);
     void send(Answer answer);
-    bool readChunk();
+    bool readPiece();
     void write(std::string_view head, std::string_view body);
     void onWritten(Error error);
     void part();
@@ -83,7 +83,7 @@ private:
     std::optional<Clock::time_point> waitingSince_;
     Answer answer_;
     std::string head_;        // of the answer, as it is sent
-    std::vector<char> chunk_; // of the answer's file
+    std::vector<char> piece_; // of the answer's file
     ByteRange left_;          // of the file, not yet read
 };
 

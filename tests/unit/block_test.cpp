@@ -19,12 +19,12 @@ struct BlockTest : testing::Test {
     std::string path = (scratch / "records").string();
     std::vector<float> values;
     std::shared_ptr<AttributeBounding> bounding = std::make_shared<AttributeBounding>();
-    std::shared_ptr<ChunkList> chunks = std::make_shared<ChunkList>();
+    std::shared_ptr<BlockList> chunks = std::make_shared<BlockList>();
 
     std::size_t recordFloats() const { return recordLayout(bounding->hasShcoef).floats; }
 
     ~BlockTest() override {
-        releaseChunks(*chunks, static_cast<std::uint32_t>(recordFloats() * sizeof(float)));
+        releaseBlocks(*chunks, static_cast<std::uint32_t>(recordFloats() * sizeof(float)));
     }
 
     void writeValues(std::size_t count) {
@@ -38,7 +38,7 @@ struct BlockTest : testing::Test {
     // The decoded block of records that stand so many floats apart.
     std::vector<float> decode(std::uint64_t count, std::size_t strideFloats, std::int64_t offset = 0) {
         const auto stride = static_cast<std::uint32_t>(strideFloats * sizeof(float));
-        ChunkPass pass(bounding, chunks);
+        DecodePass pass(bounding, chunks);
         pass.blocks.waiting = 1;
         decodeBlock({.path = path,
                      .stride = stride,

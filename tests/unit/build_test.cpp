@@ -52,10 +52,10 @@ struct BuildTest : testing::Test {
                      .originY = -40.0f,
                      .cellCountX = 9,
                      .cellCountY = 6};
-        indexer.chunks = std::make_shared<ChunkList>();
+        indexer.chunks = std::make_shared<BlockList>();
     }
     ~BuildTest() override {
-        releaseChunks(*indexer.chunks, recordSizeWithCoefficients);
+        releaseBlocks(*indexer.chunks, recordSizeWithCoefficients);
         chunkGrid = gridBefore;
     }
 
@@ -64,7 +64,7 @@ struct BuildTest : testing::Test {
                const std::vector<std::uint32_t>& levels = {}) {
         reference::Ranges ranges;
         for (std::size_t i = 0; i < blocks.size(); ++i) {
-            indexer.chunks->push_back(chunkOf(blocks[i], hasCoefficients, levels.empty() ? 0 : levels[i]));
+            indexer.chunks->push_back(blockOf(blocks[i], hasCoefficients, levels.empty() ? 0 : levels[i]));
             for (std::size_t at = 0; at < blocks[i].size(); at += recordLayout(hasCoefficients).floats) {
                 ranges.widen(blocks[i].data() + at, hasCoefficients);
             }
@@ -222,12 +222,12 @@ TEST_F(BuildTest, ALevelThatIsThereIsAddedTo) {
         }
         indexer.bounding = boundingOf(scene, false);
         indexer.splatCount = splatCount;
-        *indexer.chunks = {chunkOf(blocks[0], false), chunkOf(blocks[2], false, 5)};
+        *indexer.chunks = {blockOf(blocks[0], false), blockOf(blocks[2], false, 5)};
         indexer.buildIndex();
         const std::shared_ptr<LODData> level = indexer.levels->at(0);
-        *indexer.chunks = {chunkOf(blocks[1], false), chunkOf(blocks[0], false, 1)};
+        *indexer.chunks = {blockOf(blocks[1], false), blockOf(blocks[0], false, 1)};
         indexer.buildIndex();
-        EXPECT_EQ(*indexer.chunks, ChunkList(2));
+        EXPECT_EQ(*indexer.chunks, BlockList(2));
         ASSERT_EQ(indexer.levels->size(), 3u);
         EXPECT_EQ(indexer.levels->at(0), level);
         EXPECT_EQ(level->splatCount, 9060u);
@@ -251,14 +251,14 @@ TEST_F(BuildTest, ABlockWithoutSplatsStillMakesItsLevel) {
 TEST_F(BuildTest, EveryBlockIsFreedAndTheListKeepsItsLength) {
     Random random(75);
     build({decodedScene(random, 5, false, 9.0f), decodedScene(random, 5, false, 9.0f)}, false, single);
-    EXPECT_EQ(*indexer.chunks, ChunkList(2));
+    EXPECT_EQ(*indexer.chunks, BlockList(2));
     *indexer.levels = LevelMap();
     const auto without = std::make_shared<ChunkData>(); // an entry that has no data stays
-    *indexer.chunks = {without, chunkOf(decodedScene(random, 5, false, 9.0f), false)};
+    *indexer.chunks = {without, blockOf(decodedScene(random, 5, false, 9.0f), false)};
     const std::weak_ptr<ChunkData> freed = indexer.chunks->back();
     indexer.buildIndex();
     EXPECT_TRUE(freed.expired());
-    EXPECT_EQ(*indexer.chunks, (ChunkList{without, nullptr}));
+    EXPECT_EQ(*indexer.chunks, (BlockList{without, nullptr}));
 }
 
 #if defined(__linux__)
@@ -299,10 +299,10 @@ TEST_F(BuildTest, NoPageOfAFreedBlockStaysDonated) {
     for (std::size_t i = 0; i < 60'000; ++i) {
         blocks[1][i * floats + 1] = 40.0f;
     }
-    const std::shared_ptr<ChunkData> first = chunkOf(blocks[0], true);
+    const std::shared_ptr<ChunkData> first = blockOf(blocks[0], true);
     Successor successor{first->data, blocks[0].size() * sizeof(float)};
     *indexer.chunks = {std::shared_ptr<ChunkData>(first.get(), [&](ChunkData*) { successor.appear(); }),
-                       chunkOf(blocks[1], true)};
+                       blockOf(blocks[1], true)};
     scene = rangesOf(blocks[0], true);
     for (std::size_t at = 0; at < blocks[1].size(); at += floats) {
         scene.widen(blocks[1].data() + at, true);
@@ -392,7 +392,7 @@ TEST_F(BuildTest, GivenMemoryHoldsRecordsAndIsFreed) {
                 decodedScene(random, 15'000, hasCoefficients, 45.0f)};
             std::vector<std::byte*> rooms;
             for (const std::vector<float>& block : blocks) {
-                indexer.chunks->push_back(chunkOf(block, hasCoefficients));
+                indexer.chunks->push_back(blockOf(block, hasCoefficients));
                 indexer.chunks->back()->room = makeLargeArray<std::byte>(roomSize);
                 rooms.push_back(indexer.chunks->back()->room.get());
                 std::memset(rooms.back(), mark, roomSize);
@@ -428,12 +428,12 @@ struct BuildDeathTest : BuildTest {
         constexpr std::uint64_t given = 20 * largePage;
         Random random(82);
         const std::vector<std::vector<float>> blocks = {decodedScene(random, splats, false, 45.0f)};
-        const auto chunk = chunkOf(blocks[0], false);
-        *indexer.chunks = {chunk};
+        const auto block = blockOf(blocks[0], false);
+        *indexer.chunks = {block};
         scene = rangesOf(blocks[0], false);
         indexer.bounding = boundingOf(scene, false);
         indexer.splatCount = single;
-        chunk->room = makeLargeArray<std::byte>(given);
+        block->room = makeLargeArray<std::byte>(given);
         rlimit limit{};
         getrlimit(RLIMIT_AS, &limit);
         std::uint64_t used = 0;
@@ -458,8 +458,8 @@ TEST_F(BuildDeathTest, GivenMemoryIsGivenBackWhereAddressesAreShort) {
 
 #endif
 
-std::shared_ptr<ChunkCells> foundBefore(const std::vector<float>& block, const ChunkGrid& itsGrid) {
-    auto cells = std::make_shared<ChunkCells>();
+std::shared_ptr<BlockCells> foundBefore(const std::vector<float>& block, const ChunkGrid& itsGrid) {
+    auto cells = std::make_shared<BlockCells>();
     cells->grid = itsGrid;
     cells->keys = makeLargeArray<std::uint32_t>(block.size() / 17);
     for (std::size_t at = 0; at < block.size(); at += 17) {
@@ -471,19 +471,19 @@ std::shared_ptr<ChunkCells> foundBefore(const std::vector<float>& block, const C
 
 TEST_F(BuildTest, CellsFoundBeforeAreUsedForTheirOwnGridAlone) {
     Random random(80);
-    const std::vector<float> block = decodedScene(random, 500, false, 40.0f);
+    const std::vector<float> records = decodedScene(random, 500, false, 40.0f);
     ChunkGrid other = chunkGrid;
     other.cellSizeX = 3.0f;
     for (const ChunkGrid& itsGrid : {chunkGrid, other}) {
         *indexer.levels = LevelMap();
-        const auto chunk = chunkOf(block, false);
-        chunk->cells = foundBefore(block, itsGrid);
-        *indexer.chunks = {chunk};
-        scene = rangesOf(block, false);
+        const auto block = blockOf(records, false);
+        block->cells = foundBefore(records, itsGrid);
+        *indexer.chunks = {block};
+        scene = rangesOf(records, false);
         indexer.bounding = boundingOf(scene, false);
         indexer.splatCount = grid;
         indexer.buildIndex();
-        EXPECT_EQ(actual(0), expected({block}, false, false));
+        EXPECT_EQ(actual(0), expected({records}, false, false));
     }
 }
 

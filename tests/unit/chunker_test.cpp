@@ -56,7 +56,7 @@ struct ChunkerTest : testing::Test {
     support::Scratch scratch;
     std::uint64_t blockSplatsBefore = blockSplats;
     std::shared_ptr<AttributeBounding> bounding = std::make_shared<AttributeBounding>();
-    std::shared_ptr<ChunkList> chunks = std::make_shared<ChunkList>();
+    std::shared_ptr<BlockList> chunks = std::make_shared<BlockList>();
     std::string logPath = (scratch / "log.txt").string();
 
     ChunkerTest() { openRunLog(logPath); }
@@ -68,7 +68,7 @@ struct ChunkerTest : testing::Test {
 
     // Free the blocks and empty the list.
     void release() {
-        releaseChunks(*chunks,
+        releaseBlocks(*chunks,
                       bounding->hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients);
         chunks->clear();
     }
@@ -91,7 +91,7 @@ struct ChunkerTest : testing::Test {
         return {.bounding = {}, .name = {}, .headers = headers, .flag = 1, .threadCount = threads};
     }
 
-    void chunk(const std::vector<SplatHeader>& headers, std::uint64_t threads = 2) {
+    void decode(const std::vector<SplatHeader>& headers, std::uint64_t threads = 2) {
         chunker(headers, threads).doChunking(bounding, chunks, "out");
     }
 
@@ -149,11 +149,11 @@ void expectSameFloats(const std::vector<float>& actual, const std::vector<float>
 }
 
 TEST(ChunkData, DeclaresItsFieldsInOrder) {
-    const ChunkData chunk;
+    const ChunkData block;
     static_assert(std::is_same_v<decltype(ChunkData::splatCount), std::uint32_t>);
     static_assert(std::is_same_v<decltype(ChunkData::level), std::uint32_t>);
     support::expectDeclaredInOrder(
-        {{"splatCount", chunk.splatCount}, {"level", chunk.level}, {"data", chunk.data}});
+        {{"splatCount", block.splatCount}, {"level", block.level}, {"data", block.data}});
 }
 
 TEST(Chunker, DeclaresItsFieldsInOrder) {
@@ -182,7 +182,7 @@ TEST(Chunker, DeclaresItsFieldsInOrder) {
 
 TEST_F(ChunkerTest, NoVerticesGiveTwoLogLinesAndNoChunk) {
     PlyFile file;
-    chunk({write(file)});
+    decode({write(file)});
     EXPECT_TRUE(chunks->empty());
     EXPECT_EQ(log(), startLine + endLine);
     EXPECT_EQ(bounding->position.min.x, empty);
@@ -210,7 +210,7 @@ TEST_F(ChunkerTest, DecodesEveryRecordInFileOrderWhateverBlocksAndThreads) {
                 blockSplats = block;
                 release();
                 *bounding = AttributeBounding();
-                chunk({header}, threads);
+                decode({header}, threads);
                 std::vector<std::uint32_t> counted(25 / block, static_cast<std::uint32_t>(block));
                 if (25 % block != 0) {
                     counted.push_back(static_cast<std::uint32_t>(25 % block));
@@ -233,7 +233,7 @@ TEST_F(ChunkerTest, LongBlocksAreDecodedWholeByManyWorkers) {
             blockSplats = block;
             release();
             *bounding = AttributeBounding();
-            chunk({write(file)}, 6);
+            decode({write(file)}, 6);
             EXPECT_EQ(chunks->size(), block == 5000 ? 3u : 1u);
             expectSameFloats(records(), expected);
             expectBounding(*bounding, ranges);
@@ -260,7 +260,7 @@ TEST_F(ChunkerTest, TheFirstOfTwoEqualBoundsStays) {
             blockSplats = block;
             release();
             *bounding = AttributeBounding();
-            chunk({header}, 5);
+            decode({header}, 5);
             for (const AttributeRange* range : {&bounding->position, &bounding->normal, &bounding->shcoef}) {
                 for (const double bound : {range->min.x, range->max.y, range->min.z}) {
                     EXPECT_EQ(bound, 0.0);
@@ -279,7 +279,7 @@ TEST_F(ChunkerTest, RecordZeroIsDecodedFromItsInputOnce) {
     splat.opacity = 1.0f;
     splat.dc = {1.0f, -1.0f, 0.0f};
     file.add(splat);
-    chunk({write(file)});
+    decode({write(file)});
     const std::vector<float> decoded = records();
     EXPECT_EQ(decoded[10], reference::scale(1.0f));
     EXPECT_EQ(decoded[11], 1.0f);
@@ -288,13 +288,13 @@ TEST_F(ChunkerTest, RecordZeroIsDecodedFromItsInputOnce) {
 }
 
 TEST_F(ChunkerTest, WithoutCoefficientsTheirRangeIsZeroToOne) {
-    chunk({write(randomFile(53, 4, false))});
+    decode({write(randomFile(53, 4, false))});
     EXPECT_EQ(bounding->shcoef.min.x, 0.0);
     EXPECT_EQ(bounding->shcoef.max.z, 1.0);
 }
 
 TEST_F(ChunkerTest, OnlyXOfTheOpacityRangeIsSet) {
-    chunk({write(randomFile(54, 4, true))});
+    decode({write(randomFile(54, 4, true))});
     EXPECT_LE(bounding->opacity.min.x, bounding->opacity.max.x);
     for (const double untouched : {bounding->opacity.min.y, bounding->opacity.min.z}) {
         EXPECT_EQ(untouched, empty);
@@ -309,7 +309,7 @@ TEST_F(ChunkerTest, RangesThatAreThereAreWidened) {
     file.add(support::Splat());
     bounding->position.min = {-5.0, -5.0, -5.0};
     bounding->normal.max = {9.0, -9.0, 9.0};
-    chunk({write(file)});
+    decode({write(file)});
     EXPECT_EQ(bounding->position.min.x, -5.0);
     EXPECT_EQ(bounding->position.max.x, 0.0);
     EXPECT_EQ(bounding->normal.max.x, 9.0);
@@ -324,7 +324,7 @@ TEST_F(ChunkerTest, EveryHeaderOfTheListIsReadWithItsLevel) {
     SplatHeader high = write(second, "second.ply");
     low.level = 7;
     high.level = 4'000'000'000;
-    chunk({low, high});
+    decode({low, high});
     EXPECT_EQ(counts(), (std::vector<std::uint32_t>{3, 1, 2}));
     EXPECT_EQ((*chunks)[0]->level, 7u);
     EXPECT_EQ((*chunks)[1]->level, 7u);
@@ -339,7 +339,7 @@ TEST_F(ChunkerTest, EntriesThatAreInTheListStayInFront) {
     const auto before = std::make_shared<ChunkData>();
     chunks->push_back(before);
     blockSplats = 1;
-    chunk({write(randomFile(57, 3, false))});
+    decode({write(randomFile(57, 3, false))});
     ASSERT_EQ(chunks->size(), 4u);
     EXPECT_EQ(chunks->front(), before);
 }
@@ -351,7 +351,7 @@ TEST_F(ChunkerTest, AMissingFileCostsItsBlocksAlone) {
     std::filesystem::remove(missing.path);
     SplatHeader there = write(file, "there.ply");
     const std::string output = support::withPlainLineEnds(support::standardOutputOf([&] {
-        chunk({missing, there});
+        decode({missing, there});
     }));
     EXPECT_EQ(counts(), (std::vector<std::uint32_t>{2, 1}));
     std::vector<float> expected = file.records;
@@ -365,7 +365,7 @@ TEST_F(ChunkerTest, AMissingFileCostsItsBlocksAlone) {
 TEST_F(ChunkerTest, AMissingFileLeavesTheRangesEmpty) {
     SplatHeader missing = write(randomFile(59, 3, false));
     std::filesystem::remove(missing.path);
-    support::standardOutputOf([&] { chunk({missing}); });
+    support::standardOutputOf([&] { decode({missing}); });
     EXPECT_TRUE(chunks->empty());
     EXPECT_EQ(bounding->shcoef.min.x, empty);
     EXPECT_EQ(bounding->scale.max.y, -empty);
@@ -385,7 +385,7 @@ TEST_F(ChunkerTest, ACutFileIsFilledUpWithZeros) {
         reference::decodeBlock(expected, false);
         blockSplats = length % 2 == 0 ? 2 : 5;
         release();
-        chunk({header}, 1);
+        decode({header}, 1);
         expectSameFloats(records(), expected);
         if (HasFailure()) {
             return;
@@ -394,7 +394,7 @@ TEST_F(ChunkerTest, ACutFileIsFilledUpWithZeros) {
 }
 
 // The blocks as they are cut in the product. The file is a hole but for the records at the block borders.
-void expectBlocksOfTwoMillion(const ChunkerTest& test, SplatHeader header, const ChunkList& chunks) {
+void expectBlocksOfTwoMillion(const ChunkerTest& test, SplatHeader header, const BlockList& chunks) {
     ASSERT_EQ(test.counts(), (std::vector<std::uint32_t>{2'000'000, 2'000'000, 1}));
     const std::size_t recordFloats = header.recordSize / sizeof(float);
     EXPECT_EQ(chunks[0]->data[0], 1.0f);
@@ -402,10 +402,10 @@ void expectBlocksOfTwoMillion(const ChunkerTest& test, SplatHeader header, const
     EXPECT_EQ(chunks[1]->data[0], 3.0f);
     EXPECT_EQ(chunks[1]->data[1'999'999 * recordFloats], 4.0f);
     EXPECT_EQ(chunks[2]->data[0], 5.0f);
-    for (const std::shared_ptr<ChunkData>& chunk : chunks) { // a scene with a grid: counted, all in one cell
-        ASSERT_NE(chunk->cells, nullptr);
-        ASSERT_EQ(chunk->cells->counter.counts().size(), 1u);
-        EXPECT_EQ(chunk->cells->counter.counts()[0].splats, chunk->splatCount);
+    for (const std::shared_ptr<ChunkData>& block : chunks) { // a scene with a grid: counted, all in one cell
+        ASSERT_NE(block->cells, nullptr);
+        ASSERT_EQ(block->cells->counter.counts().size(), 1u);
+        EXPECT_EQ(block->cells->counter.counts()[0].splats, block->splatCount);
     }
 }
 
@@ -430,7 +430,7 @@ TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
                                {.originX = -10.0f, .originY = -10.0f, .cellSizeX = 5.0f, .cellSizeY = 4.0f}));
         ++expected[keys.back()];
     }
-    ChunkPass pass(bounding, chunks);
+    DecodePass pass(bounding, chunks);
     pass.countsCells = true;
     Chunker::Task task;
     task.path = header.path;
@@ -451,7 +451,7 @@ TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
 
 // 20,000 records of 68 bytes leave 4.4 MB to those of 288 bytes: two large pages.
 TEST_F(ChunkerTest, ABlockBringsTheMemoryThatItsRecordsWillTakeBeyondIt) {
-    chunk({write(randomFile(63, 20'000, false)), write(randomFile(64, 100, false), "small.ply")});
+    decode({write(randomFile(63, 20'000, false)), write(randomFile(64, 100, false), "small.ply")});
     ASSERT_EQ(chunks->size(), 2u);
     EXPECT_EQ(chunks->back()->room, nullptr);
     const LargeArray<std::byte>& room = chunks->front()->room;
@@ -469,7 +469,7 @@ TEST_F(ChunkerTest, ABlockBringsTheMemoryThatItsRecordsWillTakeBeyondIt) {
 }
 
 TEST_F(CellCountTest, ScenesOfOneCellAreNotCounted) {
-    chunk({write(randomFile(62, 10, false))});
+    decode({write(randomFile(62, 10, false))});
     EXPECT_EQ(chunks->front()->cells, nullptr);
 }
 
@@ -491,7 +491,7 @@ TEST_F(ChunkerTest, FourMillionAndOneSplatsAreThreeBlocks) {
         bytes.write(reinterpret_cast<const char*>(&x), sizeof x);
     }
     bytes.close();
-    chunk({header});
+    decode({header});
     expectBlocksOfTwoMillion(*this, header, *chunks);
     EXPECT_EQ(bounding->position.max.x, 5.0);
 }
@@ -507,7 +507,7 @@ TEST_F(ChunkerTest, ATaskWithoutLengthEndsTheProcess) {
         EXPECT_PROCESS_EXIT(
             {
                 openRunLog(logPath);
-                ChunkPass pass(bounding, chunks);
+                DecodePass pass(bounding, chunks);
                 Chunker::Task task;
                 task.count = 1;
                 task.length = row.length;
@@ -525,7 +525,7 @@ TEST_F(ChunkerTest, AThreadThatCannotStartLeavesAsTheStandardSystemError) {
         {
             support::limitThreads();
             try {
-                chunk({header}, 1000);
+                decode({header}, 1000);
             } catch (const std::system_error& error) {
                 std::cout << (error.code() == std::errc::resource_unavailable_try_again ? "unavailable"
                                                                                         : "another")
@@ -542,9 +542,9 @@ TEST_F(ChunkerTest, ReleasingTheListFreesTheBlocksThatAreLeft) {
     const auto full = std::make_shared<ChunkData>();
     full->splatCount = 1;
     full->data = static_cast<float*>(allocateLarge(68)); // the leak check would see it
-    ChunkList list = {full, nullptr, std::make_shared<ChunkData>()};
-    releaseChunks(list, recordSizeWithoutCoefficients);
-    EXPECT_EQ(list, ChunkList(3));
+    BlockList list = {full, nullptr, std::make_shared<ChunkData>()};
+    releaseBlocks(list, recordSizeWithoutCoefficients);
+    EXPECT_EQ(list, BlockList(3));
 }
 
 } // namespace

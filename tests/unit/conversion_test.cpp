@@ -124,20 +124,20 @@ std::shared_ptr<AttributeBounding> withoutCoefficients() {
 }
 
 TEST_F(ConversionTest, WithoutWorkersAndBlocksChunkingReturns) {
-    const auto chunks = std::make_shared<ChunkList>();
+    const auto chunks = std::make_shared<BlockList>();
     chunkerOf(write({}, "empty.ply"), 0, 0).doChunking(withoutCoefficients(), chunks, output);
     EXPECT_TRUE(chunks->empty());
 }
 
 TEST_F(ConversionTest, OneWorkerDecodesEveryBlock) {
     blockSplats = 4;
-    const auto chunks = std::make_shared<ChunkList>();
+    const auto chunks = std::make_shared<BlockList>();
     chunkerOf(write(sceneOf(72, 10, false, true), "scene.ply"), 10, 1)
         .doChunking(withoutCoefficients(), chunks, output);
     ASSERT_EQ(chunks->size(), 3u);
     EXPECT_EQ((*chunks)[0]->splatCount, 4u);
     EXPECT_EQ((*chunks)[2]->splatCount, 2u);
-    releaseChunks(*chunks, recordSizeWithoutCoefficients);
+    releaseBlocks(*chunks, recordSizeWithoutCoefficients);
 }
 
 #if !defined(_WIN32)
@@ -148,7 +148,7 @@ TEST_F(ConversionTest, WithoutWorkersABlockIsWaitedForForever) {
     EXPECT_PROCESS_END(
         {
             alarm(1); // doChunking alone would not end
-            chunkerOf(input, 3, 0).doChunking(withoutCoefficients(), std::make_shared<ChunkList>(), output);
+            chunkerOf(input, 3, 0).doChunking(withoutCoefficients(), std::make_shared<BlockList>(), output);
         },
         testing::KilledBySignal(SIGALRM), "");
 }

@@ -411,7 +411,7 @@ TEST(JoinRanges, TakesTheOuterBoundsOfEveryAttribute) {
         decodeRecords(copy.data(), 6, true, whole);
         decodeRecords(records.data(), 2, true, first);
         decodeRecords(records.data() + 2 * 62, 4, true, second);
-        joinRanges(first, second);
+        widen(first, second);
         settleZeroBounds(records.data(), 6, true, first);
         settleZeroBounds(records.data(), 6, true, whole);
         for (std::size_t axis = 0; axis < 3; ++axis) {
@@ -454,7 +454,7 @@ void expectBounds(const AttributeRange& range, const Vector3& min, const Vector3
 
 TEST(MergeRanges, PutsEachRangeInItsEntry) {
     AttributeBounding bounding;
-    mergeRanges(bounding, numberedRanges(), true);
+    widen(bounding, numberedRanges(), true);
     expectBounds(bounding.position, {1, 6, 11}, {101, 106, 111});
     expectBounds(bounding.normal, {2, 7, 12}, {102, 107, 112});
     expectBounds(bounding.color, {3, 8, 13}, {103, 108, 113});
@@ -469,14 +469,14 @@ TEST(MergeRanges, WidensWhatIsThere) {
     AttributeBounding bounding;
     bounding.normal.min = {0.0, 50.0, 0.0};
     bounding.normal.max = {500.0, 60.0, 500.0};
-    mergeRanges(bounding, numberedRanges(), true);
+    widen(bounding, numberedRanges(), true);
     expectBounds(bounding.normal, {0, 7, 0}, {500, 107, 500});
 }
 
 TEST(MergeRanges, WithoutCoefficientsTheirRangeIsZeroToOne) {
     AttributeBounding bounding;
     bounding.shcoef.min = {-7.0, 5.0, 0.5};
-    mergeRanges(bounding, numberedRanges(), false);
+    widen(bounding, numberedRanges(), false);
     expectBounds(bounding.shcoef, {0, 0, 0}, {1, 1, 1});
     expectBounds(bounding.scale, {5, 10, 15}, {105, 110, 115});
 }

@@ -35,16 +35,16 @@ inline std::shared_ptr<AttributeBounding> boundingOf(const reference::Ranges& ra
 }
 
 // A block that holds a copy of decoded records.
-inline std::shared_ptr<ChunkData> chunkOf(const std::vector<float>& records, bool hasCoefficients,
+inline std::shared_ptr<ChunkData> blockOf(const std::vector<float>& records, bool hasCoefficients,
                                           std::uint32_t level = 0) {
-    auto chunk = std::make_shared<ChunkData>();
-    chunk->splatCount = static_cast<std::uint32_t>(records.size() / recordLayout(hasCoefficients).floats);
-    chunk->level = level;
-    chunk->data = makeLargeArray<float>(records.size()).release();
+    auto block = std::make_shared<ChunkData>();
+    block->splatCount = static_cast<std::uint32_t>(records.size() / recordLayout(hasCoefficients).floats);
+    block->level = level;
+    block->data = makeLargeArray<float>(records.size()).release();
     if (!records.empty()) {
-        std::memcpy(chunk->data, records.data(), records.size() * sizeof(float));
+        std::memcpy(block->data, records.data(), records.size() * sizeof(float));
     }
-    return chunk;
+    return block;
 }
 
 // Decoded splats as trained scenes have them, spread over a square of this half side around the origin.

@@ -23,7 +23,7 @@ using support::Random;
 struct IndexerTest : testing::Test {
     support::Scratch scratch;
     ChunkGrid gridBefore = chunkGrid;
-    std::shared_ptr<ChunkList> chunks = std::make_shared<ChunkList>();
+    std::shared_ptr<BlockList> chunks = std::make_shared<BlockList>();
     std::shared_ptr<AttributeBounding> bounding = std::make_shared<AttributeBounding>();
     reference::Ranges ranges;
     std::vector<float> splats; // of all blocks
@@ -39,7 +39,7 @@ struct IndexerTest : testing::Test {
     }
     ~IndexerTest() override {
         closeRunLog();
-        releaseChunks(*chunks, recordSizeWithCoefficients);
+        releaseBlocks(*chunks, recordSizeWithCoefficients);
         chunkGrid = gridBefore;
     }
 
@@ -47,7 +47,7 @@ struct IndexerTest : testing::Test {
         Random random(110);
         for (const std::size_t count : counts) {
             const std::vector<float> block = decodedScene(random, count, hasCoefficients, 25.0f);
-            chunks->push_back(chunkOf(block, hasCoefficients));
+            chunks->push_back(blockOf(block, hasCoefficients));
             splats.insert(splats.end(), block.begin(), block.end());
         }
         ranges = rangesOf(splats, hasCoefficients);
@@ -162,7 +162,7 @@ TEST_F(IndexerTest, AfterARunTheBlocksAndBuffersAreGoneAndTheLevelsStay) {
     Indexer indexer(std::vector<SplatHeader>(1), scratch.folder().string());
     support::standardOutputOf(
         [&] { indexer.run(bounding, chunks, 8, "[8]", 8, std::make_shared<Params>()); });
-    EXPECT_EQ(*chunks, ChunkList(2));
+    EXPECT_EQ(*chunks, BlockList(2));
     EXPECT_EQ(indexer.indexBuffer, nullptr);
     ASSERT_EQ(indexer.levels->size(), 1u);
     EXPECT_EQ(indexer.levels->at(0)->splatCount, 8u);

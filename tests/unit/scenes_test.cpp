@@ -16,7 +16,7 @@
 
 namespace {
 
-using scenes::Bounds;
+using scenes::Box;
 using scenes::Order;
 using scenes::SceneOptions;
 
@@ -99,7 +99,7 @@ TEST(Scenes, CoefficientsLeaveTheOtherColumnsOfPositionAndColourAlone) {
 TEST_F(SceneFile, HoldsTheHeaderAndTheRecordsOfTheSameOptions) {
     SceneOptions options = smallScene(40'000, true); // more than one block of the writer
     options.statedBounds = true;
-    const Bounds bounds = scenes::writeScene(folder / "scene.ply", options);
+    const Box bounds = scenes::writeScene(folder / "scene.ply", options);
     const std::string content = contentOf(folder / "scene.ply");
     const std::string header = scenes::sceneHeader(options, bounds);
     const std::vector<float> records = scenes::sceneRecords(options);
@@ -116,42 +116,42 @@ TEST(Scenes, HeaderDeclaresTheRecordInItsCanonicalOrder) {
     options.offset = scenes::Point{500137.0225, 5414437.5, -0.25};
     options.scale = scenes::Point{1.0, 1.0, 2.0};
     options.comments = {"a line of its own", "minx  nonsense"};
-    EXPECT_EQ(scenes::sceneHeader(options, Bounds{}), "ply\n"
-                                                      "format binary_little_endian 1.0\n"
-                                                      "comment source makescene\n"
-                                                      "comment dataType town\n"
-                                                      "comment epsg 32632\n"
-                                                      "comment offsetx 500137.0225\n"
-                                                      "comment offsety 5414437.5\n"
-                                                      "comment offsetz -0.25\n"
-                                                      "comment scalex 1\n"
-                                                      "comment scaley 1\n"
-                                                      "comment scalez 2\n"
-                                                      "comment a line of its own\n"
-                                                      "comment minx  nonsense\n"
-                                                      "element vertex 3\n"
-                                                      "property float x\n"
-                                                      "property float y\n"
-                                                      "property float z\n"
-                                                      "property float nx\n"
-                                                      "property float ny\n"
-                                                      "property float nz\n"
-                                                      "property float f_dc_0\n"
-                                                      "property float f_dc_1\n"
-                                                      "property float f_dc_2\n"
-                                                      "property float opacity\n"
-                                                      "property float scale_0\n"
-                                                      "property float scale_1\n"
-                                                      "property float scale_2\n"
-                                                      "property float rot_0\n"
-                                                      "property float rot_1\n"
-                                                      "property float rot_2\n"
-                                                      "property float rot_3\n"
-                                                      "end_header\n");
+    EXPECT_EQ(scenes::sceneHeader(options, Box{}), "ply\n"
+                                                   "format binary_little_endian 1.0\n"
+                                                   "comment source makescene\n"
+                                                   "comment dataType town\n"
+                                                   "comment epsg 32632\n"
+                                                   "comment offsetx 500137.0225\n"
+                                                   "comment offsety 5414437.5\n"
+                                                   "comment offsetz -0.25\n"
+                                                   "comment scalex 1\n"
+                                                   "comment scaley 1\n"
+                                                   "comment scalez 2\n"
+                                                   "comment a line of its own\n"
+                                                   "comment minx  nonsense\n"
+                                                   "element vertex 3\n"
+                                                   "property float x\n"
+                                                   "property float y\n"
+                                                   "property float z\n"
+                                                   "property float nx\n"
+                                                   "property float ny\n"
+                                                   "property float nz\n"
+                                                   "property float f_dc_0\n"
+                                                   "property float f_dc_1\n"
+                                                   "property float f_dc_2\n"
+                                                   "property float opacity\n"
+                                                   "property float scale_0\n"
+                                                   "property float scale_1\n"
+                                                   "property float scale_2\n"
+                                                   "property float rot_0\n"
+                                                   "property float rot_1\n"
+                                                   "property float rot_2\n"
+                                                   "property float rot_3\n"
+                                                   "end_header\n");
 }
 
 TEST(Scenes, HeaderWithCoefficientsDeclaresAllOfThemAfterTheColour) {
-    const std::string header = scenes::sceneHeader(smallScene(3, true), Bounds{});
+    const std::string header = scenes::sceneHeader(smallScene(3, true), Box{});
     std::string rest = "property float f_dc_2\n";
     for (int k = 0; k < 45; ++k) {
         rest += "property float f_rest_" + std::to_string(k) + "\n";
@@ -163,7 +163,7 @@ TEST(Scenes, HeaderWithCoefficientsDeclaresAllOfThemAfterTheColour) {
 TEST(Scenes, StatedBoundsReadBackExactly) {
     SceneOptions options = smallScene(5, false);
     options.statedBounds = true;
-    Bounds bounds;
+    Box bounds;
     bounds.min = {-123456.789f, -0.1f, -3.0e-9f};
     bounds.max = {1.0e9f, 0.33333334f, 312.73770f};
     const std::string header = scenes::sceneHeader(options, bounds);
@@ -172,7 +172,7 @@ TEST(Scenes, StatedBoundsReadBackExactly) {
         EXPECT_EQ(statedBound(header, std::string("min") + keys[axis]), bounds.min[axis]) << header;
         EXPECT_EQ(statedBound(header, std::string("max") + keys[axis]), bounds.max[axis]) << header;
     }
-    EXPECT_EQ(header.size(), scenes::sceneHeader(options, Bounds{}).size());
+    EXPECT_EQ(header.size(), scenes::sceneHeader(options, Box{}).size());
 }
 
 TEST_F(SceneFile, StatesTheExactBoxWhichSpansTheExtents) {
@@ -181,8 +181,8 @@ TEST_F(SceneFile, StatesTheExactBoxWhichSpansTheExtents) {
     options.extentX = 80.0;
     options.extentY = 310.5;
     options.centre = {1000.0, -20.0, 55.0};
-    const Bounds written = scenes::writeScene(folder / "scene.ply", options);
-    const Bounds box = scenes::boundsOf(scenes::sceneRecords(options), 17);
+    const Box written = scenes::writeScene(folder / "scene.ply", options);
+    const Box box = scenes::boxOf(scenes::sceneRecords(options), 17);
     EXPECT_EQ(written.min, box.min);
     EXPECT_EQ(written.max, box.max);
     const std::string content = contentOf(folder / "scene.ply");
@@ -202,7 +202,7 @@ TEST_F(SceneFile, StatesTheExactBoxWhichSpansTheExtents) {
 }
 
 TEST(Scenes, TwoSplatsAlreadySpanTheExtents) {
-    const Bounds box = scenes::boundsOf(scenes::sceneRecords(smallScene(2, false)), 17);
+    const Box box = scenes::boxOf(scenes::sceneRecords(smallScene(2, false)), 17);
     EXPECT_EQ(box.min[0], -125.0f);
     EXPECT_EQ(box.max[0], 125.0f);
     EXPECT_EQ(box.min[1], -100.0f);
@@ -312,7 +312,7 @@ TEST_F(SceneFile, MayHoldNoSplatOrOne) {
     for (const std::uint64_t splats : {0u, 1u}) {
         SceneOptions options = smallScene(splats, true);
         options.statedBounds = true;
-        const Bounds bounds = scenes::writeScene(folder / "scene.ply", options);
+        const Box bounds = scenes::writeScene(folder / "scene.ply", options);
         EXPECT_EQ(std::filesystem::file_size(folder / "scene.ply"),
                   scenes::sceneHeader(options, bounds).size() + splats * 248);
     }
@@ -323,7 +323,7 @@ TEST(Scenes, ModelsAndLargeTownsKeepTheirExtents) {
         SceneOptions options = smallScene(3'000, false);
         options.extentX = extent;
         options.extentY = extent / 2;
-        const Bounds box = scenes::boundsOf(scenes::sceneRecords(options), 17);
+        const Box box = scenes::boxOf(scenes::sceneRecords(options), 17);
         EXPECT_EQ(box.max[0], static_cast<float>(extent / 2));
         EXPECT_EQ(box.min[1], static_cast<float>(-extent / 4));
         EXPECT_LT(box.max[2], extent);

@@ -31,7 +31,7 @@ AttributeBounding libraryRanges(std::vector<float> records, bool hasCoefficients
         BlockRanges ranges;
         decodeRecords(records.data() + first * stride, size, hasCoefficients, ranges);
         settleZeroBounds(records.data() + first * stride, size, hasCoefficients, ranges);
-        mergeRanges(bounding, ranges, hasCoefficients);
+        widen(bounding, ranges, hasCoefficients);
     }
     return bounding;
 }
@@ -44,11 +44,11 @@ AttributeBounding streamRanges(const std::vector<float>& records, bool hasCoeffi
     std::vector<RawRanges> parts(workers, RawRanges(hasCoefficients));
     for (std::size_t first = 0; first < count; first += windowRecords) {
         const std::size_t size = std::min(windowRecords, count - first);
-        parts[random.next() % workers].fold(records.data() + first * stride, size, first);
+        parts[random.next() % workers].widen(records.data() + first * stride, size, first);
     }
     RawRanges all(hasCoefficients);
     for (const RawRanges& part : parts) {
-        all.join(part);
+        all.widen(part);
     }
     return all.decoded();
 }

@@ -86,7 +86,7 @@ inline void convertByLibraryAs(const support::Scratch& scratch, const std::files
     header.recordSize = header.hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients;
     const auto bounding = std::make_shared<AttributeBounding>();
     bounding->hasShcoef = header.hasShcoef;
-    const auto chunks = std::make_shared<ChunkList>();
+    const auto chunks = std::make_shared<BlockList>();
     openRunLog(output + "/log.txt");
     logInfo(LogLines::inputPath, support::pathBytes(input));
     logInfo(LogLines::outputPath, output);
