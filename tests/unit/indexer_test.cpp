@@ -169,7 +169,7 @@ TEST_F(IndexerTest, AfterARunTheBlocksAndBuffersAreGoneAndTheLevelsStay) {
     EXPECT_TRUE(indexer.levels->at(0)->cells->at(0)->empty());
 }
 
-TEST_F(IndexerTest, AnEmptyChunkListEndsTheProcess) {
+TEST_F(IndexerTest, AnEmptyBlockListEndsTheProcess) {
     bounding->hasShcoef = true;
     EXPECT_PROCESS_EXIT(runIndexer(0), support::statusMinusOne,
                         "^ERROR.indexer:548.: cannot GET lod0 data\n$");
