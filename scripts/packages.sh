@@ -23,6 +23,9 @@ windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletes
 viewer_packages=(chromium)
 node_packages=(nodejs npm)
 
+# A Slurm of one node, the keys of its messages, and what makes its network: scripts/slurm.sh.
+slurm_packages=(slurm-wlm munge iproute2 util-linux)
+
 # install_missing PACKAGE...
 # Installs those that are not there, on systems with apt-get. Elsewhere, and where nobody may install, names them
 # and goes on: what is there under another name is found by CMake, and what is not, it reports.

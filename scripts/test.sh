@@ -9,6 +9,8 @@
 #                                   largest scenes, and valgrind over a conversion of each kind
 #   scripts/test.sh --windows       and the cross build for Windows, under wine
 #   scripts/test.sh --viewer        and the page of viewer/: its reader under node, and its pictures and habits in chromium
+#   scripts/test.sh --slurm         and arrays of tiles on a Slurm of one node; needs root and namespaces of its own, and
+#                                   fails without them
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
 #
@@ -20,7 +22,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/packages.sh"
 
 usage() {
-    sed -n '2,15s/^# \{0,1\}//p' "$root/scripts/test.sh"
+    sed -n '2,17s/^# \{0,1\}//p' "$root/scripts/test.sh"
 }
 
 # configure FOLDER PRESET [OPTION...]
@@ -125,13 +127,24 @@ test_viewer() {
     rm -rf "$SCRATCH"
 }
 
+# The examples of examples/slurm/ on a cluster that lives as long as the test. See tests/slurm/ and scripts/slurm.sh.
+test_slurm() {
+    # Says in one line what is missing here.
+    "$root/scripts/slurm.sh" true
+    configure release release
+    build release --target plyconvert_executable makescene faults
+    local build=$root/build/release
+    echo "== slurm: testing"
+    "$root/tests/slurm/cluster_test.sh" "$build/scratch/slurm_cluster"
+}
+
 release=yes
 builds=()
 wanted=("${packages[@]}" "${test_packages[@]}")
 for argument in "$@"; do
     case $argument in
-    --dev | --clang | --sanitizers | --windows | --viewer) builds+=("${argument#--}") ;;
-    --all) builds=(dev clang sanitizers windows viewer) ;;
+    --dev | --clang | --sanitizers | --windows | --viewer | --slurm) builds+=("${argument#--}") ;;
+    --all) builds=(dev clang sanitizers windows viewer slurm) ;;
     --only) release=no ;;
     -h | --help)
         usage
@@ -147,13 +160,14 @@ done
 if [[ $release == yes ]]; then
     builds=(release "${builds[@]}")
 elif ((${#builds[@]} == 0)); then
-    echo "--only needs a build: --dev, --clang, --sanitizers, --windows or --viewer" >&2
+    echo "--only needs a build: --dev, --clang, --sanitizers, --windows, --viewer or --slurm" >&2
     exit 1
 fi
 for name in "${builds[@]}"; do
     case $name in
     clang) wanted+=("${clang_packages[@]}") ;;
     windows) wanted+=("${windows_packages[@]}") ;;
+    slurm) wanted+=("${slurm_packages[@]}") ;;
     viewer)
         wanted+=("${viewer_packages[@]}")
         # A node from elsewhere comes with its own npm, which Debian's excludes.
