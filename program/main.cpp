@@ -1,4 +1,5 @@
 #include "plyconvert.h"
+#include "program/commands/catalogue_command.h"
 #include "program/commands/command.h"
 #include "program/commands/convert_command.h"
 #include "program/commands/export_command.h"
@@ -22,8 +23,9 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand,      addVerifyCommand,
-                                           addExportCommand,  addNormaliseCommand, addViewCommand};
+const std::vector<AddCommand*> commands = {addConvertCommand,  addInfoCommand,      addVerifyCommand,
+                                           addExportCommand,   addNormaliseCommand, addViewCommand,
+                                           addCatalogueCommand};
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,

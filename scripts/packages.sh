@@ -3,11 +3,13 @@
 # shellcheck disable=SC2034  # the lists are used there
 
 # Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json; Beast of Boost for the server of view,
-# zlib for its page and for SPZ files, zstd for those of version 4), of the tests (GoogleTest) and of the benchmarks: what
+# zlib for its page and for SPZ files, zstd for those of version 4; PROJ for the catalogue of a city, libtiff, libgeotiff and
+# libpng for its pictures), of the tests (GoogleTest) and of the benchmarks: what
 # configuring and building needs.
 packages=(
     g++ cmake ninja-build
     libcli11-dev libfmt-dev nlohmann-json3-dev libboost-dev zlib1g-dev libzstd-dev
+    libproj-dev libtiff-dev libgeotiff-dev libpng-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 # What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a

@@ -5,7 +5,7 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        info | verify | export | normalise | view) command=${COMP_WORDS[1]} ;;
+        catalogue | info | verify | export | normalise | view) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
@@ -18,12 +18,13 @@ _plyconvert() {
         options='--force --quiet --strict'
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     export) options='--cell --force --quiet --help' ;;
+    catalogue) options='--base --datetime --force --quiet --help' ;;
     view) options='--port --no-open --write-html --force --help' ;;
     esac
     ((COMP_CWORD > 1)) || options+=' --version'
     COMPREPLY=()
     case $before in
-    --cell | --port | --threads | --max-memory | --crop | --min-opacity | --max-scale | --epsg | --offset | --source | --data-type)
+    --base | --cell | --datetime | --port | --threads | --max-memory | --crop | --min-opacity | --max-scale | --epsg | --offset | --source | --data-type)
         return ;; # a key, which only the dataset knows, a number or a word
     esac
     case $before in
@@ -43,7 +44,7 @@ _plyconvert() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pPsS][lLpP][yYzZ]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'convert info verify export normalise view' -- "$word")
+        mapfile -t words < <(compgen -W 'catalogue convert info verify export normalise view' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }

@@ -220,13 +220,15 @@ std::string programFolderOf(const std::string& path) {
 
 TEST(Layering, FoldersOfTheProgramIncludeOnlyThoseBelowThem) {
     const Names work = {"scene", "terminal", "system"};
-    const Names all = {"commands", "convert", "info", "compare", "scene", "serve", "terminal", "system"};
+    const Names all = {"commands", "convert", "info",     "compare", "scene",
+                       "serve",    "tiles",   "terminal", "system"};
     const std::map<std::string, Names> below = {
         {"main", all},
         {"commands", all},
         {"convert", work},
         {"info", work},
         {"compare", work},
+        {"tiles", work},
         {"scene", {"terminal", "system"}},
         {"serve", {"terminal", "system"}},
         {"terminal", {"system"}},

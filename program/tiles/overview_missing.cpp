@@ -1,0 +1,10 @@
+// Builds without the libraries that read pictures.
+#include "program/tiles/overview.h"
+
+namespace Tavrin::SplatProgram {
+
+std::optional<Overview> overviewBeside(const std::filesystem::path& /*folder*/, std::string& /*remark*/) {
+    return std::nullopt;
+}
+
+} // namespace Tavrin::SplatProgram
