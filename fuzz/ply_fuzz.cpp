@@ -37,7 +37,8 @@ std::vector<float> readAll(const SplatSource::Source& source, std::uint64_t wind
 }
 
 bool areSameBits(const std::vector<float>& a, const std::vector<float>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
 std::unique_ptr<SplatSource::Scene> open(const std::string& bytes, const char* name) {

@@ -30,9 +30,10 @@ std::uint64_t countWords(const char* text, std::size_t size) {
     std::uint64_t words = 0;
     while (size > 0) {
         const std::size_t part = std::min<std::size_t>(size, 255); // what a byte counts
+        const char* const last = text - 1;
         std::uint8_t starts = 0;
         for (std::size_t i = 0; i < part; ++i) {
-            const bool before = (text[i - 1] == ' ') | (static_cast<unsigned char>(text[i - 1] - '\t') < 5);
+            const bool before = (last[i] == ' ') | (static_cast<unsigned char>(last[i] - '\t') < 5);
             const bool here = (text[i] == ' ') | (static_cast<unsigned char>(text[i] - '\t') < 5);
             starts = static_cast<std::uint8_t>(starts + (before & !here));
         }
