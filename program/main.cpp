@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -37,7 +38,14 @@ bool namesCommand(const CLI::App& program, const std::string& word) {
     return !program.get_subcommands(isNamed).empty();
 }
 
-// `plyconvert IN.ply OUT` means `plyconvert convert IN.ply OUT`.
+// A word where a subcommand may stand that looks like one: neither an option nor the name of a file.
+bool isMisspelt(const std::string& word) {
+    std::error_code ignored;
+    return word.find_first_of("-./\\") == std::string::npos && !word.empty() &&
+           !std::filesystem::exists(pathFromText(word), ignored);
+}
+
+// `plyconvert IN... OUT` means `plyconvert convert IN... OUT`.
 std::vector<std::string> withCommand(const CLI::App& program, std::vector<std::string> arguments) {
     if (arguments.empty()) {
         return arguments;
@@ -54,17 +62,36 @@ ExitStatus printUsageError(const std::string& what) {
     return ExitStatus::usage;
 }
 
+// A positional option with a text of its own is shown by it, like "IN... OUT".
+class HelpFormatter : public CLI::Formatter {
+public:
+    std::string make_option_usage(const CLI::Option* option) const override {
+        return option->get_option_text().empty() ? CLI::Formatter::make_option_usage(option)
+                                                 : option->get_option_text();
+    }
+
+    std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+        return option->get_option_text().empty() ? CLI::Formatter::make_option_name(option, isPositional)
+                                                 : option->get_option_text();
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override {
+        return option->get_option_text().empty() ? CLI::Formatter::make_option_opts(option) : std::string();
+    }
+};
+
 // Every line of help fits 80 columns; what is in brackets in the usage line need not be marked as optional
 // again.
 void layOutHelp(CLI::App& program) {
+    program.formatter(std::make_shared<HelpFormatter>());
     program.get_formatter()->column_width(20);
     program.get_formatter()->label("REQUIRED", "");
     program.get_formatter()->label("TEXT", "");
 }
 
 ExitStatus run(const std::vector<std::string>& words) {
-    CLI::App program("Converts Gaussian-splat PLY files to quantised datasets grouped by ground cell.\n"
-                     "\"plyconvert IN.ply OUT\" is short for \"plyconvert convert IN.ply OUT\".\n",
+    CLI::App program("Converts Gaussian-splat scenes to quantised datasets grouped by ground cell.\n"
+                     "\"plyconvert IN... OUT\" is short for \"plyconvert convert IN... OUT\".\n",
                      "plyconvert");
     layOutHelp(program);
     program.set_version_flag("--version", versionText());
@@ -76,6 +103,9 @@ ExitStatus run(const std::vector<std::string>& words) {
         add(program, chosen);
     }
     std::vector<std::string> arguments = withCommand(program, words);
+    if (arguments.size() > words.size() && isMisspelt(words.front())) {
+        return printUsageError(words.front() + " is neither a subcommand nor a file");
+    }
     // CLI11 takes its arguments last first.
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
     try {
@@ -92,13 +122,6 @@ ExitStatus run(const std::vector<std::string>& words) {
         const std::vector<std::string> unknown = program.remaining(true);
         return printUsageError(unknown.empty() ? error.what()
                                                : fmt::format("{} is not known", unknown.front()));
-    } catch (const CLI::ExtrasError& error) {
-        std::error_code ignored;
-        // One word too many may be the first: a subcommand that is none.
-        const bool isFirst = arguments.size() > words.size() && !words.front().starts_with('-') &&
-                             !std::filesystem::exists(pathFromText(words.front()), ignored);
-        return printUsageError(isFirst ? words.front() + " is neither a subcommand nor a file"
-                                       : error.what());
     } catch (const CLI::ParseError& error) {
         return printUsageError(error.what());
     } catch (const Failure& failure) {

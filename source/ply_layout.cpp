@@ -124,9 +124,11 @@ private:
             for (const std::string& name : missing) {
                 refuseList(name);
             }
-            fail(vertex_->line, fmt::format("not a splat file: the vertices have no property {}: export "
-                                            "the splats with it",
-                                            fmt::join(missing, ", ")));
+            const bool isOne = missing.size() == 1;
+            fail(vertex_->line,
+                 fmt::format("not a splat file: the vertices have no {} {}: export the splats with {}",
+                             isOne ? "property" : "properties", fmt::join(missing, ", "),
+                             isOne ? "it" : "them"));
         }
     }
 

@@ -77,6 +77,7 @@ void printSummary(const ConvertOptions& options, const Plan& plan, const SplatRe
     summary.read = plan.records();
     summary.ledger = plan.ledger;
     summary.offset = plan.offsets;
+    summary.place = plan.offset;
     summary.largestError = plan.largestError;
     summary.written = report.splatsHeld;
     summary.leftOut = report.splatsLeftOut;
@@ -171,15 +172,11 @@ ExitStatus runConvert(const ConvertOptions& options) {
 } // namespace
 
 void addConvertCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand("convert", "Convert scenes of splats to a dataset: IN... OUT");
+    CLI::App* command = program.add_subcommand("convert", "Convert scenes of splats to a dataset");
     command->footer(exitStatusTable);
     auto options = std::make_shared<ConvertOptions>();
-    command
-        ->add_option("IN", options->words,
-                     "the scenes, merged in this order, and last OUT, the dataset's folder; an earlier "
-                     "dataset is replaced")
-        ->required()
-        ->expected(2, 1 << 20);
+    addInputWords(*command, options->words, "OUT",
+                  "the scenes, merged in this order, and the\ndataset's folder; an earlier one is replaced");
     command->add_flag("--force", options->force, "replace the folder with everything that it holds");
     command->add_flag("--dry-run", options->dryRun, "check everything, print the plan, convert nothing");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");

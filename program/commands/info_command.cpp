@@ -89,10 +89,10 @@ ExitStatus runInfo(const InfoOptions& options) {
 } // namespace
 
 void addInfoCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand("info", "Say what a splat PLY file or a dataset holds");
+    CLI::App* command = program.add_subcommand("info", "Say what scenes and datasets hold");
     command->footer(exitStatusTable);
     auto options = std::make_shared<InfoOptions>();
-    command->add_option("PATH", options->paths, "PLY files and datasets' folders")->required();
+    command->add_option("PATH", options->paths, "scenes and datasets' folders")->required();
     command->add_flag("--scan", options->scan, "read every record, not some: for a box, and true extremes");
     command->add_flag("--json", options->json, "print one JSON object on a line for each path");
     command->add_flag("--cells", options->cells, "list a dataset's cells");

@@ -85,12 +85,27 @@ std::string checkWord(const std::string& word) {
                              word);
 }
 
+// The help names the words itself.
+CLI::Validator oneOf(const std::vector<std::string>& words) {
+    return CLI::IsMember(words).description("");
+}
+
 template <typename Value>
 std::optional<Value> ifGiven(const std::string& word, Value value) {
     return word.empty() ? std::nullopt : std::optional<Value>(std::move(value));
 }
 
 } // namespace
+
+void addInputWords(CLI::App& command, std::vector<std::string>& words, const std::string& last,
+                   const std::string& text) {
+    command.add_option("IN", words, text)->required()->option_text("IN... " + last)->expected(1, 1 << 20);
+    command.parse_complete_callback([&words, last] {
+        if (words.size() == 1) {
+            throw CLI::RequiredError(last);
+        }
+    });
+}
 
 void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict) {
     const auto add = [&](const char* name, std::string& word, const char* type, const char* text) {
@@ -104,11 +119,11 @@ void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict)
         command.add_flag("--strict", options.strict, "refuse a file with invalid splats, drop none");
     }
     add("--scale", options.scale, "KIND", "scales are \"linear\" or \"log\"")
-        ->check(CLI::IsMember({"linear", "log"}));
+        ->check(oneOf({"linear", "log"}));
     add("--opacity", options.opacity, "KIND", "opacities are \"linear\" or \"logit\"")
-        ->check(CLI::IsMember({"linear", "logit"}));
+        ->check(oneOf({"linear", "logit"}));
     add("--axes", options.axes, "AXES", "an SPZ file has the axes \"rub\" or \"rdf\"")
-        ->check(CLI::IsMember({"rub", "rdf"}));
+        ->check(oneOf({"rub", "rdf"}));
     add("--epsg", options.epsg, "CODE", "EPSG code, for what the header says")->check(checkCode);
     add("--offset", options.offset, "X,Y,Z", "offset of the positions, for what the header says")
         ->check(checkOffset);

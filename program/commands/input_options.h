@@ -26,6 +26,11 @@ struct InputOptions {
     bool strict = false;
 };
 
+// Positional words: one scene or several, and the output after them, which `last` names. The words must
+// outlive the command.
+void addInputWords(CLI::App& command, std::vector<std::string>& words, const std::string& last,
+                   const std::string& text);
+
 // The options must outlive the command. `takesStrict`: --strict among them, which is about invalid splats.
 void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict = true);
 

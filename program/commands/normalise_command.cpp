@@ -125,13 +125,12 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
 } // namespace
 
 void addNormaliseCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand(
-        "normalise", "Write scenes as the one PLY form that the library converts: IN... OUT.ply");
+    CLI::App* command =
+        program.add_subcommand("normalise", "Write scenes as the PLY form that the library reads");
     command->footer(exitStatusTable);
     auto options = std::make_shared<NormaliseOptions>();
-    command->add_option("IN", options->words, "the scenes, and last the file to write, OUT.ply")
-        ->required()
-        ->expected(2, 1 << 20);
+    addInputWords(*command, options->words, "OUT.ply",
+                  "the scenes, merged in this order, and the file to write");
     command->add_flag("--force", options->force, "replace an existing file");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");
     addInputOptions(*command, options->input);
