@@ -55,6 +55,9 @@ public:
 
     const std::vector<std::unique_ptr<KeptSplats>>& inputs() const { return inputs_; }
 
+    // What is added to the positions of an input, in the scene's units.
+    const Point& moveOf(std::size_t input) const { return moves_[input]; }
+
     // Counts the records read so far.
     Ledger ledger() const;
 

@@ -38,6 +38,7 @@ struct VerifyOptions {
 struct Result {
     SplatReader::VerifyReport report;
     std::optional<Comparison> comparison;
+    SplatSource::Ledger ledger; // of the source, where it was compared
     bool passed = false;
 };
 
@@ -66,6 +67,7 @@ Result verify(const VerifyOptions& options, Progress& progress) {
                     progress.update("comparing with the source", share);
                 });
             source->requireUnchanged();
+            result.ledger = source->ledger();
         } catch (const SplatSource::SourceError& error) {
             throw Failure(ExitStatus::inputRefused, error.what());
         } catch (const SplatSource::SourceChanged& error) {
@@ -95,9 +97,15 @@ void printFindings(const char* kind, const std::vector<SplatReader::Finding>& li
     }
 }
 
-void printComparison(const Comparison& comparison) {
+void printComparison(const Comparison& comparison, const SplatSource::Ledger& ledger) {
     fmt::print("compared with the source: {}, positions equal bit for bit\n",
                countText(comparison.found, "splat", "splats"));
+    if (ledger.read > comparison.found) {
+        const std::string dropped = droppedText(ledger);
+        fmt::print("  {} read = {} written + {} dropped + {} left out{}\n", countText(ledger.read),
+                   countText(comparison.found), countText(ledger.droppedInAll()),
+                   countText(comparison.leftOut), dropped.empty() ? "" : "; " + dropped);
+    }
     fmt::print("  {:<13} {:>15} {:>13} {:>13} {:>9}\n", "attribute", "values", "largest error", "RMS error",
                "in steps");
     for (const AttributeError& error : comparison.attributes) {
@@ -126,7 +134,7 @@ void printText(const VerifyOptions& options, const Result& result) {
     printFindings("error", findings.errors(), findings.errorKinds());
     printFindings("warning", findings.warnings(), findings.warningKinds());
     if (result.comparison && findings.errorCount() == 0) {
-        printComparison(*result.comparison);
+        printComparison(*result.comparison, result.ledger);
     }
     if (report.splatsLeftOut > 0 && findings.errorCount() == 0) {
         fmt::print("{} of the input's {} splats are left out: they lie outside the grid\n",
@@ -152,7 +160,12 @@ nlohmann::ordered_json findingsJson(const std::vector<SplatReader::Finding>& lis
     return list;
 }
 
-nlohmann::ordered_json comparisonJson(const Comparison& comparison) {
+nlohmann::ordered_json comparisonJson(const Comparison& comparison, const SplatSource::Ledger& ledger) {
+    nlohmann::ordered_json dropped = nlohmann::ordered_json::object();
+    for (std::size_t i = 0; i < SplatSource::dropReasons; ++i) {
+        dropped[SplatSource::nameOf(static_cast<SplatSource::DropReason>(i))] = ledger.dropped[i];
+    }
+
     nlohmann::ordered_json attributes = nlohmann::ordered_json::array();
     for (const AttributeError& error : comparison.attributes) {
         attributes.push_back({{"name", error.name},
@@ -162,10 +175,8 @@ nlohmann::ordered_json comparisonJson(const Comparison& comparison) {
                               {"rmsError", error.rms()},
                               {"largestErrorInSteps", error.largestSteps}});
     }
-    return {{"splats", comparison.splats},
-            {"found", comparison.found},
-            {"leftOut", comparison.leftOut},
-            {"attributes", attributes}};
+    return {{"splats", comparison.splats}, {"found", comparison.found},     {"read", ledger.read},
+            {"dropped", dropped},          {"leftOut", comparison.leftOut}, {"attributes", attributes}};
 }
 
 void printJson(const VerifyOptions& options, const Result& result) {
@@ -186,7 +197,7 @@ void printJson(const VerifyOptions& options, const Result& result) {
                      {"data", report.dataBytes},
                      {"coefficients", report.coefficientBytes}};
     if (result.comparison) {
-        json["against"] = comparisonJson(*result.comparison);
+        json["against"] = comparisonJson(*result.comparison, result.ledger);
         json["against"]["source"] = options.sources.size() == 1 ? nlohmann::ordered_json(options.sources[0])
                                                                 : nlohmann::ordered_json(options.sources);
     }
@@ -223,10 +234,8 @@ void addVerifyCommand(CLI::App& program, Action& chosen) {
     command->add_option("OUT", options->dataset, "the dataset's folder");
     command->add_flag("--quick", options->quick, "check the meta document, the sizes and the index alone");
     command->add_flag("--full", options->full, "check every record as well (this is the default)");
-    command
-        ->add_option("--against", options->sources,
-                     "compare every splat with the files it was made of, read by the options of convert")
-        ->type_name("IN...");
+    command->add_option("--against", options->sources, "compare every splat with the files it was made of")
+        ->type_name("IN");
     command->add_flag("--json", options->json, "print the report as JSON");
     command->add_flag("--strict", options->strict, "fail on warnings, too");
     command->add_flag("--quiet", options->quiet, "say nothing but errors");

@@ -181,7 +181,8 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSou
     if (!checkOrigin(dataset, source, findings)) {
         return result;
     }
-    BatchComparison comparison(dataset, source.hasCoefficients, findings);
+    SplatReader::Findings differences;
+    BatchComparison comparison(dataset, source.hasCoefficients, differences);
     CellReaders cells(dataset);
     SplatReader::Findings missing; // told after what the batches find, which comes in when they are done
     const std::size_t floats = GaussionSplat::recordLayout(source.hasCoefficients).floats;
@@ -212,10 +213,17 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSou
         comparison.start(std::move(batch));
     }
     result.attributes = comparison.finish();
-    findings.append(missing);
     if (dataset.meta().totalSplats != result.splats) {
+        // One splat too many shifts all that follow: the first difference tells as much as a thousand.
         requireCount(dataset.meta(), result.splats, findings);
+        if (!differences.errors().empty()) {
+            const SplatReader::Finding& first = differences.errors().front();
+            findings.error(first.kind, first.file, first.offset, first.expected, first.found);
+        }
+        return result;
     }
+    findings.append(differences);
+    findings.append(missing);
     checkTotals(dataset, result, cells, findings);
     return result;
 }

@@ -86,6 +86,7 @@ void addFacts(Plan& plan, const SplatSource::Scene& scene) {
     plan.isBoxMeasured = plan.measured.isBoxStated && (plan.measured.params.minx != scene.params.minx ||
                                                        plan.measured.params.maxx != scene.params.maxx);
     plan.offset = offsetText(scene);
+    plan.move = scene.inputs().size() == 1 ? scene.moveOf(0) : Point{};
     plan.largestError = scene.largestError;
     plan.offsets = {scene.params.offsetx, scene.params.offsety, scene.params.offsetz};
 }

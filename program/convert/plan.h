@@ -27,6 +27,7 @@ struct Plan {
     std::array<double, 3> offsets{};
     std::string cropAdvice;     // an option to copy where splats lie far off; else empty
     Box extent;                 // of the finite positions
+    Point move{};               // from the positions of a single input to those of the dataset
     Box box;                    // of the dataset
     bool isBoxMeasured = false; // by the program, where no header states one
     SplatReader::Grid grid;

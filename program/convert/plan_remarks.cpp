@@ -18,21 +18,27 @@ constexpr double centimetre = 0.01; // in scene units, taken as metres
 constexpr std::int64_t mostColumns = 65535;
 constexpr std::uint64_t fullestCell = 44'739'242; // splats whose 96 bytes each a 32-bit total still holds
 
+// A bound in the input's own coordinates. Nine digits give every single-precision value exactly; what is
+// moved before it is narrowed needs all digits of double precision.
+std::string boundText(double value, double move) {
+    return move == 0.0 ? fmt::format("{:.9g}", value) : fmt::format("{}", value - move);
+}
+
 // Bounds to state for a scene: the measured box, widened where the converter would not take it for one.
-std::string boundsAdvice(const Box& box) {
+std::string boundsAdvice(const Plan& plan) {
     constexpr double leastMin = 0.01; // |minx| above 0.001 counts
     constexpr double leastMax = 0.2;  // |maxx| above 0.1 counts
+    const Box& box = plan.extent;
     const double minx = std::abs(box.min[0]) < leastMin ? -leastMin : box.min[0];
     const double maxx = std::abs(box.max[0]) < leastMax ? leastMax : box.max[0];
     std::string advice;
     const std::array<double, 3> mins = {minx, box.min[1], box.min[2]};
     const std::array<double, 3> maxs = {maxx, box.max[1], box.max[2]};
     for (std::size_t axis = 0; axis < axes.size(); ++axis) {
-        // Nine digits give every single-precision value exactly.
-        advice += fmt::format(", \"comment min{} {:.9g}\"", axes[axis], mins[axis]);
+        advice += fmt::format(", \"comment min{} {}\"", axes[axis], boundText(mins[axis], plan.move[axis]));
     }
     for (std::size_t axis = 0; axis < axes.size(); ++axis) {
-        advice += fmt::format(", \"comment max{} {:.9g}\"", axes[axis], maxs[axis]);
+        advice += fmt::format(", \"comment max{} {}\"", axes[axis], boundText(maxs[axis], plan.move[axis]));
     }
     return advice.substr(2);
 }
@@ -47,7 +53,7 @@ void remarkBounds(const Plan& plan, Warnings& warnings) {
     if (measured.isBoxStated && measured.outside > 0) {
         warnings.add(fmt::format("{}: {} outside the bounds that the comments state{}: state {}", plan.input,
                                  countText(measured.outside, "splat lies", "splats lie"), loss,
-                                 boundsAdvice(plan.extent)));
+                                 boundsAdvice(plan)));
     } else if (leftOut > 0) {
         warnings.add(fmt::format("{}: the box has no usable grid{}: state bounds that hold the scene",
                                  plan.input, loss));

@@ -35,10 +35,8 @@ std::string summaryText(const Summary& summary) {
         loss = fmt::format(" of {} ({})", countText(summary.read), loss);
     }
     std::string place;
-    if (summary.largestError > 0.0) {
-        place =
-            fmt::format("; offset ({:.12g}, {:.12g}, {:.12g}), positions off by at most {:.2g} mm",
-                        summary.offset[0], summary.offset[1], summary.offset[2], summary.largestError * 1000);
+    if (summary.largestError > 0.0 || summary.offset != std::array<double, 3>{}) {
+        place = "; offset " + summary.place;
     }
     return fmt::format("{}: {}{} in {}{}; {}; {}, {} splats/s\n", summary.output,
                        countText(summary.written, "splat", "splats"), loss,

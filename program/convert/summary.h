@@ -19,6 +19,7 @@ struct Summary {
     SplatSource::Ledger ledger; // read = written + dropped + left out
     std::uint64_t leftOut = 0;
     std::array<double, 3> offset{};
+    std::string place;         // the offset, and how exactly positions are kept
     double largestError = 0.0; // of a position, in the scene's units
     std::uint64_t cells = 0;
     std::uint64_t dataBytes = 0;

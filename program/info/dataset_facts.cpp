@@ -4,6 +4,7 @@
 #include "program/system/platform.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -143,6 +144,15 @@ void measureCells(DatasetFacts& facts) {
     facts.largestCell = counts.back();
 }
 
+double halfStepOf(const SplatReader::Meta& meta) {
+    float reach = 0.0f;
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        reach = std::max({reach, static_cast<float>(std::abs(meta.boundingMin[axis])),
+                          static_cast<float>(std::abs(meta.boundingMax[axis]))});
+    }
+    return std::isfinite(reach) ? (double{std::nextafter(reach, INFINITY)} - double{reach}) / 2 : 0.0;
+}
+
 } // namespace
 
 DatasetFacts readDatasetFacts(const std::string& name, bool scan, const ScanProgress& progress) {
@@ -155,6 +165,7 @@ DatasetFacts readDatasetFacts(const std::string& name, bool scan, const ScanProg
         facts.coefficientBytes = SplatReader::DatasetFile(folder, Format::coefficientFile).size();
     }
     measureCells(facts);
+    facts.positionHalfStep = halfStepOf(facts.dataset.meta());
     facts.quantisers = quantisersOf(facts.dataset);
     readValues(facts, scan, progress);
     return facts;

@@ -30,6 +30,7 @@ struct DatasetFacts {
     std::uint32_t smallestCell = 0;
     std::uint32_t medianCell = 0;
     std::uint32_t largestCell = 0;
+    double positionHalfStep = 0.0; // of single precision at the largest coordinate of the box
     std::vector<QuantiserFacts> quantisers{};
     bool scanned = false;      // every record was read
     std::uint64_t sampled = 0; // records behind the percentiles

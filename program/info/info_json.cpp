@@ -100,6 +100,8 @@ std::string sceneJson(const SceneFacts& facts) {
     json["layoutProblem"] = facts.layoutProblem.empty() ? Json(nullptr) : Json(facts.layoutProblem);
     json["bodyProblem"] = facts.bodyProblem.empty() ? Json(nullptr) : Json(facts.bodyProblem);
     json["stated"] = statedJson(facts.stated);
+    json["offset"] = facts.place ? Json(facts.place->offset) : Json(nullptr);
+    json["largestPositionError"] = facts.place ? Json(facts.place->largestError) : Json(nullptr);
     json["scanned"] = facts.scanned;
     json["sampled"] = facts.sampled;
     json["attributes"] = attributesJson(facts.attributes);
@@ -121,6 +123,7 @@ std::string datasetJson(const DatasetFacts& facts, bool cells) {
     json["levels"] = meta.totalLevel;
     json["epsg"] = meta.epsg;
     json["offset"] = meta.offset;
+    json["positionHalfStep"] = facts.positionHalfStep;
     json["shift"] = meta.shift;
     json["scale"] = meta.scale;
     json["box"] = {{"min", meta.boundingMin}, {"max", meta.boundingMax}};

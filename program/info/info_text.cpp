@@ -1,5 +1,6 @@
 #include "program/info/info_text.h"
 
+#include "program/scene/open_scene.h"
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 
@@ -240,7 +241,7 @@ std::string quantiserText(const std::vector<QuantiserFacts>& quantisers) {
 }
 
 std::string geoText(const SplatReader::Meta& meta) {
-    return fmt::format("EPSG {}, offset ({}), shift ({}), scale ({})", meta.epsg, numbersText(meta.offset),
+    return fmt::format("EPSG {}, offset ({}), shift ({}), scale ({})", meta.epsg, offsetNumbers(meta.offset),
                        numbersText(meta.shift), numbersText(meta.scale));
 }
 
@@ -296,6 +297,9 @@ std::string sceneText(const SceneFacts& facts, const InfoStyle& style) {
     if (splats && facts.bodyProblem.empty()) {
         text += put("measured box", measuredText(facts));
     }
+    if (facts.place) {
+        text += put("offset", facts.place->text);
+    }
     if (!facts.bodyProblem.empty()) {
         return text + put("values", "not read: " + facts.bodyProblem);
     }
@@ -315,6 +319,8 @@ std::string datasetText(const DatasetFacts& facts, const InfoStyle& style) {
     text += put("guid", printable(meta.guid));
     text += put("made of", fmt::format("{}, kind {}", printable(meta.dataType), printable(meta.source)));
     text += put("place", geoText(meta));
+    text += put("precision", fmt::format("single precision holds the positions of this box to {:.2g} mm",
+                                         facts.positionHalfStep * 1000));
     text += put("box", boxText(meta.boundingMin, meta.boundingMax));
     text += put("cells", cellsText(facts));
     if (dataset.leftOut() > 0) {

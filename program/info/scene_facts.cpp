@@ -1,9 +1,11 @@
 #include "program/info/scene_facts.h"
 
+#include "program/scene/open_scene.h"
 #include "program/scene/record_stream.h"
 #include "program/system/exit_status.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
+#include "program/system/processors.h"
 #include "source/open.h"
 #include "source/ply.h"
 #include "source/ply_layout.h"
@@ -250,6 +252,7 @@ void readRecords(SceneFacts& facts, const SplatSource::Input& input, bool scan,
 // Opens the file as the converter would; null, and why, when it does not take it.
 std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::filesystem::path& path) {
     SplatSource::OpenOptions options;
+    options.threads = usableProcessors();
     options.scratchFolder = std::filesystem::temp_directory_path();
     try {
         return SplatSource::openSource(path, options);
@@ -257,6 +260,18 @@ std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::file
         facts.layoutProblem = error.what();
         return nullptr;
     }
+}
+
+// Reads the positions of a file whose coordinates may exceed single precision, as a conversion does.
+SceneFacts::Place placeOf(std::unique_ptr<SplatSource::Input> input) {
+    SplatSource::SceneOptions options;
+    options.open.threads = usableProcessors();
+    std::vector<std::unique_ptr<SplatSource::Input>> inputs;
+    inputs.push_back(std::move(input));
+    const SplatSource::Scene scene(std::move(inputs), options);
+    return {offsetText(scene),
+            {scene.params.offsetx, scene.params.offsety, scene.params.offsetz},
+            scene.largestError};
 }
 
 void readPlyHeader(SceneFacts& facts, std::uint64_t& bodyAt) {
@@ -291,7 +306,7 @@ SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress
             readPlyHeader(facts, bodyAt);
         }
     }
-    const std::unique_ptr<SplatSource::Input> input = openInput(facts, path);
+    std::unique_ptr<SplatSource::Input> input = openInput(facts, path);
     if (!input && facts.kind.empty()) {
         throw Failure(ExitStatus::inputRefused, facts.layoutProblem);
     }
@@ -309,6 +324,7 @@ SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress
     }
     if (input) {
         facts.remarks = input->remarks;
+        facts.place = placeOf(std::move(input));
     }
     return facts;
 } catch (const SplatSource::SourceError& error) {

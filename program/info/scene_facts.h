@@ -6,6 +6,7 @@
 #include "source/comments.h"
 #include "source/ply_header.h"
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,6 +27,13 @@ struct SceneFacts {
     std::vector<std::string> remarks;    // what the converter would say of it
     std::optional<int> degree;           // of the spherical harmonics, if the property names give one
     SplatSource::SceneComments stated;
+    // What a conversion of this file alone makes of its positions; empty when they cannot be read.
+    struct Place {
+        std::string text;               // as a plan says it
+        std::array<double, 3> offset{}; // of the dataset
+        double largestError = 0.0;      // of a position, in the scene's units
+    };
+    std::optional<Place> place;
     std::string bodyProblem;         // why no values can be read; empty when they can
     std::uint64_t expectedBytes = 0; // of the whole file, when its elements have fixed sizes; else 0
     bool scanned = false;            // every record was read

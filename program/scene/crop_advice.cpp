@@ -39,6 +39,15 @@ double percentile(std::vector<double>& values, double share) {
     return values[static_cast<std::size_t>(at)];
 }
 
+// Rounded to a power of ten below a hundredth of the span: far from 0, too, no digit that matters is lost.
+std::string bound(double value, double span) {
+    if (!(span > 0.0)) {
+        return fmt::format("{}", value);
+    }
+    const int decimals = std::clamp(2 - static_cast<int>(std::floor(std::log10(span))), 0, 9);
+    return fmt::format("{:.{}f}", value, decimals);
+}
+
 } // namespace
 
 std::string cropAdvice(const SplatSource::Scene& scene, const Box& extent) {
@@ -58,8 +67,8 @@ std::string cropAdvice(const SplatSource::Scene& scene, const Box& extent) {
         const double span = high - low;
         isFarOff = isFarOff || extent.max[axis] - extent.min[axis] > farOff * span;
         // As much again on both sides keeps what belongs to the bulk.
-        mins += fmt::format("{:.6g},", low - span);
-        maxs += fmt::format("{}{:.6g}", axis > 0 ? "," : "", high + span);
+        mins += bound(low - span, span) + ",";
+        maxs += (axis > 0 ? "," : "") + bound(high + span, span);
     }
     return isFarOff ? "--crop " + mins + maxs : std::string();
 }

@@ -134,10 +134,15 @@ std::string droppedText(const SplatSource::Ledger& ledger) {
                              reasons);
 }
 
+std::string offsetNumbers(const std::array<double, 3>& offset) {
+    // The shortest text of each number in single precision, which is what a dataset keeps.
+    return fmt::format("{}, {}, {}", static_cast<float>(offset[0]), static_cast<float>(offset[1]),
+                       static_cast<float>(offset[2]));
+}
+
 std::string offsetText(const SplatSource::Scene& scene) {
     const GaussionSplat::Params& params = scene.params;
-    std::string text =
-        fmt::format("({:.12g}, {:.12g}, {:.12g})", params.offsetx, params.offsety, params.offsetz);
+    std::string text = fmt::format("({})", offsetNumbers({params.offsetx, params.offsety, params.offsetz}));
     text += scene.isOffsetChosen ? ", chosen" : scene.isOffsetCut ? ", cut to whole numbers" : "";
     return text + (scene.largestError > 0.0
                        ? fmt::format("; positions are off by at most {:.2g} mm", scene.largestError * 1000)

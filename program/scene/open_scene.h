@@ -3,6 +3,7 @@
 
 #include "source/merge.h"
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +21,9 @@ void requireAccepted(const SplatSource::Scene& scene);
 
 // "12 splats are dropped: 7 invalid (6 positions, 1 rotation), 5 outside the crop"; empty when none is.
 std::string droppedText(const SplatSource::Ledger& ledger);
+
+// An offset as a dataset keeps it, all digits of it: "500137, 5414436, 312".
+std::string offsetNumbers(const std::array<double, 3>& offset);
 
 // What to say of the offset: "(500137, 5414436, 312), chosen; positions are off by at most 0.06 mm".
 std::string offsetText(const SplatSource::Scene& scene);
