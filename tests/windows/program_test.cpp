@@ -238,6 +238,10 @@ TEST_F(Program, RefusesAWrongCommandLine) {
     expectRefusal(run({"convert"}), usage, "IN is required");
 }
 
+TEST_F(Program, HasNoCatalogueOnThisSystem) {
+    expectRefusal(run({"catalogue", "town", "city.json"}), usage, "catalogue is not in this build");
+}
+
 // A slash begins no option, as it does in other programs there.
 TEST_F(Program, TakesAWordThatBeginsWithASlashForAPath) {
     expectRefusal(run({"/none.ply", "/out"}), inputRefused, "/none.ply: there is no such file");
