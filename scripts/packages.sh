@@ -14,7 +14,7 @@ packages=(
 )
 # What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a
 # project that uses the library asks for its flags, a terminal that changes its size, and the layout of the sources.
-test_packages=(valgrind locales pkg-config tmux clang-format-14)
+suite_packages=(valgrind locales pkg-config tmux clang-format-14)
 clang_packages=(clang)
 # The linter of scripts/tidy.sh.
 tidy_packages=(clang-tidy-14)
@@ -24,6 +24,10 @@ windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletes
 # The page's tests run in chromium; its tools (a bundler, a type checker) run under node, which nobody needs to use the page.
 viewer_packages=(chromium)
 node_packages=(nodejs npm)
+# A bare system to try the packages in, and what looks at it from outside.
+bare_packages=(debootstrap lintian curl)
+# What scripts/release.sh packs with.
+release_packages=(dpkg-dev zip python3)
 
 # A Slurm of one node, the keys of its messages, and what makes its network: scripts/slurm.sh.
 slurm_packages=(slurm-wlm munge iproute2 util-linux)

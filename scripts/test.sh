@@ -11,6 +11,7 @@
 #   scripts/test.sh --viewer        and the page of viewer/: its reader under node, and its pictures and habits in chromium
 #   scripts/test.sh --slurm         and arrays of tiles on a Slurm of one node; needs root and namespaces of its own, and
 #                                   fails without them
+#   scripts/test.sh --packages      and the Debian packages, in a bare Debian 12 of their own; needs root
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
 #
@@ -138,9 +139,29 @@ test_slurm() {
     "$root/tests/slurm/cluster_test.sh" "$build/scratch/slurm_cluster"
 }
 
+# The packages, as cpack makes them of the preset for them.
+test_packages() {
+    configure release release
+    build release --target makescene
+    configure package package
+    build package
+    echo "== packages: testing"
+    (
+        cd "$root/build/package"
+        umask 022
+        rm -f ./*.deb
+        SOURCE_DATE_EPOCH=1 cpack >cpack.log || {
+            cat cpack.log
+            exit 1
+        }
+        lintian --fail-on error,warning,info --allow-root ./*.deb
+    )
+    "$root/tests/packages/bare_test.sh" "$root/build/package" "$root/build/bare" "$root/build/release/scenes/makescene"
+}
+
 release=yes
 builds=()
-wanted=("${packages[@]}" "${test_packages[@]}")
+wanted=("${packages[@]}" "${suite_packages[@]}")
 for argument in "$@"; do
     case $argument in
     --dev | --clang | --sanitizers | --windows | --viewer | --slurm) builds+=("${argument#--}") ;;
@@ -167,6 +188,7 @@ for name in "${builds[@]}"; do
     case $name in
     clang) wanted+=("${clang_packages[@]}") ;;
     windows) wanted+=("${windows_packages[@]}") ;;
+    packages) wanted+=("${bare_packages[@]}" "${release_packages[@]}") ;;
     slurm) wanted+=("${slurm_packages[@]}") ;;
     viewer)
         wanted+=("${viewer_packages[@]}")
