@@ -1,31 +1,38 @@
-// Pictures of three 8-bit channels, and how far two of them differ.
+// Pictures of four 8-bit channels, and how far two of them differ.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-namespace bench {
+namespace Tavrin::SplatPicture {
+
+// A picture that cannot be made, written or read. what() is one line.
+class PictureError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+using Colour = std::array<float, 3>; // red, green, blue, from 0 to 1
 
 struct Picture {
     Picture(int pixelsAcross, int pixelsDown)
-        : width(pixelsAcross), height(pixelsDown), bytes(3 * pixels()) {}
+        : width(pixelsAcross), height(pixelsDown), bytes(4 * pixels()) {}
 
     std::size_t pixels() const { return static_cast<std::size_t>(width) * static_cast<std::size_t>(height); }
 
     int width;
     int height;
-    std::vector<unsigned char> bytes; // red, green, blue; rows from the top
+    // Red, green, blue, alpha; rows from the top. The colours are not multiplied by alpha.
+    std::vector<std::uint8_t> bytes;
 };
 
-// Binary PPM. Throws std::runtime_error when the file cannot be written.
-void writePicture(const std::string& path, const Picture& picture);
-
-// Reads what writePicture wrote. Throws std::runtime_error for anything else.
-Picture readPicture(const std::string& path);
-
-// Peak signal to noise ratio in decibels, infinite for equal pictures. Throws std::runtime_error for pictures
-// of different sizes.
+// Peak signal to noise ratio of the colours in decibels, infinite for equal pictures. Transparent pictures
+// are laid over black and over white, and the lower ratio counts. Throws PictureError for pictures of
+// different sizes.
 double peakSignalToNoise(const Picture& one, const Picture& other);
 
-} // namespace bench
+} // namespace Tavrin::SplatPicture

@@ -5,6 +5,7 @@
 #include "program/commands/export_command.h"
 #include "program/commands/info_command.h"
 #include "program/commands/normalise_command.h"
+#include "program/commands/picture_command.h"
 #include "program/commands/verify_command.h"
 #include "program/commands/view_command.h"
 #include "program/system/platform.h"
@@ -24,9 +25,9 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-const std::vector<AddCommand*> commands = {addConvertCommand,  addInfoCommand,      addVerifyCommand,
-                                           addExportCommand,   addNormaliseCommand, addViewCommand,
-                                           addCatalogueCommand};
+const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand,      addVerifyCommand,
+                                           addExportCommand,  addNormaliseCommand, addViewCommand,
+                                           addPictureCommand, addCatalogueCommand};
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,

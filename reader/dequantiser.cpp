@@ -136,13 +136,21 @@ Splat Dequantiser::splat(const Record& record) const {
     return splat;
 }
 
+Point Dequantiser::coefficient(const std::byte* at, std::size_t k) const {
+    const CoefficientWord word = unpackCoefficientWord(loadUnsigned<std::uint32_t>(at + 4 * k));
+    Point values{};
+    for (std::size_t channel = 0; channel < 3; ++channel) {
+        values[channel] = packed_ ? coefficient(channel, word.channel[channel])
+                                  : static_cast<double>(loadFloat(at + 4 * (3 * k + channel)));
+    }
+    return values;
+}
+
 void Dequantiser::coefficients(const std::byte* at, Splat& splat) const {
     for (std::size_t k = 0; k < Format::coefficientsPerChannel; ++k) {
-        const CoefficientWord word = unpackCoefficientWord(loadUnsigned<std::uint32_t>(at + 4 * k));
+        const Point values = coefficient(at, k);
         for (std::size_t channel = 0; channel < 3; ++channel) {
-            splat.coefficients[channel * Format::coefficientsPerChannel + k] =
-                packed_ ? coefficient(channel, word.channel[channel])
-                        : static_cast<double>(loadFloat(at + 4 * (3 * k + channel)));
+            splat.coefficients[channel * Format::coefficientsPerChannel + k] = values[channel];
         }
     }
 }

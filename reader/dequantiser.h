@@ -62,7 +62,10 @@ public:
 
     // Everything except the coefficients.
     Splat splat(const Record& record) const;
-    // `at` points to one record of shcoef.bin, in the form that the meta document states.
+    // Coefficient k, 0 to 14, of each channel. `at` points to one record of shcoef.bin, in the form that the
+    // meta document states.
+    Point coefficient(const std::byte* at, std::size_t k) const;
+    // All of them.
     void coefficients(const std::byte* at, Splat& splat) const;
 
 private:

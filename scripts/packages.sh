@@ -4,8 +4,7 @@
 
 # Compiler and tools, and the libraries of the program (CLI11, fmt, nlohmann-json; Beast of Boost for the server of view,
 # zlib for its page and for SPZ files, zstd for those of version 4; PROJ for the catalogue of a city, libtiff, libgeotiff and
-# libpng for its pictures), of the tests (GoogleTest) and of the benchmarks: what
-# configuring and building needs.
+# libpng for pictures), of the tests (GoogleTest) and of the benchmarks: what configuring and building needs.
 packages=(
     g++ cmake ninja-build
     libcli11-dev libfmt-dev nlohmann-json3-dev libboost-dev zlib1g-dev libzstd-dev

@@ -5,7 +5,7 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        catalogue | info | verify | export | normalise | view) command=${COMP_WORDS[1]} ;;
+        catalogue | info | verify | export | normalise | view | picture) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
@@ -20,14 +20,19 @@ _plyconvert() {
     export) options='--cell --force --quiet --help' ;;
     catalogue) options='--base --datetime --force --quiet --help' ;;
     view) options='--port --no-open --write-html --force --help' ;;
+    picture) options='--gsd --size --box --background --threads --force --quiet --help' ;;
     esac
     ((COMP_CWORD > 1)) || options+=' --version'
     COMPREPLY=()
     case $before in
-    --base | --cell | --datetime | --port | --threads | --max-memory | --crop | --min-opacity | --max-scale | --epsg | --offset | --source | --data-type)
+    --base | --cell | --datetime | --port | --gsd | --size | --box | --threads | --max-memory | --crop | --min-opacity | --max-scale | --epsg | --offset | --source | --data-type)
         return ;; # a key, which only the dataset knows, a number or a word
     esac
     case $before in
+    --background)
+        mapfile -t COMPREPLY < <(compgen -W 'black white' -- "$word")
+        return
+        ;;
     --scale | --opacity | --axes)
         local values='linear log'
         [[ $before != --opacity ]] || values='linear logit'
@@ -44,7 +49,7 @@ _plyconvert() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pPsS][lLpP][yYzZ]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'catalogue convert info verify export normalise view' -- "$word")
+        mapfile -t words < <(compgen -W 'catalogue convert info verify export normalise view picture' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }

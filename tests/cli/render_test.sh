@@ -14,11 +14,12 @@ makescene -n 150000 --extent 80 60 town.ply || exit 1
 plyconvert --quiet town.ply town && plyconvert export --quiet town back.ply || exit 1
 for view in "-35 -45 25" "20 40 12"; do
     # shellcheck disable=SC2086
-    renderscene --width 480 --height 320 --eye $view -- town.ply town.ppm || exit 1
+    renderscene --width 480 --height 320 --eye $view -- town.ply town.png || exit 1
     # shellcheck disable=SC2086
-    decibels=$(renderscene --width 480 --height 320 --eye $view --against town.ppm -- back.ply back.ppm) || exit 1
+    decibels=$(renderscene --width 480 --height 320 --eye $view --against town.png -- back.ply back.png) || exit 1
     echo "from $view: $decibels dB"
     awk -v found="$decibels" -v least="$least" 'BEGIN { exit !(found > least) }' || fail "from $view: $decibels dB"
-    [[ $(tail -c +16 town.ppm | od -An -v -tu1 -w3 | sort -u | wc -l) -gt 1000 ]] || fail "from $view: there is nothing to see"
+    # A picture of the sky alone takes a hundredth of that.
+    (($(stat -c %s town.png) > 100000)) || fail "from $view: there is nothing to see"
 done
 ((failures == 0))

@@ -7,7 +7,7 @@
 # that continue it) is followed by what the command prints on standard output and standard error, and by "[STATUS]"
 # when its exit status is not 0. All commands of a file run in one shell, in a scratch folder of its own, with the
 # functions of lib.sh and the folders of PLYCONVERT_PATH in front of PATH. What differs from run to run (durations,
-# process ids, free space, memory that depends on the processors) is compared in a settled form. --update writes what was printed into the file.
+# process ids, free space, memory that depends on the processors, sizes of compressed pictures) is compared in a settled form. --update writes what was printed into the file.
 #
 # A line "<!-- setup: COMMAND -->" outside the blocks runs a command whose output is of no interest.
 #
@@ -46,6 +46,7 @@ settled() {
         -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
         -e 's/[0-9.:]+ (s|min), [0-9,]+ splats\/s/TIME, SPEED splats\/s/' \
         -e 's/, in [0-9.]+ s/, in TIME/' \
+        -e 's/(pixels of .* EPSG [0-9]+, )[0-9.]+ ([KMG]iB|bytes)/\1SIZE/' \
         -e 's/(guid +)[0-9a-f]{32}/\1GUID/' \
         -e 's/[0-9.]+ [KMGTP]iB are free|[0-9,]+ bytes are free/FREE are free/g' \
         -e 's/[0-9.]+ [KMGTP]iB and FREE/NEED and FREE/' \

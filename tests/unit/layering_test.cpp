@@ -202,8 +202,18 @@ TEST(Layering, TheReaderSharesNoCodeWithTheLibrary) {
     }
 }
 
-TEST(Layering, TheProgramUsesTheStreamItsSourcesAndTheReaderAlone) {
-    const Names folders = {"program", "reader", "source", "stream"};
+TEST(Layering, PicturesKnowTheReaderAlone) {
+    const std::vector<Include> includes = includesUnder("picture");
+    ASSERT_FALSE(includes.empty());
+    for (const Include& include : includes) {
+        const std::string folder = folderOf(include.target());
+        EXPECT_TRUE(!include.quoted || folder == "picture" || folder == "reader")
+            << include.from << " includes " << include.name;
+    }
+}
+
+TEST(Layering, TheProgramUsesTheFoldersBelowItAlone) {
+    const Names folders = {"program", "picture", "reader", "source", "stream"};
     for (const Include& include : includesUnder("program")) {
         const std::string target = include.target();
         const bool allowed = target == "include/plyconvert.h" || folders.count(folderOf(target)) > 0;

@@ -242,6 +242,10 @@ TEST_F(Program, HasNoCatalogueOnThisSystem) {
     expectRefusal(run({"catalogue", "town", "city.json"}), usage, "catalogue is not in this build");
 }
 
+TEST_F(Program, SaysThatItDrawsNoPictures) {
+    expectRefusal(run({"picture", "out", "out.tif", "--gsd", "0.1"}), usage, "picture is not in this build");
+}
+
 // A slash begins no option, as it does in other programs there.
 TEST_F(Program, TakesAWordThatBeginsWithASlashForAPath) {
     expectRefusal(run({"/none.ply", "/out"}), inputRefused, "/none.ply: there is no such file");

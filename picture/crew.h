@@ -1,0 +1,51 @@
+// Threads that share the items of one task. They end together when one of them fails.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <mutex>
+
+namespace Tavrin::SplatPicture {
+
+class Crew {
+public:
+    // Called now and then by the thread that calls run(), with the share of all work that is done, 0 to 1.
+    // What it throws ends the work.
+    using Progress = std::function<void(double share)>;
+    using Body = std::function<void(unsigned worker, std::size_t item)>;
+
+    // `threads` is at least 1.
+    explicit Crew(unsigned threads, Progress progress = {});
+
+    unsigned size() const { return threads_; }
+
+    // From now on the items of run() are the work from one share to another. What is reported never goes
+    // back.
+    void setShares(double from, double to);
+
+    // Calls body(worker, item) once for each item below `items`, with workers numbered below size(), and
+    // returns when all have ended. The caller is worker 0. Where the system has no more threads, fewer do the
+    // work. Rethrows the first exception of a body or of the progress function.
+    void run(std::size_t items, const Body& body);
+
+    // For a body with a long item: reports progress, and throws when another worker has failed.
+    void pause(unsigned worker);
+
+private:
+    unsigned threads_;
+    Progress progress_;
+    double from_ = 0.0;
+    double to_ = 1.0;
+    double reported_ = 0.0;
+    std::atomic<std::size_t> next_ = 0;
+    std::atomic<bool> stopped_ = false;
+    std::size_t items_ = 0;
+    std::mutex mutex_; // guards failure_
+    std::exception_ptr failure_;
+
+    void work(unsigned worker, const Body& body) noexcept;
+};
+
+} // namespace Tavrin::SplatPicture

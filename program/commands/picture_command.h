@@ -1,0 +1,10 @@
+// The subcommand `picture`.
+#pragma once
+
+#include "program/commands/command.h"
+
+namespace Tavrin::SplatProgram {
+
+AddCommand addPictureCommand;
+
+} // namespace Tavrin::SplatProgram
