@@ -34,7 +34,8 @@ struct Settings {
     unsigned threads = 1; // workers, at least 1
     // Bytes that a pass may allocate. To find out what would do takes up to 16 MiB, however little it is.
     std::uint64_t maxMemory = UINT64_MAX;
-    std::uint64_t windowRecords = 1024; // records that a worker reads at a time; tests alone set it
+    // Records that a worker reads at a time; 0: each pass chooses. Tests alone set it.
+    std::uint64_t windowRecords = 0;
     std::uint64_t countAs = 0; // splats that grid and texts go by instead of the scene's; tests alone set it
     // Called now and then, by one thread at a time, with the number of splats that the pass has done. It may
     // throw to end the pass; measure or place then throws that exception.

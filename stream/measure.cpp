@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace Tavrin::SplatStream {
 
@@ -39,6 +40,13 @@ bool holds(const Box& box, const RawRanges::Positions& ranges) {
     return lieIn(min, box) && lieIn(max, box);
 }
 
+// The x and y of some splats: the grid is known only when all of them are read. Each worker fills its own, so
+// that no two workers touch a fresh huge page at once, which the system would then clear twice.
+struct KeptPositions {
+    LargeArray<float> positions; // two floats each
+    std::uint64_t count = 0;
+};
+
 // What one worker finds in its windows.
 struct Found {
     explicit Found(bool hasCoefficients) : ranges(hasCoefficients) {}
@@ -48,17 +56,12 @@ struct Found {
     std::uint64_t splats = 0;
     std::uint64_t notFinite = 0;
     std::uint64_t outside = 0;
+    std::vector<KeptPositions> kept;
     CellCounts cells;
     ValueRange scan[3]; // of the positions that the box is taken from
 
     LargeArray<float> window;
     std::vector<std::uint32_t> keys;
-};
-
-// The x and y of every splat: the grid is known only when all of them are read.
-struct KeptPositions {
-    LargeArray<float> positions;       // two floats each, by record of the input
-    std::vector<std::uint32_t> counts; // splats of each window
 };
 
 // The pass, and what it is made of.
@@ -69,9 +72,8 @@ struct MeasurePass {
     std::size_t recordFloats;
     std::optional<Box> statedBox;
     MeasurePlan plan;
-    std::optional<ChunkGrid> expectedGrid;  // cells are counted on the way
-    std::atomic<bool> hasManyCells = false; // more than the workers' tables hold: counted once more
-    KeptPositions kept;
+    std::optional<ChunkGrid> expectedGrid;     // cells are counted on the way
+    std::atomic<bool> hasManyCells = false;    // more than the workers' tables hold: counted once more
     std::vector<std::unique_ptr<Found>> found; // by worker
 
     MeasurePass(const SplatSource::Source& scene, const Settings& chosen);
@@ -83,7 +85,8 @@ private:
     void readAll();
     void readWindow(std::uint64_t window, Found& own);
     void lookAtPositions(std::uint64_t count, const RawRanges::Positions& ranges, Found& own);
-    void keepPositions(std::uint64_t window, std::uint64_t count, const Found& own);
+    void keepPositions(std::uint64_t count, Found& own) const;
+    void dropPositions();
     void scanBox();
     void settleBox(Measured& measured) const;
     void countCells(Measured& measured);
@@ -92,6 +95,7 @@ private:
     void countAlone(const ChunkGrid& grid);
     std::uint64_t countDistinct(const ChunkGrid& grid);
     void requireMemory(std::uint64_t cells, Measured& measured) const;
+    void countKept(const ChunkGrid& grid, Crew& crew);
     void countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own);
     void addKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
                  Found& own);
@@ -126,10 +130,6 @@ MeasurePass::MeasurePass(const SplatSource::Source& scene, const Settings& chose
         if (most > singleCellSplats) {
             expectedGrid = gridFor(static_cast<std::int64_t>(most), statedBox->min, statedBox->max, {});
         }
-    }
-    if (plan.keptBytes > 0) {
-        kept.positions = makeLargeArray<float>(source.count * 2);
-        kept.counts.resize(windows.count());
     }
     makeWorkers();
 }
@@ -191,14 +191,28 @@ void MeasurePass::lookAtPositions(std::uint64_t count, const RawRanges::Position
     }
 }
 
-void MeasurePass::keepPositions(std::uint64_t window, std::uint64_t count, const Found& own) {
-    float* place = kept.positions.get() + 2 * windows.first(window);
-    const float* record = own.window.get();
-    for (std::uint64_t i = 0; i < count; ++i, record += recordFloats, place += 2) {
-        place[0] = record[positionAt];
-        place[1] = record[positionAt + 1];
+void MeasurePass::keepPositions(std::uint64_t count, Found& own) const {
+    const float* record = own.window.get() + positionAt;
+    for (std::uint64_t left = count; left > 0;) {
+        if (own.kept.empty() || own.kept.back().count == plan.keptRecords) {
+            own.kept.push_back({.positions = makeLargeArray<float>(plan.keptRecords * 2)});
+        }
+        KeptPositions& kept = own.kept.back();
+        const std::uint64_t more = std::min(left, plan.keptRecords - kept.count);
+        float* place = kept.positions.get() + 2 * kept.count;
+        for (std::uint64_t i = 0; i < more; ++i, record += recordFloats, place += 2) {
+            place[0] = record[0];
+            place[1] = record[1];
+        }
+        kept.count += more;
+        left -= more;
     }
-    kept.counts[window] = static_cast<std::uint32_t>(count);
+}
+
+void MeasurePass::dropPositions() {
+    for (const std::unique_ptr<Found>& own : found) {
+        own->kept.clear();
+    }
 }
 
 void MeasurePass::readWindow(std::uint64_t window, Found& own) {
@@ -212,8 +226,8 @@ void MeasurePass::readWindow(std::uint64_t window, Found& own) {
         } catch (const CellCounts::Full&) {
             hasManyCells.store(true, std::memory_order_relaxed);
         }
-    } else if (kept.positions) {
-        keepPositions(window, count, own);
+    } else if (plan.keptBytes > 0) {
+        keepPositions(count, own);
     }
 }
 
@@ -282,11 +296,23 @@ void MeasurePass::addKeys(const float* records, std::size_t stride, std::uint64_
     }
 }
 
-void MeasurePass::countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own) {
-    if (kept.positions) {
-        addKeys(kept.positions.get() + 2 * windows.first(window), 2, kept.counts[window], grid, own);
-        return;
+void MeasurePass::countKept(const ChunkGrid& grid, Crew& crew) {
+    std::vector<const KeptPositions*> all;
+    for (const std::unique_ptr<Found>& own : found) {
+        for (const KeptPositions& kept : own->kept) {
+            all.push_back(&kept);
+        }
     }
+    forEachWindow({.records = all.size()}, crew, [&](std::uint64_t number, Found& own) {
+        const KeptPositions& kept = *all[number];
+        for (std::uint64_t first = 0; first < kept.count; first += windows.windowRecords) {
+            addKeys(kept.positions.get() + 2 * first, 2, std::min(kept.count - first, windows.windowRecords),
+                    grid, own);
+        }
+    });
+}
+
+void MeasurePass::countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own) {
     const std::uint64_t count = source.read(windows.first(window), windows.size(window), own.window.get());
     addKeys(own.window.get(), recordFloats, count, grid, own);
 }
@@ -299,8 +325,12 @@ bool MeasurePass::countAgain(const ChunkGrid& grid) {
     Crew crew(settings);
     crew.advance(source.count); // the pass has done all splats, and says so when it ends
     try {
-        forEachWindow(windows, crew,
-                      [&](std::uint64_t window, Found& own) { countWindow(window, grid, own); });
+        if (plan.keptBytes > 0) {
+            countKept(grid, crew);
+        } else {
+            forEachWindow(windows, crew,
+                          [&](std::uint64_t window, Found& own) { countWindow(window, grid, own); });
+        }
     } catch (const CellCounts::Full&) {
         return false;
     }
@@ -331,12 +361,12 @@ bool MeasurePass::joinCounts() {
 
 // One worker has all of the memory.
 void MeasurePass::countAlone(const ChunkGrid& grid) {
-    kept = {};
+    dropPositions();
     found.resize(1);
     Settings alone = settings;
     alone.threads = 1;
     plan = planMeasure(source, alone, bytesToMeasure(source, settings));
-    plan.spareBytes += plan.keptBytes;
+    plan.spareBytes += std::exchange(plan.keptBytes, 0);
     found.front()->cells.limit(plan.spareBytes);
     if (!countAgain(grid)) {
         found.front()->cells.clear();
@@ -396,7 +426,7 @@ void MeasurePass::countCells(Measured& measured) {
     if (!(isCounted || countAgain(measured.grid)) || !joinCounts()) {
         countAlone(measured.grid);
     }
-    kept = {};
+    dropPositions();
     const CellCounts& all = found.front()->cells;
     requireMemory(all.size(), measured);
     listCells(all, measured);

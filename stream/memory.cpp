@@ -1,5 +1,6 @@
 #include "stream/memory.h"
 
+#include "src/large_pages.h"
 #include "src/splatheader.h"
 #include "stream/cell_counts.h"
 #include "stream/key_table.h"
@@ -15,8 +16,15 @@ namespace {
 
 constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
 
-std::uint64_t windowOf(std::uint64_t records, const Settings& settings) {
-    return std::clamp<std::uint64_t>(settings.windowRecords, 1,
+// Of measure, and of place where memory is short.
+constexpr std::uint64_t smallWindow = 1024; // records
+// Of place: the larger the window, the more records of a cell get adjacent places. This one, 1 MB with
+// coefficients, still fits the second-level cache.
+constexpr std::uint64_t largeWindow = 4096;
+
+// The records of a window: what tests ask for, or `chosen`.
+std::uint64_t windowOf(std::uint64_t records, const Settings& settings, std::uint64_t chosen = smallWindow) {
+    return std::clamp<std::uint64_t>(settings.windowRecords > 0 ? settings.windowRecords : chosen, 1,
                                      std::clamp<std::uint64_t>(records, 1, mebibyte));
 }
 
@@ -45,10 +53,10 @@ constexpr std::uint64_t smallPage = 1024; // records
 
 // The largest pages that fit.
 std::optional<PlacePlan> placeWithin(const Measured& measured, const Settings& settings, unsigned workers,
-                                     std::uint64_t budget) {
+                                     std::uint64_t budget, std::uint64_t window) {
     PlacePlan plan;
     plan.workers = workers;
-    plan.windowRecords = windowOf(measured.read, settings);
+    plan.windowRecords = windowOf(measured.read, settings, window);
     const std::uint64_t cells = filledCells(measured);
     const std::uint64_t fixed =
         workers * placeWorkerBytes(measured.hasCoefficients, plan.windowRecords, cells) + sharedBytes(cells);
@@ -76,10 +84,6 @@ std::uint64_t filledCells(const Measured& measured) {
     return cells;
 }
 
-std::uint64_t windowOf(const SplatSource::Source& source, const Settings& settings) {
-    return windowOf(source.count, settings);
-}
-
 std::uint64_t splatsExpected(const SplatSource::Source& source, const Settings& settings) {
     return settings.countAs > 0 ? settings.countAs : source.count;
 }
@@ -89,7 +93,7 @@ namespace {
 // But for the memory: the window and what a worker needs beside it.
 MeasurePlan leastMeasure(const SplatSource::Source& source, const Settings& settings) {
     MeasurePlan plan;
-    plan.windowRecords = windowOf(source, settings);
+    plan.windowRecords = windowOf(source.count, settings);
     const bool ownPositions = !statesBounds(source.params) && source.boxPositions() > 0;
     plan.windowFloats = plan.windowRecords * recordLayout(source.hasCoefficients || ownPositions).floats;
     constexpr std::uint64_t ofWorker = 2048; // its findings, range by range
@@ -110,7 +114,11 @@ MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& setti
                                   std::max<std::uint64_t>(bytes / plan.workerBytes, 1)));
     plan.spareBytes = bytes - plan.workers * plan.workerBytes;
     if (splatsExpected(source, settings) > singleCellSplats && !statesBounds(source.params)) {
-        const std::uint64_t kept = source.count * 2 * sizeof(float) + windows * sizeof(std::uint32_t);
+        constexpr std::uint64_t positionBytes = 2 * sizeof(float);
+        plan.keptRecords = std::min(source.count, largePage / positionBytes);
+        // The last block of each worker may be almost empty.
+        const std::uint64_t blocks = source.count / plan.keptRecords + plan.workers;
+        const std::uint64_t kept = blocks * plan.keptRecords * positionBytes;
         plan.keptBytes = kept <= plan.spareBytes / 2 ? kept : 0;
         plan.spareBytes -= plan.keptBytes;
     }
@@ -133,13 +141,13 @@ PlacePlan planPlace(const Measured& measured, const Settings& settings) {
     const unsigned threads = std::max(settings.threads, 1u);
     const std::uint64_t limit = settings.maxMemory;
     for (const std::uint64_t budget : {fewCellsBudget, manyCellsBudget}) {
-        const auto plan = placeWithin(measured, settings, threads, std::min(limit, budget));
+        const auto plan = placeWithin(measured, settings, threads, std::min(limit, budget), largeWindow);
         if (plan && (plan->pages.pageRecords >= smallPage || budget >= std::min(limit, manyCellsBudget))) {
             return *plan;
         }
     }
     for (unsigned workers = threads; workers > 0; workers /= 2) {
-        if (const auto plan = placeWithin(measured, settings, workers, limit)) {
+        if (const auto plan = placeWithin(measured, settings, workers, limit, smallWindow)) {
             return *plan;
         }
     }
@@ -150,7 +158,7 @@ PlacePlan planPlace(const Measured& measured, const Settings& settings) {
 
 std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, const Settings& settings) {
     return std::max(leastMeasure(source, settings).workerBytes + CellCounts::peakBytes(cells, 1),
-                    leastToPlace(source.hasCoefficients, windowOf(source, settings), cells));
+                    leastToPlace(source.hasCoefficients, windowOf(source.count, settings), cells));
 }
 
 void refuseMemory(std::uint64_t least) {

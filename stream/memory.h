@@ -14,7 +14,8 @@ struct MeasurePlan {
     std::uint64_t windowRecords = 1;
     std::uint64_t windowFloats = 1; // of a worker's window
     std::uint64_t workerBytes = 0;  // of one worker, but for the cells that it counts
-    std::uint64_t keptBytes = 0;    // x and y of every splat; 0: they are read again where they are needed
+    std::uint64_t keptBytes = 0;    // for x and y of every splat; 0: they are read again where needed
+    std::uint64_t keptRecords = 0;  // in one block of these
     std::uint64_t spareBytes = 0;   // for counting cells, all workers together
 };
 
@@ -26,9 +27,6 @@ struct PlacePlan {
     std::uint64_t mostPages = 0;
     std::uint64_t bytes = 0; // at its peak
 };
-
-// Records that a worker reads at a time.
-std::uint64_t windowOf(const SplatSource::Source& source, const Settings& settings);
 
 // The splats that the choice of the grid goes by, before any are dropped.
 std::uint64_t splatsExpected(const SplatSource::Source& source, const Settings& settings);

@@ -51,13 +51,13 @@ std::uint64_t PagePool::pageBytes(std::uint64_t pageRecords, bool hasCoefficient
 PagePool::PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most)
     : pageRecords_(pageRecords), hasCoefficients_(hasCoefficients), most_(most) {}
 
-// Make several pages at a time, in one block of a few huge pages.
+// Make several pages at a time, in a block of whole huge pages: one, or three with coefficients.
 void PagePool::makeMore() {
     const std::uint64_t dataBytes = pageRecords_ * dataRecordSize;
     const std::uint64_t coefficientBytes = hasCoefficients_ ? pageRecords_ * packedCoefficientsSize : 0;
     const std::uint64_t bytes = dataBytes + coefficientBytes;
-    const std::uint64_t count =
-        std::min(most_ - made_, std::max<std::uint64_t>(GaussionSplat::largePage / bytes, 1));
+    const std::uint64_t blockBytes = (hasCoefficients_ ? 3 : 1) * GaussionSplat::largePage;
+    const std::uint64_t count = std::min(most_ - made_, std::max<std::uint64_t>(blockBytes / bytes, 1));
     memory_.push_back(GaussionSplat::makeLargeArray<std::byte>(count * bytes));
     pages_.push_back(std::make_unique<Page[]>(count));
     free_.reserve(made_ + count);
