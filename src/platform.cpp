@@ -50,6 +50,9 @@ std::basic_string<Character> lastComponent(std::basic_string_view<Character> pat
     return std::basic_string<Character>(last == path.npos ? path : path.substr(last + 1));
 }
 
+// Made while the library is loaded, at the latest: not every system's mutex is a constant expression.
+std::mutex standardOutput;
+
 void flushStandardOutput() {
     std::cout.flush();
     std::fflush(stdout);
@@ -79,12 +82,17 @@ DefaultFloatEnvironment::~DefaultFloatEnvironment() {
 #endif
 }
 
+std::unique_lock<std::mutex> lockStandardOutput() {
+    return std::unique_lock(standardOutput);
+}
+
 void endProcess(int status) {
     flushStandardOutput();
     std::exit(status);
 }
 
 void endProcessFromWorker(int status) {
+    const std::unique_lock lock = lockStandardOutput();
     flushStandardOutput();
     std::_Exit(status);
 }

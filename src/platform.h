@@ -4,6 +4,7 @@
 #include <cfenv>
 #include <cstdint>
 #include <filesystem>
+#include <mutex>
 #include <string>
 
 namespace Tavrin::GaussionSplat {
@@ -18,12 +19,16 @@ std::filesystem::path nativePath(const std::string& path);
 // the source paths.
 std::string lastPathComponent(const std::string& path);
 
+// Takes the lock under which the library's threads write to standard output. A host may have called
+// sync_with_stdio(false): std::cout then has a buffer that threads must not share.
+std::unique_lock<std::mutex> lockStandardOutput();
+
 // End the process with a status and run the host's exit handlers. For the thread that called the library,
 // while no worker runs.
 [[noreturn]] void endProcess(int status);
 
-// End the process from a worker thread. Standard output is flushed and the process ends at once, so no static
-// destructor runs beside the other workers.
+// End the process from a worker thread. Standard output is flushed, under its lock, and the process ends at
+// once, so no static destructor runs beside the other workers.
 [[noreturn]] void endProcessFromWorker(int status);
 
 // Sets the default floating-point environment, whatever rounding mode or flushing of subnormals the host has

@@ -15,7 +15,6 @@ namespace {
 struct RunLog {
     std::shared_ptr<std::ofstream> stream; // empty until the first openRunLog of the process
     std::mutex mutex;                      // serialises the writes to the stream
-    std::mutex echoMutex;                  // serialises the writes to standard output
 };
 
 // Made while the library is loaded, at the latest: not every system's mutex is a constant expression.
@@ -58,9 +57,7 @@ void logInfo(const RunLogLine& line, const std::string& rest) {
 void logError(std::string message, std::string sourcePath, std::int32_t line) {
     const std::string text = formLine("ERROR(", message, sourcePath, line);
     {
-        // A host may have called sync_with_stdio(false): std::cout then has a buffer that threads must not
-        // share.
-        const std::lock_guard lock(runLog.echoMutex);
+        const std::unique_lock lock = lockStandardOutput();
         std::cout << text + '\n' << std::flush;
     }
     writeToFile(text);

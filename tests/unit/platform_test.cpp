@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -88,6 +90,22 @@ TEST(EndProcessDeathTest, FromAWorkerItFlushesAndEndsAtOnce) {
             std::thread([] { endProcessFromWorker(123); }).join();
         },
         123, "^pending$");
+}
+
+// A thread that is in the middle of a line has the lock: the line is whole before the process ends.
+TEST(EndProcessDeathTest, FromAWorkerItWaitsForTheLineOfAnother) {
+    EXPECT_PROCESS_EXIT(
+        {
+            std::ios::sync_with_stdio(false);
+            std::unique_lock lock = lockStandardOutput();
+            std::thread worker([] { endProcessFromWorker(123); });
+            std::cout << "half a line, ";
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            std::cout << "and the rest" << std::flush;
+            lock.unlock();
+            worker.join();
+        },
+        123, "^half a line, and the rest$");
 }
 
 #if defined(__linux__)
