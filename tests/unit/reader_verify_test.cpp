@@ -8,6 +8,7 @@
 #include <cmath>
 #include <functional>
 #include <random>
+#include <thread>
 
 namespace {
 
@@ -326,6 +327,64 @@ TEST(ReaderVerify, ManyRecordsAreCheckedInTheirOrder) {
     EXPECT_EQ(report.use->opacity.atMaximum, 1u);
     EXPECT_EQ(report.use->scale[2].lowest, 0u);
     EXPECT_EQ(report.use->scale[2].highest, 65535u);
+}
+
+// 400,000 records, some of them broken, on so many threads.
+struct ReaderVerifyThreads : testing::Test {
+    static constexpr std::size_t count = 400'000;
+    const TemporaryFolder folder;
+    VerifyOptions options;
+
+    ReaderVerifyThreads() {
+        options.level = VerifyLevel::full;
+        std::vector<DatasetWriter::StoredSplat> splats = DatasetWriter::smallScene();
+        splats.resize(count, splats[1]);
+        Files files = DatasetWriter::oneCellFiles(splats);
+        for (std::size_t broken = 1000; broken < count; broken += 60'000) {
+            files.coefficients[broken * 64 + 60] = '\1';
+        }
+        writeFiles(folder.path(), files);
+    }
+};
+
+TEST_F(ReaderVerifyThreads, TheReportIsTheSameForEveryNumber) {
+    options.threads = 1;
+    const VerifyReport one = verifyDataset(folder.path(), options);
+    EXPECT_EQ(one.findings.errorKinds().at("record-padding"), 7u);
+    for (const unsigned threads : {2u, 3u, 16u, 100u}) {
+        SCOPED_TRACE(threads);
+        options.threads = threads;
+        const VerifyReport many = verifyDataset(folder.path(), options);
+        EXPECT_EQ(allFindings(many), allFindings(one));
+        ASSERT_TRUE(many.use);
+        EXPECT_EQ(many.use->records, count);
+        EXPECT_EQ(many.use->scale[2].highest, one.use->scale[2].highest);
+        EXPECT_EQ(many.use->opacity.atMaximum, one.use->opacity.atMaximum);
+    }
+}
+
+TEST_F(ReaderVerifyThreads, ProgressIsToldByTheCallerAloneAndMayEndIt) {
+    struct Ended {};
+    for (const unsigned threads : {1u, 2u, 16u}) {
+        SCOPED_TRACE(threads);
+        options.threads = threads;
+        options.progress = [caller = std::this_thread::get_id()](std::uint64_t, std::uint64_t) {
+            EXPECT_EQ(std::this_thread::get_id(), caller);
+            throw Ended();
+        };
+        EXPECT_THROW(verifyDataset(folder.path(), options), Ended);
+    }
+}
+
+TEST_F(ReaderVerifyThreads, AFileThatEndsEarlyIsFoundByEveryNumber) {
+    std::filesystem::resize_file(folder.path() / "shcoef.bin", count * 64 - 1);
+    options.threads = 1;
+    const std::string expected = allFindings(verifyDataset(folder.path(), options));
+    EXPECT_THAT(expected, HasSubstr("shcoef.bin"));
+    for (const unsigned threads : {2u, 16u}) {
+        options.threads = threads;
+        EXPECT_EQ(allFindings(verifyDataset(folder.path(), options)), expected) << threads;
+    }
 }
 
 TEST(ReaderVerify, EveryOneOfManyRecordsIsLookedForInItsOwnCell) {
