@@ -1,1 +1,1 @@
-set_tests_properties(${large_golden_tests} ${large_relations_tests} PROPERTIES LABELS "golden;large")
+set_tests_properties(${large_golden_tests} ${large_stream_golden_tests} ${large_relations_tests} PROPERTIES LABELS "golden;large")
