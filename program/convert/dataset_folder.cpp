@@ -1,10 +1,13 @@
 #include "program/convert/dataset_folder.h"
 
 #include "program/system/platform.h"
+#include "program/system/remove_files.h"
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <set>
+#include <vector>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -55,6 +58,22 @@ std::error_code removeDataset(const fs::path& folder) {
     error.clear();
     fs::remove(folder, error);
     return error;
+}
+
+void abandonDataset(const fs::path& folder) noexcept {
+    try {
+        std::vector<fs::path> files;
+        std::error_code error;
+        for (const char* name : datasetFiles) {
+            if (fs::symlink_status(folder / name, error).type() == fs::file_type::regular) {
+                files.push_back(folder / name);
+            }
+        }
+        removeLargeFiles(files);
+    } catch (const std::bad_alloc&) {
+        // What is left is removed below, at leisure.
+    }
+    removeDataset(folder);
 }
 
 } // namespace Tavrin::SplatProgram

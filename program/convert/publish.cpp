@@ -114,7 +114,7 @@ PartialFolder::PartialFolder(OutputPlace place)
 PartialFolder::~PartialFolder() {
     flush_.reset();
     if (!isPublished_) {
-        removeDataset(path_);
+        abandonDataset(path_);
         lock_.reset();
         removeCreatedParents();
     }

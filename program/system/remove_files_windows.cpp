@@ -1,0 +1,14 @@
+#include "program/system/remove_files.h"
+
+#include <system_error>
+
+namespace Tavrin::SplatProgram {
+
+void removeLargeFiles(const std::vector<std::filesystem::path>& files) {
+    for (const std::filesystem::path& file : files) {
+        std::error_code ignored;
+        std::filesystem::remove(file, ignored);
+    }
+}
+
+} // namespace Tavrin::SplatProgram
