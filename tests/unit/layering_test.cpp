@@ -265,7 +265,9 @@ TEST(Layering, SuitesOfTheShippedLibraryIncludeNothingOfIt) {
             const std::string folder = folderOf(include.target());
             const bool choosesKernels =
                 include.from == "tests/golden/kernels_test.cpp" && include.target() == "src/kernels.h";
-            EXPECT_TRUE(choosesKernels || (folder != "src" && folder != "program"))
+            const bool streams = include.from == "tests/golden/stream_golden_test.cpp" &&
+                                 include.target() == "src/splatheader.h";
+            EXPECT_TRUE(choosesKernels || streams || (folder != "src" && folder != "program"))
                 << include.from << " includes " << include.name;
         }
     }
