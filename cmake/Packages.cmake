@@ -67,10 +67,15 @@ add_package(program plyconvert graphics "converter of Gaussian-splat scenes to q
 "Converts PLY, SPZ and compressed PLY scenes of any size in bounded memory into
 datasets grouped by ground cell. Inspects, verifies and exports datasets, and
 shows them in the browser.")
+add_package(geo plyconvert-geo graphics "pictures and catalogues of Gaussian-splat datasets"
+"Two more subcommands of plyconvert: picture draws datasets from straight above
+as GeoTIFF or PNG, catalogue lists the tiles of a city as a STAC ItemCollection.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/symbols ${PROJECT_SOURCE_DIR}/packaging/triggers ${generated}/shlibs)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libplyconvert1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+set(CPACK_DEBIAN_GEO_PACKAGE_DEPENDS "plyconvert (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS "plyconvert-geo")
 install(FILES docs/hosting.md docs/format.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libplyconvert-dev
     COMPONENT development EXCLUDE_FROM_ALL)
 

@@ -271,8 +271,7 @@ ExitStatus runCatalogue(const CatalogueOptions& options) {
 } // namespace
 
 void addCatalogueCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command =
-        program.add_subcommand("catalogue", "Write a catalogue for geo tools: DATASET... CITY.json");
+    CLI::App* command = program.add_subcommand("catalogue", catalogueSummary);
     command->footer(std::string("Example:\n  plyconvert catalogue tiles/*/ city.json\n\n") + exitStatusTable);
     auto options = std::make_shared<CatalogueOptions>();
     command

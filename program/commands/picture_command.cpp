@@ -275,8 +275,7 @@ ExitStatus runPicture(const PictureOptions& options) {
 
 void addPictureCommand(CLI::App& program, Action& chosen) {
     constexpr int mostThreads = 1024;
-    CLI::App* command =
-        program.add_subcommand("picture", "Draw datasets from straight above, as a map picture");
+    CLI::App* command = program.add_subcommand("picture", pictureSummary);
     command->footer(std::string("Example:\n  plyconvert picture town town.tif --gsd 0.1\n\n") +
                     exitStatusTable);
     auto options = std::make_shared<PictureOptions>();

@@ -5,6 +5,9 @@
 
 namespace Tavrin::SplatProgram {
 
+// What the list of subcommands says of it.
+inline constexpr const char* pictureSummary = "Draw datasets from straight above, as a map picture";
+
 AddCommand addPictureCommand;
 
 } // namespace Tavrin::SplatProgram

@@ -108,6 +108,10 @@ bool standardErrorTakesSequences();
 // session has no screen to show it on. Whether the browser comes nobody tells.
 bool openInBrowser(const std::string& address);
 
+// Becomes plyconvert-geo, with these words as its command line: the one beside this program, or that of its
+// package. Returns only where there is none. Not there on Windows, whose build has no such program.
+void runGeoProgram(const std::vector<std::string>& words);
+
 // Columns of the terminal on standard error, or else on standard output; 80 when neither tells.
 unsigned terminalColumns();
 
