@@ -2,6 +2,7 @@
 // floor of the same run. Prints Markdown tables, or JSON with every single run.
 #include "bench/measure.h"
 #include "plyconvert.h"
+#include "src/records.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -47,7 +48,9 @@ struct Case {
     std::vector<Run> floors;
     std::vector<Run> flushingFloors;
 
-    std::uint64_t recordBytes() const { return coefficients ? 248 : 68; }
+    std::uint64_t recordBytes() const {
+        return Tavrin::GaussionSplat::recordLayout(coefficients).floats * sizeof(float);
+    }
     std::string name() const { return fmt::format("{} {}", splats, coefficients ? "with" : "without"); }
     // The memory that the converter may use: the regrouped splats, one block of input, and 64 MB for
     // everything else.

@@ -112,12 +112,12 @@ void widenRange(benchmark::State& state) {
     const std::vector<float>& town = townRecords(true);
     for (auto _ : state) {
         ValueRange range;
-        for (std::size_t k = 0; k < windowRecords * 62; ++k) {
+        for (std::size_t k = 0; k < windowRecords * layoutWithCoefficients.floats; ++k) {
             range.widen(town[k]);
         }
         benchmark::DoNotOptimize(range);
     }
-    count(state, windowRecords * 62, sizeof(float));
+    count(state, windowRecords * layoutWithCoefficients.floats, sizeof(float));
 }
 BENCHMARK(widenRange);
 
@@ -181,10 +181,10 @@ void keys(benchmark::State& state) {
                          .cellCountY = 14};
     std::vector<std::uint32_t> found(manySplats);
     for (auto _ : state) {
-        cellKeys(town.data(), 62, manySplats, grid, found.data());
+        cellKeys(town.data(), layoutWithCoefficients.floats, manySplats, grid, found.data());
         benchmark::ClobberMemory();
     }
-    count(state, manySplats, 62 * sizeof(float));
+    count(state, manySplats, layoutWithCoefficients.floats * sizeof(float));
 }
 BENCHMARK(keys);
 

@@ -50,7 +50,7 @@ std::unique_ptr<Source> open(const std::filesystem::path& path, const std::strin
 void checkRecords(const Source& source) {
     constexpr std::uint64_t most = 600; // more than two chunks
     const std::uint64_t size = std::min(source.count, most);
-    const std::size_t floats = source.hasCoefficients ? 62 : 17;
+    const std::size_t floats = Tavrin::GaussionSplat::recordLayout(source.hasCoefficients).floats;
     std::vector<float> together(size * floats);
     std::vector<float> alone(size * floats);
     fuzz::require(source.read(0, size, together.data()) == size, "every record is given");

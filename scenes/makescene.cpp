@@ -31,7 +31,7 @@ void declare(CLI::App& app, Arguments& arguments) {
     app.add_option("output", arguments.output, "PLY file to write; an existing one is replaced")->required();
     app.add_option("-n,--splats", scene.splats, "number of splats")->capture_default_str();
     app.add_option("--seed", scene.seed, "another town for every number")->capture_default_str();
-    app.add_flag("--no-coefficients", arguments.plain, "records of 17 floats, without f_rest_0 to f_rest_44");
+    app.add_flag("--no-coefficients", arguments.plain, "records without f_rest_0 to f_rest_44");
     app.add_option("--extent", arguments.extent, "metres along x and y (250 200)")->expected(2);
     app.add_option("--centre", arguments.centre, "of the ground, metres (0 0 0)")->expected(3);
     app.add_option("--order", scene.order, "shuffled: as a trainer writes them; grouped: surface by surface")

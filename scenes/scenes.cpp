@@ -1,6 +1,7 @@
 #include "scenes/scenes.h"
 
 #include "scenes/splat.h"
+#include "source/record_properties.h"
 
 #include <algorithm>
 #include <bit>
@@ -85,20 +86,6 @@ void addPoint(std::string& header, const char* name, const std::optional<Point>&
     }
 }
 
-void addProperties(std::string& header, bool coefficients) {
-    const auto add = [&header](const std::string& name) { header += "property float " + name + "\n"; };
-    for (const char* name : {"x", "y", "z", "nx", "ny", "nz", "f_dc_0", "f_dc_1", "f_dc_2"}) {
-        add(name);
-    }
-    for (int k = 0; coefficients && k < 45; ++k) {
-        add("f_rest_" + std::to_string(k));
-    }
-    for (const char* name :
-         {"opacity", "scale_0", "scale_1", "scale_2", "rot_0", "rot_1", "rot_2", "rot_3"}) {
-        add(name);
-    }
-}
-
 void widen(Box& bounds, const float* position, bool first) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
         bounds.min[axis] = first ? position[axis] : std::min(bounds.min[axis], position[axis]);
@@ -141,7 +128,9 @@ std::string sceneHeader(const SceneOptions& options, const Box& bounds) {
         header += "comment " + line + "\n";
     }
     header += "element vertex " + std::to_string(options.splats) + "\n";
-    addProperties(header, options.coefficients);
+    for (const std::string& name : Tavrin::SplatSource::recordProperties(options.coefficients)) {
+        header += "property float " + name + "\n";
+    }
     return header + "end_header\n";
 }
 

@@ -5,6 +5,8 @@
 // give the same bytes with every compiler and on every system.
 #pragma once
 
+#include "src/records.h"
+
 #include <array>
 #include <cstdint>
 #include <filesystem>
@@ -31,7 +33,7 @@ struct Point {
 struct SceneOptions {
     std::uint64_t splats = 1'200'000;
     std::uint64_t seed = 1;
-    bool coefficients = true; // with the 45 f_rest properties: records of 62 floats, else of 17
+    bool coefficients = true; // the splats have f_rest properties
     double extentX = 250.0;   // metres; from two splats up, the x of the splats span exactly this
     double extentY = 200.0;   // metres, likewise for y; at most 200 times the other, or the other way round
     Point centre;             // of the ground rectangle, metres; z is where the lowest ground may lie
@@ -55,9 +57,9 @@ struct Box {
     std::array<float, 3> max{};
 };
 
-// Floats in a record: x y z, nx ny nz, f_dc_0..2, [f_rest_0..44], opacity, scale_0..2, rot_0..3.
-constexpr std::size_t recordFloats(bool coefficients) {
-    return coefficients ? 62 : 17;
+// Floats in a record, in the order of SplatSource::recordProperties.
+inline std::size_t recordFloats(bool coefficients) {
+    return Tavrin::GaussionSplat::recordLayout(coefficients).floats;
 }
 
 // Writes the scene as a binary little-endian PLY file, replacing the file. Memory stays below 40 MiB,

@@ -25,7 +25,7 @@ public:
 
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override;
 
-    // The converter's scan steps by 248 bytes from the first record on, whatever the size of a record, and
+    // The converter's scan steps by scanStride from the first record on, whatever the size of a record, and
     // sees zeros behind the end of the file.
     std::uint64_t boxPositions() const override;
     void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const override;

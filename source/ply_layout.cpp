@@ -1,5 +1,6 @@
 #include "source/ply_layout.h"
 
+#include "source/record_properties.h"
 #include "source/text.h"
 
 #include <fmt/format.h>
@@ -34,24 +35,11 @@ std::optional<std::uint64_t> restNumber(std::string_view name) {
 // Names of the canonical record in order; coefficients as count / 3 a channel, the places of others empty.
 std::vector<std::string> recordNames(int degree, std::uint64_t perChannel) {
     using namespace GaussionSplat;
-    const RecordLayout& record = recordLayout(degree > 0);
-    std::vector<std::string> names(record.floats);
-    const auto put = [&](std::size_t at, std::initializer_list<const char*> texts) {
-        for (const char* const text : texts) {
-            names[at++] = text;
-        }
-    };
-    put(positionAt, {"x", "y", "z"});
-    put(normalAt, {"nx", "ny", "nz"});
-    put(colourAt, {"f_dc_0", "f_dc_1", "f_dc_2"});
-    put(record.opacity, {"opacity"});
-    put(record.scale, {"scale_0", "scale_1", "scale_2"});
-    put(record.rotation, {"rot_0", "rot_1", "rot_2", "rot_3"});
-    const std::uint64_t taken = std::min<std::uint64_t>(perChannel, coefficientsPerChannel);
+    std::vector<std::string> names = recordProperties(degree > 0);
     for (std::size_t channel = 0; degree > 0 && channel < 3; ++channel) {
-        for (std::uint64_t i = 0; i < taken; ++i) {
+        for (std::uint64_t i = 0; i < coefficientsPerChannel; ++i) {
             names[coefficientsAt + channel * coefficientsPerChannel + i] =
-                fmt::format("f_rest_{}", channel * perChannel + i);
+                i < perChannel ? fmt::format("f_rest_{}", channel * perChannel + i) : "";
         }
     }
     return names;

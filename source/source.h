@@ -21,8 +21,8 @@ struct SourceChanged : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A scene as a sequence of canonical vertex records (src/records.h): 62 floats with the 45 coefficients, 17
-// without. Opening a source reads headers alone. Records are read on demand and not kept.
+// A scene as a sequence of canonical vertex records (src/records.h): the larger form with coefficients, the
+// smaller without. Opening a source reads headers alone. Records are read on demand and not kept.
 struct Source {
     Source() = default;
     Source(const Source&) = delete;
@@ -31,7 +31,7 @@ struct Source {
 
     // Records of the input, those that read leaves out among them.
     std::uint64_t count = 0;
-    // Records have 62 floats, else 17.
+    // Records are of the larger form.
     bool hasCoefficients = false;
     // What the header states, as the converter's header reader understands it: numbers in single precision.
     GaussionSplat::Params params;
@@ -48,7 +48,7 @@ struct Source {
     // The converter's own scan of a file may step differently from its records. Then this is the number of
     // positions that the scan sees; otherwise it is 0, and the records' own positions count. readBoxPositions
     // writes positions [first, first + size), three floats each, to the start of `positions`, which has room
-    // for 62 floats each.
+    // for records of the larger form.
     virtual std::uint64_t boxPositions() const { return 0; }
     virtual void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const;
 

@@ -11,8 +11,8 @@ namespace Tavrin::GaussionSplat {
 // several blocks in a small scene; nothing that ships writes it.
 extern std::uint64_t blockSplats;
 
-// Records of a window. At 248 bytes each a window is 254 KB and stays in the second-level cache between the
-// read and the work. The bytes are those of one read of the whole block.
+// Records of a window. A window of the larger records is 254 KB and stays in the second-level cache between
+// the read and the work. The bytes are those of one read of the whole block.
 inline constexpr std::uint64_t windowRecords = 1024;
 
 // Call body(first, count) for each block of a file of vertexCount records, in file order. There are none for

@@ -24,7 +24,7 @@ struct BlockCells {
     LargeArray<std::uint32_t> keys{}; // cellKey of every splat, in the order of the block
 };
 
-// One decoded block. The records keep the layout of the input (62 or 17 floats). Colours are in [0, 1],
+// One decoded block. The records keep the layout of the input (recordLayout). Colours are in [0, 1],
 // opacity is in [0, 1], scales are linear, and the four rotation values hold the packed rotation.
 struct ChunkData {
     std::uint32_t splatCount = 0;

@@ -83,7 +83,7 @@ void countSplats(const ChunkData& block, const CellRule& rule, std::size_t recor
     }
 }
 
-// Prefetch distance, in splats. The processor predicts neither records of 248 bytes nor scattered places. One
+// Prefetch distance, in splats. The processor predicts neither records of this size nor scattered places. One
 // splat is prefetched after each that is quantised: with more at once, the processor's fill buffers run out.
 constexpr std::size_t splatsAhead = 32;
 

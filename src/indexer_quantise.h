@@ -26,8 +26,8 @@ struct QuantiseSettings {
 
 QuantiseSettings quantiseSettings(const AttributeBounding& bounding, bool compressed);
 
-// Fill record from a decoded splat of 62 floats (settings.hasCoefficients) or 17. This is the plain form of
-// the work.
+// Fill record from a decoded splat of the form that settings.hasCoefficients states. This is the plain form
+// of the work.
 void quantiseSplat(const float* splat, const QuantiseSettings& settings, SplatsData& record);
 
 // Gives the same bytes with vector instructions. Reciprocals replace divisions where that provably gives the

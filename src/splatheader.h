@@ -52,7 +52,7 @@ struct SplatHeader {
     };
 
     // The box of the splat positions, minimum then maximum, from a parallel scan of the records. Both corners
-    // start at the origin, so the box always holds it. The scan strides 248 bytes whatever the header
+    // start at the origin, so the box always holds it. The scan strides scanStride bytes whatever the header
     // declares. Bytes beyond the end of the file read as zeros. A file that cannot be opened leaves the box
     // at the origin.
     static std::tuple<Vector3, Vector3> computeBBox(std::string path, std::int64_t vertexCount,

@@ -111,7 +111,7 @@ void Comparer::compare(const std::byte* source, std::uint64_t number,
             positionText(stored.data));
         return;
     }
-    std::array<float, 62> values; // filled as far as it is read
+    std::array<float, GaussionSplat::layoutWithCoefficients.floats> values; // filled as far as it is read
     std::memcpy(values.data(), source, layout_.floats * sizeof(float));
     const SplatReader::Record record = SplatReader::loadRecord(stored.data);
     if (!agreeHead(values.data(), record)) {

@@ -38,7 +38,7 @@ std::string cellsText(const Plan& plan) {
 
 // The two layouts of the canonical records.
 std::uint32_t recordFloats(const Plan& plan) {
-    return plan.hasCoefficients() ? 62 : 17;
+    return static_cast<std::uint32_t>(GaussionSplat::recordLayout(plan.hasCoefficients()).floats);
 }
 
 // The highest degree rules.

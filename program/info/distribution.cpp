@@ -6,7 +6,7 @@
 namespace Tavrin::SplatProgram {
 
 namespace {
-constexpr std::uint64_t fewRecords = 262'144; // so many of 62 floats take 65 MB
+constexpr std::uint64_t fewRecords = 262'144; // so many take at most 65 MB
 constexpr std::uint64_t sampleRuns = 4096;
 constexpr std::uint64_t runLength = 16;
 constexpr double lowShare = 0.01;

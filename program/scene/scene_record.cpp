@@ -90,7 +90,7 @@ std::array<float, 4> rotationProperties(std::uint32_t word) {
 }
 
 void fillRecord(const SplatReader::Splat& splat, const SplatReader::Record& stored, bool hasCoefficients,
-                std::array<float, 62>& record) {
+                VertexRecord& record) {
     float* next = record.data();
     next = std::copy(splat.position.begin(), splat.position.end(), next);
     for (const double normal : splat.normal) {

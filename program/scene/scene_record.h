@@ -2,6 +2,7 @@
 #pragma once
 
 #include "reader/dequantiser.h"
+#include "source/record_properties.h"
 
 #include <array>
 #include <cstdint>
@@ -25,8 +26,11 @@ float scaleProperty(double scale);
 // then moved together until the dropped one is the largest.
 std::array<float, 4> rotationProperties(std::uint32_t word);
 
-// One vertex record: 62 floats, or 17 without coefficients, whose rest is then left as it is.
+// Room for a vertex record in either form.
+using VertexRecord = std::array<float, GaussionSplat::layoutWithCoefficients.floats>;
+
+// One vertex record. Without coefficients it is the smaller one, and the rest is left as it is.
 void fillRecord(const SplatReader::Splat& splat, const SplatReader::Record& stored, bool hasCoefficients,
-                std::array<float, 62>& record);
+                VertexRecord& record);
 
 } // namespace Tavrin::SplatProgram

@@ -4,6 +4,7 @@
 #include "program/system/exit_status.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
+#include "source/record_properties.h"
 
 #include <fmt/format.h>
 
@@ -99,16 +100,8 @@ private:
     }
 
     void properties() {
-        const auto property = [this](const std::string& name) { line("property float " + name); };
-        for (const char* name : {"x", "y", "z", "nx", "ny", "nz", "f_dc_0", "f_dc_1", "f_dc_2"}) {
-            property(name);
-        }
-        for (int i = 0; meta_.hasCoefficients() && i < 45; ++i) {
-            property(fmt::format("f_rest_{}", i));
-        }
-        for (const char* name :
-             {"opacity", "scale_0", "scale_1", "scale_2", "rot_0", "rot_1", "rot_2", "rot_3"}) {
-            property(name);
+        for (const std::string& name : SplatSource::recordProperties(meta_.hasCoefficients())) {
+            line("property float " + name);
         }
     }
 
@@ -172,13 +165,13 @@ void writeScene(const SplatReader::Dataset& dataset, const std::vector<std::size
     SceneFile file(path);
     file.write(header.data(), header.size());
     const bool hasCoefficients = dataset.meta().hasCoefficients();
-    const std::size_t recordBytes = (hasCoefficients ? 62 : 17) * sizeof(float);
+    const std::size_t recordBytes = GaussionSplat::recordLayout(hasCoefficients).floats * sizeof(float);
     std::uint64_t all = 0;
     for (const std::size_t cell : cells) {
         all += dataset.range(cell, 0).count;
     }
     std::uint64_t done = 0;
-    std::array<float, 62> record{};
+    VertexRecord record{};
     for (const std::size_t cell : cells) {
         SplatReader::RecordCursor cursor = dataset.records(dataset.range(cell, 0));
         SplatReader::RecordCursor::View view{};

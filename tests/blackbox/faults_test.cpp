@@ -1,6 +1,7 @@
 // Faults of the system that the library meets: what it says, what it returns, what it leaves.
 
 #include "tests/blackbox/blackbox.h"
+#include "tests/support/properties.h"
 
 #if defined(__linux__)
 
@@ -238,7 +239,7 @@ TEST_F(Faults, AnInputThatLosesItsHeaderHasNoSplats) {
 // Later it counts as a file that was cut from the start: the records that are gone are read as zeros.
 TEST_F(Faults, AnInputThatShrinksBeforeTheScanIsACutFile) {
     scene.write(input);
-    const std::size_t half = scene.header().size() + 248 * splats / 2 + 100;
+    const std::size_t half = scene.header().size() + support::floatsWith * sizeof(float) * splats / 2 + 100;
     expectDone(convertWith("cut-scan", std::to_string(half)));
     const DatasetFiles expected = datasetOfCutFile(half);
     const DatasetFiles found = support::readDataset(output);
@@ -251,7 +252,7 @@ TEST_F(Faults, AnInputThatShrinksBeforeTheScanIsACutFile) {
 // Between scan and chunking the box of the whole file is known already; the records are those of the cut one.
 TEST_F(Faults, AnInputThatShrinksBeforeTheChunkerKeepsItsBox) {
     scene.write(input);
-    const std::size_t half = scene.header().size() + 248 * splats / 2 + 100;
+    const std::size_t half = scene.header().size() + support::floatsWith * sizeof(float) * splats / 2 + 100;
     const DatasetFiles whole = datasetOfCutFile(scene.bytes().size());
     expectDone(convertWith("cut-chunking", std::to_string(half)));
     const DatasetFiles expected = datasetOfCutFile(half);

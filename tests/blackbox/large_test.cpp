@@ -1,6 +1,7 @@
 // Scenes of several blocks: the bytes do not depend on which worker takes which block.
 
 #include "tests/blackbox/blackbox.h"
+#include "tests/support/properties.h"
 #include "tests/support/sha256.h"
 
 #include <map>
@@ -38,7 +39,9 @@ protected:
 
     static constexpr std::uint64_t count = 4'000'001;
 
-    static std::uint64_t recordBytes(bool coefficients) { return coefficients ? 248 : 68; }
+    static std::uint64_t recordBytes(bool coefficients) {
+        return support::floatsOf(coefficients) * sizeof(float);
+    }
 
     // The peak of the input's conversion is at most 288 bytes a splat, one block of input records, and 64 MiB
     // for all the rest. Were the decoded blocks not freed one by one while the output records grow, it would

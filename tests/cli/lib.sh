@@ -21,22 +21,6 @@ fail() {
 
 samples=$PROJECT/../shared/samples
 
-# properties 62|17: the property lines of a splat record.
-properties() {
-    local name
-    for name in x y z nx ny nz f_dc_0 f_dc_1 f_dc_2; do
-        echo "property float $name"
-    done
-    if [[ $1 == 62 ]]; then
-        for name in {0..44}; do
-            echo "property float f_rest_$name"
-        done
-    fi
-    for name in opacity scale_0 scale_1 scale_2 rot_0 rot_1 rot_2 rot_3; do
-        echo "property float $name"
-    done
-}
-
 # header FLOATS COUNT [LINE...]: a splat header; the lines stand before the element line.
 header() {
     local floats=$1 count=$2
@@ -45,7 +29,7 @@ header() {
     echo "format binary_little_endian 1.0"
     (($# == 0)) || printf '%s\n' "$@"
     echo "element vertex $count"
-    properties "$floats"
+    records "$floats" properties
     echo end_header
 }
 

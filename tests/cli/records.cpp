@@ -1,9 +1,12 @@
-// records: writes splat records for tests to standard output.
+// records: writes splat records for tests, or the property lines of their header, to standard output.
 //
 //   records FLOATS COUNT [WIDTH DEPTH] [INDEX:X,Y,Z]...
+//   records FLOATS properties
 //
 // FLOATS is 62 or 17. The splats stand at (x, y) evenly spread over [1, 1 + WIDTH) x [1, 1 + DEPTH) (10 x 10)
 // and z in [1, 3), except those that are named by their index. The same arguments give the same bytes.
+#include "tests/support/properties.h"
+
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -12,6 +15,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -76,6 +80,12 @@ Options read(const std::vector<std::string>& words) {
 } // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::string_view(argv[2]) == "properties") {
+        for (const std::string& name : support::propertyNames(std::stoul(argv[1]) == support::floatsWith)) {
+            std::printf("property float %s\n", name.c_str());
+        }
+        return 0;
+    }
     const Options options = read({argv + 1, argv + argc});
     std::vector<float> record(options.floats);
     for (std::uint64_t i = 0; i < options.count; ++i) {

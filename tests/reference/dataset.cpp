@@ -1,4 +1,5 @@
 #include "tests/reference/converter.h"
+#include "tests/support/properties.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -18,7 +19,7 @@ void append(std::string& bytes, Value value) {
 }
 
 std::size_t floatsOf(const Header& header) {
-    return header.coefficients ? 62 : 17;
+    return support::floatsOf(header.coefficients);
 }
 
 // The keys in the order of the files: columns outside, rows inside, occupied cells alone.

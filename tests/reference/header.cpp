@@ -1,4 +1,5 @@
 #include "tests/reference/converter.h"
+#include "tests/support/properties.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -99,7 +100,9 @@ Box boxOf(const Header& header, std::string_view file) {
     box = {}; // holds the origin whatever the splats
     for (std::int64_t i = 0; i < header.count; ++i) {
         float position[3] = {};
-        const std::uint64_t record = header.end + static_cast<std::uint64_t>(i) * 248; // whatever the layout
+        // The step is that of the larger record, whatever the layout.
+        const std::uint64_t record =
+            header.end + static_cast<std::uint64_t>(i) * support::floatsWith * sizeof(float);
         if (record < file.size()) {
             std::memcpy(position, file.data() + record, std::min(sizeof position, file.size() - record));
         }

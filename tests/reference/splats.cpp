@@ -1,5 +1,7 @@
 #include "tests/reference/splats.h"
 
+#include "tests/support/properties.h"
+
 #include <cmath>
 #include <cstring>
 
@@ -14,8 +16,10 @@ struct Offsets {
     std::size_t scale;
     std::size_t rotation;
 };
-constexpr Offsets wide{.size = 248, .opacity = 216, .scale = 220, .rotation = 232};
-constexpr Offsets narrow{.size = 68, .opacity = 36, .scale = 40, .rotation = 52};
+constexpr Offsets wide{
+    .size = support::floatsWith * sizeof(float), .opacity = 216, .scale = 220, .rotation = 232};
+constexpr Offsets narrow{
+    .size = support::floatsWithout * sizeof(float), .opacity = 36, .scale = 40, .rotation = 52};
 constexpr std::size_t positionOffset = 0;
 constexpr std::size_t normalOffset = 12;
 constexpr std::size_t colourOffset = 24;

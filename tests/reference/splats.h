@@ -34,7 +34,7 @@ struct Ranges {
     Bounds opacity;
     Bounds scale[3];
 
-    // Takes in a decoded record of 62 floats or 17.
+    // Takes in a decoded record of either form.
     void widen(const float* record, bool hasCoefficients);
 };
 
@@ -44,7 +44,7 @@ float colour(float coefficient);
 float opacity(float logit);
 std::array<float, 4> rotation(float rot0, float rot1, float rot2, float rot3);
 
-// Decodes a record of 62 floats or 17 in place.
+// Decodes a record of either form in place.
 void decode(float* record, bool hasCoefficients);
 
 // Decodes a block of records in place and returns its ranges. Visits run from 0 to the number of records;

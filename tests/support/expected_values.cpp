@@ -1,5 +1,6 @@
 #include "tests/support/expected_values.h"
 
+#include "tests/support/properties.h"
 #include "tests/support/sha256.h"
 
 #include <gtest/gtest.h>
@@ -70,7 +71,7 @@ struct Table {
 };
 
 Table readAll(const Source& source) {
-    Table table{.floats = source.hasCoefficients ? 62u : 17u, .records = {}};
+    Table table{.floats = support::floatsOf(source.hasCoefficients), .records = {}};
     table.records.resize(source.count * table.floats);
     constexpr std::uint64_t part = 1000; // in several calls
     std::uint64_t given = 0;

@@ -8,22 +8,6 @@
 
 namespace support {
 
-namespace {
-
-std::vector<std::string> propertyNames(bool coefficients) {
-    std::vector<std::string> names{"x", "y", "z", "nx", "ny", "nz", "f_dc_0", "f_dc_1", "f_dc_2"};
-    for (int i = 0; coefficients && i < 45; ++i) {
-        names.push_back("f_rest_" + std::to_string(i));
-    }
-    for (const char* name :
-         {"opacity", "scale_0", "scale_1", "scale_2", "rot_0", "rot_1", "rot_2", "rot_3"}) {
-        names.push_back(name);
-    }
-    return names;
-}
-
-} // namespace
-
 void PlyFile::add(const Splat& splat) {
     const auto append = [this](const auto& values) {
         records.insert(records.end(), values.begin(), values.end());

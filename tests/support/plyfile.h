@@ -1,6 +1,8 @@
 // Splat PLY files made by hand, and small random ones.
 #pragma once
 
+#include "tests/support/properties.h"
+
 #include <array>
 #include <cstdint>
 #include <filesystem>
@@ -23,14 +25,14 @@ struct Splat {
 
 // A whole file: header and records.
 struct PlyFile {
-    bool coefficients = false;              // records of 62 floats, else of 17
+    bool coefficients = false;              // in the records, and as properties
     std::vector<std::string> comments;      // header lines as they stand, after the format line
     std::optional<std::string> elementLine; // instead of "element vertex N"
     std::vector<std::string> moreElements;  // header lines after the properties
     std::vector<std::string> leftOut;       // names of properties that are not declared
     std::vector<float> records;             // one after the other
 
-    std::size_t recordFloats() const { return coefficients ? 62 : 17; }
+    std::size_t recordFloats() const { return floatsOf(coefficients); }
     std::size_t count() const { return records.size() / recordFloats(); }
     void add(const Splat& splat);
     std::string header() const;

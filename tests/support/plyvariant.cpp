@@ -1,5 +1,7 @@
 #include "tests/support/plyvariant.h"
 
+#include "tests/support/properties.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstring>
@@ -113,7 +115,7 @@ private:
 } // namespace
 
 std::string variantFile(const PlyVariant& variant, const std::vector<float>& records) {
-    const std::size_t floats = variant.degree > 0 ? 62 : 17;
+    const std::size_t floats = floatsOf(variant.degree > 0);
     const std::size_t splats = records.size() / floats;
     const std::vector<Column> columns = columnsOf(variant);
     const std::string end = variant.lineEnd;

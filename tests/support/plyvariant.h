@@ -21,8 +21,8 @@ struct PlyVariant {
     const char* lineEnd = "\n"; // of the header
 };
 
-// The file of that form for records of 62 floats, 17 at degree 0. Values must be ones that the type holds;
-// normals and coefficients that the file lacks must be 0.
+// The file of that form for records with coefficients, at degree 0 without. Values must be ones that the type
+// holds; normals and coefficients that the file lacks must be 0.
 std::string variantFile(const PlyVariant& variant, const std::vector<float>& records);
 
 } // namespace support

@@ -170,12 +170,12 @@ TEST_F(BuildTest, ManyScatteredCellsKeepTheirSplatsApart) {
 
 TEST_F(BuildTest, ColumnsBeyondSixteenBitsRunIntoTheRows) {
     chunkGrid = {.cellSizeX = 1.0f, .cellSizeY = 1.0f};
-    std::vector<float> block(3 * 17, 0.5f);
-    block[0] = 65'536.5f; // column 65,536, row 0
-    block[17] = 0.5f;     // column 0, row 1
-    block[18] = 1.5f;
-    block[34] = 65'537.5f; // column 65,537, row 1
-    block[35] = 1.5f;
+    std::vector<float> block(3 * layoutWithoutCoefficients.floats, 0.5f);
+    block[0] = 65'536.5f;                           // column 65,536, row 0
+    block[layoutWithoutCoefficients.floats] = 0.5f; // column 0, row 1
+    block[layoutWithoutCoefficients.floats + 1] = 1.5f;
+    block[2 * layoutWithoutCoefficients.floats] = 65'537.5f; // column 65,537, row 1
+    block[2 * layoutWithoutCoefficients.floats + 1] = 1.5f;
     build({block}, false, grid);
     const Cells cells = actual(0);
     ASSERT_EQ(cells.size(), 2u);
@@ -289,7 +289,7 @@ TEST_F(BuildTest, NoPageOfAFreedBlockStaysDonated) {
         GTEST_SKIP() << "pages do not move here";
     }
     Random random(78);
-    constexpr std::size_t floats = 62;
+    constexpr std::size_t floats = layoutWithCoefficients.floats;
     std::vector<std::vector<float>> blocks = {decodedScene(random, 120'000, true, 4.0f),
                                               decodedScene(random, 60'000, true, 4.0f)};
     for (std::size_t i = 0; i < 120'000; ++i) {
@@ -461,10 +461,10 @@ TEST_F(BuildDeathTest, GivenMemoryIsGivenBackWhereAddressesAreShort) {
 std::shared_ptr<BlockCells> foundBefore(const std::vector<float>& block, const ChunkGrid& itsGrid) {
     auto cells = std::make_shared<BlockCells>();
     cells->grid = itsGrid;
-    cells->keys = makeLargeArray<std::uint32_t>(block.size() / 17);
-    for (std::size_t at = 0; at < block.size(); at += 17) {
-        cells->keys[at / 17] = cellKey(block[at], block[at + 1], itsGrid);
-        cells->counter.add(cells->keys[at / 17], 1);
+    cells->keys = makeLargeArray<std::uint32_t>(block.size() / layoutWithoutCoefficients.floats);
+    for (std::size_t at = 0; at < block.size(); at += layoutWithoutCoefficients.floats) {
+        cells->keys[at / layoutWithoutCoefficients.floats] = cellKey(block[at], block[at + 1], itsGrid);
+        cells->counter.add(cells->keys[at / layoutWithoutCoefficients.floats], 1);
     }
     return cells;
 }
@@ -514,7 +514,7 @@ TEST(SplatsData, LeavesItsMemoryAloneWhenItIsMade) {
 TEST_F(BuildTest, AwkwardPositionsFallIntoDefinedCells) {
     Random random(77);
     std::vector<float> block = decodedScene(random, 3000, false, 60.0f);
-    for (std::size_t at = 0; at < block.size(); at += 17) {
+    for (std::size_t at = 0; at < block.size(); at += layoutWithoutCoefficients.floats) {
         block[at] = support::mixedFloat(random, -60.0f, 60.0f);
         block[at + 1] = support::mixedFloat(random, -60.0f, 60.0f);
     }

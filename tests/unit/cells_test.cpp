@@ -1,5 +1,6 @@
 #include "src/cells.h"
 
+#include "src/records.h"
 #include "tests/reference/splats.h"
 #include "tests/support/floats.h"
 
@@ -114,7 +115,7 @@ TEST(CellKeys, AreThoseOfTheSplatsOneByOneForEveryCount) {
     const ChunkGrid grid{.cellSizeX = 15.0f, .cellSizeY = 20.0f, .originX = -125.0f, .originY = -100.0f};
     std::vector<float> xAndY;
     for (std::size_t count = 0; count <= 300; ++count) {
-        expectKeys(xAndY, count % 2 == 0 ? 17 : 62, grid);
+        expectKeys(xAndY, recordLayout(count % 2 != 0).floats, grid);
         xAndY.push_back(random.between(-200.0f, 200.0f));
         xAndY.push_back(random.between(-200.0f, 200.0f));
     }
@@ -130,7 +131,7 @@ TEST(CellKeys, OfPositionsThatNoIntegerHoldsTouchNoOthers) {
             value = random.between(-50.0f, 50.0f);
         }
         xAndY[2 * at + at % 2] = outside[at % std::size(outside)];
-        expectKeys(xAndY, 17, grid);
+        expectKeys(xAndY, layoutWithoutCoefficients.floats, grid);
     }
 }
 
@@ -144,7 +145,7 @@ TEST(CellKeys, HoldOnTheEdgesOfCells) {
         }
     }
     xAndY.insert(xAndY.end(), {-0.0f, 0.0f});
-    expectKeys(xAndY, 62, grid);
+    expectKeys(xAndY, layoutWithCoefficients.floats, grid);
 }
 
 TEST(CellCounter, CountsEveryKeyAndNumbersThemAsTheyAreSeen) {

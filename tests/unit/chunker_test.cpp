@@ -107,7 +107,7 @@ struct ChunkerTest : testing::Test {
 
     // All records of the list, one after the other.
     std::vector<float> records() const {
-        const std::size_t recordFloats = bounding->hasShcoef ? 62 : 17;
+        const std::size_t recordFloats = recordLayout(bounding->hasShcoef).floats;
         std::vector<float> all;
         for (const std::shared_ptr<ChunkData>& entry : *chunks) {
             all.insert(all.end(), entry->data, entry->data + entry->splatCount * recordFloats);
@@ -424,7 +424,7 @@ TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
     bounding->hasShcoef = false;
     std::vector<std::uint32_t> keys;
     std::map<std::uint32_t, std::uint64_t> expected;
-    for (std::size_t at = 0; at < file.records.size(); at += 17) {
+    for (std::size_t at = 0; at < file.records.size(); at += layoutWithoutCoefficients.floats) {
         keys.push_back(
             reference::cellKey(file.records[at], file.records[at + 1],
                                {.originX = -10.0f, .originY = -10.0f, .cellSizeX = 5.0f, .cellSizeY = 4.0f}));

@@ -334,7 +334,7 @@ TEST(DecodeRecords, AllKernelsGiveTheSameBytesAndBounds) {
 }
 
 TEST(DecodeRecords, WidensTheRangesItIsGiven) {
-    std::vector<float> record(17, 0.0f);
+    std::vector<float> record(layoutWithoutCoefficients.floats, 0.0f);
     record[0] = 5.0f;
     BlockRanges ranges;
     ranges.position[0] = {.min = -1.0f, .max = 1.0f};
@@ -349,7 +349,7 @@ TEST(DecodeRecords, WidensTheRangesItIsGiven) {
 
 TEST(DecodeRecords, EachChannelTakesItsFifteenCoefficients) {
     for (std::size_t coefficient = 0; coefficient < 45; ++coefficient) {
-        std::vector<float> record(62, 0.0f);
+        std::vector<float> record(layoutWithCoefficients.floats, 0.0f);
         record[9 + coefficient] = 2.5f;
         BlockRanges ranges;
         decodeRecords(record.data(), 1, true, ranges);
@@ -390,9 +390,9 @@ TEST(SettleZeroBounds, TheFirstZeroInVisitingOrderGivesTheSign) {
 }
 
 TEST(SettleZeroBounds, LooksThroughTheWholeBlock) {
-    std::vector<float> records(5000 * 17, 1.0f);
-    records[4321 * 17 + 1] = -0.0f;
-    records[4322 * 17 + 1] = 0.0f;
+    std::vector<float> records(5000 * layoutWithoutCoefficients.floats, 1.0f);
+    records[4321 * layoutWithoutCoefficients.floats + 1] = -0.0f;
+    records[4322 * layoutWithoutCoefficients.floats + 1] = 0.0f;
     BlockRanges ranges;
     decodeRecords(records.data(), 5000, false, ranges);
     settleZeroBounds(records.data(), 5000, false, ranges);
@@ -410,7 +410,7 @@ TEST(JoinRanges, TakesTheOuterBoundsOfEveryAttribute) {
         std::vector<float> copy = records;
         decodeRecords(copy.data(), 6, true, whole);
         decodeRecords(records.data(), 2, true, first);
-        decodeRecords(records.data() + 2 * 62, 4, true, second);
+        decodeRecords(records.data() + 2 * layoutWithCoefficients.floats, 4, true, second);
         widen(first, second);
         settleZeroBounds(records.data(), 6, true, first);
         settleZeroBounds(records.data(), 6, true, whole);

@@ -50,13 +50,16 @@ struct Source {
     static constexpr std::size_t coefficients = 9;
 
     explicit Source(bool hasCoefficients = true)
-        : floats(hasCoefficients ? 62 : 17), opacity(floats - 8), scale(floats - 7), rotation(floats - 4) {}
+        : floats(static_cast<std::uint32_t>(GaussionSplat::recordLayout(hasCoefficients).floats)),
+          opacity(floats - 8), scale(floats - 7), rotation(floats - 4) {}
+
+    bool hasCoefficients() const { return floats == GaussionSplat::layoutWithCoefficients.floats; }
 
     std::uint32_t floats;
     std::size_t opacity;
     std::size_t scale;
     std::size_t rotation;
-    std::array<float, 62> values{};
+    std::array<float, GaussionSplat::layoutWithCoefficients.floats> values{};
 
     void set(std::size_t at, double value) { values[at] = static_cast<float>(value); }
     const std::byte* bytes() const { return reinterpret_cast<const std::byte*>(values.data()); }
@@ -88,16 +91,16 @@ protected:
     Comparer compared(const Source& source, const StoredSplat& splat,
                       const DatasetWriter::MetaFields& fields = {}) {
         DatasetWriter::MetaFields form = fields;
-        form.fileType = source.floats == 62 ? "Quality" : "Portable";
+        form.fileType = source.hasCoefficients() ? "Quality" : "Portable";
         DatasetWriter::writeFiles(folder_.path(), DatasetWriter::oneCellFiles({splat}, form));
         dataset_.emplace(SplatReader::Dataset::open(folder_.path()));
         const std::string data = DatasetWriter::dataRecord(splat);
         const std::string coefficients = DatasetWriter::packedCoefficients(splat);
-        Comparer comparer(*dataset_, source.floats == 62);
+        Comparer comparer(*dataset_, source.hasCoefficients());
         comparer.compare(
             source.bytes(), 7,
             {2, reinterpret_cast<const std::byte*>(data.data()),
-             source.floats == 62 ? reinterpret_cast<const std::byte*>(coefficients.data()) : nullptr});
+             source.hasCoefficients() ? reinterpret_cast<const std::byte*>(coefficients.data()) : nullptr});
         return comparer;
     }
 

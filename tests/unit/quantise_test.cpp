@@ -35,7 +35,7 @@ TEST(SplatsData, HasTheLayoutOfTheFiles) {
     static_assert(sizeof(SplatsData) == 288);
     static_assert(dataRecordSize == 32 && packedCoefficientsSize == 64 && rawCoefficientsSize == 192);
     static_assert(std::is_trivially_copyable_v<SplatsData>);
-    std::vector<float> splat(62, 0.0f);
+    std::vector<float> splat(layoutWithCoefficients.floats, 0.0f);
     splat[0] = 1.0f;
     splat[1] = 2.0f;
     splat[2] = 3.0f;
@@ -80,7 +80,7 @@ TEST(SplatsData, HasTheLayoutOfTheFiles) {
 }
 
 TEST(QuantiseSplat, RawCoefficientsAreInterleaved) {
-    std::vector<float> splat(62, 0.0f);
+    std::vector<float> splat(layoutWithCoefficients.floats, 0.0f);
     for (std::size_t k = 0; k < 15; ++k) {
         splat[9 + k] = 100.0f + static_cast<float>(k);
         splat[24 + k] = 200.0f + static_cast<float>(k);
@@ -255,7 +255,7 @@ TEST(QuantiseRecords, OfScenesFollowTheFormulas) {
         const std::vector<float> scene = decodedScene(random, 4000, hasCoefficients, 50.0f);
         const reference::Ranges ranges = rangesOf(scene, hasCoefficients);
         for (std::size_t at = 0; at < scene.size() && !testing::Test::HasFailure();
-             at += hasCoefficients ? 62 : 17) {
+             at += recordLayout(hasCoefficients).floats) {
             expectRecord(scene.data() + at, hasCoefficients, ranges);
         }
     }
@@ -290,7 +290,7 @@ TEST(QuantiseRecords, OfAnyValuesInAnyRangesFollowTheFormulas) {
             ranges.scale[axis] = anyBounds(random);
             ranges.coefficients[axis] = anyBounds(random);
         }
-        std::vector<float> splat(hasCoefficients ? 62 : 17);
+        std::vector<float> splat(recordLayout(hasCoefficients).floats);
         for (float& value : splat) {
             value = i % 3 == 0 ? random.between(0.0f, 1.0f) : support::mixedFloat(random, -1.0f, 2.0f);
         }
@@ -312,9 +312,9 @@ TEST(QuantiseRecords, OneValueOutOfItsRangeWrapsAlone) {
         }
     }
     for (const bool hasCoefficients : {false, true}) {
-        for (std::size_t at = 0; at < (hasCoefficients ? 62u : 17u); ++at) {
+        for (std::size_t at = 0; at < recordLayout(hasCoefficients).floats; ++at) {
             for (const float value : values) {
-                std::vector<float> splat(hasCoefficients ? 62 : 17, 0.3345f);
+                std::vector<float> splat(recordLayout(hasCoefficients).floats, 0.3345f);
                 splat[at] = value;
                 SCOPED_TRACE(std::to_string(at) + ": " + support::describe(value));
                 ASSERT_NO_FATAL_FAILURE(expectRecord(splat.data(), hasCoefficients, ranges));
@@ -330,7 +330,7 @@ TEST(QuantiseRecords, SixteenBitStepsFallWhereTheFormulaPutsThem) {
     const double extents[] = {1.0, 3.0, 0.7, 5.0 / 3.0, 1e-3, 8.390625, 65535.5, 1e5};
     for (int i = 0; i < 40'000 && !testing::Test::HasFailure(); ++i) {
         reference::Ranges ranges;
-        std::vector<float> splat(17, 0.25f);
+        std::vector<float> splat(layoutWithoutCoefficients.floats, 0.25f);
         for (std::size_t axis = 0; axis < 3; ++axis) {
             for (const bool isScale : {false, true}) {
                 const double extent = extents[support::below(random, std::size(extents))];
@@ -365,7 +365,7 @@ TEST(QuantiseRecords, CoefficientStepsFallWhereTheRoundingPutsThem) {
     const double extents[] = {1.0, 3.0, 5.0, 7.0, 0.75, 11.0 / 16.0, 13.0, 1.25, 1e-3, 0.3};
     for (int i = 0; i < 20'000 && !testing::Test::HasFailure(); ++i) {
         reference::Ranges ranges;
-        std::vector<float> splat(62, 0.0f);
+        std::vector<float> splat(layoutWithCoefficients.floats, 0.0f);
         for (std::size_t channel = 0; channel < 3; ++channel) {
             const bool isGreen = channel == 1;
             const std::uint64_t step = 1 + support::below(random, isGreen ? 1023 : 2047);
@@ -388,7 +388,7 @@ TEST(QuantiseRecords, CoefficientsAroundEveryStepFollowTheFormulas) {
     Random random(65);
     for (int i = 0; i < 20'000 && !testing::Test::HasFailure(); ++i) {
         reference::Ranges ranges;
-        std::vector<float> splat(62, 0.25f);
+        std::vector<float> splat(layoutWithCoefficients.floats, 0.25f);
         for (std::size_t channel = 0; channel < 3; ++channel) {
             const float magnitude = std::ldexp(1.0f, static_cast<int>(support::below(random, 40)) - 20);
             const float min = i % 4 == 0 ? 0.0f : random.between(-magnitude, magnitude);

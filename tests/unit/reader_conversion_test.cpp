@@ -34,12 +34,12 @@ struct Source {
 
     std::size_t count() const { return values.size() / floats; }
     const float* record(std::size_t i) const { return values.data() + i * floats; }
-    bool hasRest() const { return floats == 62; }
+    bool hasRest() const { return floats == support::floatsWith; }
     // Places of the fields after the colour.
     std::size_t opacity() const { return hasRest() ? 54 : 9; }
 };
 
-// A file of 62 or 17 floats a record, as this converter takes them. Nothing when it has another layout.
+// A file of records in either form, as this converter takes them. Nothing when it has another layout.
 Source readSource(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     Source source;
@@ -50,7 +50,7 @@ Source readSource(const std::filesystem::path& path) {
         }
         source.floats += line.rfind("property float ", 0) == 0 ? 1u : 0u;
     }
-    if (source.floats != 62 && source.floats != 17) {
+    if (source.floats != support::floatsWith && source.floats != support::floatsWithout) {
         return {};
     }
     source.values.resize(count * source.floats);
@@ -131,7 +131,7 @@ Source randomSource(std::size_t count, bool rest, unsigned seed) {
     std::mt19937 engine(seed);
     std::normal_distribution<float> normal;
     Source source;
-    source.floats = rest ? 62 : 17;
+    source.floats = support::floatsOf(rest);
     source.values.resize(count * source.floats);
     for (float& value : source.values) {
         value = normal(engine);
@@ -172,7 +172,7 @@ TEST(ReaderConversion, OpaqueAndTransparentStaySo) {
     const float logits[] = {200.0f, -200.0f, std::numeric_limits<float>::infinity(),
                             -std::numeric_limits<float>::infinity()};
     for (std::size_t i = 0; i < 4; ++i) {
-        source.values[i * 17 + 9] = logits[i];
+        source.values[i * source.floats + 9] = logits[i];
     }
     convertAndCompare(source);
 }

@@ -43,7 +43,8 @@ struct ScanTest : testing::Test {
     ~ScanTest() override { blockSplats = blockSplatsBefore; }
 
     // A file of records of this many floats at these positions; what the scan must not look at is far off.
-    void write(const std::vector<Position>& positions, std::size_t recordFloats = 62) const {
+    void write(const std::vector<Position>& positions,
+               std::size_t recordFloats = layoutWithCoefficients.floats) const {
         std::vector<float> records;
         for (const Position& position : positions) {
             records.insert(records.end(), position.begin(), position.end());
@@ -127,7 +128,7 @@ TEST_F(ScanTest, TheZeroOfTheOriginStaysPositive) {
 
 // 248 bytes are 3 records of 68 and 44 bytes: of narrow records the scan takes numbers out of the middle.
 TEST_F(ScanTest, NarrowRecordsAreScannedWithTheWideStrideToo) {
-    constexpr std::size_t narrow = 17;
+    constexpr std::size_t narrow = layoutWithoutCoefficients.floats;
     std::vector<float> floats(narrow * 8);
     for (std::size_t i = 0; i < floats.size(); ++i) {
         floats[i] = static_cast<float>(i + 1);
@@ -135,7 +136,9 @@ TEST_F(ScanTest, NarrowRecordsAreScannedWithTheWideStrideToo) {
     std::string bytes = headerText;
     bytes.append(reinterpret_cast<const char*>(floats.data()), floats.size() * sizeof(float));
     support::writeFile(path, bytes);
-    expectBox(scan(2), {0, 0, 0}, {floats[62], floats[63], floats[64]});
+    expectBox(scan(2), {0, 0, 0},
+              {floats[layoutWithCoefficients.floats], floats[layoutWithCoefficients.floats + 1],
+               floats[layoutWithCoefficients.floats + 2]});
     // The third stride starts at float 124, the rest of it lies behind the end of the file and counts as
     // zeros.
     expectBox(scan(3), {0, 0, 0}, {floats[124], floats[125], floats[126]});
@@ -144,7 +147,7 @@ TEST_F(ScanTest, NarrowRecordsAreScannedWithTheWideStrideToo) {
 
 TEST_F(ScanTest, WhatLiesBehindTheEndOfTheFileReadsAsZeros) {
     write({{-1, -2, -3}, {-40, -50, -60}});
-    const std::uint64_t second = headerText.size() + 248;
+    const std::uint64_t second = headerText.size() + scanStride;
     const Position expected[] = {{-1, -2, -3}, {-40, -2, -3}, {-40, -50, -3}, {-40, -50, -60}};
     for (const std::uint64_t kept : {3, 2, 1, 0}) { // floats of the second record
         std::filesystem::resize_file(path, second + 4 * kept);
@@ -157,7 +160,7 @@ TEST_F(ScanTest, WhatLiesBehindTheEndOfTheFileReadsAsZeros) {
 // The last float of a cut file keeps its low bytes and gets zeros on top.
 TEST_F(ScanTest, AFloatThatIsCutInTheMiddleIsFilledUpWithZeroBytes) {
     write({{1, 1, 1}, {1.0000001f, 0, 0}});
-    std::filesystem::resize_file(path, headerText.size() + 248 + 2);
+    std::filesystem::resize_file(path, headerText.size() + scanStride + 2);
     expectBox(scan(2), {0, 0, 0}, {1, 1, 1}); // 0x3F800001 cut to 0x00000001
 }
 
@@ -213,7 +216,7 @@ TEST_F(ScanTest, BlocksHoldTwoMillionSplats) {
 TEST_F(ScanTest, TheSecondBlockStartsTwoMillionRecordsBehindTheHeader) {
     constexpr std::uint64_t offset = 496'000'000;
     const Position last{-1.5f, 2.5f, -3.5f};
-    std::string record(248, '\0');
+    std::string record(scanStride, '\0');
     std::memcpy(record.data(), last.data(), sizeof last);
     support::writeFile(path, headerText);
     std::filesystem::resize_file(path, headerText.size() + offset); // a hole: it takes no room on the disk
@@ -270,7 +273,8 @@ TEST_F(ScanTest, ATaskHelpsWithBlocksThatOthersHaveBegun) {
 
 TEST_F(ScanTest, ATaskWithoutLengthEndsTheProcess) {
     write({{1, 1, 1}});
-    for (const std::uint64_t length : {std::uint64_t{0}, static_cast<std::uint64_t>(std::int64_t{-248})}) {
+    for (const std::uint64_t length :
+         {std::uint64_t{0}, static_cast<std::uint64_t>(-std::int64_t{scanStride})}) {
         EXPECT_PROCESS_EXIT(
             {
                 ScanPass pass;

@@ -1,5 +1,7 @@
 #include "scenes/scenes.h"
 
+#include "tests/support/properties.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -19,6 +21,8 @@ namespace {
 using scenes::Box;
 using scenes::Order;
 using scenes::SceneOptions;
+using support::floatsWith;
+using support::floatsWithout;
 
 SceneOptions smallScene(std::uint64_t splats, bool coefficients) {
     SceneOptions options;
@@ -92,7 +96,8 @@ TEST(Scenes, CoefficientsLeaveTheOtherColumnsOfPositionAndColourAlone) {
     const std::vector<float> with = scenes::sceneRecords(smallScene(1'000, true));
     const std::vector<float> without = scenes::sceneRecords(smallScene(1'000, false));
     for (std::size_t k = 0; k < 1'000; ++k) {
-        ASSERT_EQ(std::memcmp(&with[k * 62], &without[k * 17], 9 * sizeof(float)), 0) << "splat " << k;
+        ASSERT_EQ(std::memcmp(&with[k * floatsWith], &without[k * floatsWithout], 9 * sizeof(float)), 0)
+            << "splat " << k;
     }
 }
 
@@ -182,7 +187,7 @@ TEST_F(SceneFile, StatesTheExactBoxWhichSpansTheExtents) {
     options.extentY = 310.5;
     options.centre = {1000.0, -20.0, 55.0};
     const Box written = scenes::writeScene(folder / "scene.ply", options);
-    const Box box = scenes::boxOf(scenes::sceneRecords(options), 17);
+    const Box box = scenes::boxOf(scenes::sceneRecords(options), floatsWithout);
     EXPECT_EQ(written.min, box.min);
     EXPECT_EQ(written.max, box.max);
     const std::string content = contentOf(folder / "scene.ply");
@@ -202,7 +207,7 @@ TEST_F(SceneFile, StatesTheExactBoxWhichSpansTheExtents) {
 }
 
 TEST(Scenes, TwoSplatsAlreadySpanTheExtents) {
-    const Box box = scenes::boxOf(scenes::sceneRecords(smallScene(2, false)), 17);
+    const Box box = scenes::boxOf(scenes::sceneRecords(smallScene(2, false)), floatsWithout);
     EXPECT_EQ(box.min[0], -125.0f);
     EXPECT_EQ(box.max[0], 125.0f);
     EXPECT_EQ(box.min[1], -100.0f);
@@ -217,8 +222,8 @@ TEST(Scenes, ValuesAreFiniteAndDistributedAsATrainersAre) {
     std::size_t unitLength = 0;
     std::set<std::size_t> largest;
     for (std::size_t k = 0; k < splats; ++k) {
-        const float* r = &records[k * 62];
-        for (std::size_t f = 0; f < 62; ++f) {
+        const float* r = &records[k * floatsWith];
+        for (std::size_t f = 0; f < floatsWith; ++f) {
             ASSERT_TRUE(std::isfinite(r[f])) << "splat " << k << " float " << f;
         }
         EXPECT_EQ(std::fabs(r[3]) + std::fabs(r[4]) + std::fabs(r[5]), 0.0f);
@@ -266,7 +271,7 @@ TEST(Scenes, DiscsLieFlatOnTheSurfaces) {
     std::size_t thin = 0;
     std::set<std::size_t> axes;
     for (std::size_t k = 0; k < 5'000; ++k) {
-        const float* r = &records[k * 17];
+        const float* r = &records[k * floatsWithout];
         ASSERT_NEAR(r[3] * r[3] + r[4] * r[4] + r[5] * r[5], 1.0, 1e-5);
         const double n = std::sqrt(r[13] * r[13] + r[14] * r[14] + r[15] * r[15] + r[16] * r[16]);
         const double w = r[13] / n;
@@ -298,10 +303,11 @@ TEST(Scenes, OrderDecidesWhetherNeighboursInTheFileAreNeighboursInTheScene) {
     SceneOptions options = smallScene(20'000, false);
     const auto meanStep = [](const std::vector<float>& records) {
         double sum = 0.0;
-        for (std::size_t at = 17; at < records.size(); at += 17) {
-            sum += std::hypot(records[at] - records[at - 17], records[at + 1] - records[at - 16]);
+        for (std::size_t at = floatsWithout; at < records.size(); at += floatsWithout) {
+            sum += std::hypot(records[at] - records[at - floatsWithout],
+                              records[at + 1] - records[at + 1 - floatsWithout]);
         }
-        return sum / static_cast<double>(records.size() / 17);
+        return sum / static_cast<double>(records.size() / floatsWithout);
     };
     EXPECT_GT(meanStep(scenes::sceneRecords(options)), 80.0);
     options.order = Order::grouped;
@@ -314,7 +320,7 @@ TEST_F(SceneFile, MayHoldNoSplatOrOne) {
         options.statedBounds = true;
         const Box bounds = scenes::writeScene(folder / "scene.ply", options);
         EXPECT_EQ(std::filesystem::file_size(folder / "scene.ply"),
-                  scenes::sceneHeader(options, bounds).size() + splats * 248);
+                  scenes::sceneHeader(options, bounds).size() + splats * floatsWith * sizeof(float));
     }
 }
 
@@ -323,7 +329,7 @@ TEST(Scenes, ModelsAndLargeTownsKeepTheirExtents) {
         SceneOptions options = smallScene(3'000, false);
         options.extentX = extent;
         options.extentY = extent / 2;
-        const Box box = scenes::boxOf(scenes::sceneRecords(options), 17);
+        const Box box = scenes::boxOf(scenes::sceneRecords(options), floatsWithout);
         EXPECT_EQ(box.max[0], static_cast<float>(extent / 2));
         EXPECT_EQ(box.min[1], static_cast<float>(-extent / 4));
         EXPECT_LT(box.max[2], extent);

@@ -83,7 +83,7 @@ TEST(NormalForm, OfScenesWithoutCoefficientsThatLieAnywhere) {
         const Scratch scratch;
         PlyFile file = support::randomFile(9, 200, false);
         for (std::size_t i = 0; i < file.count(); ++i) {
-            file.records[i * 17] = low + (high - low) * static_cast<float>(i) / 199.0f;
+            file.records[i * file.recordFloats()] = low + (high - low) * static_cast<float>(i) / 199.0f;
         }
         file.write(scratch / "scene.ply");
         expectSameDataset(scratch, {scratch / "scene.ply"});

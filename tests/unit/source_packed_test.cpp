@@ -52,7 +52,7 @@ template <typename Open>
 std::string failureOf(Open open) {
     try {
         const std::unique_ptr<Source> source = open();
-        std::vector<float> records(source->count * 62);
+        std::vector<float> records(source->count * Tavrin::GaussionSplat::layoutWithCoefficients.floats);
         source->read(0, source->count, records.data());
         return {};
     } catch (const SourceError& error) {
@@ -141,8 +141,8 @@ TEST_F(Packed, TurningByHandIsTurningBack) {
     const fs::path path = formats / "spz" / "camera512_d3_v3.spz";
     const auto turned = openSpz(path);
     const auto stored = openSpz(path, InputAxes::rightDownFront);
-    float a[62];
-    float b[62];
+    float a[Tavrin::GaussionSplat::layoutWithCoefficients.floats];
+    float b[Tavrin::GaussionSplat::layoutWithCoefficients.floats];
     turned->read(7, 1, a);
     stored->read(7, 1, b);
     EXPECT_EQ(a[0], b[0]);
@@ -156,7 +156,7 @@ TEST_F(Packed, PositionsAtTheEndsOfTheirBitsAreRemarked) {
     SpzInput edge(formats / "spz" / "edge_bytes_d1_v2_frac12_own.spz", InputAxes::stated,
                   fs::temp_directory_path());
     SpzInput plain(formats / "spz" / "camera512_d3_v2.spz", InputAxes::stated, fs::temp_directory_path());
-    std::vector<float> records(512 * 62);
+    std::vector<float> records(512 * Tavrin::GaussionSplat::layoutWithCoefficients.floats);
     edge.read(0, edge.count, records.data());
     plain.read(0, plain.count, records.data());
     ASSERT_EQ(edge.remarks.size(), 1u);

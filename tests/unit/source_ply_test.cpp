@@ -128,8 +128,9 @@ TEST(PlyInput, KeepsTheBitsOfFloats) {
     const auto swapped = SplatSource::openSource(scratch / "swapped.ply", {});
     std::vector<float> moved(file.records.size());
     swapped->read(0, 300, moved.data());
+    const std::size_t floats = file.recordFloats();
     for (std::size_t i = 0; i < 300; ++i) {
-        std::swap(moved[i * 62], moved[i * 62 + 61]);
+        std::swap(moved[i * floats], moved[i * floats + floats - 1]);
     }
     EXPECT_EQ(std::memcmp(moved.data(), file.records.data(), read.size() * sizeof(float)), 0);
 }

@@ -112,7 +112,7 @@ TEST(KeptSplats, CountsEveryRecordOnceInWhateverOrderItIsRead) {
     file.write(scratch / "scene.ply");
     const auto scene = sceneOf({scratch / "scene.ply"});
     const auto work = [&](std::uint64_t start) {
-        std::vector<float> part(100 * 17);
+        std::vector<float> part(100 * GaussionSplat::layoutWithoutCoefficients.floats);
         for (std::uint64_t i = 0; i < 2000; ++i) {
             const std::uint64_t first = (start + i * 37) % 1000;
             scene->read(first, std::min<std::uint64_t>(1 + i % 90, 1000 - first), part.data());
@@ -180,7 +180,7 @@ TEST(KeptSplats, LinearValuesAreRefusedUntilTheyAreNamed) {
     EXPECT_NO_THROW(kind->requireAccepted());
 }
 
-// A PLY of 17 columns whose positions are doubles.
+// A PLY of the smaller form whose positions are doubles.
 std::string wideFile(const std::vector<std::array<double, 3>>& positions, const std::string& comments) {
     std::string bytes = "ply\nformat binary_little_endian 1.0\n" + comments + "element vertex " +
                         std::to_string(positions.size()) + "\n";

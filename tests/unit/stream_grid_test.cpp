@@ -201,7 +201,7 @@ struct EveryThird : SplatSource::Source {
     }
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override {
         inner.read(first, size, records);
-        const std::size_t floats = hasCoefficients ? 62 : 17;
+        const std::size_t floats = GaussionSplat::recordLayout(hasCoefficients).floats;
         std::uint64_t kept = 0;
         for (std::uint64_t i = 0; i < size; ++i) {
             if ((first + i) % 3 == 0) {
