@@ -1,8 +1,8 @@
 // A short-lived pool of worker threads that runs one body over many tasks.
 //
 // Each pass of the converter builds its own pool, fills its queue, drains it and destroys it. Workers poll
-// the queue and sleep for taskPoolPause after every look at it, even after one that found a task. The pacing is
-// deliberate. Tasks are coarse, so it costs little.
+// the queue and sleep for taskPoolPause after every look at it, even after one that found a task. The pacing
+// is deliberate. Tasks are coarse, so it costs little.
 #pragma once
 
 #include <atomic>
