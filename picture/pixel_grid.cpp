@@ -87,7 +87,7 @@ PixelGrid gridOfPixel(const Box& box, double pixel, double margin) {
 PixelGrid gridOfSize(const Box& box, int size, double margin) {
     const double extent = std::max(box.maxX - box.minX, box.maxY - box.minY);
     // A picture of one point has some size, too.
-    double fits = std::max(extent, 1e-3) / size;
+    double fits = (extent > 0.0 ? extent : 1e-3) / size;
     if (sidesOf(box, fits, margin).longer() <= size) { // the edges lie on the grid
         return gridOfPixel(box, fits, margin);
     }
