@@ -86,6 +86,18 @@ small_disk() {
     cleanups+=("umount '$(realpath "$1")'")
 }
 
+# plain_disk FOLDER SIZE: the same of a kind that cannot set room aside: a write is what finds the disk full.
+plain_disk() {
+    local image=$1.image
+    mkdir -p "$1"
+    truncate -s "$2" "$image" && mkfs.ext2 -q "$image" 2>/dev/null && mount -o loop "$image" "$1" 2>/dev/null || {
+        skip "mounting a file as a disk needs root, mkfs.ext2 and a loop device"
+        return 0
+    }
+    rmdir "$1/lost+found"
+    cleanups+=("umount '$(realpath "$1")'")
+}
+
 # as_in_a_terminal COMMAND...: for a job in the background. It answers Ctrl-C, which such jobs of a script ignore, and
 # its process group is its own, with its process id for a number. In a sanitizer's build it looks for no leaks: a process
 # whose helper for that is ended by the signal waits for it for ever.
