@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# The catalogue of a city as geo tools see it: 24 tiles in two zones, and one that states no code.
+#
+#   catalogue_test.sh SCRATCH
+#
+# Needs plyconvert and makescene in PATH, GDAL's programs, and Debian's python3 with jsonschema. SCRATCH is a folder that the
+# script makes anew and leaves when something is wrong.
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# What Debian's packages for Python are installed for.
+python=/usr/bin/python3
+checker=$here/../../../shared/samples/stac/check.py
+
+scratch=$1
+rm -rf "$scratch"
+mkdir -p "$scratch/city"
+cd "$scratch/city"
+
+# tile NAME EPSG X Y EXTENT...: a dataset that lies there, its picture, and a line in places.txt that says where it
+# should lie: the box that the scene states, which the dataset does not keep.
+tile() {
+    local name=$1 epsg=$2 x=$3 y=$4
+    shift 4
+    makescene --splats 400 --bounds --extent "$@" --seed "$((seed += 1))" "$name.ply" >/dev/null
+    local words=()
+    mapfile -t words < <(sed -n '/^end_header/q;s/^comment \(min\|max\)[xyz] //p' "$name.ply")
+    # Without bounds, as most scenes come.
+    sed -i '/^comment m[ai][nx][xyz] /d' "$name.ply"
+    local place=()
+    ((epsg == 0)) || place=(--epsg "$epsg" --offset "$x,$y,400")
+    plyconvert --quiet "$name.ply" "$name" "${place[@]}"
+    ((epsg == 0)) || plyconvert picture --quiet "$name" "$name.tif" --gsd 1
+    echo "$name $epsg $x $y ${words[*]}" >>places.txt
+    rm "$name.ply"
+}
+seed=0
+for zone in 32 33; do
+    for row in 0 1 2; do
+        for column in 0 1 2; do
+            tile "z${zone}_${row}_$column" "326$zone" $((zone * 10000 + 250 * column)) $((5320000 + 200 * row)) 250 200
+        done
+    done
+    # Edges of kilometres bend by metres.
+    tile "z${zone}_wide" "326$zone" $((zone * 10000 - 5000)) 5330000 6000 4000
+    tile "z${zone}_north" "326$zone" 450000 9000000 250 200
+    tile "z${zone}_south" "326$zone" 550000 1000 250 200
+done
+tile local 0 0 0 250 200
+
+echo "-- 24 tiles and one without a place"
+plyconvert catalogue ./*/ city.json --base "$PWD" --datetime 2024-05-01 2>remarks.txt
+cat remarks.txt
+grep -q '^plyconvert: warning: ./local/: no place on the map' remarks.txt
+[[ $(wc -l <remarks.txt) == 1 ]]
+
+echo "-- against the schemas"
+if [[ -e $checker ]]; then
+    "$python" "$checker" city.json
+else
+    echo "left out: $checker is not there"
+fi
+
+echo "-- the outlines that GDAL reads"
+"$python" "$here/places.py" city.json places.txt
+
+echo "-- the pictures of each zone as one mosaic, from another folder"
+cd ..
+"$python" "$here/mosaics.py" city/city.json EPSG_32632 EPSG_32633
+
+cd ..
+rm -rf "$scratch"
