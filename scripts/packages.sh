@@ -32,6 +32,9 @@ release_packages=(dpkg-dev zip python3)
 # A Slurm of one node, the keys of its messages, and what makes its network: scripts/slurm.sh.
 slurm_packages=(slurm-wlm munge iproute2 util-linux)
 
+# Geo tools that open a catalogue and its pictures, and what checks it against schemas.
+catalogue_packages=(gdal-bin python3-jsonschema)
+
 # install_missing PACKAGE...
 # Installs those that are not there, on systems with apt-get. Elsewhere, and where nobody may install, names them
 # and goes on: what is there under another name is found by CMake, and what is not, it reports.

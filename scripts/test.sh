@@ -12,6 +12,7 @@
 #   scripts/test.sh --slurm         and arrays of tiles on a Slurm of one node; needs root and namespaces of its own, and
 #                                   fails without them
 #   scripts/test.sh --packages      and the Debian packages, in a bare Debian 12 of their own; needs root
+#   scripts/test.sh --catalogue     and the catalogue and the pictures of a city as GDAL reads them
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
 #
@@ -159,13 +160,24 @@ test_packages() {
     "$root/tests/packages/bare_test.sh" "$root/build/package" "$root/build/bare" "$root/build/release/scenes/makescene"
 }
 
+# A city of 24 tiles for geo tools. See tests/catalogue/.
+test_catalogue() {
+    configure release release
+    build release --target plyconvert_executable makescene
+    local build=$root/build/release
+    echo "== catalogue: testing"
+    PATH=$build/program:$build/scenes:$PATH "$root/tests/catalogue/catalogue_test.sh" "$build/scratch/catalogue"
+}
+
 release=yes
 builds=()
 wanted=("${packages[@]}" "${suite_packages[@]}")
 for argument in "$@"; do
     case $argument in
-    --dev | --clang | --sanitizers | --windows | --viewer | --slurm) builds+=("${argument#--}") ;;
-    --all) builds=(dev clang sanitizers windows viewer slurm) ;;
+    --dev | --clang | --sanitizers | --windows | --viewer | --slurm | --packages | --catalogue)
+        builds+=("${argument#--}")
+        ;;
+    --all) builds=(dev clang sanitizers windows viewer slurm packages catalogue) ;;
     --only) release=no ;;
     -h | --help)
         usage
@@ -181,7 +193,7 @@ done
 if [[ $release == yes ]]; then
     builds=(release "${builds[@]}")
 elif ((${#builds[@]} == 0)); then
-    echo "--only needs a build: --dev, --clang, --sanitizers, --windows, --viewer or --slurm" >&2
+    echo "--only needs a build: --dev, --clang, --sanitizers, --windows, --viewer, --slurm, --packages or --catalogue" >&2
     exit 1
 fi
 for name in "${builds[@]}"; do
@@ -189,6 +201,7 @@ for name in "${builds[@]}"; do
     clang) wanted+=("${clang_packages[@]}") ;;
     windows) wanted+=("${windows_packages[@]}") ;;
     packages) wanted+=("${bare_packages[@]}" "${release_packages[@]}") ;;
+    catalogue) wanted+=("${catalogue_packages[@]}") ;;
     slurm) wanted+=("${slurm_packages[@]}") ;;
     viewer)
         wanted+=("${viewer_packages[@]}")

@@ -1,7 +1,9 @@
-// Names, references, times and pictures of a catalogue, and the document itself.
+// Names, references, times, pictures and tiles of a catalogue, and the document itself.
 #include "program/system/exit_status.h"
+#include "program/system/platform.h"
 #include "program/tiles/catalogue.h"
 #include "program/tiles/names.h"
+#include "tests/support/dataset_writer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -88,6 +90,93 @@ TEST(CatalogueOverview, AWorldFileNamesTheMiddleOfTheFirstPixel) {
     for (const char* const bad : {"", "0.5\n0\n0\n-0.5\n100.25\n", "0.5\n0\n0\n-0.5\n100,25\n199.75\n"}) {
         EXPECT_FALSE(worldFileTransform(bad)) << bad;
     }
+}
+
+// One dataset of a few splats for each name.
+class TilesTest : public testing::Test {
+protected:
+    DatasetWriter::TemporaryFolder scratch_;
+
+    std::string write(const std::string& name, std::vector<DatasetWriter::StoredSplat> splats,
+                      const DatasetWriter::MetaFields& fields = {}) const {
+        const std::filesystem::path folder = scratch_.path() / name;
+        DatasetWriter::writeFiles(folder, DatasetWriter::oneCellFiles(splats, fields));
+        return textFromPath(folder);
+    }
+
+    static Tiles read(const std::vector<std::string>& names, unsigned threads = 2) {
+        return readTiles(names, threads, [](double) {});
+    }
+};
+
+TEST_F(TilesTest, TheBoxIsThatOfTheRecordsWithTheOffset) {
+    DatasetWriter::MetaFields fields;
+    fields.offset = {431'000.0, 5'320'000.0, -400.0};
+    fields.box = {{-100, -100, -100}, {100, 100, 100}};
+    fields.cellLengthX = fields.cellLengthY = 200.0;
+    const std::string name =
+        write("tile", {DatasetWriter::splatAt(1.5f, 7.0f, 3.0f), DatasetWriter::splatAt(4.25f, 2.0f, 9.0f)},
+              fields);
+    const Tiles tiles = read({name});
+    ASSERT_EQ(tiles.good.size(), 1u) << tiles.refused.at(0).reason;
+    const Tile& tile = tiles.good.front();
+    EXPECT_THAT(tile.min, ElementsAre(431'001.5, 5'320'002.0, -397.0));
+    EXPECT_THAT(tile.max, ElementsAre(431'004.25, 5'320'007.0, -391.0));
+    EXPECT_EQ(tile.splats, 2u);
+    EXPECT_EQ(tile.cells, 1u);
+    EXPECT_EQ(tile.unplaced, 0u);
+    EXPECT_EQ(tile.dataBytes, 64u);
+    EXPECT_EQ(tile.coefficientBytes, 128u);
+}
+
+TEST_F(TilesTest, SplatsAtNoFinitePositionAreCountedApart) {
+    constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+    constexpr float infinity = std::numeric_limits<float>::infinity();
+    const std::string some =
+        write("some", {DatasetWriter::splatAt(1.0f, 2.0f), DatasetWriter::splatAt(nan, 9.0f),
+                       DatasetWriter::splatAt(9.0f, -infinity)});
+    const std::string none = write("none", {DatasetWriter::splatAt(nan, 2.0f)});
+    const Tiles tiles = read({some, none});
+    ASSERT_EQ(tiles.good.size(), 1u);
+    EXPECT_EQ(tiles.good.front().unplaced, 2u);
+    EXPECT_THAT(tiles.good.front().max, ElementsAre(1.0, 2.0, 1.0));
+    ASSERT_EQ(tiles.refused.size(), 1u);
+    EXPECT_EQ(tiles.refused.front().name, none);
+    EXPECT_EQ(tiles.refused.front().reason, "none of its splats has a finite position");
+}
+
+TEST_F(TilesTest, StandInTheOrderGivenWhateverTheThreads) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 12; ++i) {
+        const auto x = static_cast<float>(i);
+        names.push_back(write("tile" + std::to_string(i), {DatasetWriter::splatAt(x, 1.0f)}));
+    }
+    std::filesystem::resize_file(scratch_.path() / "tile5" / "data.bin", 31);
+    for (const unsigned threads : {1u, 3u, 40u}) {
+        const Tiles tiles = read(names, threads);
+        ASSERT_EQ(tiles.good.size(), 11u);
+        for (std::size_t i = 0; i < tiles.good.size(); ++i) {
+            EXPECT_EQ(tiles.good[i].min[0], static_cast<double>(i < 5 ? i : i + 1));
+        }
+        ASSERT_EQ(tiles.refused.size(), 1u);
+        EXPECT_EQ(tiles.refused.front().name, names[5]);
+        EXPECT_THAT(tiles.refused.front().reason, testing::HasSubstr("data.bin"));
+    }
+}
+
+TEST_F(TilesTest, AnInterruptEndsTheReading) {
+    const std::string name = write("tile", DatasetWriter::smallScene());
+    const auto interrupt = [](double) { throw Failure(ExitStatus::interrupted, "interrupted"); };
+    EXPECT_THROW(readTiles({name, name}, 2, interrupt), Failure);
+}
+
+TEST_F(TilesTest, AFolderIsNamedByItsOwnLinkAndItsParentsWithoutLinks) {
+    const std::filesystem::path place = std::filesystem::canonical(scratch_.path());
+    write("north/tile", DatasetWriter::smallScene());
+    const std::string dots = textFromPath(scratch_.path() / "north" / ".." / "north" / "tile" / "");
+    EXPECT_EQ(tileFolder(dots), place / "north" / "tile");
+    EXPECT_EQ(tileFolder(textFromPath(scratch_.path() / "north" / "tile" / ".")), place / "north" / "tile");
+    EXPECT_THROW(tileFolder(textFromPath(scratch_.path() / "south")), Failure);
 }
 
 CatalogueItem itemAt(const std::string& id, double longitude) {
