@@ -53,10 +53,12 @@ double halfStep(double smallest, double largest) {
     return (double{std::nextafter(at, INFINITY)} - double{at}) / 2;
 }
 
+// What single precision does not hold at all is dropped as invalid and counts as little as what is cropped.
 void widenBox(Box& box, const double* positions, std::uint64_t count, const std::optional<Box>& crop) {
+    constexpr double most = std::numeric_limits<float>::max();
     for (std::uint64_t i = 0; i < count; ++i) {
         const double* const at = positions + 3 * i;
-        bool isInside = std::isfinite(at[0]) && std::isfinite(at[1]) && std::isfinite(at[2]);
+        bool isInside = std::abs(at[0]) <= most && std::abs(at[1]) <= most && std::abs(at[2]) <= most;
         for (std::size_t axis = 0; crop && axis < 3; ++axis) {
             isInside = isInside && at[axis] >= crop->min[axis] && at[axis] <= crop->max[axis];
         }

@@ -242,6 +242,18 @@ TEST(Scene, ChoosesAnOffsetForLargeCoordinates) {
     expectPlaces(*scene, places);
 }
 
+TEST(Scene, ChoosesTheOffsetWithoutPositionsThatSinglePrecisionDoesNotHold) {
+    const Scratch scratch;
+    auto places = utmPlaces(500136.457, 5414435.741);
+    const std::array<double, 3> nowhere = {1e300, 0.0, -std::numeric_limits<double>::infinity()};
+    auto more = places;
+    more.insert(more.begin() + 7, nowhere);
+    support::writeFile(scratch / "utm.ply", wideFile(more, ""));
+    const auto scene = sceneOf({scratch / "utm.ply"});
+    expectPlaces(*scene, places);
+    EXPECT_EQ(dropped(scene->ledger(), DropReason::invalid), 1u);
+}
+
 TEST(Scene, LeavesSmallCoordinatesAndStatedOffsetsAlone) {
     const Scratch scratch;
     const auto places = utmPlaces(10.5, -20.25);
