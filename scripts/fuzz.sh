@@ -14,8 +14,8 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/packages.sh"
 
 # The shares of the time: what takes long per input and has much code behind it gets more.
-declare -A shares=([conversion]=4 [dataset]=3 [header]=2 [number]=1 [strict_header]=1 [text]=1)
-order=(conversion dataset header number strict_header text)
+declare -A shares=([conversion]=4 [dataset]=3 [header]=2 [number]=1 [packed]=3 [ply]=4 [stream]=3 [strict_header]=1 [text]=1)
+order=(conversion ply dataset packed stream header number strict_header text)
 
 if [[ ${1:-} == -h || ${1:-} == --help ]]; then
     sed -n '2,9s/^# \{0,1\}//p' "$root/scripts/fuzz.sh"
@@ -62,7 +62,7 @@ fuzz() {
     local target=$1 corpus=$folder/corpus/$1 options=()
     mkdir -p "$corpus"
     case $target in
-    header | strict_header | conversion) options=(-dict="$root/fuzz/ply.dict") ;;
+    header | strict_header | conversion | stream | ply | packed) options=(-dict="$root/fuzz/ply.dict") ;;
     dataset) options=(-dict="$root/fuzz/dataset.dict") ;;
     esac
     # Leaks are looked for where the sanitizer's build replays the corpora: between inputs it takes longer than they do.
