@@ -4,8 +4,9 @@ import { File } from "node:buffer";
 import { test } from "node:test";
 import { modules } from "./support.mjs";
 
-const { SlotPool, shapeFor, blocksOf, Sorter, piecesOf, wantedPieces, viewOf, poseText, poseFrom, framing, sourceFrom, ViewError } =
-    await modules("slots", "sorting", "plan", "camera", "folder", "format");
+const {
+    City, SlotPool, Sorter, ViewError, blocksOf, framing, mostDatasets, piecesOf, poseFrom, poseText, shapeFor, slotBits, sourceFrom, together, viewOf, wantedPieces,
+} = await modules("camera", "choices", "city", "folder", "format", "plan", "slots", "sorting");
 
 // Numbers that look random and are the same in every run.
 function numbers(seed) {
@@ -43,23 +44,30 @@ test("slots are never given twice and all come back", () => {
 
 test("a shape holds all slots, wastes next to none, and a run's blocks cover it", () => {
     for (const capacity of [1, 7, 999, 20000, 61849, 58649, 250000, 1000000, 1234567, 8000000]) {
-        for (const [rows, columns] of [[1024, 128], [2048, 136]]) {
-            const shape = shapeFor(capacity, rows, columns);
+        for (const [rows, columns] of [[2048, 136], [4096, 273]]) {
+            const shape = shapeFor(capacity, columns, rows);
             const slots = shape.rows * shape.columns * shape.layers;
             assert.ok(slots >= capacity && slots - capacity <= capacity / 1000 + shape.layers, `${capacity} in ${JSON.stringify(shape)}`);
             assert.ok(shape.rows <= rows && shape.columns <= columns && shape.layers <= 256);
             const run = { start: Math.floor(capacity / 3), count: Math.ceil(capacity / 2) };
             let slot = run.start;
             for (const block of blocksOf(run, shape)) {
-                assert.equal((block.layer * shape.columns + block.column) * shape.rows + block.row, slot);
+                assert.equal((block.layer * shape.rows + block.row) * shape.columns + block.column, slot);
                 assert.equal(block.first, slot - run.start);
-                assert.ok(block.row + block.count <= shape.rows && block.column < shape.columns && block.layer < shape.layers);
-                slot += block.count;
+                assert.ok(block.row + block.rows <= shape.rows && block.column + block.columns <= shape.columns && block.layer < shape.layers);
+                assert.ok(block.rows === 1 || block.columns === shape.columns, "rows that lie behind each other are whole");
+                slot += block.rows * block.columns;
             }
             assert.equal(slot, run.start + run.count);
         }
     }
 });
+
+// Adds a piece of the first dataset, and shows it.
+function put(sorter, id, runs, part) {
+    sorter.add(id, 0, [0, 0, 0], runs, part);
+    sorter.show(id);
+}
 
 function records(count, next, place = () => [next() * 100, next() * 80, next() * 5]) {
     const buffer = new ArrayBuffer(32 * count);
@@ -73,7 +81,7 @@ test("the order is back to front, holds every splat once, and leaves out what wa
     const sorter = new Sorter(5000, false);
     const parts = [records(2000, next), records(1000, next), records(1500, next)];
     const runs = [[{ start: 0, count: 1500 }, { start: 4000, count: 500 }], [{ start: 1500, count: 1000 }], [{ start: 2500, count: 1500 }]];
-    parts.forEach((part, i) => sorter.add(i, runs[i], part));
+    parts.forEach((part, i) => put(sorter, i, runs[i], part));
     const position = new Map();
     runs.forEach((list, i) => {
         let at = 0;
@@ -108,7 +116,7 @@ test("a million splats are sorted, each once", (t) => {
     const sorter = new Sorter(count, false);
     const part = records(count, numbers(11));
     const values = new Float32Array(part);
-    sorter.add(0, [{ start: 0, count }], part);
+    put(sorter, 0, [{ start: 0, count }], part);
     const eye = [-20, -30, 20];
     let { order } = sorter.sort(eye, undefined, undefined);
     const begin = performance.now();
@@ -129,7 +137,7 @@ test("a splat far outside does not spoil the order of the others", () => {
     const sorter = new Sorter(1001, false);
     const part = records(1001, next, (i) => (i === 0 ? [1e5, 1e5, 1e5] : [next(), 10 * next(), next()]));
     const values = new Float32Array(part);
-    sorter.add(0, [{ start: 0, count: 1001 }], part);
+    put(sorter, 0, [{ start: 0, count: 1001 }], part);
     const { order } = sorter.sort([0, -1, 0], undefined, undefined);
     const distances = [...order].map((slot) => Math.hypot(values[8 * slot], values[8 * slot + 1] + 1, values[8 * slot + 2]));
     for (let i = 1; i < 1001; ++i) assert.ok(distances[i] <= distances[i - 1] + 0.2, `${i}: ${distances[i - 1]}, ${distances[i]}`);
@@ -137,7 +145,7 @@ test("a splat far outside does not spoil the order of the others", () => {
 
 test("positions that are no numbers stop nothing", () => {
     const sorter = new Sorter(3, false);
-    sorter.add(0, [{ start: 0, count: 3 }], records(3, Math.random, (i) => [[NaN, 0, 0], [Infinity, 1, 1], [1, 2, 3]][i]));
+    put(sorter, 0, [{ start: 0, count: 3 }], records(3, Math.random, (i) => [[NaN, 0, 0], [Infinity, 1, 1], [1, 2, 3]][i]));
     assert.deepEqual([...sorter.sort([0, 0, 0], undefined, undefined).order].sort(), [0, 1, 2]);
     assert.deepEqual(sorter.frame().min.every(Number.isFinite), true);
 });
@@ -146,30 +154,30 @@ test("a click takes the nearest of the splats near the ray", () => {
     const sorter = new Sorter(4, true);
     const part = records(4, Math.random, (i) => [[0, 10, 0], [0.001, 5, 0], [3, 4, 0], [0, -5, 0]][i]);
     new Uint32Array(part)[8 + 7] = 0x12345678;
-    sorter.add(9, [{ start: 0, count: 4 }], part);
+    put(sorter, 9, [{ start: 0, count: 4 }], part);
     const ray = { eye: [0, 0, 0], right: [1, 0, 0], up: [0, 0, 1], forward: [0, 1, 0], x: 0, y: 0, radius: 0.01 };
     assert.deepEqual(sorter.pick(ray), { piece: 9, number: 1, slot: 1, normals: 0x12345678 });
     assert.equal(sorter.pick({ ...ray, x: -0.5 }), undefined);
 });
 
 test("cells are wanted nearest first, within the budget, and what is here stays", () => {
-    const cells = Array.from({ length: 100 }, (_, i) => ({ key: i, count: 1000, first: 1000 * i, min: [i * 10, 0], max: [i * 10 + 10, 10] }));
+    const cells = Array.from({ length: 100 }, (_, i) => ({ key: i, count: 1000, first: 1000 * i, owner: 0, min: [i * 10, 0], max: [i * 10 + 10, 10] }));
     cells[3].count = 100000; // three fetches and a bit
     const pieces = piecesOf(cells);
     assert.equal(pieces.reduce((sum, piece) => sum + piece.count, 0), 199000);
     assert.deepEqual(pieces.filter(({ cell }) => cell === 3).map(({ first, count }) => [first, count]), [[0, 32768], [32768, 32768], [65536, 32768], [98304, 1696]]);
     const view = (x) => viewOf({ target: [x, 5, 0], distance: 1, yaw: Math.PI / 2, pitch: 0 }, 100, 100);
-    const wanted = wantedPieces(cells, pieces, view(505), 10000, [0, 1]).map(({ cell }) => cell);
+    const wanted = wantedPieces(cells, pieces, view(505), 10000, [[0, 1]]).map(({ cell }) => cell);
     assert.equal(wanted.length, 10);
     assert.equal(wanted[0], 50);
     const forwards = wanted.filter((cell) => cell > 50).length;
     assert.ok(forwards > wanted.filter((cell) => cell < 50).length, "what is in the picture comes first");
-    const many = wantedPieces(cells, pieces, view(505), 30000, [0, 1]).map(({ cell }) => cell);
+    const many = wantedPieces(cells, pieces, view(505), 30000, [[0, 1]]).map(({ cell }) => cell);
     const furthest = pieces.find(({ cell }) => cell === Math.max(...many) + 1);
-    assert.ok(!wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest));
+    assert.ok(!wantedPieces(cells, pieces, view(505), 30000, [[0, 1]]).includes(furthest));
     for (const state of ["here", "coming"]) {
         furthest.state = state;
-        assert.ok(wantedPieces(cells, pieces, view(505), 30000, [0, 1]).includes(furthest), `what is ${state} is not given up for its like`);
+        assert.ok(wantedPieces(cells, pieces, view(505), 30000, [[0, 1]]).includes(furthest), `what is ${state} is not given up for its like`);
     }
 });
 
@@ -186,4 +194,82 @@ test("the dataset is found among chosen files; without one it is said", () => {
     const source = sourceFrom([file("a/deep/down/converted_from_ply.ytr"), file("a/town/converted_from_ply.ytr"), file("a/town/index.bin"), file("a/index.bin")]);
     assert.equal(source.name, "town");
     assert.throws(() => sourceFrom([file("a/index.bin")]), ViewError);
+});
+
+test("pieces of several datasets are ordered together, each splat marked with its dataset, once they are shown", () => {
+    const next = numbers(23);
+    const sorter = new Sorter(3000, false);
+    const shifts = [[0, 0, 0], [400000.5, -3, 2], [-100, 250000, 0]];
+    const part = records(1000, next);
+    const values = new Float32Array(part);
+    const boxes = shifts.map((shift, owner) => sorter.add(owner, owner, shift, [{ start: 1000 * owner, count: 1000 }], part));
+    boxes.forEach(({ min, max }, owner) => {
+        for (let i = 0; i < 1000; ++i) {
+            for (let axis = 0; axis < 3; ++axis) {
+                const place = values[8 * i + axis] + shifts[owner][axis];
+                assert.ok(place >= min[axis] && place <= max[axis]);
+            }
+        }
+    });
+    const eye = [400050, 100, 3];
+    assert.equal(sorter.sort(eye, undefined, undefined).count, 0, "nothing is drawn before it is in the graphics memory");
+    [0, 2, 1].forEach((piece) => sorter.show(piece));
+    const { order, count } = sorter.sort(eye, undefined, undefined);
+    assert.equal(count, 3000);
+    const bits = slotBits(3000);
+    assert.ok(mostDatasets(3000) >= 3 && mostDatasets(8000000) >= 500);
+    const seen = new Set();
+    let last = Infinity;
+    for (const word of order) {
+        const [owner, slot] = [Math.floor(word / 2 ** bits), word % 2 ** bits];
+        assert.equal(owner, Math.floor(slot / 1000));
+        seen.add(slot);
+        const distance = Math.hypot(...eye.map((value, axis) => values[8 * (slot % 1000) + axis] + shifts[owner][axis] - value));
+        assert.ok(distance <= last * 1.001);
+        last = distance;
+    }
+    assert.equal(seen.size, 3000);
+    sorter.add(7, 0, [0, 0, 0], [{ start: 0, count: 1000 }], part);
+    sorter.remove(7);
+    sorter.show(7);
+    assert.equal(sorter.sort(eye, undefined, undefined).count, 3000, "what is removed before it is shown stays away");
+});
+
+const datasetAt = (offset, cells, extra = {}) => ({
+    source: { name: `at ${offset[0]}` },
+    meta: { offset, totalSplats: 2000000, box: { min: [0, 0, 0], max: [100, 100, 10] }, ...extra },
+    cells,
+    count: cells.reduce((sum, { count }) => sum + count, 0),
+});
+const cell = (key, x, y, count = 10) => ({ key, count, first: 0, min: [x, y], max: [x + 10, y + 10] });
+
+test("datasets of one map lie beside each other by their offsets, in double", () => {
+    const far = 5400000.123456789;
+    const city = new City(
+        [datasetAt([500000, far, 100], [cell(0, 0, 0), cell(1, 10, 0)]), datasetAt([500100.5, far - 50, 120], [cell(0, 0, 0)])],
+        [undefined, undefined],
+    );
+    assert.deepEqual(city.origin, [500000, far, 100]);
+    assert.deepEqual(city.shifts, [[0, 0, 0], [100.5, far - 50 - far, 20]]);
+    assert.deepEqual(city.cells.map(({ owner, min }) => [owner, min[0]]), [[0, 0], [0, 10], [1, 100.5]]);
+    assert.deepEqual(city.heights, [[0, 10], [20, 30]]);
+    assert.equal(city.count, 30);
+    assert.equal(city.ownerAt(5, 5), 0);
+    assert.equal(city.ownerAt(103, -45), 1);
+    assert.equal(city.ownerAt(90, -45), 1, "the nearest, where no cell is");
+    assert.deepEqual(new City([datasetAt([NaN, 0, 0], [cell(0, 0, 0)])], [undefined]).shifts, [[0, 0, 0]], "one alone needs no offset");
+    assert.throws(() => new City([datasetAt([0, 0, 0], []), datasetAt([Infinity, 0, 0], [])], []), ViewError);
+});
+
+test("a dataset of one cell lies where its splats are known to be", () => {
+    const city = new City([datasetAt([1000, 2000, 3], [cell(0, 0, 0)], { totalSplats: 10 })], [{ min: [1040, 2030, 1], max: [1050, 2045, 9] }]);
+    assert.deepEqual([city.cells[0].min, city.cells[0].max, city.heights[0]], [[40, 30], [50, 45], [-2, 6]]);
+});
+
+test("the list's datasets of one map are offered together, the most of them first", () => {
+    const one = (name, map) => ({ name, base: `${name}/`, map, box: undefined });
+    const labels = (list) => together(list).map(({ label, entries }) => `${label} (${entries.length})`);
+    assert.deepEqual(labels([one("a"), one("b")]), ["a (1)", "b (1)"]);
+    assert.deepEqual(labels([one("a", "EPSG 1"), one("b", "EPSG 2"), one("c", "EPSG 2"), one("d")]), ["EPSG 2: all 2 (2)", "a (1)", "b (1)", "c (1)", "d (1)"]);
+    assert.deepEqual(labels([..."abcde"].map((name, i) => one(name, i < 2 ? "EPSG 1" : "EPSG 2"))).slice(0, 2), ["EPSG 2: all 3 (3)", "EPSG 1: all 2 (2)"]);
 });

@@ -6,8 +6,8 @@ import { test } from "node:test";
 import { startServer } from "./server.mjs";
 import { changed, folderFiles, generated, modules, rewrite, run, small, town, viewerPage } from "./support.mjs";
 
-const { Dataset, Dequantiser, FolderSource, HttpSource, ViewError, parseMeta, parseMetaText, rotationOf, valueOf, wordParts, cellAt } =
-    await modules("dataset", "format", "meta", "metatext", "sources", "map");
+const { Dataset, Dequantiser, FolderSource, HttpSource, ViewError, cellAt, parseMeta, parseMetaText, recordsOf, rotationOf, split, valueOf, wordParts } =
+    await modules("dataset", "dequantiser", "format", "map", "meta", "metatext", "records", "sources");
 
 const open = (folder) => Dataset.open(new FolderSource("here", folderFiles(folder)));
 const metaOf = (folder) => readFileSync(join(folder, "converted_from_ply.ytr"), "utf8");
@@ -24,7 +24,7 @@ async function compare(folder, dataset, count) {
         const expected = JSON.parse(line);
         const cell = dataset.cells.find(({ key }) => key === expected.key);
         assert.equal(cell.first + expected.number, expected.record);
-        if (!data.has(cell)) data.set(cell, await dataset.records(cell.first, cell.count, never));
+        if (!data.has(cell)) data.set(cell, await recordsOf(dataset, cell.first, cell.count, never));
         const { data: records, coefficients } = data.get(cell);
         const at = new DataView(records, expected.number * 32, 32);
         const size = coefficients && 64;
@@ -61,7 +61,7 @@ test("the same in a grid of cells, and every splat lies in its cell", async () =
     assert.equal(dataset.count, 1200000);
     await compare(folder, dataset, 1000);
     const cell = dataset.cells[30];
-    const { data } = await dataset.records(cell.first, cell.count, never);
+    const { data } = await recordsOf(dataset, cell.first, cell.count, never);
     const values = new Float32Array(data);
     for (let i = 0; i < cell.count; ++i) assert.equal(cellAt(dataset.cells, values[8 * i], values[8 * i + 1]), cell);
 });
@@ -82,7 +82,7 @@ async function failure(opened) {
     try {
         const dataset = await opened;
         const cell = dataset.cells[0];
-        await dataset.records(cell.first, cell.count, never);
+        await recordsOf(dataset, cell.first, cell.count, never);
     } catch (error) {
         assert.ok(error instanceof ViewError, String(error.stack));
         assert.ok(!error.message.includes("\n"));
@@ -218,9 +218,22 @@ test("unpacked coefficients are read as they are, and packed for the graphics me
     });
     const raw = await open(folder);
     assert.equal(raw.meta.coefficientSize, 192);
-    const [one, other] = await Promise.all([packed, raw].map((dataset) => dataset.records(100, 500, never)));
+    const [one, other] = await Promise.all([packed, raw].map((dataset) => recordsOf(dataset, 100, 500, never)));
     assert.deepEqual(new Uint8Array(other.coefficients), new Uint8Array(one.coefficients));
     const bytes = readFileSync(join(folder, "shcoef.bin")).subarray(0, 192);
     const splat = raw.dequantiser.splat(new DataView(one.data), new DataView(bytes.buffer, bytes.byteOffset, 192));
     assert.equal(splat.coefficients[15], bytes.readFloatLE(4), "the first green one");
+});
+
+test("records are split for the textures word by word", async () => {
+    const records = await recordsOf(await open(small()), 7, 300, never);
+    const [data, coefficients] = [new Uint32Array(records.data), new Uint32Array(records.coefficients)];
+    const parts = split(records);
+    const [first, second, harmonics] = [parts.first, parts.second, parts.harmonics].map((buffer) => new Uint32Array(buffer));
+    assert.deepEqual([first.length, second.length, harmonics.length], [1200, 1200, 4500]);
+    for (let i = 0; i < 300; ++i) {
+        assert.deepEqual([...first.subarray(4 * i, 4 * i + 4), ...second.subarray(4 * i, 4 * i + 4)], [...data.subarray(8 * i, 8 * i + 8)]);
+        assert.deepEqual(harmonics.subarray(15 * i, 15 * i + 15), coefficients.subarray(16 * i, 16 * i + 15));
+    }
+    assert.equal(split({ data: records.data, coefficients: undefined }).harmonics, undefined);
 });

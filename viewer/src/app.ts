@@ -1,25 +1,24 @@
 // The page: elements, what is open, and the loop that draws.
-import { type Pose, framing, poseFrom, poseText, viewOf, type View } from "./camera.ts";
+import { type Pose, type View, framing, poseFrom, poseText, viewOf } from "./camera.ts";
+import { type Choice, choicesOf } from "./choices.ts";
+import { City, type Entry } from "./city.ts";
 import { Controls, type Target } from "./controls.ts";
-import { Dataset } from "./dataset.ts";
 import { button, div, element, setFacts, whole } from "./dom.ts";
-import { type Box, datasetFacts, pointedText, splatFacts } from "./facts.ts";
+import { cityFacts, datasetFacts, pointedText, splatFacts } from "./facts.ts";
 import { chosen, dropped, sourceFrom } from "./folder.ts";
 import { ViewError, files } from "./format.ts";
 import { GroundMap } from "./map.ts";
+import type { Box } from "./messages.ts";
 import { isOneCell } from "./meta.ts";
 import type { Look } from "./renderer.ts";
 import { type Figures, Scene } from "./scene.ts";
-import { HttpSource, type Source, isAbort } from "./sources.ts";
+import { HttpSource, isAbort } from "./sources.ts";
 import workerText from "worker:./worker.ts";
 
-interface Listed {
-    name: string;
-    base: string;
-}
-
-const layersWhileMoving = 2; // whose colours follow the eye in one picture
+const coloursWhileMoving = 262144; // splats whose colours follow the eye in one picture
 const planning = 120; // milliseconds between two looks at what is needed
+const gathering = 50; // milliseconds for which new splats wait for each other
+const telling = { moving: 60, still: 250 }; // milliseconds between two looks of the map and the bar
 const skies = { light: [0.62, 0.74, 0.88], dark: [0.07, 0.082, 0.1] } as const;
 
 export class App implements Target {
@@ -28,19 +27,24 @@ export class App implements Target {
     private readonly canvas = element("picture", HTMLCanvasElement);
     private readonly gl: WebGL2RenderingContext;
     private readonly controls: Controls;
-    private dataset: Dataset | undefined;
+    private readonly longestSide: number; // pixels
+    private city: City | undefined;
+    private owner = -1; // number of the dataset whose facts are shown
     private scene: Scene | undefined;
     private map: GroundMap | undefined;
     private budget = 1_000_000;
     private touched = false; // somebody has chosen the view
     private framed: "no" | "asked" | "yes" = "no"; // whether the view fits the splats that came first
     private scheduled = false;
+    private stale = true; // the picture shows something else
+    private told = 0; // when the map and the bar were drawn last
+    private telling = 0;
     private planned = 0; // when
     private moving = 0; // when the camera moved last
     private linking = 0;
     private opened = 0; // counts what was opened: an earlier one that comes late is dropped
     private final = false; // the last picture has the colours of its eye
-    private listed: Listed[] = [];
+    private choices: Choice[] = [];
     private readonly watchers: (() => void)[] = [];
 
     constructor() {
@@ -49,6 +53,7 @@ export class App implements Target {
             throw new ViewError("This browser gives no WebGL2: switch hardware acceleration on in its settings, or use a current Firefox, Chrome, Edge or Safari.");
         }
         this.gl = gl;
+        this.longestSide = gl.getParameter(gl.MAX_RENDERBUFFER_SIZE) as number;
         this.controls = new Controls(this.canvas, this);
         this.connect();
         this.connectContext();
@@ -62,18 +67,22 @@ export class App implements Target {
             if (asked !== null) throw new ViewError("A page opened from a file cannot fetch a dataset: drop the folder here, or use plyconvert view.");
             return this.welcome();
         }
-        if (asked !== null) return this.openAddress(asked, asked);
-        this.listed = await listFrom("datasets.json");
-        if (this.listed.length === 0) {
+        if (asked !== null) return this.open([entryAt(asked, asked)]);
+        this.choices = await choicesOf("datasets.json");
+        if (this.choices.length === 0) {
             const beside = await fetch(files.meta, { method: "HEAD" }).catch(() => undefined);
-            return beside?.ok === true ? this.openAddress(".", location.pathname) : this.welcome();
+            return beside?.ok === true ? this.open([entryAt(".", location.pathname)]) : this.welcome();
         }
         const choice = element("choice", HTMLSelectElement);
-        choice.replaceChildren(...this.listed.map(({ name }, i) => new Option(name, String(i))));
-        div("datasets").hidden = this.listed.length < 2;
-        const first = Math.min(this.listed.length - 1, Math.max(0, Number(linkPart("d")) || 0));
+        choice.replaceChildren(...this.choices.map(({ label }, i) => new Option(label, String(i))));
+        div("datasets").hidden = this.choices.length < 2;
+        const first = Math.min(this.choices.length - 1, Math.max(0, Number(linkPart("d")) || 0));
         choice.value = String(first);
-        await this.openAddress(this.listed[first].base, this.listed[first].name);
+        await this.choose(first);
+    }
+
+    private choose(number: number): Promise<void> {
+        return this.open(this.choices[number].entries.map(({ name, base, box }) => entryAt(base, name, box)));
     }
 
     private welcome(): void {
@@ -81,24 +90,25 @@ export class App implements Target {
         button("welcome-folder").focus();
     }
 
-    private async openAddress(address: string, name: string): Promise<void> {
-        const url = new URL(address, location.href);
-        if (url.protocol !== "http:" && url.protocol !== "https:") throw new ViewError("?data= takes the address of a folder on a web server.");
-        await this.open(new HttpSource(url, name));
-    }
-
-    private async open(source: Source): Promise<void> {
+    private async open(entries: Entry[]): Promise<void> {
         const mine = ++this.opened;
         this.say("");
-        const dataset = await Dataset.open(source);
+        const city = await City.open(entries, (opened) => {
+            if (mine !== this.opened || entries.length === 1) return;
+            div("status").hidden = false;
+            element("progress", HTMLProgressElement).value = opened / entries.length;
+            div("progress-text").textContent = `${whole(opened)} of ${whole(entries.length)} datasets opened`;
+        });
         if (mine !== this.opened) return;
         div("welcome").hidden = true;
         div("side").hidden = div("status").hidden = false;
         div("splat-details").hidden = true;
-        document.title = `${source.name} - plyconvert viewer`;
-        this.dataset = dataset;
-        setFacts(div("facts"), datasetFacts(dataset));
-        this.map = new GroundMap(element("map", HTMLCanvasElement), dataset.cells, (cell) => this.scene?.isHere(cell) ?? false);
+        document.title = `${city.name} - plyconvert viewer`;
+        this.city = city;
+        this.owner = -1;
+        div("city-details").hidden = city.isOne;
+        setFacts(div("city"), cityFacts(city));
+        this.map = new GroundMap(element("map", HTMLCanvasElement), city.cells, (cell) => this.scene?.isHere(cell) ?? false);
         const linked = poseFrom(linkPart("v"));
         this.touched = linked !== undefined;
         this.framed = this.touched ? "yes" : "no";
@@ -106,27 +116,28 @@ export class App implements Target {
         this.build();
     }
 
-    // Puts the dataset into graphics memory, from nothing.
+    // Puts the splats into graphics memory, from nothing.
     private build(): void {
         this.scene?.end();
         this.scene = undefined;
-        if (this.dataset === undefined || this.gl.isContextLost()) return;
+        if (this.city === undefined || this.gl.isContextLost()) return;
         const url = URL.createObjectURL(new Blob([workerText], { type: "text/javascript" }));
         const worker = new Worker(url);
         URL.revokeObjectURL(url);
         const told = (error: unknown): void => this.fail(error, true);
-        this.scene = new Scene(this.gl, this.dataset, this.budget, worker, () => this.invalidate(), told, ordersByDepth());
+        const changed = (picture: boolean): void => (picture ? this.invalidate() : this.soon());
+        this.scene = new Scene(this.gl, this.city, this.budget, worker, changed, told, ordersByDepth());
         this.planned = 0;
         this.invalidate();
     }
 
     // `box` is that of the splats in memory. Cells say better where the ground is, splats how high it is.
     private firstPose(box: Box | undefined): Pose {
-        const { meta } = this.dataset!;
-        if (isOneCell(meta) && box !== undefined) return framing(box.min, box.max);
+        const { datasets, heights, isOne } = this.city!;
+        if (isOne && isOneCell(datasets[0].meta) && box !== undefined) return framing(box.min, box.max);
         const { min, max } = this.map!.middle();
-        const low = box?.min[2] ?? (Number.isFinite(meta.box.min[2]) ? meta.box.min[2] : 0);
-        const high = box?.max[2] ?? (Number.isFinite(meta.box.max[2]) ? meta.box.max[2] : 0);
+        const low = box?.min[2] ?? heights.reduce((least, [from]) => Math.min(least, from), Infinity);
+        const high = box?.max[2] ?? heights.reduce((most, [, to]) => Math.max(most, to), -Infinity);
         const finite = [...min, ...max].every(Number.isFinite);
         return finite ? framing([...min, low], [...max, high]) : framing([-10, -10, -10], [10, 10, 10]);
     }
@@ -149,47 +160,90 @@ export class App implements Target {
     }
 
     private link(): void {
-        const dataset = this.listed.length > 1 ? `d=${element("choice", HTMLSelectElement).value}&` : "";
+        const dataset = this.choices.length > 1 ? `d=${element("choice", HTMLSelectElement).value}&` : "";
         history.replaceState(null, "", `#${dataset}v=${poseText(this.pose)}`);
     }
 
+    // The picture is to be drawn again.
     private invalidate(): void {
+        this.stale = true;
+        this.again();
+    }
+
+    // There is something to do.
+    private again(): void {
         if (this.scheduled) return;
         this.scheduled = true;
         requestAnimationFrame((now) => this.tick(now));
     }
 
+    // There is something to do, and more of it may come: each turn costs the page a frame. The first picture is not kept waiting.
+    private soon(): void {
+        if (this.scene === undefined || this.scene.figures.drawn === 0) return this.again();
+        this.delay ||= window.setTimeout(() => {
+            this.delay = 0;
+            this.again();
+        }, gathering);
+    }
+    private delay = 0;
+
     private tick(now: number): void {
         this.scheduled = false;
         const { scene } = this;
         if (scene === undefined || this.gl.isContextLost()) return;
-        const flying = this.controls.fly(now);
+        if (this.controls.fly(now)) this.invalidate();
         const view = this.view();
         if (now - this.planned >= planning || this.planned === 0) {
             this.planned = now;
             scene.update(view);
         } else if (this.moving > this.planned) {
-            window.setTimeout(() => this.invalidate(), planning);
+            window.setTimeout(() => this.again(), planning);
         }
         if (this.framed === "no" && scene.figures.drawn > 0) {
             this.framed = this.touched ? "yes" : "asked";
             if (!this.touched) void this.frame();
         }
-        scene.sort(view);
+        const later = scene.sort(view, now);
+        if (later > 0) window.setTimeout(() => this.again(), later);
+        this.paint(scene, view, now);
+        const settled = this.watchers.length > 0 && this.isSettled();
+        if (settled) this.told = 0;
+        this.tell(view, now);
+        if (settled) this.watchers.splice(0).forEach((watcher) => watcher());
+    }
+
+    private paint(scene: Scene, view: View, now: number): void {
+        if (!this.stale) return;
+        if (this.drawing && !scene.ready()) return this.again();
         const still = now - this.moving > planning;
-        if (!this.drawing) this.final = true;
-        else if (!scene.ready()) return this.invalidate();
-        else this.final = scene.draw(view, this.look(), still ? Infinity : layersWhileMoving);
+        this.final = !this.drawing || scene.draw(view, this.look(), still ? Infinity : coloursWhileMoving);
+        this.stale = false;
+        if (!this.final) this.invalidate();
+    }
+
+    // The map, the bar and the facts follow a few times a second: they cost more than they are looked at.
+    private tell(view: View, now: number): void {
+        const pause = this.moving > this.told ? telling.moving : telling.still;
+        if (now - this.told < pause) {
+            this.telling ||= window.setTimeout(() => {
+                this.telling = 0;
+                this.tell(this.view(), performance.now());
+            }, pause);
+            return;
+        }
+        this.told = now;
+        if (this.scene === undefined || this.city === undefined) return;
         this.map?.draw(view, this.pose.target);
-        this.progress(scene.figures);
-        if (flying || !this.final) this.invalidate();
-        if (this.isSettled()) this.watchers.splice(0).forEach((watcher) => watcher());
+        this.progress(this.scene.figures);
+        const owner = this.city.isOne ? 0 : this.city.ownerAt(this.pose.target[0], this.pose.target[1]);
+        if (owner === this.owner) return;
+        this.owner = owner;
+        setFacts(div("facts"), datasetFacts(this.city.datasets[owner]));
     }
 
     private view(): View {
         const ratio = Math.min(2, devicePixelRatio);
-        const most = this.gl.getParameter(this.gl.MAX_RENDERBUFFER_SIZE) as number;
-        const side = (css: number): number => Math.max(1, Math.min(most, Math.round(css * ratio)));
+        const side = (css: number): number => Math.max(1, Math.min(this.longestSide, Math.round(css * ratio)));
         const [width, height] = [side(this.canvas.clientWidth), side(this.canvas.clientHeight)];
         if (this.canvas.width !== width || this.canvas.height !== height) {
             this.canvas.width = width;
@@ -208,7 +262,7 @@ export class App implements Target {
 
     private progress(figures: Figures): void {
         element("progress", HTMLProgressElement).value = figures.wanted > 0 ? Math.min(1, figures.loaded / figures.wanted) : 0;
-        const all = this.dataset!.count;
+        const all = this.city!.count;
         const rest = figures.wanted < all ? `, ${whole(all)} in all` : "";
         div("progress-text").textContent = `${whole(Math.min(figures.loaded, figures.wanted))} of ${whole(figures.wanted)} splats${rest}`;
     }
@@ -236,7 +290,7 @@ export class App implements Target {
     private connect(): void {
         const picker = element("files", HTMLInputElement);
         for (const id of ["folder", "welcome-folder"]) button(id).onclick = () => picker.click();
-        picker.onchange = () => this.attempt(() => this.open(sourceFrom(chosen(picker.files!))));
+        picker.onchange = () => this.attempt(() => this.open([{ source: sourceFrom(chosen(picker.files!)), box: undefined }]));
         button("frame").onclick = () => this.attempt(() => this.frameByHand());
         button("save").onclick = () => this.attempt(() => this.save());
         button("theme").onclick = () => this.toggleTheme();
@@ -250,8 +304,7 @@ export class App implements Target {
         const choice = element("choice", HTMLSelectElement);
         choice.onchange = () => {
             history.replaceState(null, "", `#d=${choice.value}`);
-            const { base, name } = this.listed[Number(choice.value)];
-            this.attempt(() => this.openAddress(base, name));
+            this.attempt(() => this.choose(Number(choice.value)));
         };
         const budget = element("budget", HTMLInputElement);
         const text = element("budget-text", HTMLOutputElement);
@@ -287,7 +340,7 @@ export class App implements Target {
             const { dataTransfer } = event;
             if (dataTransfer === null) return;
             const found = dropped(dataTransfer);
-            this.attempt(async () => this.open(sourceFrom(await found)));
+            this.attempt(async () => this.open([{ source: sourceFrom(await found), box: undefined }]));
         });
     }
 
@@ -307,8 +360,8 @@ export class App implements Target {
     private connectMap(): void {
         const canvas = element("map", HTMLCanvasElement);
         canvas.addEventListener("pointermove", (event) => {
-            if (this.map === undefined || this.dataset === undefined) return;
-            div("pointed").textContent = pointedText(this.map.at(event.offsetX, event.offsetY), this.dataset.meta);
+            if (this.map === undefined || this.city === undefined) return;
+            div("pointed").textContent = pointedText(this.map.at(event.offsetX, event.offsetY), this.city);
         });
         canvas.addEventListener("click", (event) => {
             const place = this.map?.at(event.offsetX, event.offsetY);
@@ -354,7 +407,7 @@ export class App implements Target {
     private async save(): Promise<void> {
         const link = document.createElement("a");
         link.href = URL.createObjectURL(await this.picture());
-        link.download = `${(this.dataset?.source.name ?? "view").replace(/[^\w.-]+/g, "_")}.png`;
+        link.download = `${(this.city?.name ?? "view").replace(/[^\w.-]+/g, "_")}.png`;
         link.click();
         setTimeout(() => URL.revokeObjectURL(link.href), 10000);
     }
@@ -367,7 +420,7 @@ export class App implements Target {
             const ray = { ...view, x: (x * ratio - view.width / 2) / view.focal, y: (view.height / 2 - y * ratio) / view.focal };
             const picked = await this.scene?.pick({ ...ray, radius: (6 * ratio) / view.focal });
             div("splat-details").hidden = picked === undefined;
-            if (picked !== undefined) setFacts(div("splat"), splatFacts(picked, this.dataset!.meta));
+            if (picked !== undefined) setFacts(div("splat"), splatFacts(picked, this.city!));
         });
     }
 
@@ -404,11 +457,8 @@ function linkPart(name: string): string {
     return new URLSearchParams(location.hash.slice(1)).get(name) ?? "";
 }
 
-async function listFrom(address: string): Promise<Listed[]> {
-    const response = await fetch(address).catch(() => undefined);
-    if (response?.ok !== true) return [];
-    const list: unknown = await response.json().catch(() => undefined);
-    const fits = (one: unknown): one is Listed =>
-        typeof one === "object" && one !== null && typeof (one as Listed).name === "string" && typeof (one as Listed).base === "string";
-    return Array.isArray(list) ? list.filter(fits) : [];
+function entryAt(address: string, name: string, box?: Box): Entry {
+    const url = new URL(address, location.href);
+    if (url.protocol !== "http:" && url.protocol !== "https:") throw new ViewError("?data= takes the address of a folder on a web server.");
+    return { source: new HttpSource(url, name), box };
 }

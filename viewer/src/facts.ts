@@ -1,9 +1,10 @@
 // What is said of a dataset, of the ground under the pointer and of a splat.
+import type { City } from "./city.ts";
 import type { Dataset } from "./dataset.ts";
 import { list, short, whole } from "./dom.ts";
-import type { Range, Triple } from "./format.ts";
+import type { Range } from "./format.ts";
 import type { Pointed } from "./map.ts";
-import type { Cell, Meta } from "./meta.ts";
+import type { Cell } from "./meta.ts";
 import type { Picked } from "./scene.ts";
 
 type Facts = [string, string][];
@@ -35,20 +36,35 @@ export function datasetFacts(dataset: Dataset): Facts {
     ];
 }
 
+export function cityFacts(city: City): Facts {
+    const codes = [...new Set(city.datasets.map(({ meta }) => meta.epsg))];
+    return [
+        ["datasets", whole(city.datasets.length)],
+        ["splats", whole(city.count)],
+        ["cells", whole(city.cells.length)],
+        ["EPSG", codes.join(", ")],
+        ["origin of the map", list(city.origin, String)],
+    ];
+}
+
 export function cellName(cell: Cell): string {
     return `key ${cell.key} (column ${cell.key & 0xffff}, row ${cell.key >>> 16})`;
 }
 
-export function pointedText(pointed: Pointed, meta: Meta): string {
+export function pointedText({ x, y, cell }: Pointed, city: City): string {
     const fine = (value: number): string => value.toFixed(3);
-    const [x, y] = [pointed.x + meta.offset[0], pointed.y + meta.offset[1]];
-    const place = `x ${fine(x)}, y ${fine(y)}${meta.epsg === 0 ? "" : ` (EPSG ${meta.epsg})`}`;
-    return `${place}\n${pointed.cell === undefined ? "no cell" : `cell ${cellName(pointed.cell)}: ${whole(pointed.cell.count)} splats`}`;
+    const [dataset] = city.datasets;
+    const place = `x ${fine(x + city.origin[0])}, y ${fine(y + city.origin[1])}${dataset.meta.epsg === 0 ? "" : ` (EPSG ${dataset.meta.epsg})`}`;
+    if (cell === undefined) return `${place}\nno cell`;
+    const name = city.isOne ? "" : `${city.datasets[cell.owner].source.name}, `;
+    return `${place}\n${name}cell ${cellName(cell)}: ${whole(cell.count)} splats`;
 }
 
-export function splatFacts(picked: Picked, meta: Meta): Facts {
+export function splatFacts(picked: Picked, city: City): Facts {
     const { splat } = picked;
+    const { meta, source } = city.datasets[picked.owner];
     const facts: Facts = [
+        ...(city.isOne ? [] : ([["dataset", source.name]] as Facts)),
         ["cell", `key ${picked.cellKey} (column ${picked.cellKey & 0xffff}, row ${picked.cellKey >>> 16})`],
         ["number in the cell", whole(picked.number)],
         ["record", whole(picked.record)],
@@ -66,5 +82,3 @@ export function splatFacts(picked: Picked, meta: Meta): Facts {
     });
     return facts;
 }
-
-export type Box = { min: Triple; max: Triple };

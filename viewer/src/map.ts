@@ -1,12 +1,12 @@
 // The ground plan: density of every cell, the camera, a scale bar. A click flies there.
 import type { View } from "./camera.ts";
+import type { Ground } from "./city.ts";
 import type { Triple } from "./format.ts";
-import type { Cell } from "./meta.ts";
 
 export interface Pointed {
     x: number; // on the ground, scene units
     y: number;
-    cell: Cell | undefined;
+    cell: Ground | undefined;
 }
 
 interface Fit {
@@ -26,7 +26,7 @@ export class GroundMap {
     // `isHere` says whether splats of the cell of a number are in memory.
     constructor(
         private readonly canvas: HTMLCanvasElement,
-        private readonly cells: readonly Cell[],
+        private readonly cells: readonly Ground[],
         private readonly isHere: (cell: number) => boolean,
     ) {
         const known = cells.filter((cell) => [...cell.min, ...cell.max].every(Number.isFinite));
@@ -68,7 +68,7 @@ export class GroundMap {
         this.drawScale(context, fit, style);
     }
 
-    private rectangle(cell: Cell, fit: Fit): [number, number, number, number] {
+    private rectangle(cell: Ground, fit: Fit): [number, number, number, number] {
         const x = (cell.min[0] - fit.left) * fit.scale;
         const y = (fit.top - cell.max[1]) * fit.scale;
         return [x, y, Math.max(1, (cell.max[0] - cell.min[0]) * fit.scale), Math.max(1, (cell.max[1] - cell.min[1]) * fit.scale)];
@@ -155,11 +155,11 @@ export class GroundMap {
     }
 }
 
-function density(cell: Cell): number {
+function density(cell: Ground): number {
     const area = (cell.max[0] - cell.min[0]) * (cell.max[1] - cell.min[1]);
     return area > 0 && Number.isFinite(area) ? cell.count / area : 0;
 }
 
-export function cellAt(cells: readonly Cell[], x: number, y: number): Cell | undefined {
+export function cellAt(cells: readonly Ground[], x: number, y: number): Ground | undefined {
     return cells.find((cell) => x >= cell.min[0] && x < cell.max[0] && y >= cell.min[1] && y < cell.max[1]);
 }

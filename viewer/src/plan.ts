@@ -1,8 +1,7 @@
-// Which pieces of a dataset should be in memory for a view. A piece is a cell, or a part of a large one: what one fetch brings.
-import type { View } from "./camera.ts";
-import { dot, minus } from "./camera.ts";
+// Which pieces should be in memory for a view. A piece is a cell, or a part of a large one: what one fetch brings.
+import { type View, dot, minus } from "./camera.ts";
+import type { Ground } from "./city.ts";
 import type { Triple } from "./format.ts";
-import type { Cell } from "./meta.ts";
 import type { Run } from "./slots.ts";
 
 export interface Piece {
@@ -11,18 +10,18 @@ export interface Piece {
     first: number; // number of its first splat in the cell
     count: number;
     state: "away" | "coming" | "here";
-    runs: Run[]; // while here
-    abort: AbortController | undefined; // while coming
+    cancelled: boolean; // while coming: nobody wants it any more
+    runs: Run[]; // while coming or here
 }
 
 const pieceSize = 32768; // splats: 3 MB with coefficients
 
-export function piecesOf(cells: readonly Cell[]): Piece[] {
+export function piecesOf(cells: readonly Ground[]): Piece[] {
     const pieces: Piece[] = [];
     cells.forEach((cell, index) => {
         for (let first = 0; first < cell.count; first += pieceSize) {
             const count = Math.min(pieceSize, cell.count - first);
-            pieces.push({ id: pieces.length, cell: index, first, count, state: "away", runs: [], abort: undefined });
+            pieces.push({ id: pieces.length, cell: index, first, count, state: "away", cancelled: false, runs: [] });
         }
     });
     return pieces;
@@ -33,7 +32,7 @@ const loyalty = 0.85 ** 2;
 // What is out of the picture counts as twice as far.
 const outside = 2 ** 2;
 
-function score(cell: Cell, low: number, high: number, view: View): number {
+function score(cell: Ground, [low, high]: readonly [number, number], view: View): number {
     const min: Triple = [cell.min[0], cell.min[1], low];
     const max: Triple = [cell.max[0], cell.max[1], high];
     let squares = 0;
@@ -49,15 +48,16 @@ function score(cell: Cell, low: number, high: number, view: View): number {
     return hidden ? squares * outside : squares;
 }
 
-// The pieces for a view, the nearest first, as many as `capacity` splats allow. `low` and `high` bound the scene's heights.
+// The pieces for a view, the nearest first, as many as `capacity` splats allow. `heights` bound those of each
+// dataset.
 export function wantedPieces(
-    cells: readonly Cell[],
+    cells: readonly Ground[],
     pieces: readonly Piece[],
     view: View,
     capacity: number,
-    [low, high]: readonly [number, number],
+    heights: readonly (readonly [number, number])[],
 ): Piece[] {
-    const cellScores = cells.map((cell) => score(cell, low, high, view));
+    const cellScores = cells.map((cell) => score(cell, heights[cell.owner], view));
     const scores = Float64Array.from(pieces, (piece) => cellScores[piece.cell] * (piece.state === "away" ? 1 : loyalty));
     const order = Uint32Array.from(pieces.keys()).sort((a, b) => scores[a] - scores[b] || a - b);
     const wanted: Piece[] = [];

@@ -1,15 +1,20 @@
 // Draws splats with WebGL2. It owns the graphics memory; which splats are in there, and in which order they are drawn, is told.
-import type { Dequantiser } from "./dataset.ts";
-import { type Axis, ViewError, packedSize, recordSize } from "./format.ts";
-import { colourFragment, screenVertex, splatFragment, splatVertex } from "./shaders.ts";
-import { type Block, type Run, type Shape, blocksOf, shapeFor } from "./slots.ts";
 import type { View } from "./camera.ts";
-
-const words = 15; // of coefficients that are kept of a record
+import type { Dequantiser } from "./dequantiser.ts";
+import { type Triple, ViewError, packedSize, recordSize } from "./format.ts";
+import { type Split, keptWords } from "./records.ts";
+import { colourFragment, screenVertex, splatFragment, splatVertex } from "./shaders.ts";
+import { type Block, type Run, type Shape, blocksOf, shapeFor, slotBits } from "./slots.ts";
 
 export interface Look {
     background: readonly [number, number, number];
     pointSize: number; // pixels; 0 draws Gaussians
+}
+
+// What a dataset brings along.
+export interface Ranges {
+    dequantiser: Dequantiser;
+    harmonics: boolean; // it has coefficients
 }
 
 type Uniforms = Map<string, WebGLUniformLocation>;
@@ -18,36 +23,47 @@ interface Program {
     uniforms: Uniforms;
 }
 
-const units = { first: 0, second: 1, harmonics: 2, byteValues: 3 } as const;
+// The place of a piece.
+interface Region {
+    owner: number;
+    count: number;
+    blocks: Block[];
+    eye: number; // for which its colours are; 0 before the first
+}
+
+const units = { first: 0, second: 1, harmonics: 2, byteValues: 3, ranges: 4, eyes: 5 } as const;
+const widest = 4096; // texels a side
 
 export class Renderer {
     readonly bytes: number; // of graphics memory that splats take
     drawn = 0; // splats of the order that was set last
-    private readonly gl: WebGL2RenderingContext;
     private readonly shape: Shape;
-    private readonly harmonicShape: Shape | undefined;
     private readonly splats: Program;
     private readonly colours: Program | undefined;
     private readonly textures: WebGLTexture[] = [];
     private readonly order: WebGLBuffer;
     private readonly array: WebGLVertexArrayObject;
     private readonly frame: WebGLFramebuffer;
-    private readonly stale: boolean[]; // layers whose colours are those of another eye
-    private readonly fresh: boolean[]; // layers with records that have no colour yet
-    private coloursFrom = ""; // the eye of the colours that were asked for last
+    private readonly regions = new Map<number, Region>(); // of pieces, those whose colours are oldest first
+    private eye = 1; // number of the eye that colours were asked for last
+    private eyeText = "";
+    private readonly eyes: Float32Array;
 
-    // Throws ViewError when the graphics memory cannot hold `capacity` splats.
-    constructor(gl: WebGL2RenderingContext, capacity: number, harmonics: boolean, dequantiser: Dequantiser) {
-        this.gl = gl;
+    // `shifts` move the datasets' positions to the map's. Throws ViewError when the graphics memory cannot hold `capacity` splats.
+    constructor(
+        private readonly gl: WebGL2RenderingContext,
+        capacity: number,
+        private readonly datasets: readonly Ranges[],
+        private readonly shifts: readonly Triple[],
+    ) {
         while (gl.getError() !== gl.NO_ERROR);
-        const most = Math.min(2048, gl.getParameter(gl.MAX_TEXTURE_SIZE) as number);
-        this.shape = shapeFor(capacity, 1024, 128);
-        this.harmonicShape = harmonics ? shapeFor(capacity, most, Math.floor(most / words)) : undefined;
-        this.stale = new Array<boolean>(this.shape.layers).fill(false);
-        this.fresh = [...this.stale];
+        const harmonics = datasets.some((dataset) => dataset.harmonics);
+        const most = Math.min(widest, gl.getParameter(gl.MAX_TEXTURE_SIZE) as number);
+        this.shape = shapeFor(capacity, Math.floor(most / keptWords), most);
         this.splats = program(gl, splatVertex, splatFragment);
         this.colours = harmonics ? program(gl, screenVertex, colourFragment) : undefined;
-        this.bytes = this.allocate(capacity, dequantiser);
+        this.eyes = new Float32Array(8 * datasets.length);
+        this.bytes = this.allocate(capacity, harmonics);
         this.order = gl.createBuffer();
         this.array = gl.createVertexArray();
         gl.bindVertexArray(this.array);
@@ -60,94 +76,101 @@ export class Renderer {
         if (gl.getError() === gl.OUT_OF_MEMORY) {
             throw new ViewError("The graphics memory cannot hold as many splats. Choose a smaller number of splats.");
         }
-        this.setConstants(dequantiser);
-    }
-
-    private allocate(capacity: number, dequantiser: Dequantiser): number {
-        const { gl, shape, harmonicShape } = this;
-        const texture = (unit: number, target: number): void => {
-            const handle = gl.createTexture();
-            this.textures.push(handle);
-            gl.activeTexture(gl.TEXTURE0 + unit);
-            gl.bindTexture(target, handle);
-            gl.texParameteri(target, gl.TEXTURE_MIN_FILTER, gl.NEAREST);
-            gl.texParameteri(target, gl.TEXTURE_MAG_FILTER, gl.NEAREST);
-        };
-        for (const unit of [units.first, units.second]) {
-            texture(unit, gl.TEXTURE_2D_ARRAY);
-            gl.texStorage3D(gl.TEXTURE_2D_ARRAY, 1, gl.RGBA32UI, shape.columns, shape.rows, shape.layers);
-        }
-        let bytes = 4 * capacity + recordSize * shape.columns * shape.rows * shape.layers;
-        if (harmonicShape !== undefined) {
-            const { columns, rows, layers } = harmonicShape;
-            texture(units.harmonics, gl.TEXTURE_2D_ARRAY);
-            gl.texStorage3D(gl.TEXTURE_2D_ARRAY, 1, gl.R32UI, words * columns, rows, layers);
-            bytes += 4 * words * columns * rows * layers;
-        }
-        texture(units.byteValues, gl.TEXTURE_2D);
-        const values = new Float32Array(1024);
-        dequantiser.bytes.forEach((table, channel) => table.forEach((value, i) => (values[4 * i + channel] = value)));
-        gl.pixelStorei(gl.UNPACK_ROW_LENGTH, 0); // another scene's uploads may have left it
-        gl.pixelStorei(gl.UNPACK_SKIP_PIXELS, 0);
-        gl.texImage2D(gl.TEXTURE_2D, 0, gl.RGBA32F, 256, 1, 0, gl.RGBA, gl.FLOAT, values);
-        return bytes + values.byteLength;
-    }
-
-    private setConstants(dequantiser: Dequantiser): void {
-        const { gl } = this;
-        const axes = (name: string, uniforms: Uniforms, list: Axis[]): void => {
-            gl.uniform3fv(at(uniforms, `${name}Min`), list.map((axis) => axis.min));
-            gl.uniform3fv(at(uniforms, `${name}Span`), list.map((axis) => axis.span));
-        };
         for (const one of [this.splats, this.colours]) {
             if (one === undefined) continue;
             gl.useProgram(one.handle);
             for (const [name, unit] of Object.entries(units)) gl.uniform1i(at(one.uniforms, name), unit);
-            gl.uniform2i(at(one.uniforms, "shape"), this.shape.rows, this.shape.columns);
-            axes("scale", one.uniforms, dequantiser.scale);
-            axes("coefficient", one.uniforms, dequantiser.coefficient);
-            gl.uniform1i(at(one.uniforms, "evaluated"), this.colours === undefined ? 0 : 1);
-            if (this.harmonicShape !== undefined) {
-                gl.uniform2i(at(one.uniforms, "harmonicShape"), this.harmonicShape.rows, this.harmonicShape.columns);
-            }
+            gl.uniform2i(at(one.uniforms, "shape"), this.shape.columns, this.shape.rows);
+            gl.uniform1i(at(one.uniforms, "slotBits"), slotBits(capacity));
         }
     }
 
-    // Puts records, and coefficients in the packed form, into the slots of `runs`.
-    upload(runs: readonly Run[], data: ArrayBuffer, coefficients: ArrayBuffer | undefined): void {
+    private bind(unit: number, target: number): void {
         const { gl } = this;
-        const all = new Uint32Array(data);
-        const half = (unit: number, skip: number, block: Block, from: number): void =>
-            this.put(unit, block, 1, 2, skip, gl.RGBA_INTEGER, all.subarray((from + block.first) * (recordSize / 4)));
-        let from = 0;
+        const handle = gl.createTexture();
+        this.textures.push(handle);
+        gl.activeTexture(gl.TEXTURE0 + unit);
+        gl.bindTexture(target, handle);
+        gl.texParameteri(target, gl.TEXTURE_MIN_FILTER, gl.NEAREST);
+        gl.texParameteri(target, gl.TEXTURE_MAG_FILTER, gl.NEAREST);
+    }
+
+    // Gives the bytes that it takes.
+    private allocate(capacity: number, harmonics: boolean): number {
+        const { gl, shape, datasets } = this;
+        const slots = shape.columns * shape.rows * shape.layers;
+        for (const unit of [units.first, units.second]) {
+            this.bind(unit, gl.TEXTURE_2D_ARRAY);
+            gl.texStorage3D(gl.TEXTURE_2D_ARRAY, 1, gl.RGBA32UI, shape.columns, shape.rows, shape.layers);
+        }
+        let bytes = 4 * capacity + recordSize * slots;
+        if (harmonics) {
+            this.bind(units.harmonics, gl.TEXTURE_2D_ARRAY);
+            gl.texStorage3D(gl.TEXTURE_2D_ARRAY, 1, gl.R32UI, keptWords * shape.columns, shape.rows, shape.layers);
+            bytes += 4 * keptWords * slots;
+        }
+        const table = (unit: number, width: number, values: Float32Array): void => {
+            this.bind(unit, gl.TEXTURE_2D);
+            gl.texImage2D(gl.TEXTURE_2D, 0, gl.RGBA32F, width, datasets.length, 0, gl.RGBA, gl.FLOAT, values);
+            bytes += values.byteLength;
+        };
+        table(units.byteValues, 256, byteTable(datasets));
+        table(units.ranges, 4, rangeTable(datasets));
+        table(units.eyes, 2, this.eyes);
+        return bytes;
+    }
+
+    // Puts the records of a piece into the slots of `runs`.
+    upload(piece: number, owner: number, runs: readonly Run[], split: Split): void {
+        const { gl } = this;
+        const [first, second] = [new Uint32Array(split.first), new Uint32Array(split.second)];
+        const harmonics = split.harmonics && new Uint32Array(split.harmonics);
+        const region: Region = { owner, count: 0, blocks: [], eye: 0 };
         for (const run of runs) {
             for (const block of blocksOf(run, this.shape)) {
-                half(units.first, 0, block, from);
-                half(units.second, 1, block, from);
-                this.fresh[block.layer] = this.stale[block.layer] = true;
+                const from = region.count + block.first;
+                this.put(units.first, block, 1, gl.RGBA_INTEGER, first, 4 * from);
+                this.put(units.second, block, 1, gl.RGBA_INTEGER, second, 4 * from);
+                if (harmonics) this.put(units.harmonics, block, keptWords, gl.RED_INTEGER, harmonics, keptWords * from);
+                region.blocks.push(block);
             }
-            if (this.harmonicShape !== undefined && coefficients !== undefined) {
-                const packed = new Uint32Array(coefficients);
-                for (const block of blocksOf(run, this.harmonicShape)) {
-                    const part = packed.subarray((from + block.first) * (packedSize / 4));
-                    this.put(units.harmonics, block, words, packedSize / 4, 0, gl.RED_INTEGER, part);
-                }
-            }
-            from += run.count;
+            region.count += run.count;
         }
+        if (harmonics) this.regions.set(piece, region);
     }
 
-    // Of every `row` texels of `source`, the `width` from `skip` on, one record below the other.
-    private put(unit: number, block: Block, width: number, row: number, skip: number, format: number, source: Uint32Array): void {
+    private put(unit: number, { column, row, layer, columns, rows }: Block, width: number, format: number, source: Uint32Array, from: number): void {
         const { gl } = this;
         gl.activeTexture(gl.TEXTURE0 + unit);
-        gl.pixelStorei(gl.UNPACK_ROW_LENGTH, row);
-        gl.pixelStorei(gl.UNPACK_SKIP_PIXELS, skip);
-        const x = width * block.column;
-        gl.texSubImage3D(gl.TEXTURE_2D_ARRAY, 0, x, block.row, block.layer, width, block.count, 1, format, gl.UNSIGNED_INT, source);
+        gl.texSubImage3D(gl.TEXTURE_2D_ARRAY, 0, width * column, row, layer, width * columns, rows, 1, format, gl.UNSIGNED_INT, source, from);
     }
 
-    // The slots to draw, from the farthest to the nearest.
+    endUpload(): void {
+        this.uploads = this.gl.fenceSync(this.gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
+    }
+    private uploads: WebGLSync | null = null;
+
+    // False while the graphics card still works on the uploads before.
+    hasTaken(): boolean {
+        if (!this.isOver(this.uploads)) return false;
+        this.uploads = null;
+        return true;
+    }
+
+    private isOver(fence: WebGLSync | null): boolean {
+        const { gl } = this;
+        if (fence === null) return true;
+        if (gl.clientWaitSync(fence, gl.SYNC_FLUSH_COMMANDS_BIT, 0) === gl.TIMEOUT_EXPIRED) return false;
+        gl.deleteSync(fence);
+        return true;
+    }
+
+    // The piece is not drawn any more.
+    forget(piece: number): void {
+        this.regions.delete(piece);
+    }
+
+    // The splats to draw, from the farthest to the nearest.
     setOrder(order: Uint32Array, count: number): void {
         const { gl } = this;
         gl.bindBuffer(gl.ARRAY_BUFFER, this.order);
@@ -157,21 +180,18 @@ export class Renderer {
 
     // False while the graphics card still works on the picture before: another one would only queue up behind it.
     ready(): boolean {
-        const { gl } = this;
-        if (this.fence === null) return true;
-        const state = gl.clientWaitSync(this.fence, gl.SYNC_FLUSH_COMMANDS_BIT, 0);
-        if (state === gl.TIMEOUT_EXPIRED) return false;
-        gl.deleteSync(this.fence);
-        this.fence = null;
+        if (!this.isOver(this.picture)) return false;
+        this.picture = null;
         return true;
     }
-    private fence: WebGLSync | null = null;
+    private picture: WebGLSync | null = null;
 
-    // Draws to the canvas. At most `layers` layers get the colours of this eye first, besides those with new records; true when
-    // all have them.
-    draw(view: View, look: Look, layers: number): boolean {
+    // Draws to the canvas. At most `most` splats, but for a part of a piece, get the colours of this eye first, besides new ones;
+    // true when all have them.
+    draw(view: View, look: Look, most: number): boolean {
         const { gl } = this;
-        const done = this.evaluate(view, layers);
+        this.setEyes(view);
+        const done = this.evaluate(most);
         const [red, green, blue] = look.background;
         gl.bindFramebuffer(gl.FRAMEBUFFER, null);
         gl.viewport(0, 0, view.width, view.height);
@@ -183,65 +203,98 @@ export class Renderer {
         gl.blendFunc(gl.ONE, gl.ONE_MINUS_SRC_ALPHA);
         gl.useProgram(this.splats.handle);
         const { uniforms } = this.splats;
-        setEye(gl, uniforms, view);
         gl.uniformMatrix3fv(at(uniforms, "turn"), true, [...view.right, ...view.up, ...view.forward]);
         gl.uniform2f(at(uniforms, "size"), view.width, view.height);
         gl.uniform1f(at(uniforms, "focal"), view.focal);
         gl.uniform1f(at(uniforms, "pointSize"), look.pointSize);
         gl.bindVertexArray(this.array);
         gl.drawArraysInstanced(gl.TRIANGLE_STRIP, 0, 4, this.drawn);
-        gl.deleteSync(this.fence);
-        this.fence = gl.fenceSync(gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
+        gl.deleteSync(this.picture);
+        this.picture = gl.fenceSync(gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
         return done;
     }
 
-    // Colours depend on the direction from the eye: once it has moved, the colours of all layers are old.
-    private evaluate(view: View, layers: number): boolean {
+    // The eye as each dataset's positions see it, as a sum of two singles: the difference is taken in double.
+    private setEyes(view: View): void {
+        const text = view.eye.join();
+        if (text === this.eyeText) return;
+        this.eyeText = text;
+        ++this.eye;
+        this.shifts.forEach((shift, number) => {
+            for (let axis = 0; axis < 3; ++axis) {
+                const eye = view.eye[axis] - shift[axis];
+                const high = Math.fround(eye);
+                this.eyes[8 * number + axis] = high;
+                this.eyes[8 * number + 4 + axis] = eye - high;
+            }
+        });
+        const { gl } = this;
+        gl.activeTexture(gl.TEXTURE0 + units.eyes);
+        gl.texSubImage2D(gl.TEXTURE_2D, 0, 0, 0, 2, this.shifts.length, gl.RGBA, gl.FLOAT, this.eyes);
+    }
+
+    // Colours depend on the direction from the eye: once it has moved, all are old.
+    private evaluate(most: number): boolean {
         if (this.colours === undefined) return true;
-        const { gl, shape } = this;
-        const eye = view.eye.join();
-        if (eye !== this.coloursFrom) this.stale.fill(true);
-        this.coloursFrom = eye;
-        if (!this.stale.includes(true)) return true;
+        const { gl } = this;
+        const old = [...this.regions].filter(([, region]) => region.eye !== this.eye);
+        if (old.length === 0) return true;
         gl.useProgram(this.colours.handle);
-        setEye(gl, this.colours.uniforms, view);
         gl.bindFramebuffer(gl.FRAMEBUFFER, this.frame);
-        gl.viewport(0, 0, shape.columns, shape.rows);
         gl.disable(gl.BLEND);
         gl.colorMask(false, false, false, true);
-        for (let i = 0, from = this.next; i < shape.layers; ++i) {
-            const layer = (from + i) % shape.layers;
-            if (!this.stale[layer] || (layers <= 0 && !this.fresh[layer])) continue;
-            gl.framebufferTextureLayer(gl.FRAMEBUFFER, gl.COLOR_ATTACHMENT0, this.textures[units.second], 0, layer);
-            gl.uniform1i(at(this.colours.uniforms, "layer"), layer);
-            gl.drawArrays(gl.TRIANGLES, 0, 3);
-            this.fresh[layer] = this.stale[layer] = false;
-            this.next = layer + 1;
-            --layers;
+        let done = true;
+        let layer = -1;
+        for (const [piece, region] of old) {
+            if (most <= 0 && region.eye > 0) {
+                done = false;
+                continue;
+            }
+            most -= region.eye > 0 ? region.count : 0;
+            layer = this.colour(region, layer);
+            region.eye = this.eye;
+            this.regions.delete(piece); // and to the end
+            this.regions.set(piece, region);
         }
-        return !this.stale.includes(true);
+        return done;
     }
-    private next = 0;
 
-    // A record as it is in the graphics memory: 32 bytes, and 64 of coefficients when there are some.
-    readBack(slot: number): { record: ArrayBuffer; coefficients: ArrayBuffer | undefined } {
+    // Draws one region of the texture; `bound` is the layer that is bound already. Gives the one that is bound then.
+    private colour(region: Region, bound: number): number {
+        const { gl } = this;
+        const { uniforms } = this.colours!;
+        gl.uniform1i(at(uniforms, "owner"), region.owner);
+        for (const { layer, column, row, columns, rows } of region.blocks) {
+            if (layer !== bound) {
+                gl.framebufferTextureLayer(gl.FRAMEBUFFER, gl.COLOR_ATTACHMENT0, this.textures[units.second], 0, layer);
+                gl.uniform1i(at(uniforms, "layer"), layer);
+                bound = layer;
+            }
+            gl.viewport(column, row, columns, rows);
+            gl.drawArrays(gl.TRIANGLES, 0, 3);
+        }
+        return bound;
+    }
+
+    // A record as it is in the graphics memory: 32 bytes, and 64 of coefficients where they are asked for.
+    readBack(slot: number, harmonics: boolean): { record: ArrayBuffer; coefficients: ArrayBuffer | undefined } {
         const record = new Uint32Array(recordSize / 4);
-        this.readTexels(units.first, slot, this.shape, 1, record.subarray(0, 4));
-        this.readTexels(units.second, slot, this.shape, 1, record.subarray(4));
-        if (this.harmonicShape === undefined) return { record: record.buffer, coefficients: undefined };
-        const read = new Uint32Array(4 * words);
-        this.readTexels(units.harmonics, slot, this.harmonicShape, words, read);
+        this.readTexels(units.first, slot, 1, record.subarray(0, 4));
+        this.readTexels(units.second, slot, 1, record.subarray(4));
+        if (!harmonics) return { record: record.buffer, coefficients: undefined };
+        const read = new Uint32Array(4 * keptWords);
+        this.readTexels(units.harmonics, slot, keptWords, read);
         const coefficients = new Uint32Array(packedSize / 4);
-        for (let k = 0; k < words; ++k) coefficients[k] = read[4 * k];
+        for (let k = 0; k < keptWords; ++k) coefficients[k] = read[4 * k];
         return { record: record.buffer, coefficients: coefficients.buffer };
     }
 
-    private readTexels(unit: number, slot: number, shape: Shape, width: number, into: Uint32Array): void {
+    private readTexels(unit: number, slot: number, width: number, into: Uint32Array): void {
         const { gl } = this;
-        const [block] = blocksOf({ start: slot, count: 1 }, shape);
+        const [{ column, row, layer }] = blocksOf({ start: slot, count: 1 }, this.shape);
         gl.bindFramebuffer(gl.FRAMEBUFFER, this.frame);
-        gl.framebufferTextureLayer(gl.FRAMEBUFFER, gl.COLOR_ATTACHMENT0, this.textures[unit], 0, block.layer);
-        gl.readPixels(width * block.column, block.row, width, 1, gl.RGBA_INTEGER, gl.UNSIGNED_INT, into);
+        gl.framebufferTextureLayer(gl.FRAMEBUFFER, gl.COLOR_ATTACHMENT0, this.textures[unit], 0, layer);
+        gl.readPixels(width * column, row, width, 1, gl.RGBA_INTEGER, gl.UNSIGNED_INT, into);
     }
 
     // Gives all graphics memory back.
@@ -255,15 +308,28 @@ export class Renderer {
     }
 }
 
+// For each dataset a row: the 256 values of red, green, blue and opacity.
+function byteTable(datasets: readonly Ranges[]): Float32Array {
+    const table = new Float32Array(1024 * datasets.length);
+    datasets.forEach(({ dequantiser }, row) =>
+        dequantiser.bytes.forEach((values, channel) => values.forEach((value, i) => (table[1024 * row + 4 * i + channel] = value))),
+    );
+    return table;
+}
+
+// For each dataset a row: begin and length of the ranges of scales and of coefficients; the first texel's last value says whether
+// it has coefficients.
+function rangeTable(datasets: readonly Ranges[]): Float32Array {
+    const rows = datasets.flatMap(({ dequantiser: { scale, coefficient }, harmonics }) => {
+        const ends = [scale, coefficient].flatMap((axes) => [axes.map(({ min }) => min), axes.map(({ span }) => span)]);
+        return ends.flatMap((triple, texel) => [...triple, texel === 0 && harmonics ? 1 : 0]);
+    });
+    return Float32Array.from(rows);
+}
+
 // Uniforms that a program does not use have no location; setting them does nothing.
 function at(uniforms: Uniforms, name: string): WebGLUniformLocation | null {
     return uniforms.get(name) ?? null;
-}
-
-function setEye(gl: WebGL2RenderingContext, uniforms: Uniforms, view: View): void {
-    const high = view.eye.map(Math.fround);
-    gl.uniform3fv(at(uniforms, "eyeHigh"), high);
-    gl.uniform3fv(at(uniforms, "eyeLow"), view.eye.map((value, i) => value - high[i]));
 }
 
 function program(gl: WebGL2RenderingContext, vertex: string, fragment: string): Program {

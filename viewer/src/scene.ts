@@ -1,15 +1,18 @@
-// A dataset on its way to the screen: fetches what the view needs, hands it to the graphics memory and to the worker, and draws.
+// What is shown on its way to the screen: lets the worker fetch what the view needs, puts it into the graphics memory, and draws.
 import type { View } from "./camera.ts";
-import type { Dataset, Splat } from "./dataset.ts";
-import { type Triple, ViewError, recordSize } from "./format.ts";
+import type { City } from "./city.ts";
+import type { Splat } from "./dequantiser.ts";
+import { ViewError, recordSize } from "./format.ts";
+import type { Box, Ray, Reply, Request } from "./messages.ts";
 import { type Piece, piecesOf, wantedPieces } from "./plan.ts";
+import type { Split } from "./records.ts";
 import { type Look, Renderer } from "./renderer.ts";
-import { SlotPool } from "./slots.ts";
-import type { Ray, Reply, Request } from "./sorting.ts";
-import { isAbort } from "./sources.ts";
-import type { Run } from "./slots.ts";
+import { type Run, SlotPool, mostDatasets } from "./slots.ts";
 
-const together = 4; // fetches under way at a time
+const together = 4; // pieces under way at a time, from their request until they are in the graphics memory
+const uploading = 65536; // splats that go to the graphics memory in one turn
+const pausing = 8; // milliseconds between two looks whether the card has taken them
+const gathering = 150; // milliseconds between two orders that only new pieces ask for
 
 export interface Figures {
     loaded: number; // splats here
@@ -28,6 +31,7 @@ export interface Figures {
 }
 
 export interface Picked {
+    owner: number; // number of the dataset
     cellKey: number;
     number: number; // of the splat in its cell
     record: number; // in data.bin
@@ -41,11 +45,13 @@ export class Scene {
     private readonly renderer: Renderer;
     private readonly worker: Worker;
     private wanted: Piece[] = [];
-    private heights: [number, number];
+    private readonly heights: [number, number][];
+    private readonly arrived: { piece: Piece; split: Split }[] = []; // not yet in the graphics memory
     private order: ArrayBuffer | undefined;
     private sorting = false;
     private sequence = 0;
     private sortedFor = "";
+    private sortedAt = 0;
     private changed = false; // pieces came or went since the last sort was asked for
     private readonly leaving: { runs: Run[]; sequence: number }[] = [];
     private readonly waiting = new Map<number, (reply: Reply) => void>();
@@ -53,26 +59,29 @@ export class Scene {
     private failed = false;
     private ended = false;
 
-    // `worker` is the scene's own: it ends with it. `onChange` is told when there is something new to draw, `onError` when a
-    // fetch fails; fetching then rests until `retry`. `byDepth` orders splats along the view instead of by their distance.
+    // `worker` is the scene's own: it ends with it. `onChange` is told when there is something to do, and whether that is a new
+    // picture; `onError` when a fetch fails: fetching then rests until `retry`. `byDepth` orders splats along the view instead of by their distance.
+    // Throws ViewError when the budget cannot hold splats of as many datasets.
     constructor(
         gl: WebGL2RenderingContext,
-        private readonly dataset: Dataset,
+        private readonly city: City,
         budget: number,
         worker: Worker,
-        private readonly onChange: () => void,
+        private readonly onChange: (picture: boolean) => void,
         private readonly onError: (error: unknown) => void,
         private readonly byDepth: boolean,
     ) {
-        const capacity = Math.min(budget, dataset.count);
-        const { meta, dequantiser } = dataset;
-        const harmonics = meta.coefficientSize > 0;
+        const capacity = Math.min(budget, city.count);
+        const most = mostDatasets(capacity);
+        if (city.datasets.length > most) {
+            throw new ViewError(`At most ${most} datasets can be shown together with as many splats: choose fewer splats, or fewer datasets.`);
+        }
+        const dequantisers = city.datasets.map(({ dequantiser, meta }) => ({ dequantiser, harmonics: meta.coefficientSize > 0 }));
+        const keepNormals = dequantisers.some(({ dequantiser, harmonics }) => harmonics && dequantiser.normal.some((axis) => axis.span !== 0));
         this.pool = new SlotPool(capacity);
-        this.renderer = new Renderer(gl, capacity, harmonics, dequantiser);
-        this.pieces = piecesOf(dataset.cells);
-        const { min, max } = meta.box;
-        this.heights = Number.isFinite(min[2]) && Number.isFinite(max[2]) ? [min[2], max[2]] : [0, 0];
-        const keepNormals = harmonics && dequantiser.normal.some((axis) => axis.span !== 0);
+        this.renderer = new Renderer(gl, capacity, dequantisers, city.shifts);
+        this.pieces = piecesOf(city.cells);
+        this.heights = city.heights.map(([low, high]) => [low, high]);
         this.figures = {
             loaded: 0,
             wanted: 0,
@@ -91,7 +100,7 @@ export class Scene {
         this.worker = worker;
         worker.onmessage = (event: MessageEvent<Reply>) => this.receive(event.data);
         worker.onerror = (event) => this.onError(new ViewError(`The page's worker failed: ${event.message}. Load the page again.`));
-        this.send({ type: "reset", capacity, keepNormals });
+        this.send({ type: "reset", capacity, keepNormals, owners: city.owners() });
     }
 
     // True once everything that the view asks for is here, sorted and on the screen's way.
@@ -113,42 +122,57 @@ export class Scene {
     // Asks for what the view needs, and lets go of what it no longer does.
     update(view: View): void {
         if (this.failed || this.ended) return;
-        this.wanted = wantedPieces(this.dataset.cells, this.pieces, view, this.figures.capacity, this.heights);
+        this.wanted = wantedPieces(this.city.cells, this.pieces, view, this.figures.capacity, this.heights);
         this.figures.wanted = this.wanted.reduce((sum, piece) => sum + piece.count, 0);
         const keep = new Set(this.wanted);
         for (const piece of this.pieces) {
-            if (piece.state === "coming" && !keep.has(piece)) this.cancel(piece);
+            if (piece.state === "coming" && !piece.cancelled && !keep.has(piece)) this.cancel(piece);
         }
         this.fetchMore(keep);
     }
 
+    // A piece that has arrived goes at once; else the worker answers, with the piece where it is too late.
     private cancel(piece: Piece): void {
-        piece.abort?.abort();
-        piece.abort = undefined;
+        const at = this.arrived.findIndex((one) => one.piece === piece);
+        if (at >= 0) {
+            this.arrived.splice(at, 1);
+            this.send({ type: "remove", piece: piece.id });
+            this.drop(piece);
+        } else {
+            piece.cancelled = true;
+            this.send({ type: "cancel", piece: piece.id });
+        }
+    }
+
+    // No order holds its slots.
+    private drop(piece: Piece): void {
+        this.pool.give(piece.runs);
+        piece.runs = [];
         piece.state = "away";
-        ++this.figures.cancelled;
+        this.figures.cancelled += piece.cancelled ? 1 : 0;
+        piece.cancelled = false;
     }
 
     private fetchMore(keep: Set<Piece>): void {
         const coming = this.pieces.filter((piece) => piece.state === "coming");
         const spare = this.pieces.filter((piece) => piece.state === "here" && !keep.has(piece));
-        let free = this.pool.available - coming.reduce((sum, piece) => sum + piece.count, 0);
         let soon = this.leaving.reduce((sum, { runs }) => sum + countOf(runs), 0);
+        soon += coming.reduce((sum, piece) => sum + (piece.cancelled ? piece.count : 0), 0);
         let under = coming.length;
         for (const piece of this.wanted) {
             if (piece.state !== "away") continue;
             if (under >= together) return;
-            while (free + soon < piece.count && spare.length > 0) soon += this.evict(spare.pop()!);
-            if (free < piece.count) return; // the next order frees the rest
-            free -= piece.count;
+            while (this.pool.available + soon < piece.count && spare.length > 0) soon += this.evict(spare.pop()!);
+            if (this.pool.available < piece.count) return; // the next order frees the rest
             ++under;
-            void this.fetch(piece);
+            this.fetch(piece);
         }
     }
 
     // The slots stay taken until an order without them is drawn.
     private evict(piece: Piece): number {
         this.send({ type: "remove", piece: piece.id });
+        this.renderer.forget(piece.id);
         this.leaving.push({ runs: piece.runs, sequence: this.sequence + 1 });
         piece.runs = [];
         piece.state = "away";
@@ -158,52 +182,55 @@ export class Scene {
         if (left > 0) this.hereByCell.set(piece.cell, left);
         else this.hereByCell.delete(piece.cell);
         this.changed = true;
-        this.onChange();
+        this.onChange(false);
         return piece.count;
     }
 
-    private async fetch(piece: Piece): Promise<void> {
-        const abort = new AbortController();
-        piece.state = "coming";
-        piece.abort = abort;
-        try {
-            const first = this.dataset.cells[piece.cell].first + piece.first;
-            const { data, coefficients } = await this.dataset.records(first, piece.count, abort.signal);
-            if (!abort.signal.aborted) this.take(piece, data, coefficients);
-        } catch (error) {
-            if (isAbort(error) || abort.signal.aborted) return;
-            piece.state = "away";
-            abort.abort(); // of two files the other one is still being fetched
-            if (!this.failed) {
-                this.failed = true;
-                this.onError(error);
-            }
-        }
-    }
-
-    private take(piece: Piece, data: ArrayBuffer, coefficients: ArrayBuffer | undefined): void {
-        const begin = performance.now();
+    private fetch(piece: Piece): void {
         const runs = this.pool.take(piece.count);
         if (runs === undefined) throw new ViewError("The page lost count of its graphics memory. Load the page again.");
-        this.renderer.upload(runs, data, coefficients);
-        this.send({ type: "add", piece: piece.id, runs, records: data }, [data]);
-        piece.state = "here";
-        piece.abort = undefined;
+        const { owner, first } = this.city.cells[piece.cell];
+        piece.state = "coming";
         piece.runs = runs;
-        this.hereByCell.set(piece.cell, (this.hereByCell.get(piece.cell) ?? 0) + 1);
-        this.figures.loaded += piece.count;
-        this.figures.uploaded += piece.count;
-        this.figures.mainMilliseconds += performance.now() - begin;
-        this.figures.fetchedBytes = this.dataset.source.fetched;
-        this.changed = true;
-        this.fetchMore(new Set(this.wanted));
-        this.onChange();
+        this.send({ type: "fetch", piece: piece.id, owner, first: first + piece.first, count: piece.count, runs });
     }
+
+    // Puts what has arrived into the graphics memory, a little in one turn, as soon as the card has taken what came before: waiting
+    // for it would keep the page from everything else.
+    private upload(): void {
+        if (this.ended || this.arrived.length === 0) return;
+        if (!this.renderer.hasTaken()) {
+            this.pause ||= window.setTimeout(() => {
+                this.pause = 0;
+                this.upload();
+            }, pausing);
+            return;
+        }
+        const begin = performance.now();
+        for (let left = uploading; left > 0 && this.arrived.length > 0; ) {
+            const { piece, split } = this.arrived.shift()!;
+            left -= piece.count;
+            this.renderer.upload(piece.id, this.city.cells[piece.cell].owner, piece.runs, split);
+            this.send({ type: "show", piece: piece.id });
+            piece.state = "here";
+            piece.cancelled = false;
+            this.hereByCell.set(piece.cell, (this.hereByCell.get(piece.cell) ?? 0) + 1);
+            this.figures.loaded += piece.count;
+            this.figures.uploaded += piece.count;
+        }
+        this.renderer.endUpload();
+        this.changed = true;
+        if (!this.failed) this.fetchMore(new Set(this.wanted));
+        this.figures.mainMilliseconds += performance.now() - begin;
+        this.onChange(false);
+        this.upload();
+    }
+    private pause = 0;
 
     // Fetching goes on after a failure.
     retry(): void {
         this.failed = false;
-        this.onChange();
+        this.onChange(true);
     }
 
     // False while the picture before is still being drawn.
@@ -211,33 +238,50 @@ export class Scene {
         return this.renderer.ready();
     }
 
-    // Draws; true when the picture is final as far as its colours go.
-    draw(view: View, look: Look, layers: number): boolean {
-        return this.renderer.draw(view, look, layers);
+    // Draws; true when the picture is final as far as its colours go. Besides new splats, `most` splats get the colours of this eye.
+    draw(view: View, look: Look, most: number): boolean {
+        return this.renderer.draw(view, look, most);
     }
 
     private sortKey(view: View): string {
         return this.byDepth ? [...view.eye, ...view.forward].join() : view.eye.join();
     }
 
-    // Asks for the order of this view, unless it is there or another one is being made.
-    sort(view: View): void {
+    // Asks for the order of this view, unless it is there or another one is being made. New pieces wait for each other a moment, but
+    // for the first ones: gives the milliseconds until then, else 0.
+    sort(view: View, now: number): number {
         const wantedFor = this.sortKey(view);
-        if (this.sorting || (!this.changed && wantedFor === this.sortedFor)) return;
+        if (this.sorting || (!this.changed && wantedFor === this.sortedFor)) return 0;
+        const more = this.pieces.some(({ state }) => state === "coming");
+        const early = this.sortedAt + gathering - now;
+        if (wantedFor === this.sortedFor && more && this.figures.drawn > 0 && early > 0) return early;
         this.sorting = true;
         this.changed = false;
         this.sortedFor = wantedFor;
+        this.sortedAt = now;
         const order = this.order;
         this.order = undefined;
         const along = this.byDepth ? view.forward : undefined;
         this.send({ type: "sort", sequence: ++this.sequence, eye: view.eye, along, order }, order === undefined ? [] : [order]);
+        return 0;
     }
 
     private receive(reply: Reply): void {
         if (this.ended) return;
         switch (reply.type) {
-            case "added":
-                this.widen(reply.min[2], reply.max[2]);
+            case "fetched":
+                this.fetched(this.pieces[reply.piece], reply.split, reply.box);
+                this.figures.fetchedBytes = reply.bytes;
+                break;
+            case "dropped":
+                this.drop(this.pieces[reply.piece]);
+                if (!this.failed) this.fetchMore(new Set(this.wanted));
+                this.onChange(false);
+                break;
+            case "failed":
+                this.drop(this.pieces[reply.piece]);
+                if (!this.failed) this.onError(reply.known ? new ViewError(reply.text) : new Error(reply.text));
+                this.failed = true;
                 break;
             case "sorted":
                 this.sorted(reply.order, reply.count, reply.sequence);
@@ -250,8 +294,12 @@ export class Scene {
         }
     }
 
-    private widen(low: number, high: number): void {
-        this.heights = [Math.min(this.heights[0], low), Math.max(this.heights[1], high)];
+    private fetched(piece: Piece, split: Split, box: Box): void {
+        const heights = this.heights[this.city.cells[piece.cell].owner];
+        heights[0] = Math.min(heights[0], box.min[2]);
+        heights[1] = Math.max(heights[1], box.max[2]);
+        this.arrived.push({ piece, split });
+        this.upload();
     }
 
     private sorted(order: ArrayBuffer, count: number, sequence: number): void {
@@ -263,27 +311,28 @@ export class Scene {
         while (this.leaving.length > 0 && this.leaving[0].sequence <= sequence) this.pool.give(this.leaving.shift()!.runs);
         if (!this.failed) this.fetchMore(new Set(this.wanted));
         this.figures.mainMilliseconds += performance.now() - begin;
-        this.onChange();
+        this.onChange(true);
     }
 
-    // The splat under the pointer, as the dataset has it.
+    // The splat under the pointer, as its dataset has it.
     async pick(ray: Ray): Promise<Picked | undefined> {
         const reply = await this.ask((token) => ({ type: "pick", token, ray }));
         if (reply.type !== "picked" || reply.hit === undefined) return undefined;
         const { piece: id, slot, normals } = reply.hit;
         const piece = this.pieces[id];
         if (piece.state !== "here") return undefined;
-        const { record, coefficients } = this.renderer.readBack(slot);
+        const cell = this.city.cells[piece.cell];
+        const { dequantiser, meta } = this.city.datasets[cell.owner];
+        const { record, coefficients } = this.renderer.readBack(slot, meta.coefficientSize > 0);
         const view = new DataView(record);
         if (coefficients !== undefined) view.setUint32(recordSize - 4, normals ?? 0, true);
-        const cell = this.dataset.cells[piece.cell];
         const number = piece.first + reply.hit.number;
-        const splat = this.dataset.dequantiser.splat(view, coefficients && new DataView(coefficients));
-        return { cellKey: cell.key, number, record: cell.first + number, splat };
+        const splat = dequantiser.splat(view, coefficients && new DataView(coefficients));
+        return { owner: cell.owner, cellKey: cell.key, number, record: cell.first + number, splat };
     }
 
     // The box of the splats that are here, but for a few that fly far outside.
-    async frame(): Promise<{ min: Triple; max: Triple } | undefined> {
+    async frame(): Promise<Box | undefined> {
         const reply = await this.ask((token) => ({ type: "frame", token }));
         return reply.type === "framed" ? reply.box : undefined;
     }
@@ -303,7 +352,6 @@ export class Scene {
     // Ends fetches and the worker, and gives the memory back.
     end(): void {
         this.ended = true;
-        for (const piece of this.pieces) piece.abort?.abort();
         this.worker.terminate();
         this.renderer.free();
     }

@@ -2,7 +2,8 @@
 //
 // Texture arrays: `first` holds the first half of a record (x y z, colour and opacity), `second` the second half (scale, rotation,
 // normal), `harmonics` 15 words of coefficients side by side. With coefficients, the last word of `second` (normal y and z) is
-// replaced by the colour as seen from the eye.
+// replaced by the colour as seen from the eye. In `byteValues`, `ranges` and `eyes` each dataset has a row: what its bytes mean,
+// its ranges, and the eye as its positions see it, as a sum of two singles.
 
 const header = `#version 300 es
 precision highp float;
@@ -10,26 +11,27 @@ precision highp int;
 precision highp usampler2DArray;
 precision highp sampler2D;
 uniform usampler2DArray first;
-uniform ivec2 shape; // rows and columns of a layer
+uniform ivec2 shape; // columns and rows of a layer
 uniform sampler2D byteValues; // of red, green, blue and opacity
-uniform vec3 eyeHigh; // the eye as a sum of two singles
-uniform vec3 eyeLow;
-vec4 valuesOf(uint word) {
-    return vec4(texelFetch(byteValues, ivec2(word & 255u, 0), 0).r, texelFetch(byteValues, ivec2((word >> 8) & 255u, 0), 0).g,
-                texelFetch(byteValues, ivec2((word >> 16) & 255u, 0), 0).b, texelFetch(byteValues, ivec2(word >> 24, 0), 0).a);
+uniform sampler2D ranges;
+uniform sampler2D eyes;
+ivec3 placeOf(int slot) { return ivec3(slot % shape.x, (slot / shape.x) % shape.y, slot / (shape.x * shape.y)); }
+vec4 valuesOf(uint word, int row) {
+    return vec4(texelFetch(byteValues, ivec2(word & 255u, row), 0).r, texelFetch(byteValues, ivec2((word >> 8) & 255u, row), 0).g,
+                texelFetch(byteValues, ivec2((word >> 16) & 255u, row), 0).b, texelFetch(byteValues, ivec2(word >> 24, row), 0).a);
 }
-vec3 fromEye(uvec4 texel) { return (uintBitsToFloat(texel.xyz) - eyeHigh) - eyeLow; }
+vec3 fromEye(uvec4 texel, int row) {
+    return (uintBitsToFloat(texel.xyz) - texelFetch(eyes, ivec2(0, row), 0).xyz) - texelFetch(eyes, ivec2(1, row), 0).xyz;
+}
 `;
 
 export const splatVertex = `${header}
-layout(location = 0) in uint slot;
+layout(location = 0) in uint marked; // the slot in the lower bits, the dataset above
+uniform int slotBits;
 uniform usampler2DArray second;
 uniform mat3 turn; // to the camera's right, up and forward
 uniform vec2 size; // of the picture, pixels
 uniform float focal; // pixels
-uniform vec3 scaleMin;
-uniform vec3 scaleSpan;
-uniform bool evaluated; // the colour is in the second texel
 uniform float pointSize; // pixels; 0 draws Gaussians
 flat out vec4 colour;
 out vec2 place;
@@ -38,11 +40,11 @@ const float nearest = 0.2;
 const float blurring = 0.3; // variance in pixels: small splats do not fall between pixels
 const vec4 hidden = vec4(0.0, 0.0, 2.0, 1.0);
 
-vec3 scaleOf(uvec4 texel) {
+vec3 scaleOf(uvec4 texel, vec3 least, vec3 span) {
     uvec3 q = uvec3(texel.x & 65535u, texel.x >> 16, texel.y & 65535u);
     vec3 t = (vec3(q) + 0.5) / 65535.5;
     vec3 last = vec3((65535.0 / 65535.5 + 1.0) * 0.5);
-    return scaleMin + mix(t, last, equal(q, uvec3(65535u))) * scaleSpan;
+    return least + mix(t, last, equal(q, uvec3(65535u))) * span;
 }
 mat3 axesOf(uint word) {
     uvec3 q = uvec3(word, word >> 10, word >> 20) & 1023u;
@@ -63,17 +65,18 @@ vec3 unpackColour(uint word) {
 }
 void main() {
     gl_Position = hidden;
-    int s = int(slot);
-    ivec3 at = ivec3((s / shape.x) % shape.y, s % shape.x, s / (shape.x * shape.y));
+    int row = int(marked >> slotBits);
+    ivec3 at = placeOf(int(marked & ((1u << slotBits) - 1u)));
     uvec4 one = texelFetch(first, at, 0);
-    vec3 view = turn * fromEye(one);
-    vec4 values = valuesOf(one.w);
+    vec3 view = turn * fromEye(one, row);
+    vec4 values = valuesOf(one.w, row);
     if (!(view.z >= nearest) || values.a < leastAlpha) return;
     vec2 corner = vec2(gl_VertexID & 1, gl_VertexID >> 1) * 2.0 - 1.0;
     vec2 tangent = view.xy / view.z;
     vec2 centre = focal * tangent;
     uvec4 two = texelFetch(second, at, 0);
-    colour = vec4(evaluated ? unpackColour(two.w) : values.rgb, values.a);
+    vec4 scaleMin = texelFetch(ranges, ivec2(0, row), 0);
+    colour = vec4(scaleMin.w > 0.0 ? unpackColour(two.w) : values.rgb, values.a);
     if (pointSize > 0.0) {
         place = vec2(0.0);
         gl_Position = vec4((centre + corner * 0.5 * pointSize) * 2.0 / size, 0.0, 1.0);
@@ -82,7 +85,7 @@ void main() {
     // The perspective is taken as linear over a splat. Far beside the picture it is not, and would smear splats over all of it.
     vec2 limit = 1.3 * 0.5 * size / focal;
     vec2 bent = clamp(tangent, -limit, limit);
-    vec3 extent = scaleOf(two);
+    vec3 extent = scaleOf(two, scaleMin.xyz, texelFetch(ranges, ivec2(1, row), 0).xyz);
     mat3 axes = axesOf((two.y >> 16) | (two.z << 16));
     vec3 c = vec3(blurring, 0.0, blurring); // covariance: xx, xy, yy
     for (int i = 0; i < 3; ++i) {
@@ -127,10 +130,8 @@ void main() {
 // Runs once a splat: a fragment is a slot of `second`. Colours get 11, 11 and 10 bits over 0 to 2.
 export const colourFragment = `${header}
 uniform usampler2DArray harmonics;
-uniform ivec2 harmonicShape;
 uniform int layer;
-uniform vec3 coefficientMin;
-uniform vec3 coefficientSpan;
+uniform int owner; // the dataset
 out uvec4 result;
 vec3 coefficient(ivec3 at, int k) {
     uint word = texelFetch(harmonics, ivec3(at.x + k, at.yz), 0).r;
@@ -138,16 +139,15 @@ vec3 coefficient(ivec3 at, int k) {
     const vec3 factor = vec3(2047.5, 1023.5, 2047.5);
     const vec3 most = vec3(2047.0, 1023.0, 2047.0);
     vec3 t = mix((vec3(q) + 0.5) / factor, (most / factor + 1.0) * 0.5, equal(q, uvec3(most)));
-    return coefficientMin + t * coefficientSpan;
+    return texelFetch(ranges, ivec2(2, owner), 0).xyz + t * texelFetch(ranges, ivec2(3, owner), 0).xyz;
 }
 void main() {
-    ivec2 cell = ivec2(gl_FragCoord.xy);
-    int s = (layer * shape.y + cell.x) * shape.x + cell.y;
-    uvec4 one = texelFetch(first, ivec3(cell, layer), 0);
-    vec3 d = normalize(fromEye(one));
-    ivec3 at = ivec3((s / harmonicShape.x) % harmonicShape.y * 15, s % harmonicShape.x, s / (harmonicShape.x * harmonicShape.y));
+    ivec3 place = ivec3(ivec2(gl_FragCoord.xy), layer);
+    uvec4 one = texelFetch(first, place, 0);
+    vec3 d = normalize(fromEye(one, owner));
+    ivec3 at = ivec3(15 * place.x, place.yz);
     float x = d.x, y = d.y, z = d.z, xx = x * x, yy = y * y, zz = z * z;
-    vec3 c = valuesOf(one.w).rgb;
+    vec3 c = valuesOf(one.w, owner).rgb;
     c += -0.4886025119 * y * coefficient(at, 0) + 0.4886025119 * z * coefficient(at, 1) - 0.4886025119 * x * coefficient(at, 2);
     c += 1.0925484306 * x * y * coefficient(at, 3) - 1.0925484306 * y * z * coefficient(at, 4);
     c += 0.3153915653 * (2.0 * zz - xx - yy) * coefficient(at, 5) - 1.0925484306 * x * z * coefficient(at, 6);

@@ -57,46 +57,57 @@ export class SlotPool {
     }
 }
 
-// How slots lie in a texture array: down the rows of a column, then column by column, then layer by layer. Columns, since the
-// upload of a run then picks a part of every record by its row length.
+// A drawn splat is named by one word: its slot in the lower bits, and above them the number of its dataset.
+export function slotBits(capacity: number): number {
+    return 32 - Math.clz32(Math.max(1, capacity - 1));
+}
+
+export function mostDatasets(capacity: number): number {
+    return 2 ** (32 - slotBits(capacity));
+}
+
+// How slots lie in a texture array: along the columns of a row, then row by row, then layer by layer.
 export interface Shape {
-    rows: number;
     columns: number;
+    rows: number;
     layers: number;
 }
 
 // The shape that wastes the fewest slots.
-export function shapeFor(capacity: number, mostRows: number, mostColumns: number): Shape {
+export function shapeFor(capacity: number, mostColumns: number, mostRows: number): Shape {
     const layers = Math.ceil(capacity / (mostRows * mostColumns));
     const each = Math.ceil(capacity / layers);
-    let best = { rows: Math.min(mostRows, each), waste: Infinity };
-    for (let rows = best.rows; rows >= Math.max(1, mostRows >> 1) && best.waste > 0; --rows) {
-        const columns = Math.ceil(each / rows);
+    let best = { columns: Math.min(mostColumns, each), waste: Infinity };
+    for (let columns = best.columns; columns >= Math.max(1, mostColumns >> 1) && best.waste > 0; --columns) {
+        const rows = Math.ceil(each / columns);
         const waste = columns * rows - each;
-        if (columns <= mostColumns && waste < best.waste) best = { rows, waste };
+        if (rows <= mostRows && waste < best.waste) best = { columns, waste };
     }
-    return { rows: best.rows, columns: Math.ceil(each / best.rows), layers };
+    return { columns: best.columns, rows: Math.ceil(each / best.columns), layers };
 }
 
 export interface Block {
     layer: number;
     column: number;
     row: number;
-    count: number; // rows
+    columns: number; // how many of them
+    rows: number;
     first: number; // how many slots of the run lie before
 }
 
-// A run cut where a column ends.
-export function blocksOf(run: Run, shape: Shape): Block[] {
+// A run as rectangles: what is left of a row, whole rows, and the begin of a last one.
+export function blocksOf(run: Run, { columns, rows }: Shape): Block[] {
     const blocks: Block[] = [];
     for (let done = 0; done < run.count; ) {
         const slot = run.start + done;
-        const row = slot % shape.rows;
-        const column = Math.floor(slot / shape.rows);
-        const count = Math.min(shape.rows - row, run.count - done);
-        const layer = Math.floor(column / shape.columns);
-        blocks.push({ layer, column: column % shape.columns, row, count, first: done });
-        done += count;
+        const left = run.count - done;
+        const [column, line] = [slot % columns, Math.floor(slot / columns)];
+        const [row, layer] = [line % rows, Math.floor(line / rows)];
+        const whole = column === 0 && left >= columns;
+        const width = whole ? columns : Math.min(columns - column, left);
+        const height = whole ? Math.min(rows - row, Math.floor(left / columns)) : 1;
+        blocks.push({ layer, column, row, columns: width, rows: height, first: done });
+        done += width * height;
     }
     return blocks;
 }

@@ -1,37 +1,15 @@
-// What the page and its worker say to each other, and the worker's work: it knows every splat's position and says in which
-// order they are drawn, which one is under the pointer, and what a picture of the scene should show.
+// The worker's order: it knows every splat's position and says in which order they are drawn, which one is under the pointer,
+// and what a picture of the scene should show.
 import type { Triple } from "./format.ts";
-import type { Run } from "./slots.ts";
-
-export interface Ray {
-    eye: Triple;
-    right: Triple;
-    up: Triple;
-    forward: Triple;
-    x: number; // tangents to the right and up
-    y: number;
-    radius: number; // tangent within which a splat counts as hit
-}
-
-export type Request =
-    | { type: "reset"; capacity: number; keepNormals: boolean }
-    | { type: "add"; piece: number; runs: Run[]; records: ArrayBuffer }
-    | { type: "remove"; piece: number }
-    | { type: "sort"; sequence: number; eye: Triple; along: Triple | undefined; order: ArrayBuffer | undefined }
-    | { type: "pick"; token: number; ray: Ray }
-    | { type: "frame"; token: number };
-
-export type Reply =
-    | { type: "added"; piece: number; min: Triple; max: Triple }
-    | { type: "sorted"; sequence: number; order: ArrayBuffer; count: number; milliseconds: number }
-    | { type: "picked"; token: number; hit: { piece: number; number: number; slot: number; normals: number | undefined } | undefined }
-    | { type: "framed"; token: number; box: { min: Triple; max: Triple } | undefined };
+import type { Box, Hit, Ray } from "./messages.ts";
+import { type Run, slotBits } from "./slots.ts";
 
 interface Piece {
     runs: Run[];
     min: Triple;
     max: Triple;
     step: Triple;
+    mark: number; // the dataset's number, above the bits of a slot
 }
 
 // What is sorted by: the square of the depth along the first three, plus the last times the square of the distance.
@@ -53,7 +31,8 @@ export class Sorter {
     private readonly low: Uint32Array; // x, and 11 bits of y
     private readonly high: Uint32Array; // 10 bits of y, and z
     private readonly normals: Uint32Array | undefined; // y and z of the normal, which the graphics memory gives up
-    private readonly pieces = new Map<number, Piece>();
+    private readonly pieces = new Map<number, Piece>(); // that are drawn
+    private readonly hidden = new Map<number, Piece>(); // that are not in the graphics memory yet
     private readonly histogram = new Uint32Array(buckets + 1);
 
     constructor(
@@ -69,7 +48,9 @@ export class Sorter {
         return this.low.byteLength + this.high.byteLength + (this.normals?.byteLength ?? 0);
     }
 
-    add(id: number, runs: Run[], records: ArrayBuffer): { min: Triple; max: Triple } {
+    // Takes the positions of a dataset's records, which `shift` moves to those of the map. Gives their box on the map. The piece
+    // counts from `show` on.
+    add(id: number, owner: number, shift: Triple, runs: Run[], records: ArrayBuffer): Box {
         const values = new Float32Array(records);
         const words = new Uint32Array(records);
         const { min, max } = boxOf(values);
@@ -77,36 +58,45 @@ export class Sorter {
         let at = 0;
         for (const run of runs) {
             for (let slot = run.start; slot < run.start + run.count; ++slot, at += 8) {
-                const x = place(values[at], min[0], step[0], most[0]);
-                const y = place(values[at + 1], min[1], step[1], most[1]);
-                const z = place(values[at + 2], min[2], step[2], most[2]);
+                const x = stepOf(values[at], min[0], step[0], most[0]);
+                const y = stepOf(values[at + 1], min[1], step[1], most[1]);
+                const z = stepOf(values[at + 2], min[2], step[2], most[2]);
                 this.low[slot] = (x | (y << 21)) >>> 0;
                 this.high[slot] = ((y >>> 11) | (z << 10)) >>> 0;
                 if (this.normals !== undefined) this.normals[slot] = words[at + 7];
             }
         }
-        this.pieces.set(id, { runs, min, max, step });
-        return { min, max };
+        const box = { min: min.map((v, i) => v + shift[i]) as Triple, max: max.map((v, i) => v + shift[i]) as Triple };
+        this.hidden.set(id, { runs, ...box, step, mark: owner * 2 ** slotBits(this.capacity) });
+        return box;
+    }
+
+    show(id: number): void {
+        const piece = this.hidden.get(id);
+        if (piece === undefined) return;
+        this.hidden.delete(id);
+        this.pieces.set(id, piece);
     }
 
     remove(id: number): void {
+        this.hidden.delete(id);
         this.pieces.delete(id);
     }
 
-    // Slots of all pieces, from the farthest to the nearest: a counting sort on the distance, or on the depth along a direction.
+    // Slots of all pieces, marked with their datasets, from the farthest to the nearest: a counting sort on the distance, or on the depth along a direction.
     sort(eye: Triple, along: Triple | undefined, buffer: ArrayBuffer | undefined): { order: Uint32Array; count: number } {
         const order = new Uint32Array(buffer ?? new ArrayBuffer(4 * this.capacity));
         const { least, scale } = this.keyScale(eye, along !== undefined);
         this.histogram.fill(0);
         const weights: Weights = along === undefined ? [0, 0, 0, 1] : [...along, 0];
-        for (const piece of this.pieces.values()) this.count(piece, eye, weights, least, scale);
+        for (const piece of this.pieces.values()) this.place(piece, eye, weights, least, scale, undefined);
         let sum = 0;
         for (let key = buckets - 1; key >= 0; --key) {
             const size = this.histogram[key];
             this.histogram[key] = sum;
             sum += size;
         }
-        for (const piece of this.pieces.values()) this.scatter(piece, eye, weights, least, scale, order);
+        for (const piece of this.pieces.values()) this.place(piece, eye, weights, least, scale, order);
         return { order, count: sum };
     }
 
@@ -130,12 +120,14 @@ export class Sorter {
         return { least, scale: (buckets - 1) / Math.max(1, bitsOf(far * 1.0001) - least) };
     }
 
-    // The two passes keep the distance's arithmetic in their loops: a call a splat would cost more than all the rest.
-    private count(piece: Piece, eye: Triple, [wx, wy, wz, all]: Weights, least: number, scale: number): void {
+    // Counts the splats of a piece in the histogram or, where there is an order, puts each where the histogram says. The distance's
+    // arithmetic stands in the loop: a call a splat would cost more than all the rest.
+    private place(piece: Piece, eye: Triple, [wx, wy, wz, all]: Weights, least: number, scale: number, order: Uint32Array | undefined): void {
         const { low, high, histogram } = this;
+        const { mark, runs } = piece;
         const [sx, sy, sz] = piece.step;
         const [ex, ey, ez] = [eye[0] - piece.min[0], eye[1] - piece.min[1], eye[2] - piece.min[2]];
-        for (const run of piece.runs) {
+        for (const run of runs) {
             for (let slot = run.start, end = run.start + run.count; slot < end; ++slot) {
                 const a = low[slot];
                 const b = high[slot];
@@ -145,26 +137,8 @@ export class Sorter {
                 const depth = x * wx + y * wy + z * wz;
                 single[0] = all * (x * x + y * y + z * z) + (depth > 0 ? depth * depth : 0);
                 const key = (bits[0] - least) * scale;
-                ++histogram[key > 0 ? (key < 65535 ? key | 0 : 65535) : 0];
-            }
-        }
-    }
-
-    private scatter(piece: Piece, eye: Triple, [wx, wy, wz, all]: Weights, least: number, scale: number, order: Uint32Array): void {
-        const { low, high, histogram } = this;
-        const [sx, sy, sz] = piece.step;
-        const [ex, ey, ez] = [eye[0] - piece.min[0], eye[1] - piece.min[1], eye[2] - piece.min[2]];
-        for (const run of piece.runs) {
-            for (let slot = run.start, end = run.start + run.count; slot < end; ++slot) {
-                const a = low[slot];
-                const b = high[slot];
-                const x = (a & 0x1fffff) * sx - ex;
-                const y = ((a >>> 21) | ((b & 0x3ff) << 11)) * sy - ey;
-                const z = (b >>> 10) * sz - ez;
-                const depth = x * wx + y * wy + z * wz;
-                single[0] = all * (x * x + y * y + z * z) + (depth > 0 ? depth * depth : 0);
-                const key = (bits[0] - least) * scale;
-                order[histogram[key > 0 ? (key < 65535 ? key | 0 : 65535) : 0]++] = slot;
+                const at = histogram[key > 0 ? (key < 65535 ? key | 0 : 65535) : 0]++;
+                if (order !== undefined) order[at] = mark + slot;
             }
         }
     }
@@ -180,9 +154,9 @@ export class Sorter {
     }
 
     // The splat nearest to the eye among those near the ray; near counts from the pointer's own pixel outwards.
-    pick(ray: Ray): { piece: number; number: number; slot: number; normals: number | undefined } | undefined {
+    pick(ray: Ray): Hit | undefined {
         let best = Infinity;
-        let hit: { piece: number; number: number; slot: number; normals: number | undefined } | undefined;
+        let hit: Hit | undefined;
         for (const [id, piece] of this.pieces) {
             let number = 0;
             for (const run of piece.runs) {
@@ -198,7 +172,7 @@ export class Sorter {
     }
 
     // The box of the middle 96 of 100 splats on each axis: a few that fly far outside do not count.
-    frame(): { min: Triple; max: Triple } | undefined {
+    frame(): Box | undefined {
         const total = [...this.pieces.values()].reduce((sum, piece) => sum + piece.runs.reduce((s, run) => s + run.count, 0), 0);
         if (total === 0) return undefined;
         const stride = Math.max(1, Math.floor(total / 20000));
@@ -217,12 +191,12 @@ export class Sorter {
     }
 }
 
-function place(value: number, min: number, step: number, limit: number): number {
+function stepOf(value: number, min: number, step: number, limit: number): number {
     const q = Math.round((value - min) / step);
     return q > 0 ? Math.min(q, limit) : 0;
 }
 
-function boxOf(values: Float32Array): { min: Triple; max: Triple } {
+function boxOf(values: Float32Array): Box {
     const min: Triple = [Infinity, Infinity, Infinity];
     const max: Triple = [-Infinity, -Infinity, -Infinity];
     for (let at = 0; at < values.length; at += 8) {

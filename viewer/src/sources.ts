@@ -1,9 +1,16 @@
 // Where a dataset's bytes come from: a web server that knows ranges, or files of a local folder.
 import { ViewError } from "./format.ts";
 
+// A source as it is sent to a worker, which makes one of its own of it.
+export type Description =
+    | { kind: "http"; base: string; name: string; tags: Map<string, string> }
+    | { kind: "folder"; name: string; files: Map<string, File> };
+
 export interface Source {
     readonly name: string; // shown to people
     fetched: number; // bytes so far
+    // What another thread needs for the same source.
+    description(): Description;
     // The size of a file in bytes, undefined when the source cannot say. Throws ViewError for a missing file.
     size(file: string): Promise<number | undefined>;
     // A whole small file. Throws ViewError when it is missing or longer than `most` bytes.
@@ -30,13 +37,19 @@ export class HttpSource implements Source {
     fetched = 0;
     readonly name: string;
     private readonly base: URL;
-    private readonly tags = new Map<string, string>(); // ETag of each file when it was opened
-
-    // `base` is the address of a folder.
-    constructor(base: URL, name: string) {
+    // `base` is the address of a folder. `tags` has the ETag of each file when it was opened.
+    constructor(
+        base: URL,
+        name: string,
+        private readonly tags = new Map<string, string>(),
+    ) {
         this.base = new URL(base);
         if (!this.base.pathname.endsWith("/")) this.base.pathname += "/";
         this.name = name;
+    }
+
+    description(): Description {
+        return { kind: "http", base: this.base.href, name: this.name, tags: this.tags };
     }
 
     async size(file: string): Promise<number | undefined> {
@@ -114,6 +127,10 @@ export class FolderSource implements Source {
         this.files = files;
     }
 
+    description(): Description {
+        return { kind: "folder", name: this.name, files: this.files };
+    }
+
     async size(file: string): Promise<number | undefined> {
         return this.file(file).size;
     }
@@ -147,4 +164,10 @@ export class FolderSource implements Source {
             throw new ViewError(`${name} cannot be read any more: it has changed since the folder was chosen. Choose it again.`);
         }
     }
+}
+
+export function sourceOf(description: Description): Source {
+    return description.kind === "http"
+        ? new HttpSource(new URL(description.base), description.name, description.tags)
+        : new FolderSource(description.name, description.files);
 }

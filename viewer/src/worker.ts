@@ -1,5 +1,7 @@
 // The worker's thread.
-import { type Reply, type Request, Sorter } from "./sorting.ts";
+import { Loader } from "./loading.ts";
+import type { Reply, Request } from "./messages.ts";
+import { Sorter } from "./sorting.ts";
 
 interface WorkerScope {
     onmessage: ((event: MessageEvent<Request>) => void) | null;
@@ -7,14 +9,22 @@ interface WorkerScope {
 }
 const scope = self as unknown as WorkerScope;
 let sorter = new Sorter(0, false);
+let loader = new Loader([], sorter);
 
 scope.onmessage = ({ data: request }) => {
     switch (request.type) {
         case "reset":
             sorter = new Sorter(request.capacity, request.keepNormals);
+            loader = new Loader(request.owners, sorter);
             break;
-        case "add":
-            scope.postMessage({ type: "added", piece: request.piece, ...sorter.add(request.piece, request.runs, request.records) });
+        case "fetch":
+            void loader.fetch(request).then(({ reply, transfer }) => scope.postMessage(reply, transfer));
+            break;
+        case "cancel":
+            loader.cancel(request.piece);
+            break;
+        case "show":
+            sorter.show(request.piece);
             break;
         case "remove":
             sorter.remove(request.piece);

@@ -1,0 +1,50 @@
+// What the page and its worker say to each other.
+import type { Triple } from "./format.ts";
+import type { Meta } from "./meta.ts";
+import type { Split } from "./records.ts";
+import type { Run } from "./slots.ts";
+import type { Description } from "./sources.ts";
+
+export interface Ray {
+    eye: Triple;
+    right: Triple;
+    up: Triple;
+    forward: Triple;
+    x: number; // tangents to the right and up
+    y: number;
+    radius: number; // tangent within which a splat counts as hit
+}
+
+// A dataset as the worker knows it.
+export interface Owner {
+    source: Description;
+    meta: Meta;
+    shift: Triple; // from its positions to the map's
+}
+
+export interface Hit {
+    piece: number;
+    number: number; // of the splat in its piece
+    slot: number;
+    normals: number | undefined;
+}
+
+export type Box = { min: Triple; max: Triple };
+
+export type Request =
+    | { type: "reset"; capacity: number; keepNormals: boolean; owners: Owner[] }
+    | { type: "fetch"; piece: number; owner: number; first: number; count: number; runs: Run[] } // answered once: fetched, dropped or failed
+    | { type: "cancel"; piece: number } // may come too late
+    | { type: "show"; piece: number } // its records are in the graphics memory
+    | { type: "remove"; piece: number }
+    | { type: "sort"; sequence: number; eye: Triple; along: Triple | undefined; order: ArrayBuffer | undefined }
+    | { type: "pick"; token: number; ray: Ray }
+    | { type: "frame"; token: number };
+
+export type Reply =
+    | { type: "fetched"; piece: number; split: Split; box: Box; bytes: number } // bytes: of all so far
+    | { type: "dropped"; piece: number }
+    | { type: "failed"; piece: number; text: string; known: boolean } // known: a ViewError
+    | { type: "sorted"; sequence: number; order: ArrayBuffer; count: number; milliseconds: number }
+    | { type: "picked"; token: number; hit: Hit | undefined }
+    | { type: "framed"; token: number; box: Box | undefined };
