@@ -1,5 +1,6 @@
 #include "program/commands/view_command.h"
 
+#include "program/commands/viewed_datasets.h"
 #include "program/serve/content.h"
 #include "program/serve/page.h"
 #include "program/serve/server.h"
@@ -13,8 +14,11 @@
 
 #include <cstdint>
 #include <fstream>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Tavrin::SplatProgram {
@@ -23,7 +27,8 @@ namespace {
 namespace fs = std::filesystem;
 
 struct ViewOptions {
-    std::vector<std::string> datasets;
+    std::vector<std::string> words; // folders and catalogues
+    std::optional<std::int32_t> epsg;
     std::uint16_t port = 0;
     bool noOpen = false;
     std::string page; // the file of --write-html; empty without it
@@ -31,12 +36,12 @@ struct ViewOptions {
 };
 
 // Another file in a dataset's folder would keep the next conversion from replacing the dataset.
-void checkPage(const ViewOptions& options) {
+void checkPage(const ViewOptions& options, const std::vector<ServedDataset>& datasets) {
     checkTargetFile(options.page, options.force);
     const fs::path target = pathFromText(options.page);
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    for (const std::string& dataset : options.datasets) {
-        if (identityOf(folder) == identityOf(pathFromText(dataset))) {
+    for (const ServedDataset& dataset : datasets) {
+        if (identityOf(folder) == identityOf(pathFromText(dataset.folder))) {
             throw Failure(ExitStatus::outputRefused,
                           fmt::format("{}: the dataset itself is in this folder: write the page beside it",
                                       options.page));
@@ -44,11 +49,8 @@ void checkPage(const ViewOptions& options) {
     }
 }
 
-ExitStatus writePage(const ViewOptions& options) {
-    for (const std::string& dataset : options.datasets) {
-        requireSoundDataset(dataset);
-    }
-    checkPage(options);
+ExitStatus writePage(const ViewOptions& options, const std::vector<ServedDataset>& datasets) {
+    checkPage(options, datasets);
     PartialFile partial(pathFromText(options.page));
     std::ofstream file(partial.path(), std::ios::binary);
     file << pageText();
@@ -62,10 +64,13 @@ ExitStatus writePage(const ViewOptions& options) {
     return ExitStatus::done;
 }
 
-ExitStatus serve(const ViewOptions& options) {
-    const Content content = Content::ofDatasets(options.datasets);
+ExitStatus serve(const ViewOptions& options, ViewedDatasets viewed) {
+    const Content content = Content::ofDatasets(std::move(viewed.datasets));
     Server server(content, options.port);
     const std::string address = fmt::format("http://127.0.0.1:{}/", server.port());
+    if (!viewed.remark.empty()) {
+        reportWarning(viewed.remark);
+    }
     fmt::print("{}\n", address);
     if (!finishStandardOutput()) {
         return ExitStatus::done; // the program's end reports it
@@ -78,21 +83,26 @@ ExitStatus serve(const ViewOptions& options) {
 }
 
 ExitStatus runView(const ViewOptions& options) {
-    for (const std::string& dataset : options.datasets) {
-        requireWord(dataset, "OUT", "a folder");
-        requireFolder(dataset);
-    }
+    allowManyFiles();
+    ViewedDatasets viewed = datasetsToView(options.words, options.epsg);
     catchInterrupts();
-    return options.page.empty() ? serve(options) : writePage(options);
+    return options.page.empty() ? serve(options, std::move(viewed)) : writePage(options, viewed.datasets);
 }
 
 } // namespace
 
 void addViewCommand(CLI::App& program, Action& chosen) {
     CLI::App* command = program.add_subcommand("view", "Show datasets in the browser");
-    command->footer(std::string("Example:\n  plyconvert view town\n\n") + exitStatusTable);
+    command->footer(std::string("Examples:\n  plyconvert view town\n  plyconvert view city.json\n\n") +
+                    exitStatusTable);
     auto options = std::make_shared<ViewOptions>();
-    command->add_option("OUT", options->datasets, "the datasets' folders")->required();
+    command
+        ->add_option("OUT", options->words,
+                     "the datasets' folders, or catalogues of them; those of one EPSG code are one map")
+        ->required();
+    command->add_option("--epsg", options->epsg, "show the datasets of this code alone, 0 for those without")
+        ->type_name("N")
+        ->check(CLI::Range(0, std::numeric_limits<std::int32_t>::max()).description(""));
     constexpr int largestPort = 65535;
     CLI::Option* const port =
         command->add_option("--port", options->port, "serve at this port (default: a free one)")

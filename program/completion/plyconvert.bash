@@ -19,7 +19,7 @@ _plyconvert() {
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     export) options='--cell --force --quiet --help' ;;
     catalogue) options='--base --datetime --force --quiet --help' ;;
-    view) options='--port --no-open --write-html --force --help' ;;
+    view) options='--epsg --port --no-open --write-html --force --help' ;;
     picture) options='--gsd --size --box --background --threads --force --quiet --help' ;;
     esac
     ((COMP_CWORD > 1)) || options+=' --version'

@@ -40,10 +40,19 @@ std::string nameOf(const std::string& folder) {
     return error || name.empty() ? folder : name;
 }
 
-std::string listOf(const std::vector<std::string>& folders) {
+std::string listOf(const std::vector<ServedDataset>& datasets) {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
-    for (std::size_t i = 0; i < folders.size(); ++i) {
-        list.push_back({{"name", nameOf(folders[i])}, {"base", fmt::format("data/{}/", i)}});
+    for (const ServedDataset& dataset : datasets) {
+        nlohmann::ordered_json entry;
+        entry["name"] = dataset.name;
+        entry["base"] = fmt::format("data/{}/", list.size());
+        if (!dataset.map.empty()) {
+            entry["map"] = dataset.map;
+        }
+        if (dataset.box) {
+            entry["box"] = *dataset.box;
+        }
+        list.push_back(std::move(entry));
     }
     return list.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
@@ -59,23 +68,52 @@ std::optional<StampedFile> openFile(const fs::path& path) {
     return file;
 }
 
-} // namespace
-
-void requireSoundDataset(const std::string& folder) {
+// The EPSG code. Throws a Failure with the first finding of the quick check.
+std::int32_t requireSoundDataset(const std::string& folder) {
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(pathFromText(folder));
-    if (!report.sound()) {
+    if (!report.sound() || !report.meta) {
         throw Failure(ExitStatus::inputRefused,
                       fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)", folder,
                                   report.findings.errors().front().text()));
     }
+    return report.meta->epsg;
 }
 
-Content Content::ofDatasets(const std::vector<std::string>& folders) {
+} // namespace
+
+// The files are opened first, checked by their names, and must then still be the ones of these names: another
+// dataset may take the folder at any moment.
+ServedDataset ServedDataset::open(const std::string& folder) {
+    std::array<std::optional<StampedFile>, datasetFiles.size()> files;
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        files[i] = openFile(pathFromText(folder) / datasetFiles[i]);
+    }
+    ServedDataset dataset;
+    dataset.folder = folder;
+    dataset.name = nameOf(folder);
+    dataset.epsg = requireSoundDataset(folder);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::optional<FileIdentity> named = identityOf(pathFromText(folder) / datasetFiles[i]);
+        const bool isSame =
+            files[i] ? named == files[i]->stamp().identity && files[i]->isUnchanged() : !named;
+        if (!isSame) {
+            throw Failure(
+                ExitStatus::inputRefused,
+                fmt::format("{}: {} was replaced while it was checked: try again", folder, datasetFiles[i]));
+        }
+        if (files[i]) {
+            dataset.files.emplace_back(datasetFiles[i], std::move(*files[i]));
+        }
+    }
+    return dataset;
+}
+
+Content Content::ofDatasets(std::vector<ServedDataset> datasets) {
     Content content;
     content.addText("/", "the page", "text/html; charset=utf-8", pageText(), pageGzip());
-    content.addText("/datasets.json", "the list of datasets", "application/json", listOf(folders));
-    for (std::size_t i = 0; i < folders.size(); ++i) {
-        content.addDataset(folders[i], fmt::format("/data/{}/", i));
+    content.addText("/datasets.json", "the list of datasets", "application/json", listOf(datasets));
+    for (std::size_t i = 0; i < datasets.size(); ++i) {
+        content.addDataset(std::move(datasets[i]), fmt::format("/data/{}/", i));
     }
     return content;
 }
@@ -92,33 +130,15 @@ void Content::addText(const std::string& path, std::string name, std::string typ
                                       std::move(gzip), std::nullopt});
 }
 
-// The files are opened first, checked by their names, and must then still be the ones of these names: another
-// dataset may take the folder at any moment.
-void Content::addDataset(const std::string& folder, const std::string& base) {
-    std::array<std::optional<StampedFile>, datasetFiles.size()> files;
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        files[i] = openFile(pathFromText(folder) / datasetFiles[i]);
-    }
-    requireSoundDataset(folder);
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        const std::optional<FileIdentity> named = identityOf(pathFromText(folder) / datasetFiles[i]);
-        const bool isSame =
-            files[i] ? named == files[i]->stamp().identity && files[i]->isUnchanged() : !named;
-        if (!isSame) {
-            throw Failure(
-                ExitStatus::inputRefused,
-                fmt::format("{}: {} was replaced while it was checked: try again", folder, datasetFiles[i]));
-        }
-        if (files[i]) {
-            std::string tag = tagOfFile(files[i]->stamp());
-            resources_.emplace(base + std::string(datasetFiles[i]),
-                               Resource{fmt::format("{} of {}", datasetFiles[i], folder),
-                                        "application/octet-stream",
-                                        std::move(tag),
-                                        {},
-                                        {},
-                                        std::move(files[i])});
-        }
+void Content::addDataset(ServedDataset dataset, const std::string& base) {
+    for (auto& [name, file] : dataset.files) {
+        std::string tag = tagOfFile(file.stamp());
+        resources_.emplace(base + name, Resource{fmt::format("{} of {}", name, dataset.folder),
+                                                 "application/octet-stream",
+                                                 std::move(tag),
+                                                 {},
+                                                 {},
+                                                 std::move(file)});
     }
 }
 

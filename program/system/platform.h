@@ -49,6 +49,9 @@ std::error_code checkWritable(const std::filesystem::path& folder);
 // No error when this process may read the file.
 std::error_code checkReadable(const std::filesystem::path& file);
 
+// Lets this process have as many files open as the system allows it, where that is more than it has now.
+void allowManyFiles();
+
 // Bytes of memory that a process started now can take without swapping: what the machine has free or can free
 // at once, the limits of the control group and of the process counted in.
 std::uint64_t availableMemory();

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,6 +92,14 @@ bool isMountPoint(const std::filesystem::path& folder) {
 
 std::error_code checkWritable(const std::filesystem::path& folder) {
     return ::access(folder.c_str(), W_OK | X_OK) == 0 ? std::error_code() : lastError();
+}
+
+void allowManyFiles() {
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit)); // else it stays as it was
+    }
 }
 
 std::error_code checkReadable(const std::filesystem::path& file) {

@@ -347,7 +347,7 @@ TEST_F(ViewServer, AnswersAtBothAddresses) {
 }
 
 TEST_F(ViewServer, RefusesAPortThatIsTaken) {
-    const Content content = Content::ofDatasets({folder});
+    const Content content = Serving::contentOf({folder});
     try {
         const Server second(content, server.port());
         FAIL() << "two servers at one port";
@@ -361,7 +361,7 @@ TEST_F(ViewServer, RefusesAPortThatIsTaken) {
 TEST_F(ViewServer, RefusesAFolderWithoutASoundDataset) {
     fs::resize_file(scratch / "town" / "data.bin", 33);
     try {
-        Content::ofDatasets({folder});
+        Serving::contentOf({folder});
         FAIL() << "a dataset that is not sound";
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.status(), ExitStatus::inputRefused);

@@ -11,16 +11,25 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Serving {
 
 namespace Program = Tavrin::SplatProgram;
 
+inline Program::Content contentOf(const std::vector<std::string>& folders) {
+    std::vector<Program::ServedDataset> datasets;
+    for (const std::string& folder : folders) {
+        datasets.push_back(Program::ServedDataset::open(folder));
+    }
+    return Program::Content::ofDatasets(std::move(datasets));
+}
+
 class Running {
 public:
     explicit Running(const std::vector<std::string>& folders, const Program::ServerLimits& limits = {})
-        : content_(Program::Content::ofDatasets(folders)), server_(content_, 0, limits),
+        : content_(contentOf(folders)), server_(content_, 0, limits),
           thread_([this] { server_.run([this] { return shouldEnd_.load(); }); }) {}
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;

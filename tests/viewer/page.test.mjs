@@ -5,7 +5,7 @@ import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { figures, openPage, pixelsOf, pngOf, settled, startBrowser } from "./browser.mjs";
 import { startServer } from "./server.mjs";
-import { changed, folderFiles, generated, makeFolder, modules, rewrite, root, small, town, viewerPage } from "./support.mjs";
+import { changed, folderFiles, generated, makeFolder, modules, quarters, rewrite, root, small, town, viewed, viewerPage } from "./support.mjs";
 
 const { Dataset, FolderSource, recordsOf } = await modules("dataset", "records", "sources");
 const openFolder = (folder) => Dataset.open(new FolderSource("small", folderFiles(folder)));
@@ -341,6 +341,57 @@ test("several datasets: the list chooses, the link remembers", async () => {
         assert.equal((await figures(again)).capacity, 5000);
         await again.close();
     });
+});
+
+test("four tiles of a catalogue are one map, without a seam, and each is streamed", { timeout: 120000 }, async (t) => {
+    const { whole, tiles, catalogue } = quarters();
+    const poses = ["0,0,5,120,0,35", "1.234,2.345,3,25,40,20", "20,-30,2,60,200,80"];
+    const pictures = async (server, look) => {
+        const page = await openPage(browser.context, `${server.address}?order=depth#v=${poses[0]}`);
+        try {
+            const seen = [];
+            for (const pose of poses) {
+                await page.evaluate((hash) => (location.hash = hash), `v=${pose}`);
+                await page.waitForTimeout(50);
+                await settled(page);
+                seen.push(await pixelsOf(page));
+            }
+            await look(page);
+            assert.deepEqual(page.errors, []);
+            return seen;
+        } finally {
+            await page.close();
+            await server.close();
+        }
+    };
+    const one = await pictures(await viewed(whole), async (page) => assert.equal((await figures(page)).loaded, 20000));
+    const four = await pictures(await viewed(catalogue), async (page) => {
+        const { loaded, fetchedBytes } = await figures(page);
+        assert.deepEqual([loaded, fetchedBytes], [20000, 96 * 20000]);
+        assert.deepEqual(await page.locator("#choice option").allTextContents(), ["EPSG 25832: all 4", ...[0, 1, 2, 3].map((i) => `quarter${i}`)]);
+        assert.match(await page.locator("#city").textContent(), /datasets4splats20,000/);
+        assert.match(await page.locator("#facts").textContent(), /^namequarter1/, "the tile in the middle of the view");
+        const box = await page.locator("#map").boundingBox();
+        await page.mouse.move(box.x + box.width * 0.3, box.y + box.height * 0.3);
+        assert.match(await page.locator("#pointed").textContent(), /x 4999\d\d\.\d{3}, y 54000\d\d\.\d{3} \(EPSG 25832\)\s+quarter2, cell key 0/);
+    });
+    one.forEach((pixels, i) => {
+        const squares = pixels.data.reduce((sum, value, k) => sum + (value - four[i].data[k]) ** 2, 0);
+        const decibels = 10 * Math.log10((255 * 255 * pixels.data.length) / squares);
+        t.diagnostic(`view ${i}: ${decibels.toFixed(1)} dB between the tiles and the whole`);
+        assert.ok(decibels >= 45, `${decibels} dB`);
+    });
+    // The same tiles by their folders; one of them alone.
+    const folders = await viewed(...tiles);
+    const page = await openPage(browser.context, folders.address);
+    assert.equal((await figures(page)).loaded, 20000);
+    await page.locator("#choice").selectOption("2");
+    await page.waitForFunction(() => window.viewer.figures()?.capacity < 20000);
+    await settled(page);
+    assert.match(await page.locator("#facts").textContent(), /^namequarter1/);
+    assert.equal(folders.said(), "");
+    await page.close();
+    await folders.close();
 });
 
 test("without a list the page takes ?data=, or asks for a folder; from a file, too", async () => {

@@ -1,5 +1,5 @@
 // What the tests share: the page's modules for node, datasets made with the programs of the build, and changed copies of them.
-import { execFileSync } from "node:child_process";
+import { execFileSync, spawn } from "node:child_process";
 import { File } from "node:buffer";
 import { cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from "node:fs";
 import { createRequire } from "node:module";
@@ -19,6 +19,17 @@ if (process.env["SCRATCH"] === undefined) process.on("exit", () => rmSync(scratc
 // Runs a program of the build and gives what it prints.
 export function run(program, ...args) {
     return execFileSync(join(buildFolder, program), args, { encoding: "utf8", maxBuffer: 1 << 28 });
+}
+
+// `plyconvert view` of these words: the address that it prints, what it says besides, and its end.
+export async function viewed(...words) {
+    const program = spawn(join(buildFolder, "program/plyconvert"), ["view", "--no-open", ...words], { stdio: ["ignore", "pipe", "pipe"] });
+    const said = [];
+    program.stderr.on("data", (text) => said.push(String(text)));
+    const ended = new Promise((resolve) => program.on("exit", resolve));
+    const address = await Promise.race([new Promise((resolve) => program.stdout.once("data", (text) => resolve(String(text).trim()))), ended]);
+    if (typeof address !== "string") throw new Error(`plyconvert view ended: ${said.join("")}`);
+    return { address, said: () => said.join(""), close: () => (program.kill("SIGINT"), ended) };
 }
 
 // The page's modules of these names, as one.
@@ -47,6 +58,34 @@ export function generated(name, ...options) {
 
 export const small = () => generated("small", "--splats", "20000", "--normals", "--epsg", "25832", "--offset", "500000", "5400000", "100");
 export const town = () => generated("town", "--splats", "1200000", "--bounds", "--source", "makescene");
+
+// One small town, and the same cut into four datasets that each have an offset of their own; and a catalogue of these.
+export function quarters() {
+    const [x, y] = [1.234, 2.345]; // where it is cut
+    const far = 1000;
+    const corners = [
+        [-far, -far, x, y, 0, 0],
+        [x, -far, far, y, 300, -40],
+        [-far, y, x, far, -70, 500],
+        [x, y, far, far, 7000, 9000],
+    ];
+    const town = (name, right, up) => {
+        const ply = join(scratch, `${name}.ply`);
+        const offset = [500000 - right, 5400000 - up, 100].map(String);
+        run("scenes/makescene", ply, "--splats", "20000", "--epsg", "25832", "--centre", String(right), String(up), "0", "--offset", ...offset);
+        return ply;
+    };
+    const whole = converted("whole", town("whole", 0, 0));
+    const tiles = corners.map(([left, low, end, high, right, up], i) => {
+        const folder = join(scratch, `quarter${i}`);
+        const box = [left + right, low + up, -far, end + right, high + up, far].join();
+        if (!existsSync(folder)) run("program/plyconvert", "convert", town(`quarter${i}`, right, up), folder, "--quiet", "--crop", box);
+        return folder;
+    });
+    const catalogue = join(scratch, "city.json");
+    if (!existsSync(catalogue)) run("program/plyconvert", "catalogue", "--quiet", ...tiles, catalogue);
+    return { whole, tiles, catalogue };
+}
 
 // A copy of a dataset in which `change` may do what it likes with the folder.
 export function changed(dataset, change) {

@@ -1,0 +1,103 @@
+#include "program/commands/viewed_datasets.h"
+
+#include "program/commands/command.h"
+#include "program/system/exit_status.h"
+#include "program/system/platform.h"
+#include "program/tiles/catalogue_reader.h"
+
+#include <fmt/format.h>
+
+#include <map>
+#include <system_error>
+#include <utility>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+namespace fs = std::filesystem;
+
+// How many datasets have a code.
+using Codes = std::map<std::int32_t, std::size_t>;
+
+std::vector<ServedDataset> opened(const std::vector<std::string>& words) {
+    std::vector<ServedDataset> datasets;
+    for (const std::string& word : words) {
+        requireWord(word, "OUT", "a folder or a catalogue");
+        std::error_code error;
+        if (!fs::is_regular_file(pathFromText(word), error)) {
+            requireFolder(word);
+            datasets.push_back(ServedDataset::open(word));
+            continue;
+        }
+        for (const ListedTile& tile : tilesOfCatalogue(pathFromText(word))) {
+            const std::string folder = textFromPath(tile.folder);
+            requireFolder(folder);
+            datasets.push_back(ServedDataset::open(folder));
+            datasets.back().name = tile.id;
+            datasets.back().box = tile.box;
+        }
+    }
+    return datasets;
+}
+
+std::string codeText(std::int32_t code) {
+    return code == 0 ? "no EPSG code" : fmt::format("EPSG {}", code);
+}
+
+std::string listOf(const Codes& codes) {
+    std::string text;
+    for (const auto& [code, count] : codes) {
+        text += fmt::format("{}{} of {}", text.empty() ? "" : ", ", count, codeText(code));
+    }
+    return text;
+}
+
+// The page begins with the map of the most datasets; of several such maps with the first one.
+std::string remarkOf(const std::vector<std::int32_t>& codes, Codes others) {
+    std::int32_t shown = 0;
+    std::size_t most = 1;
+    for (const std::int32_t code : codes) {
+        if (code != 0 && others[code] > most) {
+            most = others[code];
+            shown = code;
+        }
+    }
+    if (most == 1 || others.size() == 1) {
+        return {};
+    }
+    others.erase(shown);
+    return fmt::format(
+        "the map shows the {} datasets of {}; the others ({}) can be chosen in the page, or with "
+        "--epsg",
+        most, codeText(shown), listOf(others));
+}
+
+} // namespace
+
+ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::optional<std::int32_t> epsg) {
+    ViewedDatasets viewed;
+    std::vector<std::int32_t> codes;
+    Codes counts;
+    for (ServedDataset& dataset : opened(words)) {
+        const std::int32_t code = dataset.epsg;
+        ++counts[code];
+        if (epsg && *epsg != code) {
+            continue;
+        }
+        // Positions without a code have nothing in common, unless somebody says so.
+        dataset.map = code != 0 || epsg ? codeText(code) : "";
+        codes.push_back(code);
+        viewed.datasets.push_back(std::move(dataset));
+    }
+    if (viewed.datasets.empty()) {
+        throw Failure(
+            ExitStatus::inputRefused,
+            fmt::format("--epsg {}: no dataset has this code; there are {}", *epsg, listOf(counts)));
+    }
+    if (!epsg) {
+        viewed.remark = remarkOf(codes, counts);
+    }
+    return viewed;
+}
+
+} // namespace Tavrin::SplatProgram
