@@ -42,7 +42,9 @@ private:
     // `to` is the place of the first that is left for the next slab.
     bool collect(const std::vector<std::size_t>& parts, const Place& from, Place& to);
     void collectPart(unsigned worker, const Part& part, const Place& from, const Place* to);
-    bool footprintOf(const Reader::Dataset& dataset, const Reader::Record& record, Footprint& footprint);
+    bool reachesStripe(const Reader::Dataset& dataset, const Reader::Record& record) const;
+    bool footprintOf(const Reader::Dataset& dataset, const Reader::Record& record,
+                     Footprint& footprint) const;
     void colour(unsigned worker, const Part& part, std::vector<Footprint>& found);
     bool meetsStripe(const Box& box) const;
 
@@ -58,6 +60,8 @@ private:
     std::vector<RecordFiles> files_;
     std::vector<std::vector<Footprint>> found_; // by each worker in one part
     std::array<double, 15> basis_ = harmonics({0.0, 0.0, -1.0});
+    double mostReach_ = reachOf(1.0); // standard deviations
+    double blurringMargin_ = blurringMargin();
     int top_ = 0; // of the stripe
     int rows_ = 0;
     double share_ = 0.0; // of the work that one stripe is
@@ -174,9 +178,15 @@ void Drawer::collectPart(unsigned worker, const Part& part, const Place& from, c
     found.clear();
     Footprint footprint;
     for (std::uint32_t i = 0; i < part.count; ++i, data += Reader::Format::recordSize) {
-        footprint.number = survey_.firstNumbers[part.dataset] + part.first + i;
-        if (footprintOf(dataset, Reader::loadRecord(data), footprint) && !(placeOf(footprint) < from) &&
-            (to == nullptr || placeOf(footprint) < *to)) {
+        const Reader::Record record = Reader::loadRecord(data);
+        // First what costs least: most splats lie in other slabs or stripes.
+        const Place place = {-(record.position[2] + dataset.meta().offset[2]),
+                             survey_.firstNumbers[part.dataset] + part.first + i};
+        if (place < from || (to != nullptr && !(place < *to)) || !reachesStripe(dataset, record)) {
+            continue;
+        }
+        footprint.number = place.number;
+        if (footprintOf(dataset, record, footprint)) {
             found.push_back(footprint);
         }
     }
@@ -185,21 +195,23 @@ void Drawer::collectPart(unsigned worker, const Part& part, const Place& from, c
     std::copy(found.begin(), found.end(), footprints_.begin() + static_cast<std::ptrdiff_t>(at));
 }
 
-// False when the splat does not reach into the stripe.
-bool Drawer::footprintOf(const Reader::Dataset& dataset, const Reader::Record& record, Footprint& footprint) {
+// False when the splat does not reach into the stripe, however it is turned.
+bool Drawer::reachesStripe(const Reader::Dataset& dataset, const Reader::Record& record) const {
     const PixelGrid& grid = picture_.grid;
-    const Point& offset = dataset.meta().offset;
     const Reader::Dequantiser& values = dataset.dequantiser();
-    // Rows from the middle of the splat, rotated in whatever way, to its farthest.
     const double largest = std::max({values.scale(0, record.scale[0]), values.scale(1, record.scale[1]),
                                      values.scale(2, record.scale[2])});
-    static const double mostReach = reachOf(1.0);
-    const double most = mostReach * largest / grid.pixel + blurringMargin() + 1.0;
-    const double y = (grid.top() - (record.position[1] + offset[1])) / grid.pixel;
-    if (!(y + most > top_ && y - most < top_ + rows_)) {
-        return false;
-    }
-    const Reader::Splat splat = values.splat(record);
+    const double most = mostReach_ * largest / grid.pixel + blurringMargin_ + 1.0; // a pixel for rounding
+    const double y = (grid.top() - (record.position[1] + dataset.meta().offset[1])) / grid.pixel;
+    return y + most > top_ && y - most < top_ + rows_;
+}
+
+// False when the splat does not reach into the stripe.
+bool Drawer::footprintOf(const Reader::Dataset& dataset, const Reader::Record& record,
+                         Footprint& footprint) const {
+    const PixelGrid& grid = picture_.grid;
+    const Point& offset = dataset.meta().offset;
+    const Reader::Splat splat = dataset.dequantiser().splat(record);
     View view;
     DownwardCamera(grid.left(), grid.top(), grid.pixel)
         .see({record.position[0] + offset[0], record.position[1] + offset[1], record.position[2] + offset[2]},
