@@ -138,6 +138,8 @@ test_slurm() {
     local build=$root/build/release
     echo "== slurm: testing"
     "$root/tests/slurm/cluster_test.sh" "$build/scratch/slurm_cluster"
+    PLYCONVERT_PATH=$build/program:$build/scenes FAULTS=$build/tests/cli/faults.so \
+        "$root/scripts/slurm.sh" "$root/tests/slurm/array_test.sh" "$build/scratch/slurm_array"
 }
 
 # The packages, as cpack makes them of the preset for them.

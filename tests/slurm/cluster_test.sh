@@ -35,16 +35,6 @@ nobody_in() {
     done
 }
 
-# refused STATUS WORD COMMAND...: whether the run ends so, with one line that has the word.
-refused() {
-    local status=$1 word=$2 found=0
-    shift 2
-    "$@" >refused.txt 2>&1 || found=$?
-    expect "exit status of $*" "$status" "$found"
-    expect "lines of $*" 1 "$(wc -l <refused.txt)"
-    says refused.txt "$word"
-}
-
 machines_own >before.own
 traces >before.traces
 

@@ -29,6 +29,16 @@ says() {
     fail "no line of $file says: $*"
 }
 
+# refused STATUS WORD COMMAND...: whether the run ends so, with one line that has the word.
+refused() {
+    local status=$1 word=$2 found=0
+    shift 2
+    "$@" >refused.txt 2>&1 || found=$?
+    expect "exit status of $*" "$status" "$found"
+    expect "lines of $*" 1 "$(wc -l <refused.txt)"
+    says refused.txt "$word"
+}
+
 # exists FILE...: whether all of them are there.
 exists() {
     local file

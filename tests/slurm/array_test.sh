@@ -1,0 +1,182 @@
+#!/usr/bin/env bash
+# examples/slurm on a cluster of one node: 24 tiles, of which two are broken, one does not fit into the memory it gets
+# first and one is killed in the middle, while the node's daemon is killed and started again. Then once more.
+#
+#   PLYCONVERT_PATH=... FAULTS=... scripts/slurm.sh tests/slurm/array_test.sh FOLDER
+#
+# FOLDER is made anew. It holds scenes, datasets and logs until the test has passed.
+set -u
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+# shellcheck source=tests/slurm/lib.sh
+source "$project/tests/slurm/lib.sh"
+export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH"
+rm -rf "$1" && mkdir -p "$1" && cd "$1" || exit 1
+example=$project/examples/slurm/convert_tiles.sh
+node_folder=$(dirname "$SLURM_CONF")
+
+tiles=24
+cut=tile05
+no_scene=tile15
+large=tile09
+killed=tile12
+waiting=tile13
+odd="tile24 (Süd & \$HOME)"
+# Of a task, in MiB: enough for all tiles but the large one, which has tens of thousands of cells.
+memory=100
+
+# Every tile has another number of splats, so that a tile that is missing or taken twice changes the sum.
+splats_of() {
+    if [[ $1 == "$large" ]]; then
+        echo 1000001
+    else
+        local number=${1#tile}
+        number=$((10#${number%% *}))
+        echo $((3000 + number * number))
+    fi
+}
+
+make_scenes() {
+    local number name
+    mkdir scenes
+    for ((number = 1; number <= tiles; ++number)); do
+        name=tile$(printf %02d "$number")
+        [[ $odd != "$name "* ]] || name=$odd
+        names+=("$name")
+        case $name in
+        "$large") makescene --no-coefficients --extent 45000 45000 --seed "$number" \
+            --splats "$(splats_of "$name")" "scenes/$name.ply" ;;
+        *) makescene --seed "$number" --splats "$(splats_of "$name")" "scenes/$name.ply" ;;
+        esac || exit 1
+    done
+    truncate --size=-1000 "scenes/$cut.ply"
+    echo "no scene of splats" >"scenes/$no_scene.ply"
+}
+
+# In front of the program: a tile that has a file NAME.stops stops at its first write. Then the file NAME.held is there,
+# and NAME.pid has the process id.
+make_program_that_stops() {
+    mkdir stopping
+    cat >stopping/plyconvert <<END
+#!/usr/bin/env bash
+held=$PWD/\$(basename "\${*: -1}")
+if [[ \$1 == convert && -e \$held.stops ]]; then
+    echo \$\$ >"\$held.pid"
+    export LD_PRELOAD=$FAULTS FAULT_HOLD=\$held.held FAULT_HOLD_AT=pwrite
+fi
+exec "$(command -v plyconvert)" "\$@"
+END
+    chmod +x stopping/plyconvert
+}
+
+# When each dataset but that of the killed tile was made.
+times() {
+    for name in "${good[@]}"; do
+        [[ $name == "$killed" ]] || stat --format='%n %z' "out/tiles/$name"
+    done
+}
+
+# ended_with STATUS: the tiles whose last conversion had that exit status.
+ended_with() {
+    grep -lx "$1" out/status/* | sed 's#.*/##'
+}
+
+folders() {
+    find "$1" -mindepth 1 -maxdepth 1 -type d -printf '%f\n' | sort
+}
+
+# sum_of_splats: of all datasets, by what they hold.
+sum_of_splats() {
+    local sum=0 name
+    for name in "$@"; do
+        sum=$((sum + $(number_in splatsHeld < <(plyconvert info --json "out/tiles/$name"))))
+    done
+    echo "$sum"
+}
+
+names=()
+make_scenes
+make_program_that_stops
+good=()
+for name in "${names[@]}"; do
+    [[ $name == "$cut" || $name == "$no_scene" ]] || good+=("$name")
+done
+
+echo "-- first run"
+touch "$killed.stops" "$waiting.stops"
+PATH=$PWD/stopping:$PATH "$example" --mem="${memory}M" --cpus-per-task=1 --time=10 out scenes/*.ply >first.txt 2>&1 &
+first=$!
+wait_for "two tiles stand in the middle of their conversion" exists "$killed.held" "$waiting.held"
+kill -KILL "$(<"$killed.pid")"
+kill -KILL "$(<"$node_folder/slurmd.pid")"
+wait_for "the node's daemon is gone" no_process "$(<"$node_folder/slurmd.pid")"
+rm "$killed.held" "$waiting".{held,stops}
+wait_for "a tile is done while there is no daemon" exists "out/status/$waiting"
+slurmd -N "$(hostname)" || fail "slurmd does not start again"
+wait "$first"
+expect "exit status of the first run" 3 "$?"
+cat first.txt
+
+for name in "${good[@]}"; do
+    [[ $name != "$killed" ]] || continue
+    expect "$name verifies" 0 "$(quietly plyconvert verify "out/tiles/$name" --against "scenes/$name.ply")"
+    expect "exit status of $name" 0 "$(<"out/status/$name")"
+done
+expect "$killed has no dataset" no "$(exists "out/tiles/$killed" && echo yes || echo no)"
+expect "$killed was killed" 137 "$(<"out/status/$killed")"
+for name in "$cut" "$no_scene"; do
+    expect "$name was refused" 2 "$(<"out/status/$name")"
+    expect "$name has no dataset" no "$(exists "out/tiles/$name" && echo yes || echo no)"
+done
+expect "tiles of the second round" "$large" "$(cut -f 1 out/lists/2)"
+says first.txt "$cut" "the file is cut"
+says first.txt "$no_scene" "scenes/$no_scene.ply"
+says first.txt "$killed" "killed"
+
+echo "-- second run"
+before=$(times)
+"$example" --mem="$((memory * 8))M" --cpus-per-task=1 --time=10 out scenes/*.ply >second.txt 2>&1
+expect "exit status of the second run" 3 "$?"
+cat second.txt
+expect "the datasets of the first run" "$before" "$(times)"
+expect "tiles of the second run" "$(printf '%s\n' "$cut" "$killed" "$no_scene")" "$(cut -f 1 out/lists/1)"
+expect "tiles that are converted" "$(printf '%s\n' "${good[@]}")" "$(ended_with 0)"
+expect "$killed verifies" 0 "$(quietly plyconvert verify "out/tiles/$killed" --against "scenes/$killed.ply")"
+sum=0
+for name in "${good[@]}"; do
+    sum=$((sum + $(splats_of "$name")))
+done
+expect "sum of the splats in ${#good[@]} datasets" "$sum" "$(sum_of_splats "${good[@]}")"
+expect "what is in the folder" "$(printf '%s\n' "${good[@]}")" "$(folders out/tiles)"
+expect "tiles that were refused" "$(printf '%s\n' "$cut" "$no_scene")" "$(ended_with 2)"
+says second.txt "$cut" "the file is cut"
+says second.txt "converted: ${#good[@]} of $tiles tiles, $sum splats"
+
+echo "-- third run: a scene has changed, and its task is cancelled"
+earlier=$(number_in splatsHeld < <(plyconvert info --json "out/tiles/$killed"))
+makescene --splats 4000 "scenes/$killed.ply" || exit 1
+PATH=$PWD/stopping:$PATH "$example" --mem="${memory}M" --cpus-per-task=1 --time=10 out "scenes/$killed.ply" >third.txt 2>&1 &
+third=$!
+wait_for "the changed tile stands in the middle of its conversion" exists "$killed.held"
+scancel --state=RUNNING --user=root
+wait_for "its task has ended" exists "out/status/$killed"
+wait "$third"
+expect "exit status of the third run" 3 "$?"
+cat third.txt
+expect "exit status of the cancelled task" 130 "$(<"out/status/$killed")"
+says third.txt "$killed" "interrupted"
+expect "splats of its earlier dataset" "$earlier" "$(number_in splatsHeld < <(plyconvert info --json "out/tiles/$killed"))"
+expect "what is in the folder" "$(printf '%s\n' "${good[@]}")" "$(folders out/tiles)"
+
+echo "-- refusals"
+refused 1 "needed" "$example" out
+refused 1 "--NAME=VALUE" "$example" --mem 4G out scenes/tile01.ply
+refused 1 "size" "$example" --mem=much out scenes/tile01.ply
+refused 1 "would both become" "$example" out scenes/tile01.ply elsewhere/tile01.ply
+refused 1 "--mem=SIZE" "$example" out scenes/tile01.ply
+"$example" --partition=none --mem=100M none scenes/tile01.ply >refused.txt 2>&1
+expect "exit status where the cluster takes no such job" 2 "$?"
+says refused.txt "did not take the job"
+
+((failures == 0)) || exit 1
+cd / && rm -rf "$1"
+echo "-- passed: ${#good[@]} of $tiles tiles converted, $sum splats"
