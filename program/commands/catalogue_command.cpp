@@ -40,7 +40,7 @@ struct CatalogueOptions {
     const std::string& file() const { return words.back(); }
 };
 
-// Lines for people, one a fault: those of left-out tiles always, the rest unless they want none.
+// Warnings, one line each, unless nobody wants them.
 class Remarks {
 public:
     explicit Remarks(bool quiet, Progress& progress) : quiet_(quiet), progress_(progress) {}
