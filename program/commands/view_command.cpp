@@ -96,9 +96,7 @@ void addViewCommand(CLI::App& program, Action& chosen) {
     command->footer(std::string("Examples:\n  plyconvert view town\n  plyconvert view city.json\n\n") +
                     exitStatusTable);
     auto options = std::make_shared<ViewOptions>();
-    command
-        ->add_option("OUT", options->words,
-                     "the datasets' folders, or catalogues of them; those of one EPSG code are one map")
+    command->add_option("OUT", options->words, "datasets or catalogues; those of one EPSG code are one map")
         ->required();
     command->add_option("--epsg", options->epsg, "show the datasets of this code alone, 0 for those without")
         ->type_name("N")
