@@ -57,8 +57,7 @@ export const figures = (page) => page.evaluate(() => window.viewer.figures());
 // The picture as PNG bytes.
 export async function pngOf(page) {
     const text = await page.evaluate(async () => {
-        const blob = await window.viewer.picture();
-        const bytes = new Uint8Array(await blob.arrayBuffer());
+        const bytes = new Uint8Array(await (await window.viewer.picture()).arrayBuffer());
         let binary = "";
         for (let i = 0; i < bytes.length; i += 32768) binary += String.fromCharCode(...bytes.subarray(i, i + 32768));
         return btoa(binary);
@@ -66,17 +65,17 @@ export async function pngOf(page) {
     return Buffer.from(text, "base64");
 }
 
-// The picture as {width, height, data} with four bytes a pixel.
-export async function pixelsOf(page) {
-    const picture = await page.evaluate(async () => {
-        const bitmap = await createImageBitmap(await window.viewer.picture());
-        const canvas = new OffscreenCanvas(bitmap.width, bitmap.height);
-        const context = canvas.getContext("2d");
+// The picture, or that at an address, as {width, height, data} with four bytes a pixel.
+export async function pixelsOf(page, address) {
+    const picture = await page.evaluate(async (url) => {
+        const blob = url === undefined ? await window.viewer.picture() : await (await fetch(url)).blob();
+        const bitmap = await createImageBitmap(blob);
+        const context = new OffscreenCanvas(bitmap.width, bitmap.height).getContext("2d");
         context.drawImage(bitmap, 0, 0);
         const { data } = context.getImageData(0, 0, bitmap.width, bitmap.height);
         let binary = "";
         for (let i = 0; i < data.length; i += 32768) binary += String.fromCharCode(...data.subarray(i, i + 32768));
         return { width: bitmap.width, height: bitmap.height, text: btoa(binary) };
-    });
+    }, address);
     return { width: picture.width, height: picture.height, data: Buffer.from(picture.text, "base64") };
 }

@@ -4,7 +4,7 @@ import { readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
 import { test } from "node:test";
 import { startServer } from "./server.mjs";
-import { changed, folderFiles, generated, modules, rewrite, run, small, town, viewerPage } from "./support.mjs";
+import { changed, datasetFiles, folderFiles, generated, modules, rewrite, run, small, town, viewerPage } from "./support.mjs";
 
 const { Dataset, Dequantiser, FolderSource, HttpSource, ViewError, cellAt, parseMeta, parseMetaText, recordsOf, rotationOf, split, valueOf, wordParts } =
     await modules("dataset", "dequantiser", "format", "map", "meta", "metatext", "records", "sources");
@@ -114,7 +114,7 @@ test("a server that answers with too few bytes, another file or an error is told
     assert.match(await failure(at()), /cannot be reached/);
 });
 
-for (const name of ["converted_from_ply.ytr", "index.bin", "data.bin", "shcoef.bin"]) {
+for (const name of datasetFiles) {
     test(`a dataset without ${name} is refused by that name`, async () => {
         const folder = changed(small(), (copy) => rmSync(join(copy, name)));
         assert.match(await failure(open(folder)), new RegExp(`^${name.replace(".", "\\.")} is missing`));

@@ -3,6 +3,7 @@
 import { createReadStream, existsSync, readFileSync, statSync } from "node:fs";
 import { createServer } from "node:http";
 import { basename, join } from "node:path";
+import { datasetFiles } from "./support.mjs";
 
 // `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone.
 // server.log holds {path, status, first, last} of every GET that was answered to its end; server.fault may be a function of (path, response, request)
@@ -11,7 +12,7 @@ export async function startServer(page, datasets, { list = true, ranges = true }
     const state = { log: [], fault: undefined, delay: 0 };
     const files = new Map([["/", page]]);
     datasets.forEach((folder, i) => {
-        for (const name of ["converted_from_ply.ytr", "index.bin", "data.bin", "shcoef.bin"]) {
+        for (const name of datasetFiles) {
             if (existsSync(join(folder, name))) files.set(`/data/${i}/${name}`, join(folder, name));
         }
     });

@@ -16,6 +16,16 @@ const require = createRequire(join(root, "viewer", "package.json"));
 
 if (process.env["SCRATCH"] === undefined) process.on("exit", () => rmSync(scratch, { recursive: true, force: true }));
 
+export const datasetFiles = ["converted_from_ply.ytr", "index.bin", "data.bin", "shcoef.bin"];
+
+// How far two pictures of four bytes a pixel agree in their colours: peak signal to noise.
+export function decibels(one, other) {
+    if (one.length !== other.length) throw new Error("the pictures differ in size");
+    let squares = 0;
+    for (let i = 0; i < one.length; ++i) if (i % 4 !== 3) squares += (one[i] - other[i]) ** 2;
+    return 10 * Math.log10((255 * 255 * one.length * 0.75) / squares);
+}
+
 // Runs a program of the build and gives what it prints.
 export function run(program, ...args) {
     return execFileSync(join(buildFolder, program), args, { encoding: "utf8", maxBuffer: 1 << 28 });
