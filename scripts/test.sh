@@ -117,7 +117,7 @@ test_viewer() {
         cd "$root/viewer"
         npm ci --ignore-scripts --no-audit --no-fund
         npx tsc --noEmit
-        "$root/tests/viewer/built_test.sh" "$PWD" "$root/build/release/scratch/viewer.html"
+        bash "$root/tests/viewer/built_test.sh" "$PWD" "$root/build/release/scratch/viewer.html"
     )
     SCRATCH=$root/build/release/scratch/viewer
     rm -rf "$SCRATCH"
