@@ -32,7 +32,8 @@ struct Options {
     int runs = 5;
     fs::path folder;
     bool scaling = false;
-    std::uint64_t cells = 0; // splats of the scenes of ever more cells; none are measured without
+    std::uint64_t cells = 0;   // splats of the scenes of ever more cells; none are measured without
+    std::uint64_t layouts = 0; // splats of the scenes in other forms; none are measured without
     bool claimsMemory = true;
     bool json = false;
 };
@@ -80,6 +81,13 @@ struct Cells {
     std::uint64_t splats = 0;
     std::uint64_t cells = 0;
     std::vector<Run> streams;
+};
+
+// One scene in another form, converted by the program; "unpacking" is the SPZ file through gzip alone.
+struct Layout {
+    std::string kind;
+    std::uint64_t inputBytes = 0;
+    std::vector<Run> runs;
 };
 
 double medianOf(const std::vector<Run>& runs, const std::function<double(const Run&)>& value) {
@@ -148,9 +156,17 @@ public:
             {sibling("streamonce"), scene().string(), dataset().string(), std::to_string(processors)}, {},
             processors);
     }
-    Run program() const {
+    Run program() const { return program(scene()); }
+    Run program(const fs::path& input) const {
         fs::remove_all(dataset());
-        return measure::run({PLYCONVERT_PROGRAM, "--quiet", scene().string(), dataset().string()});
+        return measure::run({PLYCONVERT_PROGRAM, "--quiet", input.string(), dataset().string()});
+    }
+    // The scene in another form.
+    fs::path layout(const std::string& kind) const {
+        const fs::path path = folder_ / kind;
+        measure::run({sibling("foreign"), kind, scene().string(), path.string()});
+        sync();
+        return path;
     }
     Run floor(std::uint64_t outputBytes, bool flushes = false) const {
         fs::remove(copy());
@@ -259,6 +275,27 @@ std::vector<Cells> measureCells(const Workplace& place, const Options& options) 
     return result;
 }
 
+// The forms take turns, so that a slower minute of the machine hits all of them.
+std::vector<Layout> measureLayouts(const Workplace& place, const Options& options) {
+    place.makeScene(options.layouts, true);
+    std::vector<Layout> result{{"canonical", fs::file_size(place.scene()), {}}};
+    std::vector<fs::path> paths{place.scene()};
+    for (const char* const kind :
+         {"shuffled", "degree1", "doubles", "big-endian", "compressed", "ascii", "spz"}) {
+        paths.push_back(place.layout(kind));
+        result.push_back({kind, fs::file_size(paths.back()), {}});
+    }
+    Layout unpacking{"unpacking", result.back().inputBytes, {}};
+    for (int k = 0; k < options.runs; ++k) {
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            result[i].runs.push_back(place.program(paths[i]));
+        }
+        unpacking.runs.push_back(measure::run({"/bin/gzip", "-dcf", paths.back().string()}));
+    }
+    result.push_back(unpacking);
+    return result;
+}
+
 // Prints a Markdown table whose columns are padded to the same width.
 void printTable(const std::vector<std::vector<std::string>>& rows) {
     std::vector<std::size_t> widths(rows.front().size(), 0);
@@ -364,6 +401,21 @@ void printCells(const std::vector<Cells>& cells) {
     printTable(rows);
 }
 
+void printLayouts(const std::vector<Layout>& layouts) {
+    std::vector<std::vector<std::string>> rows{{"program: form of the scene", "wall s", "spread s",
+                                                "x canonical", "CPU s", "MB/s in", "MB/s a processor"}};
+    const double canonical = medianOf(layouts.front().runs, wallOf);
+    for (const Layout& item : layouts) {
+        const double wall = medianOf(item.runs, wallOf);
+        const double cpu = medianOf(item.runs, [](const Run& run) { return run.cpu; });
+        const double megabytes = static_cast<double>(item.inputBytes) / 1e6;
+        rows.push_back({item.kind, fmt::format("{:.3f}", wall), spread(item.runs),
+                        fmt::format("{:.2f}", wall / canonical), fmt::format("{:.3f}", cpu),
+                        fmt::format("{:.0f}", megabytes / wall), fmt::format("{:.0f}", megabytes / cpu)});
+    }
+    printTable(rows);
+}
+
 // The value after the colon in the first line of a file under /proc that begins with the key.
 std::string systemFact(const char* path, const std::string& key) {
     std::ifstream file(path);
@@ -448,6 +500,7 @@ void declare(CLI::App& app, Options& options) {
     app.add_flag(
         "--scaling", options.scaling,
         "also one processor against two, and workers' memory, with the largest scene with coefficients");
+    app.add_option("--layouts", options.layouts, "also a scene of so many splats in every form that is read");
     app.add_option("--cells", options.cells,
                    "also scenes of so many splats in 63 cells, in thousands and in hundreds of thousands");
     app.add_flag("!--no-claim", options.claimsMemory,
@@ -485,6 +538,9 @@ void measureAll(const Options& options) {
     printCases(cases);
     for (const Scaling& item : scaling) {
         printScaling(item);
+    }
+    if (options.layouts > 0) {
+        printLayouts(measureLayouts(place, options));
     }
     if (!cells.empty()) {
         printCells(cells);
