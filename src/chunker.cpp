@@ -59,8 +59,8 @@ DecodePass::DecodePass(std::shared_ptr<AttributeBounding> sharedBounding,
 
 namespace {
 
-// Merge a block that is completely decoded, and hand it on. The caller holds the chunker's lock, which guards
-// the list that the block is appended to.
+// Widen the shared ranges by a block that is completely decoded, and hand it on. The caller holds the
+// chunker's lock, which guards the list that the block is appended to.
 void finishBlock(DecodeJob& job, DecodePass& pass) {
     const bool hasCoefficients = pass.bounding->hasShcoef;
     settleZeroBounds(job.block.get(), job.task.count, hasCoefficients, job.ranges);
@@ -179,9 +179,9 @@ void decodeBlock(const Chunker::Task& task, DecodePass& pass) {
 
 namespace {
 
-// Workers finish in any order. Here the blocks are sorted into file order and their ranges merged once more
+// Workers finish in any order. Here the blocks are sorted into file order and the ranges widened once more
 // in that order. So the result does not depend on the threads. Of two equal bounds the first stays, so the
-// second merge can differ from the first only in the sign of a zero bound.
+// second time can differ from the first only in the sign of a zero bound.
 void settleOrder(DecodePass& pass, const AttributeBounding& before) {
     std::vector<std::size_t> order(pass.finished.size());
     for (std::size_t i = 0; i < order.size(); ++i) {

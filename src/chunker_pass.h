@@ -46,9 +46,9 @@ struct DecodePass {
     DecodePass(std::shared_ptr<AttributeBounding> sharedBounding, std::shared_ptr<BlockList> blockList);
 };
 
-// Read and decode the block of a task. Merge its ranges and append its ChunkData, both under the chunker's
-// lock. Then help with blocks that other workers have begun. A file that cannot be opened costs an ERROR line
-// and the block. A length that is not positive ends the process with status 123.
+// Read and decode the block of a task. Widen the shared ranges by it and append its ChunkData, both under the
+// chunker's lock. Then help with blocks that other workers have begun. A file that cannot be opened costs an
+// ERROR line and the block. A length that is not positive ends the process with status 123.
 //
 // bounding->hasShcoef chooses the form of the records; the task's stride says where each starts in the file.
 // The decoded block holds count records of that form without gaps, whatever the stride.

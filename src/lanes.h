@@ -29,21 +29,7 @@ struct LaneRanges {
 
     // Widen the bounds by Lanes values of each of count records. The records are stride floats apart.
     void widen(const float* values, std::size_t count, std::size_t stride) {
-        std::size_t i = 0;
-        for (; i + 4 <= count;
-             i += 4, values += 4 * stride) { // four at a time: the bounds are loaded and stored once
-            const float* const a = values;
-            const float* const b = a + stride;
-            const float* const c = b + stride;
-            const float* const d = c + stride;
-            for (std::size_t lane = 0; lane < Lanes; ++lane) {
-                const float low = minimum(minimum(min[lane], a[lane]), b[lane]);
-                const float high = maximum(maximum(max[lane], a[lane]), b[lane]);
-                min[lane] = minimum(minimum(low, c[lane]), d[lane]);
-                max[lane] = maximum(maximum(high, c[lane]), d[lane]);
-            }
-        }
-        for (; i < count; ++i, values += stride) {
+        for (std::size_t i = 0; i < count; ++i, values += stride) {
             for (std::size_t lane = 0; lane < Lanes; ++lane) {
                 min[lane] = minimum(min[lane], values[lane]);
                 max[lane] = maximum(max[lane], values[lane]);

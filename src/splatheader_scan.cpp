@@ -14,7 +14,7 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-std::mutex scanMutex; // guards the merge into the shared box
+std::mutex scanMutex; // guards the shared box
 
 // Widen the shared bounds of one axis by single-precision ones. Minimum and maximum of floats stay the same
 // whether they are converted before or after.

@@ -1,8 +1,10 @@
 #include "stream/distinct_keys.h"
 
-#include "stream/key_table.h"
+#include "src/cells_table.h"
 
 namespace Tavrin::SplatStream {
+
+using GaussionSplat::KeyTable;
 
 namespace {
 
