@@ -26,7 +26,7 @@ FolderListing listFolder(const std::filesystem::path& folder);
 // it stays, and so does the folder: std::errc::directory_not_empty. A missing folder is no error.
 std::error_code removeDataset(const std::filesystem::path& folder);
 
-// The same for a run that ends: nobody waits until the system has freed the files.
+// The same for an interrupted run: nobody waits until the system has freed the files.
 void abandonDataset(const std::filesystem::path& folder) noexcept;
 
 } // namespace Tavrin::SplatProgram

@@ -114,7 +114,12 @@ PartialFolder::PartialFolder(OutputPlace place)
 PartialFolder::~PartialFolder() {
     flush_.reset();
     if (!isPublished_) {
-        abandonDataset(path_);
+        // After a failure the room is wanted, after an interrupt the terminal.
+        if (interrupted()) {
+            abandonDataset(path_);
+        } else {
+            removeDataset(path_);
+        }
         lock_.reset();
         removeCreatedParents();
     }
