@@ -18,7 +18,6 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -125,9 +124,6 @@ ExitStatus run(const std::vector<std::string>& words) {
                                                : fmt::format("{} is not known", unknown.front()));
     } catch (const CLI::ParseError& error) {
         return printUsageError(error.what());
-    } catch (const Failure& failure) {
-        reportError(failure.what());
-        return failure.status();
     }
 }
 
@@ -141,14 +137,19 @@ int main(int argc, char** argv) {
     ExitStatus status = ExitStatus::conversionFailed;
     try {
         status = run(words);
-    } catch (const std::bad_alloc&) {
-        reportError("out of memory: close other programs or use a machine with more");
     } catch (const std::exception& error) {
-        reportError(error.what());
+        const Failure failure = failureOf(error);
+        reportError(failure.what());
+        status = failure.status();
     }
-    if (!finishStandardOutput() && status == ExitStatus::done) {
-        reportError("standard output could not be written: is the disk full or the pipe closed?");
-        status = ExitStatus::conversionFailed;
+    try {
+        requireStandardOutput();
+    } catch (const Failure& failure) {
+        // The first line that was printed says why the status is what it is.
+        if (status == ExitStatus::done) {
+            reportError(failure.what());
+            status = failure.status();
+        }
     }
     return static_cast<int>(status);
 }

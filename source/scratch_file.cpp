@@ -21,9 +21,11 @@ constexpr std::uint64_t mostBytes = std::uint64_t{1} << 30;
 
 [[noreturn]] void fail(const std::filesystem::path& folder, const char* what, int code) {
     const std::u8string name = folder.u8string();
+    const std::error_code error(code, std::system_category());
     throw ScratchError(
-        std::string(name.begin(), name.end()) + ": " + what + ": " + std::system_category().message(code) +
-        ": the input is unpacked there while it is converted: make room or choose another folder");
+        std::string(name.begin(), name.end()) + ": " + what + ": " + error.message() +
+            ": the input is unpacked there while it is converted: make room or choose another folder",
+        error);
 }
 
 #ifdef _WIN32

@@ -5,12 +5,16 @@
 #include <cstdint>
 #include <filesystem>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 
 namespace Tavrin::SplatSource {
 
 // The scratch folder cannot hold what a source unpacks. One line: the folder, and what the system said.
 struct ScratchError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    ScratchError(const std::string& text, const std::error_code& error)
+        : std::runtime_error(text), code(error) {}
+    std::error_code code; // of the system
 };
 
 class ScratchFile {

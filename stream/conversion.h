@@ -14,6 +14,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace Tavrin::SplatStream {
@@ -26,7 +27,9 @@ struct TooLittleMemory : std::runtime_error {
 
 // A file of the dataset cannot be created, written or closed. One line: the file, and what the system said.
 struct WriteError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    WriteError(const std::string& text, const std::error_code& error)
+        : std::runtime_error(text), code(error) {}
+    std::error_code code; // of the system
 };
 
 // What a caller chooses. The dataset's bytes depend on no setting but countAs.

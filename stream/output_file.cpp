@@ -10,8 +10,8 @@
 namespace Tavrin::SplatStream {
 
 void OutputFile::fail(const char* what, int error) const {
-    throw WriteError(SplatSource::textOf(path_) + ": " + what + ": " +
-                     std::error_code(error, std::system_category()).message());
+    const std::error_code code(error, std::system_category());
+    throw WriteError(SplatSource::textOf(path_) + ": " + what + ": " + code.message(), code);
 }
 
 OutputFile::OutputFile(const std::filesystem::path& path) : path_(path) {

@@ -12,8 +12,10 @@
 #include "program/scene/open_scene.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
+#include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
+#include "program/tiles/report.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -39,6 +41,7 @@ struct ConvertOptions {
     bool quiet = false;
     bool json = false;
     bool allowLoss = false;
+    std::string report; // empty: none
 
     std::vector<std::string> inputs() const { return {words.begin(), words.end() - 1}; }
     const std::string& output() const { return words.back(); }
@@ -60,6 +63,11 @@ std::string checkMemorySize(const std::string& word) {
                            : fmt::format("{} is no size: write it like 5000000, 512M or 2G", word);
 }
 
+// An empty word is a variable of a script that is not set.
+std::string checkFileName(const std::string& word) {
+    return word.empty() ? "an empty word names no file" : "";
+}
+
 void printPlan(const ConvertOptions& options, const Plan& plan, const OutputPlace& place,
                const Warnings& warnings) {
     if (options.json) {
@@ -69,7 +77,7 @@ void printPlan(const ConvertOptions& options, const Plan& plan, const OutputPlac
     }
 }
 
-void printSummary(const ConvertOptions& options, const Plan& plan, const SplatReader::VerifyReport& report,
+Summary summaryOf(const ConvertOptions& options, const Plan& plan, const SplatReader::VerifyReport& report,
                   double seconds, const Warnings& warnings) {
     Summary summary;
     summary.input = options.name();
@@ -88,6 +96,10 @@ void printSummary(const ConvertOptions& options, const Plan& plan, const SplatRe
     summary.metaBytes = report.metaBytes;
     summary.seconds = seconds;
     summary.warnings = warnings.lines();
+    return summary;
+}
+
+void printSummary(const ConvertOptions& options, const Summary& summary) {
     if (options.json) {
         fmt::print("{}", summaryJson(summary));
     } else if (!options.quiet) {
@@ -99,57 +111,93 @@ double shareOf(std::uint64_t splats, std::uint64_t all) {
     return all > 0 ? static_cast<double>(splats) / static_cast<double>(all) : 1.0;
 }
 
+// A run, with what it says and reports on its way.
+struct Run {
+    const ConvertOptions& options;
+    Warnings warnings;
+    Progress progress;
+    TileReport report;
+
+    explicit Run(const ConvertOptions& chosen)
+        : options(chosen), warnings(chosen.quiet), progress(!chosen.quiet && standardErrorIsTerminal()) {}
+};
+
+TileReport emptyReport(const ConvertOptions& options) {
+    TileReport report;
+    report.output = options.output();
+    report.inputs = options.inputs();
+    for (const std::string& input : report.inputs) {
+        report.files.push_back(lookAtInput(input));
+    }
+    report.options = givenWords(options.input);
+    const auto add = [&](const char* name, const std::string& word) {
+        if (!word.empty()) {
+            report.options.emplace_back(name, word);
+        }
+    };
+    add("allowLoss", options.allowLoss ? "true" : "");
+    add("force", options.force ? "true" : "");
+    add("threads", options.threads > 0 ? std::to_string(options.threads) : "");
+    add("maxMemory", options.maxMemory);
+    return report;
+}
+
 // A dry run measures and does nothing else.
-Plan planOf(const ConvertOptions& options, const SplatSource::Scene& source, const OutputPlace& place,
-            const Means& means, Warnings& warnings, Progress& progress) {
-    Plan plan = makePlan(options.name(), source, place, means, warnings, [&](std::uint64_t splats) {
+Plan planOf(Run& run, const SplatSource::Scene& source, const OutputPlace& place, const Means& means) {
+    run.report.times.begin("measuring");
+    Plan plan = makePlan(run.options.name(), source, place, means, run.warnings, [&](std::uint64_t splats) {
         const double share = shareOf(splats, source.count);
-        if (options.dryRun) {
-            progress.update("measuring", share, splats);
+        if (run.options.dryRun) {
+            run.progress.update("measuring", share, splats);
         } else {
-            progress.update(Stage::measuring, share, splats);
+            run.progress.update(Stage::measuring, share, splats);
         }
     });
-    progress.clear();
+    run.progress.clear();
+    run.report.ledger = plan.ledger;
+    run.report.cells = plan.measured.cells.size();
+    run.report.leftOut = plan.measured.leftOut;
+    run.report.plannedMemory = plan.memory;
     return plan;
 }
 
 // Writes, verifies and publishes. What verification reads goes to the disk meanwhile.
-SplatReader::VerifyReport convert(const ConvertOptions& options, const SplatSource::Scene& source,
-                                  const Plan& plan, const OutputPlace& place, const Means& means,
-                                  Warnings& warnings, Progress& progress) {
+SplatReader::VerifyReport convert(Run& run, const SplatSource::Scene& source, const Plan& plan,
+                                  const OutputPlace& place, const Means& means) {
+    const ConvertOptions& options = run.options;
+    StageTimes& times = run.report.times;
+    times.begin("writing");
     PartialFolder partial(place);
     partial.create();
     writeDataset(options.inputs().front(), source, plan.measured, partial.path(), means,
                  [&](std::uint64_t splats) {
-                     progress.update(Stage::writing, shareOf(splats, plan.measured.splats), splats);
+                     run.progress.update(Stage::writing, shareOf(splats, plan.measured.splats), splats);
                  });
+    times.begin("verifying");
     partial.beginFlush();
     const SplatReader::VerifyReport report =
         verifyConversion(partial.path(), options.name(), plan.measured, plan.ledger, options.allowLoss,
-                         means.threads, progress);
-    partial.flush([&](double share) { progress.update(Stage::flushing, share); });
-    progress.clear();
+                         means.threads, run.progress);
+    times.begin("flushing");
+    partial.flush([&](double share) { run.progress.update(Stage::flushing, share); });
+    run.progress.clear();
+    times.begin("publishing");
     if (const auto remark = partial.publish(options.inputs(), options.force)) {
-        warnings.add(*remark);
+        run.warnings.add(*remark);
     }
     return report;
 }
 
-ExitStatus runConvert(const ConvertOptions& options) {
-    for (const std::string& input : options.inputs()) {
-        requireWord(input, "IN", "a file");
-    }
-    requireWord(options.output(), "OUT", "a folder");
-    catchInterrupts();
-    Warnings warnings(options.quiet);
-    Progress progress(!options.quiet && standardErrorIsTerminal());
+ExitStatus convertScene(Run& run) {
+    const ConvertOptions& options = run.options;
+    run.report.times.begin("opening");
     const Means means = chooseMeans(options.threads, bytesFrom(options.maxMemory).value_or(0));
+    run.report.threads = means.threads;
     OutputPlace place = resolveOutput(options.output());
     const std::unique_ptr<SplatSource::Scene> source =
         openScene(options.inputs(), sceneOptions(options.input, means.threads, place.foundation));
     for (const std::string& remark : source->remarks) {
-        warnings.add(remark);
+        run.warnings.add(remark);
     }
     if (!options.dryRun) {
         cleanUpDeadRuns(place.folder);
@@ -158,15 +206,33 @@ ExitStatus runConvert(const ConvertOptions& options) {
     for (const std::string& input : options.inputs()) {
         checkOutput(place, input, options.force);
     }
-    const Plan plan = planOf(options, *source, place, means, warnings, progress);
+    const Plan plan = planOf(run, *source, place, means);
     if (options.dryRun) {
-        printPlan(options, plan, place, warnings);
+        printPlan(options, plan, place, run.warnings);
         return ExitStatus::done;
     }
-    const SplatReader::VerifyReport report =
-        convert(options, *source, plan, place, means, warnings, progress);
-    printSummary(options, plan, report, progress.seconds(), warnings);
+    const SplatReader::VerifyReport verified = convert(run, *source, plan, place, means);
+    const Summary summary = summaryOf(options, plan, verified, run.progress.seconds(), run.warnings);
+    run.report.take(summary);
+    run.report.line = summaryText(summary);
+    run.report.line.pop_back(); // the line feed
+    printSummary(options, summary);
+    requireStandardOutput();
     return ExitStatus::done;
+}
+
+ExitStatus runConvert(const ConvertOptions& options) {
+    for (const std::string& input : options.inputs()) {
+        requireWord(input, "IN", "a file");
+    }
+    requireWord(options.output(), "OUT", "a folder");
+    catchInterrupts(options.dryRun ? "nothing was written"
+                                   : "nothing was published, what was written is removed");
+    Run run(options);
+    run.report = emptyReport(options);
+    return withReport(
+        ReportFile(options.report, options.output()), run.report, [&run] { return convertScene(run); },
+        [&run] { run.report.warnings = run.warnings.lines(); });
 }
 
 } // namespace
@@ -189,8 +255,17 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
     command->add_option("--max-memory", options->maxMemory, "allocate at most so much, like 512M or 2G")
         ->type_name("SIZE")
         ->check(checkMemorySize);
+    command
+        ->add_option("--report", options->report, "write what came of it to FILE as JSON, also of a failure")
+        ->type_name("FILE")
+        ->check(checkFileName);
     addInputOptions(*command, options->input);
-    command->callback([options, &chosen] { chosen = [options] { return runConvert(*options); }; });
+    command->callback([options, &chosen] {
+        if (options->dryRun && !options->report.empty()) {
+            throw CLI::ExcludesError("--dry-run", "--report");
+        }
+        chosen = [options] { return runConvert(*options); };
+    });
 }
 
 } // namespace Tavrin::SplatProgram

@@ -92,7 +92,7 @@ std::vector<std::size_t> chooseCells(const SplatReader::Dataset& dataset, const 
 ExitStatus runExport(const ExportOptions& options) {
     requireWord(options.dataset, "OUT", "a folder");
     requireWord(options.scene, "scene.ply", "a file");
-    catchInterrupts();
+    catchInterrupts("what was written is removed");
     Progress progress(!options.quiet && standardErrorIsTerminal());
     for (const std::string& text : options.cells) {
         parseKey(text);

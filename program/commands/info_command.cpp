@@ -63,7 +63,7 @@ std::string describe(const std::string& path, const InfoOptions& options, Progre
 }
 
 ExitStatus runInfo(const InfoOptions& options) {
-    catchInterrupts();
+    catchInterrupts("nothing was written");
     Progress progress(standardErrorIsTerminal());
     ExitStatus status = ExitStatus::done;
     bool first = true;

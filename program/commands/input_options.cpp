@@ -131,6 +131,24 @@ void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict)
     add("--data-type", options.dataType, "WORD", "kind of the data, as above")->check(checkWord);
 }
 
+std::vector<std::pair<std::string, std::string>> givenWords(const InputOptions& options) {
+    std::vector<std::pair<std::string, std::string>> given = {
+        {"crop", options.crop},
+        {"minOpacity", options.minOpacity},
+        {"maxScale", options.maxScale},
+        {"scale", options.scale},
+        {"opacity", options.opacity},
+        {"axes", options.axes},
+        {"epsg", options.epsg},
+        {"offset", options.offset},
+        {"source", options.source},
+        {"dataType", options.dataType},
+        {"strict", options.strict ? "true" : ""},
+    };
+    std::erase_if(given, [](const auto& option) { return option.second.empty(); });
+    return given;
+}
+
 SplatSource::SceneOptions sceneOptions(const InputOptions& options, unsigned threads,
                                        const std::filesystem::path& scratchFolder) {
     SplatSource::SceneOptions scene;

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Tavrin::SplatProgram {
@@ -33,6 +34,9 @@ void addInputWords(CLI::App& command, std::vector<std::string>& words, const std
 
 // The options must outlive the command. `takesStrict`: --strict among them, which is about invalid splats.
 void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict = true);
+
+// Those that are given, by the names of their options.
+std::vector<std::pair<std::string, std::string>> givenWords(const InputOptions& options);
 
 // What the words mean. Files that have to be unpacked are unpacked in `scratchFolder`.
 SplatSource::SceneOptions sceneOptions(const InputOptions& options, unsigned threads,

@@ -80,7 +80,7 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
     for (const std::string& word : options.words) {
         requireWord(word, "IN or OUT.ply", "a file");
     }
-    catchInterrupts();
+    catchInterrupts("what was written is removed");
     Progress progress(!options.quiet && standardErrorIsTerminal());
     const Means means = chooseMeans(0, 0);
     const fs::path folder = fs::absolute(pathFromText(output)).parent_path();

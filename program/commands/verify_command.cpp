@@ -206,7 +206,7 @@ void printJson(const VerifyOptions& options, const Result& result) {
 
 ExitStatus runVerify(const VerifyOptions& options) {
     requireWord(options.dataset, "OUT", "a folder");
-    catchInterrupts();
+    catchInterrupts("nothing was written");
     Progress progress(!options.quiet && standardErrorIsTerminal());
     const Result result = verify(options, progress);
     progress.clear();

@@ -85,7 +85,7 @@ ExitStatus serve(const ViewOptions& options, ViewedDatasets viewed) {
 ExitStatus runView(const ViewOptions& options) {
     allowManyFiles();
     ViewedDatasets viewed = datasetsToView(options.words, options.epsg);
-    catchInterrupts();
+    catchInterrupts("nothing was written");
     return options.page.empty() ? serve(options, std::move(viewed)) : writePage(options, viewed.datasets);
 }
 

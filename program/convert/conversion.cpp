@@ -20,7 +20,7 @@ constexpr std::uint64_t ownBytes = 16 << 20;
                                   const Means& means) {
     const std::string what = fmt::format("{}: converting {} takes at least {} of memory", name,
                                          countText(splats, "splat", "splats"), bytesText(least));
-    throw Failure(ExitStatus::inputRefused,
+    throw Failure(ExitStatus::doesNotFit,
                   means.isMemoryStated
                       ? fmt::format("{} and --max-memory allows {}: write --max-memory {}", what,
                                     bytesText(means.memory), least)
@@ -51,7 +51,7 @@ auto asFailures(const std::string& name, std::uint64_t splats, const Means& mean
         throw Failure(ExitStatus::conversionFailed, error.what());
     } catch (const SplatStream::WriteError& error) {
         throw Failure(
-            ExitStatus::conversionFailed,
+            tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::conversionFailed,
             fmt::format("{}: check the disk, its room, and the limits of this process", error.what()));
     } catch (const SplatStream::TooLittleMemory& error) {
         refuseForMemory(name, splats, error.least, means);

@@ -26,7 +26,7 @@ using PassProgress = std::function<void(std::uint64_t splats)>;
 Means chooseMeans(unsigned threads, std::uint64_t maxMemory);
 
 // The first pass. Throws a Failure: Interrupted; InputRefused when the input cannot be read as what it claims
-// to be, or not within the memory; ConversionFailed when it was written to meanwhile.
+// to be; DoesNotFit when the memory does not suffice; ConversionFailed when it was written to meanwhile.
 SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
                                     const Means& means, const PassProgress& progress);
 
@@ -36,7 +36,7 @@ std::uint64_t memoryOfPasses(const SplatSource::Source& source, const SplatStrea
                              const Means& means);
 
 // The second pass: the whole dataset into an empty folder. Throws as measureSource does, and a Failure
-// (ConversionFailed) when a file cannot be written.
+// when a file cannot be written: DoesNotFit where the disk is full, else ConversionFailed.
 void writeDataset(const std::string& name, const SplatSource::Source& source,
                   const SplatStream::Measured& measured, const std::filesystem::path& folder,
                   const Means& means, const PassProgress& progress);

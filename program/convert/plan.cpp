@@ -30,7 +30,7 @@ void checkDisk(Plan& plan, std::uint64_t splats, bool hasCoefficients, const Out
     plan.diskBytes = plan.dataBytes + plan.coefficientBytes + plan.indexBytes + textBytes;
     if (plan.diskBytes > plan.freeDisk) {
         throw Failure(
-            ExitStatus::outputRefused,
+            ExitStatus::doesNotFit,
             fmt::format("{}: the dataset needs {} and {} are free at {}: make room, or choose another disk",
                         output.name, bytesText(plan.diskBytes), bytesText(plan.freeDisk),
                         textFromPath(output.foundation)));

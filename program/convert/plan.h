@@ -49,7 +49,7 @@ struct Plan {
 };
 
 // Measures the scene, works out what its dataset takes, and compares that with what the machine has. Throws
-// a Failure: InputRefused, OutputRefused when the disk is too small, ConversionFailed when the input was
+// a Failure: InputRefused, DoesNotFit when disk or memory are too small, ConversionFailed when the input was
 // written to meanwhile, or Interrupted. `progress` is told of the splats measured.
 Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
               const Means& means, Warnings& warnings, const PassProgress& progress);

@@ -183,24 +183,15 @@ void PartialFolder::flush(const std::function<void(double)>& progress) {
     const FlushEnd end = flush_->end();
     flush_.reset();
     if (end.error) {
-        throw Failure(ExitStatus::conversionFailed,
+        throw Failure(tellsOfFullDisk(end.error) ? ExitStatus::doesNotFit : ExitStatus::conversionFailed,
                       fmt::format("{}: cannot be written to the disk: {}: check the disk and its free space",
                                   textFromPath(end.path), end.error.message()));
     }
 }
 
 std::optional<std::string> PartialFolder::publish(const std::vector<std::string>& inputs, bool force) {
-    OutputPlace now = resolveOutput(textFromPath(place_.folder));
-    if (now.folder != place_.folder) {
-        throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: became a link during the conversion: remove it", place_.name));
-    }
-    now.name = place_.name;
-    for (const std::string& input : inputs) {
-        checkOutput(now, input, force);
-    }
+    checkAgain(inputs, force);
     throwIfInterrupted();
-    place_ = now;
     replace();
     isPublished_ = true;
     flushToDisk(place_.folder.parent_path());
@@ -223,10 +214,29 @@ std::optional<std::string> PartialFolder::publish(const std::vector<std::string>
     return std::nullopt;
 }
 
+// What the place has become since the conversion began makes it fail. A refusal would say that no work was
+// done.
+void PartialFolder::checkAgain(const std::vector<std::string>& inputs, bool force) {
+    try {
+        OutputPlace now = resolveOutput(textFromPath(place_.folder));
+        if (now.folder != place_.folder) {
+            throw Failure(ExitStatus::conversionFailed,
+                          fmt::format("{}: became a link during the conversion: remove it", place_.name));
+        }
+        now.name = place_.name;
+        for (const std::string& input : inputs) {
+            checkOutput(now, input, force);
+        }
+        place_ = now;
+    } catch (const Failure& failure) {
+        throw Failure(ExitStatus::conversionFailed, failure.what());
+    }
+}
+
 void PartialFolder::replace() {
     const auto fail = [&](const std::error_code& error) {
-        throw Failure(ExitStatus::outputRefused, fmt::format("{}: cannot be replaced: {}: see who uses it",
-                                                             place_.name, error.message()));
+        throw Failure(ExitStatus::conversionFailed, fmt::format("{}: cannot be replaced: {}: see who uses it",
+                                                                place_.name, error.message()));
     };
     if (!place_.exists) {
         if (const std::error_code error = renameFolder(path_, place_.folder)) {

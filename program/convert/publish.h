@@ -47,17 +47,19 @@ public:
     void beginFlush();
 
     // Returns when files and folder are on the disk. `progress` gets the share that is done, 0 to 1, and may
-    // throw. Throws a Failure (ConversionFailed).
+    // throw. Throws a Failure: DoesNotFit where the disk is full, else ConversionFailed.
     void flush(const std::function<void(double)>& progress);
 
     // Puts the folder in the place of the output folder, in one step where the file system has it, and
-    // removes what stood there. Checks once more what stands there now, and throws a Failure when a dataset
-    // may not take the place any more or when renaming fails; the place is then as it was. Returns what
+    // removes what stood there. Checks once more what stands there now, and throws a Failure
+    // (ConversionFailed) when a dataset may not take the place any more or when renaming fails; the place is
+    // then as it was. Returns what
     // remains to be said: a replaced folder that could not be removed.
     std::optional<std::string> publish(const std::vector<std::string>& inputs, bool force);
 
 private:
     void createParents();
+    void checkAgain(const std::vector<std::string>& inputs, bool force);
     void replace();
     void removeCreatedParents() noexcept;
 

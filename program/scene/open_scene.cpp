@@ -3,6 +3,7 @@
 #include "program/system/exit_status.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
+#include "source/scratch_file.h"
 
 #include <fmt/format.h>
 
@@ -98,6 +99,9 @@ std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& na
         throw Failure(ExitStatus::inputRefused, error.what());
     } catch (const SplatSource::SourceChanged& error) {
         throw Failure(ExitStatus::conversionFailed, error.what());
+    } catch (const SplatSource::ScratchError& error) {
+        throw Failure(tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::outputRefused,
+                      error.what());
     }
 }
 

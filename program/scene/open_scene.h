@@ -10,8 +10,10 @@
 
 namespace Tavrin::SplatProgram {
 
-// Every input is a readable file of splats, named as the user did. Throws a Failure (InputRefused), or
-// (ConversionFailed) when a file is written to meanwhile. What deserves a warning is in the scene's remarks.
+// Every input is a readable file of splats, named as the user did. Throws a Failure: InputRefused;
+// ConversionFailed when a file is written to meanwhile; DoesNotFit when there is no room to unpack one, and
+// OutputRefused when it cannot be unpacked for another reason. What deserves a warning is in the scene's
+// remarks.
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
                                               const SplatSource::SceneOptions& options);
 

@@ -15,19 +15,24 @@ enum class ExitStatus {
     conversionFailed = 4,
     splatsLeftOut = 5,
     verificationFailed = 6,
+    doesNotFit = 7,    // the memory or the disk: elsewhere, or with more of it, the same command may end well
+    notTold = 8,       // the work is done and stands
     interrupted = 130, // 128 + SIGINT, as shells report it
 };
 
 // The table that every --help ends with.
-inline constexpr const char* exitStatusTable = "Exit status:\n"
-                                               "  0    done\n"
-                                               "  1    usage: the command line is wrong\n"
-                                               "  2    input refused: nothing was touched\n"
-                                               "  3    output refused: nothing was touched\n"
-                                               "  4    the conversion failed: an earlier dataset stands\n"
-                                               "  5    splats were left out: an earlier dataset stands\n"
-                                               "  6    verification failed\n"
-                                               "  130  interrupted: an earlier dataset stands";
+inline constexpr const char* exitStatusTable =
+    "Exit status:\n"
+    "  0    done\n"
+    "  1    usage: the command line is wrong\n"
+    "  2    input refused: nothing was touched\n"
+    "  3    output refused: nothing was touched\n"
+    "  4    the conversion failed: an earlier dataset stands\n"
+    "  5    splats were left out: an earlier dataset stands\n"
+    "  6    verification failed\n"
+    "  7    does not fit the memory or disk here: an earlier dataset stands\n"
+    "  8    done, but standard output or the report could not be written\n"
+    "  130  interrupted: an earlier dataset stands";
 
 // A failure that ends the command: one line that says what, where and what to do, and the exit status.
 class Failure : public std::runtime_error {
@@ -38,5 +43,12 @@ public:
 private:
     ExitStatus status_;
 };
+
+// The failure that any exception stands for: itself, or the line and the status of an end that no part of the
+// program foresaw.
+Failure failureOf(const std::exception& error);
+
+// "done", "inputRefused", ...: the name of a status in reports.
+const char* nameOf(ExitStatus status);
 
 } // namespace Tavrin::SplatProgram

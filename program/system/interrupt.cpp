@@ -3,11 +3,20 @@
 #include "program/system/exit_status.h"
 
 namespace Tavrin::SplatProgram {
+namespace {
+
+const char* left = "";
+
+} // namespace
+
+void catchInterrupts(const char* outcome) {
+    left = outcome;
+    noteInterrupts();
+}
 
 void throwIfInterrupted() {
     if (interrupted()) {
-        throw Failure(ExitStatus::interrupted,
-                      "interrupted: nothing was published, what was written is removed");
+        throw Failure(ExitStatus::interrupted, std::string("interrupted: ") + left);
     }
 }
 

@@ -14,7 +14,7 @@ void note(int) {
 
 } // namespace
 
-void catchInterrupts() {
+void noteInterrupts() {
     // A closed terminal or pipe must not end the process between two steps.
     std::signal(SIGPIPE, SIG_IGN);
     // A write beyond the limit of a file's size fails instead.

@@ -24,7 +24,7 @@ BOOL WINAPI note(DWORD event) {
 
 // A caller that started the program with Ctrl-C ignored has it ignored further on: the handler is then not
 // called for it.
-void catchInterrupts() {
+void noteInterrupts() {
     SetConsoleCtrlHandler(note, TRUE);
 }
 

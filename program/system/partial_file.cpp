@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <fstream>
 #include <system_error>
 
 namespace Tavrin::SplatProgram {
@@ -49,6 +50,19 @@ void PartialFile::publish() {
         throw Failure(ExitStatus::outputRefused, fmt::format("{}: the file cannot be put in place: {}",
                                                              textFromPath(target_), error.message()));
     }
+}
+
+void writeWholeFile(const fs::path& path, std::string_view text) {
+    PartialFile partial(path);
+    std::ofstream file(partial.path(), std::ios::binary);
+    file.write(text.data(), static_cast<std::streamsize>(text.size()));
+    file.close();
+    if (!file) {
+        throw Failure(ExitStatus::outputRefused,
+                      fmt::format("{}: cannot be written: check the disk, its room, and the permissions",
+                                  textFromPath(path)));
+    }
+    partial.publish();
 }
 
 } // namespace Tavrin::SplatProgram

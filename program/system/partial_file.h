@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <string_view>
 
 namespace Tavrin::SplatProgram {
 
@@ -29,5 +30,9 @@ private:
     std::filesystem::path target_;
     std::filesystem::path path_;
 };
+
+// Writes a file that appears, or replaces an earlier one, when it is whole and on the disk. Throws a Failure
+// (OutputRefused).
+void writeWholeFile(const std::filesystem::path& path, std::string_view text);
 
 } // namespace Tavrin::SplatProgram

@@ -51,6 +51,11 @@ std::error_code checkReadable(const std::filesystem::path& file);
 
 // Lets this process have as many files open as the system allows it, where that is more than it has now.
 void allowManyFiles();
+// The error is that a disk has no room left, or that its user has used up a share of it.
+bool tellsOfFullDisk(const std::error_code& error);
+
+// The most memory that this process has had resident so far, in bytes; 0 where the system does not tell.
+std::uint64_t peakMemory();
 
 // Bytes of memory that a process started now can take without swapping: what the machine has free or can free
 // at once, the limits of the control group and of the process counted in.

@@ -100,6 +100,11 @@ std::uint64_t processLimit() {
 
 } // namespace
 
+// Not getrusage: that keeps the peak of the process that started this one.
+std::uint64_t peakMemory() {
+    return numberAfter("/proc/self/status", "VmHWM:").value_or(0) * 1024;
+}
+
 std::uint64_t availableMemory() {
     return std::min({machineMemory(), controlGroupMemory(), processLimit()});
 }

@@ -106,6 +106,10 @@ std::error_code checkReadable(const std::filesystem::path& file) {
     return ::access(file.c_str(), R_OK) == 0 ? std::error_code() : lastError();
 }
 
+bool tellsOfFullDisk(const std::error_code& error) {
+    return error.value() == ENOSPC || error.value() == EDQUOT;
+}
+
 std::error_code flushToDisk(const std::filesystem::path& path) {
     return flushToDisk(path, [](std::uint64_t) { return true; });
 }

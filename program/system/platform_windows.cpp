@@ -6,7 +6,10 @@
 #include <algorithm>
 
 #include <windows.h>
-// Needs the former.
+// The functions of the system's own library, without another to link.
+#define PSAPI_VERSION 2
+// Need windows.h.
+#include <psapi.h>
 #include <shellapi.h>
 
 namespace Tavrin::SplatProgram {
@@ -108,6 +111,19 @@ std::optional<FileIdentity> identityOf(const fs::path& path) {
 }
 
 // Volumes are mounted by reparse points, as are other folders (junctions, links).
+bool tellsOfFullDisk(const std::error_code& error) {
+    constexpr int quotaExceeded = 1295; // ERROR_DISK_QUOTA_EXCEEDED, which not every set of headers has
+    return error.value() == ERROR_DISK_FULL || error.value() == ERROR_HANDLE_DISK_FULL ||
+           error.value() == quotaExceeded;
+}
+
+std::uint64_t peakMemory() {
+    PROCESS_MEMORY_COUNTERS counters = {};
+    return GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters) != 0
+               ? counters.PeakWorkingSetSize
+               : 0;
+}
+
 bool isMountPoint(const fs::path& folder) {
     const DWORD attributes = GetFileAttributesW(folder.c_str());
     return folder == folder.root_path() ||

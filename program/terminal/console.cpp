@@ -1,5 +1,7 @@
 #include "program/terminal/console.h"
 
+#include "program/system/exit_status.h"
+
 #include <fmt/format.h>
 
 #include <cstdio>
@@ -37,6 +39,13 @@ void reportWarning(std::string_view line) {
 
 bool finishStandardOutput() {
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+}
+
+void requireStandardOutput() {
+    if (!finishStandardOutput()) {
+        throw Failure(ExitStatus::notTold,
+                      "standard output could not be written: is the disk full or the pipe closed?");
+    }
 }
 
 } // namespace Tavrin::SplatProgram

@@ -19,4 +19,7 @@ std::string printable(std::string_view text);
 // Flushes standard output; false when anything written to it was lost.
 bool finishStandardOutput();
 
+// The same. Throws a Failure (NotTold) when anything was lost.
+void requireStandardOutput();
+
 } // namespace Tavrin::SplatProgram

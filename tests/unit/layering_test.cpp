@@ -236,6 +236,7 @@ TEST(Layering, FoldersOfTheProgramIncludeOnlyThoseBelowThem) {
         {"main", all},
         {"commands", all},
         {"convert", work},
+        {"tiles", {"convert", "scene", "terminal", "system"}},
         {"info", work},
         {"compare", work},
         {"tiles", work},
