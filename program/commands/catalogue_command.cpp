@@ -234,7 +234,7 @@ ExitStatus runCatalogue(const CatalogueOptions& options) {
     requireProjections();
     const std::vector<fs::path> folders = foldersOf(options.datasets());
     checkTarget(options);
-    catchInterrupts();
+    catchInterrupts("what was written is removed");
     Progress progress(!options.quiet && standardErrorIsTerminal());
     Tiles tiles = readTiles(options.datasets(), usableProcessors(), [&](double share) {
         throwIfInterrupted();

@@ -239,7 +239,6 @@ TEST(Layering, FoldersOfTheProgramIncludeOnlyThoseBelowThem) {
         {"tiles", {"convert", "scene", "terminal", "system"}},
         {"info", work},
         {"compare", work},
-        {"tiles", work},
         {"scene", {"terminal", "system"}},
         {"serve", {"terminal", "system"}},
         {"terminal", {"system"}},
