@@ -247,7 +247,7 @@ ExitStatus runPicture(const PictureOptions& options) {
         requireWord(word, "DATASET or FILE", "a folder or a file");
     }
     const FileKind kind = kindOf(options.file());
-    catchInterrupts();
+    catchInterrupts("what was written is removed");
     Progress progress(!options.quiet && standardErrorIsTerminal());
     try {
         const std::vector<SplatReader::Dataset> datasets = openDatasets(options.datasets());
