@@ -51,6 +51,7 @@ std::error_code checkReadable(const std::filesystem::path& file);
 
 // Lets this process have as many files open as the system allows it, where that is more than it has now.
 void allowManyFiles();
+
 // The error is that a disk has no room left, or that its user has used up a share of it.
 bool tellsOfFullDisk(const std::error_code& error);
 
