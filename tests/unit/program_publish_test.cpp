@@ -59,12 +59,12 @@ protected:
     using Names = std::set<std::string>;
 };
 
-void expectOutputRefused(const std::function<void()>& action, const std::string& text) {
+void expectFailure(ExitStatus status, const std::function<void()>& action, const std::string& text) {
     try {
         action();
         FAIL() << "nothing was thrown";
     } catch (const Failure& failure) {
-        EXPECT_EQ(failure.status(), ExitStatus::outputRefused);
+        EXPECT_EQ(failure.status(), status);
         EXPECT_THAT(failure.what(), HasSubstr(text));
     }
 }
@@ -110,8 +110,9 @@ TEST_F(Publish, ReplacesAForeignFolderOnlyWhenForced) {
     {
         PartialFolder partial(placeOf(out, true));
         writeDataset(partial.path(), 2);
-        expectOutputRefused([&] { partial.publish({input}, false); },
-                            "is neither empty nor an earlier dataset (it holds deep)");
+        expectFailure(
+            ExitStatus::conversionFailed, [&] { partial.publish({input}, false); },
+            "is neither empty nor an earlier dataset (it holds deep)");
         EXPECT_EQ(support::readFile(out / "deep" / "notes.txt"), "precious");
         EXPECT_EQ(partial.publish({input}, true), std::nullopt);
     }
@@ -125,7 +126,8 @@ TEST_F(Publish, SeesWhatCameToThePlaceDuringTheConversion) {
         writeDataset(partial.path(), 2);
         fs::create_directory(out);
         support::writeFile(out / "notes.txt", "precious");
-        expectOutputRefused([&] { partial.publish({input}, false); }, "it holds notes.txt");
+        expectFailure(
+            ExitStatus::conversionFailed, [&] { partial.publish({input}, false); }, "it holds notes.txt");
     }
     EXPECT_EQ(support::filesUnder(out), Names{"notes.txt"});
     EXPECT_EQ(names(), (Names{"in.ply", "out"}));
@@ -170,7 +172,9 @@ TEST_F(Publish, HoldsALockWhileItLives) {
     {
         const PartialFolder partial(placeOf(out));
         EXPECT_TRUE(names().contains(lock));
-        expectOutputRefused([&] { const PartialFolder second(placeOf(out)); }, "another run holds it");
+        expectFailure(
+            ExitStatus::outputRefused, [&] { const PartialFolder second(placeOf(out)); },
+            "another run holds it");
         EXPECT_TRUE(names().contains(lock));
     }
     EXPECT_EQ(names(), Names{"in.ply"});
@@ -179,7 +183,8 @@ TEST_F(Publish, HoldsALockWhileItLives) {
 TEST_F(Publish, RefusesToDeleteWhatStandsInItsWay) {
     const fs::path inTheWay = partialPath(out, ownProcessId());
     fs::create_directory(inTheWay);
-    expectOutputRefused([&] { const PartialFolder partial(placeOf(out)); }, "stands in the way");
+    expectFailure(
+        ExitStatus::outputRefused, [&] { const PartialFolder partial(placeOf(out)); }, "stands in the way");
     EXPECT_EQ(names(), (Names{"in.ply", support::textOf(inTheWay.filename())}));
 }
 
