@@ -1,6 +1,7 @@
 #include "program/system/exit_status.h"
 
 #include <new>
+#include <system_error>
 
 namespace Tavrin::SplatProgram {
 
@@ -10,6 +11,12 @@ Failure failureOf(const std::exception& error) {
     }
     if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
         return {ExitStatus::doesNotFit, "out of memory: close other programs or use a machine with more"};
+    }
+    const auto* const refused = dynamic_cast<const std::system_error*>(&error);
+    if (refused != nullptr && refused->code() == std::errc::resource_unavailable_try_again) {
+        return {ExitStatus::doesNotFit,
+                "the system starts no thread: give this process more memory (ulimit -v) "
+                "or more threads (ulimit -u)"};
     }
     return {ExitStatus::conversionFailed, error.what()};
 }
