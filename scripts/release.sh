@@ -91,7 +91,7 @@ pack_windows() {
     done
     x86_64-w64-mingw32-strip "$stage/plyconvert.exe" "$stage/plyconvert.dll"
     cp "$source/include/plyconvert.h" "$source/README.md" "$source/CHANGELOG.md" "$stage"
-    cp "$source"/docs/*.md "$stage/docs"
+    cp "$source"/docs/*.md "$source"/docs/*.jpg "$stage/docs"
     # A zip file holds times in steps of two seconds, and the order of the names that it is given.
     find "$stage" -exec touch -d "@$((SOURCE_DATE_EPOCH / 2 * 2))" {} +
     (cd "${stage%/*}" && find "${stage##*/}" | sort | zip -9 -X -q "$zip" -@)
