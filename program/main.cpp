@@ -24,9 +24,27 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-const std::vector<AddCommand*> commands = {addConvertCommand, addInfoCommand,      addVerifyCommand,
-                                           addExportCommand,  addNormaliseCommand, addViewCommand,
-                                           addPictureCommand, addCatalogueCommand};
+struct CommandGroup {
+    const char* heading; // in the help
+    std::vector<AddCommand*> commands;
+};
+
+// In the order in which people need them.
+const std::vector<CommandGroup> groups = {
+    {"Convert and check", {addConvertCommand, addInfoCommand, addVerifyCommand}},
+    {"Look", {addViewCommand, addPictureCommand}},
+    {"Many tiles", {addCatalogueCommand}},
+    {"Write PLY", {addExportCommand, addNormaliseCommand}},
+};
+
+void addCommands(CLI::App& program, Action& chosen) {
+    for (const CommandGroup& group : groups) {
+        for (AddCommand* add : group.commands) {
+            add(program, chosen);
+            program.get_subcommands({}).back()->group(group.heading);
+        }
+    }
+}
 
 std::string versionText() {
     return fmt::format("plyconvert {}.{}.{}", PLYCONVERT_VERSION_MAJOR, PLYCONVERT_VERSION_MINOR,
@@ -99,9 +117,7 @@ ExitStatus run(const std::vector<std::string>& words) {
     program.require_subcommand(1);
     program.allow_windows_style_options(false); // a word that begins with a slash is a path on every system
     Action chosen;
-    for (AddCommand* add : commands) {
-        add(program, chosen);
-    }
+    addCommands(program, chosen);
     std::vector<std::string> arguments = withCommand(program, words);
     if (arguments.size() > words.size() && isMisspelt(words.front())) {
         return printUsageError(words.front() + " is neither a subcommand nor a file");

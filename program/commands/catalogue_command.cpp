@@ -272,7 +272,7 @@ ExitStatus runCatalogue(const CatalogueOptions& options) {
 
 void addCatalogueCommand(CLI::App& program, Action& chosen) {
     CLI::App* command = program.add_subcommand("catalogue", catalogueSummary);
-    command->footer(std::string("Example:\n  plyconvert catalogue tiles/*/ city.json\n\n") + exitStatusTable);
+    command->footer(helpEnd({"plyconvert catalogue tiles/*/ city.json"}));
     auto options = std::make_shared<CatalogueOptions>();
     command
         ->add_option("DATASET", options->words,

@@ -6,6 +6,14 @@
 
 namespace Tavrin::SplatProgram {
 
+std::string helpEnd(std::initializer_list<const char*> examples) {
+    std::string text = examples.size() == 1 ? "Example:\n" : "Examples:\n";
+    for (const char* example : examples) {
+        text += fmt::format("  {}\n", example);
+    }
+    return text + "\n" + exitStatusTable;
+}
+
 void requireWord(const std::string& word, const char* name, const char* what) {
     if (word.empty()) {
         throw Failure(ExitStatus::usage, fmt::format("{} is an empty word: name {}", name, what));

@@ -4,6 +4,7 @@
 #include "program/system/exit_status.h"
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 
 namespace CLI {
@@ -18,6 +19,9 @@ using Action = std::function<ExitStatus()>;
 // Each subcommand lives in NAME_command.cpp and has one function `addNAMECommand` of this form. It adds its
 // subcommand to `program` and leaves its action in `chosen` when the command line selects it.
 using AddCommand = void(CLI::App& program, Action& chosen);
+
+// The end of a subcommand's help: command lines as examples, and the exit statuses.
+std::string helpEnd(std::initializer_list<const char*> examples);
 
 // Throws a Failure (Usage) when the word given for `name` is empty; `what` says what to name.
 void requireWord(const std::string& word, const char* name, const char* what);

@@ -239,7 +239,8 @@ ExitStatus runConvert(const ConvertOptions& options) {
 
 void addConvertCommand(CLI::App& program, Action& chosen) {
     CLI::App* command = program.add_subcommand("convert", "Convert scenes of splats to a dataset");
-    command->footer(exitStatusTable);
+    command->footer(helpEnd({"plyconvert convert scene.ply town",
+                             "plyconvert convert east.spz west.ply town --crop 0,0,-10,500,500,90"}));
     auto options = std::make_shared<ConvertOptions>();
     addInputWords(*command, options->words, "OUT",
                   "the scenes, merged in this order, and the\ndataset's folder; an earlier one is replaced");

@@ -134,7 +134,7 @@ ExitStatus runExport(const ExportOptions& options) {
 
 void addExportCommand(CLI::App& program, Action& chosen) {
     CLI::App* command = program.add_subcommand("export", "Turn a dataset back into a binary splat PLY file");
-    command->footer(exitStatusTable);
+    command->footer(helpEnd({"plyconvert export town town.ply"}));
     auto options = std::make_shared<ExportOptions>();
     command->add_option("OUT", options->dataset, "the dataset's folder")->required();
     command->add_option("scene.ply", options->scene, "the file to write")->required();

@@ -90,7 +90,7 @@ ExitStatus runInfo(const InfoOptions& options) {
 
 void addInfoCommand(CLI::App& program, Action& chosen) {
     CLI::App* command = program.add_subcommand("info", "Say what scenes and datasets hold");
-    command->footer(exitStatusTable);
+    command->footer(helpEnd({"plyconvert info scene.ply town"}));
     auto options = std::make_shared<InfoOptions>();
     command->add_option("PATH", options->paths, "scenes and datasets' folders")->required();
     command->add_flag("--scan", options->scan, "read every record, not some: for a box, and true extremes");

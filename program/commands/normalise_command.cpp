@@ -127,7 +127,7 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
 void addNormaliseCommand(CLI::App& program, Action& chosen) {
     CLI::App* command =
         program.add_subcommand("normalise", "Write scenes as the PLY form that the library reads");
-    command->footer(exitStatusTable);
+    command->footer(helpEnd({"plyconvert normalise scene.spz scene.ply"}));
     auto options = std::make_shared<NormaliseOptions>();
     addInputWords(*command, options->words, "OUT.ply",
                   "the scenes, merged in this order, and the file to write");

@@ -276,8 +276,7 @@ ExitStatus runPicture(const PictureOptions& options) {
 void addPictureCommand(CLI::App& program, Action& chosen) {
     constexpr int mostThreads = 1024;
     CLI::App* command = program.add_subcommand("picture", pictureSummary);
-    command->footer(std::string("Example:\n  plyconvert picture town town.tif --gsd 0.1\n\n") +
-                    exitStatusTable);
+    command->footer(helpEnd({"plyconvert picture town town.tif --gsd 0.1"}));
     auto options = std::make_shared<PictureOptions>();
     command->add_option("DATASET", options->words, "folders of datasets, then FILE: .tif (GeoTIFF) or .png")
         ->required()

@@ -229,7 +229,7 @@ ExitStatus runVerify(const VerifyOptions& options) {
 void addVerifyCommand(CLI::App& program, Action& chosen) {
     CLI::App* command =
         program.add_subcommand("verify", "Check every relation between the files of a dataset");
-    command->footer(exitStatusTable);
+    command->footer(helpEnd({"plyconvert verify town", "plyconvert verify town --against scene.ply"}));
     auto options = std::make_shared<VerifyOptions>();
     command->add_option("OUT", options->dataset, "the dataset's folder");
     command->add_flag("--quick", options->quick, "check the meta document, the sizes and the index alone");

@@ -93,8 +93,7 @@ ExitStatus runView(const ViewOptions& options) {
 
 void addViewCommand(CLI::App& program, Action& chosen) {
     CLI::App* command = program.add_subcommand("view", "Show datasets in the browser");
-    command->footer(std::string("Examples:\n  plyconvert view town\n  plyconvert view city.json\n\n") +
-                    exitStatusTable);
+    command->footer(helpEnd({"plyconvert view town", "plyconvert view city.json"}));
     auto options = std::make_shared<ViewOptions>();
     command->add_option("OUT", options->words, "datasets or catalogues; those of one EPSG code are one map")
         ->required();
