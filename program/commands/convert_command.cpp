@@ -15,6 +15,7 @@
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
+#include "program/tiles/done_record.h"
 #include "program/tiles/report.h"
 
 #include <CLI/CLI.hpp>
@@ -41,6 +42,7 @@ struct ConvertOptions {
     bool quiet = false;
     bool json = false;
     bool allowLoss = false;
+    bool skipDone = false;
     std::string report; // empty: none
 
     std::vector<std::string> inputs() const { return {words.begin(), words.end() - 1}; }
@@ -103,7 +105,7 @@ void printSummary(const ConvertOptions& options, const Summary& summary) {
     if (options.json) {
         fmt::print("{}", summaryJson(summary));
     } else if (!options.quiet) {
-        fmt::print("{}", summaryText(summary));
+        fmt::print("{}", summary.isSkipped ? skippedText(summary) : summaryText(summary));
     }
 }
 
@@ -140,6 +142,41 @@ TileReport emptyReport(const ConvertOptions& options) {
     add("threads", options.threads > 0 ? std::to_string(options.threads) : "");
     add("maxMemory", options.maxMemory);
     return report;
+}
+
+// What decides the bytes of the dataset; nothing where an input cannot be looked at.
+std::optional<Making> makingOf(const Run& run) {
+    Making making;
+    for (const std::optional<InputFile>& file : run.report.files) {
+        if (!file) {
+            return std::nullopt;
+        }
+        making.inputs.push_back(*file);
+    }
+    making.options = givenWords(run.options.input);
+    std::erase_if(making.options, [](const auto& option) { return option.first == "strict"; });
+    making.started = run.report.started;
+    return making;
+}
+
+// True when the dataset is there already and needs nothing.
+bool skips(Run& run, const Making& making, const OutputPlace& place) {
+    const ConvertOptions& options = run.options;
+    const auto done = findDone(place.folder, making, options.input.strict, options.allowLoss);
+    if (!done) {
+        return false;
+    }
+    Summary summary = done->summary;
+    summary.input = options.name();
+    summary.output = options.output();
+    summary.isSkipped = true;
+    run.report.take(summary);
+    run.report.line = skippedText(summary);
+    run.report.line.pop_back(); // the line feed
+    run.report.outcome = Outcome::skipped;
+    printSummary(options, summary);
+    requireStandardOutput();
+    return true;
 }
 
 // A dry run measures and does nothing else.
@@ -188,12 +225,25 @@ SplatReader::VerifyReport convert(Run& run, const SplatSource::Scene& source, co
     return report;
 }
 
+// The dataset stands: without its record it is only made again.
+void keepRecord(Run& run, const Making& making, const OutputPlace& place, const Summary& summary) {
+    try {
+        recordDone(place.folder, making, summary);
+    } catch (const Failure& failure) {
+        run.warnings.add(fmt::format("{} (--skip-done will convert again)", failure.what()));
+    }
+}
+
 ExitStatus convertScene(Run& run) {
     const ConvertOptions& options = run.options;
     run.report.times.begin("opening");
     const Means means = chooseMeans(options.threads, bytesFrom(options.maxMemory).value_or(0));
     run.report.threads = means.threads;
     OutputPlace place = resolveOutput(options.output());
+    const std::optional<Making> making = makingOf(run);
+    if (options.skipDone && making && skips(run, *making, place)) {
+        return ExitStatus::done;
+    }
     const std::unique_ptr<SplatSource::Scene> source =
         openScene(options.inputs(), sceneOptions(options.input, means.threads, place.foundation));
     for (const std::string& remark : source->remarks) {
@@ -211,11 +261,15 @@ ExitStatus convertScene(Run& run) {
         printPlan(options, plan, place, run.warnings);
         return ExitStatus::done;
     }
+    forgetDone(place.folder); // it tells of a dataset that is about to be replaced
     const SplatReader::VerifyReport verified = convert(run, *source, plan, place, means);
     const Summary summary = summaryOf(options, plan, verified, run.progress.seconds(), run.warnings);
     run.report.take(summary);
     run.report.line = summaryText(summary);
     run.report.line.pop_back(); // the line feed
+    if (options.skipDone && making) {
+        keepRecord(run, *making, place, summary);
+    }
     printSummary(options, summary);
     requireStandardOutput();
     return ExitStatus::done;
@@ -256,14 +310,16 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
     command->add_option("--max-memory", options->maxMemory, "allocate at most so much, like 512M or 2G")
         ->type_name("SIZE")
         ->check(checkMemorySize);
+    command->add_flag("--skip-done", options->skipDone,
+                      "do nothing where OUT is sound and was made of IN in this way");
     command
         ->add_option("--report", options->report, "write what came of it to FILE as JSON, also of a failure")
         ->type_name("FILE")
         ->check(checkFileName);
     addInputOptions(*command, options->input);
     command->callback([options, &chosen] {
-        if (options->dryRun && !options->report.empty()) {
-            throw CLI::ExcludesError("--dry-run", "--report");
+        if (options->dryRun && (!options->report.empty() || options->skipDone)) {
+            throw CLI::ExcludesError("--dry-run", options->skipDone ? "--skip-done" : "--report");
         }
         chosen = [options] { return runConvert(*options); };
     });

@@ -9,7 +9,7 @@ _plyconvert() {
         esac
     fi
     case $command in
-    convert) options='--force --dry-run --quiet --json --allow-loss --threads --max-memory --report --strict'
+    convert) options='--force --dry-run --quiet --json --allow-loss --threads --max-memory --skip-done --report --strict'
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     info) options='--scan --json --cells --help' ;;
     verify) options='--quick --full --against --json --strict --quiet'

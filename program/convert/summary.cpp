@@ -44,6 +44,12 @@ std::string summaryText(const Summary& summary) {
                        countText(splatsPerSecond(summary)));
 }
 
+std::string skippedText(const Summary& summary) {
+    return fmt::format("{}: done already, {} in {}\n", summary.output,
+                       countText(summary.written, "splat", "splats"),
+                       countText(summary.cells, "cell", "cells"));
+}
+
 std::string summaryJson(const Summary& summary) {
     nlohmann::ordered_json json;
     json["input"] = summary.input;
@@ -69,6 +75,9 @@ std::string summaryJson(const Summary& summary) {
     json["seconds"] = summary.seconds;
     json["splatsPerSecond"] = splatsPerSecond(summary);
     json["warnings"] = summary.warnings;
+    if (summary.isSkipped) {
+        json["skipped"] = true;
+    }
     // Paths may hold bytes that are no UTF-8.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }

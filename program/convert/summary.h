@@ -28,10 +28,14 @@ struct Summary {
     std::uint64_t metaBytes = 0;
     double seconds = 0.0; // from the start of the program to the publication
     std::vector<std::string> warnings;
+    bool isSkipped = false; // was done by an earlier run, which the rest tells of
 };
 
 // One line for people.
 std::string summaryText(const Summary& summary);
+
+// The same of a run that had nothing to do.
+std::string skippedText(const Summary& summary);
 
 // The same as one JSON object on one line, for machines.
 std::string summaryJson(const Summary& summary);

@@ -59,7 +59,8 @@ bool tellsOfFullDisk(const std::error_code& error);
 std::uint64_t peakMemory();
 
 // Bytes of memory that a process started now can take without swapping: what the machine has free or can free
-// at once, the limits of the control group and of the process counted in.
+// at once, the limits of the control group, of the job
+// (job_limits.h) and of the process counted in.
 std::uint64_t availableMemory();
 
 // Returns when the file's or folder's content is on the disk itself; at once for a folder whose system keeps

@@ -1,9 +1,13 @@
 #include "program/system/platform.h"
 
+#include "program/system/job_limits.h"
+
 #include <algorithm>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <limits>
+#include <sstream>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -67,26 +71,6 @@ std::uint64_t controlGroupMemory(const std::filesystem::path& root, std::filesys
     }
 }
 
-std::uint64_t controlGroupMemory() {
-    std::uint64_t available = unlimited;
-    std::ifstream groups("/proc/self/cgroup");
-    // Lines are "0::/path" for the unified hierarchy and "N:controllers:/path" for the older ones.
-    for (std::string line; std::getline(groups, line);) {
-        const std::size_t path = line.rfind(':') + 1;
-        if (line.starts_with("0::")) {
-            available =
-                std::min(available, controlGroupMemory("/sys/fs/cgroup", line.substr(path),
-                                                       {"memory.max", "memory.current", "inactive_file"}));
-        } else if (line.find("memory") < path) {
-            available =
-                std::min(available, controlGroupMemory("/sys/fs/cgroup/memory", line.substr(path),
-                                                       {"memory.limit_in_bytes", "memory.usage_in_bytes",
-                                                        "total_inactive_file"}));
-        }
-    }
-    return available;
-}
-
 std::uint64_t processLimit() {
     std::uint64_t available = unlimited;
     for (const auto resource : {RLIMIT_AS, RLIMIT_DATA}) {
@@ -100,13 +84,41 @@ std::uint64_t processLimit() {
 
 } // namespace
 
+std::uint64_t groupMemory(const std::string& groups, const std::filesystem::path& root) {
+    std::uint64_t available = unlimited;
+    std::istringstream lines(groups);
+    // Lines are "0::/path" for the unified hierarchy and "N:controllers:/path" for the older ones. A path may
+    // hold colons.
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t controllers = line.find(':') + 1;
+        const std::size_t path = line.find(':', controllers) + 1;
+        const std::string group = line.substr(path);
+        if (line.starts_with("0::")) {
+            for (const char* const limit : {"memory.max", "memory.high"}) {
+                available = std::min(
+                    available, controlGroupMemory(root, group, {limit, "memory.current", "inactive_file"}));
+            }
+        } else if ((',' + line.substr(controllers, path - 1 - controllers) + ',').find(",memory,") !=
+                   std::string::npos) {
+            available =
+                std::min(available, controlGroupMemory(root / "memory", group,
+                                                       {"memory.limit_in_bytes", "memory.usage_in_bytes",
+                                                        "total_inactive_file"}));
+        }
+    }
+    return available;
+}
+
 // Not getrusage: that keeps the peak of the process that started this one.
 std::uint64_t peakMemory() {
     return numberAfter("/proc/self/status", "VmHWM:").value_or(0) * 1024;
 }
 
 std::uint64_t availableMemory() {
-    return std::min({machineMemory(), controlGroupMemory(), processLimit()});
+    std::ifstream file("/proc/self/cgroup");
+    const std::string groups((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    return std::min({machineMemory(), groupMemory(groups, "/sys/fs/cgroup"), processLimit(),
+                     jobLimits().memory.value_or(unlimited)});
 }
 
 } // namespace Tavrin::SplatProgram

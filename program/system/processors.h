@@ -7,8 +7,8 @@
 
 namespace Tavrin::SplatProgram {
 
-// At least 1: what the machine has, less what the process's affinity and the quota of its control group leave
-// out.
+// At least 1: what the machine has, less what the process's affinity, the quota of its control group and its
+// job (job_limits.h) leave out.
 unsigned usableProcessors();
 
 // The processors that the quotas of a control group and of its ancestors leave, rounded up; nothing without a

@@ -1,5 +1,7 @@
 #include "program/system/processors.h"
 
+#include "program/system/job_limits.h"
+
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -84,7 +86,8 @@ unsigned usableProcessors() {
     std::ifstream file("/proc/self/cgroup");
     const std::string groups((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     const unsigned affinity = affinityProcessors();
-    return std::min(quotaProcessors(groups, "/sys/fs/cgroup").value_or(affinity), affinity);
+    return std::min({quotaProcessors(groups, "/sys/fs/cgroup").value_or(affinity), affinity,
+                     jobLimits().processors.value_or(affinity)});
 }
 
 } // namespace Tavrin::SplatProgram

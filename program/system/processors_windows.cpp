@@ -1,5 +1,7 @@
 #include "program/system/processors.h"
 
+#include "program/system/job_limits.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstdint>
@@ -13,7 +15,9 @@ std::optional<unsigned> quotaProcessors(const std::string&, const std::filesyste
     return std::nullopt;
 }
 
-unsigned usableProcessors() {
+namespace {
+
+unsigned ownProcessors() {
     DWORD_PTR own = 0;
     DWORD_PTR machine = 0;
     // Both are 0 for a process in several groups of processors.
@@ -21,6 +25,13 @@ unsigned usableProcessors() {
         return std::max<unsigned>(GetActiveProcessorCount(ALL_PROCESSOR_GROUPS), 1);
     }
     return static_cast<unsigned>(std::popcount(std::uint64_t{own}));
+}
+
+} // namespace
+
+unsigned usableProcessors() {
+    const unsigned own = ownProcessors();
+    return std::min(own, jobLimits().processors.value_or(own));
 }
 
 } // namespace Tavrin::SplatProgram
