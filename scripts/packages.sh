@@ -14,7 +14,7 @@ packages=(
 # What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a
 # project that uses the library asks for its flags, a terminal that changes its size, the layout of the sources, and a disk
 # that cannot set room aside (mkfs.ext2).
-suite_packages=(valgrind locales pkg-config tmux clang-format-14 e2fsprogs)
+suite_packages=(valgrind locales pkg-config tmux clang-format-14 e2fsprogs parallel)
 clang_packages=(clang)
 # The linter of scripts/tidy.sh.
 tidy_packages=(clang-tidy-14)

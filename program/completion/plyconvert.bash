@@ -5,7 +5,7 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        catalogue | info | verify | export | normalise | view | picture) command=${COMP_WORDS[1]} ;;
+        catalogue | info | verify | export | normalise | summary | view | picture) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
@@ -19,6 +19,7 @@ _plyconvert() {
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     export) options='--cell --force --quiet --help' ;;
     catalogue) options='--base --datetime --force --quiet --help' ;;
+    summary) options='--json --help' ;;
     view) options='--epsg --port --no-open --write-html --force --help' ;;
     picture) options='--gsd --size --box --background --threads --force --quiet --help' ;;
     esac
@@ -49,7 +50,7 @@ _plyconvert() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pPsS][lLpP][yYzZ]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'catalogue convert info verify export normalise view picture' -- "$word")
+        mapfile -t words < <(compgen -W 'catalogue convert info verify export normalise view picture summary' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }
