@@ -28,6 +28,7 @@ constexpr int usage = 1;
 constexpr int inputRefused = 2;
 constexpr int outputRefused = 3;
 constexpr int verificationFailed = 6;
+constexpr int doesNotFit = 7;
 constexpr int interrupted = 130;
 
 const std::set<std::string> datasetNames = {"converted_from_ply.ytr", "data.bin", "index.bin", "log.txt",
@@ -343,7 +344,7 @@ TEST_F(Program, CleansUpAfterDeadRuns) {
     expectRefusal(convert(work / "out.partial-4000000001", output), inputRefused, "is a folder");
     EXPECT_EQ(names().count("out.partial-4000000001"), 1u) << "a refused input touches nothing";
 
-    ASSERT_EQ(failForMemory(), inputRefused);
+    ASSERT_EQ(failForMemory(), doesNotFit);
     EXPECT_EQ(support::readFile(output / "data.bin"), data) << "the earlier dataset is back";
     EXPECT_EQ(names(), (std::set<std::string>{"out", "scene.ply"}));
 }
@@ -474,7 +475,7 @@ TEST_F(ProgramUnderWay, LeavesTheEarlierDatasetWhenKilled) {
     expectTheEarlierDataset();
     const std::set<std::string> left = names();
     EXPECT_EQ(left.size(), 4u) << "the folder that was written, and its lock";
-    EXPECT_EQ(failForMemory(), inputRefused);
+    EXPECT_EQ(failForMemory(), doesNotFit);
     EXPECT_EQ(names(), (std::set<std::string>{"out", "scene.ply"}));
     expectTheEarlierDataset();
 }
