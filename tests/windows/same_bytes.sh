@@ -14,6 +14,7 @@ for needed in "$native_host" "$native_library" "$samples"; do
     fi
 done
 
+trap 'echo "line $LINENO ended with $?: $BASH_COMMAND"' ERR
 rm -rf "$scratch"
 mkdir -p "$scratch"
 trap 'rm -rf "$scratch"' EXIT
