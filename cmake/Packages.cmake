@@ -68,8 +68,9 @@ add_package(program plyconvert graphics "converter of Gaussian-splat scenes to q
 datasets grouped by ground cell. Inspects, verifies and exports datasets, and
 shows them in the browser.")
 add_package(geo plyconvert-geo graphics "pictures and catalogues of Gaussian-splat datasets"
-"Two more subcommands of plyconvert: picture draws datasets from straight above
-as GeoTIFF or PNG, catalogue lists the tiles of a city as a STAC ItemCollection.")
+"Two more subcommands of plyconvert. The first, picture, draws datasets from
+straight above as GeoTIFF or PNG. The second, catalogue, lists the tiles of a
+city as a STAC ItemCollection.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/symbols ${PROJECT_SOURCE_DIR}/packaging/triggers ${generated}/shlibs)

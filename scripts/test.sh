@@ -153,7 +153,7 @@ test_packages() {
         cd "$root/build/package"
         umask 022
         rm -f ./*.deb
-        SOURCE_DATE_EPOCH=1 cpack >cpack.log || {
+        SOURCE_DATE_EPOCH=$(stat -c %Y "$root/CHANGELOG.md") cpack >cpack.log || {
             cat cpack.log
             exit 1
         }

@@ -261,8 +261,8 @@ ExitStatus convertScene(Run& run) {
         printPlan(options, plan, place, run.warnings);
         return ExitStatus::done;
     }
-    forgetDone(place.folder); // it tells of a dataset that is about to be replaced
     const SplatReader::VerifyReport verified = convert(run, *source, plan, place, means);
+    forgetDone(place.folder); // it tells of the dataset that was replaced
     const Summary summary = summaryOf(options, plan, verified, run.progress.seconds(), run.warnings);
     run.report.take(summary);
     run.report.line = summaryText(summary);

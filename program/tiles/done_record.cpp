@@ -1,7 +1,6 @@
 #include "program/tiles/done_record.h"
 
 #include "plyconvert.h"
-#include "program/system/exit_status.h"
 #include "program/system/partial_file.h"
 #include "program/system/platform.h"
 #include "reader/verify.h"
@@ -130,13 +129,13 @@ std::optional<DoneTile> findDone(const fs::path& folder, const Making& making, b
 }
 
 void forgetDone(const fs::path& folder) {
-    std::error_code error;
     const fs::path path = doneRecordPath(folder);
-    fs::remove(path, error);
-    if (error && error != std::errc::no_such_file_or_directory) {
-        throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: the record of an earlier dataset cannot be removed: {}: remove it",
-                                  textFromPath(path), error.message()));
+    std::ifstream file(path, std::ios::binary);
+    const Json json = Json::parse(file, nullptr, false);
+    file.close();
+    if (json.is_object() && json.contains("recordVersion") && json.contains("making")) {
+        std::error_code ignored; // the guid in a record that stays is not that of the dataset any more
+        fs::remove(path, ignored);
     }
 }
 

@@ -37,7 +37,8 @@ std::filesystem::path doneRecordPath(const std::filesystem::path& folder);
 std::optional<DoneTile> findDone(const std::filesystem::path& folder, const Making& making, bool isStrict,
                                  bool allowLoss);
 
-// Removes the record, before a dataset takes the place. Throws a Failure (OutputRefused) when that fails.
+// Removes the record of a dataset that was replaced. A file that is no record stays, and so does one that
+// cannot be removed: findDone sees that its dataset is gone.
 void forgetDone(const std::filesystem::path& folder);
 
 // Writes the record of the dataset that stands in `folder` now. Throws a Failure (OutputRefused).
