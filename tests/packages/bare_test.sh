@@ -79,7 +79,8 @@ inside dpkg-query -W -f '${Package}\n' | sort | comm -13 "$folder/before" - | tr
 echo
 depends=$(inside dpkg-query -W -f '${Depends}' libplyconvert1 | sed 's/ ([^)]*)//g')
 [[ $depends == "libc6, libgcc-s1, libstdc++6" ]] || fail "the library depends on: $depends"
-inside ldconfig -p | grep -q 'libplyconvert.so.1 ' || fail "the dynamic linker does not find the library"
+# What is read whole into a text: a pipe that ends early would be an error of the writer's.
+grep -q 'libplyconvert.so.1 ' <<<"$(inside ldconfig -p)" || fail "the dynamic linker does not find the library"
 
 echo "-- the program: converts, verifies, exports, serves"
 install_inside "$(deb plyconvert)"
@@ -98,7 +99,7 @@ for _ in {1..100}; do
     sleep 0.1
 done
 [[ -n $address ]] || fail "view says no address: $(cat "$folder/view.log")"
-curl -s --compressed "$address" | grep -qi '<!doctype html>' || fail "view serves no page at $address"
+grep -qi '<!doctype html>' <<<"$(curl -s --compressed "$address")" || fail "view serves no page at $address"
 pkill -INT -P "$server" 2>/dev/null || kill -INT "$server"
 wait "$server" || true
 server=
