@@ -96,7 +96,6 @@ private:
 
     const SplatSource::Source& source_;
     const Measured& measured_;
-    const Settings& settings_;
     OutputFile& data_;
     OutputFile* coefficients_; // null without
     PlacePlan plan_;
@@ -126,7 +125,7 @@ private:
 
 PlacePass::PlacePass(const SplatSource::Source& scene, const Measured& facts, const Settings& chosen,
                      OutputFile& dataFile, OutputFile* coefficientFile)
-    : source_(scene), measured_(facts), settings_(chosen), data_(dataFile), coefficients_(coefficientFile),
+    : source_(scene), measured_(facts), data_(dataFile), coefficients_(coefficientFile),
       plan_(planPlace(facts, chosen)), windows_{.records = scene.count, .windowRecords = plan_.windowRecords},
       recordFloats_(recordLayout(facts.hasCoefficients).floats),
       quantiser_(quantiseSettings(facts.bounding, true)), isSingle_(facts.countedSplats <= singleCellSplats),
