@@ -25,7 +25,7 @@ windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletes
 viewer_packages=(chromium)
 node_packages=(nodejs npm)
 # A bare system to try the packages in, and what looks at it from outside.
-bare_packages=(debootstrap lintian curl)
+bare_packages=(debootstrap lintian curl procps)
 # What scripts/release.sh packs with.
 release_packages=(dpkg-dev zip python3)
 
