@@ -1,12 +1,13 @@
 // The cell of a splat, and counting splats by cell.
 #pragma once
 
-#include "src/cells_table.h"
 #include "src/conversions.h"
 
+#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <unordered_map>
 #include <vector>
 
 namespace Tavrin::GaussionSplat {
@@ -63,10 +64,12 @@ struct CellCount {
 // Counts splats by cell, and numbers the cells in the order in which they are first seen.
 class CellCounter {
 public:
+    CellCounter() { remembered_[hashOf(0)].key = 1; }
+
     // The number of the cell of key. A key seen for the first time gets a new cell with no splats.
     std::uint32_t numberOf(std::uint32_t key) {
-        const std::uint32_t number = numbers_.find(key);
-        return number != KeyTable::none ? number : insert(key);
+        const Remembered& entry = remembered_[hashOf(key)];
+        return entry.key == key ? entry.number : find(key);
     }
 
     void add(std::uint32_t key, std::uint64_t splats) { cells_[numberOf(key)].splats += splats; }
@@ -75,17 +78,27 @@ public:
     const std::vector<CellCount>& counts() const { return cells_; }
 
 private:
-    std::vector<CellCount> cells_;
-    KeyTable numbers_; // by key
+    // A look-up cache in front of numbers_. A scene has far fewer cells than the cache has entries. An empty
+    // entry holds a key that belongs to another entry, so no look-up matches it.
+    struct Remembered {
+        std::uint32_t key = 0;
+        std::uint32_t number = 0;
+    };
+    static constexpr std::size_t rememberedCount = 4096; // a power of two
 
-    std::uint32_t insert(std::uint32_t key) {
-        if (numbers_.isFull()) {
-            numbers_.grow();
+    std::vector<CellCount> cells_;
+    std::unordered_map<std::uint32_t, std::uint32_t> numbers_; // by key
+    std::array<Remembered, rememberedCount> remembered_;
+
+    static std::size_t hashOf(std::uint32_t key) { return (key ^ key >> 10) % rememberedCount; }
+
+    std::uint32_t find(std::uint32_t key) {
+        const auto [entry, isNew] = numbers_.emplace(key, static_cast<std::uint32_t>(cells_.size()));
+        if (isNew) {
+            cells_.push_back({.key = key, .splats = 0});
         }
-        const auto number = static_cast<std::uint32_t>(cells_.size());
-        cells_.push_back({.key = key, .splats = 0});
-        numbers_.insert(key, number);
-        return number;
+        remembered_[hashOf(key)] = {.key = key, .number = entry->second};
+        return entry->second;
     }
 };
 

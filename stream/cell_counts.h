@@ -1,7 +1,7 @@
 // Counts splats by cell, in limited memory.
 #pragma once
 
-#include "src/cells_table.h"
+#include "stream/key_table.h"
 
 #include <algorithm>
 #include <bit>
@@ -9,8 +9,6 @@
 #include <vector>
 
 namespace Tavrin::SplatStream {
-
-using GaussionSplat::KeyTable;
 
 class CellCounts {
 public:

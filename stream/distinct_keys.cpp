@@ -1,10 +1,8 @@
 #include "stream/distinct_keys.h"
 
-#include "src/cells_table.h"
+#include "stream/key_table.h"
 
 namespace Tavrin::SplatStream {
-
-using GaussionSplat::KeyTable;
 
 namespace {
 

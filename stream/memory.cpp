@@ -1,9 +1,9 @@
 #include "stream/memory.h"
 
-#include "src/cells_table.h"
 #include "src/large_pages.h"
 #include "src/splatheader.h"
 #include "stream/cell_counts.h"
+#include "stream/key_table.h"
 
 #include <algorithm>
 #include <optional>

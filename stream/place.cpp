@@ -1,11 +1,11 @@
 #include "stream/place.h"
 
-#include "src/cells_table.h"
 #include "src/chunker_decode.h"
 #include "src/indexer_quantise.h"
 #include "src/large_pages.h"
 #include "src/platform.h"
 #include "stream/crew.h"
+#include "stream/key_table.h"
 #include "stream/memory.h"
 #include "stream/output_file.h"
 #include "stream/pages.h"

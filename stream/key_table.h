@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-namespace Tavrin::GaussionSplat {
+namespace Tavrin::SplatStream {
 
 // Prefetch distance, in keys: in a scene of many cells each key is likely to be another.
 inline constexpr std::uint64_t keysAhead = 16;
@@ -88,4 +88,4 @@ private:
     }
 };
 
-} // namespace Tavrin::GaussionSplat
+} // namespace Tavrin::SplatStream
