@@ -30,7 +30,7 @@ struct CommandGroup {
     std::vector<AddCommand*> commands;
 };
 
-// In the order in which people need them.
+// The subcommands in the order of a user's work. The help, the man page and the shell completions follow it.
 const std::vector<CommandGroup> groups = {
     {"Convert and check", {addConvertCommand, addInfoCommand, addVerifyCommand}},
     {"Look", {addViewCommand, addPictureCommand}},
@@ -57,7 +57,7 @@ bool namesCommand(const CLI::App& program, const std::string& word) {
     return !program.get_subcommands(isNamed).empty();
 }
 
-// A word where a subcommand may stand that looks like one: neither an option nor the name of a file.
+// True for a first word that looks like a mistyped subcommand: neither an option nor an existing file.
 bool isMisspelt(const std::string& word) {
     std::error_code ignored;
     return word.find_first_of("-./\\") == std::string::npos && !word.empty() &&
@@ -81,7 +81,7 @@ ExitStatus printUsageError(const std::string& what) {
     return ExitStatus::usage;
 }
 
-// A positional option with a text of its own is shown by it, like "IN... OUT".
+// Shows a positional argument by its own option text where it has one, like "IN... OUT".
 class HelpFormatter : public CLI::Formatter {
 public:
     std::string make_option_usage(const CLI::Option* option) const override {
@@ -99,8 +99,7 @@ public:
     }
 };
 
-// Every line of help fits 80 columns; what is in brackets in the usage line need not be marked as optional
-// again.
+// Keeps every line of help within 80 columns. Brackets in the usage line already mark what is optional.
 void layOutHelp(CLI::App& program) {
     program.formatter(std::make_shared<HelpFormatter>());
     program.get_formatter()->column_width(20);
@@ -135,7 +134,7 @@ ExitStatus run(const std::vector<std::string>& words) {
         fmt::print("{}\n", versionText());
         return ExitStatus::done;
     } catch (const CLI::RequiredError& error) {
-        // What is there and unknown tells more than what is missing.
+        // An unknown word is reported before a missing one, because it tells the user more.
         const std::vector<std::string> unknown = program.remaining(true);
         return printUsageError(unknown.empty() ? error.what()
                                                : fmt::format("{} is not known", unknown.front()));
@@ -162,7 +161,7 @@ int main(int argc, char** argv) {
     try {
         requireStandardOutput();
     } catch (const Failure& failure) {
-        // The first line that was printed says why the status is what it is.
+        // After another failure, its line is the one that explains the status.
         if (status == ExitStatus::done) {
             reportError(failure.what());
             status = failure.status();

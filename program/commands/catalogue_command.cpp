@@ -40,7 +40,7 @@ struct CatalogueOptions {
     const std::string& file() const { return words.back(); }
 };
 
-// Warnings, one line each, unless nobody wants them.
+// Warnings, one line each; none with --quiet.
 class Remarks {
 public:
     explicit Remarks(bool quiet, Progress& progress) : quiet_(quiet), progress_(progress) {}
@@ -103,10 +103,10 @@ CataloguePlace placeOf(const CatalogueOptions& options) {
     return {error ? folder : resolved, options.base};
 }
 
-// Footprints of tiles of a few codes.
+// Footprints of tiles. Keeps the projection of each EPSG code, since a city has few.
 class Footprints {
 public:
-    // Nothing, and the reason, where the tile has no place on the globe.
+    // Nothing when the tile has no place on the globe; `whyNot` then holds the reason.
     std::optional<Footprint> of(const Tile& tile, std::string& whyNot) {
         if (tile.meta.epsg <= 0) {
             whyNot = "it states no EPSG code (convert --epsg states one)";
@@ -138,7 +138,7 @@ private:
     std::map<std::int32_t, Entry> projections_;
 };
 
-// The picture of a tile, when it is one of the ground that the tile covers.
+// The picture beside a tile, if it shows the ground that the tile covers.
 std::optional<Overview> overviewOf(const Tile& tile, Remarks& remarks) {
     std::string remark;
     auto overview = overviewBeside(tile.folder, remark);
@@ -250,7 +250,8 @@ ExitStatus runCatalogue(const CatalogueOptions& options) {
         throw Failure(ExitStatus::verificationFailed,
                       fmt::format("{}: no tile is left, so nothing was written", options.file()));
     }
-    // Ids come from all folders given, so that they stay when a tile is mended.
+    // Ids are made from all folders given, sound or not, so that they stay the same when a broken tile is
+    // repaired.
     const std::vector<std::string> ids = idsOf(folders);
     Remarks remarks(options.quiet, progress);
     Footprints footprints;

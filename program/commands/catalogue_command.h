@@ -5,7 +5,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What the list of subcommands says of it.
+// Its line in the list of subcommands.
 inline constexpr const char* catalogueSummary = "Write a catalogue for geo tools: DATASET... CITY.json";
 
 AddCommand addCatalogueCommand;

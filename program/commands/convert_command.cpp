@@ -50,7 +50,7 @@ struct ConvertOptions {
     std::string name() const { return namesText(inputs()); }
 };
 
-// What is wrong with the words of options; empty when nothing is.
+// Checks of option values: the message for a bad value, empty for a good one.
 std::string checkThreads(const std::string& word) {
     unsigned threads = 0;
     const auto [stop, error] = std::from_chars(word.data(), word.data() + word.size(), threads);
@@ -65,7 +65,7 @@ std::string checkMemorySize(const std::string& word) {
                            : fmt::format("{} is no size: write it like 5000000, 512M or 2G", word);
 }
 
-// An empty word is a variable of a script that is not set.
+// An empty name usually comes from an unset variable in a script.
 std::string checkFileName(const std::string& word) {
     return word.empty() ? "an empty word names no file" : "";
 }
@@ -113,7 +113,7 @@ double shareOf(std::uint64_t splats, std::uint64_t all) {
     return all > 0 ? static_cast<double>(splats) / static_cast<double>(all) : 1.0;
 }
 
-// A run, with what it says and reports on its way.
+// One run: its options, progress, warnings and report.
 struct Run {
     const ConvertOptions& options;
     Warnings warnings;
@@ -144,7 +144,7 @@ TileReport emptyReport(const ConvertOptions& options) {
     return report;
 }
 
-// What decides the bytes of the dataset; nothing where an input cannot be looked at.
+// Everything that decides the bytes of the dataset; nothing when an input cannot be inspected.
 std::optional<Making> makingOf(const Run& run) {
     Making making;
     for (const std::optional<InputFile>& file : run.report.files) {
@@ -159,7 +159,7 @@ std::optional<Making> makingOf(const Run& run) {
     return making;
 }
 
-// True when the dataset is there already and needs nothing.
+// True when an earlier run has already made this dataset.
 bool skips(Run& run, const Making& making, const OutputPlace& place) {
     const ConvertOptions& options = run.options;
     const auto done = findDone(place.folder, making, options.input.strict, options.allowLoss);
@@ -179,7 +179,7 @@ bool skips(Run& run, const Making& making, const OutputPlace& place) {
     return true;
 }
 
-// A dry run measures and does nothing else.
+// Measures the scene. A dry run stops after this.
 Plan planOf(Run& run, const SplatSource::Scene& source, const OutputPlace& place, const Means& means) {
     run.report.times.begin("measuring");
     Plan plan = makePlan(run.options.name(), source, place, means, run.warnings, [&](std::uint64_t splats) {
@@ -198,7 +198,7 @@ Plan planOf(Run& run, const SplatSource::Scene& source, const OutputPlace& place
     return plan;
 }
 
-// Writes, verifies and publishes. What verification reads goes to the disk meanwhile.
+// Writes, verifies and publishes. The files are flushed to the disk while they are verified.
 SplatReader::VerifyReport convert(Run& run, const SplatSource::Scene& source, const Plan& plan,
                                   const OutputPlace& place, const Means& means) {
     const ConvertOptions& options = run.options;
@@ -225,7 +225,7 @@ SplatReader::VerifyReport convert(Run& run, const SplatSource::Scene& source, co
     return report;
 }
 
-// The dataset stands: without its record it is only made again.
+// A failure only warns: the dataset is in place, and without the record the next run makes it again.
 void keepRecord(Run& run, const Making& making, const OutputPlace& place, const Summary& summary) {
     try {
         recordDone(place.folder, making, summary);
@@ -251,7 +251,7 @@ ExitStatus convertScene(Run& run) {
     }
     if (!options.dryRun) {
         cleanUpDeadRuns(place.folder);
-        place = resolveOutput(options.output()); // an earlier dataset may be back
+        place = resolveOutput(options.output()); // cleaning up may have put an earlier dataset back
     }
     for (const std::string& input : options.inputs()) {
         checkOutput(place, input, options.force);
@@ -262,7 +262,7 @@ ExitStatus convertScene(Run& run) {
         return ExitStatus::done;
     }
     const SplatReader::VerifyReport verified = convert(run, *source, plan, place, means);
-    forgetDone(place.folder); // it tells of the dataset that was replaced
+    forgetDone(place.folder); // it describes the dataset that was replaced
     const Summary summary = summaryOf(options, plan, verified, run.progress.seconds(), run.warnings);
     run.report.take(summary);
     run.report.line = summaryText(summary);

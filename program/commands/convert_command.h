@@ -1,4 +1,4 @@
-// plyconvert convert: a scene becomes a dataset.
+// plyconvert convert: converts scenes to a dataset.
 #pragma once
 
 #include "program/commands/command.h"

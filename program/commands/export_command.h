@@ -1,4 +1,4 @@
-// plyconvert export: a dataset becomes a scene again.
+// plyconvert export: writes a dataset as a PLY scene.
 #pragma once
 
 #include "program/commands/command.h"

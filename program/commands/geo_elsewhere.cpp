@@ -1,6 +1,6 @@
-// `picture` and `catalogue` in the program that people start: they run in plyconvert-geo, a second program.
-// It alone needs the libraries for coordinate systems and pictures, so that those who only convert need not
-// install them. The executable links this file in place of picture_command.cpp and catalogue_command.cpp.
+// `picture` and `catalogue` of the plain program, which starts plyconvert-geo for them. Only plyconvert-geo
+// needs the libraries for coordinate systems and pictures, so users who only convert need not install them.
+// The executable links this file in place of picture_command.cpp and catalogue_command.cpp.
 
 #include "program/commands/catalogue_command.h"
 #include "program/commands/picture_command.h"
@@ -18,7 +18,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Takes every word that follows, `--help` among them, and hands all of them over.
+// Passes all following words, including `--help`, to plyconvert-geo.
 void addHandedOver(CLI::App& program, Action& chosen, const char* name, const char* summary) {
     CLI::App* const command = program.add_subcommand(name, summary);
     command->prefix_command();

@@ -23,7 +23,8 @@ struct InfoOptions {
     bool cells = false;
 };
 
-// The locale's character set by the environment, as programs decide it: the first of the three that is set.
+// The character set of the locale. As in other programs, the first of the three variables that is set
+// decides.
 bool terminalTakesUtf8() {
     for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
         const char* value = std::getenv(name);

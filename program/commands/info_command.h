@@ -1,4 +1,4 @@
-// plyconvert info: what is in a scene or a dataset.
+// plyconvert info: prints facts about a scene or a dataset.
 #pragma once
 
 #include "program/commands/command.h"

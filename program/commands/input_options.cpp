@@ -14,7 +14,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Decimal numbers between commas; nothing unless there are exactly so many, all finite.
+// Decimal numbers separated by commas; nothing unless there are exactly `count`, all finite.
 template <std::size_t count>
 std::optional<std::array<double, count>> numbersOf(std::string_view word) {
     std::array<double, count> numbers{};
@@ -42,7 +42,7 @@ std::optional<std::int32_t> codeOf(std::string_view word) {
     return isCode ? std::optional(code) : std::nullopt;
 }
 
-// What is wrong with the words of options; empty when nothing is.
+// Checks of option values: the message for a bad value, empty for a good one.
 std::string checkCode(const std::string& word) {
     return codeOf(word) ? "" : fmt::format("{} is no EPSG code: write a whole number like 25832", word);
 }
@@ -85,7 +85,7 @@ std::string checkWord(const std::string& word) {
                              word);
 }
 
-// The help names the words itself.
+// Without a description, because the help text already lists the words.
 CLI::Validator oneOf(const std::vector<std::string>& words) {
     return CLI::IsMember(words).description("");
 }

@@ -1,4 +1,4 @@
-// The options that say how inputs are read: the same for every command that reads scenes.
+// The options for reading inputs, shared by every subcommand that reads scenes.
 #pragma once
 
 #include "source/merge.h"
@@ -12,7 +12,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// As words of the command line; empty where they are not given. addInputOptions has them checked.
+// The options as text of the command line, empty where not given. The parser checks them (addInputOptions).
 struct InputOptions {
     std::string epsg;
     std::string offset;
@@ -27,18 +27,19 @@ struct InputOptions {
     bool strict = false;
 };
 
-// Positional words: one scene or several, and the output after them, which `last` names. The words must
-// outlive the command.
+// Adds the positional arguments: one scene or several, then the output. `last` is the output's name in the
+// help. `words` must outlive the command.
 void addInputWords(CLI::App& command, std::vector<std::string>& words, const std::string& last,
                    const std::string& text);
 
-// The options must outlive the command. `takesStrict`: --strict among them, which is about invalid splats.
+// Adds the options. `options` must outlive the command. `takesStrict`: also --strict, which refuses invalid
+// splats.
 void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict = true);
 
-// Those that are given, by the names of their options.
+// The options that were given: pairs of name and text.
 std::vector<std::pair<std::string, std::string>> givenWords(const InputOptions& options);
 
-// What the words mean. Files that have to be unpacked are unpacked in `scratchFolder`.
+// The parsed options. Compressed inputs are unpacked into `scratchFolder`.
 SplatSource::SceneOptions sceneOptions(const InputOptions& options, unsigned threads,
                                        const std::filesystem::path& scratchFolder);
 

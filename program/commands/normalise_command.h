@@ -1,4 +1,4 @@
-// plyconvert normalise: scenes become the one PLY form that the library reads.
+// plyconvert normalise: writes scenes in the PLY layout that the library reads.
 #pragma once
 
 #include "program/commands/command.h"

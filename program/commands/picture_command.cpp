@@ -31,7 +31,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int usualSize = 2048; // pixels of the longer side where nothing is said
+constexpr int usualSize = 2048; // pixels of the longer side without --gsd and --size
 
 struct PictureOptions {
     std::vector<std::string> words; // the datasets, then the file to write
@@ -178,7 +178,7 @@ SplatPicture::PixelGrid gridOf(const PictureOptions& options, const SplatPicture
     }
 }
 
-// The size of a pixel, the turns, and where the middle of the upper left pixel lies.
+// Writes the pixel size, the rotation terms (0) and the centre of the upper left pixel, one number a line.
 void writeWorldFile(const fs::path& path, const SplatPicture::PixelGrid& grid) {
     std::ofstream file(path, std::ios::binary);
     file << fmt::format("{}\n0.0\n0.0\n{}\n{}\n{}\n", grid.pixel, -grid.pixel, grid.left() + 0.5 * grid.pixel,

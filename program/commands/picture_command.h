@@ -5,7 +5,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What the list of subcommands says of it.
+// Its line in the list of subcommands.
 inline constexpr const char* pictureSummary = "Draw datasets from straight above, as a map picture";
 
 AddCommand addPictureCommand;

@@ -1,4 +1,4 @@
-// plyconvert summary: what came of many tiles.
+// plyconvert summary: prints the results of many tiles.
 #pragma once
 
 #include "program/commands/command.h"

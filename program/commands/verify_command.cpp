@@ -58,7 +58,7 @@ Result verify(const VerifyOptions& options, Progress& progress) {
     };
     Result result;
     result.report = SplatReader::verifyDataset(folder, how);
-    // Where the files do not fit together, a comparison would only say so again, once a splat.
+    // If the files contradict each other, a comparison would repeat that for every splat.
     if (source && result.report.sound()) {
         try {
             const SplatReader::Dataset dataset = SplatReader::Dataset::open(folder);
@@ -216,7 +216,7 @@ ExitStatus runVerify(const VerifyOptions& options) {
         printText(options, result);
     }
     if (!result.passed) {
-        std::fflush(stdout); // the findings stand before the line that counts them
+        std::fflush(stdout); // the findings come before the line that counts them
         reportError(
             fmt::format("{}: verification failed: {}", options.dataset, verdictText(result.report.findings)));
         return ExitStatus::verificationFailed;

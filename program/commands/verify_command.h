@@ -1,4 +1,4 @@
-// plyconvert verify: whether a dataset is sound, and agrees with the scene that it was made of.
+// plyconvert verify: checks a dataset, and compares it with the scene that it was made of.
 #pragma once
 
 #include "program/commands/command.h"

@@ -1,4 +1,4 @@
-// plyconvert view: a dataset in the browser.
+// plyconvert view: shows datasets in the browser.
 #pragma once
 
 #include "program/commands/command.h"

@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// How many datasets have a code.
+// Number of datasets by EPSG code.
 using Codes = std::map<std::int32_t, std::size_t>;
 
 std::vector<ServedDataset> opened(const std::vector<std::string>& words) {
@@ -52,7 +52,7 @@ std::string listOf(const Codes& codes) {
     return text;
 }
 
-// The page begins with the map of the most datasets; of several such maps with the first one.
+// The page opens with the map that has the most datasets; if several have, with the first of them.
 std::string remarkOf(const std::vector<std::int32_t>& codes, Codes others) {
     std::int32_t shown = 0;
     std::size_t most = 1;
@@ -84,7 +84,7 @@ ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::option
         if (epsg && *epsg != code) {
             continue;
         }
-        // Positions without a code have nothing in common, unless somebody says so.
+        // Datasets without a code share no coordinates unless the user says so with --epsg 0.
         dataset.map = code != 0 || epsg ? codeText(code) : "";
         codes.push_back(code);
         viewed.datasets.push_back(std::move(dataset));

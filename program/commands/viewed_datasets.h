@@ -1,4 +1,4 @@
-// Which datasets `view` shows: of folders and catalogues, those of one EPSG code on one map.
+// Chooses the datasets that `view` shows, and which of them share a map: those of one EPSG code.
 #pragma once
 
 #include "program/serve/content.h"
@@ -12,12 +12,12 @@ namespace Tavrin::SplatProgram {
 
 struct ViewedDatasets {
     std::vector<ServedDataset> datasets;
-    std::string remark; // one line where not all of them are on the first map; empty else
+    std::string remark; // one line when some of them are not on the first map; otherwise empty
 };
 
-// `words` are folders of datasets and files of catalogues. Each dataset is checked by the reader. With `epsg`
-// those of this code alone are taken, and 0 stands for those without one. Throws a Failure (InputRefused) for
-// what is neither a sound dataset nor a catalogue of such, and when no dataset has the code.
+// `words` are dataset folders and catalogue files. The reader checks each dataset. `epsg` keeps only the
+// datasets of that code; 0 keeps those without a code. Throws a Failure (InputRefused) for a word that is
+// neither a sound dataset nor a catalogue of sound datasets, and when no dataset has the code.
 ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::optional<std::int32_t> epsg);
 
 } // namespace Tavrin::SplatProgram
