@@ -13,7 +13,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Bytes of the program that no pass allocates: code, stacks, buffers of files.
+// Memory of the program outside the passes: code, stacks, file buffers.
 constexpr std::uint64_t ownBytes = 16 << 20;
 
 [[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
@@ -40,7 +40,7 @@ SplatStream::Settings settingsOf(const Means& means, const PassProgress& progres
     return settings;
 }
 
-// Calls step(), with what the streams throw as failures of this program.
+// Calls step() and turns the exceptions of `source` and `stream` into Failures.
 template <typename Step>
 auto asFailures(const std::string& name, std::uint64_t splats, const Means& means, Step step) {
     try {
@@ -90,7 +90,7 @@ void writeDataset(const std::string& name, const SplatSource::Source& source,
                   const SplatStream::Measured& measured, const std::filesystem::path& folder,
                   const Means& means, const PassProgress& progress) {
     asFailures(name, measured.splats, means, [&] {
-        // Both were found to have such a form when they were checked.
+        // resolveOutput and openScene have refused names without such a form.
         const std::string inputName = converterPath(pathFromText(name)).value();
         SplatStream::writeDataset(source, measured, inputName, folder, settingsOf(means, progress));
         source.requireUnchanged();

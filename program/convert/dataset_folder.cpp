@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 constexpr std::array<const char*, 5> datasetFiles = {"converted_from_ply.ytr", "data.bin", "index.bin",
                                                      "shcoef.bin", "log.txt"};
-// Every dataset has these; a folder with data.bin or log.txt alone can be anybody's.
+// Every dataset has these. A folder with only data.bin or log.txt may belong to something else.
 constexpr std::array<const char*, 3> necessaryFiles = {"converted_from_ply.ytr", "data.bin", "index.bin"};
 
 } // namespace
@@ -71,7 +71,7 @@ void abandonDataset(const fs::path& folder) noexcept {
         }
         removeLargeFiles(files);
     } catch (const std::bad_alloc&) {
-        // What is left is removed below, at leisure.
+        // removeDataset below removes what is left; it only takes longer.
     }
     removeDataset(folder);
 }

@@ -1,4 +1,4 @@
-// Which folders are datasets, by the names in them, and how one is removed.
+// Recognises a dataset's folder by the names in it, and removes one.
 #pragma once
 
 #include <filesystem>
@@ -7,7 +7,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What stands in a folder, seen by names alone.
+// The content of a folder, judged by file names alone.
 enum class FolderContent {
     empty,
     dataset, // the files of a finished dataset and nothing else
@@ -16,17 +16,18 @@ enum class FolderContent {
 
 struct FolderListing {
     FolderContent content = FolderContent::empty;
-    std::string reason; // of other: what it holds that no conversion writes, or what a dataset must hold
+    // For `other`: the name that no conversion writes, or the missing one that every dataset has.
+    std::string reason;
 };
 
 // Throws std::filesystem::filesystem_error when the folder cannot be listed.
 FolderListing listFolder(const std::filesystem::path& folder);
 
-// Removes the files that a conversion writes, and then the folder when it is empty. Whatever else stands in
-// it stays, and so does the folder: std::errc::directory_not_empty. A missing folder is no error.
+// Removes the files that a conversion writes, then the folder if it is empty. If the folder holds anything
+// else, both stay, and the error is std::errc::directory_not_empty. A missing folder is no error.
 std::error_code removeDataset(const std::filesystem::path& folder);
 
-// The same for an interrupted run: nobody waits until the system has freed the files.
+// The same for an interrupted run. Does not wait until the system has freed the files' blocks.
 void abandonDataset(const std::filesystem::path& folder) noexcept;
 
 } // namespace Tavrin::SplatProgram

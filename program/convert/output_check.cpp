@@ -14,8 +14,8 @@ namespace fs = std::filesystem;
     throw Failure(ExitStatus::outputRefused, fmt::format("{}: {}", name, what));
 }
 
-// The folder or one of its ancestors is the one with this identity: found by what they are, not by spelling,
-// so that links, binds and letter case hide nothing.
+// True when `path` or one of its ancestors is `folder`. Identities are compared, not names, so links, bind
+// mounts and letter case make no difference.
 bool standsIn(fs::path path, const FileIdentity& folder) {
     for (;; path = path.parent_path()) {
         if (identityOf(path) == folder) {
@@ -27,15 +27,15 @@ bool standsIn(fs::path path, const FileIdentity& folder) {
     }
 }
 
-// Not every C++ library's functions for paths follow links on every system.
+// Some C++ libraries do not follow links on every system.
 fs::path linksFollowed(const fs::path& path) {
     std::error_code error;
     const fs::path resolved = resolvedPath(path, error);
     return error ? path : resolved;
 }
 
-// A link in the folder would be lost as well as a file in it, so both the input's own name and what it leads
-// to are looked at.
+// Replacing the folder would delete a link in it as well as a file. So both the input's own name and the file
+// behind it are checked.
 bool holdsInput(const OutputPlace& place, const std::string& input) {
     const auto folder = identityOf(place.folder);
     const fs::path path = fs::absolute(pathFromText(input));
@@ -43,8 +43,8 @@ bool holdsInput(const OutputPlace& place, const std::string& input) {
                       standsIn(linksFollowed(fs::canonical(path.parent_path())), *folder));
 }
 
-// With --force everything in the folder goes, so nothing in it may be the input under another name, or lie on
-// another file system that happens to be mounted there.
+// --force deletes everything in the folder. So the folder may not contain the input under another name, nor a
+// mounted file system.
 void checkTree(const OutputPlace& place, const std::string& input) {
     const auto inputIdentity = identityOf(pathFromText(input));
     const auto folder = identityOf(place.folder);
@@ -110,7 +110,7 @@ OutputPlace resolveOutput(const std::string& name) {
         place.folder = place.folder.parent_path();
     }
     place.exists = fs::exists(place.folder, error);
-    // Not every C++ library knows the links of every system.
+    // Some C++ libraries do not recognise every kind of link.
     if (fs::is_symlink(fs::symlink_status(place.folder, error)) ||
         (!place.exists && isMountPoint(place.folder))) {
         refuse(name, "is a link that leads nowhere: remove it, or create the folder behind it");

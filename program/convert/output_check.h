@@ -1,4 +1,4 @@
-// Whether a dataset may take its place, before and after the conversion.
+// Checks whether a dataset may be put at its output path, before and after the conversion.
 #pragma once
 
 #include "program/convert/dataset_folder.h"
@@ -8,7 +8,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// Where the dataset is to stand.
+// The output path of a dataset, and what is there.
 struct OutputPlace {
     std::string name;                 // as given
     std::filesystem::path folder;     // absolute, links followed; may not exist
@@ -17,13 +17,13 @@ struct OutputPlace {
     FolderContent content = FolderContent::empty;
 };
 
-// Resolves the name. A last component that is a link leads to the folder behind it. Throws a Failure
-// (OutputRefused) for names that lead nowhere.
+// Resolves the name. If its last component is a link, the link is followed. Throws a Failure (OutputRefused)
+// for a name that cannot be resolved.
 OutputPlace resolveOutput(const std::string& name);
 
-// Throws a Failure (OutputRefused) unless a dataset may take the place: nothing is there, or an empty folder,
-// or an earlier dataset, or with `force` any folder; it can be renamed; and neither the input nor the current
-// folder is in it. Fills in what stands there.
+// Throws a Failure (OutputRefused) unless a dataset may be put there. The place must be free, or hold an
+// empty folder or an earlier dataset (with `force` any folder). The folder must be one that can be renamed,
+// and must contain neither the input nor the current folder. Sets `exists` and `content`.
 void checkOutput(OutputPlace& place, const std::string& input, bool force);
 
 } // namespace Tavrin::SplatProgram

@@ -23,7 +23,8 @@ constexpr std::uint64_t indexEntryBytes = 20;
 constexpr std::uint64_t textBytes = 1 << 20;     // room for meta document, log and folder
 constexpr std::uint64_t programBytes = 32 << 20; // code, stacks, and the windows of the verification
 
-// Throws a Failure when the records of so many splats do not fit the disk.
+// Throws a Failure (DoesNotFit) when the records of `splats` splats do not fit the disk. Sets the sizes in
+// `plan`.
 void checkDisk(Plan& plan, std::uint64_t splats, bool hasCoefficients, const OutputPlace& output) {
     plan.dataBytes = splats * dataRecordBytes;
     plan.coefficientBytes = hasCoefficients ? splats * coefficientRecordBytes : 0;
@@ -51,7 +52,7 @@ Point pointOf(const GaussionSplat::Vector3& vector) {
     return {vector.x, vector.y, vector.z};
 }
 
-// The meta document would hold inf, which is no JSON, and no cell could be told from another.
+// Otherwise the meta document would contain inf, which is not JSON, and all splats would be in one cell.
 void requireFiniteBox(const Plan& plan) {
     for (std::size_t axis = 0; axis < 3; ++axis) {
         if (!std::isfinite(plan.box.min[axis]) || !std::isfinite(plan.box.max[axis])) {
@@ -64,7 +65,7 @@ void requireFiniteBox(const Plan& plan) {
     }
 }
 
-// The grid as readers will work it out from the meta document.
+// The grid as readers compute it from the meta document.
 SplatReader::Grid gridOf(const Plan& plan) {
     SplatReader::Meta meta;
     meta.totalSplats = plan.measured.splats;
@@ -98,7 +99,8 @@ Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const O
     Plan plan;
     plan.input = input;
     plan.freeDisk = freeDisk(output, warnings);
-    // What is too large for the disk is refused before the input is read as a whole.
+    // A first check by the header's count, so that a dataset too large for the disk is refused before the
+    // whole input is read.
     checkDisk(plan, scene.count, scene.hasCoefficients, output);
 
     plan.measured = measureSource(input, scene, means, progress);

@@ -27,9 +27,9 @@ struct Plan {
     std::array<double, 3> offsets{};
     std::string cropAdvice;     // an option to copy where splats lie far off; else empty
     Box extent;                 // of the finite positions
-    Point move{};               // from the positions of a single input to those of the dataset
+    Point move{};               // added to the positions of a single input to get those of the dataset
     Box box;                    // of the dataset
-    bool isBoxMeasured = false; // by the program, where no header states one
+    bool isBoxMeasured = false; // by the program, because no header states one
     SplatReader::Grid grid;
     std::uint64_t largestCell = 0; // splats in the fullest
     std::uint64_t dataBytes = 0;
@@ -41,16 +41,17 @@ struct Plan {
     std::uint64_t freeDisk = 0;
     std::uint64_t memory = 0; // peak of the program
     std::uint64_t freeMemory = 0;
-    Point positionStep{}; // by axis, in scene units: where positions can stand
+    Point positionStep{}; // by axis, in scene units: the distance between adjacent positions
     Point scaleStep{};    // by axis, in scene units: how finely scales are kept
 
     std::uint64_t records() const { return measured.read; }
     bool hasCoefficients() const { return measured.hasCoefficients; }
 };
 
-// Measures the scene, works out what its dataset takes, and compares that with what the machine has. Throws
-// a Failure: InputRefused, DoesNotFit when disk or memory are too small, ConversionFailed when the input was
-// written to meanwhile, or Interrupted. `progress` is told of the splats measured.
+// Measures the scene, works out the disk and memory that its conversion needs, and compares them with what
+// the machine has. Throws a Failure: InputRefused; DoesNotFit when disk or memory are too small;
+// ConversionFailed when the input changed meanwhile; Interrupted. `progress` gets the number of splats
+// measured so far.
 Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
               const Means& means, Warnings& warnings, const PassProgress& progress);
 

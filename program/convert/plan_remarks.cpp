@@ -16,15 +16,16 @@ namespace {
 constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
 constexpr double centimetre = 0.01; // in scene units, taken as metres
 constexpr std::int64_t mostColumns = 65535;
-constexpr std::uint64_t fullestCell = 44'739'242; // splats whose 96 bytes each a 32-bit total still holds
+constexpr std::uint64_t fullestCell = 44'739'242; // the most splats of 96 bytes whose total fits 32 bits
 
-// A bound in the input's own coordinates. Nine digits give every single-precision value exactly; what is
-// moved before it is narrowed needs all digits of double precision.
+// A bound in the input's own coordinates. Nine digits give every single-precision value exactly. A moved
+// value was computed in double precision and needs all digits of it.
 std::string boundText(double value, double move) {
     return move == 0.0 ? fmt::format("{:.9g}", value) : fmt::format("{}", value - move);
 }
 
-// Bounds to state for a scene: the measured box, widened where the converter would not take it for one.
+// The bounds to recommend for a scene: the measured box. |minx| and |maxx| are raised where the converter
+// would take them as not stated.
 std::string boundsAdvice(const Plan& plan) {
     constexpr double leastMin = 0.01; // |minx| above 0.001 counts
     constexpr double leastMax = 0.2;  // |maxx| above 0.1 counts

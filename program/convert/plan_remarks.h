@@ -1,12 +1,12 @@
-// What a measured scene leaves to be desired.
+// Warnings about a measured scene.
 #pragma once
 
 #include "program/convert/plan.h"
 
 namespace Tavrin::SplatProgram {
 
-// Warns of splats at no finite position and outside the stated bounds, of bounds that are missing, of
-// positions that single precision holds coarsely, and of grids and cells beyond what readers can tell apart.
+// Warns of splats whose position is not finite or lies outside the stated bounds, of missing bounds, of
+// positions that single precision holds coarsely, and of grids and cells too large for readers to tell apart.
 void remarkPlan(const Plan& plan, Warnings& warnings);
 
 // The distance from the largest coordinate of an axis to the next one that single precision can hold.

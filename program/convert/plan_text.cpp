@@ -41,7 +41,7 @@ std::uint32_t recordFloats(const Plan& plan) {
     return static_cast<std::uint32_t>(GaussionSplat::recordLayout(plan.hasCoefficients()).floats);
 }
 
-// The highest degree rules.
+// The dataset has the highest degree of its inputs.
 int degreeOf(const Plan& plan) {
     return *std::ranges::max_element(plan.degrees);
 }
@@ -138,7 +138,7 @@ std::string planJson(const Plan& plan, const OutputPlace& output, const std::vec
     json["positionSteps"] = plan.positionStep;
     json["scaleSteps"] = plan.scaleStep;
     json["warnings"] = warnings;
-    // Paths may hold bytes that are no UTF-8.
+    // Paths may contain bytes that are not UTF-8; they are replaced.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 

@@ -25,7 +25,7 @@ fs::path beside(const fs::path& folder, std::string_view mark, std::uint64_t pro
            pathFromText(fmt::format("{}{}{}{}", textFromPath(folder.filename()), mark, process, end));
 }
 
-// The process id of a name that one of the runs made for this folder.
+// The process id in a name that a run made beside this folder; nothing for other names.
 std::optional<std::uint64_t> processOf(const fs::path& folder, const std::string& name) {
     std::string_view rest = name;
     const std::string own = textFromPath(folder.filename());
@@ -56,10 +56,10 @@ void cleanUpDeadRun(const fs::path& folder, std::uint64_t process) {
     if (fs::exists(fs::symlink_status(lockPath, error))) {
         lock = LockFile::take(lockPath, error);
         if (!lock) {
-            return; // a live run, or not ours to touch
+            return; // a run is alive, or the file belongs to another user
         }
     } else if (processMayExist(process)) {
-        return; // someone took the lock file away; the process may be that run
+        return; // the lock file is gone; the process may still be that run
     }
     const fs::path replaced = beside(folder, replacedMark, process);
     if (fs::exists(fs::symlink_status(replaced, error)) && !fs::exists(fs::symlink_status(folder, error))) {
@@ -114,7 +114,8 @@ PartialFolder::PartialFolder(OutputPlace place)
 PartialFolder::~PartialFolder() {
     flush_.reset();
     if (!isPublished_) {
-        // After a failure the room is wanted, after an interrupt the terminal.
+        // After a failure the disk space should be free when the program ends. After an interrupt the program
+        // should end quickly.
         if (interrupted()) {
             abandonDataset(path_);
         } else {
@@ -147,7 +148,7 @@ void PartialFolder::createParents() {
 void PartialFolder::removeCreatedParents() noexcept {
     for (; !createdParents_.empty(); createdParents_.pop_back()) {
         std::error_code error;
-        fs::remove(createdParents_.back(), error); // fails, as it should, when something stands in it by now
+        fs::remove(createdParents_.back(), error); // fails when something else is in it by now, as it should
     }
 }
 
@@ -166,7 +167,7 @@ void PartialFolder::beginFlush() {
         paths.push_back(entry.path());
     }
     std::ranges::sort(paths);
-    paths.push_back(path_); // last: its entries lead to what is on the disk by then
+    paths.push_back(path_); // last: its entries must only name files that are already on the disk
     flush_ = std::make_unique<DiskFlush>(std::move(paths));
 }
 
@@ -195,14 +196,14 @@ std::optional<std::string> PartialFolder::publish(const std::vector<std::string>
     replace();
     isPublished_ = true;
     flushToDisk(place_.folder.parent_path());
-    for (const fs::path& parent :
-         createdParents_) { // nothing leads to a folder whose name is not on the disk
+    // Without its own entry on the disk, a new parent folder could not be found again.
+    for (const fs::path& parent : createdParents_) {
         flushToDisk(parent.parent_path());
     }
     std::error_code error;
     for (const fs::path& old : {path_, replaced_}) {
         if (place_.content == FolderContent::other) {
-            fs::remove_all(old, error); // asked for with --force
+            fs::remove_all(old, error); // --force allows that
         } else {
             error = removeDataset(old);
         }
@@ -214,8 +215,8 @@ std::optional<std::string> PartialFolder::publish(const std::vector<std::string>
     return std::nullopt;
 }
 
-// What the place has become since the conversion began makes it fail. A refusal would say that no work was
-// done.
+// Changes of the place since the conversion began make the run fail (ConversionFailed). OutputRefused would
+// mean that nothing was done.
 void PartialFolder::checkAgain(const std::vector<std::string>& inputs, bool force) {
     try {
         OutputPlace now = resolveOutput(textFromPath(place_.folder));

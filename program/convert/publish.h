@@ -1,4 +1,4 @@
-// Where a dataset grows, and how it takes the place of an earlier one.
+// The folder that a dataset is written to, and how it replaces an earlier dataset.
 #pragma once
 
 #include "program/convert/output_check.h"
@@ -23,8 +23,8 @@ namespace Tavrin::SplatProgram {
 // OUT.partial-PID of an output folder and a process id.
 std::filesystem::path partialPath(const std::filesystem::path& folder, std::uint64_t process);
 
-// Puts back an earlier dataset that a dead run had renamed but not yet replaced, and removes what dead runs
-// left beside the output folder. What live runs write, and files that no conversion writes, stay.
+// Restores an earlier dataset that a dead run had renamed but not yet replaced. Removes what dead runs left
+// beside the output folder. The files of live runs, and files that no conversion writes, stay.
 void cleanUpDeadRuns(const std::filesystem::path& folder);
 
 // The folder that a conversion writes to, beside the output folder and on the same file system. Unless it is
@@ -42,19 +42,18 @@ public:
     // Creates the folder, empty. Throws a Failure (OutputRefused).
     void create() const;
 
-    // Begins to bring files and folder to the disk itself, while the caller goes on. Their content must be
+    // Starts to flush the files and the folder to the disk, in a thread of its own. The files must be
     // complete.
     void beginFlush();
 
-    // Returns when files and folder are on the disk. `progress` gets the share that is done, 0 to 1, and may
-    // throw. Throws a Failure: DoesNotFit where the disk is full, else ConversionFailed.
+    // Waits until the files and the folder are on the disk. `progress` gets the share that is done, 0 to 1,
+    // and may throw. Throws a Failure: DoesNotFit when the disk is full, otherwise ConversionFailed.
     void flush(const std::function<void(double)>& progress);
 
-    // Puts the folder in the place of the output folder, in one step where the file system has it, and
-    // removes what stood there. Checks once more what stands there now, and throws a Failure
-    // (ConversionFailed) when a dataset may not take the place any more or when renaming fails; the place is
-    // then as it was. Returns what
-    // remains to be said: a replaced folder that could not be removed.
+    // Puts the folder in place of the output folder, in one step if the file system can, and removes what was
+    // there. Checks the place again first. Throws a Failure (ConversionFailed) when a dataset may no longer
+    // be put there or when renaming fails; the place is then unchanged. Returns a warning when the replaced
+    // folder could not be removed.
     std::optional<std::string> publish(const std::vector<std::string>& inputs, bool force);
 
 private:

@@ -78,7 +78,7 @@ std::string summaryJson(const Summary& summary) {
     if (summary.isSkipped) {
         json["skipped"] = true;
     }
-    // Paths may hold bytes that are no UTF-8.
+    // Paths may contain bytes that are not UTF-8; they are replaced.
     return json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 

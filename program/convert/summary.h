@@ -1,4 +1,4 @@
-// What a conversion did, for people and for machines.
+// The result of a conversion, as text and as JSON.
 #pragma once
 
 #include "source/drop.h"
@@ -10,7 +10,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What a conversion that was published has done.
+// The result of a published conversion.
 struct Summary {
     std::string input;  // as given
     std::string output; // as given
@@ -28,13 +28,13 @@ struct Summary {
     std::uint64_t metaBytes = 0;
     double seconds = 0.0; // from the start of the program to the publication
     std::vector<std::string> warnings;
-    bool isSkipped = false; // was done by an earlier run, which the rest tells of
+    bool isSkipped = false; // an earlier run made the dataset; the other members describe that run
 };
 
 // One line for people.
 std::string summaryText(const Summary& summary);
 
-// The same of a run that had nothing to do.
+// The line of a run that had nothing to do (`isSkipped`).
 std::string skippedText(const Summary& summary);
 
 // The same as one JSON object on one line, for machines.

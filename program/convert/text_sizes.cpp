@@ -17,7 +17,7 @@ namespace {
 
 namespace Format = SplatReader::Format;
 
-// No number has a longer text: a sign, 17 digits, a point and an exponent of three digits.
+// The number with the longest text: a sign, 17 digits, a point and an exponent of three digits.
 constexpr double longestNumber = std::numeric_limits<double>::lowest();
 constexpr std::uint64_t longestProcessId = std::numeric_limits<std::uint32_t>::max();
 

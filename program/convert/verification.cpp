@@ -16,8 +16,8 @@ namespace {
                   fmt::format("{}: the written dataset is not sound: {}", input, what));
 }
 
-// Splats at no finite position are kept as they are, and were warned of: as many of them as the input holds
-// are no fault of the dataset.
+// Splats whose position is not finite are kept as they are, with a warning. So the dataset may have exactly
+// as many of them as the input.
 void requireSound(const SplatReader::Findings& findings, const std::string& input,
                   const SplatStream::Measured& measured) {
     constexpr const char* positionKind = "record-position";
@@ -34,7 +34,7 @@ void requireSound(const SplatReader::Findings& findings, const std::string& inpu
     fail(input, first->text() + (errors > 1 ? fmt::format(" (and {} more)", countText(errors - 1)) : ""));
 }
 
-// What the first pass found, and the second had no part in.
+// Compares with the counts of the first pass, which are independent of the second.
 void compareWithMeasured(const SplatReader::VerifyReport& report, const std::string& input,
                          const SplatStream::Measured& measured) {
     if (report.splatsHeld + report.splatsLeftOut != measured.splats) {

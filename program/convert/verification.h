@@ -11,9 +11,9 @@
 
 namespace Tavrin::SplatProgram {
 
-// Checks every relation of a dataset that was just written, and that it accounts for every splat of the
-// input: read = written + dropped + left out, as measured. Reads on so many threads. Throws a Failure:
-// VerificationFailed; or SplatsLeftOut unless `allowLoss`; or Interrupted.
+// Checks all relations of the dataset in `folder`, and that every splat of the input is accounted for: read =
+// written + dropped + left out, with the numbers of `measured`. Reads with `threads` threads. Throws a
+// Failure: VerificationFailed; SplatsLeftOut unless `allowLoss`; Interrupted.
 SplatReader::VerifyReport verifyConversion(const std::filesystem::path& folder, const std::string& input,
                                            const SplatStream::Measured& measured,
                                            const SplatSource::Ledger& ledger, bool allowLoss,

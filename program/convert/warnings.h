@@ -1,4 +1,4 @@
-// What a run has to say that does not end it.
+// The warnings of a run. They are printed as they come and kept for reports.
 #pragma once
 
 #include <string>
