@@ -42,7 +42,7 @@ Json geometryJson(const std::optional<Footprint>& footprint) {
     return {{"type", isOne ? "Polygon" : "MultiPolygon"}, {"coordinates", isOne ? parts.front() : parts}};
 }
 
-// Where the footprint is known, so is the code.
+// A footprint is made only for a known code.
 void putCode(Json& target, std::int32_t epsg) {
     target["proj:code"] = epsg > 0 ? Json(fmt::format("EPSG:{}", epsg)) : Json(nullptr);
     target["proj:epsg"] = epsg > 0 ? Json(epsg) : Json(nullptr);
@@ -84,12 +84,12 @@ std::vector<Dimension> dimensionsOf(const Tile& tile) {
 
 void putPointCloud(Json& properties, const Tile& tile) {
     properties["pc:count"] = tile.splats;
-    properties["pc:type"] = "eopc"; // what stems from pictures
+    properties["pc:type"] = "eopc"; // the extension's word for points derived from images
     Json schemas = Json::array();
     Json statistics = Json::array();
     for (const Dimension& dimension : dimensionsOf(tile)) {
         Json statistic = {{"name", dimension.name}, {"position", schemas.size()}, {"count", tile.splats}};
-        // Bounds that no splat widened are infinite, which JSON cannot say.
+        // The bounds of no splats are infinite, which JSON cannot express.
         if (std::isfinite(dimension.min) && std::isfinite(dimension.max)) {
             statistic["minimum"] = dimension.min;
             statistic["maximum"] = dimension.max;
@@ -156,7 +156,7 @@ Json assetsJson(const CatalogueItem& item, const CataloguePlace& place) {
     constexpr const char* binary = "application/octet-stream";
     const Tile& tile = item.tile;
     Json assets;
-    // Infinities make it a document that strict readers of JSON refuse.
+    // Not application/json: the document may contain infinities, which strict JSON parsers refuse.
     assets["meta"] = assetJson(tile.folder / Format::metaFile, place, "Meta document", "text/plain",
                                "metadata", tile.metaBytes);
     assets["data"] =
@@ -190,7 +190,8 @@ Json itemJson(const CatalogueItem& item, const CataloguePlace& place) {
     return json;
 }
 
-// Takes exactly so many digits off the front of a text; nothing when there are fewer.
+// Removes exactly `digits` digits from the front of the text and returns their value; nothing when there are
+// fewer.
 std::optional<unsigned> takeNumber(std::string_view& text, std::size_t digits) {
     unsigned number = 0;
     if (text.size() < digits) {
@@ -210,7 +211,7 @@ bool takeMark(std::string_view& text, std::string_view marks) {
     return isThere;
 }
 
-// A fraction of a second with its point, or nothing of it. False where the point has no digits.
+// Removes an optional fraction of a second. False for a point without digits.
 bool takeFraction(std::string_view& text) {
     if (!takeMark(text, ".")) {
         return true;
@@ -268,7 +269,7 @@ std::string catalogueText(std::vector<CatalogueItem> items, const CataloguePlace
     std::ranges::sort(items, {}, &CatalogueItem::id);
     std::string text = "{\"type\":\"FeatureCollection\",\"features\":[";
     for (std::size_t i = 0; i < items.size(); ++i) {
-        // A name that is not UTF-8 is shown with replacement characters; references have its bytes.
+        // Bytes of a name that are not UTF-8 are replaced in titles; references keep them.
         text += i == 0 ? "\n" : ",\n";
         text += itemJson(items[i], place).dump(-1, ' ', false, Json::error_handler_t::replace);
     }

@@ -1,4 +1,4 @@
-// The catalogue of a city: one item for each tile, in a document that geo tools open.
+// Writes the catalogue of a city: one item for each tile, in a document that geo tools open.
 #pragma once
 
 #include "program/tiles/overview.h"
@@ -13,7 +13,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What an item says of a tile beyond what the dataset says.
+// A tile, and what its item says beyond the dataset itself.
 struct CatalogueItem {
     Tile tile;
     std::string id;
@@ -23,20 +23,20 @@ struct CatalogueItem {
 };
 
 struct CataloguePlace {
-    std::filesystem::path folder; // that the document stands in: absolute, links followed
+    std::filesystem::path folder; // of the document: absolute, links resolved
     std::string base;             // the address of that folder; empty for relative references
 };
 
 // "2024-05-01T12:30:00Z"
 std::string timeText(std::chrono::sys_seconds time);
 
-// The same of a date ("2024-05-01", its first second) or of a date and time in UTC as RFC 3339 writes it.
-// Nothing for any other text.
+// The same format from a date ("2024-05-01", which gives its first second) or from an RFC 3339 date and time
+// in UTC. Nothing for any other text.
 std::optional<std::string> timeFrom(std::string_view text);
 
-// The document: a STAC ItemCollection, which is a GeoJSON FeatureCollection, an item a line, ordered by id.
-// docs/catalogue.md says what an item holds. Throws a Failure (Usage) when place.base has too few folders for
-// a tile that lies outside the document's folder.
+// The document: a STAC ItemCollection, which is also a GeoJSON FeatureCollection. One item a line, ordered by
+// id; docs/catalogue.md describes an item. Throws a Failure (Usage) when a tile lies so far outside the
+// document's folder that place.base has too few folders for its reference.
 std::string catalogueText(std::vector<CatalogueItem> items, const CataloguePlace& place);
 
 } // namespace Tavrin::SplatProgram

@@ -35,14 +35,15 @@ Json documentOf(const fs::path& file) {
     return document;
 }
 
-// A reference names a scheme before its first slash, or a host: it leads to no file of this machine.
+// True for a reference with a scheme before its first slash, or with a host: it names no file of this
+// machine.
 bool leadsElsewhere(const std::string& reference) {
     const std::size_t colon = reference.find(':');
     return reference.starts_with("//") ||
            (colon != std::string::npos && colon > 0 && colon < reference.find('/'));
 }
 
-// The bytes that a reference stands for; nothing where a %XX is broken or stands for a zero.
+// The reference with each %XX decoded; nothing if one is malformed or means a zero byte.
 std::optional<std::string> unescaped(const std::string& reference) {
     constexpr int hexadecimal = 16;
     std::string text;

@@ -24,7 +24,7 @@ std::string dumped(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// The part of the record that must be the same for a dataset to count as done.
+// The part of the record that must be equal for a dataset to count as done.
 Json makingJson(const Making& making) {
     Json json;
     json["program"] =
@@ -41,7 +41,7 @@ Json makingJson(const Making& making) {
     return json;
 }
 
-// A write so shortly before the run that a later one may get the same time of change.
+// True if the input was written so shortly before the run that a later write could get the same time.
 bool isFresh(const InputFile& input, std::int64_t started) {
     const bool countsSeconds = input.changed % second == 0;
     return input.changed + (countsSeconds ? 2 * second : 20 * millisecond) >= started;
@@ -87,7 +87,7 @@ Summary summaryFrom(const Json& json) {
     return summary;
 }
 
-// The dataset is sound in the quick form and has the sizes and the guid of the record.
+// True if the dataset passes the quick verification and has the guid and the sizes of the record.
 bool stands(const fs::path& folder, const DoneTile& done) {
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
     const Summary& summary = done.summary;
@@ -112,7 +112,8 @@ std::optional<DoneTile> findDone(const fs::path& folder, const Making& making, b
     DoneTile done;
     try {
         const Json json = Json::parse(file);
-        // Compared as text: what is no UTF-8 in a path was replaced when the record was written, too.
+        // Compared as text, since bytes of a path that are not UTF-8 were replaced when the record was
+        // written.
         if (json.at("recordVersion") != recordVersion ||
             dumped(json.at("making")) != dumped(Json::parse(dumped(makingJson(making))))) {
             return std::nullopt;
@@ -120,7 +121,7 @@ std::optional<DoneTile> findDone(const fs::path& folder, const Making& making, b
         done.guid = json.at("guid").get<std::string>();
         done.summary = summaryFrom(json.at("result"));
     } catch (const Json::exception&) {
-        return std::nullopt; // no record of ours
+        return std::nullopt; // not a record
     }
     constexpr auto invalid = static_cast<std::size_t>(SplatSource::DropReason::invalid);
     const bool endsDifferently =
@@ -134,7 +135,7 @@ void forgetDone(const fs::path& folder) {
     const Json json = Json::parse(file, nullptr, false);
     file.close();
     if (json.is_object() && json.contains("recordVersion") && json.contains("making")) {
-        std::error_code ignored; // the guid in a record that stays is not that of the dataset any more
+        std::error_code ignored; // if the record stays, its guid is no longer that of the dataset
         fs::remove(path, ignored);
     }
 }
@@ -142,7 +143,7 @@ void forgetDone(const fs::path& folder) {
 void recordDone(const fs::path& folder, const Making& making, const Summary& summary) {
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
     if (isFresh(making) || !report.meta) {
-        return; // nothing that a later run could trust
+        return; // later runs could not rely on such a record
     }
     Json json;
     json["recordVersion"] = recordVersion;

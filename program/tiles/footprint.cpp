@@ -11,17 +11,18 @@ constexpr double fullTurn = 360.0;
 constexpr double halfTurn = 180.0;
 constexpr double poleLatitude = 90.0;
 
-// The same direction between -180 and 180 degrees.
+// The equivalent longitude between -180 and 180 degrees.
 double wrapped(double degrees) {
     return std::remainder(degrees, fullTurn);
 }
 
 bool isPole(const LonLat& point) {
-    constexpr double nearly = 1e-9; // a tenth of a millimetre
+    constexpr double nearly = 1e-9; // degrees: a tenth of a millimetre on the ground
     return std::abs(point.latitude) > poleLatitude - nearly;
 }
 
-// Metres between a point and the middle of the straight line between two others, roughly.
+// The approximate distance in metres between `middle` and the midpoint of the straight line between the
+// others.
 double deviation(const LonLat& from, const LonLat& to, const LonLat& middle) {
     constexpr double metresPerDegree = 111'320.0;
     const double east =
@@ -36,7 +37,8 @@ struct Corner {
     double y;
 };
 
-// The points of an edge without its last one, for so many parts. Empty when one has no place.
+// The points that divide an edge into `parts` parts, without the last one. Empty when one has no place on the
+// globe.
 std::vector<LonLat> edgePoints(const Corner& from, const Corner& to, unsigned parts, const ToGlobe& toGlobe) {
     std::vector<LonLat> points;
     for (unsigned i = 0; i < parts; ++i) {
@@ -50,8 +52,8 @@ std::vector<LonLat> edgePoints(const Corner& from, const Corner& to, unsigned pa
     return points;
 }
 
-// The same with as many parts as the edge needs. Twice as many parts tell how far the lines of half as many
-// lie off.
+// The same with as many parts as the edge needs: doubled until the points in the middle of the parts lie
+// close enough to the straight lines.
 std::vector<LonLat> bentEdge(const Corner& from, const Corner& to, const ToGlobe& toGlobe) {
     constexpr unsigned fewest = 4;
     constexpr unsigned most = 256;
@@ -76,7 +78,7 @@ std::vector<LonLat> bentEdge(const Corner& from, const Corner& to, const ToGlobe
     return end ? points : std::vector<LonLat>();
 }
 
-// The outline without the point that closes it; empty when a point has no place.
+// The outline without its closing point; empty when a point has no place on the globe.
 std::vector<LonLat> outlineOf(const Rectangle& box, const ToGlobe& toGlobe) {
     const std::vector<Corner> corners = {
         {box.minX, box.minY}, {box.maxX, box.minY}, {box.maxX, box.maxY}, {box.minX, box.maxY}};
@@ -91,8 +93,8 @@ std::vector<LonLat> outlineOf(const Rectangle& box, const ToGlobe& toGlobe) {
     return outline;
 }
 
-// A pole has every longitude: the outline comes to it on the meridian of the point before, and leaves it on
-// that of the point behind. An edge that lies on a pole as a whole has longitudes of its own.
+// Gives points at a pole a longitude. The outline reaches a pole on the meridian of the point before it and
+// leaves on the meridian of the point after it. An edge that lies on a pole as a whole keeps its longitudes.
 std::vector<LonLat> withPolesOpened(const std::vector<LonLat>& outline) {
     std::vector<LonLat> opened;
     const std::size_t count = outline.size();
@@ -109,8 +111,8 @@ std::vector<LonLat> withPolesOpened(const std::vector<LonLat>& outline) {
     return opened;
 }
 
-// Closes the outline, and lets longitudes run beyond 180 degrees, so that no step is wider than half a turn.
-// The longitude of the last point differs from that of the first by a full turn when a pole lies inside.
+// Closes the outline and lets longitudes exceed 180 degrees, so that no step is wider than half a turn. If a
+// pole lies inside, the longitudes of the first and the last point differ by a full turn.
 Ring unwrapped(const std::vector<LonLat>& outline) {
     Ring ring = {outline.front()};
     for (std::size_t i = 1; i <= outline.size(); ++i) {
@@ -161,8 +163,8 @@ Ring aroundPole(Ring outline) {
     if (outline.back().longitude < outline.front().longitude) {
         std::ranges::reverse(outline);
     }
-    // The first point at or behind a meridian of 180 degrees; the outline passes one, since it goes all
-    // around.
+    // The first point at or beyond the meridian of 180 degrees. There is one, since the outline goes around
+    // the globe.
     const double meridian =
         std::ceil((outline.front().longitude - halfTurn) / fullTurn) * fullTurn + halfTurn;
     std::size_t at = 1;
@@ -174,7 +176,7 @@ Ring aroundPole(Ring outline) {
     for (std::size_t i = at; i < outline.size(); ++i) {
         ring.push_back({outline[i].longitude - meridian - halfTurn, outline[i].latitude});
     }
-    for (std::size_t i = 1; i < at; ++i) { // the last point was the first
+    for (std::size_t i = 1; i < at; ++i) { // the last point equals the first
         ring.push_back({outline[i].longitude + fullTurn - meridian - halfTurn, outline[i].latitude});
     }
     ring.push_back({halfTurn, latitude});
@@ -184,7 +186,7 @@ Ring aroundPole(Ring outline) {
     return ring;
 }
 
-// A hundredth of a millimetre: finer digits are noise that differs between builds of PROJ.
+// Rounds to a hundredth of a millimetre. Finer digits differ between builds of PROJ.
 double rounded(double degrees) {
     constexpr double parts = 1e10;
     return std::round(degrees * parts) / parts + 0.0; // no negative zero
@@ -193,7 +195,7 @@ double rounded(double degrees) {
 double signedArea(const Ring& ring) {
     double area = 0.0;
     for (std::size_t i = 0; i + 1 < ring.size(); ++i) {
-        // From the first point, which keeps the digits of a small tile.
+        // Relative to the first point, which keeps the precision for a small tile.
         const double x0 = ring[i].longitude - ring[0].longitude;
         const double y0 = ring[i].latitude - ring[0].latitude;
         const double x1 = ring[i + 1].longitude - ring[0].longitude;

@@ -1,4 +1,4 @@
-// The files that a dataset is made of, as reports and records of what is done name them.
+// An input file of a dataset, as reports and done records name it.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ struct InputFile {
     std::int64_t changed = 0; // time of the last write, in nanoseconds since 1970
 };
 
-// Nothing when there is no such file, or the system does not tell.
+// Path, size and time of the file called `name`. Nothing when the file does not exist or cannot be inspected.
 std::optional<InputFile> lookAtInput(const std::string& name);
 
 // "2026-01-31T09:05:07.123456789Z"

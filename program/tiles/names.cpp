@@ -24,7 +24,7 @@ std::string ending(const fs::path& path, std::size_t count) {
     return {text.begin(), text.end()};
 }
 
-// A path's bytes as a URL takes them. Slashes stay, and characters that have no meaning there.
+// The path escaped for a URL. Slashes and unreserved characters stay.
 std::string escaped(std::string_view path) {
     constexpr std::string_view plain =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/!$&'()*+,;=@";
@@ -39,7 +39,7 @@ std::string escaped(std::string_view path) {
     return text;
 }
 
-// Where the path of an address begins: behind the host of a URL; the whole of a path.
+// The offset of the path in an address: after the host of a URL, 0 for a path.
 std::size_t pathStart(std::string_view base) {
     const std::size_t scheme = base.find("://");
     if (scheme == std::string_view::npos) {
@@ -82,7 +82,7 @@ std::vector<std::string> idsOf(const std::vector<fs::path>& folders) {
 std::string relativeReference(const fs::path& file, const fs::path& folder) {
     const std::u8string text = file.lexically_relative(folder).generic_u8string();
     const std::string reference = escaped(std::string(text.begin(), text.end()));
-    // A name with a colon would else be taken for a scheme.
+    // Without "./" the part before a colon in a name would be read as a scheme.
     return reference.starts_with("../") ? reference : "./" + reference;
 }
 

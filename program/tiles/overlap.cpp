@@ -1,8 +1,8 @@
 #include "program/tiles/overlap.h"
 
-// Coordinates as they are: stretched to whole numbers, which is the default, small tiles would lose digits.
+// By default coordinates are scaled to integers, which loses digits of small tiles.
 #define BOOST_GEOMETRY_NO_ROBUSTNESS
-#define BOOST_ALLOW_DEPRECATED_HEADERS // those that it includes itself
+#define BOOST_ALLOW_DEPRECATED_HEADERS // the library includes them itself
 
 #include <boost/geometry/algorithms/append.hpp>
 #include <boost/geometry/algorithms/area.hpp>
@@ -24,7 +24,7 @@ using PlanePoint = geometry::model::d2::point_xy<double>;
 using Polygon = geometry::model::polygon<PlanePoint, false>; // counterclockwise
 using Polygons = geometry::model::multi_polygon<Polygon>;
 
-// Longitude and the sine of latitude: a plane map of the globe that keeps areas.
+// Maps the footprint to longitude and the sine of latitude, a projection that preserves areas.
 Polygons onEqualAreas(const Footprint& footprint) {
     constexpr double radians = std::numbers::pi / 180.0;
     Polygons polygons;
@@ -48,7 +48,8 @@ double shareOf(const Rectangle& one, const Rectangle& other) {
 }
 
 double shareOf(const Footprint& one, const Footprint& other) {
-    // Most tiles lie far apart; those that cross the meridian of 180 degrees are few.
+    // A quick test by boxes first, as most tiles lie far apart. It does not hold for footprints across the
+    // meridian of 180 degrees.
     const bool isPlain = one.polygons.size() == 1 && other.polygons.size() == 1;
     if (one.south > other.north || other.south > one.north ||
         (isPlain && (one.west > other.east || other.west > one.east))) {

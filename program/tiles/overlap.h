@@ -1,4 +1,4 @@
-// Tiles that cover the same ground.
+// Finds tiles that cover the same ground.
 #pragma once
 
 #include "program/tiles/footprint.h"
@@ -9,7 +9,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// Where a tile lies, as far as that is known.
+// The area of a tile, as far as it is known.
 struct Ground {
     std::int32_t epsg = 0;                // 0 where the dataset states none
     Rectangle box;                        // in the coordinates of the code
@@ -22,9 +22,9 @@ struct Overlap {
     double share;       // of the smaller tile's area, 0 to 1
 };
 
-// All pairs that share more than `least` of the smaller one's area, in the order of the list. Tiles of one
-// code are compared by their boxes and others by their footprints on the globe. A tile without a code has
-// coordinates that nobody else's can be compared with.
+// All pairs that share more than `least` (0 to 1) of the smaller tile's area, in the order of the list. Tiles
+// of the same code are compared by their boxes, others by their footprints on the globe. A tile without a
+// code is compared with none.
 std::vector<Overlap> overlapsOf(const std::vector<Ground>& tiles, double least);
 
 } // namespace Tavrin::SplatProgram

@@ -32,7 +32,7 @@ std::optional<std::array<double, 6>> worldFileTransform(const std::string& text)
         }
     }
     const auto [dxByColumn, dyByColumn, dxByRow, dyByRow, x, y] = numbers;
-    // It names the middle of the first pixel.
+    // A world file states the centre of the first pixel.
     return std::array<double, 6>{dxByColumn, dxByRow, x - 0.5 * (dxByColumn + dxByRow),
                                  dyByColumn, dyByRow, y - 0.5 * (dyByColumn + dyByRow)};
 }

@@ -1,4 +1,4 @@
-// The picture that stands beside a dataset.
+// The picture beside a dataset, which a catalogue refers to.
 #pragma once
 
 #include "program/tiles/footprint.h"
@@ -18,17 +18,17 @@ struct Overview {
     std::uint32_t columns = 0;
     std::uint32_t rows = 0;
     std::int32_t epsg = 0; // as the file states it; 0 where it states none, as in every PNG
-    // x = t[0] column + t[1] row + t[2] and y = t[3] column + t[4] row + t[5], at the corners of pixels, in
-    // world coordinates.
+    // From pixels to world coordinates: x = t[0] column + t[1] row + t[2] and y = t[3] column + t[4] row +
+    // t[5]. Whole columns and rows are the corners of pixels.
     std::array<double, 6> transform{};
 
-    // What the picture covers.
+    // The area that the picture covers, in world coordinates.
     Rectangle box() const;
 };
 
-// The picture of the dataset in this folder: OUT.tif, or else OUT.png with its world file OUT.pgw, beside the
-// folder OUT. Nothing where there is none. Nothing, and the reason in `remark`, where the file cannot be read
-// or does not say where it lies.
+// The picture of the dataset in this folder: beside the folder OUT, OUT.tif or else OUT.png with its world
+// file OUT.pgw. Nothing if there is none. If the file cannot be read or is not georeferenced, nothing, and
+// `remark` holds the reason.
 std::optional<Overview> overviewBeside(const std::filesystem::path& folder, std::string& remark);
 
 // The transform of a world file; nothing for any other text.

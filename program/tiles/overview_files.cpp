@@ -1,4 +1,4 @@
-// Builds with the libraries that read pictures.
+// Reads pictures beside datasets, in builds with the libraries for it.
 #include "program/tiles/overview.h"
 
 #include "program/system/platform.h"
@@ -27,7 +27,7 @@ struct FreeKeys {
     void operator()(GTIF* keys) const { GTIFFree(keys); }
 };
 
-// What is wrong with a file becomes a remark of ours; libtiff prints nothing by itself.
+// Keeps libtiff from printing errors itself. Faults of a file become remarks.
 class QuietTiff {
 public:
     QuietTiff() : warning_(TIFFSetWarningHandler(nullptr)), error_(TIFFSetErrorHandler(nullptr)) {}
@@ -43,7 +43,7 @@ private:
     TIFFErrorHandler error_;
 };
 
-// The values of a tag that has a count, all of them at least `least`; null where it has fewer.
+// The values of a tag with a count; null if there are fewer than `least`.
 const double* doublesOf(TIFF* file, std::uint32_t tag, int least) {
     std::uint16_t count = 0;
     double* values = nullptr;
@@ -77,7 +77,7 @@ std::int32_t codeOf(GTIF* keys) {
     return 0;
 }
 
-// Tags name the middle of a pixel where the file says so, and its corner otherwise.
+// True if the file says that its tags refer to the centres of pixels. Otherwise they refer to corners.
 bool namesMiddles(GTIF* keys) {
     std::uint16_t kind = 0;
     return GTIFKeyGetSHORT(keys, GTRasterTypeGeoKey, &kind, 0, 1) == 1 && kind == RasterPixelIsPoint;

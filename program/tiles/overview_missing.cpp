@@ -1,4 +1,4 @@
-// Builds without the libraries that read pictures.
+// In builds without the libraries that read pictures, no dataset has one.
 #include "program/tiles/overview.h"
 
 namespace Tavrin::SplatProgram {

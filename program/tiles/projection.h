@@ -13,15 +13,15 @@ namespace Tavrin::SplatProgram {
 // Throws a Failure (Usage) in a build without PROJ, and one (InputRefused) where PROJ's database is missing.
 void requireProjections();
 
-// The way from the coordinates of one EPSG code. Not for several threads at once.
+// Converts the coordinates of one EPSG code to longitude and latitude. Not thread-safe.
 class Projection {
 public:
-    // Nothing when a footprint cannot be made of this code; `whyNot` says the reason then ("PROJ does not
+    // Nothing when no footprint can be computed for this code; `whyNot` then holds the reason ("PROJ does not
     // know EPSG 99999").
     static std::optional<Projection> ofCode(std::int32_t code, std::string& whyNot);
 
-    // The point at x (east, or longitude) and y (north, or latitude), in the units of the code. Nothing where
-    // the code's coordinates end.
+    // The point at x (east, or longitude) and y (north, or latitude), in the units of the code. Nothing
+    // outside the area where the code's coordinates are defined.
     std::optional<LonLat> at(double x, double y) const;
 
     struct Handle; // of PROJ

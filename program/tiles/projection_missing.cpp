@@ -1,4 +1,4 @@
-// Builds without PROJ.
+// The projection in builds without PROJ: refuses.
 #include "program/tiles/projection.h"
 
 #include "program/system/exit_status.h"

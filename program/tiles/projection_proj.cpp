@@ -1,4 +1,4 @@
-// Builds with PROJ.
+// The projection in builds with PROJ.
 #include "program/tiles/projection.h"
 
 #include "program/system/exit_status.h"
@@ -21,7 +21,8 @@ struct EndObject {
 using Context = std::unique_ptr<PJ_CONTEXT, EndContext>;
 using Object = std::unique_ptr<PJ, EndObject>;
 
-// It prints nothing, and fetches no grids from the network: the same input gives the same footprint.
+// A context that prints nothing and fetches no grids from the network, so that a footprint depends on the
+// input alone.
 Context quietContext() {
     Context context(proj_context_create());
     proj_log_level(context.get(), PJ_LOG_NONE);
@@ -29,7 +30,7 @@ Context quietContext() {
     return context;
 }
 
-// Of coordinates with a height of their own, the part on the ground. Heights are no part of a footprint.
+// The horizontal part of a compound coordinate system. A footprint has no heights.
 Object groundPart(PJ_CONTEXT* context, Object system) {
     if (proj_get_type(system.get()) == PJ_TYPE_COMPOUND_CRS) {
         system.reset(proj_crs_get_sub_crs(context, system.get(), 0));
@@ -83,7 +84,7 @@ std::optional<Projection> Projection::ofCode(std::int32_t code, std::string& why
     const Object degrees(proj_create(context, "OGC:CRS84"));
     const Object asStated(
         proj_create_crs_to_crs_from_pj(context, system.get(), degrees.get(), nullptr, nullptr));
-    // East, or longitude, comes first, whatever the order that the code states.
+    // Puts east, or longitude, first, whatever order the code states.
     handle->transformation.reset(asStated ? proj_normalize_for_visualization(context, asStated.get())
                                           : nullptr);
     if (!handle->transformation) {

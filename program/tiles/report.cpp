@@ -87,7 +87,8 @@ void requireOutside(const std::string& name, const std::string& dataset) {
     }
 }
 
-// Nobody's file is lost because a name was mistyped. An empty one is what mktemp makes.
+// Refuses to overwrite a file that is not a report, so that a mistyped name costs no file. mktemp makes empty
+// files, so an empty one may be overwritten.
 void requireReport(const std::string& name) {
     std::ifstream file(pathFromText(name), std::ios::binary);
     std::string start(firstBytes.size(), '\0');
@@ -158,7 +159,7 @@ std::string reportJson(const TileReport& report) {
     const std::uint64_t peak = peakMemory();
     json["memory"] = {{"planned", orNull(report.plannedMemory)},
                       {"measured", peak > 0 ? Json(peak) : Json(nullptr)}};
-    // Paths may hold bytes that are no UTF-8.
+    // Paths may contain bytes that are not UTF-8; they are replaced.
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

@@ -1,4 +1,4 @@
-// What a run did with one tile, as one JSON document for the scripts around it (docs/batch.md).
+// The report of a run: what it did with one tile, as a JSON document for scripts (docs/batch.md).
 #pragma once
 
 #include "program/convert/summary.h"
@@ -17,21 +17,21 @@
 
 namespace Tavrin::SplatProgram {
 
-// Changes when a reader of reports has to.
+// Raised when readers of reports have to change.
 inline constexpr int reportVersion = 1;
 
-// Seconds of the stages that a run goes through, in their order.
+// Measures the seconds that each stage of a run takes.
 class StageTimes {
 public:
     StageTimes() : start_(Clock::now()), since_(start_) {}
 
-    // The stage that was running ends, and this one begins. A stage that comes twice is added up.
+    // Ends the running stage and begins this one. The times of a stage that is begun twice are added.
     void begin(const char* stage);
 
-    // Those that have ended, and the one that is running so far.
+    // Name and seconds of the stages in order, the running one with its time so far.
     std::vector<std::pair<std::string, double>> stages() const;
 
-    // Since this object was made.
+    // Seconds since this object was made.
     double all() const { return seconds(start_, Clock::now()); }
 
 private:
@@ -47,24 +47,24 @@ private:
     std::vector<std::pair<std::string, double>> ended_;
 };
 
-// How far a run has come. What it has not found out is missing.
+// How far a run has come.
 enum class Outcome {
-    running, // also of a run that was killed
+    running, // also the last state of a run that was killed
     ended,   // with the exit status
-    skipped, // was done before
+    skipped, // an earlier run had made the dataset
 };
 
 struct TileReport {
-    std::vector<std::string> inputs; // as given; looked at when the report is made
+    std::vector<std::string> inputs; // as given
     std::vector<std::optional<InputFile>> files;
     std::string output;                                       // as given
-    std::vector<std::pair<std::string, std::string>> options; // those that were given: name, word
+    std::vector<std::pair<std::string, std::string>> options; // name and text of those that were given
     std::int64_t started = timeNow();                         // nanoseconds since 1970
     unsigned threads = 0;
 
     Outcome outcome = Outcome::running;
     ExitStatus status = ExitStatus::done;
-    std::string line; // of the error, or of what was done
+    std::string line; // the error, or the summary
     std::vector<std::string> warnings;
 
     std::optional<SplatSource::Ledger> ledger; // read and dropped
@@ -81,12 +81,12 @@ struct TileReport {
 // One JSON object on one line.
 std::string reportJson(const TileReport& report);
 
-// The file of --report. It is replaced as a whole, so that a reader sees one report or the next.
+// The file of --report. Each write replaces the whole file, so that a reader never sees half a report.
 class ReportFile {
 public:
-    // With an empty name there is none. Throws a Failure (OutputRefused) when a report may not be written
-    // there: the name is taken by something else than a report, there is no folder for it, or it lies in the
-    // dataset.
+    // An empty name means no report. Throws a Failure (OutputRefused) when the report may not be written
+    // there: the name belongs to something other than a report, its folder is missing, or it lies in the
+    // dataset's folder.
     ReportFile(const std::string& name, const std::string& dataset);
 
     // Throws a Failure (OutputRefused).
@@ -96,9 +96,9 @@ private:
     std::string name_;
 };
 
-// Runs `work`, which fills in the report, and writes the report before, and after it however it ends: with a
-// status or an exception. `finish` is called in either case before the last report. Throws the exceptions of
-// `work` as Failures, and a Failure (NotTold) when all is done but the report cannot be written.
+// Runs `work`, which fills in the report. Writes the report before `work` and after it, whether it returns a
+// status or throws. Calls `finish` before the last report in either case. Throws the exceptions of `work` as
+// Failures. Throws a Failure (NotTold) when the work is done but the report cannot be written.
 ExitStatus withReport(const ReportFile& file, TileReport& report, const std::function<ExitStatus()>& work,
                       const std::function<void()>& finish);
 

@@ -35,11 +35,11 @@ struct Totals {
     std::uint64_t skipped = 0;
     std::map<std::string, std::uint64_t> failed; // by status
     std::uint64_t failedInAll = 0;
-    std::uint64_t splats = 0; // of the tiles that stand
+    std::uint64_t splats = 0; // of the tiles that are done
     std::uint64_t bytes = 0;
     double seconds = 0.0;
     const ReportedTile* slowest = nullptr;
-    const ReportedTile* fullest = nullptr; // the most memory, held against its plan
+    const ReportedTile* fullest = nullptr; // the tile with the most memory compared with its plan
 };
 
 double shareOfPlan(const ReportedTile& tile) {
@@ -197,7 +197,7 @@ std::string tilesJson(const std::vector<ReportedTile>& tiles) {
     json["mostMemoryOfPlan"] = totals.fullest == nullptr ? Json(nullptr)
                                                          : Json{{"output", totals.fullest->output},
                                                                 {"share", shareOfPlan(*totals.fullest)}};
-    // Paths may hold bytes that are no UTF-8.
+    // Paths may contain bytes that are not UTF-8; they are replaced.
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

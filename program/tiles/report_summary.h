@@ -1,4 +1,4 @@
-// What came of many tiles, from their reports.
+// Sums up the reports of many tiles.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What a report says of one tile, as far as a summary tells of it.
+// The part of a tile's report that the summary uses.
 struct ReportedTile {
     std::string report; // its name, as given
     std::string output;
@@ -26,10 +26,10 @@ struct ReportedTile {
     bool hasFailed() const { return !isDone() && !isSkipped(); }
 };
 
-// Throws a Failure (InputRefused) for a file that cannot be read or is no report of this version.
+// Throws a Failure (InputRefused) for a file that cannot be read or is not a report of this version.
 ReportedTile readReport(const std::string& name);
 
-// A table, a line for each failed tile, and the totals; the last line is ended.
+// The table of tiles, a line for each failed tile, and the totals. Ends with a line feed.
 std::string tilesText(const std::vector<ReportedTile>& tiles);
 
 // The same as one JSON object on one line.

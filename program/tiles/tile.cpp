@@ -20,13 +20,13 @@ namespace {
 namespace fs = std::filesystem;
 namespace Format = SplatReader::Format;
 
-// A dataset on its way to a Tile.
+// A dataset while it is read.
 struct Candidate {
     std::optional<Tile> tile;
-    std::string reason; // why it is left out; empty for a good one
+    std::string reason; // why it is left out; empty if it is not
 };
 
-// So many records of one dataset, which one thread reads at a time.
+// Consecutive records of one dataset, the unit of work of a thread.
 struct Part {
     std::size_t candidate = 0;
     std::uint64_t first = 0;
@@ -115,12 +115,12 @@ void readPart(const Tile& tile, Part& part) {
                 ++part.unplaced;
             }
         }
-    } catch (const SplatReader::DatasetError& error) { // it changed since it was verified
+    } catch (const SplatReader::DatasetError& error) { // the dataset changed since it was verified
         part.fault = error.what();
     }
 }
 
-// Joins the boxes of the parts, and moves them to world coordinates.
+// Merges the boxes of the parts and moves them to world coordinates.
 void finish(std::vector<Candidate>& candidates, const std::vector<Part>& parts) {
     for (Candidate& candidate : candidates) {
         if (candidate.tile) {
@@ -153,7 +153,7 @@ void finish(std::vector<Candidate>& candidates, const std::vector<Part>& parts) 
     }
 }
 
-// Runs work(i) for each i below `count`, each on one of the crew's threads.
+// Runs work(i) for each i below `count`, on `threads` threads.
 template <typename Work>
 void spread(SplatStream::Crew& crew, unsigned threads, std::size_t count, const Work& work) {
     std::atomic<std::size_t> next = 0;
@@ -176,7 +176,7 @@ fs::path tileFolder(const std::string& name) {
     if (!path.has_filename()) { // it ends in a slash
         path = path.parent_path();
     }
-    // A link keeps its own name, by which the dataset was named.
+    // A link as the last component is kept, since the user named the dataset by it.
     const bool hasName = path.has_filename() && path.filename() != "." && path.filename() != "..";
     const fs::path parent = error ? fs::path() : resolvedPath(hasName ? path.parent_path() : path, error);
     if (error) {

@@ -1,4 +1,4 @@
-// The datasets of a city, as a catalogue needs them.
+// Reads the datasets of a city for a catalogue.
 #pragma once
 
 #include "program/tiles/footprint.h"
@@ -13,10 +13,11 @@
 
 namespace Tavrin::SplatProgram {
 
-// One dataset that verifies in the quick form.
+// A dataset that passes the quick verification.
 struct Tile {
-    std::string name;             // as given
-    std::filesystem::path folder; // absolute; links are followed in its parents alone
+    std::string name; // as given
+    // Absolute; links in its parents are resolved, a link as its last component is kept.
+    std::filesystem::path folder;
     SplatReader::Meta meta;
     std::uint64_t splats = 0; // that the files hold
     std::uint64_t cells = 0;
@@ -24,16 +25,16 @@ struct Tile {
     std::uint64_t indexBytes = 0;
     std::uint64_t dataBytes = 0;
     std::uint64_t coefficientBytes = 0;
-    std::chrono::sys_seconds made{}; // when the meta document was written last
+    std::chrono::sys_seconds made{}; // when the meta document was last written
     // The box of the splats' centres, offset included.
     SplatReader::Point min{};
     SplatReader::Point max{};
-    std::uint64_t unplaced = 0; // splats at no finite position, which the box does not hold
+    std::uint64_t unplaced = 0; // splats whose position is not finite; the box leaves them out
 
     Rectangle ground() const { return {min[0], min[1], max[0], max[1]}; }
 };
 
-// One that is left out, and why.
+// A dataset that is left out, and the reason.
 struct RefusedTile {
     std::string name;
     std::string reason;
@@ -44,12 +45,12 @@ struct Tiles {
     std::vector<RefusedTile> refused;
 };
 
-// The folder of a dataset as Tile::folder has it. Throws a Failure (InputRefused) when there is no folder.
+// Tile::folder of the dataset called `name`. Throws a Failure (InputRefused) when there is no such folder.
 std::filesystem::path tileFolder(const std::string& name);
 
-// Verifies all datasets in the quick form and reads the positions of all their splats, on so many threads.
-// `progress` is told now and then, by one thread at a time, of the share of the splats that has been read. It
-// may throw to end the reading.
+// Runs the quick verification on all datasets and reads the positions of all their splats, with `threads`
+// threads. `progress` gets the share of the splats read, 0 to 1, now and then and from one thread at a time.
+// It may throw to stop the reading.
 Tiles readTiles(const std::vector<std::string>& names, unsigned threads,
                 const std::function<void(double share)>& progress);
 
