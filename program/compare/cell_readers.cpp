@@ -22,7 +22,8 @@ CellReaders::CellReaders(const SplatReader::Dataset& dataset)
         const SplatReader::LevelRange& range = dataset.range(cell, 0);
         windows_[cell].next = range.offset / SplatReader::Format::recordSize;
         windows_[cell].end = windows_[cell].next + range.count;
-        // A key that stands for several grid cells can come again, the second time without splats.
+        // Several grid cells can share a key. Then the index has it again, without splats, and the first
+        // entry counts.
         cells_.emplace(dataset.cellKey(cell), cell);
     }
 }

@@ -1,4 +1,5 @@
-// Records of a dataset in the order in which its source brings their splats.
+// Reads the records of all cells of a dataset side by side, so that they can be taken in the order of the
+// source's splats.
 #pragma once
 
 #include "reader/dataset.h"
@@ -11,13 +12,13 @@
 
 namespace Tavrin::SplatProgram {
 
-// Reads the records of level 0 of all cells side by side, each cell from first to last. All windows together
-// take at most 64 MiB, or one record a cell if that is more.
+// Reads the records of level 0. Each cell is read from its first record to its last, independently of the
+// others. All windows together take at most 64 MiB, or one record a cell if that is more.
 class CellReaders {
 public:
     explicit CellReaders(const SplatReader::Dataset& dataset);
 
-    // Number of the cell with this key, if the index has it.
+    // The number of the cell with this key; nothing if the index does not have it.
     std::optional<std::size_t> find(std::uint32_t key);
 
     // The cell's next record; nothing after the last.
@@ -42,7 +43,7 @@ private:
     SplatReader::DatasetFile data_;
     std::optional<SplatReader::DatasetFile> coefficients_;
     std::unordered_map<std::uint32_t, std::size_t> cells_;
-    // Cache of lookups by key. Most end here, since a scene has few cells.
+    // A cache of look-ups by key. Most look-ups hit it, since a scene has few cells.
     struct Remembered {
         std::uint32_t key = 0;
         std::size_t cellAndOne = 0; // 0: empty

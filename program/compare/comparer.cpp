@@ -17,7 +17,7 @@ namespace Format = SplatReader::Format;
 constexpr std::array<const char*, 6> names = {"normal", "colour",   "opacity",
                                               "scale",  "rotation", "coefficients"};
 
-// What single precision adds to half a step: the converter works in it.
+// Relative tolerance beyond half a step, since the converter computes in single precision.
 constexpr double relativeSlack = 2e-6;
 constexpr double stepSlack = 1e-3;
 
@@ -39,7 +39,7 @@ double opacityOf(float logit) {
     return 1.0 / (std::exp(-double{logit}) + 1.0);
 }
 
-// Byte 0 comes back as 0, so the whole step lies below it.
+// Byte 0 reads back as 0, the end of its interval, so its error can be a whole step.
 double opacityStepOf(std::uint8_t stored) {
     return Dequantiser::opacityStep() * (stored == 0 ? 2.0 : 1.0);
 }
@@ -52,14 +52,14 @@ double lengthOf(const std::array<float, 4>& q) {
     return std::sqrt(squares);
 }
 
-// The converter squares in single precision, whose range ends far below and above.
+// The converter squares components in single precision, which overflows and underflows for extreme lengths.
 bool isLengthKept(double length) {
     constexpr double smallest = 1e-18;
     constexpr double largest = 1e18;
     return length > smallest && length < largest;
 }
 
-// Whether a component is larger than the one that was dropped as the largest.
+// True if a component is larger than the one that was dropped as the largest.
 bool isLarger(float component, float dropped) {
     return std::fabs(component) > std::fabs(dropped) * (1.0f + static_cast<float>(relativeSlack));
 }
@@ -74,7 +74,8 @@ Comparer::Comparer(const SplatReader::Dataset& dataset, bool hasCoefficients)
     for (std::size_t i = 0; i < names.size(); ++i) {
         errors_[i].name = names[i];
     }
-    // Distances must be less than the slack. The least number makes that true for a distance and a step of 0.
+    // The comparison is "distance < slack". The smallest positive number makes it true for a distance and a
+    // step of 0.
     constexpr double least = std::numeric_limits<double>::min();
     areCoefficientsRanged_ = hasCoefficients_ && meta_.packed();
     for (std::size_t axis = 0; axis < 3; ++axis) {
@@ -104,7 +105,7 @@ void Comparer::compare(const std::byte* source, std::uint64_t number,
     at_ = stored.index * Format::recordSize;
     file_ = Format::dataFile;
     if (std::memcmp(source, stored.data, 3 * sizeof(float)) != 0) {
-        // Another splat or a broken one: its other values mean nothing.
+        // This is another splat or a broken one, so its other values are not compared.
         findings_.error(
             "against-position", file_, at_,
             fmt::format("position {}, as splat {} of the source has it", positionText(source), number_),
@@ -138,8 +139,7 @@ std::vector<AttributeError> Comparer::errors() const {
     for (std::size_t i = 0; i < 4; ++i) {
         addLane(errors[rotation], headErrors_, rotationLane + i, headStep_[rotationLane + i]);
     }
-    for (const Attribute attribute :
-         {normal, colour, scale, rotation}) { // of a rotation three parts are kept
+    for (const Attribute attribute : {normal, colour, scale, rotation}) { // a rotation keeps three parts
         errors[attribute].values += 3 * agreeingHeads_;
     }
     errors[opacity].values += agreeingHeads_;
@@ -162,10 +162,10 @@ void Comparer::addLane(AttributeError& error, const LaneErrors& lanes, std::size
     }
 }
 
-// One loop without branches, since nearly every splat agrees in everything. Comparing takes twice as long
-// without agreeHead and agreeCoefficients (verify --quick --against, 3,000,000 splats: 1.4 s with, 2.9 s
-// without). False for every value that is not finite; nothing is counted then, and checkHead finds the
-// difference.
+// True if all attributes but position and coefficients agree; then their errors are counted. One loop without
+// branches, since nearly every splat agrees. Without agreeHead and agreeCoefficients a comparison takes twice
+// as long (verify --quick --against, 3,000,000 splats: 1.4 s with them, 2.9 s without). False, with nothing
+// counted, if a value is not finite or differs: checkHead then finds the difference.
 bool Comparer::agreeHead(const float* source, const SplatReader::Record& record) {
     const float* tail = source + layout_.scale;
     const std::array<float, 4> q = {tail[4], tail[5], tail[6], tail[3]};
@@ -231,7 +231,7 @@ void Comparer::difference(Attribute attribute, const std::string& expected, cons
         fmt::format("{} {}, as splat {} of the source has it", names[attribute], expected, number_), found);
 }
 
-// `step` 0: kept without loss.
+// `step` 0 means that the value is stored exactly.
 void Comparer::check(Attribute attribute, double expected, double found, double step,
                      std::uint32_t quantised) {
     AttributeError& error = errors_[attribute];
@@ -255,7 +255,7 @@ void Comparer::check(Attribute attribute, double expected, double found, double 
     }
 }
 
-// An attribute whose range is infinite keeps no value.
+// An attribute with an infinite range stores no values.
 void Comparer::checkRanged(Attribute attribute, bool isRangeFinite, double expected, double found,
                            double step, std::uint32_t quantised) {
     if (isRangeFinite || !std::isfinite(expected)) {
@@ -265,7 +265,7 @@ void Comparer::checkRanged(Attribute attribute, bool isRangeFinite, double expec
     }
 }
 
-// `q` in the packing's order: x, y, z, w.
+// `q` is in the order of the packing: x, y, z, w.
 void Comparer::checkRotation(const std::array<float, 4>& q, std::uint32_t word,
                              const SplatReader::Splat& splat) {
     const double length = lengthOf(q);
@@ -288,8 +288,8 @@ void Comparer::checkRotation(const std::array<float, 4>& q, std::uint32_t word,
     }
 }
 
-// As agreeHead, for the coefficients. The sixteenth lane holds what follows a channel in the source and in
-// the record; it does not count.
+// The same as agreeHead for the coefficients. A channel has 15 values; the sixteenth lane holds whatever
+// follows it in source and record, and is ignored.
 bool Comparer::agreeCoefficients(const float* source, const std::byte* stored) {
     constexpr std::size_t perChannel = Format::coefficientsPerChannel;
     static_assert(laneCount == perChannel + 1 && Format::packedCoefficientSize == 4 * laneCount);

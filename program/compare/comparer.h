@@ -1,4 +1,4 @@
-// One splat of a source against the record that a dataset has of it.
+// Compares one splat of a source with its record in a dataset.
 #pragma once
 
 #include "program/compare/comparison.h"
@@ -11,32 +11,33 @@
 
 namespace Tavrin::SplatProgram {
 
-// Compares splats of a source with their records in the dataset, one by one. Several comparers can work on
-// one dataset at the same time.
+// Compares splats with their records, one by one, and collects differences and errors. Several comparers can
+// work on one dataset at the same time, each on its own thread.
 class Comparer {
 public:
     // The dataset must outlive this object.
     Comparer(const SplatReader::Dataset& dataset, bool hasCoefficients);
 
-    // `source` points to a vertex record, `number` counts it from 0; `stored` is its record in the dataset.
+    // `source` points to a vertex record of the canonical form. `number` is its number in the source, from 0.
+    // `stored` is its record in the dataset.
     void compare(const std::byte* source, std::uint64_t number,
                  const SplatReader::RecordCursor::View& stored);
 
     // The differences so far.
     const SplatReader::Findings& findings() const { return findings_; }
 
-    // The errors so far: one entry an attribute, in the order in which reports list them.
+    // The errors so far: one entry for each attribute, in the order of reports.
     std::vector<AttributeError> errors() const;
 
 private:
     enum Attribute : std::size_t { normal, colour, opacity, scale, rotation, coefficients, attributeCount };
     static constexpr std::size_t coefficientCount = 3 * SplatReader::Format::coefficientsPerChannel;
 
-    // Values compared in one vector loop. A lane without a value agrees.
+    // Number of values compared in one vector loop. An unused lane always agrees.
     static constexpr std::size_t laneCount = 16;
     using Lanes = std::array<double, laneCount>;
-    // Lanes of the attributes other than position and coefficients. Opacity byte 0 has its own step, so its
-    // own lane.
+    // The lanes of all attributes except position and coefficients. Opacity byte 0 has a step of its own and
+    // so a lane of its own.
     enum HeadLane : std::size_t {
         normalLane = 0,
         colourLane = 3,
@@ -45,7 +46,8 @@ private:
         noOpacityLane = 10,
         rotationLane = 11
     };
-    // Distances between values and their source, over the splats in which all agree.
+    // Sums and maxima of the distances between stored and source values, over the splats whose lanes all
+    // agree.
     struct LaneErrors {
         Lanes squares{};
         Lanes largest{};

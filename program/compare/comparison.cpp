@@ -20,8 +20,8 @@ namespace Format = SplatReader::Format;
 
 constexpr std::uint64_t windowRecords = 4096; // of the source, read at a time
 
-// Records of the source, a window of them, and copies of those of the dataset that came of them, so that a
-// worker compares them while the files are read on.
+// A window of source records with copies of their records in the dataset. A worker compares them while this
+// thread reads on.
 struct Batch {
     std::vector<float> source;
     std::uint64_t first = 0;             // number of the first one in the source
@@ -31,8 +31,8 @@ struct Batch {
     std::vector<std::byte> coefficients; // theirs, empty without
 };
 
-// Compares batches on as many threads as there are processors. What they find is gathered in the order of the
-// source, so that it is the same on every machine.
+// Compares batches on one thread a processor, at most 16. Results are merged in the order of the source, so
+// they are the same on every machine.
 class BatchComparison {
 public:
     BatchComparison(const SplatReader::Dataset& dataset, bool hasCoefficients,
@@ -40,7 +40,7 @@ public:
         : dataset_(dataset), hasCoefficients_(hasCoefficients), findings_(findings),
           errors_(Comparer(dataset, hasCoefficients).errors()) {}
 
-    // The batch to fill next; the memory of one that has been compared.
+    // The batch to fill next. Reuses the memory of a batch that has been compared.
     std::unique_ptr<Batch> empty() {
         if (running_.size() == most_) {
             gather();
@@ -69,7 +69,7 @@ public:
             compare(*batch, comparer);
             return Compared{std::move(comparer), std::move(batch)};
         };
-        // Where no thread can be had the batch is compared when it is gathered.
+        // If the system starts no thread, the batch is compared when its result is merged.
         running_.push_back(std::async(std::launch::async | std::launch::deferred, std::move(compareBatch)));
     }
 
@@ -116,7 +116,9 @@ private:
     std::size_t most_ = std::clamp(std::thread::hardware_concurrency(), 1u, 16u); // batches being compared
     std::vector<AttributeError> errors_;
     std::unique_ptr<Batch> done_;
-    std::deque<std::future<Compared>> running_; // in the order of the source; goes first, as it uses the rest
+    // In the order of the source; declared last, because its destructor waits for workers that use the
+    // members above.
+    std::deque<std::future<Compared>> running_;
 };
 
 void requireCount(const SplatReader::Meta& meta, std::uint64_t splats, SplatReader::Findings& findings) {
@@ -125,7 +127,7 @@ void requireCount(const SplatReader::Meta& meta, std::uint64_t splats, SplatRead
                    std::to_string(meta.totalSplats));
 }
 
-// False when the dataset cannot have been made of the source, so that comparing splats would say nothing.
+// False if the dataset cannot have been made of the source, so that comparing splats would be useless.
 bool checkOrigin(const SplatReader::Dataset& dataset, const SplatSource::Source& source,
                  SplatReader::Findings& findings) {
     const SplatReader::Meta& meta = dataset.meta();
@@ -184,7 +186,7 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSou
     SplatReader::Findings differences;
     BatchComparison comparison(dataset, source.hasCoefficients, differences);
     CellReaders cells(dataset);
-    SplatReader::Findings missing; // told after what the batches find, which comes in when they are done
+    SplatReader::Findings missing; // reported after the findings of the batches
     const std::size_t floats = GaussionSplat::recordLayout(source.hasCoefficients).floats;
     for (std::uint64_t first = 0; first < source.count; first += windowRecords) {
         throwIfInterrupted();
@@ -214,7 +216,7 @@ Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSou
     }
     result.attributes = comparison.finish();
     if (dataset.meta().totalSplats != result.splats) {
-        // One splat too many shifts all that follow: the first difference tells as much as a thousand.
+        // One extra splat shifts all that follow, so the first difference says as much as a thousand.
         requireCount(dataset.meta(), result.splats, findings);
         if (!differences.errors().empty()) {
             const SplatReader::Finding& first = differences.errors().front();

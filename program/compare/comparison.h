@@ -1,4 +1,4 @@
-// A whole dataset against the scene that it was made of.
+// Compares a whole dataset with the scene that it was made of.
 #pragma once
 
 #include "program/scene/scan_progress.h"
@@ -12,32 +12,32 @@
 
 namespace Tavrin::SplatProgram {
 
-// How far one attribute came back from its source, over all splats and components.
+// The errors of one attribute, over all splats and components.
 struct AttributeError {
     std::string name;
     std::uint64_t values = 0;  // compared
-    std::uint64_t skipped = 0; // not finite in the source, so stored as no value
+    std::uint64_t skipped = 0; // not finite in the source, so no value is stored
     double largest = 0.0;      // absolute, in the attribute's units
     double squares = 0.0;
     double largestSteps = 0.0; // in quantiser steps
 
-    // Takes in what another comparison of this attribute found.
+    // Adds the errors that another comparison of this attribute found.
     void add(const AttributeError& more);
 
     double rms() const;
 };
 
 struct Comparison {
-    std::uint64_t splats = 0;  // of the source, those that were dropped left out
+    std::uint64_t splats = 0;  // of the source, without those that were dropped
     std::uint64_t found = 0;   // of these, in the dataset
     std::uint64_t leftOut = 0; // in no cell of the dataset
     std::vector<AttributeError> attributes;
 };
 
-// Compares every splat that a source gives with the dataset that was made of it: positions bit for bit, every
-// other attribute within half a step (the stored value stands for the middle of its interval). Differences
-// are added to `findings`. Memory is bounded by the number of cells. Throws a Failure when the source cannot
-// be read or an interrupt was noted, and DatasetError when the dataset cannot.
+// Compares every splat of a source with the dataset that was made of it. Positions must be equal bit for bit.
+// Every other attribute may differ by half a step, since the stored value means the middle of its interval.
+// Adds differences to `findings`. The memory depends on the number of cells alone. Throws a Failure when the
+// source cannot be read or an interrupt was noted, and DatasetError when the dataset cannot be read.
 Comparison compareWithSource(const SplatReader::Dataset& dataset, const SplatSource::Source& source,
                              SplatReader::Findings& findings, const ScanProgress& progress);
 
