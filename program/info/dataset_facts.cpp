@@ -118,7 +118,8 @@ std::vector<QuantiserFacts> quantisersOf(const SplatReader::Dataset& dataset) {
                                   {back.scaleStep(0), back.scaleStep(1), back.scaleStep(2)}));
     list.push_back(quantiserFacts("normal", meta.normal(),
                                   {back.normalStep(0), back.normalStep(1), back.normalStep(2)}));
-    constexpr double farthest = 0.5 / Format::rotationGain; // of the three components that are kept
+    // Largest value of the three components that are stored.
+    constexpr double farthest = 0.5 / Format::rotationGain;
     list.push_back({"rotation", {-farthest}, {farthest}, {Dequantiser::rotationStep()}});
     if (meta.hasCoefficients()) {
         const bool packed = meta.packed();

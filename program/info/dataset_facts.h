@@ -1,4 +1,4 @@
-// What info says about a dataset.
+// The facts that `info` prints about a dataset.
 #pragma once
 
 #include "program/info/distribution.h"
@@ -37,8 +37,8 @@ struct DatasetFacts {
     std::vector<Distribution> attributes{};
 };
 
-// `scan`: read every record, so that the smallest and largest values are those of the whole dataset. Throws
-// DatasetError when the folder is no dataset or cannot be read.
+// With `scan` every record is read, so that the smallest and largest values are those of the whole dataset;
+// without it a sample is read. Throws DatasetError when the folder is not a dataset or cannot be read.
 DatasetFacts readDatasetFacts(const std::string& name, bool scan, const ScanProgress& progress);
 
 } // namespace Tavrin::SplatProgram

@@ -6,7 +6,7 @@
 namespace Tavrin::SplatProgram {
 
 namespace {
-constexpr std::uint64_t fewRecords = 262'144; // so many take at most 65 MB
+constexpr std::uint64_t fewRecords = 262'144; // a sample of all of them reads at most 65 MB
 constexpr std::uint64_t sampleRuns = 4096;
 constexpr std::uint64_t runLength = 16;
 constexpr double lowShare = 0.01;
@@ -95,7 +95,7 @@ std::string barsText(const Distribution& distribution, std::size_t count, bool b
     const std::uint32_t most = std::max(1u, *std::ranges::max_element(bars));
     std::string text;
     for (const std::uint32_t bar : bars) {
-        // Whatever is there at all gets at least the lowest mark.
+        // A bar with any value gets at least the lowest mark.
         const double height = std::ceil(8.0 * bar / most);
         text += (blockElements ? blocks : ascii)[static_cast<std::size_t>(height)];
     }

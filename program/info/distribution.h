@@ -1,4 +1,4 @@
-// How values are spread: percentiles, a histogram, and the records that are sampled for them.
+// The distribution of an attribute: percentiles, a histogram, and which records are sampled for them.
 #pragma once
 
 #include <array>
@@ -28,9 +28,9 @@ class Series {
 public:
     explicit Series(std::string name) : name_(std::move(name)) {}
 
-    // Counts the value towards percentiles and bars, too, and keeps it in memory.
+    // Counts the value for everything. Keeps it in memory.
     void sample(double value);
-    // Counts the value towards the smallest and largest alone.
+    // Counts the value for the smallest and largest only.
     void widen(double value);
 
     Distribution finish();
@@ -48,8 +48,8 @@ private:
 // The distributions of several attributes, in their order. Each series is finished.
 std::vector<Distribution> finished(std::vector<Series>& series);
 
-// Which records are sampled: `runs` runs of `length` consecutive records, evenly spread over all `records`.
-// Few records are one run.
+// The records to sample: `runs` runs of `length` consecutive records, evenly spread over all `records`. A
+// small file is one run with all records.
 struct SamplePlan {
     std::uint64_t runs = 0;
     std::uint64_t length = 0;
@@ -61,8 +61,8 @@ struct SamplePlan {
     bool everything() const { return samples() == records; }
 };
 
-// The bars as `count` characters: block elements, or ASCII characters of rising weight. `count` divides the
-// number of bars.
+// The bars as `count` characters: block elements, or ASCII characters from light to dark. `count` must divide
+// Distribution::parts.
 std::string barsText(const Distribution& distribution, std::size_t count, bool blockElements);
 
 } // namespace Tavrin::SplatProgram

@@ -115,7 +115,7 @@ std::string datasetJson(const DatasetFacts& facts, bool cells) {
     json["path"] = facts.name;
     json["kind"] = "dataset";
     json["guid"] = meta.guid;
-    json["source"] = meta.dataType; // the keys are crossed in the document
+    json["source"] = meta.dataType; // the document swaps the two keys
     json["dataType"] = meta.source;
     json["totalSplats"] = meta.totalSplats;
     json["splatsHeld"] = dataset.indexedCount();

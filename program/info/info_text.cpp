@@ -14,7 +14,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Six digits tell an attribute's values apart; whole documents have them all with --json.
+// Six digits are enough to read; --json has all of them.
 std::string numberText(double value) {
     return fmt::format("{:.6g}", value);
 }
@@ -32,7 +32,7 @@ std::string boxText(const SplatReader::Point& min, const SplatReader::Point& max
     return fmt::format("({}) to ({})", numbersText(min), numbersText(max));
 }
 
-// Broken at blanks where the terminal ends; `columns` 0 breaks nothing.
+// A line with a label, wrapped at blanks to `columns`; 0 wraps nothing.
 std::string line(const char* label, const std::string& value, std::size_t columns) {
     constexpr std::size_t indent = 15;
     const std::size_t room = columns > 2 * indent ? columns - indent : std::string::npos;
@@ -49,7 +49,7 @@ std::string line(const char* label, const std::string& value, std::size_t column
     return fmt::format("{}{}\n", text, rest);
 }
 
-// As many of the six digits as a table's column has room for.
+// A number with at most six digits, fewer if the table's column is too narrow.
 std::string cellText(double value) {
     constexpr std::size_t room = 10;
     std::string text = numberText(value);
@@ -102,7 +102,7 @@ std::string attributesText(const std::vector<Distribution>& attributes, const In
     return text;
 }
 
-// A name's trailing number, and what stands before it.
+// Splits a name into its trailing number and the text before it.
 std::pair<std::string_view, std::optional<unsigned>> split(std::string_view name) {
     const std::size_t digits = name.find_last_not_of("0123456789") + 1;
     unsigned number = 0;
@@ -111,7 +111,8 @@ std::pair<std::string_view, std::optional<unsigned>> split(std::string_view name
     return {name.substr(0, digits), numbered ? std::optional(number) : std::nullopt};
 }
 
-// "float: x y z f_rest_0..44", each run of one type and each run of rising numbers drawn together.
+// "float: x y z f_rest_0..44": consecutive properties of one type share the type, consecutive numbers become
+// a range.
 std::string propertiesText(const std::vector<SplatSource::PlyProperty>& properties) {
     std::string text;
     std::string lastType;
@@ -155,7 +156,7 @@ std::string layoutText(const SceneFacts& facts) {
                    ? fmt::format("{} floats a record, as the library reads them", facts.recordBytes / 4)
                    : "read by the program; the library takes what normalise makes of it";
     }
-    // The file has been named.
+    // The line above names the file, so the name is removed here.
     std::string problem = facts.layoutProblem;
     if (problem.starts_with(facts.name + ":")) {
         problem = problem.substr(facts.name.size() + 1);
@@ -173,7 +174,7 @@ std::string bodyText(const SceneFacts& facts) {
     return text;
 }
 
-// x, y, z of the measured values, when they are those of every record.
+// The box of x, y and z, if every record was read.
 std::string measuredText(const SceneFacts& facts) {
     const auto find = [&facts](const char* name) {
         return std::ranges::find(facts.attributes, name, &Distribution::name);
@@ -215,7 +216,7 @@ std::string cellTable(const DatasetFacts& facts) {
     return text;
 }
 
-// As the attributes are listed.
+// The name under which the list of attributes has this component.
 std::string componentName(const QuantiserFacts& quantiser, std::size_t i) {
     constexpr std::array<const char*, 3> channels = {"red", "green", "blue"};
     if (quantiser.step.size() == 1) {

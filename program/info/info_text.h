@@ -13,11 +13,11 @@ enum class Bars { none, ascii, blocks };
 
 struct InfoStyle {
     Bars bars = Bars::none;
-    std::size_t columns = 0; // of the terminal that it fits; 0 where there is none
-    bool cells = false;      // a table of a dataset's cells
+    std::size_t columns = 0; // width to fit, of the terminal; 0 for no limit
+    bool cells = false;      // also print a table of the dataset's cells
 };
 
-// What `info` prints for people: several lines, the last one ended.
+// The text that `info` prints: several lines, each with a line feed.
 std::string sceneText(const SceneFacts& facts, const InfoStyle& style);
 std::string datasetText(const DatasetFacts& facts, const InfoStyle& style);
 

@@ -77,7 +77,7 @@ std::uint64_t coefficientCount(const PlyElement& vertex) {
     return count;
 }
 
-// 3 * ((degree + 1)^2 - 1) coefficients make a degree.
+// A degree has 3 * ((degree + 1)^2 - 1) coefficients.
 std::optional<int> degreeOf(const PlyElement& vertex) {
     const bool hasColour =
         std::ranges::any_of(vertex.properties, [](const PlyProperty& p) { return p.name == "f_dc_0"; });
@@ -99,7 +99,7 @@ struct Column {
 
 class ValueReader {
 public:
-    // The coefficients of a colour, which stand one after the other, share a series.
+    // The coefficients of one colour channel, which are adjacent, share a series.
     explicit ValueReader(const PlyElement& vertex) {
         const std::uint64_t perColour = coefficientCount(vertex) / 3;
         std::map<std::string, std::size_t> places;
@@ -138,7 +138,7 @@ private:
     std::vector<Column> columns_;
 };
 
-// The runs of the sample, and with `scan` every record between them.
+// Reads the sampled runs, and with `scan` also the records between them.
 void readValues(SceneFacts& facts, const PlyElement& vertex, std::uint64_t bodyAt, bool scan,
                 const ScanProgress& progress) {
     const SamplePlan plan(vertex.count);
@@ -161,7 +161,7 @@ void readValues(SceneFacts& facts, const PlyElement& vertex, std::uint64_t bodyA
     facts.attributes = values.finish();
 }
 
-// Byte after `count` records of `bytes` from `at` on; nothing when no 64-bit number holds it.
+// The offset after `count` records of `bytes` bytes that start at `at`; nothing if it exceeds 64 bits.
 std::optional<std::uint64_t> endOf(std::uint64_t at, std::uint64_t count, std::uint64_t bytes) {
     if (bytes > 0 && count > (UINT64_MAX - at) / bytes) {
         return std::nullopt;
@@ -169,8 +169,7 @@ std::optional<std::uint64_t> endOf(std::uint64_t at, std::uint64_t count, std::u
     return at + count * bytes;
 }
 
-// Where the vertices start, and how long the file must be; what stands in the way of reading them, if
-// anything does.
+// Finds where the vertices start and how long the file must be, or the reason why they cannot be read.
 void placeBody(SceneFacts& facts, std::uint64_t& bodyAt) {
     std::optional<std::uint64_t> next = facts.header.length;
     std::optional<std::uint64_t> vertexEnd;
@@ -200,7 +199,8 @@ void placeBody(SceneFacts& facts, std::uint64_t& bodyAt) {
     }
 }
 
-// What is read through the converter's own reader: columns by the names of the canonical record.
+// An element with the properties of the canonical record, for files that are read through the converter's
+// reader.
 PlyElement canonicalVertex(const SplatSource::Input& input) {
     PlyElement vertex;
     vertex.name = "vertex";
@@ -249,7 +249,8 @@ void readRecords(SceneFacts& facts, const SplatSource::Input& input, bool scan,
     facts.attributes = values.finish();
 }
 
-// Opens the file as the converter would; null, and why, when it does not take it.
+// Opens the file as the converter would. If the converter refuses it, null, and facts.layoutProblem has the
+// reason.
 std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::filesystem::path& path) {
     SplatSource::OpenOptions options;
     options.threads = usableProcessors();
@@ -262,7 +263,7 @@ std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::file
     }
 }
 
-// Reads the positions of a file whose coordinates may exceed single precision, as a conversion does.
+// Reads the positions as a conversion does, since the coordinates may exceed single precision.
 SceneFacts::Place placeOf(std::unique_ptr<SplatSource::Input> input) {
     SplatSource::SceneOptions options;
     options.open.threads = usableProcessors();

@@ -1,4 +1,4 @@
-// What info says about a PLY file, splats or not.
+// The facts that `info` prints about a scene, or about a PLY file without splats.
 #pragma once
 
 #include "program/info/distribution.h"
@@ -17,19 +17,19 @@ namespace Tavrin::SplatProgram {
 struct SceneFacts {
     std::string name; // as given
     std::uint64_t bytes = 0;
-    std::string kind;                    // "PLY", or what else holds splats
+    std::string kind;                    // "PLY", or another format of splats
     SplatSource::PlyHeader header;       // of a PLY file
-    std::vector<std::string> comments;   // comment and obj_info lines as they stand
-    std::optional<std::uint64_t> splats; // records of the element vertex, if it has one
+    std::vector<std::string> comments;   // comment and obj_info lines, unchanged
+    std::optional<std::uint64_t> splats; // records of the element `vertex`, if there is one
     std::uint64_t recordBytes = 0;       // of a vertex; 0 when it has a list
-    std::string layoutProblem;           // why the converter refuses the file; empty when it takes it
-    bool isCanonical = false;            // the records are those that the library reads
-    std::vector<std::string> remarks;    // what the converter would say of it
-    std::optional<int> degree;           // of the spherical harmonics, if the property names give one
+    std::string layoutProblem;           // why the converter refuses the file; empty if it accepts it
+    bool isCanonical = false;            // the records have the layout that the library reads
+    std::vector<std::string> remarks;    // the warnings of a conversion
+    std::optional<int> degree;           // of the spherical harmonics, if the property names tell
     SplatSource::SceneComments stated;
-    // What a conversion of this file alone makes of its positions; empty when they cannot be read.
+    // Offset and error of the positions in a conversion of this file alone.
     struct Place {
-        std::string text;               // as a plan says it
+        std::string text;               // as a plan prints it
         std::array<double, 3> offset{}; // of the dataset
         double largestError = 0.0;      // of a position, in the scene's units
     };
@@ -41,8 +41,9 @@ struct SceneFacts {
     std::vector<Distribution> attributes;
 };
 
-// `scan`: read every record, so that the smallest and largest values are those of the whole file. Throws a
-// Failure (InputRefused) when the file is of no kind that is known or cannot be read.
+// With `scan` every record is read, so that the smallest and largest values are those of the whole file;
+// without it a sample is read. Throws a Failure (InputRefused) when the file has no known format or cannot be
+// read.
 SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress& progress);
 
 } // namespace Tavrin::SplatProgram
