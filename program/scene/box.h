@@ -1,4 +1,4 @@
-// Points and boxes of scenes.
+// The point and box types of `source` under the program's names.
 #pragma once
 
 #include "source/comments.h"

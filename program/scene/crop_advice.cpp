@@ -11,11 +11,11 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-constexpr std::uint64_t runRecords = 256; // side by side in the file
+constexpr std::uint64_t runRecords = 256; // consecutive in the file
 constexpr std::uint64_t mostRuns = 256;
-constexpr double farOff = 10.0; // times the span of the bulk
+constexpr double farOff = 10.0; // as a multiple of the span of the bulk
 
-// Positions of a sample, axis by axis, what is not finite left out.
+// The finite coordinates of a sample, axis by axis.
 std::array<std::vector<double>, 3> samplePositions(const SplatSource::Input& input) {
     std::array<std::vector<double>, 3> axes;
     const std::uint64_t runs = std::clamp<std::uint64_t>(input.count / runRecords, 1, mostRuns);
@@ -39,7 +39,7 @@ double percentile(std::vector<double>& values, double share) {
     return values[static_cast<std::size_t>(at)];
 }
 
-// Rounded to a power of ten below a hundredth of the span: far from 0, too, no digit that matters is lost.
+// Rounded to a power of ten below a hundredth of the span. So enough digits are kept far from 0, too.
 std::string bound(double value, double span) {
     if (!(span > 0.0)) {
         return fmt::format("{}", value);
@@ -66,7 +66,7 @@ std::string cropAdvice(const SplatSource::Scene& scene, const Box& extent) {
         const double high = percentile(axes[axis], 0.99);
         const double span = high - low;
         isFarOff = isFarOff || extent.max[axis] - extent.min[axis] > farOff * span;
-        // As much again on both sides keeps what belongs to the bulk.
+        // The margin of one span on both sides keeps the whole bulk.
         mins += bound(low - span, span) + ",";
         maxs += (axis > 0 ? "," : "") + bound(high + span, span);
     }

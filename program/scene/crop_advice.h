@@ -1,4 +1,4 @@
-// A box that leaves out what lies far off.
+// Advice to crop a scene with far outliers.
 #pragma once
 
 #include "program/scene/box.h"
@@ -8,10 +8,10 @@
 
 namespace Tavrin::SplatProgram {
 
-// The option --crop that keeps the bulk of a scene, ready to be copied, where its box is more than ten times
-// as long on an axis as the span from the 1st to the 99th percentile of a sample; empty elsewhere, and for
-// several inputs, whose coordinates may differ. `extent` is the box of the scene's positions. Throws what the
-// source throws.
+// The option --crop that keeps the bulk of a scene, ready to copy. Empty unless on some axis `extent`, the
+// box of the scene's positions, is more than ten times as long as the span from the 1st to the 99th
+// percentile of a sample. Also empty for several inputs, whose coordinates may differ. Throws what the source
+// throws.
 std::string cropAdvice(const SplatSource::Scene& scene, const Box& extent);
 
 } // namespace Tavrin::SplatProgram

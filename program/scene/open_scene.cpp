@@ -19,7 +19,7 @@ using SplatSource::DropReason;
 
 constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
 
-// An input must be a file of its own: it is read several times, and by position.
+// An input must be a regular file, since it is read several times and by position.
 void requireReadableFile(const std::string& name) {
     const fs::path path = pathFromText(name);
     std::error_code error;
@@ -48,7 +48,7 @@ void requireReadableFile(const std::string& name) {
     }
 }
 
-// What the header leaves to be desired.
+// Adds remarks about the header's comments.
 void checkComments(SplatSource::Scene& scene) {
     for (const auto& kept : scene.inputs()) {
         const SplatSource::Input& input = kept->input();
@@ -139,7 +139,7 @@ std::string droppedText(const SplatSource::Ledger& ledger) {
 }
 
 std::string offsetNumbers(const std::array<double, 3>& offset) {
-    // The shortest text of each number in single precision, which is what a dataset keeps.
+    // A dataset keeps single precision; this is the shortest text of each number in it.
     return fmt::format("{}, {}, {}", static_cast<float>(offset[0]), static_cast<float>(offset[1]),
                        static_cast<float>(offset[2]));
 }

@@ -1,4 +1,4 @@
-// Opening the inputs of a command as one scene.
+// Opens the inputs of a command as one scene.
 #pragma once
 
 #include "source/merge.h"
@@ -10,27 +10,27 @@
 
 namespace Tavrin::SplatProgram {
 
-// Every input is a readable file of splats, named as the user did. Throws a Failure: InputRefused;
-// ConversionFailed when a file is written to meanwhile; DoesNotFit when there is no room to unpack one, and
-// OutputRefused when it cannot be unpacked for another reason. What deserves a warning is in the scene's
-// remarks.
+// Opens the files `names` (as the user named them) and merges them. Throws a Failure: InputRefused for a file
+// that is not readable or not splats; ConversionFailed when a file changes meanwhile; DoesNotFit when the
+// disk has no room to unpack one, and OutputRefused when unpacking fails otherwise. The scene's remarks hold
+// the warnings.
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
                                               const SplatSource::SceneOptions& options);
 
-// To be called when every record has been read: throws a Failure (InputRefused) for values that are not what
-// they are taken for, and for invalid splats where they are not wanted.
+// Call this when every record has been read. Throws a Failure (InputRefused) when scales or opacities turn
+// out to be of the other kind (linear or not), or when there are invalid splats and --strict is set.
 void requireAccepted(const SplatSource::Scene& scene);
 
-// "12 splats are dropped: 7 invalid (6 positions, 1 rotation), 5 outside the crop"; empty when none is.
+// "12 splats are dropped: 7 invalid (6 positions, 1 rotation), 5 outside the crop"; empty if none is.
 std::string droppedText(const SplatSource::Ledger& ledger);
 
-// An offset as a dataset keeps it, all digits of it: "500137, 5414436, 312".
+// An offset with all digits that a dataset keeps: "500137, 5414436, 312".
 std::string offsetNumbers(const std::array<double, 3>& offset);
 
-// What to say of the offset: "(500137, 5414436, 312), chosen; positions are off by at most 0.06 mm".
+// The offset and its effect: "(500137, 5414436, 312), chosen; positions are off by at most 0.06 mm".
 std::string offsetText(const SplatSource::Scene& scene);
 
-// The inputs as one word for messages: the first, and how many more there are.
+// The inputs for messages: the first name and how many more there are.
 std::string namesText(const std::vector<std::string>& names);
 
 } // namespace Tavrin::SplatProgram

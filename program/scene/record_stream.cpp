@@ -17,7 +17,7 @@ constexpr std::uint64_t windowBytes = 1 << 20;
 RecordStream::RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
                            std::uint64_t count, std::uint64_t windowRecords)
     : path_(path), offset_(offset), stride_(stride), count_(count), windowRecords_(windowRecords) {
-    stream_.rdbuf()->pubsetbuf(nullptr, 0); // windows are read straight into their place
+    stream_.rdbuf()->pubsetbuf(nullptr, 0); // no buffer: windows are read directly into `records`
     stream_.open(path, std::ios::binary);
 }
 

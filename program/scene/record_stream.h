@@ -1,4 +1,4 @@
-// Records of a file from first to last, in bounded memory.
+// Reads the fixed-size records of a file in order, in bounded memory.
 #pragma once
 
 #include <cstddef>
@@ -9,23 +9,23 @@
 
 namespace Tavrin::SplatProgram {
 
-// Walks fixed-size records of a file forwards through a window of 1 MiB.
+// Reads forwards through a window of 1 MiB.
 class RecordStream {
 public:
     // `count` records of `stride` bytes from byte `offset` on; `stride` is at least 1. At most
-    // `windowRecords` are read at a time, so that few bytes are read in vain where records are skipped.
+    // `windowRecords` are read at a time; a small number wastes less where records are skipped.
     RecordStream(const std::filesystem::path& path, std::uint64_t offset, std::uint64_t stride,
                  std::uint64_t count, std::uint64_t windowRecords = UINT64_MAX);
 
-    // The next record, valid until the next call; null after the last. Throws a Failure (InputRefused) when
-    // the file ends before or cannot be read, or (Interrupted) when an interrupt was noted.
+    // The next record, valid until the next call; null after the last. Throws a Failure: InputRefused when
+    // the file is too short or cannot be read; Interrupted when an interrupt was noted.
     const std::byte* next();
 
-    // Reads the next records, as many as a window holds, into memory of the caller's, which is resized to
-    // them: 0 after the last. Throws as next() does.
+    // Reads the next window of records into `records`, which is resized to them. Returns their number, 0
+    // after the last. Throws as next() does.
     std::uint64_t read(std::vector<std::byte>& records);
 
-    // Steps over records without reading them.
+    // Skips `records` records without reading them.
     void skip(std::uint64_t records);
 
     std::uint64_t position() const { return position_; } // number of the next record

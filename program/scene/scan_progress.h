@@ -1,4 +1,4 @@
-// How passes over a scene tell how far they are.
+// The progress function of passes over a scene.
 #pragma once
 
 #include <functional>

@@ -17,7 +17,7 @@ float finite(double value) {
     return std::isnan(value) ? 0.0f : static_cast<float>(std::clamp(value, -most, most));
 }
 
-// Places among (w, x, y, z) of the three packed parts and of the dropped component.
+// The positions, in (w, x, y, z), of the three packed parts and of the dropped component.
 struct Places {
     std::array<std::size_t, 3> others{};
     std::size_t largest = 0;
@@ -60,9 +60,10 @@ float scaleProperty(double scale) {
 std::array<float, 4> rotationProperties(std::uint32_t word) {
     std::array<double, 4> q = SplatReader::unpackRotation(word);
     const Places places = placesOf(word);
-    // Makes the dropped component the largest by this much, more than single precision rounds away.
+    // The other components become smaller by this factor, which is more than the rounding of single
+    // precision.
     constexpr double margin = 1.0 - 1e-6;
-    // Each round draws at least one more component into the group of equals, so three are enough.
+    // Each round adds at least one component to the group of equals, so three are enough.
     for (int round = 0; round < 3 && SplatReader::rotationPossible(word); ++round) {
         double rest = 0.0;
         double equals = 1.0;

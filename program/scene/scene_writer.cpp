@@ -19,8 +19,8 @@ namespace {
 
 constexpr std::array<const char*, 3> axes = {"x", "y", "z"};
 
-// Shortest text that reads back as the same number: the single precision that a dataset keeps of a header's
-// numbers, to its last bit, for a reader in double precision as well.
+// The shortest text that reads back as the same double. So a dataset's single-precision values survive to the
+// last bit, in single and double precision.
 std::string numberText(double value) {
     std::array<char, 32> buffer{};
     const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
@@ -32,7 +32,7 @@ bool isSinglePrecision(double value) {
     return std::fabs(value) <= most && static_cast<double>(static_cast<float>(value)) == value;
 }
 
-// One word without anything that could end the line or the word.
+// True for a word without characters that would end the word or the line.
 bool isWord(const std::string& text) {
     return !text.empty() && std::ranges::none_of(text, [](unsigned char c) { return c <= ' ' || c == 0x7F; });
 }
@@ -45,7 +45,7 @@ public:
         line("ply");
         line("format binary_little_endian 1.0");
         line("comment exported by plyconvert from a quantised dataset");
-        // The keys are crossed in the meta document.
+        // The meta document swaps the two keys.
         word("dataType", meta_.source);
         if (meta_.dataType != "None") {
             word("source", meta_.dataType);
