@@ -13,15 +13,15 @@ namespace {
 namespace http = boost::beast::http;
 using http::field;
 
-constexpr unsigned httpVersion = 11; // 1.1, which an answer to a request of 1.0 has as well
+constexpr unsigned httpVersion = 11; // HTTP/1.1, also for requests of HTTP/1.0
 
 std::string_view valueOf(const RequestHead& request, field name) {
     const auto value = request[name];
     return {value.data(), value.size()};
 }
 
-// What every answer says. No other origin may read it, frame it or guess its type, and nothing is kept
-// without asking: another run has other datasets at the same address.
+// Sets the fields of every answer. No other origin may read it, frame it or guess its type. Caches must
+// revalidate, since another run serves other datasets at the same address.
 void guard(Answer& answer) {
     static const std::string policy = pageContentPolicy();
     auto& head = answer.head;
@@ -34,14 +34,13 @@ void guard(Answer& answer) {
     head.set(field::cache_control, "no-cache");
 }
 
-// Browsers say where a request comes from. A page of another site has no business here; neither has one of
-// another port of this machine.
+// True for requests from pages of other sites, or of another port of this machine. Browsers send this field.
 bool isFromElsewhere(const RequestHead& request) {
     const auto site = request["Sec-Fetch-Site"];
     return site == "cross-site" || site == "same-site";
 }
 
-// Nothing when the request may be answered.
+// The refusal of a request; nothing if it may be answered.
 std::optional<Answer> refusalOf(const RequestHead& request, bool hasBody, std::uint16_t port) {
     const bool keeps = request.keep_alive();
     if (request.count(field::host) != 1 || !isOwnHost(valueOf(request, field::host), port)) {
@@ -80,8 +79,7 @@ void setBytes(Answer& answer, const Resource& resource, const RequestHead& reque
     }
 }
 
-// A part of the file where the request asks for one, and where an If-Range field does not ask for the part of
-// another content.
+// Sets the file or a range of it. The whole file if an If-Range field names another content.
 void setFile(Answer& answer, const Resource& resource, const RequestHead& request) {
     const std::uint64_t size = resource.file->stamp().size;
     RangeRequest asked;
@@ -108,7 +106,7 @@ void setFile(Answer& answer, const Resource& resource, const RequestHead& reques
     answer.head.content_length(answer.range.count);
 }
 
-// The compressed form of a text is another content with a tag of its own.
+// The compressed form of a text has a tag of its own.
 std::string tagFor(const Resource& resource, const RequestHead& request) {
     const bool compressed = !resource.gzip.empty() && acceptsGzip(valueOf(request, field::accept_encoding));
     return compressed ? resource.tag.substr(0, resource.tag.size() - 1) + "-gzip\"" : resource.tag;
@@ -133,7 +131,7 @@ Answer changedAnswer(const Resource& resource) {
         fmt::format("{} was written to since plyconvert view began: start it again", resource.name), false);
 }
 
-// The answer to a request that may be answered and names this resource.
+// The answer to an acceptable request for this resource.
 static Answer answerWith(const Resource& resource, const RequestHead& request) {
     if (resource.file && !resource.file->isUnchanged()) {
         return changedAnswer(resource);

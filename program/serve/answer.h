@@ -1,4 +1,4 @@
-// What the server answers to a request: decided here, sent by a connection.
+// The server's answers. This file decides them; a connection sends them.
 #pragma once
 
 #include "program/serve/content.h"
@@ -18,21 +18,22 @@ using Status = boost::beast::http::status;
 
 struct Answer {
     boost::beast::http::response<boost::beast::http::empty_body> head;
-    std::string text;                  // the body, where it is the answer's own
-    const std::string* kept = nullptr; // the body, where the content keeps it
-    const Resource* file = nullptr;    // the body, where it is the range of this resource's file
+    std::string text;                  // the body, if the answer owns it
+    const std::string* kept = nullptr; // the body, if the content owns it
+    const Resource* file = nullptr;    // the body is `range` of this resource's file
     ByteRange range;
 
     std::string_view body() const { return kept != nullptr ? *kept : text; }
 };
 
-// `hasBody` says that the request announces a body, which no request of this server has.
+// The answer to a request. `hasBody`: the request announces a body, which this server refuses. `port` is the
+// server's.
 Answer answerTo(const RequestHead& request, bool hasBody, const Content& content, std::uint16_t port);
 
-// One line of text. `keeps` says whether the connection goes on.
+// An answer with this status and one line of text. `keeps`: the connection stays open.
 Answer refusal(Status status, const std::string& line, bool keeps);
 
-// The answer when a file is no longer what it was at the start.
+// The answer when a file has changed since the server's start.
 Answer changedAnswer(const Resource& resource);
 
 } // namespace Tavrin::SplatProgram

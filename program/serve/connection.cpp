@@ -49,7 +49,8 @@ void Connection::close() {
     table_.remove(*this);
 }
 
-// The time for a request begins when the former is answered: dribbling bytes do not prolong it.
+// The time limit of a request starts when the previous one is answered. Single bytes that arrive do not
+// extend it.
 void Connection::readRequest() {
     waitingSince_ = Clock::now();
     parser_.emplace();
@@ -75,7 +76,7 @@ void Connection::onRequest(Error error) {
     if (isMalformed) {
         return send(refusal(Status::bad_request, "this is no request of HTTP/1.1", false));
     }
-    close(); // the client has gone, or is too slow
+    close(); // the client has gone or is too slow
 }
 
 void Connection::send(Answer answer) {
@@ -90,8 +91,8 @@ void Connection::send(Answer answer) {
     write(head_, answer_.file != nullptr ? std::string_view(piece_.data(), piece_.size()) : answer_.body());
 }
 
-// The file is looked at after its bytes are read, so none of another content can be among them. False when it
-// is another, or cannot be read.
+// Reads the next piece of the file. The stamp is checked after reading, so bytes of a changed file are never
+// sent. False if the file has changed or cannot be read.
 bool Connection::readPiece() {
     const StampedFile& file = *answer_.file->file;
     piece_.resize(std::min<std::uint64_t>(left_.count, table_.limits().pieceBytes));
@@ -116,22 +117,21 @@ void Connection::onWritten(Error error) {
         return close();
     }
     if (answer_.file != nullptr && left_.count > 0) {
-        // The length has been promised: an early end is the only way to say that the rest is not there any
-        // more.
+        // The head has promised the length, so closing early is the only way to report that the rest is gone.
         return readPiece() ? write({}, {piece_.data(), piece_.size()}) : close();
     }
     answer_.head.keep_alive() ? readRequest() : part();
 }
 
-// A connection that is closed while the client still sends is reset, and the answer may be lost with it. So
-// the sending side is closed first, and what still comes is taken for a moment.
+// Closing while the client still sends resets the connection, and the answer may be lost. So the sending side
+// is closed first, and what still arrives is read and discarded for a moment.
 void Connection::part() {
     Error ignored;
     stream_.socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
     waitingSince_ = Clock::now();
     stream_.expires_after(table_.limits().partingTime);
-    constexpr std::size_t most = std::size_t{1}
-                                 << 20; // a client that sends more is not listened to any longer
+    // A client that sends more than this is cut off.
+    constexpr std::size_t most = std::size_t{1} << 20;
     discard(most);
 }
 

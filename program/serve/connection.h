@@ -1,4 +1,4 @@
-// One client of the server, and how many there may be.
+// The connection to one client, and the table of all connections.
 #pragma once
 
 #include "program/serve/answer.h"
@@ -23,7 +23,7 @@ namespace Tavrin::SplatProgram {
 
 class Connection;
 
-// The connections that are open. Used by one thread.
+// The open connections. Not thread-safe.
 class ConnectionTable {
 public:
     // The content must outlive it.
@@ -34,8 +34,8 @@ public:
     std::uint16_t port() const { return port_; }
     const ServerLimits& limits() const { return limits_; }
 
-    // Takes a client in. When all places are taken, the connection that has waited longest for a request
-    // gives way. False when all are busy with answers.
+    // Makes a connection of the socket. If there are limits().connections already, closes the one that has
+    // waited longest for a request. False if all of them are busy with answers.
     bool admit(boost::asio::ip::tcp::socket& socket);
 
     void add(Connection& connection) { connections_.insert(&connection); }
@@ -48,8 +48,8 @@ private:
     std::set<Connection*> connections_;
 };
 
-// Reads requests and answers them one after the other, until either side ends it. It lives as long as an
-// operation of its own is under way.
+// Reads requests and answers them one after the other, until either side closes the connection. Its pending
+// operations keep it alive.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
     using Clock = std::chrono::steady_clock;
@@ -62,7 +62,7 @@ public:
     void readRequest();
     void close();
 
-    // Since when it has nothing to answer; nothing while it has.
+    // The time since which it waits for a request; nothing while it answers one.
     const std::optional<Clock::time_point>& waitingSince() const { return waitingSince_; }
 
 private:

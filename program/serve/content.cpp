@@ -31,7 +31,7 @@ std::string tagOfFile(const StampedFile::Stamp& stamp) {
                        stamp.time);
 }
 
-// The last part of a folder's path, through links and dots; the word as it was given when there is none.
+// The last component of a folder's resolved path; `folder` itself if there is none.
 std::string nameOf(const std::string& folder) {
     std::error_code error;
     const fs::path path = resolvedPath(pathFromText(folder), error);
@@ -57,7 +57,7 @@ std::string listOf(const std::vector<ServedDataset>& datasets) {
     return list.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-// The file of a dataset; nothing when there is none of that name.
+// Opens a file of a dataset; nothing if it does not exist.
 std::optional<StampedFile> openFile(const fs::path& path) {
     std::error_code error;
     std::optional<StampedFile> file = StampedFile::open(path, error);
@@ -68,7 +68,7 @@ std::optional<StampedFile> openFile(const fs::path& path) {
     return file;
 }
 
-// The EPSG code. Throws a Failure with the first finding of the quick check.
+// Returns the EPSG code of a dataset. Throws a Failure with the first finding of the quick verification.
 std::int32_t requireSoundDataset(const std::string& folder) {
     const SplatReader::VerifyReport report = SplatReader::verifyDataset(pathFromText(folder));
     if (!report.sound() || !report.meta) {
@@ -81,8 +81,8 @@ std::int32_t requireSoundDataset(const std::string& folder) {
 
 } // namespace
 
-// The files are opened first, checked by their names, and must then still be the ones of these names: another
-// dataset may take the folder at any moment.
+// The files are opened, then verified by name, and then the names must still lead to the opened files, since
+// another dataset may replace the folder at any moment.
 ServedDataset ServedDataset::open(const std::string& folder) {
     std::array<std::optional<StampedFile>, datasetFiles.size()> files;
     for (std::size_t i = 0; i < files.size(); ++i) {

@@ -1,4 +1,4 @@
-// What the server gives: a table that is made once, at its start.
+// The content of the server: a table of paths, made once at the start.
 #pragma once
 
 #include "program/system/stamped_file.h"
@@ -17,26 +17,26 @@ namespace Tavrin::SplatProgram {
 
 // One path of the server: bytes in memory, or a file.
 struct Resource {
-    std::string name; // as messages call it
+    std::string name; // for messages
     std::string type; // media type
-    std::string tag;  // entity tag, in quotes: another one for another content
+    std::string tag;  // entity tag, in quotes; differs when the content differs
     std::string bytes;
-    std::string gzip; // the same compressed; empty when it is given as it is alone
+    std::string gzip; // `bytes` compressed; empty if only the plain form is served
     std::optional<StampedFile> file;
 };
 
-// A dataset that is given, and what the page is told of it.
+// A dataset to serve, and what the page is told about it.
 struct ServedDataset {
-    // Opens the dataset's files and checks it in the quick form. The files stay open, so that what is given
-    // is the dataset that was checked, even when another one takes its folder. Throws a Failure
-    // (InputRefused) for a folder that holds no sound dataset.
+    // Opens the dataset's files and runs the quick verification. The files stay open, so that the dataset
+    // that was checked is served even after another one has replaced its folder. Throws a Failure
+    // (InputRefused) when the folder has no sound dataset.
     static ServedDataset open(const std::string& folder);
 
     std::string folder;
-    std::string name; // that of the folder, unless somebody gives it another one
-    std::string map;  // datasets with the same word lie on one map; empty: it has one of its own
-    std::optional<std::array<double, 6>> box; // of its splats in world coordinates, where it is known
-    std::int32_t epsg = 0;                    // 0 for none
+    std::string name; // of the folder, unless the caller sets another one
+    std::string map;  // datasets with the same word share a map; empty: the dataset has a map of its own
+    std::optional<std::array<double, 6>> box;               // of its splats in world coordinates, if known
+    std::int32_t epsg = 0;                                  // 0 for none
     std::vector<std::pair<std::string, StampedFile>> files; // with their names
 };
 
@@ -45,7 +45,7 @@ public:
     // The page at "/", the list of datasets at "/datasets.json", and each dataset's files under "/data/N/".
     static Content ofDatasets(std::vector<ServedDataset> datasets);
 
-    // By the path of a request, which must be one of the table's. Null for any other.
+    // The resource at the path of a request; null for any path outside the table.
     const Resource* find(std::string_view path) const;
 
 private:

@@ -24,7 +24,7 @@ bool equalIgnoringCase(std::string_view one, std::string_view other) {
     return std::ranges::equal(one, other, {}, lowered, lowered);
 }
 
-// Takes what stands before the separator off the front of a text, without the blanks around it.
+// Removes the text before the separator from `text` and returns it without surrounding blanks.
 std::string_view takeBefore(std::string_view& text, char separator) {
     const std::size_t end = std::min(text.find(separator), text.size());
     const std::string_view word = trimmed(text.substr(0, end));
@@ -32,7 +32,7 @@ std::string_view takeBefore(std::string_view& text, char separator) {
     return word;
 }
 
-// Digits alone. A number beyond 64 bits is as good as the largest: no content is that long.
+// A number of digits only. More than 64 bits count as the largest number, since no content is that long.
 std::optional<std::uint64_t> parseNumber(std::string_view text) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string_view::npos) {
         return std::nullopt;
@@ -46,7 +46,7 @@ RangeRequest part(std::uint64_t first, std::uint64_t count) {
     return {RangeRequest::Kind::part, {first, count}};
 }
 
-// The weight of a coding: true unless it is zero.
+// True unless the weight of a coding is zero.
 bool hasWeight(std::string_view parameters) {
     while (!parameters.empty()) {
         const std::string_view parameter = takeBefore(parameters, ';');
@@ -117,7 +117,7 @@ bool namesTag(std::string_view field, std::string_view tag, bool weak) {
 }
 
 bool isOwnHost(std::string_view field, std::uint16_t port) {
-    constexpr std::uint16_t httpPort = 80; // the one that is left out
+    constexpr std::uint16_t httpPort = 80; // the default, which a Host field leaves out
     for (const char* const name : {"127.0.0.1", "localhost", "[::1]"}) {
         if (equalIgnoringCase(field, fmt::format("{}:{}", name, port)) ||
             (port == httpPort && equalIgnoringCase(field, name))) {

@@ -1,4 +1,4 @@
-// What the fields of a request mean. Each function takes one field's value as it came.
+// Parses the header fields of a request. Each function takes the field's value unchanged.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +13,10 @@ struct ByteRange {
     bool operator==(const ByteRange&) const = default;
 };
 
-// What a Range field asks for.
+// The meaning of a Range field.
 struct RangeRequest {
     enum class Kind {
-        whole, // nothing that this server gives parts for: another unit, several ranges, not well formed
+        whole, // the whole content: the field has another unit or several ranges, or is malformed
         part,
         outside // no byte of the content is in it
     };
@@ -24,17 +24,17 @@ struct RangeRequest {
     ByteRange range; // of a part, inside the content
 };
 
-// Of content of `size` bytes.
+// Parses a Range field for content of `size` bytes.
 RangeRequest parseRange(std::string_view field, std::uint64_t size);
 
-// An Accept-Encoding field allows gzip.
+// True if an Accept-Encoding field allows gzip.
 bool acceptsGzip(std::string_view field);
 
-// An If-Match or If-None-Match field names this entity tag (in quotes), or any by "*". Tags that are marked
-// as weak count where `weak`.
+// True if an If-Match or If-None-Match field names this entity tag (in quotes) or is "*". With `weak`, weak
+// tags match, too.
 bool namesTag(std::string_view field, std::string_view tag, bool weak);
 
-// A Host field names this server: 127.0.0.1, localhost or [::1], with its port.
+// True if a Host field names this server: 127.0.0.1, localhost or [::1], with its port.
 bool isOwnHost(std::string_view field, std::uint16_t port);
 
 } // namespace Tavrin::SplatProgram

@@ -11,7 +11,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// The sources of a kind, or that there are none.
+// The list of allowed sources, 'none' if it is empty.
 std::string_view sourcesOf(const char* hashes) {
     const std::string_view text(hashes);
     return text.empty() ? " 'none'" : text;
@@ -24,7 +24,7 @@ std::string pageGzip() {
 }
 
 std::string pageText() {
-    constexpr int gzipForm = 16 + MAX_WBITS; // as zlib names it
+    constexpr int gzipForm = 16 + MAX_WBITS; // zlib's code for a gzip file
     std::string text(embeddedPage.size, '\0');
     z_stream stream = {};
     stream.next_in = const_cast<Bytef*>(embeddedPage.gzip);

@@ -1,4 +1,4 @@
-// The page that shows datasets, which the program carries.
+// The page of `view`, which is embedded in the program.
 #pragma once
 
 #include <string>
@@ -12,8 +12,8 @@ std::string pageGzip();
 // bytes are damaged.
 std::string pageText();
 
-// The content policy for the page: its own inline scripts and styles run, by their hashes, and nothing else;
-// it fetches from its own server alone.
+// The Content-Security-Policy of the page. It allows the page's own inline scripts and styles, by their
+// hashes, and requests to its own server; nothing else.
 std::string pageContentPolicy();
 
 } // namespace Tavrin::SplatProgram

@@ -1,4 +1,4 @@
-// Inside serve: the page as the build embeds it (cmake/EmbedPage.cmake).
+// The page as the build embeds it (cmake/EmbedPage.cmake). For page.cpp only.
 #pragma once
 
 #include <cstddef>

@@ -22,15 +22,15 @@ using Error = boost::system::error_code;
 
 constexpr std::chrono::milliseconds turn(50);
 
-// A socket that listens at the address; an error where it cannot.
+// A socket that listens at the address; sets `error` if that fails.
 tcp::acceptor listenAt(asio::io_context& context, const tcp::endpoint& place, Error& error) {
     tcp::acceptor acceptor(context);
     acceptor.open(place.protocol(), error);
 #ifdef _WIN32
-    // There the option lets another process take the port, too.
+    // On Windows the option would let another process take the same port.
     const bool reuses = false;
 #else
-    // Connections of an earlier run may still be fading away.
+    // Closed connections of an earlier run may still occupy the port.
     const bool reuses = true;
 #endif
     if (!error) {
@@ -54,14 +54,14 @@ tcp::acceptor listenAt(asio::io_context& context, const tcp::endpoint& place, Er
 
 struct Listener {
     tcp::acceptor acceptor;
-    std::optional<tcp::socket> held; // a client for whom there is no place yet
+    std::optional<tcp::socket> held; // a client that waits for a place
     bool isAccepting = false;
 };
 
 } // namespace
 
 struct Server::State {
-    // Before the context, whose end is that of the connections.
+    // Declared before the context, whose destructor ends the connections.
     std::optional<ConnectionTable> table;
     asio::io_context context;
     std::vector<Listener> listeners;
@@ -73,9 +73,9 @@ struct Server::State {
     void turnWith(const std::function<bool()>& shouldEnd);
 };
 
-// Both addresses have the same port, so that "localhost" leads here whichever it stands for.
+// Both addresses get the same port, so that "localhost" works whichever of them it means.
 std::uint16_t Server::State::listen(std::uint16_t port) {
-    constexpr int attempts = 20; // to find a port that is free at both addresses
+    constexpr int attempts = 20; // to find a port that is free on both addresses
     Error error;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         tcp::acceptor four = listenAt(context, {asio::ip::address_v4::loopback(), port}, error);
@@ -86,7 +86,7 @@ std::uint16_t Server::State::listen(std::uint16_t port) {
         tcp::acceptor six = listenAt(context, {asio::ip::address_v6::loopback(), taken}, error);
         if (error != asio::error::address_in_use) {
             listeners.push_back({std::move(four), std::nullopt});
-            if (!error) { // else the system has no such address
+            if (!error) { // otherwise the system has no such address
                 listeners.push_back({std::move(six), std::nullopt});
             }
             return taken;
@@ -102,14 +102,14 @@ void Server::State::accept(Listener& listener) {
     listener.isAccepting = true;
     listener.acceptor.async_accept([this, &listener](const Error& error, tcp::socket socket) {
         listener.isAccepting = false;
-        if (!error) { // else this process has no file left to open: the next turn tries again
+        if (!error) { // otherwise the process has too many open files; the next turn tries again
             listener.held.emplace(std::move(socket));
             place(listener);
         }
     });
 }
 
-// Nobody else is accepted as long as one waits: the system keeps the others.
+// While one client waits, no other is accepted; the others stay in the system's queue.
 void Server::State::place(Listener& listener) {
     Error ignored;
     listener.held->set_option(tcp::no_delay(true), ignored);

@@ -1,4 +1,5 @@
-// The web server of `view`: this machine's own addresses alone, one thread, bounded in everything.
+// The web server of `view`. It listens on loopback addresses only, uses one thread, and bounds what clients
+// can cost.
 #pragma once
 
 #include "program/serve/content.h"
@@ -12,8 +13,8 @@ namespace Tavrin::SplatProgram {
 
 class Server {
 public:
-    // Listens on 127.0.0.1, and on [::1] where the system has it, at `port`; 0 takes a free one. Throws a
-    // Failure (OutputRefused) when the port cannot be had. The content must outlive the server.
+    // Listens on 127.0.0.1, and on [::1] if the system has it, at `port`; 0 takes a free one. Throws a
+    // Failure (OutputRefused) when the port is not available. The content must outlive the server.
     Server(const Content& content, std::uint16_t port, const ServerLimits& limits = {});
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -21,8 +22,8 @@ public:
 
     std::uint16_t port() const;
 
-    // Answers until `shouldEnd` says so, which is asked 20 times a second. Connections that are open then are
-    // closed wherever they stand.
+    // Answers requests until `shouldEnd` returns true; it is called 20 times a second. Then closes all open
+    // connections, even in the middle of an answer.
     void run(const std::function<bool()>& shouldEnd);
 
 private:

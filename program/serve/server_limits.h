@@ -1,4 +1,4 @@
-// What the clients of the server can cost.
+// The limits on what clients can cost the server.
 #pragma once
 
 #include <chrono>
@@ -7,10 +7,11 @@
 namespace Tavrin::SplatProgram {
 
 struct ServerLimits {
-    std::size_t connections = 64;                    // at once
-    std::size_t headBytes = std::size_t{32} << 10;   // of a request; cookies of other servers come along
-    std::size_t pieceBytes = std::size_t{256} << 10; // of a file in memory at once, a connection
-    std::chrono::milliseconds requestTime{15'000};   // until a request is there as a whole
+    std::size_t connections = 64; // at once
+    // Of a request; browsers also send cookies of other servers on this host.
+    std::size_t headBytes = std::size_t{32} << 10;
+    std::size_t pieceBytes = std::size_t{256} << 10; // of a file in memory, for each connection
+    std::chrono::milliseconds requestTime{15'000};   // until the whole request has arrived
     std::chrono::milliseconds sendTime{60'000};      // until a client has taken a piece
     std::chrono::milliseconds partingTime{1'000};    // for a client to take the last answer
 };
