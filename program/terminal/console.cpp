@@ -23,7 +23,7 @@ std::string printable(std::string_view text) {
 
 namespace {
 void report(std::string_view kind, std::string_view line) {
-    // One write a line: lines of parallel runs on one terminal do not mix.
+    // One write for the whole line, so that lines of parallel runs on one terminal do not mix.
     const std::string text = fmt::format("plyconvert: {}: {}\n", kind, printable(line));
     std::fwrite(text.data(), 1, text.size(), stderr);
 }

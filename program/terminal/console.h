@@ -1,4 +1,4 @@
-// Messages to people on standard error.
+// Messages to the user on standard error.
 #pragma once
 
 #include <string>
@@ -6,11 +6,11 @@
 
 namespace Tavrin::SplatProgram {
 
-// Writes "plyconvert: error: LINE" to standard error. Control characters in it (a path or a header can hold
-// them) are shown as \xNN, so that a message is always one line and never moves the cursor.
+// Writes "plyconvert: error: LINE" to standard error. Control characters, which a path or a header can
+// contain, are shown as \xNN. So a message is always one line and never moves the cursor.
 void reportError(std::string_view line);
 
-// The same with "plyconvert: warning: ".
+// The same, with "plyconvert: warning: " in front.
 void reportWarning(std::string_view line);
 
 // The text with every control character shown as \xNN.
@@ -19,7 +19,7 @@ std::string printable(std::string_view text);
 // Flushes standard output; false when anything written to it was lost.
 bool finishStandardOutput();
 
-// The same. Throws a Failure (NotTold) when anything was lost.
+// Flushes standard output. Throws a Failure (NotTold) when anything written to it was lost.
 void requireStandardOutput();
 
 } // namespace Tavrin::SplatProgram

@@ -31,7 +31,7 @@ std::string bytesText(std::uint64_t bytes) {
     }
     double size = static_cast<double>(bytes) / step;
     std::size_t unit = 0;
-    // One decimal is shown: what rounds up to 1024.0 is 1.0 of the next unit.
+    // With one decimal, a size that rounds to 1024.0 is written as 1.0 of the next unit.
     while (size >= step - 0.05 && unit + 1 < units.size()) {
         size /= step;
         ++unit;

@@ -1,4 +1,4 @@
-// Numbers as people read them.
+// Formats numbers for people, and parses sizes.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,8 @@ std::string countText(std::uint64_t count, const char* singular, const char* plu
 // "812 bytes", "36.6 MiB"
 std::string bytesText(std::uint64_t bytes);
 
-// The bytes of "5000", "812K", "512M", "1.5GiB" or "2T", whose units are powers of 1,024; nothing for any
-// other text, for none and for more than 64 bits hold.
+// Parses a size in bytes: "5000", "812K", "512M", "1.5GiB" or "2T", in powers of 1,024. Nothing for any other
+// text, for 0, and for sizes beyond 64 bits.
 std::optional<std::uint64_t> bytesFrom(std::string_view text);
 
 // "0.4 s", "12 s", "3:05 min", "2:15 h"

@@ -13,18 +13,18 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-constexpr std::chrono::milliseconds leastInterval(170); // less than six updates a second
-constexpr double leastDone = 0.04;                      // before that the estimate jumps
+constexpr std::chrono::milliseconds leastInterval(170); // at most six updates a second
+constexpr double leastDone = 0.04; // below this share the estimate of the remaining time is too uncertain
 
-// Control sequences (ECMA-48 and DEC), which every terminal of today takes.
+// Control sequences (ECMA-48 and DEC) that all common terminals understand.
 constexpr std::string_view eraseBelow = "\x1b[J"; // from the cursor on
 constexpr std::string_view wrapOff = "\x1b[?7l";
 constexpr std::string_view wrapOn = "\x1b[?7h";
 
 struct StageFacts {
     const char* name;
-    double
-        part; // of the whole time, as it is for millions of splats on two cores; it only shapes the estimate
+    // Share of the whole time, measured with millions of splats on two cores. Only the estimate uses it.
+    double part;
 };
 constexpr std::array<StageFacts, 4> stages = {
     {{"measuring", 0.28}, {"writing", 0.42}, {"verifying", 0.20}, {"flushing to disk", 0.10}}};
@@ -82,9 +82,10 @@ double Progress::seconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-// The cursor rests on the first column. A terminal that becomes narrower may break the line in two, and then
-// keeps the cursor at the start of the first: what is below is erased with it. A line as wide as the terminal
-// would wrap, and so would one that is written while the terminal shrinks, unless it is told not to.
+// The cursor stays in the first column. When a terminal becomes narrower it may break the line in two; the
+// cursor then stays at the start of the first part, so erasing below removes both. Wrapping is switched off
+// while the line is written, because a line as wide as the terminal would wrap, and so would a line written
+// while the terminal shrinks.
 void Progress::write(std::string line) {
     const std::size_t room = terminalColumns() - 1;
     line.resize(std::min(line.size(), room));
@@ -93,7 +94,7 @@ void Progress::write(std::string line) {
         line.append(std::min(std::max(lineLength_, length), room) - length, ' ');
         line = fmt::format("\r{}\r", line);
     } else {
-        // Erasing comes last: some terminals keep what they show when they are told to erase all of it.
+        // Erasing comes last, because some terminals ignore a request to erase everything that they show.
         line = fmt::format("\r{}{}{}{}\r", wrapOff, line.empty() ? " " : line, eraseBelow, wrapOn);
     }
     std::fwrite(line.data(), 1, line.size(), stderr);

@@ -1,4 +1,4 @@
-// The line of progress on a terminal.
+// The progress line on a terminal.
 #pragma once
 
 #include <chrono>
@@ -10,11 +10,11 @@
 
 namespace Tavrin::SplatProgram {
 
-// What a conversion does, in this order.
+// The stages of a conversion, in order.
 enum class Stage { measuring, writing, verifying, flushing };
 
-// One line on standard error that is written over, at most six times a second: stage, percentage, splats,
-// time elapsed and time left. Not for several threads at once.
+// One line on standard error, rewritten at most six times a second: stage, percentage, splats, elapsed and
+// remaining time. Not thread-safe.
 class Progress {
 public:
     // Shows nothing unless `shown`.
@@ -25,16 +25,17 @@ public:
 
     bool shown() const { return shown_; }
 
-    // `share` of the stage that is done, 0 to 1, and the splats of it where it counts them.
+    // `share` is the part of the stage that is done, 0 to 1. `splats` is the number of splats done, if the
+    // stage counts them.
     void update(Stage stage, double share, std::optional<std::uint64_t> splats = {});
 
-    // The same for a run that does nothing else.
+    // The same for a command with a single task.
     void update(std::string_view task, double share, std::optional<std::uint64_t> splats = {});
 
-    // Removes the line, so that other lines can be written.
+    // Erases the line, so that other output can be written.
     void clear();
 
-    // Since this object was made.
+    // Seconds since this object was made.
     double seconds() const;
 
 private:
@@ -49,7 +50,7 @@ private:
     bool shown_;
     Clock::time_point start_;
     std::optional<Clock::time_point> lastUpdate_;
-    std::size_t lineLength_ = 0; // of what stands on the terminal
+    std::size_t lineLength_ = 0; // characters now on the terminal
 };
 
 } // namespace Tavrin::SplatProgram
