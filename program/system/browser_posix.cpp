@@ -20,8 +20,9 @@ bool isSet(const char* variable) {
 
 } // namespace
 
-// A shell starts it and ends at once, so that the browser is nobody's child here. It has a session of its
-// own, which the terminal's Ctrl-C does not reach, and nothing that is open here, the sockets above all.
+// A shell starts the browser and ends at once, so that the browser is not a child of this process. The
+// browser gets a session of its own, which Ctrl-C does not reach, and inherits no open descriptors, in
+// particular no sockets.
 bool openInBrowser(const std::string& address) {
     if (!isSet("DISPLAY") && !isSet("WAYLAND_DISPLAY")) {
         return false;

@@ -1,4 +1,4 @@
-// Bringing files to the disk itself while the caller does other things.
+// Flushes files to the disk in the background.
 #pragma once
 
 #include <atomic>
@@ -12,28 +12,28 @@
 
 namespace Tavrin::SplatProgram {
 
-// How a flush ended.
+// The result of a flush.
 struct FlushEnd {
     std::error_code error;      // none when everything is on the disk
-    std::filesystem::path path; // what the error is about
+    std::filesystem::path path; // the file or folder that failed
 };
 
 class DiskFlush {
 public:
-    // Begins at once, in a thread of its own and in this order: a folder comes after the files in it.
+    // Starts at once, in a thread of its own, and flushes in this order. List a folder after the files in it.
     explicit DiskFlush(std::vector<std::filesystem::path> paths);
     DiskFlush(const DiskFlush&) = delete;
     DiskFlush& operator=(const DiskFlush&) = delete;
-    // Gives up what is not yet on the disk.
+    // Stops the flush. The remaining files are left to the system.
     ~DiskFlush();
 
-    // Waits for the end, at most that long. True when it has come.
+    // Waits for the end, at most for `patience`. True when the flush has ended.
     bool waitFor(std::chrono::milliseconds patience) const;
 
-    // Of the bytes of all files, 0 to 1.
+    // The share of the bytes of all files that is on the disk, 0 to 1.
     double share() const;
 
-    // Waits for the end. Once.
+    // Waits for the end and returns the result. To be called once.
     FlushEnd end();
 
 private:

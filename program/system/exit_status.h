@@ -1,4 +1,4 @@
-// How the program ends: its exit statuses, and the failure that carries one.
+// The exit statuses, and the exception that carries one.
 #pragma once
 
 #include <stdexcept>
@@ -6,7 +6,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What the program's exit status tells. Every path out of the program ends in one of these.
+// The exit statuses of the program. Every run ends with one of these.
 enum class ExitStatus {
     done = 0,
     usage = 1,
@@ -15,12 +15,12 @@ enum class ExitStatus {
     conversionFailed = 4,
     splatsLeftOut = 5,
     verificationFailed = 6,
-    doesNotFit = 7,    // the memory or the disk: elsewhere, or with more of it, the same command may end well
-    notTold = 8,       // the work is done and stands
+    doesNotFit = 7,    // memory or disk are too small; with more of them the same command may succeed
+    notTold = 8,       // the work is done, but its report or standard output was lost
     interrupted = 130, // 128 + SIGINT, as shells report it
 };
 
-// The table that every --help ends with.
+// The table at the end of every --help.
 inline constexpr const char* exitStatusTable =
     "Exit status:\n"
     "  0    done\n"
@@ -44,11 +44,11 @@ private:
     ExitStatus status_;
 };
 
-// The failure that any exception stands for: itself, or the line and the status of an end that no part of the
-// program foresaw.
+// The Failure for any exception: the exception itself if it is one, otherwise a Failure for an unexpected
+// error.
 Failure failureOf(const std::exception& error);
 
-// "done", "inputRefused", ...: the name of a status in reports.
+// The name of a status in reports: "done", "inputRefused", ...
 const char* nameOf(ExitStatus status);
 
 } // namespace Tavrin::SplatProgram

@@ -1,4 +1,4 @@
-// Owns a handle of the system. Windows only.
+// Owner of a system handle. Windows only.
 #pragma once
 
 #include <utility>
@@ -10,7 +10,8 @@ namespace Tavrin::SplatProgram {
 class Handle {
 public:
     Handle() = default;
-    // Takes it over; functions of the system that fail give either a null handle or INVALID_HANDLE_VALUE.
+    // Takes ownership. A system function that fails returns either null or INVALID_HANDLE_VALUE; both make it
+    // empty.
     explicit Handle(HANDLE handle) : handle_(handle == INVALID_HANDLE_VALUE ? nullptr : handle) {}
     Handle(Handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
     Handle& operator=(Handle&& other) noexcept {

@@ -1,14 +1,14 @@
-// Ctrl-C and its like: noted, and asked for where work can stop.
+// Interrupts (Ctrl-C and the like). They are noted, and the work asks for them where it can stop.
 #pragma once
 
 namespace Tavrin::SplatProgram {
 
-// From now on Ctrl-C and a request to end (SIGINT, SIGTERM, SIGHUP) are noted instead of ending the process,
-// except those that the caller of the program chose to ignore. `outcome` says in a few words what an
-// interrupt leaves behind; it must outlive the process's work.
+// From now on Ctrl-C and requests to end (SIGINT, SIGTERM, SIGHUP) are noted instead of ending the process.
+// Signals that the parent process has set to be ignored stay ignored. `outcome` says in a few words what an
+// interrupt leaves behind. The pointer is kept, so it must stay valid.
 void catchInterrupts(const char* outcome);
 
-// The part of it that differs between systems.
+// The part of catchInterrupts that differs between systems.
 void noteInterrupts();
 
 bool interrupted();

@@ -15,16 +15,16 @@ void note(int) {
 } // namespace
 
 void noteInterrupts() {
-    // A closed terminal or pipe must not end the process between two steps.
+    // A closed terminal or pipe must not end the process in the middle of its work.
     std::signal(SIGPIPE, SIG_IGN);
-    // A write beyond the limit of a file's size fails instead.
+    // A write beyond the file size limit then fails instead of ending the process.
     std::signal(SIGXFSZ, SIG_IGN);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction previous = {};
         if (::sigaction(number, nullptr, &previous) == 0 && previous.sa_handler == SIG_IGN) {
-            continue; // nohup, or a job in the background of a script
+            continue; // ignored by nohup, or because a script started this in the background
         }
-        // Without SA_RESTART: a call that waits returns at once.
+        // Without SA_RESTART, so that a waiting system call returns at once.
         struct sigaction action = {};
         action.sa_handler = note;
         ::sigaction(number, &action, nullptr);

@@ -9,12 +9,12 @@ namespace {
 
 std::atomic<bool> noted = false;
 
-// Runs in a thread of its own.
+// The system calls it in a thread of its own.
 BOOL WINAPI note(DWORD event) {
     noted = true;
     if (event == CTRL_CLOSE_EVENT || event == CTRL_LOGOFF_EVENT || event == CTRL_SHUTDOWN_EVENT) {
-        // The process ends as soon as this returns. Until the system's patience ends, the main thread has
-        // time to clean up; its end is then the process's.
+        // The process ends as soon as this returns. Waiting gives the main thread time to clean up and end
+        // the process itself, until the system's time limit.
         Sleep(INFINITE);
     }
     return TRUE;
@@ -22,8 +22,8 @@ BOOL WINAPI note(DWORD event) {
 
 } // namespace
 
-// A caller that started the program with Ctrl-C ignored has it ignored further on: the handler is then not
-// called for it.
+// If the parent process has set Ctrl-C to be ignored, it stays ignored: the system does not call the handler
+// then.
 void noteInterrupts() {
     SetConsoleCtrlHandler(note, TRUE);
 }

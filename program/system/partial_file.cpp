@@ -16,7 +16,7 @@ void checkTargetFile(const std::string& name, bool force) {
     const fs::path target = pathFromText(name);
     std::error_code ignored;
     const fs::file_status status = fs::symlink_status(target, ignored);
-    // Renaming would put a file in place of a folder, a device or a link, which is never meant.
+    // Renaming would replace a folder, a device or a link by a file, which is never wanted.
     if (fs::exists(status) && !fs::is_regular_file(status)) {
         throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: no plain file stands there: give the name of a file", name));

@@ -1,4 +1,4 @@
-// A file that appears under its name when it is whole.
+// Output files that appear under their name only when they are complete.
 #pragma once
 
 #include <filesystem>
@@ -7,11 +7,11 @@
 
 namespace Tavrin::SplatProgram {
 
-// Throws a Failure (OutputRefused) when a file may not be written there: something other than a plain file
-// has the name, a file has it and `force` is not set, or there is no folder for it.
+// Throws a Failure (OutputRefused) when a file may not be written there: the name belongs to something other
+// than a regular file, a file exists and `force` is not set, or the folder is missing.
 void checkTargetFile(const std::string& name, bool force);
 
-// The file that is written first, and renamed when it is whole. It is removed unless it was.
+// A temporary file beside the target. publish() renames it; otherwise the destructor removes it.
 class PartialFile {
 public:
     explicit PartialFile(const std::filesystem::path& target);
@@ -19,10 +19,10 @@ public:
     PartialFile& operator=(const PartialFile&) = delete;
     ~PartialFile();
 
-    // To write to.
+    // The temporary file, to write to.
     const std::filesystem::path& path() const { return path_; }
 
-    // Flushes it to the disk and gives it the target's name. Throws a Failure (OutputRefused) when that
+    // Flushes the file to the disk and renames it to the target. Throws a Failure (OutputRefused) when that
     // fails.
     void publish();
 
@@ -31,8 +31,8 @@ private:
     std::filesystem::path path_;
 };
 
-// Writes a file that appears, or replaces an earlier one, when it is whole and on the disk. Throws a Failure
-// (OutputRefused).
+// Writes a file with this text. It appears, or replaces an earlier one, when it is complete and on the disk.
+// Throws a Failure (OutputRefused).
 void writeWholeFile(const std::filesystem::path& path, std::string_view text);
 
 } // namespace Tavrin::SplatProgram

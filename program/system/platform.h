@@ -1,5 +1,5 @@
-// What the program needs of the system beyond the standard library. Each function has one definition a
-// system, in platform_*_SYSTEM.cpp.
+// System functions beyond the standard library. Each has one definition for each system, in a file
+// *_posix.cpp or *_windows.cpp.
 #pragma once
 
 #include <cstdint>
@@ -18,72 +18,71 @@ namespace Tavrin::SplatProgram {
 std::filesystem::path pathFromText(std::string_view text);
 std::string textFromPath(const std::filesystem::path& path);
 
-// The path in the bytes that the converter takes; nothing when they cannot hold it.
+// The path in the encoding that the converter takes; nothing if it cannot be expressed in it.
 std::optional<std::string> converterPath(const std::filesystem::path& path);
 
-// The words of the command line, without the program's own name. The arguments are those of main, which some
-// systems give in another form.
+// The arguments of the command line in UTF-8, without the program's name. `argc` and `argv` are those of
+// main; Windows asks the system instead.
 std::vector<std::string> commandLineWords(int argc, char** argv);
 
-// The absolute path with the links followed in what exists of it.
+// The absolute path, with links resolved in the part that exists.
 std::filesystem::path resolvedPath(const std::filesystem::path& path, std::error_code& error);
 
-// Which file or folder a path leads to, links followed: two paths with equal identities are one and the same,
-// whatever their spelling, and through whichever mount they go.
+// Identifies the file or folder that a path leads to, links resolved. Two paths with equal identities are the
+// same file, whatever their spelling or mount.
 struct FileIdentity {
     std::uint64_t device = 0;
     std::uint64_t number = 0;
     bool operator==(const FileIdentity&) const = default;
 };
 
-// Nothing when the path leads nowhere.
+// Nothing when the path does not exist.
 std::optional<FileIdentity> identityOf(const std::filesystem::path& path);
 
-// A file system (or a bind of a folder) is mounted exactly there, so the folder cannot be renamed. On Windows
-// also a junction or a link to a folder.
+// True if a file system (or a bind mount) is mounted exactly there, so that the folder cannot be renamed. On
+// Windows also for a junction or a link to a folder.
 bool isMountPoint(const std::filesystem::path& folder);
 
-// No error when this process may create and rename entries of the folder.
+// No error if this process may create and rename entries of the folder.
 std::error_code checkWritable(const std::filesystem::path& folder);
 
-// No error when this process may read the file.
+// No error if this process may read the file.
 std::error_code checkReadable(const std::filesystem::path& file);
 
-// Lets this process have as many files open as the system allows it, where that is more than it has now.
+// Raises the limit of open files to the most that the system allows this process.
 void allowManyFiles();
 
-// The error is that a disk has no room left, or that its user has used up a share of it.
+// True if the error means a full disk or an exhausted quota.
 bool tellsOfFullDisk(const std::error_code& error);
 
-// The most memory that this process has had resident so far, in bytes; 0 where the system does not tell.
+// The peak resident memory of this process so far, in bytes; 0 if the system does not tell.
 std::uint64_t peakMemory();
 
-// Bytes of memory that a process started now can take without swapping: what the machine has free or can free
-// at once, the limits of the control group, of the job
-// (job_limits.h) and of the process counted in.
+// Bytes of memory that this process can still take without swapping: the machine's free and reclaimable
+// memory, within the limits of the control group, of the job (job_limits.h) and of the process.
 std::uint64_t availableMemory();
 
-// Returns when the file's or folder's content is on the disk itself; at once for a folder whose system keeps
-// the order of its entries by itself.
+// Returns when the content of the file or folder is on the disk. Returns at once for a folder on systems that
+// order its entries by themselves.
 std::error_code flushToDisk(const std::filesystem::path& path);
 
-// The same in steps, where the system has them: `goesOn` is told of the bytes that a step has brought to the
-// disk, and ends the flush by false (std::errc::operation_canceled).
+// The same in steps, on systems that can. `goesOn` gets the bytes that each step has written to the disk. If
+// it returns false, the flush stops with std::errc::operation_canceled.
 std::error_code flushToDisk(const std::filesystem::path& path,
                             const std::function<bool(std::uint64_t bytes)>& goesOn);
 
-// Exchanges the names of two existing folders in one step that nobody can see half done.
-// std::errc::function_not_supported when the system or the file system has no such step.
+// Exchanges the names of two existing folders atomically. std::errc::function_not_supported if the system or
+// the file system cannot.
 std::error_code exchangeNames(const std::filesystem::path& one, const std::filesystem::path& other);
 
-// Renames a folder in place of nothing or of an empty folder; in one step where the system allows it.
+// Renames a folder. `to` must not exist or must be an empty folder. Atomic on systems that allow it.
 std::error_code renameFolder(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // A file that exists and is locked while this object lives. The system drops the lock when the process ends,
-// however it ends; the file then stays and tells of a dead run.
+// in whatever way. If the file is left over then, it marks a dead run.
 class LockFile {
 public:
-    // Creates the file, or takes over that of a dead run. Nothing, and no error, when a live process holds
+    // Creates the file, or takes over the file of a dead run. Null without an error when a live process holds
     // it.
     static std::unique_ptr<LockFile> take(const std::filesystem::path& path, std::error_code& error);
 
@@ -99,34 +98,34 @@ private:
     std::intptr_t handle_;
 };
 
-// What a line feed of a text file becomes on the disk.
+// The bytes that a line end takes in a text file: 1, or 2 on Windows.
 std::uint64_t lineEndBytes();
 
 std::uint64_t ownProcessId();
 
-// False only when the system is sure that no process has this id.
+// False only if certainly no process has this id.
 bool processMayExist(std::uint64_t id);
 
 bool standardOutputIsTerminal();
 
 bool standardErrorIsTerminal();
 
-// The terminal on standard error acts on control sequences instead of showing them.
+// True if the terminal on standard error interprets control sequences instead of showing them.
 bool standardErrorTakesSequences();
 
-// Asks the system to show the address in the user's browser, and does not wait for it. False when this
-// session has no screen to show it on. Whether the browser comes nobody tells.
+// Asks the system to open the address in the user's browser, and does not wait. False if this session has no
+// screen. True does not mean that a browser appeared.
 bool openInBrowser(const std::string& address);
 
-// Becomes plyconvert-geo, with these words as its command line: the one beside this program, or that of its
-// package. Returns only where there is none. Not there on Windows, whose build has no such program.
+// Replaces this process by plyconvert-geo with these arguments: the one beside this program, or that of its
+// package. Returns only if neither exists. Not available on Windows, which has no such program.
 void runGeoProgram(const std::vector<std::string>& words);
 
-// Columns of the terminal on standard error, or else on standard output; 80 when neither tells.
+// Columns of the terminal on standard error, or else on standard output; 80 if neither is a terminal.
 unsigned terminalColumns();
 
-// While it lives, a terminal takes what is written to it as UTF-8, and control sequences on standard error.
-// On Windows both must be asked for, and are put back afterwards.
+// While it lives, the terminal reads output as UTF-8 and interprets control sequences on standard error.
+// Windows needs both to be switched on; the destructor restores the old settings.
 class TerminalText {
 public:
     TerminalText();
@@ -135,7 +134,7 @@ public:
     ~TerminalText();
 
 private:
-    // Windows alone reads them.
+    // Only read on Windows.
     [[maybe_unused]] unsigned codePage_;  // of the terminal before; 0 without one
     [[maybe_unused]] unsigned long mode_; // of the terminal on standard error before
     [[maybe_unused]] bool isModeSet_;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::uint64_t unlimited = std::numeric_limits<std::uint64_t>::max();
 
-// The number that follows `key` in a file of "KEY NUMBER" lines; nothing when it is not there.
+// The number after `key` in a file of "KEY NUMBER" lines; nothing if the key is missing.
 std::optional<std::uint64_t> numberAfter(const std::filesystem::path& path, std::string_view key) {
     std::ifstream file(path);
     for (std::string word; file >> word;) {
@@ -35,7 +35,7 @@ std::optional<std::uint64_t> numberIn(const std::filesystem::path& path) {
     return file >> number ? std::optional(number) : std::nullopt;
 }
 
-// What the machine has free or can free without swapping.
+// Bytes that the machine has free or can free without swapping.
 std::uint64_t machineMemory() {
     if (const auto kibibytes = numberAfter("/proc/meminfo", "MemAvailable:")) {
         return *kibibytes * 1024;
@@ -51,7 +51,7 @@ struct ControlGroupFiles {
     const char* cacheKey; // in memory.stat: file pages that the kernel drops when the group needs memory
 };
 
-// The least that the group and its ancestors leave. Files that are not there limit nothing.
+// The least free memory of the group and its ancestors. A missing file means no limit.
 std::uint64_t controlGroupMemory(const std::filesystem::path& root, std::filesystem::path group,
                                  const ControlGroupFiles& files) {
     std::uint64_t available = unlimited;
@@ -109,7 +109,7 @@ std::uint64_t groupMemory(const std::string& groups, const std::filesystem::path
     return available;
 }
 
-// Not getrusage: that keeps the peak of the process that started this one.
+// Not getrusage, whose peak includes the parent process before exec.
 std::uint64_t peakMemory() {
     return numberAfter("/proc/self/status", "VmHWM:").value_or(0) * 1024;
 }

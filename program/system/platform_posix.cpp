@@ -21,8 +21,8 @@ std::error_code lastError() {
     return {errno, std::system_category()};
 }
 
-// Brings a file's contents to the disk in steps, as far as the system does that: a flush alone cannot be
-// ended before it is done. First all of it is sent on its way, so that the disk is never idle.
+// Writes a file's contents to the disk in steps, because fsync cannot be stopped half-way. All of it is
+// queued first, so that the disk is never idle.
 std::error_code writeBack(int handle, const std::function<bool(std::uint64_t bytes)>& goesOn) {
     constexpr off_t step = 8 << 20;
     constexpr unsigned send = SYNC_FILE_RANGE_WRITE;
@@ -36,8 +36,8 @@ std::error_code writeBack(int handle, const std::function<bool(std::uint64_t byt
         for (off_t at = 0; at < status.st_size; at += step) {
             const off_t length = std::min(step, status.st_size - at);
             if (::sync_file_range(handle, at, length, what) != 0) {
-                // Not every file system has it. What the disk refuses is an error here and not once more
-                // later.
+                // Some file systems do not support it; fsync follows anyway. But a failed write is reported
+                // here alone, not again by fsync.
                 return errno == EIO || errno == ENOSPC || errno == EDQUOT ? lastError() : std::error_code();
             }
             if (!goesOn(what == await ? static_cast<std::uint64_t>(length) : 0)) {
@@ -84,7 +84,7 @@ bool isMountPoint(const std::filesystem::path& folder) {
         (status.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT) != 0) {
         return (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
     }
-    // Kernels before 5.8 tell only of mounts of another file system.
+    // Kernels before 5.8 only show mounts of another file system.
     const auto own = identityOf(folder);
     const auto parent = identityOf(folder / "..");
     return own && parent && (own->device != parent->device || own->number == parent->number);
@@ -98,7 +98,7 @@ void allowManyFiles() {
     rlimit limit = {};
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
         limit.rlim_cur = limit.rlim_max;
-        static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit)); // else it stays as it was
+        static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit)); // if it fails the limit stays as it was
     }
 }
 
@@ -121,11 +121,10 @@ std::error_code flushToDisk(const std::filesystem::path& path,
         return lastError();
     }
     std::error_code error = writeBack(handle, goesOn);
-    // Also what was written back by then may have failed, which this alone tells.
+    // Pages written back earlier may have failed, too; only fsync reports that.
     error = error ? error : ::fsync(handle) == 0 ? std::error_code() : lastError();
     ::close(handle);
-    // Some network and user-space file systems cannot flush a folder; they keep its entries in order
-    // themselves.
+    // Some network and user-space file systems cannot flush a folder; they order its entries themselves.
     return error.value() == EINVAL || error.value() == EOPNOTSUPP ? std::error_code() : error;
 }
 
@@ -133,7 +132,7 @@ std::error_code exchangeNames(const std::filesystem::path& one, const std::files
     if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0) {
         return {};
     }
-    // Most file systems without the exchange say "invalid argument".
+    // Most file systems without the exchange return EINVAL.
     if (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP) {
         return std::make_error_code(std::errc::function_not_supported);
     }
@@ -159,7 +158,8 @@ std::unique_ptr<LockFile> LockFile::take(const std::filesystem::path& path, std:
             ::close(handle);
             return nullptr;
         }
-        // Between open and lock the last holder may have removed the file: then this lock is on no name.
+        // The last holder may have removed the file between open and lock. Then this lock belongs to a file
+        // without a name.
         struct stat held = {};
         struct stat named = {};
         if (::fstat(handle, &held) == 0 && ::lstat(path.c_str(), &named) == 0 &&

@@ -6,9 +6,9 @@
 #include <algorithm>
 
 #include <windows.h>
-// The functions of the system's own library, without another to link.
+// Selects the functions of kernel32, so that psapi need not be linked.
 #define PSAPI_VERSION 2
-// Need windows.h.
+// After windows.h, which they need.
 #include <psapi.h>
 #include <shellapi.h>
 
@@ -23,9 +23,9 @@ std::error_code lastError() {
     return {static_cast<int>(GetLastError()), std::system_category()};
 }
 
-// Opens a file or a folder that exists; a link leads to what is behind it.
+// Opens an existing file or folder; links are followed.
 Handle open(const fs::path& path, DWORD access) {
-    // Without the flag folders cannot be opened.
+    // Folders can only be opened with this flag.
     return Handle(CreateFileW(path.c_str(), access, shareAll, nullptr, OPEN_EXISTING,
                               FILE_FLAG_BACKUP_SEMANTICS, nullptr));
 }
@@ -34,8 +34,7 @@ std::error_code errorOf(const Handle& handle) {
     return handle ? std::error_code() : lastError();
 }
 
-// The system's name of what a handle stands for, without the prefix that only the system needs; empty on file
-// systems that do not tell.
+// The system's path of an open file, without the "\\?\" prefix; empty on file systems that do not tell.
 std::wstring finalName(const Handle& handle) {
     constexpr std::size_t longestPath = 32768;
     std::wstring name(longestPath, L'\0');
@@ -56,7 +55,7 @@ bool isConsole(DWORD stream) {
 
 } // namespace
 
-// The runtime finds no folder by a name with a separator at its end.
+// The runtime does not find a folder whose path ends in a separator.
 fs::path pathFromText(std::string_view text) {
     fs::path path(wideFromText(text));
     return path.has_relative_path() && !path.has_filename() ? path.parent_path() : path;
@@ -66,8 +65,7 @@ std::string textFromPath(const fs::path& path) {
     return textFromWide(path.native());
 }
 
-// The code page is the one that the converter takes when nobody has set a locale: where the system knows this
-// program's manifest, it is UTF-8.
+// The converter uses the system's code page. On systems that read this program's manifest, it is UTF-8.
 std::optional<std::string> converterPath(const fs::path& path) {
     if (GetACP() == CP_UTF8) {
         return textFromPath(path);
@@ -110,7 +108,6 @@ std::optional<FileIdentity> identityOf(const fs::path& path) {
                         std::uint64_t{facts.nFileIndexHigh} << wordBits | facts.nFileIndexLow};
 }
 
-// Volumes are mounted by reparse points, as are other folders (junctions, links).
 bool tellsOfFullDisk(const std::error_code& error) {
     constexpr int quotaExceeded = 1295; // ERROR_DISK_QUOTA_EXCEEDED, which not every set of headers has
     return error.value() == ERROR_DISK_FULL || error.value() == ERROR_HANDLE_DISK_FULL ||
@@ -124,6 +121,7 @@ std::uint64_t peakMemory() {
                : 0;
 }
 
+// Mounted volumes, junctions and links to folders are reparse points.
 bool isMountPoint(const fs::path& folder) {
     const DWORD attributes = GetFileAttributesW(folder.c_str());
     return folder == folder.root_path() ||
@@ -134,7 +132,7 @@ std::error_code checkWritable(const fs::path& folder) {
     return errorOf(open(folder, FILE_ADD_FILE | FILE_ADD_SUBDIRECTORY));
 }
 
-void allowManyFiles() {} // handles are bounded by memory alone
+void allowManyFiles() {} // only memory limits the number of handles
 
 std::error_code checkReadable(const fs::path& file) {
     return errorOf(open(file, GENERIC_READ));
@@ -143,13 +141,13 @@ std::error_code checkReadable(const fs::path& file) {
 std::error_code flushToDisk(const fs::path& path) {
     std::error_code error;
     if (fs::is_directory(path, error)) {
-        return {}; // its entries are kept in order by the file system's journal
+        return {}; // the file system's journal orders its entries
     }
     const Handle handle = open(path, GENERIC_WRITE);
     return handle && FlushFileBuffers(handle.get()) ? std::error_code() : lastError();
 }
 
-// In one step: the system has no smaller ones.
+// One step for the whole file; the system has no smaller ones.
 std::error_code flushToDisk(const fs::path& path, const std::function<bool(std::uint64_t bytes)>& goesOn) {
     if (!goesOn(0)) {
         return std::make_error_code(std::errc::operation_canceled);
@@ -161,14 +159,14 @@ std::error_code flushToDisk(const fs::path& path, const std::function<bool(std::
     return error;
 }
 
-// The system has no such step.
+// Windows has no atomic exchange.
 std::error_code exchangeNames(const fs::path&, const fs::path&) {
     return std::make_error_code(std::errc::function_not_supported);
 }
 
 std::error_code renameFolder(const fs::path& from, const fs::path& to) {
-    RemoveDirectoryW(to.c_str()); // if it is an empty folder, which only on other systems a rename replaces
-    // Virus scanners and indexers open what was just written, and let go of it soon.
+    RemoveDirectoryW(to.c_str()); // an empty folder, which a rename does not replace on this system
+    // Virus scanners and indexers briefly open files that were just written.
     constexpr int attempts = 20;
     constexpr DWORD pause = 100; // milliseconds
     for (int attempt = 1;; ++attempt) {
@@ -184,7 +182,7 @@ std::error_code renameFolder(const fs::path& from, const fs::path& to) {
     }
 }
 
-// The lock is that nobody else may open the file.
+// The lock: no other process may open the file.
 std::unique_ptr<LockFile> LockFile::take(const fs::path& path, std::error_code& error) {
     error.clear();
     Handle handle(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, OPEN_ALWAYS,
@@ -222,7 +220,7 @@ bool processMayExist(std::uint64_t id) {
     if (!process) {
         return GetLastError() != ERROR_INVALID_PARAMETER;
     }
-    // One that has ended is there as long as somebody holds a handle of it.
+    // An ended process still exists while somebody has a handle to it.
     return WaitForSingleObject(process.get(), 0) != WAIT_OBJECT_0;
 }
 
@@ -265,7 +263,7 @@ bool standardErrorIsTerminal() {
     return isConsole(STD_ERROR_HANDLE);
 }
 
-// TerminalText has asked for it.
+// TerminalText has switched it on.
 bool standardErrorTakesSequences() {
     DWORD mode = 0;
     return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) &&

@@ -1,4 +1,4 @@
-// How many processors this process may use.
+// The number of processors that this process may use.
 #pragma once
 
 #include <filesystem>
@@ -7,12 +7,12 @@
 
 namespace Tavrin::SplatProgram {
 
-// At least 1: what the machine has, less what the process's affinity, the quota of its control group and its
-// job (job_limits.h) leave out.
+// The processors of the machine, limited by the process's affinity, the quota of its control group and its
+// job (job_limits.h). At least 1.
 unsigned usableProcessors();
 
-// The processors that the quotas of a control group and of its ancestors leave, rounded up; nothing without a
-// quota. `groups` has the lines of /proc/self/cgroup, `root` stands for /sys/fs/cgroup.
+// The processors by the quotas of a control group and its ancestors, rounded up; nothing without a quota.
+// `groups` has the lines of /proc/self/cgroup; `root` is /sys/fs/cgroup, or a copy of it in tests.
 std::optional<unsigned> quotaProcessors(const std::string& groups, const std::filesystem::path& root);
 
 } // namespace Tavrin::SplatProgram

@@ -22,7 +22,7 @@ std::optional<unsigned> processorsOf(double quota, double period) {
     return static_cast<unsigned>(std::clamp((quota + period - 1.0) / period, 1.0, 1e6));
 }
 
-// "QUOTA PERIOD" in microseconds; "max" and -1 stand for none.
+// Reads "QUOTA PERIOD" in microseconds; "max" and -1 mean no quota.
 std::optional<unsigned> unifiedQuota(const fs::path& group) {
     std::ifstream file(group / "cpu.max");
     double quota = 0.0;
@@ -38,7 +38,7 @@ std::optional<unsigned> olderQuota(const fs::path& group) {
     return quotaFile >> quota && periodFile >> period ? processorsOf(quota, period) : std::nullopt;
 }
 
-// The least over the group and its ancestors.
+// The smallest quota of the group and its ancestors.
 std::optional<unsigned> leastQuota(const fs::path& root, fs::path group,
                                    std::optional<unsigned> (*quotaOf)(const fs::path&)) {
     std::optional<unsigned> least;
@@ -54,7 +54,7 @@ std::optional<unsigned> leastQuota(const fs::path& root, fs::path group,
 unsigned affinityProcessors() {
     cpu_set_t processors;
     CPU_ZERO(&processors);
-    // Fails on machines with more processors than the set has room for.
+    // Fails on machines with more processors than cpu_set_t has bits.
     if (::sched_getaffinity(0, sizeof processors, &processors) == 0) {
         return static_cast<unsigned>(std::max(CPU_COUNT(&processors), 1));
     }

@@ -10,7 +10,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// The system has no control groups.
+// Windows has no control groups.
 std::optional<unsigned> quotaProcessors(const std::string&, const std::filesystem::path&) {
     return std::nullopt;
 }
@@ -20,7 +20,7 @@ namespace {
 unsigned ownProcessors() {
     DWORD_PTR own = 0;
     DWORD_PTR machine = 0;
-    // Both are 0 for a process in several groups of processors.
+    // Both are 0 for a process in several processor groups.
     if (!GetProcessAffinityMask(GetCurrentProcess(), &own, &machine) || own == 0) {
         return std::max<unsigned>(GetActiveProcessorCount(ALL_PROCESSOR_GROUPS), 1);
     }

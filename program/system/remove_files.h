@@ -1,4 +1,4 @@
-// Removing large files without waiting for the system to free them.
+// Removes large files without waiting for the system to free their blocks.
 #pragma once
 
 #include <filesystem>
@@ -6,8 +6,9 @@
 
 namespace Tavrin::SplatProgram {
 
-// Removes the files; those that are not there are no matter. To free a gigabyte takes the system some tenths
-// of a second. Where it can, a process of its own waits for that and holds nothing else of this one.
+// Removes the files; missing ones are ignored. The system needs some tenths of a second to free a gigabyte.
+// On POSIX a child process keeps the files open and waits for that; it holds no other resource of this
+// process.
 void removeLargeFiles(const std::vector<std::filesystem::path>& files);
 
 } // namespace Tavrin::SplatProgram

@@ -9,7 +9,8 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Closes all descriptors from `first` to `last`. Called between fork and _exit: no memory, no locks.
+// Closes all descriptors from `first` to `last`. Called between fork and _exit, so it allocates nothing and
+// takes no locks.
 void closeRange(unsigned first, unsigned last) {
 #if defined(__linux__)
     if (::close_range(first, last, 0) == 0) {
@@ -22,8 +23,8 @@ void closeRange(unsigned first, unsigned last) {
     }
 }
 
-// Keeps these descriptors, in ascending order, until the other end of the pipe is closed. The system frees
-// the removed files when this process ends.
+// The child process: keeps the descriptors `handles` (ascending) open until the other end of the pipe is
+// closed. The system frees the removed files when the child ends.
 [[noreturn]] void holdFiles(const std::vector<int>& handles, int pipeEnd) {
     unsigned next = 0;
     for (const int handle : handles) {

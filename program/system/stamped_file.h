@@ -1,4 +1,4 @@
-// A file that is opened once and tells whether it was written to since.
+// An open file that tells whether it has changed since it was opened.
 #pragma once
 
 #include "program/system/platform.h"
@@ -14,16 +14,16 @@ namespace Tavrin::SplatProgram {
 
 class StampedFile {
 public:
-    // What tells one content of a file from another, to the tick of the file system's clock.
+    // Distinguishes the contents of a file, within the resolution of the file system's clock.
     struct Stamp {
         FileIdentity identity;
         std::uint64_t size = 0; // in bytes
-        std::int64_t time = 0;  // of the last write, in units of the system's own
+        std::int64_t time = 0;  // of the last write, in the system's own units
         bool operator==(const Stamp&) const = default;
     };
 
-    // Nothing, and the error, when there is no such plain file or it cannot be opened. Other processes may
-    // rename, remove and replace the file further on: this object stays with the one that it has opened.
+    // Nothing, and `error` set, when it is not a regular file or cannot be opened. Other processes may still
+    // rename, remove and replace the file: this object keeps the one that it opened.
     static std::optional<StampedFile> open(const std::filesystem::path& path, std::error_code& error);
 
     StampedFile(StampedFile&& other) noexcept;
@@ -34,14 +34,14 @@ public:
     }
     ~StampedFile();
 
-    // When it was opened.
+    // The stamp at the time of opening.
     const Stamp& stamp() const { return stamp_; }
 
-    // The file still has that stamp.
+    // True if the file still has that stamp.
     bool isUnchanged() const;
 
-    // Reads exactly `count` bytes at `offset`; false when there are fewer, or on an error. Moves no position
-    // in the file, so that several may read at once.
+    // Reads exactly `count` bytes at `offset`. False if there are fewer, or on an error. Thread-safe, since
+    // it moves no file position.
     bool read(std::uint64_t offset, char* target, std::size_t count) const;
 
 private:

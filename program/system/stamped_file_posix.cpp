@@ -31,7 +31,7 @@ std::optional<StampedFile::Stamp> stampOf(std::intptr_t handle) {
 
 std::optional<StampedFile> StampedFile::open(const std::filesystem::path& path, std::error_code& error) {
     error.clear();
-    // A pipe of that name must not be waited for.
+    // O_NONBLOCK, so that opening a pipe does not wait.
     const std::intptr_t handle = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     const std::optional<Stamp> stamp = handle == noHandle ? std::nullopt : stampOf(handle);
     if (!stamp) {

@@ -1,4 +1,4 @@
-// UTF-8, which the program's own texts are in, and the system's UTF-16. Windows only.
+// Converts between the program's UTF-8 and the system's UTF-16. Windows only.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// What is no text in the one form becomes a replacement character in the other.
+// Invalid input becomes replacement characters.
 std::wstring wideFromText(std::string_view text);
 std::string textFromWide(std::wstring_view wide);
 
