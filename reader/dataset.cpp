@@ -5,10 +5,10 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// Real documents have about 3 KiB; the comments that the header carries may lengthen them.
+// Real documents have about 3 KiB, more if the header's comments are long.
 constexpr std::uint64_t metaSizeLimit = std::uint64_t{16} << 20;
 
-// An index this large stands for 25 million cells; a table of it in memory is as large again.
+// An index of this size has 25 million cells; its table in memory is about as large.
 constexpr std::uint64_t indexSizeLimit = std::uint64_t{512} << 20;
 
 } // namespace

@@ -21,7 +21,8 @@ struct LevelRange {
     std::uint32_t size = 0;   // bytes in data.bin, as stated
 };
 
-// Walks records of data.bin through two windows, with their coefficients when the dataset has them.
+// Reads records of data.bin in order, with their coefficients if the dataset has them, through one window for
+// each file.
 class RecordCursor {
 public:
     struct View {
@@ -35,8 +36,8 @@ public:
     RecordCursor(const std::filesystem::path& folder, std::uint64_t first, std::uint64_t count,
                  std::uint32_t coefficientSize, std::size_t window = windowSize);
 
-    // Fills `view` and steps on. False at the end of the range. The view is valid until the next call.
-    // Throws DatasetError when a file ends before.
+    // Fills `view` and advances. False at the end of the range. The view is valid until the next call. Throws
+    // DatasetError when a file is too short.
     bool next(View& view);
 
 private:
@@ -51,8 +52,8 @@ private:
 
 class Dataset {
 public:
-    // Reads the meta document and the index. Throws DatasetError when the folder is no dataset, when the meta
-    // document cannot be used, or when the index points outside data.bin. verifyDataset finds all other
+    // Reads the meta document and the index. Throws DatasetError when the folder is not a dataset, when the
+    // meta document cannot be used, or when the index points outside data.bin. verifyDataset finds all other
     // faults.
     static Dataset open(const std::filesystem::path& folder);
 

@@ -6,7 +6,8 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// The components' places among (rot_1, rot_2, rot_3, rot_0), that is (x, y, z, w), without the largest.
+// For each largest component, the positions of the other three in (rot_1, rot_2, rot_3, rot_0), that is (x,
+// y, z, w).
 constexpr std::array<std::array<std::size_t, 3>, 4> otherPlaces = {
     {{1, 2, 3}, {0, 2, 3}, {0, 1, 3}, {0, 1, 2}}};
 
@@ -37,7 +38,8 @@ std::array<double, 4> unpackRotation(std::uint32_t word) {
         squares += component * component;
     }
     rotation[splatPlace(parts.largest)] = std::sqrt(std::max(0.0, 1.0 - squares));
-    const double length = std::sqrt(std::max(1.0, squares)); // above 1 only where the middles overshoot
+    // Above 1 only if the middles of the intervals are too large.
+    const double length = std::sqrt(std::max(1.0, squares));
     for (double& component : rotation) {
         component /= length;
     }
@@ -104,7 +106,7 @@ Dequantiser::Axis Dequantiser::makeAxis(const Range& range, std::size_t axis, st
     return result;
 }
 
-// The interval of byte b is [b, b + 1) / 255, cut to the stated range where the two meet.
+// The interval of byte b is [b, b + 1) / 255, clamped to the stated range if the two overlap.
 std::array<double, 256> Dequantiser::makeBytes(const Range& range, std::size_t axis, bool keepZero) {
     std::array<double, 256> values{};
     for (std::size_t b = 0; b < values.size(); ++b) {

@@ -35,9 +35,9 @@ std::array<double, 4> unpackRotation(std::uint32_t word);
 // Whether some unit quaternion packs to this word.
 bool rotationPossible(std::uint32_t word);
 
-// Built from a meta document's ranges. Each attribute gets the middle of the interval that truncation left,
-// cut to the stated range. A range with min == max gives that value. A range that is not finite gives its
-// finite end, or 0.
+// Built from a meta document's ranges. Each value is the middle of the interval that truncation maps to the
+// stored integer, clamped to the stated range. A range with min == max gives that value. A range that is not
+// finite gives its finite end, or 0.
 class Dequantiser {
 public:
     explicit Dequantiser(const Meta& meta);
@@ -65,13 +65,13 @@ public:
     // Coefficient k, 0 to 14, of each channel. `at` points to one record of shcoef.bin, in the form that the
     // meta document states.
     Point coefficient(const std::byte* at, std::size_t k) const;
-    // All of them.
+    // All coefficients of a record.
     void coefficients(const std::byte* at, Splat& splat) const;
 
 private:
     struct Axis {
         double min = 0.0;
-        double step = 0.0; // 0 where every quantised value means `min`
+        double step = 0.0; // 0 if every quantised value means `min`
         double last = 0.0; // the value at `maximum`
         double maximum = 0.0;
 

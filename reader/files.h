@@ -21,13 +21,13 @@ inline constexpr std::size_t windowSize = std::size_t{1} << 20;
 // One file of a dataset, opened for reading. Not to be shared between threads.
 class DatasetFile {
 public:
-    // Throws DatasetError when the file is missing, is no plain file or cannot be opened.
+    // Throws DatasetError when the file is missing, is not a regular file or cannot be opened.
     DatasetFile(const std::filesystem::path& folder, std::string_view name);
 
     const std::string& name() const { return name_; }
     std::uint64_t size() const { return size_; } // when it was opened
 
-    // Reads exactly `count` bytes at `offset`. Throws DatasetError when the file ends before.
+    // Reads exactly `count` bytes at `offset`. Throws DatasetError when the file is too short.
     void read(std::uint64_t offset, std::byte* target, std::size_t count);
 
 private:
@@ -36,10 +36,10 @@ private:
     std::ifstream stream_;
 };
 
-// Walks a file forwards, holding one window of it.
+// Reads a file forwards through one window.
 class SequentialReader {
 public:
-    // Reads the bytes [offset, offset + length) of the file. `length` is only a bound; it decides no
+    // Reads the bytes [offset, offset + length) of the file. `length` is an upper bound and decides no
     // allocation.
     SequentialReader(DatasetFile& file, std::uint64_t offset, std::uint64_t length,
                      std::size_t window = windowSize);

@@ -43,7 +43,7 @@ void Findings::append(const Findings& more) {
 
 void Findings::append(List& list, const List& more) const {
     list.total += more.total;
-    std::map<std::string, std::uint64_t> kept; // of each kind: no more are kept than were found
+    std::map<std::string, std::uint64_t> kept; // findings already kept, by kind
     for (const auto& [kind, count] : list.kinds) {
         kept[kind] = std::min<std::uint64_t>(count, perKind_);
     }

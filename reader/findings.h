@@ -1,4 +1,4 @@
-// What a check found: one line each, errors apart from warnings, in bounded memory however broken the input
+// The findings of a check: errors and warnings, one line each. Memory stays bounded however broken the input
 // is.
 #pragma once
 
@@ -18,15 +18,15 @@ std::string joined(std::initializer_list<std::string_view> parts);
 struct Finding {
     std::string file;     // name inside the dataset folder
     std::uint64_t offset; // byte offset in that file
-    std::string expected; // what the format asks for
-    std::string found;    // what stands there
+    std::string expected; // what the format requires
+    std::string found;    // what the file has
     std::string kind;     // short fixed name of the check, for machines ("index-offset", ...)
 
     // "index.bin, byte 24: expected ..., found ..."
     std::string text() const;
 };
 
-// Thrown where a dataset cannot be used at all. what() is one line with file, offset, expected and found.
+// Thrown when a dataset cannot be used at all. what() is one line with file, offset, expected and found.
 class DatasetError : public std::runtime_error {
 public:
     explicit DatasetError(Finding finding)
@@ -46,14 +46,14 @@ public:
                std::string found);
     void warning(std::string_view kind, std::string_view file, std::uint64_t offset, std::string expected,
                  std::string found);
-    // Adds what another check found after this one, as if this one had found it.
+    // Adds the findings of a later check.
     void append(const Findings& more);
 
     const std::vector<Finding>& errors() const { return errors_.kept; }
     const std::vector<Finding>& warnings() const { return warnings_.kept; }
     std::uint64_t errorCount() const { return errors_.total; }
     std::uint64_t warningCount() const { return warnings_.total; }
-    // The number of findings, by kind. It exceeds the number listed where a kind exceeds the limit.
+    // The number of findings by kind. Beyond the limit of a kind it is larger than the number listed.
     const std::map<std::string, std::uint64_t>& errorKinds() const { return errors_.kinds; }
     const std::map<std::string, std::uint64_t>& warningKinds() const { return warnings_.kinds; }
 

@@ -55,8 +55,8 @@ inline constexpr double rotationGain = 1.4142135 * 0.5;
 // The zeroth-order spherical-harmonic constant: colour = coefficient * colourGain + 0.5.
 inline constexpr float colourGain = 0.2820948f;
 
-// A scene of more splats than this is cut into grid cells. A smaller one is the one cell with key 0, and so
-// is a scene of exactly this many.
+// A scene of more splats than this is divided into grid cells. A scene of at most this many is a single cell
+// with key 0.
 inline constexpr std::uint64_t oneCellMaximum = 1'000'000;
 
 // The "position" range is the bounding box times this.
@@ -70,7 +70,7 @@ inline constexpr std::array<std::string_view, 20> metaKeys = {
 inline constexpr std::array<std::string_view, 9> attributeNames = {
     "position", "normal", "color", "shcoef", "opacity", "scale", "envnormal", "envshcoef", "envscale"};
 
-// What an entry repeats: index into attributeNames, or its own index.
+// For each attribute the index of the one that it repeats, or its own index.
 inline constexpr std::array<std::size_t, 9> attributeRepeats = {0, 1, 2, 3, 4, 5, 1, 3, 5};
 
 } // namespace Tavrin::SplatReader::Format

@@ -8,15 +8,16 @@
 
 namespace Tavrin::SplatReader {
 
-// Which cells a dataset may hold. Scenes of at most Format::oneCellMaximum splats are the one cell with key
-// 0.
+// The cells that a dataset may hold. A scene of at most Format::oneCellMaximum splats is a single cell with
+// key 0.
 struct Grid {
     bool oneCell = true;
     float originX = 0.0f;
     float originY = 0.0f;
     float cellSizeX = 0.0f;
     float cellSizeY = 0.0f;
-    // 0 when the extents are not finite or the count does not fit 32 bits: no cell can be checked then.
+    // Number of cells. 0 if the extents are not finite or the count does not fit 32 bits: no cell can be
+    // checked then.
     std::int64_t countX = 0;
     std::int64_t countY = 0;
 

@@ -1,4 +1,5 @@
-// Inside the reader: index.bin as a stream of level ranges. No count decides its memory.
+// Reads index.bin as a stream of level ranges; for the reader's own files. Its memory does not depend on any
+// count.
 #pragma once
 
 #include "reader/files.h"

@@ -12,7 +12,7 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// Takes typed values out of the tree. A value of the wrong type is reported and leaves the target unchanged.
+// Reads typed values from the tree. A value of the wrong type is reported and leaves the target unchanged.
 // `usable` becomes false when the rest of the dataset cannot be read without the value.
 class Extractor {
 public:
@@ -143,7 +143,7 @@ private:
         }
     }
 
-    // "min" and "max" as members number `first` and `first + 1`, nothing after them.
+    // Reads "min" and "max", which must be members `first` and `first + 1`, with nothing after them.
     void bounds(std::string_view key, const MetaValue& object, std::size_t first, Point& min, Point& max,
                 std::size_t count) {
         if (object.members.size() != first + 2 || object.members[first].key != "min" ||
@@ -175,7 +175,7 @@ private:
     bool usable_ = true;
 };
 
-// Exactly the twenty keys, each once, in their order.
+// Checks that the document has exactly the twenty keys, each once and in order.
 void checkKeys(const MetaValue& root, Findings& findings) {
     std::size_t next = 0;
     std::set<std::string> seen;

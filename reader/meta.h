@@ -1,4 +1,4 @@
-// The meta document, typed.
+// The meta document as a struct, read and written.
 #pragma once
 
 #include "reader/findings.h"
@@ -21,7 +21,7 @@ struct Range {
     std::size_t components = 3;
 
     bool finite(std::size_t axis) const;
-    // As written when no splat widened the range: [inf, -inf].
+    // True if no splat widened the range, which is written as [inf, -inf].
     bool empty(std::size_t axis) const;
 };
 
@@ -32,7 +32,7 @@ struct Meta {
     std::string description;
     std::string source;   // as written: the kind of source data ("ply", "ytr" or a free text)
     std::string dataType; // as written: the free text that names where the data came from, "None" without one
-    std::uint64_t totalSplats = 0; // records of the input, those left out of the dataset included
+    std::uint64_t totalSplats = 0; // records of the input, including those left out of the dataset
     std::int32_t totalLevel = 0;
     double cellLengthX = 0.0;
     double cellLengthY = 0.0;
@@ -59,10 +59,10 @@ struct Meta {
 };
 
 // Reads the document. A missing, unknown, repeated, misplaced or wrongly typed key is an error finding of
-// kind "meta-syntax" or "meta-keys". Returns nothing when a key that other files depend on cannot be used.
+// kind "meta-syntax" or "meta-keys". Nothing when a key cannot be used that the other files depend on.
 std::optional<Meta> parseMeta(std::string_view text, Findings& findings);
 
-// The document as the converter writes it, byte for byte.
+// The document exactly as the converter writes it. `lineEnd` ends each line.
 std::string renderMeta(const Meta& meta, std::string_view lineEnd);
 
 // Checks relations inside the document: the repeated entries, the position range, the order of the ranges,

@@ -1,4 +1,4 @@
-// What must hold inside the meta document alone, and the document's own form.
+// Checks of the meta document alone: relations between its values, and its exact form.
 
 #include "reader/meta.h"
 
@@ -13,7 +13,7 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// 17 significant digits in general notation, which give every double back exactly.
+// 17 significant digits in general notation, from which every double can be read back exactly.
 std::string numberText(double value) {
     char buffer[40];
     const auto end = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, 17).ptr;
@@ -36,7 +36,7 @@ std::string quoted(std::string_view text) {
     return joined({"\"", text, "\""});
 }
 
-// Equal as numbers. Not-a-number equals itself, because repeated entries repeat that, too.
+// Equal as numbers; NaN equals NaN, because repeated entries repeat it, too.
 bool same(double a, double b) {
     return a == b || (std::isnan(a) && std::isnan(b));
 }
@@ -55,7 +55,7 @@ public:
     }
 
 private:
-    // The keys have been found in their order, so the first occurrence at a line's start is the key itself.
+    // The keys are known to be in order, so the first occurrence at a line's start is the key itself.
     std::uint64_t offsetOf(std::string_view key) const {
         const std::size_t at = text_.find(joined({"\"", key, "\":"}));
         return at == std::string_view::npos ? 0 : at;
@@ -219,7 +219,7 @@ private:
         }
     }
 
-    // The text has exactly one form. Another tool that rewrote it may have lost digits.
+    // Checks that the text has exactly the form of the writer. A tool that rewrote it may have lost digits.
     void checkForm() {
         const std::size_t firstLine = text_.find('\n');
         const bool crlf =

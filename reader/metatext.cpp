@@ -9,8 +9,8 @@
 namespace Tavrin::SplatReader {
 namespace {
 
-// A finished document has about a hundred values, three levels deep. The limits keep a hostile text from
-// growing a tree many times its own size.
+// A finished document has about a hundred values, three levels deep. The limits keep a malicious text from
+// becoming a tree many times its own size.
 constexpr std::size_t valueLimit = 20'000;
 constexpr int depthLimit = 8;
 
@@ -145,8 +145,8 @@ private:
         return std::string(text_.substr(start, at_ - 1 - start));
     }
 
-    // A free text, written as it came. It ends at the last quote of its line when only the separating comma
-    // follows that quote. Any other shape is read as an ordinary string.
+    // Parses a free text, which the writer does not escape. It ends at the last quote of its line if only a
+    // comma follows that quote. Anything else is parsed as an ordinary string.
     std::string parseRawString() {
         std::uint64_t end = text_.find('\n', at_);
         end = end == std::string_view::npos ? text_.size() : end;

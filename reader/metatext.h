@@ -1,8 +1,8 @@
 // The text of the meta document as a tree of values that remember their offsets.
 //
 // It is JSON with two exceptions that the document needs. The number tokens inf, -inf, nan and -nan are
-// allowed. Strings under "source" and "dataType" hold quotes and backslashes as they are, because nothing is
-// ever escaped there.
+// allowed. Strings under "source" and "dataType" contain quotes and backslashes unescaped, because the writer
+// never escapes them.
 #pragma once
 
 #include "reader/findings.h"
@@ -38,10 +38,10 @@ struct MetaValue::Member {
     MetaValue value;
 };
 
-// The document's root, or nothing after one error of kind "meta-syntax" was reported.
+// The document's root. Nothing after reporting one error of kind "meta-syntax".
 std::optional<MetaValue> parseMetaText(std::string_view text, Findings& findings);
 
-// A number token as a double; nothing when the token is none.
+// A number token as a double; nothing for another token.
 std::optional<double> parseMetaNumber(std::string_view token);
 
 } // namespace Tavrin::SplatReader

@@ -166,7 +166,7 @@ private:
                 }
                 checkRange(range);
             }
-        } catch (const DatasetError& error) { // the file shrank meanwhile, or cannot be read
+        } catch (const DatasetError& error) { // the file became shorter meanwhile, or cannot be read
             const Finding& finding = error.finding();
             findings_.error(finding.kind, finding.file, finding.offset, finding.expected, finding.found);
         }

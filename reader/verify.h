@@ -1,4 +1,4 @@
-// Every relation that a finished dataset must satisfy.
+// Verifies every relation that a finished dataset must satisfy.
 #pragma once
 
 #include "reader/findings.h"
@@ -26,7 +26,7 @@ struct VerifyOptions {
     std::function<void(std::uint64_t, std::uint64_t)> progress;
 };
 
-// The quantised values seen.
+// The smallest and largest quantised value seen.
 struct ValueSpan {
     std::uint32_t lowest = UINT32_MAX;
     std::uint32_t highest = 0;
@@ -53,7 +53,7 @@ struct VerifyReport {
     std::optional<Meta> meta;           // when the document can be used
     std::uint64_t cells = 0;            // entries of the index
     std::uint64_t splatsHeld = 0;       // over all cells and levels, as the index counts
-    std::uint64_t splatsLeftOut = 0;    // of the input's splats, those that the dataset does not hold
+    std::uint64_t splatsLeftOut = 0;    // splats of the input that the dataset does not hold
     std::uint64_t dataBytes = 0;        // of data.bin
     std::uint64_t coefficientBytes = 0; // of shcoef.bin
     std::uint64_t indexBytes = 0;       // of index.bin
@@ -63,11 +63,11 @@ struct VerifyReport {
     bool sound() const { return findings.errorCount() == 0; }
 };
 
-// Never throws because of the files' contents: every fault becomes a finding. The file windows and the meta
-// document bound the memory, not any count.
+// Verifies the dataset in `folder`. Never throws because of the files' contents: every fault becomes a
+// finding. The memory depends on the file windows and the meta document, not on any count.
 //
-// Splats left out have a count of their own. In a scene cut into grid cells they are no finding: the
-// converter leaves out what lies outside the grid. A one-cell scene cannot leave any out, so there they are
+// Splats left out are counted separately. They are no finding in a scene with a grid, since the converter
+// leaves out what lies outside the grid. A scene with a single cell cannot leave any out, so there they are
 // an error.
 VerifyReport verifyDataset(const std::filesystem::path& folder, const VerifyOptions& options = {});
 

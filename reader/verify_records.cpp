@@ -220,14 +220,14 @@ private:
     std::uint64_t coefficientAt_ = 0;
 };
 
-// What all records together must satisfy.
+// Checks what all records together must satisfy.
 class UseVerifier {
 public:
     UseVerifier(const Meta& meta, const RecordUse& use, Findings& findings)
         : meta_(meta), use_(use), findings_(findings) {}
 
-    // The ranges come from the records, so some record must have met each end. Records left out may have
-    // taken that one away.
+    // The ranges come from the records, so some record must lie at each end, unless it was left out of the
+    // dataset.
     void check(bool nothingLeftOut) {
         if (use_.records > 0 && nothingLeftOut) {
             for (std::size_t axis = 0; axis < 3; ++axis) {
@@ -249,7 +249,7 @@ public:
     }
 
 private:
-    // The largest value of the source is at the top step, the smallest at step 0.
+    // The largest value of the source must be stored as the largest step, the smallest as step 0.
     void checkEnds(const char* name, const Range& range, std::size_t axis, const ValueSpan& span,
                    std::uint32_t maximum) {
         if (!range.finite(axis)) {
@@ -270,7 +270,7 @@ private:
         }
         const auto lowest = static_cast<std::uint32_t>(static_cast<float>(range.min[axis]) * 255.0f);
         const auto highest = static_cast<std::uint32_t>(static_cast<float>(range.max[axis]) * 255.0f);
-        // A value that is no number in the source is stored as 0 and widens no range.
+        // A NaN of the source is stored as 0 and widens no range.
         if (use.highest != highest || (use.lowest != lowest && use.lowest != 0)) {
             mismatch(name, axis, lowest, highest, use);
         } else if (use.lowest != lowest) {
@@ -290,8 +290,8 @@ private:
                         std::to_string(span.lowest) + " to " + std::to_string(span.highest));
     }
 
-    // One far outlier can widen a range so far that most values fall into one step. Their differences are
-    // then lost.
+    // Warns when most values fall into one step, so that their differences are lost. One far outlier can
+    // widen a range that much.
     void checkCrowding(const char* name, std::size_t axis, const ComponentUse& use, const Range& range) {
         const bool flat = range.min[axis] == range.max[axis];
         if (flat || !range.finite(axis) || use_.records < 4) {
@@ -311,7 +311,7 @@ private:
     Findings& findings_;
 };
 
-// Which range of the index the next record of data.bin belongs to, from record `first` on.
+// Finds the index range of each record of data.bin, from record `first` on.
 class RangeWalker {
 public:
     RangeWalker(DatasetFile& file, std::uint32_t levels, std::uint64_t entries, std::uint64_t first)
@@ -340,7 +340,7 @@ private:
     std::uint32_t left_ = 0;
 };
 
-// What the parts of one verification share.
+// Data shared by the parts of one verification.
 struct RecordsJob {
     const std::filesystem::path& folder;
     const VerifyOptions& options;
@@ -350,7 +350,7 @@ struct RecordsJob {
     std::uint32_t coefficientSize;
     bool useIndex;
     std::atomic<std::uint64_t> done = 0; // records
-    std::atomic<bool> stop = false;      // what the parts find is not wanted any more
+    std::atomic<bool> stop = false;      // the parts' results are no longer needed
 
     // Called by the calling thread alone. An exception of the progress function ends the other parts, too.
     void tellProgress() {
@@ -366,14 +366,14 @@ struct RecordsJob {
     }
 };
 
-// What was found in a part of the records.
+// The result of one part of the records.
 struct PartReport {
     Findings findings;
     RecordUse use;
     bool isRead = false; // to its end
 };
 
-// Records [first, first + count). Only one of the parts reports progress.
+// Records [first, first + count). Only the part of the calling thread has `tellsProgress`.
 PartReport verifyPart(RecordsJob& job, std::uint64_t first, std::uint64_t count, bool tellsProgress) {
     constexpr std::uint64_t progressEvery = 65536;
     PartReport part{Findings(job.options.findingsPerKind), {}, false};
@@ -423,12 +423,12 @@ void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& opt
     std::vector<std::future<PartReport>> others;
     for (std::uint64_t first = size; first < job.records; first += size) {
         const std::uint64_t count = std::min(size, job.records - first);
-        // Where no thread is available, the part is read when its result is asked for.
+        // If no thread is available, the part is read when its result is asked for.
         others.push_back(std::async(std::launch::async | std::launch::deferred,
                                     [&job, first, count] { return verifyPart(job, first, count, false); }));
     }
-    // Joined in the order of the records: the findings are the same on every machine, up to where a file
-    // ended.
+    // Merged in the order of the records, so the findings are the same on every machine, up to the end of a
+    // short file.
     PartReport part = verifyPart(job, 0, std::min(size, job.records), true);
     RecordUse use = part.use;
     report.findings.append(part.findings);

@@ -1,4 +1,4 @@
-// Inside the reader: the full level of verifyDataset, record by record.
+// The full level of verifyDataset, record by record; for the reader's own files.
 #pragma once
 
 #include "reader/verify.h"
