@@ -1,4 +1,4 @@
-// Arithmetic of the scene generator: nothing whose last bit depends on a mathematics library.
+// Arithmetic of the scene generator. It uses no mathematics library, so every bit is the same everywhere.
 #pragma once
 
 #include "scenes/scenes.h"
@@ -49,7 +49,7 @@ constexpr std::uint64_t scramble(std::uint64_t v) {
     return v ^ (v >> 31);
 }
 
-// splitmix64, started anywhere: one stream a splat.
+// A splitmix64 generator. Each splat has a stream of its own.
 class Random {
 public:
     Random(std::uint64_t seed, std::uint64_t stream)

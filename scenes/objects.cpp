@@ -1,4 +1,4 @@
-// What stands on the town's ground: buildings, trees, cars, lamps, and the shade they throw.
+// The objects on the town's ground (buildings, trees, cars, lamps) and their shadows.
 #include "scenes/town.h"
 
 #include <algorithm>
@@ -44,7 +44,8 @@ void Town::addPart(Shape shape, Material material, Point origin, Point u, Point 
     part.colour = colour;
     part.weight = weight;
     if (shape == Shape::ellipsoid) {
-        // 4 pi times the mean of the three products of half axes: exact for a sphere, close for a crown.
+        // 4 pi times the mean of the three products of half axes: exact for a sphere, approximate for a
+        // tree's crown.
         part.area = 4.18879 * (u.x * u.y + u.y * u.z + u.z * u.x);
     } else if (shape == Shape::tube) {
         part.area = 3.14159 * (u.x + u.y) * v.z;
@@ -82,7 +83,8 @@ void Town::addHouse(const Lot& lot) {
     const double depth = lot.y1 - lot.y0;
     const double side = -lot.facing;
     const bool along = random_.chance(0.65);
-    // The front (along) or the left gable (across) looks at the street; a little askew, as houses are.
+    // Either the front (`along`) or the left gable (`across`) faces the street, slightly turned as real
+    // houses are.
     const double askew = random_.uniform(-0.05, 0.05);
     const Point e1 = normalised(along ? Point{side, askew, 0.0} : Point{askew, side, 0.0});
     const double centreY = (lot.facing < 0.0 ? lot.y0 : lot.y1) + side * depth * random_.uniform(0.42, 0.5);
@@ -109,7 +111,7 @@ void Town::addHouse(const Lot& lot) {
 }
 
 void Town::addRoof(const Frame& frame, const Box& box, double rise, Point wall, Point tiles) {
-    constexpr double over = 0.45; // metres that the roof stands out
+    constexpr double over = 0.45; // metres that the roof overhangs
     const double a = box.halfA + over;
     const double b = box.halfB + over;
     const double drop = rise * over / box.halfB;

@@ -53,7 +53,7 @@ void checkOptions(const SceneOptions& options) {
     }
 }
 
-// Shortest decimal text that reads back as the same number.
+// The shortest decimal text that reads back as the same number.
 template <class Number>
 std::string shortest(Number v) {
     std::array<char, 64> text{};

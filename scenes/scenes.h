@@ -17,13 +17,13 @@
 
 namespace scenes {
 
-// How the splats of the file follow each other.
+// The order of the splats in the file.
 enum class Order {
-    shuffled, // neighbours in the file lie anywhere in the scene, as after a training run
-    grouped,  // surface by surface: the ground first, then one object after the other
+    shuffled, // random, as after a training run
+    grouped,  // surface by surface: the ground first, then each object
 };
 
-// A place, a direction or a colour: x y z, or red green blue.
+// A position, a direction or a colour: x y z, or red green blue.
 struct Point {
     double x = 0.0;
     double y = 0.0;
@@ -34,9 +34,9 @@ struct SceneOptions {
     std::uint64_t splats = 1'200'000;
     std::uint64_t seed = 1;
     bool coefficients = true; // the splats have f_rest properties
-    double extentX = 250.0;   // metres; from two splats up, the x of the splats span exactly this
-    double extentY = 200.0;   // metres, likewise for y; at most 200 times the other, or the other way round
-    Point centre;             // of the ground rectangle, metres; z is where the lowest ground may lie
+    double extentX = 250.0;   // metres; the x of two or more splats span exactly this
+    double extentY = 200.0; // metres, the same for y; the longer of the two is at most 200 times the shorter
+    Point centre;           // of the ground rectangle, metres; z is the lowest possible ground
     Order order = Order::shuffled;
     bool normals = false;      // true: unit normals of the surfaces; false: zeros, as trainers write them
     bool statedBounds = false; // "comment minx" to "comment maxz" with the exact box of the splats
@@ -74,7 +74,7 @@ std::vector<float> sceneRecords(const SceneOptions& options);
 // when options.statedBounds is set. Its length depends on the options alone. Throws std::invalid_argument.
 std::string sceneHeader(const SceneOptions& options, const Box& bounds);
 
-// The box of records that lie one after the other, `floatsPerRecord` floats each, position first.
+// The box of adjacent records of `floatsPerRecord` floats each, which begin with the position.
 Box boxOf(std::span<const float> records, std::size_t floatsPerRecord);
 
 } // namespace scenes

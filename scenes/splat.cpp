@@ -52,8 +52,8 @@ double glossOf(Material material) {
     }
 }
 
-// A wall with a row of windows in every storey; along and up are metres from its lower left corner, whose
-// plinth reaches 0.6 m into the ground. A door stands in the middle when there is one.
+// Paints a wall with a row of windows in every storey and a door in the middle if it has one. `along` and
+// `up` are metres from its lower left corner, which lies 0.6 m below the ground.
 void paintWall(const Surface& wall, double along, double up, Point& colour, double& gloss) {
     constexpr double storey = 2.9;
     const double width = length(wall.u);
@@ -131,7 +131,7 @@ SplatSource::Sample SplatSource::sampleGround(const Surface& surface, std::uint6
     double x = index == 0 ? -0.5 * town_.width() : 0.5 * town_.width();
     double y = index == 0 ? -0.5 * town_.depth() : 0.5 * town_.depth();
     if (index > 1) {
-        // Nobody sees the ground under a house; a few draws find a free place.
+        // The ground under a house is invisible; a few draws find a visible place.
         for (int draws = 0; draws < 32; ++draws) {
             x = random.uniform(-0.5, 0.5) * town_.width();
             y = random.uniform(-0.5, 0.5) * town_.depth();
@@ -227,7 +227,7 @@ SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& rand
         t = 1.0 - std::sqrt(t); // a cone has more of its area at the foot
     }
     const bool leaf = surface.material == Material::leaf;
-    // A fir's branches stand out in tiers that taper upwards.
+    // A fir has tiers of branches that become narrower upwards.
     const double tier = 6.0 * t - std::floor(6.0 * t);
     const double radius = (surface.u.x + (surface.u.y - surface.u.x) * t) * (leaf ? 1.1 - 0.5 * tier : 1.0);
     sample.position = surface.origin + way * radius + Point{0.0, 0.0, surface.v.z * t};
@@ -239,7 +239,7 @@ SplatSource::Sample SplatSource::sampleTube(const Surface& surface, Random& rand
         sample.normal = normalised(sample.normal + random.onSphere() * 0.8);
     }
     sample.gloss = glossOf(surface.material);
-    // A thin pole cannot carry discs as wide as the spacing that its area asks for.
+    // On a thin pole the spacing by area would give discs wider than the pole.
     sample.spacing = std::min(std::sqrt(1.0 / (density_ * surface.weight)), 2.0 * std::max(radius, 0.05));
     return sample;
 }
@@ -256,7 +256,7 @@ void SplatSource::writePosition(const Sample& sample, std::uint64_t index, Rando
     record[1] = std::clamp(y, low_[1], high_[1]);
     record[2] = static_cast<float>(p.z);
     for (int axis = 0; axis < 3; ++axis) {
-        // The bounds in the header have room for nanometres; what is nearer to zero is zero.
+        // The bounds in the header have digits down to a nanometre, so smaller coordinates become zero.
         if (std::fabs(record[axis]) < nanometre) {
             record[axis] = 0.0f;
         }
@@ -267,7 +267,7 @@ void SplatSource::writePosition(const Sample& sample, std::uint64_t index, Rando
 }
 
 void SplatSource::writeShape(const Sample& sample, bool floater, Random& random, float* shape) const {
-    // Opacity as a logit: most of a surface is nearly opaque, some of it faint, floaters fainter still.
+    // Opacity as a logit: most splats of a surface are nearly opaque, some are faint, floaters are fainter.
     const double kind = random.uniform();
     const double spread = random.normal();
     const double logit =
@@ -303,9 +303,8 @@ void SplatSource::writeShape(const Sample& sample, bool floater, Random& random,
 }
 
 void SplatSource::writeCoefficients(const Sample& sample, Random& random, float* rest) const {
-    // What a surface shows differently from each side is its reflection of the sun, as bright as it is
-    // glossy, and what the trainer made of its pictures' faults: less in each band, more in some splats than
-    // in others.
+    // The colour depends on the direction by two effects: the reflection of the sun, by the surface's gloss,
+    // and random errors of training. The errors decrease with each band and vary between splats.
     constexpr std::array<double, 3> faults{0.045, 0.025, 0.014};
     constexpr std::array<double, 3> reflection{0.16, 0.09, 0.04};
     const double draw = random.uniform();
@@ -350,7 +349,7 @@ void SplatSource::splat(std::uint64_t index, float* record) const {
     }
     writePosition(sample, index, random, record);
 
-    // The zeroth harmonic is 0.28209479 everywhere and renderers add one half.
+    // The zeroth harmonic is the constant 0.28209479, and renderers add one half.
     const std::array<double, 3> colour{sample.colour.x, sample.colour.y, sample.colour.z};
     for (std::size_t channel = 0; channel < 3; ++channel) {
         const double value = colour[channel] + 0.025 * random.normal();

@@ -1,4 +1,5 @@
-// Turns a town into splats: each from its index alone, so that a file of any length is written as it comes.
+// Turns a town into splats. Each splat is computed from its index alone, so a file of any length can be
+// written piece by piece.
 #pragma once
 
 #include "scenes/scenes.h"
@@ -16,7 +17,7 @@ public:
     void splat(std::uint64_t index, float* record) const;
 
 private:
-    // A point on a surface as it looks, in metres of the town.
+    // A point on a surface with its appearance, in metres of the town.
     struct Sample {
         Point position;
         Point normal;
@@ -38,7 +39,7 @@ private:
     SceneOptions options_;
     double metre_; // metres of the scene in a metre of the town
     Town town_;
-    std::vector<double> upTo_; // splats of all surfaces up to and including each, as a share of all
+    std::vector<double> upTo_; // cumulative share of the splats, up to and including each surface
     double density_;           // splats a square metre of weight 1
     std::array<float, 2> low_;
     std::array<float, 2> high_;

@@ -116,7 +116,7 @@ void Town::layOutLot(Lot& lot) {
     addHedge(lot.x0, behind, lot.x1, behind);
     const int trees = 1 + static_cast<int>(random_.index(3));
     for (int k = 0; k < trees; ++k) {
-        // One draw a statement: the order in which arguments are evaluated is the compiler's.
+        // One draw in each statement, since the order of evaluation of arguments is unspecified.
         const double x = lot.x0 + random_.uniform(0.15, 0.85) * width;
         const double y = behind + lot.facing * random_.uniform(2.5, 5.5);
         addTree(x, y, random_.uniform(0.5, 1.1));
@@ -141,7 +141,7 @@ void Town::layOutPark(double x0, double y0, double x1, double y1) {
     }
 }
 
-// Lamps, parked cars and trees along the two streets below and to the left of a block.
+// Adds lamps, parked cars and trees along the two streets below and to the left of a block.
 void Town::layOutStreet(int column, int row) {
     const double x0 = -0.5 * sizeX_ + column * pitchX_;
     const double y0 = -0.5 * sizeY_ + row * pitchY_;
@@ -183,7 +183,7 @@ Ground Town::groundAt(double x, double y) const {
         const double across = std::min(toX, toY);
         const double along = toX < toY ? localY : localX;
         const bool dash = along - 6.0 * std::floor(along / 6.0) < 3.0;
-        // Striped crossings for walkers lie where a street meets the pavement of the one across.
+        // Zebra crossings lie where a street meets the pavement of the crossing street.
         const double approach = std::max(toX, toY) - streetHalf;
         const bool stripe = across - 1.2 * std::floor(across / 1.2) < 0.6;
         if (!crossing &&

@@ -1,5 +1,5 @@
-// The town that a scene shows: where its streets, lots, houses, trees, cars and lamps stand, in metres of
-// its own, with the ground rectangle centred on the origin and z up.
+// The town of a scene: its streets, lots, houses, trees, cars and lamps. Its unit is the metre of the town;
+// the ground rectangle is centred on the origin and z points up.
 #pragma once
 
 #include "scenes/math.h"
@@ -9,7 +9,7 @@
 
 namespace scenes {
 
-// Where the sun stands, as a unit vector from the ground.
+// The direction of the sun, as a unit vector from the ground.
 inline constexpr Point sunDirection{-0.48, -0.36, 0.8};
 
 enum class Shape : std::uint8_t {
@@ -43,10 +43,10 @@ struct Surface {
     Point normal; // unit, of quads and triangles
     Point colour;
     double area = 0.0;   // square metres
-    double weight = 1.0; // splats a square metre, against the ground's
+    double weight = 1.0; // splats for each square metre, relative to the ground
 };
 
-// What the ground is made of at a point.
+// The ground's appearance at a point.
 struct Ground {
     Point colour;
     double gloss = 0.0; // 0 matt to 1 mirror
@@ -65,15 +65,15 @@ public:
     double heightAt(double x, double y) const;
     Point normalAt(double x, double y) const;
     Ground groundAt(double x, double y) const;
-    // How much of the sun reaches the ground, 0 to 1.
+    // The share of the sunlight that reaches the ground, 0 to 1.
     double sunAt(double x, double y) const;
-    // True where a building stands and nobody sees the ground.
+    // True under a building, where the ground is invisible.
     bool coveredAt(double x, double y) const;
 
 private:
     enum class Use : std::uint8_t { houses, park, church };
 
-    // A place to stand on: e1 and e2 are horizontal unit vectors, e1 x e2 = z.
+    // A local coordinate frame: e1 and e2 are horizontal unit vectors, e1 x e2 = z.
     struct Frame {
         Point centre;
         Point e1;
@@ -119,7 +119,8 @@ private:
     void addHedge(double x0, double y0, double x1, double y1);
     void addCar(double x, double y, Point heading);
     void addLamp(double x, double y);
-    // The four sides, those of front (-e2) and left (-e1) in materials of their own, and a top unless Wall.
+    // Adds the four sides, front (-e2) and left (-e1) in materials of their own, and a top unless it is a
+    // wall.
     void addBox(const Frame& frame, const Box& box, Material front, Material left, Material rest,
                 Point colour, double weight);
     void addPart(Shape shape, Material material, Point origin, Point u, Point v, Point colour, double weight);
