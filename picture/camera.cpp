@@ -36,9 +36,9 @@ PerspectiveCamera::PerspectiveCamera(const Point& eye, const Point& target, cons
 }
 
 bool PerspectiveCamera::see(const Point& point, View& view) const {
-    constexpr double nearest = 0.2; // scene units before the eye
-    // The perspective is linear enough over a splat: its derivative at the centre. Far to the side of the
-    // picture it is not, and would smear splats over all of it.
+    constexpr double nearest = 0.2; // scene units in front of the eye
+    // The perspective over a splat is replaced by its derivative at the centre. Far outside the picture this
+    // approximation fails and would smear splats across the picture.
     constexpr double margin = 1.3;
     const Point ray = difference(point, eye_);
     const double depth = dot(ray, forward_);

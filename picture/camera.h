@@ -1,4 +1,4 @@
-// The two cameras: one in perspective, and one that looks straight down from everywhere at once.
+// The two cameras: a perspective camera, and an orthographic one that looks straight down.
 #pragma once
 
 #include "reader/meta.h"
@@ -9,11 +9,11 @@ namespace Tavrin::SplatPicture {
 
 using SplatReader::Point;
 
-// How a camera sees what is around one point of the scene.
+// The projection of the surroundings of one point of the scene, linear in its coordinates.
 struct View {
     double x = 0.0;     // of the point, in pixels from the picture's left edge
     double y = 0.0;     // and from its upper edge
-    double depth = 0.0; // what has less of it covers what has more
+    double depth = 0.0; // a splat with a smaller depth covers one with a larger depth
     Point right{};      // pixels to the right a unit of the scene along each axis
     Point down{};
     Point direction{}; // unit vector from the eye to the point
@@ -22,13 +22,12 @@ struct View {
 // Looks from an eye at a target. Pixels are square.
 class PerspectiveCamera {
 public:
-    // `fieldOfView` is the angle across the picture's width, in degrees. `up` appears upright and must not be
-    // along the line of sight.
+    // `fieldOfView` is the horizontal angle of the picture, in degrees. `up` points upwards in the picture
+    // and must not be parallel to the line of sight.
     PerspectiveCamera(const Point& eye, const Point& target, const Point& up, double fieldOfView, int width,
                       int height);
 
-    // False when the point is behind the eye, or so far to the side that its surroundings are not seen as
-    // `view` says.
+    // False when the point is behind the eye, or so far to the side that the linear projection is wrong.
     bool see(const Point& point, View& view) const;
 
 private:
@@ -41,7 +40,7 @@ private:
     double centreY_;
 };
 
-// Looks along -z. x points to the right of the picture, y upwards.
+// Looks along -z. In the picture x points to the right and y upwards.
 class DownwardCamera {
 public:
     // The picture's upper left corner lies at (left, top); a pixel covers `pixel` units.

@@ -7,10 +7,10 @@
 namespace Tavrin::SplatPicture {
 namespace {
 
-constexpr float darkest = 1e-4f; // light below which a pixel takes no more splats
+constexpr float darkest = 1e-4f; // below this light a pixel is finished
 
-// exp(-s / 2) to 3e-7 of itself, for s from 0 to 150. It has no branch, so that the loop over a row becomes
-// vector code. 2^n comes from the exponent's bits, 2^f with |f| <= 1/2 from its series.
+// exp(-s / 2) with a relative error of 3e-7, for s from 0 to 150. It has no branch, so that the loop over a
+// row becomes vector code. 2^n comes from the exponent's bits, 2^f with |f| <= 1/2 from its series.
 inline float falloff(float s) {
     constexpr float perHalf = -0.72134752f; // -log2(e) / 2
     const float power = s * perHalf;
@@ -33,8 +33,8 @@ struct Row {
     float* blue;
 };
 
-// Columns [first, end) of a row. `offset` is how far the middle of column 0 lies from the middle of the
-// splat's part of the row, `peak` its opacity there.
+// Blends columns [first, end) of a row. `offset` is the distance from the middle of the splat's part of the
+// row to the middle of column 0; `peak` is the opacity at the middle.
 void blendRow(const Row& row, int first, int end, float offset, float peak, const Footprint& splat,
               float mostAlpha) {
     const auto [red, green, blue] = splat.colour;
@@ -84,7 +84,7 @@ void Canvas::blend(int strip, const Footprint& splat) {
         if (left < 0.0f) {
             continue;
         }
-        // A pixel more on both sides: what is too faint there is left out pixel by pixel.
+        // One more pixel on both sides; the loop over pixels skips those that are too faint.
         const double middle = x + double{splat.slope} * dy;
         const double half = double{std::sqrt(left) / splat.inverseX} + 1.0;
         const auto first = static_cast<int>(std::clamp(middle - half, 0.0, double{stripWidth}));

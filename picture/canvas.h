@@ -1,5 +1,4 @@
-// Some rows of a picture while splats are blended into them, from the one that covers all to the one that
-// all cover.
+// The rows of a picture that splats are blended into, from the nearest splat to the farthest.
 #pragma once
 
 #include "picture/footprint.h"
@@ -18,22 +17,23 @@ public:
     static constexpr int stripWidth = 64;
 
     // A picture of `width` pixels, of which the canvas holds `rows` rows at a time: 16 bytes a pixel.
-    // `mostAlpha` is the most that one splat covers of a pixel.
+    // `mostAlpha` is the largest opacity of one splat in a pixel.
     Canvas(int width, int rows, float mostAlpha);
 
     int width() const { return width_; }
     int stripCount() const { return (width_ + stripWidth - 1) / stripWidth; }
 
-    // Empties a strip. Its first row is row `top` of the picture from now on.
+    // Clears a strip. From now on its first row is row `top` of the picture.
     void clear(int strip, int top);
 
-    // Blends what lies in the strip. Splats come in the order of covers().
+    // Blends the part of the splat in the strip. Splats must come in the order of covers().
     void blend(int strip, const Footprint& splat);
 
-    // Light still comes through some pixel of the strip. Once it is false, blending changes nothing.
+    // True while some pixel of the strip still lets light through. Once false, blending changes nothing.
     bool isOpen(int strip) const;
 
-    // The pixels of `rows` rows: red, green, blue, alpha. Over a background they are opaque.
+    // Writes the strip's part of `rows` rows to `picture`: red, green, blue, alpha. With a background the
+    // pixels are opaque.
     void store(int strip, int rows, const std::optional<Colour>& background, std::uint8_t* picture) const;
 
 private:

@@ -9,7 +9,7 @@
 namespace Tavrin::SplatPicture {
 namespace {
 
-struct Stopped {}; // leaves the body of a worker when another one has failed
+struct Stopped {}; // thrown in a body to leave it when another worker has failed
 
 } // namespace
 

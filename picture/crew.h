@@ -11,8 +11,8 @@ namespace Tavrin::SplatPicture {
 
 class Crew {
 public:
-    // Called now and then by the thread that calls run(), with the share of all work that is done, 0 to 1.
-    // What it throws ends the work.
+    // Called now and then by the thread that calls run(), with the share of all work that is done, 0 to 1. An
+    // exception from it ends the work.
     using Progress = std::function<void(double share)>;
     using Body = std::function<void(unsigned worker, std::size_t item)>;
 
@@ -21,13 +21,13 @@ public:
 
     unsigned size() const { return threads_; }
 
-    // From now on the items of run() are the work from one share to another. What is reported never goes
-    // back.
+    // From now on run() reports its progress as shares between `from` and `to` of all work. The reported
+    // share never decreases.
     void setShares(double from, double to);
 
     // Calls body(worker, item) once for each item below `items`, with workers numbered below size(), and
-    // returns when all have ended. The caller is worker 0. Where the system has no more threads, fewer do the
-    // work. Rethrows the first exception of a body or of the progress function.
+    // returns when all have ended. The caller is worker 0. If the system has too few threads, fewer workers
+    // do the work. Rethrows the first exception of a body or of the progress function.
     void run(std::size_t items, const Body& body);
 
     // For a body with a long item: reports progress, and throws when another worker has failed.

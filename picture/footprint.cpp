@@ -40,8 +40,8 @@ bool project(const SplatReader::Splat& splat, const View& view, Footprint& footp
     const auto [plainX, xy, plainY] = covariance(splat, view);
     const double xx = plainX + blurring;
     const double yy = plainY + blurring;
-    // The variance inside a row is xx - xy^2 / yy. No direction has less than the blurring, whatever the
-    // difference of two large numbers gives.
+    // The variance inside a row is xx - xy^2 / yy. Cancellation may make it too small, so it is at least the
+    // blurring.
     const double inside = std::max(blurring, xx - xy * (xy / yy));
     const double reach = reachOf(splat.opacity);
     footprint.depth = view.depth;
@@ -67,7 +67,7 @@ Colour colourOf(const SplatReader::Splat& splat, const std::array<double, 15>& b
         for (std::size_t k = 0; k < perChannel; ++k) {
             value += basis[k] * splat.coefficients[channel * perChannel + k];
         }
-        colour[channel] = value > 0.0 ? static_cast<float>(value) : 0.0f; // 0 for what is no number, too
+        colour[channel] = value > 0.0 ? static_cast<float>(value) : 0.0f; // also 0 for NaN
     }
     return colour;
 }

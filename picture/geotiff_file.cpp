@@ -26,7 +26,7 @@ void predict(std::uint8_t* row) {
     }
 }
 
-// The tile whose left column is `left`, compressed. What lies outside the picture is transparent.
+// The compressed tile whose left column is `left`. Pixels outside the picture are transparent.
 std::vector<std::uint8_t> encodeTile(const std::uint8_t* pixels, int width, int left, int rows) {
     std::vector<std::uint8_t> tile(tileBytes);
     const auto columns = static_cast<std::size_t>(std::min(tileSide, width - left));
@@ -115,9 +115,10 @@ struct GeoTiffFile::State {
 
 GeoTiffFile::GeoTiffFile(const std::filesystem::path& path, const PixelGrid& grid, int epsg)
     : state_(std::make_unique<State>()), width_(grid.width) {
-    TIFFSetErrorHandler(nullptr); // results are looked at; nothing is printed
+    TIFFSetErrorHandler(nullptr); // results are checked, so nothing needs to be printed
     TIFFSetWarningHandler(nullptr);
-    // Beyond four gigabytes a file needs 64-bit offsets; compression may fail to shrink it.
+    // Files beyond four gigabytes need 64-bit offsets. The size counts uncompressed, since compression may
+    // not shrink it.
     constexpr double mostClassic = 3.9e9;
     const bool isBig = 4.0 * grid.width * grid.height > mostClassic;
     state_->tiff = XTIFFOpen(path.c_str(), isBig ? "w8" : "w");
@@ -146,7 +147,7 @@ void GeoTiffFile::write(Crew& crew, const std::uint8_t* pixels, int rows) {
 }
 
 void GeoTiffFile::close() {
-    // XTIFFClose has no result, so the directory is written before it and looked at.
+    // XTIFFClose returns no result, so the directory is written and checked before.
     const bool isWritten = TIFFWriteDirectory(state_->tiff) == 1 && TIFFFlush(state_->tiff) == 1;
     XTIFFClose(state_->tiff);
     state_->tiff = nullptr;

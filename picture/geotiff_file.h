@@ -10,7 +10,7 @@
 
 namespace Tavrin::SplatPicture {
 
-// How a GeoTIFF names a reference system.
+// The kinds of reference systems that a GeoTIFF distinguishes.
 enum class CodeKind {
     none,      // EPSG code 0
     projected, // a code of projected coordinates
@@ -22,7 +22,7 @@ CodeKind kindOfCode(int epsg);
 
 class GeoTiffFile : public Sink {
 public:
-    // `epsg` is 0 where there is no code. Throws PictureError when the file cannot be written.
+    // `epsg` 0 means no code. Throws PictureError when the file cannot be written.
     GeoTiffFile(const std::filesystem::path& path, const PixelGrid& grid, int epsg);
     ~GeoTiffFile() override;
 

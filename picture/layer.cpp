@@ -22,7 +22,7 @@ void Layer::sort(const std::vector<Footprint>& footprints, std::size_t count, Cr
         return one.depth < other.depth ||
                (one.depth == other.depth && footprints[one.index].number < footprints[other.index].number);
     };
-    if (keys_.capacity() < count) { // no more than that: vectors double otherwise
+    if (keys_.capacity() < count) { // exactly that: otherwise vectors double their capacity
         std::vector<Key>().swap(keys_);
         keys_.reserve(count);
     }
@@ -84,7 +84,7 @@ std::size_t Layer::file(const std::vector<Footprint>& footprints, std::size_t fi
 }
 
 void Layer::blendStrips(const std::vector<Footprint>& footprints, Crew& crew) {
-    constexpr std::size_t lookEvery = 512; // footprints between two looks at the light that is left
+    constexpr std::size_t lookEvery = 512; // footprints between two checks of the remaining light
     crew.run(static_cast<std::size_t>(canvas_.stripCount()), [&](unsigned worker, std::size_t item) {
         const auto strip = static_cast<int>(item);
         for (std::size_t i = starts_[item]; i < starts_[item + 1]; ++i) {

@@ -1,4 +1,4 @@
-// The footprints that lie in some rows of a picture, sorted and blended by all threads.
+// Sorts the footprints in some rows of a picture and blends them, with all threads.
 #pragma once
 
 #include "picture/canvas.h"
@@ -19,8 +19,8 @@ public:
     // `pairs` bounds how many (footprint, strip) pairs are held at a time, in 4 bytes each.
     Layer(Canvas& canvas, std::size_t pairs);
 
-    // Blends footprints in the order of covers(), whatever order they come in. No two may have both number
-    // and depth equal.
+    // Blends the first `count` footprints in the order of covers(); they may come in any order. No two may
+    // have the same number and depth.
     void blend(const std::vector<Footprint>& footprints, std::size_t count, Crew& crew);
 
 private:
@@ -41,7 +41,8 @@ private:
 
     void sort(const std::vector<Footprint>& footprints, std::size_t count, Crew& crew);
     Span spanOf(const Footprint& footprint) const;
-    // Files the footprints of keys_[first] and those behind it as far as they fit; returns the end.
+    // Adds the footprints of keys_[first] and those after it to the strips' lists, as many as fit. Returns
+    // the end.
     std::size_t file(const std::vector<Footprint>& footprints, std::size_t first);
     void blendStrips(const std::vector<Footprint>& footprints, Crew& crew);
 };

@@ -12,9 +12,9 @@ namespace {
 
 namespace Reader = SplatReader;
 
-constexpr float mostAlpha = 1.0f; // an opaque splat covers all
+constexpr float mostAlpha = 1.0f; // an opaque splat lets nothing through
 
-// The place of a splat in the order of covers().
+// The position of a splat in the order of covers().
 struct Place {
     double depth = -std::numeric_limits<double>::infinity();
     std::uint64_t number = 0;
@@ -28,8 +28,8 @@ Place placeOf(const Footprint& footprint) {
     return {footprint.depth, footprint.number};
 }
 
-// Draws one stripe of the picture after the other. Where more splats reach into a stripe than the memory
-// holds, it is drawn in slabs: first the splats that cover the rest, as many as fit, then the next ones.
+// Draws the picture stripe by stripe. If more splats reach into a stripe than the memory holds, the stripe is
+// drawn in slabs: first the topmost splats, as many as fit, then the next ones.
 class Drawer {
 public:
     Drawer(const Survey& survey, const Orthophoto& picture, Crew& crew);
@@ -38,8 +38,8 @@ public:
 
 private:
     void drawStripe();
-    // Collects the splats from `from` on, those that cover most first. Returns true when they are all; else
-    // `to` is the place of the first that is left for the next slab.
+    // Collects splats in the order of covers(), starting at `from`. True if they are the last ones. Otherwise
+    // `to` is the first one for the next slab.
     bool collect(const std::vector<std::size_t>& parts, const Place& from, Place& to);
     void collectPart(unsigned worker, const Part& part, const Place& from, const Place* to);
     bool reachesStripe(const Reader::Dataset& dataset, const Reader::Record& record) const;
@@ -58,19 +58,19 @@ private:
     std::vector<Footprint> footprints_;
     std::atomic<std::size_t> count_ = 0; // of footprints_
     std::vector<RecordFiles> files_;
-    std::vector<std::vector<Footprint>> found_; // by each worker in one part
+    std::vector<std::vector<Footprint>> found_; // found by each worker in its current part
     std::array<double, 15> basis_ = harmonics({0.0, 0.0, -1.0});
     double mostReach_ = reachOf(1.0); // standard deviations
     double blurringMargin_ = blurringMargin();
     int top_ = 0; // of the stripe
     int rows_ = 0;
-    double share_ = 0.0; // of the work that one stripe is
+    double share_ = 0.0; // share of the work that one stripe makes up
     bool isDrawn_ = false;
 };
 
 constexpr std::size_t mostPairs = std::size_t{8} << 20;
 
-// What is left of the memory beside canvas, stripe and pairs; at least four parts.
+// The number of footprints for the memory that canvas, stripe and pairs leave; at least four parts.
 std::size_t capacityOf(const Orthophoto& picture) {
     const std::uint64_t pixels = std::uint64_t{stripeRows} * static_cast<std::uint64_t>(picture.grid.width);
     const std::uint64_t rest = pixels * 20 + mostPairs * sizeof(std::uint32_t);
@@ -83,7 +83,8 @@ Drawer::Drawer(const Survey& survey, const Orthophoto& picture, Crew& crew)
       rowBytes_(4 * static_cast<std::uint64_t>(picture.grid.width)),
       canvas_(picture.grid.width, std::min(stripeRows, picture.grid.height), mostAlpha),
       layer_(canvas_, mostPairs), capacity_(capacityOf(picture)), found_(crew.size()) {
-    footprints_.reserve(capacity_); // grows without a copy; the system gives pages as they are touched
+    // Reserved once, so it is never copied; the system maps pages when they are touched.
+    footprints_.reserve(capacity_);
     for (unsigned worker = 0; worker < crew.size(); ++worker) {
         files_.emplace_back(*survey.datasets);
     }
@@ -117,7 +118,7 @@ bool Drawer::meetsStripe(const Box& box) const {
         return false;
     }
     const PixelGrid& grid = picture_.grid;
-    const double margin = blurringMargin() + 1.0; // and a pixel for rounding
+    const double margin = blurringMargin() + 1.0; // one pixel for rounding
     const double left = (box.minX - grid.left()) / grid.pixel - margin;
     const double right = (box.maxX - grid.left()) / grid.pixel + margin;
     const double upper = (grid.top() - box.maxY) / grid.pixel - margin;
@@ -147,13 +148,13 @@ bool Drawer::collect(const std::vector<std::size_t>& parts, const Place& from, P
     bool isCut = false;
     count_ = 0;
     for (std::size_t next = 0; next < parts.size();) {
-        // As many parts as fit even if every splat of them is found.
+        // As many parts as fit even if all of their splats are found.
         std::size_t room = count_;
         std::size_t end = next;
         while (end < parts.size() && room + survey_.parts[parts[end]].count <= capacity_) {
             room += survey_.parts[parts[end++]].count;
         }
-        if (end < parts.size() && room - count_ < capacity_ / 8) { // the lower half waits for the next slab
+        if (end < parts.size() && room - count_ < capacity_ / 8) { // leave the lower half to the next slab
             const auto middle = footprints_.begin() + static_cast<std::ptrdiff_t>(count_ / 2);
             std::nth_element(footprints_.begin(), middle,
                              footprints_.begin() + static_cast<std::ptrdiff_t>(count_.load()), before);
@@ -179,7 +180,7 @@ void Drawer::collectPart(unsigned worker, const Part& part, const Place& from, c
     Footprint footprint;
     for (std::uint32_t i = 0; i < part.count; ++i, data += Reader::Format::recordSize) {
         const Reader::Record record = Reader::loadRecord(data);
-        // First what costs least: most splats lie in other slabs or stripes.
+        // The cheapest test first, since most splats lie in other slabs or stripes.
         const Place place = {-(record.position[2] + dataset.meta().offset[2]),
                              survey_.firstNumbers[part.dataset] + part.first + i};
         if (place < from || (to != nullptr && !(place < *to)) || !reachesStripe(dataset, record)) {
@@ -195,7 +196,7 @@ void Drawer::collectPart(unsigned worker, const Part& part, const Place& from, c
     std::copy(found.begin(), found.end(), footprints_.begin() + static_cast<std::ptrdiff_t>(at));
 }
 
-// False when the splat does not reach into the stripe, however it is turned.
+// False when the splat cannot reach into the stripe, whatever its rotation.
 bool Drawer::reachesStripe(const Reader::Dataset& dataset, const Reader::Record& record) const {
     const PixelGrid& grid = picture_.grid;
     const Reader::Dequantiser& values = dataset.dequantiser();
@@ -226,8 +227,8 @@ bool Drawer::footprintOf(const Reader::Dataset& dataset, const Reader::Record& r
            footprint.y + footprint.reachY > top_ && footprint.y - footprint.reachY < top_ + rows_;
 }
 
-// Adds the coefficients for the downward direction. Most of the basis is 0 there, so the rest is not
-// unpacked.
+// Adds the coefficients for the downward direction. Most functions of the basis are 0 there, and their
+// coefficients are not unpacked.
 void Drawer::colour(unsigned worker, const Part& part, std::vector<Footprint>& found) {
     const Reader::Dataset& dataset = (*survey_.datasets)[part.dataset];
     const std::uint32_t size = dataset.coefficientSize();
@@ -250,7 +251,7 @@ void Drawer::colour(unsigned worker, const Part& part, std::vector<Footprint>& f
             }
         }
         for (float& channel : footprint.colour) {
-            channel = channel > 0.0f ? channel : 0.0f; // also where it is no number
+            channel = channel > 0.0f ? channel : 0.0f; // also 0 for NaN
         }
     }
 }

@@ -7,7 +7,7 @@
 namespace Tavrin::SplatPicture {
 namespace {
 
-// Of the colours laid over a grey of this byte.
+// The mean square of the differences of the colours, over a grey background of this byte.
 double meanSquare(const Picture& one, const Picture& other, double ground) {
     const auto laid = [ground](const std::uint8_t* pixel, std::size_t channel) {
         const double alpha = pixel[3] / 255.0;

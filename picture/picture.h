@@ -1,4 +1,4 @@
-// Pictures of four 8-bit channels, and how far two of them differ.
+// Pictures of four 8-bit channels, and a measure of their difference.
 #pragma once
 
 #include <array>
@@ -31,7 +31,7 @@ struct Picture {
 };
 
 // Peak signal to noise ratio of the colours in decibels, infinite for equal pictures. Transparent pictures
-// are laid over black and over white, and the lower ratio counts. Throws PictureError for pictures of
+// are compared over black and over white; the lower ratio counts. Throws PictureError for pictures of
 // different sizes.
 double peakSignalToNoise(const Picture& one, const Picture& other);
 

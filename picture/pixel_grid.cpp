@@ -12,7 +12,7 @@ namespace {
 
 constexpr double slack = 1e-6; // of a pixel
 
-// Whole numbers beyond are no longer held with a fraction by a double.
+// Beyond this a double no longer has fractions of a pixel.
 constexpr double farthest = 0x1p50;
 
 std::string textOf(double value) {
@@ -86,16 +86,17 @@ PixelGrid gridOfPixel(const Box& box, double pixel, double margin) {
 
 PixelGrid gridOfSize(const Box& box, int size, double margin) {
     const double extent = std::max(box.maxX - box.minX, box.maxY - box.minY);
-    // A picture of one point has some size, too.
+    // A single point gets a small extent.
     double fits = (extent > 0.0 ? extent : 1e-3) / size;
-    if (sidesOf(box, fits, margin).longer() <= size) { // the edges lie on the grid
+    // If the edges lie on grid lines, rounding adds no pixel.
+    if (sidesOf(box, fits, margin).longer() <= size) {
         return gridOfPixel(box, fits, margin);
     }
     while (sidesOf(box, fits, margin).longer() > size) {
         fits *= 2.0;
     }
     double tooSmall = fits / 2.0;
-    // Down to a size at which the sides differ by far less than a pixel.
+    // Bisects until the sides differ by far less than a pixel.
     for (int step = 0; step < 60 && tooSmall < fits; ++step) {
         const double middle = 0.5 * (tooSmall + fits);
         (sidesOf(box, middle, margin).longer() > size ? tooSmall : fits) = middle;

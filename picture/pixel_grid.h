@@ -1,11 +1,11 @@
-// The pixels of a picture that lies in its place on the map.
+// The pixel grid of a georeferenced picture.
 #pragma once
 
 #include <cstdint>
 
 namespace Tavrin::SplatPicture {
 
-// On the ground, in world coordinates. It holds nothing until it is widened.
+// A rectangle on the ground, in world coordinates. Empty until it is widened.
 struct Box {
     double minX = 0.0;
     double minY = 0.0;
@@ -31,12 +31,13 @@ struct PixelGrid {
 
 inline constexpr int mostPixels = 65536; // of a side
 
-// The grid of pixels of this size that covers the box and `margin` pixels around it. An edge that lies within
-// a millionth of a pixel of the grid counts as on it. Throws PictureError when a side has more than
+// The grid of pixels of size `pixel` that covers the box and `margin` pixels around it. An edge within a
+// millionth of a pixel of a grid line counts as on it. Throws PictureError when a side has more than
 // mostPixels, or the pixels are too small for double precision.
 PixelGrid gridOfPixel(const Box& box, double pixel, double margin);
 
-// The same with the smallest pixels with which the longer side has at most `size` of them, 2 or more.
+// The same with the smallest pixels for which the longer side has at most `size` pixels; `size` is at least
+// 2.
 PixelGrid gridOfSize(const Box& box, int size, double margin);
 
 } // namespace Tavrin::SplatPicture

@@ -17,7 +17,8 @@ constexpr const char* notWritten = "the picture cannot be written: check the fol
 
 void ignore(png_structp /*png*/, png_const_charp /*message*/) {}
 
-// Each of these holds no object with a destructor while libpng works: its errors come back by longjmp.
+// These functions have no local object with a destructor while libpng works, because libpng reports errors by
+// longjmp.
 
 bool writeHeader(png_structp png, png_infop info, FILE* file, unsigned width, unsigned height) {
     if (setjmp(png_jmpbuf(png))) {

@@ -26,8 +26,8 @@ private:
 // Throws PictureError when the file cannot be written.
 void writePng(const std::filesystem::path& path, const Picture& picture);
 
-// Reads a PNG file of any kind. Throws PictureError when it is none, is cut or is larger than 8,192 pixels on
-// a side.
+// Reads a PNG file of any colour type. Throws PictureError when it is not a PNG, is truncated or has a side
+// of more than 8,192 pixels.
 Picture readPng(const std::filesystem::path& path);
 
 } // namespace Tavrin::SplatPicture

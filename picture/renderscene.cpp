@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -25,23 +26,33 @@ namespace Picture = Tavrin::SplatPicture;
 using Tavrin::SplatReader::Point;
 using Tavrin::SplatReader::Splat;
 
+// Floats of a record, and where its values start. The opacity, the scales and the rotation end it.
+constexpr std::size_t floatsWithCoefficients = 62;
+constexpr std::size_t floatsWithoutCoefficients = 17;
+constexpr std::size_t colourAt = 6;
+constexpr std::size_t coefficientsAt = 9;
+constexpr std::size_t opacityFromEnd = 8;
+constexpr std::size_t scaleFromEnd = 7;
+constexpr std::size_t rotationFromEnd = 4;
+
 struct Scene {
-    std::size_t floats = 0; // in a record: 62, or 17 without coefficients
+    std::size_t floats = 0; // in a record
     std::vector<float> records;
     std::size_t count() const { return records.size() / floats; }
 };
 
 Scene readScene(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
+    constexpr std::string_view element = "element vertex ";
     std::size_t count = 0;
     Scene scene;
     for (std::string line; std::getline(file, line) && line != "end_header";) {
-        if (line.starts_with("element vertex ")) {
-            count = std::stoull(line.substr(15));
+        if (line.starts_with(element)) {
+            count = std::stoull(line.substr(element.size()));
         }
         scene.floats += line.starts_with("property float ") ? 1 : 0;
     }
-    if (!file || (scene.floats != 62 && scene.floats != 17)) {
+    if (!file || (scene.floats != floatsWithCoefficients && scene.floats != floatsWithoutCoefficients)) {
         throw std::runtime_error(path + ": no splat file of 62 or 17 floats a record");
     }
     scene.records.resize(count * scene.floats);
@@ -54,29 +65,31 @@ Scene readScene(const std::string& path) {
 }
 
 Splat splatOf(const float* record, std::size_t floats) {
-    const float* const tail = record + floats - 8; // opacity, 3 scales, 4 parts of the rotation
+    const float* const opacity = record + floats - opacityFromEnd;
+    const float* const scale = record + floats - scaleFromEnd;
+    const float* const rotation = record + floats - rotationFromEnd;
     Splat splat;
     double squares = 0.0;
     for (std::size_t i = 0; i < 4; ++i) {
-        squares += double{tail[4 + i]} * tail[4 + i];
+        squares += double{rotation[i]} * rotation[i];
     }
     for (std::size_t i = 0; i < 4; ++i) {
-        splat.rotation[i] = tail[4 + i] / std::sqrt(squares);
+        splat.rotation[i] = rotation[i] / std::sqrt(squares);
     }
     for (std::size_t i = 0; i < 3; ++i) {
         splat.position[i] = record[i];
-        splat.colour[i] = 0.5 + double{Tavrin::SplatReader::Format::colourGain} * record[6 + i];
-        splat.scale[i] = std::exp(double{tail[1 + i]});
+        splat.colour[i] = 0.5 + double{Tavrin::SplatReader::Format::colourGain} * record[colourAt + i];
+        splat.scale[i] = std::exp(double{scale[i]});
     }
-    for (std::size_t i = 0; floats == 62 && i < splat.coefficients.size(); ++i) {
-        splat.coefficients[i] = record[9 + i];
+    for (std::size_t i = 0; floats == floatsWithCoefficients && i < splat.coefficients.size(); ++i) {
+        splat.coefficients[i] = record[coefficientsAt + i];
     }
-    splat.opacity = 1.0 / (1.0 + std::exp(-double{tail[0]}));
+    splat.opacity = 1.0 / (1.0 + std::exp(-double{*opacity}));
     return splat;
 }
 
 Picture::Picture render(const Scene& scene, const Picture::PerspectiveCamera& camera, int width, int height) {
-    // What a splat covers at most, and the sky, as viewers have them.
+    // The largest opacity of a splat, and the colour of the sky, as in common viewers.
     constexpr float mostAlpha = 0.99f;
     constexpr Picture::Colour sky = {0.62f, 0.74f, 0.88f};
     std::vector<Picture::Footprint> footprints;

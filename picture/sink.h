@@ -1,4 +1,4 @@
-// Where a picture goes, some rows at a time.
+// The destination of a picture, which receives it some rows at a time.
 #pragma once
 
 #include "picture/crew.h"
@@ -14,11 +14,11 @@ public:
     Sink& operator=(const Sink&) = delete;
     virtual ~Sink() = default;
 
-    // The next `rows` rows of the picture, four bytes a pixel as in a Picture. All calls but the last have
-    // stripeRows rows. Throws PictureError when they cannot be written.
+    // Writes the next `rows` rows of the picture, four bytes a pixel as in a Picture. All calls but the last
+    // have stripeRows rows. Throws PictureError when that fails.
     virtual void write(Crew& crew, const std::uint8_t* pixels, int rows) = 0;
 
-    // After the last row. Throws PictureError when the file is not whole.
+    // To be called after the last row. Throws PictureError when the file is incomplete.
     virtual void close() = 0;
 };
 

@@ -30,7 +30,7 @@ std::vector<Part> partsOf(const std::vector<Reader::Dataset>& datasets) {
     return parts;
 }
 
-// The splat on the ground, in world coordinates; empty where nothing is drawn.
+// The rectangle that the splat covers, in world coordinates; empty if nothing is drawn.
 Box extentOf(const Reader::Splat& splat, const Point& offset) {
     if (!(splat.opacity >= double{leastAlpha})) {
         return {};

@@ -1,4 +1,4 @@
-// Datasets looked through before they are drawn: where each part of them lies.
+// A pass over datasets before they are drawn. It finds the area that each part of them covers.
 #pragma once
 
 #include "picture/crew.h"
@@ -19,32 +19,33 @@ struct Part {
     std::uint32_t dataset = 0; // its number
     std::uint32_t count = 0;   // splats
     std::uint64_t first = 0;   // record of data.bin
-    Box box;                   // see Survey::box; empty where nothing is drawn
+    Box box;                   // as Survey::box; empty if nothing is drawn
 };
 
 struct Survey {
-    // Opened by the caller, all in one reference system, whose units are those of x, y and z. It outlives the
-    // survey.
+    // Opened by the caller. All have one reference system, whose unit is that of x, y and z. They must
+    // outlive the survey.
     const std::vector<SplatReader::Dataset>* datasets = nullptr;
     std::vector<Part> parts;
-    std::vector<std::uint64_t> firstNumbers; // of each dataset's splats, so that no two splats share a number
-    // Of every splat that is opaque enough to be drawn, in world coordinates (offset included), until its
-    // opacity has fallen to leastAlpha. Without the blurring, which depends on the pixels.
+    // The number of each dataset's first splat, so that all splats have different numbers.
+    std::vector<std::uint64_t> firstNumbers;
+    // The box of all splats that are opaque enough to be drawn, each up to where its opacity falls to
+    // leastAlpha. In world coordinates (with offset), without the blurring, which depends on the pixels.
     Box box;
-    std::uint64_t splats = 0; // in the cells, of the finest level
+    std::uint64_t splats = 0; // of level 0, in all cells
     std::uint64_t cells = 0;
 };
 
-inline constexpr double surveyShare = 0.15; // of the work of a picture, as progress counts it
+inline constexpr double surveyShare = 0.15; // share of the work of a picture, for progress
 
 // Pixels by which the blurring may widen a footprint on each side.
 double blurringMargin();
 
 // Reads every position, scale, rotation and opacity once. Throws DatasetError when a file cannot be read, and
-// what the crew's progress function throws.
+// whatever the crew's progress function throws.
 Survey surveyOf(const std::vector<SplatReader::Dataset>& datasets, Crew& crew);
 
-// Reads records of one dataset after the other for one thread.
+// Reads records of several datasets. Each thread needs one of its own.
 class RecordFiles {
 public:
     explicit RecordFiles(const std::vector<SplatReader::Dataset>& datasets) : datasets_(&datasets) {}
