@@ -1,9 +1,8 @@
-// A whole conversion of a small file of several blocks: it ends in one of the documented ways, the same way a
-// second time with blocks of another size, and what it writes is what the golden tests' reference converter
-// makes of the same bytes.
+// Converts a small file of several blocks. The conversion must end in one of the documented ways, and in the
+// same way with blocks of another size. Its output must be that of the golden tests' reference converter.
 //
-// An input is a few choices and then either the file as it stands or what to make one of: comments, a count
-// that may lie, records, and a cut anywhere.
+// An input begins with a few choices. Then follows either the file itself or the parts to make one of:
+// comments, a count that may be wrong, records, and where to cut the file.
 
 #include "fuzz/library.h"
 #include "fuzz/process_end.h"
@@ -46,13 +45,13 @@ std::string endingOf(const Job& job) {
     }
 }
 
-// Without splats the exit status is -1.
+// A scene without splats ends with the status -1.
 bool isDocumented(const std::string& ending) {
     return ending == "result 0" || ending == "result -1" || ending == "exit status -1" ||
            std::ranges::find(support::headerErrors, ending) != support::headerErrors.end();
 }
 
-// The library is done: what it wrote is what the reference makes.
+// Compares the library's files with those of the reference converter.
 void compareWithReference(const Job& job, const std::string& file) {
     const reference::Dataset expected = reference::convert(file, job.countAs);
     fuzz::requireEqual(fuzz::readFile(job.output / "data.bin"), expected.data, "data.bin");
@@ -69,7 +68,7 @@ void compareWithReference(const Job& job, const std::string& file) {
     }
 }
 
-// The reader takes whatever the library writes: it reports, it does not throw.
+// The reader must report on every dataset of the library without throwing.
 void readBack(const Job& job) {
     namespace Reader = Tavrin::SplatReader;
     Reader::VerifyOptions options;
@@ -77,7 +76,7 @@ void readBack(const Job& job) {
     Reader::verifyDataset(job.output, options);
 }
 
-// A walk over a grid of cells without number is as long as it says, which is no finding.
+// Skips huge grids: walking over them takes long, which is no finding.
 bool gridIsSmall(const std::string& file, std::int64_t count) {
     constexpr double mostCells = 10'000.0;
     const reference::Header header = reference::readHeader(file);

@@ -1,5 +1,5 @@
-// The dataset reader over folders whose files are any bytes, or sound ones with faults: it reports, or throws
-// the one error that it states, and says the same twice.
+// Runs the dataset reader on folders with arbitrary bytes, or with sound files that have faults. It must
+// report, or throw DatasetError, and do the same a second time.
 
 #include "reader/dataset.h"
 
@@ -46,7 +46,7 @@ Bytes& chosenFile(Files& files, std::size_t choice) {
     return *all[choice % std::size(all)];
 }
 
-// One fault: bytes set, put in, taken out, a word set, or the end cut off.
+// Makes one fault: sets, inserts or removes bytes, sets a word, or cuts off the end.
 void damage(Files& files, fuzz::Source& source) {
     const std::size_t choice = source.takeBelow(256);
     Bytes& bytes = chosenFile(files, choice);
@@ -92,7 +92,7 @@ VerifyReport verify(const fs::path& folder) {
     return verifyDataset(folder, options);
 }
 
-// What the reader makes of the folder; the error's text when it cannot be opened or a file ends too soon.
+// The reader's result as text; the error's text when the folder cannot be opened or a file is too short.
 std::string load(const fs::path& folder) {
     try {
         const Dataset dataset = Dataset::open(folder);
@@ -104,7 +104,7 @@ std::string load(const fs::path& folder) {
     }
 }
 
-// The document that was read, written and read again is the same.
+// A document that is read, written and read again must be the same.
 void checkMetaText(const std::string& text) {
     Findings findings;
     const std::optional<Meta> meta = parseMeta(text, findings);

@@ -1,4 +1,4 @@
-// The library's header check and header reader over any bytes, against the reader of the golden tests'
+// Compares the library's header check and header reader on arbitrary bytes with those of the golden tests'
 // reference converter.
 
 #include "fuzz/process_end.h"
@@ -78,7 +78,7 @@ void compare(const Reading& reading, const std::string& file) {
     const reference::Box box = reference::boxOf(expected, file);
     requireSamePoint(header.bboxMin, box.min, "the lower corner");
     requireSamePoint(header.bboxMax, box.max, "the upper corner");
-    if (header.vertexCount >= 0) { // below, the count is a very large one to the grid
+    if (header.vertexCount >= 0) { // the grid takes a negative count for a very large one
         const reference::Grid grid = reference::gridOf(expected, box);
         requireSameBits(reading.grid.cellSizeX, grid.cellSizeX, "cellSizeX");
         requireSameBits(reading.grid.cellSizeY, grid.cellSizeY, "cellSizeY");

@@ -9,8 +9,8 @@
 
 namespace fuzz {
 
-// A scene is cut into cells only above 1,000,000 splats. Here a small one is regrouped as if it had so many.
-// 0: as it is.
+// A scene is divided into cells only above 1,000,000 splats. The fuzz targets group a small one as if it had
+// one of these counts. 0: its own count.
 inline constexpr std::int64_t statedCounts[] = {0, 1'000'001, 8'000'001, 100'000'001};
 
 struct Job {
@@ -19,10 +19,10 @@ struct Job {
     std::int64_t countAs = 0;
 };
 
-// The steps of plyConvert, but for the count from which the grid and the cells follow.
+// The steps of plyConvert, except that the grid and the cells follow from job.countAs.
 std::int32_t convertAs(const Job& job);
 
-// Every file of a dataset after its name, the guid's digits left out.
+// Every file of a dataset with its name in front, without the digits of the guid.
 std::string filesOf(const std::filesystem::path& folder);
 
 } // namespace fuzz

@@ -1,4 +1,4 @@
-// Number reading over any text, against strtof, strtol and strtoll in the C locale.
+// Compares number reading on arbitrary text with strtof, strtol and strtoll in the C locale.
 
 #include "fuzz/target.h"
 #include "src/splatheader_numbers.h"
@@ -44,7 +44,7 @@ std::string outOfRange(const std::string& function) {
     return "out_of_range: " + function + " argument out of range";
 }
 
-// A result that does not fit or vanishes is out of range; a subnormal one is a number.
+// A result that overflows or becomes 0 is out of range; a subnormal one is a number.
 std::string expectedFloat(const std::string& text) {
     char* end = nullptr;
     errno = 0;

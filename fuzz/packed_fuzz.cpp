@@ -1,6 +1,6 @@
-// Packed splats, SPZ and compressed PLY, from any bytes: a refusal of one line that names the file, or
-// records that are the same however they are read. A first byte of 1 has the target pack what follows with
-// gzip, so that damage reaches what lies inside.
+// Opens arbitrary bytes as packed splats, SPZ and compressed PLY. The reader must refuse them with one line
+// that names the file, or give records that do not depend on how they are read. If the first byte is 1, the
+// target compresses the rest with gzip, so that faults get into the compressed content.
 
 #include "fuzz/target.h"
 #include "source/compressed_ply.h"

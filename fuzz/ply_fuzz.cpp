@@ -1,5 +1,5 @@
-// Splat PLY files: any bytes end in a refusal of one line or in records that do not depend on how they are
-// read, and any layout gives the bytes of the canonical file that it stands for.
+// Splat PLY files. Arbitrary bytes must be refused with one line or give records that do not depend on how
+// they are read. A file of any layout must give the records of the equivalent canonical file.
 
 #include "fuzz/target.h"
 #include "source/canonical_header.h"
@@ -123,7 +123,7 @@ void checkVariant(fuzz::Source& source) {
     }
     const auto scene = open(support::variantFile(variant, records), "variant.ply");
     fuzz::require(scene->hasCoefficients == (degree > 0), "the degree is the layout's");
-    // Whole-number types know no negative zero; the records that stand for them have none.
+    // Integer types have no negative zero, so the expected records have none either.
     const bool isMoved = scene->isOffsetChosen;
     const std::vector<float> read = readAll(*scene, 16);
     fuzz::require(read.size() == records.size(), "every splat is read");

@@ -20,8 +20,8 @@ void failProcessEnd(int status) {
     abort();
 }
 
-// The pools' pauses of 10 ms would leave a few dozen inputs a second. Not a yield: on a loaded machine that
-// gives the rest of the time slice away.
+// With the pools' pauses of 10 ms only a few dozen inputs would run each second. Not a yield, which gives the
+// rest of the time slice away on a loaded machine.
 int systemPause(const timespec* pause, timespec* remaining) __asm__("__real_nanosleep");
 int pauseBriefly(const timespec* pause, timespec* remaining) __asm__("__wrap_nanosleep");
 

@@ -1,5 +1,5 @@
-// The library's ends of the process, turned into an exception inside the fuzz targets alone: the linker puts
-// the functions of process_end.cpp in the place of the library's own (-Wl,--wrap).
+// Turns an end of the process by the library into an exception, in the fuzz targets only: the linker replaces
+// the library's functions by those of process_end.cpp (-Wl,--wrap).
 #pragma once
 
 namespace fuzz {

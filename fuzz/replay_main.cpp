@@ -1,5 +1,4 @@
-// TARGET PATH...: runs the target over every file that is named or lies in a folder that is named, in the
-// order of their names.
+// TARGET PATH...: runs the target on the named files and on the files of the named folders, ordered by name.
 
 #include "fuzz/target.h"
 

@@ -26,8 +26,8 @@ std::string valueOf(Source& source) {
     }
 }
 
-// Records from the floats of the rest, taken again from the start as often as needed: a few bytes make many
-// records.
+// Makes records from the floats of the remaining bytes. At their end it starts again, so that a few bytes
+// make many records.
 void addRecords(support::PlyFile& ply, std::size_t count, const std::string& bytes) {
     std::vector<float> floats(std::max<std::size_t>(bytes.size() / sizeof(float), 1));
     if (!bytes.empty()) {

@@ -1,7 +1,7 @@
-// The streaming conversion of a small file gives the library's bytes, whatever the windows, the threads and
-// the memory, and takes no file that ends before its last record.
+// The streaming conversion of a small file must give the library's bytes with any windows, threads and
+// memory, and must refuse a file that ends before its last record.
 //
-// An input is what conversion takes, behind three bytes: threads, records of a window, and memory.
+// An input is three bytes (threads, records of a window, memory) followed by an input of conversion_fuzz.
 
 #include "fuzz/library.h"
 #include "fuzz/process_end.h"
@@ -29,7 +29,7 @@ using Tavrin::SplatStream::TooLittleMemory;
 
 constexpr long long mostRecords = 400;
 
-// What the header says, or nothing where the library finds no scene.
+// The header's content; nothing if the library finds no scene.
 struct Opened {
     std::optional<SplatHeader> header;
     Params params;
@@ -57,7 +57,7 @@ std::unique_ptr<CanonicalPly> open(const fs::path& path, const Opened& opened) {
                                                      .boundsSeen = header.boundsFromHeader});
 }
 
-// A walk over a grid of cells without number is as long as it says, which is no finding.
+// Skips huge grids: walking over them takes long, which is no finding.
 bool isGridSmall(const ChunkGrid& grid) {
     const std::int64_t columns = grid.cellCountX / 65536 + 1;
     const std::int64_t rows = grid.cellCountY / 65536 + 1;
@@ -139,7 +139,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::int32_t result =
         job.countAs > 0 ? fuzz::convertAs(job) : plyConvert(job.input.c_str(), job.output.c_str());
     fuzz::require(result == PLYCONVERT_DONE, "the library converts what the stream does");
-    // convertAs leaves the two lines of the entry point out.
+    // convertAs does not write the two lines of the entry point.
     std::string library = fuzz::filesOf(job.output);
     if (job.countAs > 0) {
         const std::string log = "log.txt\n";

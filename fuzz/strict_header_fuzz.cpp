@@ -1,5 +1,5 @@
-// The strict header reader over any bytes: a header or a refusal of one line, and a header that it
-// accepts ends where the library sees it end.
+// Runs the strict header reader on arbitrary bytes. It must give a header or a refusal of one line. A header
+// that it accepts must end where the library finds its end.
 
 #include "fuzz/process_end.h"
 #include "fuzz/target.h"
@@ -32,10 +32,10 @@ void checkRefusal(const std::string& refusal, const std::filesystem::path& path)
     fuzz::require(oneLine, "a refusal is one line: " + refusal);
 }
 
-// The library reads the same lines, however it takes what stands in them.
+// The library must find the same end of the header, whatever it makes of the lines.
 void checkAgainstLibrary(const SplatSource::PlyHeader& header, const std::string& file,
                          const std::filesystem::path& path) {
-    // The library ends lines at line feeds alone.
+    // For the library only a line feed ends a line.
     const bool isPlain =
         file.substr(0, header.length).find('\r') == std::string::npos && header.lines.back() == "end_header";
     if (!isPlain || !fuzz::statesAtMost(file, mostRecords)) {
@@ -46,7 +46,7 @@ void checkAgainstLibrary(const SplatSource::PlyHeader& header, const std::string
         fuzz::require(static_cast<std::uint64_t>(read.headerEnd) == header.length,
                       "program and library find the same end of the header");
     } catch (const std::logic_error&) {
-        // a comment whose value is no number: the program looks at those apart
+        // a comment whose value is not a number, which the program checks separately
     }
 }
 
@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::string& line : header.lines) {
         lineBytes += line.size() + 1;
     }
-    // A line may end in two bytes.
+    // A line end has one or two bytes.
     fuzz::require(lineBytes <= header.length, "the lines are in the header");
     fuzz::require(!header.formatText.empty() && header.lines.front().starts_with("ply"),
                   "the header is one of PLY");

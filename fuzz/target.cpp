@@ -9,8 +9,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-// Called by libFuzzer and by the replay before the first input. The library writes to standard output, which
-// says nothing here.
+// Called by libFuzzer and by the replay before the first input. Discards standard output, which the library
+// writes to.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     const int nothing = open("/dev/null", O_WRONLY);
     fuzz::require(nothing >= 0 && dup2(nothing, STDOUT_FILENO) >= 0, "standard output can be discarded");

@@ -1,6 +1,6 @@
-// What the fuzz targets share. A target defines LLVMFuzzerTestOneInput, which runs one input and ends the
-// process with a finding when something does not hold. libFuzzer calls it over and over with inputs of its
-// own making; replay_main.cpp calls it once for every file of the committed corpus.
+// Shared by the fuzz targets. A target defines LLVMFuzzerTestOneInput, which runs one input and ends the
+// process when a check fails. libFuzzer calls it again and again with generated inputs; replay_main.cpp calls
+// it once for every file of the committed corpus.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace fuzz {
 
-// Takes values off the front of an input. Behind its end everything is zero.
+// Reads values from the front of an input. After its end every value is zero.
 class Source {
 public:
     Source(const std::uint8_t* data, std::size_t size) : rest_(data, size) {}
@@ -32,7 +32,7 @@ public:
         return value;
     }
 
-    // Below limit, which is at most 256.
+    // A number below `limit`, which is at most 256.
     std::size_t takeBelow(std::size_t limit) { return take<std::uint8_t>() % limit; }
 
     std::string takeText(std::size_t length) {
@@ -49,17 +49,17 @@ private:
     std::span<const std::uint8_t> rest_;
 };
 
-// Unless it holds, says what was expected on standard error and aborts.
+// If `holds` is false, prints the expectation to standard error and aborts.
 void require(bool holds, std::string_view expectation);
 void requireEqual(const std::string& found, const std::string& expected, std::string_view what);
 
-// A folder of this process alone, in memory where the system has such a place, gone when the process ends.
+// A folder of this process, in memory if the system has such a file system, removed when the process ends.
 const std::filesystem::path& scratch();
 
 std::string readFile(const std::filesystem::path& path);
 
-// Whether no line of a file could be read as an element line that states more than so many records: what a
-// count makes the library do takes as long as the count says, which is no finding.
+// False if some line of a file could be read as an element line with a count above `records`. Such inputs are
+// skipped: the library's work grows with the stated count, and slowness is no finding.
 bool statesAtMost(std::string_view file, long long records);
 
 } // namespace fuzz

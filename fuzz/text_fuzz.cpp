@@ -1,4 +1,4 @@
-// The text functions of the meta document over any numbers, against the C library's printf.
+// Compares the text functions of the meta document on arbitrary numbers with the C library's printf.
 
 #include "fuzz/target.h"
 #include "src/indexer_meta.h"
@@ -36,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<double> values;
     std::string joined;
     while (!source.isEmpty()) {
-        // Doubles, and single-precision values widened, as the document mostly holds.
+        // Arbitrary doubles, and single-precision values as doubles, which the document mostly holds.
         const bool wide = source.takeBelow(2) == 0;
         const double value = wide ? source.take<double>() : double{source.take<float>()};
         checkNumber(value);
