@@ -32,8 +32,8 @@ struct Options {
     int runs = 5;
     fs::path folder;
     bool scaling = false;
-    std::uint64_t cells = 0;   // splats of the scenes of ever more cells; none are measured without
-    std::uint64_t layouts = 0; // splats of the scenes in other forms; none are measured without
+    std::uint64_t cells = 0;   // splats of the scenes with few and many cells; 0: not measured
+    std::uint64_t layouts = 0; // splats of the scenes in other forms; 0: not measured
     bool claimsMemory = true;
     bool json = false;
 };
@@ -116,7 +116,7 @@ std::uint64_t bytesIn(const fs::path& folder) {
     return sum;
 }
 
-// A folder of this run alone. It is removed with everything in it.
+// A folder of this run. The destructor removes it with everything in it.
 class Workplace {
 public:
     explicit Workplace(const fs::path& parent) : folder_(parent / fmt::format("endtoend-{}", getpid())) {
@@ -143,7 +143,7 @@ public:
             command.insert(command.end(), {"--no-coefficients", "--bounds"});
         }
         measure::run(command);
-        sync(); // no writing back of the scene during the runs
+        sync(); // so that the scene is not written back during the runs
     }
     Run convert(int processors = 0) const {
         fs::remove_all(dataset());
@@ -198,7 +198,7 @@ Case measureCase(const Workplace& place, const Options& options, std::uint64_t s
     result.splats = splats;
     result.coefficients = coefficients;
     place.makeScene(splats, coefficients);
-    place.convert(); // untimed: fills the caches and tells the size of the output
+    place.convert(); // not timed: fills the caches and gives the size of the output
     result.inputBytes = fs::file_size(place.scene());
     result.outputBytes = bytesIn(place.dataset());
     for (int k = 0; k < options.runs; ++k) {
@@ -264,7 +264,7 @@ std::vector<Cells> measureCells(const Workplace& place, const Options& options) 
         Cells item;
         item.splats = options.cells;
         place.makeScene(item.splats, true, {"--extent", extent[0], extent[1]});
-        place.stream(processorCount()); // untimed: fills the caches
+        place.stream(processorCount()); // not timed: fills the caches
         item.cells = fs::file_size(place.dataset() / "index.bin") / entryBytes;
         for (int k = 0; k < options.runs; ++k) {
             item.streams.push_back(place.stream(processorCount()));
@@ -275,7 +275,7 @@ std::vector<Cells> measureCells(const Workplace& place, const Options& options) 
     return result;
 }
 
-// The forms take turns, so that a slower minute of the machine hits all of them.
+// The rounds are interleaved, so that a slow minute of the machine affects all forms.
 std::vector<Layout> measureLayouts(const Workplace& place, const Options& options) {
     place.makeScene(options.layouts, true);
     std::vector<Layout> result{{"canonical", fs::file_size(place.scene()), {}}};

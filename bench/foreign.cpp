@@ -4,6 +4,7 @@
 // KIND is shuffled (columns in alphabetical order), degree1, doubles (positions in double, far from the
 // origin), big-endian, ascii, compressed (chunk, vertex, sh) or spz (version 3).
 #include "source/ply_layout.h"
+#include "src/records.h"
 
 #include <zlib.h>
 
@@ -18,26 +19,31 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
 
-constexpr std::size_t floats = 62;
-constexpr std::size_t restAt = 9;
-constexpr std::size_t opacityAt = 54;
-constexpr std::size_t scaleAt = 55;
-constexpr std::size_t rotationAt = 58;
-constexpr std::size_t restCount = 45;
+namespace GaussionSplat = Tavrin::GaussionSplat;
+
+constexpr std::size_t floats = GaussionSplat::layoutWithCoefficients.floats;
+constexpr std::size_t colourAt = GaussionSplat::colourAt;
+constexpr std::size_t restAt = GaussionSplat::coefficientsAt;
+constexpr std::size_t opacityAt = GaussionSplat::layoutWithCoefficients.opacity;
+constexpr std::size_t scaleAt = GaussionSplat::layoutWithCoefficients.scale;
+constexpr std::size_t rotationAt = GaussionSplat::layoutWithCoefficients.rotation;
+constexpr std::size_t restCount = GaussionSplat::coefficientFloats;
 using Record = std::array<float, floats>;
 using Put = std::function<void(const Record&, std::string&)>;
 
 std::vector<Record> readRecords(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
+    constexpr std::string_view element = "element vertex ";
     std::string line;
     std::uint64_t count = 0;
     while (std::getline(file, line) && line != "end_header") {
-        if (line.starts_with("element vertex ")) {
-            count = std::stoull(line.substr(15));
+        if (line.starts_with(element)) {
+            count = std::stoull(line.substr(element.size()));
         }
     }
     std::vector<Record> records(count);
@@ -192,7 +198,7 @@ void writeSpz(const std::string& path, const std::vector<Record>& records) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             const auto fixed = static_cast<std::int32_t>(std::lround(record[axis] * 4096.0f));
             arrays[0].append(reinterpret_cast<const char*>(&fixed), 3);
-            arrays[2] += static_cast<char>(byteOf((0.15 * double{record[6 + axis]} + 0.5) * 255));
+            arrays[2] += static_cast<char>(byteOf((0.15 * double{record[colourAt + axis]} + 0.5) * 255));
             arrays[3] += static_cast<char>(byteOf((double{record[scaleAt + axis]} + 10) * 16));
         }
         arrays[1] += static_cast<char>(byteOf(alphaOf(record) * 255));
@@ -238,7 +244,7 @@ std::uint32_t packed(const std::array<double, 3>& shares) {
 
 void writeCompressed(const std::string& path, const std::vector<Record>& records) {
     constexpr std::size_t chunkSplats = 256;
-    constexpr std::array<std::size_t, 3> firsts = {0, scaleAt, 6};
+    constexpr std::array<std::size_t, 3> firsts = {GaussionSplat::positionAt, scaleAt, colourAt};
     const std::size_t chunks = (records.size() + chunkSplats - 1) / chunkSplats;
     std::string text = "ply\nformat binary_little_endian 1.0\nelement chunk " + std::to_string(chunks) + "\n";
     for (const char* const name : {"min_x", "min_y", "min_z", "max_x", "max_y", "max_z", "min_scale_x",

@@ -61,7 +61,7 @@ public:
         }
         std::array<double, stageCount> result{};
         for (std::size_t k = 0; k < stageCount; ++k) {
-            // A line that was only found after the end of the process stood there before it.
+            // A line found only after the process has ended was written before its end.
             const Clock::time_point from = k == 0 ? start : std::min(times_[k - 1], end);
             result[k] = secondsBetween(from, k + 1 == stageCount ? end : std::min(times_[k], end));
         }
@@ -75,8 +75,8 @@ private:
     std::array<Clock::time_point, stageCount - 1> times_{};
 };
 
-// Restricts this thread, and what it starts, to the first processors that it may use. The destructor gives
-// the others back.
+// Restricts this thread and its children to the first `count` processors that it may use. The destructor
+// restores the others.
 class Processors {
 public:
     explicit Processors(int count) {
@@ -151,7 +151,7 @@ double seconds(const timeval& time) {
 
 void claimMemory(std::uint64_t bytes) {
     constexpr std::uint64_t page = 4096;
-    // Not in this process: its children would inherit its peak memory.
+    // In a child, because later children would inherit the peak memory of this process.
     const pid_t child = fork();
     if (child == 0) {
         void* const memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -1,5 +1,5 @@
-// Runs a command and measures it from outside: time, processor time, peak memory, and when the stages of a
-// conversion began according to its run log.
+// Runs a command and measures it from outside: time, processor time, peak memory, and the stages of a
+// conversion by its run log.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@
 
 namespace measure {
 
-// The stages of a conversion, separated by the run log's lines.
+// The stages of a conversion. Lines of the run log separate them.
 inline constexpr std::size_t stageCount = 6;
 inline constexpr std::array<const char*, stageCount> stageNames{
     "header and scan", // process start to "input data file:"
@@ -21,12 +21,12 @@ inline constexpr std::array<const char*, stageCount> stageNames{
     "end",             // to the end of the process: memory is given back
 };
 
-// What one run of a command took.
+// The measurements of one run of a command.
 struct Run {
     double wall = 0.0;                       // seconds from starting the process to its end
     double cpu = 0.0;                        // seconds, of all its threads, user and system
-    double peak = 0.0;                       // bytes of resident memory at most
-    std::array<double, stageCount> stages{}; // seconds; zeros where no log was watched
+    double peak = 0.0;                       // peak resident memory in bytes
+    std::array<double, stageCount> stages{}; // seconds; zeros if no log was watched
 };
 
 // Runs a command (its program is a path) with standard output discarded and waits for it. With a log, that
@@ -35,10 +35,10 @@ struct Run {
 // when a watched log lacks a line.
 Run run(const std::vector<std::string>& command, const std::filesystem::path& log = {}, int processors = 0);
 
-// Makes sure that the system has this many bytes of memory at hand for the next process: another process
-// fills as many and ends. The host of a virtual machine may have taken back memory that was free for some
-// seconds, and the first touch of such memory costs several times as much. Throws std::runtime_error when the
-// memory is not available.
+// Makes sure that the next process finds this many bytes of memory at normal speed: a child process fills as
+// many and ends. The host of a virtual machine may take back memory that was free for some seconds, and the
+// first touch of such memory costs several times as much. Throws std::runtime_error when the memory is not
+// available.
 void claimMemory(std::uint64_t bytes);
 
 // The median of the values: the middle one, or the mean of the two middle ones. There must be at least one
