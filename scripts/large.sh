@@ -27,8 +27,10 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-scene_bytes=$((splats * 248))
-dataset_bytes=$((splats * 96))
+record_bytes=248        # of a splat with coefficients in a PLY file
+dataset_record_bytes=96 # of its records in data.bin and shcoef.bin
+scene_bytes=$((splats * record_bytes))
+dataset_bytes=$((splats * dataset_record_bytes))
 needed=$((scene_bytes + dataset_bytes + (256 << 20)))
 mkdir -p "$parent"
 free=$(df --output=avail -B1 "$parent" | tail -n 1)

@@ -188,9 +188,10 @@ TEST_F(Files, ACutFileIsFilledWithZeros) {
     for (int i = 0; i < 3; ++i) {
         ply.add({.position = {1.0f, 2.0f, 3.0f}, .dc = {1.0f, 1.0f, 1.0f}});
     }
+    constexpr std::size_t recordBytes = support::floatsWithout * sizeof(float);
     const std::string bytes = ply.bytes();
     // The second record keeps its x and its y, the third nothing.
-    support::writeFile(input, bytes.substr(0, ply.header().size() + 68 + 8));
+    support::writeFile(input, bytes.substr(0, ply.header().size() + recordBytes + 2 * sizeof(float)));
     convertToTheEnd();
     const DatasetFiles files = support::readDataset(output);
     ASSERT_EQ(files.data.size(), 3u * 32);

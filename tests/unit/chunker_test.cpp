@@ -541,7 +541,7 @@ TEST_F(ChunkerTest, AThreadThatCannotStartLeavesAsTheStandardSystemError) {
 TEST_F(ChunkerTest, ReleasingTheListFreesTheBlocksThatAreLeft) {
     const auto full = std::make_shared<ChunkData>();
     full->splatCount = 1;
-    full->data = static_cast<float*>(allocateLarge(68)); // the leak check would see it
+    full->data = static_cast<float*>(allocateLarge(recordSizeWithoutCoefficients)); // the leak check would see it
     BlockList list = {full, nullptr, std::make_shared<ChunkData>()};
     releaseBlocks(list, recordSizeWithoutCoefficients);
     EXPECT_EQ(list, BlockList(3));
