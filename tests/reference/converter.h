@@ -1,6 +1,6 @@
-// A converter written from the rules of the format alone: sequential, one splat at a time, in memory.
+// A converter written only from the rules of the format: sequential, one splat at a time, in memory.
 //
-// It shares no code with the library and takes no care of speed or of large files. Tests compare the
+// It shares no code with the library, and is neither fast nor made for large files. Tests compare the
 // library's bytes with its own.
 #pragma once
 
@@ -15,7 +15,7 @@ namespace reference {
 
 using Point = std::array<double, 3>;
 
-// What the header states, and what follows from it.
+// The content of the header.
 struct Header {
     std::int64_t count = 0;
     std::uint64_t end = 0; // where the records begin
@@ -37,7 +37,7 @@ struct Box {
     Point max{};
 };
 
-// The stated box, or the scanned one where the stated one does not count.
+// The stated box, or the scanned one if the stated one does not count.
 Box boxOf(const Header& header, std::string_view file);
 
 Grid gridOf(const Header& header, const Box& box);
@@ -50,8 +50,8 @@ struct Dataset {
     std::string meta; // line ends as LF, question marks for the guid
 };
 
-// The conversion. With countAs, what follows from the number of splats (grid, cells, the counts of the meta
-// document) is that of a scene of so many, whose other splats are not there.
+// The conversion. With `countAs`, grid, cells and the counts of the meta document are those of a scene of
+// that many splats, of which only those of the file exist.
 Dataset convert(std::string_view file, std::int64_t countAs = 0);
 
 } // namespace reference

@@ -22,7 +22,7 @@ std::size_t floatsOf(const Header& header) {
     return support::floatsOf(header.coefficients);
 }
 
-// The keys in the order of the files: columns outside, rows inside, occupied cells alone.
+// The keys of the occupied cells in the order of the files: column by column, row by row within.
 template <typename Cells>
 std::vector<std::uint32_t> keysInOrder(const Grid& grid, const Cells& cells) {
     std::vector<std::uint32_t> keys;
@@ -98,7 +98,7 @@ std::string metaText(const Header& header, const Box& box, const Grid& grid, con
     return text + "\t\"attributes\": " + attributes(box, ranges) + "\n}\n";
 }
 
-// The records behind the header, one after the other; what lies behind the end of the file is zeros.
+// The records after the header. Bytes beyond the end of the file are zeros.
 std::vector<float> recordsOf(const Header& header, std::string_view file) {
     const std::size_t count = header.count > 0 ? static_cast<std::size_t>(header.count) : 0;
     std::vector<float> records(count * floatsOf(header));

@@ -10,7 +10,7 @@ namespace reference {
 
 namespace {
 
-// Blanks, tabs and carriage returns part words; other white space belongs to them.
+// Blanks, tabs and carriage returns separate words; other white space is part of them.
 std::vector<std::string> wordsOf(const std::string& line) {
     std::vector<std::string> words;
     std::string word;
@@ -97,10 +97,10 @@ Box boxOf(const Header& header, std::string_view file) {
     if (std::fabs(header.min[0]) > 0.0010000000474974513 && std::fabs(header.max[0]) > 0.10000000149011612) {
         return box;
     }
-    box = {}; // holds the origin whatever the splats
+    box = {}; // always contains the origin
     for (std::int64_t i = 0; i < header.count; ++i) {
         float position[3] = {};
-        // The step is that of the larger record, whatever the layout.
+        // The step is always that of the larger record.
         const std::uint64_t record =
             header.end + static_cast<std::uint64_t>(i) * support::floatsWith * sizeof(float);
         if (record < file.size()) {

@@ -43,7 +43,7 @@ void put(std::array<std::uint8_t, Size>& bytes, std::size_t offset, Value value)
 template <std::size_t Size>
 void putFloat(std::array<std::uint8_t, Size>& bytes, std::size_t offset, const float* value) {
     std::uint32_t bits = 0;
-    std::memcpy(&bits, value, sizeof bits); // not through a float: a signalling NaN stays one
+    std::memcpy(&bits, value, sizeof bits); // not through a float, which could change a signalling NaN
     put(bytes, offset, bits);
 }
 

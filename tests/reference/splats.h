@@ -1,5 +1,5 @@
-// The conversion of one splat, step by step as its formulas state it. The library's kernels are held against
-// it and share no code with it.
+// The conversion of one splat, step by step after its formulas. The tests compare the library's kernels with
+// it; they share no code.
 #pragma once
 
 #include <array>
@@ -34,7 +34,7 @@ struct Ranges {
     Bounds opacity;
     Bounds scale[3];
 
-    // Takes in a decoded record of either form.
+    // Widens the ranges by a decoded record of either form.
     void widen(const float* record, bool hasCoefficients);
 };
 
@@ -51,7 +51,7 @@ void decode(float* record, bool hasCoefficients);
 // visit k widens them by record max(k - 1, 0), so the first record counts twice.
 Ranges decodeBlock(std::vector<float>& records, bool hasCoefficients);
 
-// What the files hold of one decoded splat.
+// The bytes of one decoded splat in the files.
 struct Quantised {
     std::array<std::uint8_t, 32> data;
     std::array<std::uint8_t, 64> packed{}; // zeros without coefficients, as is raw
@@ -59,10 +59,10 @@ struct Quantised {
 };
 Quantised quantise(const float* record, bool hasCoefficients, const Ranges& ranges);
 
-// The value truncated toward zero, low 32 bits; 0 where 64 bits do not hold it.
+// The low 32 bits of the value truncated towards zero; 0 if it does not fit 64 bits.
 std::uint32_t truncated(double value);
 
-// The ground grid. Columns and rows are what the walk over the cells counts; a key does not depend on them.
+// The ground grid. `columns` and `rows` bound the walk over the cells; keys do not depend on them.
 struct Grid {
     float originX = 0.0f;
     float originY = 0.0f;

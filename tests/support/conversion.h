@@ -1,4 +1,4 @@
-// Conversions by the built shared object in a process of its own.
+// Runs conversions by the built shared object in a separate process.
 #pragma once
 
 #include "tests/support/process.h"
@@ -12,7 +12,8 @@
 
 namespace support {
 
-// One call of plyConvert as its host saw it. Neither a result nor an exception: the process ended inside it.
+// The outcome of one call of plyConvert. With neither a result nor an exception, the process ended inside the
+// call.
 struct CallReport {
     unsigned hardwareThreads = 0;
     std::optional<std::int32_t> result;
@@ -31,14 +32,14 @@ struct CallReport {
 struct HostReport {
     ProcessResult process;
     std::vector<CallReport> calls;
-    std::string childFailure; // why the host could not do a step; empty when it could
-    bool endReached = false;  // the library was unloaded and the host went on to its end
+    std::string childFailure; // why a step of the host failed; empty if none did
+    bool endReached = false;  // the library was unloaded and the host ran to its end
 };
 
-// Builds up a host's steps (tests/blackbox/child_main.cpp lists them) and runs it.
+// Collects the steps of a host (tests/blackbox/child_main.cpp lists them) and runs it.
 class Host {
 public:
-    // The job and what the process writes go to a folder of their own, "host" and a number, in scratch.
+    // The job file and the output of the process go to a new folder in `scratch`: "host" and a number.
     explicit Host(std::filesystem::path scratch);
 
     Host& step(const std::string& name, const std::string& value = {});
@@ -58,7 +59,7 @@ private:
 HostReport convertOnce(const std::filesystem::path& scratch, const std::filesystem::path& input,
                        const std::filesystem::path& output);
 
-// What a finished conversion left in the folder.
+// The files that a finished conversion left in the folder.
 struct DatasetFiles {
     std::string data;
     std::string coefficients;
@@ -73,8 +74,8 @@ DatasetFiles readDataset(const std::filesystem::path& folder);
 // it holds a guid of 32 lowercase hexadecimal digits on its own line.
 std::string withoutGuid(const std::string& meta);
 
-// The text that follows "key": on the meta document's line, without the comma at its end. Empty when there is
-// no such key.
+// The text after "key": on its line of the meta document, without the final comma. Empty if there is no such
+// key.
 std::string metaValue(const std::string& meta, const std::string& key);
 
 } // namespace support

@@ -1,5 +1,5 @@
-// Writes datasets byte by byte, for tests of what reads them. It knows the layout by itself: neither the
-// converter nor the reader has a part in it, so a test can place every byte, wrong ones too.
+// Writes datasets byte by byte, for tests of readers. It has its own knowledge of the layout and uses neither
+// the converter nor the reader. So a test can set every byte, including wrong ones.
 #pragma once
 
 #include <array>
@@ -35,7 +35,7 @@ inline void setWord(Bytes& bytes, std::size_t at, std::uint64_t value, int width
     bytes.replace(at, word.size(), word);
 }
 
-// A splat as it stands in the files.
+// A splat as stored in the files.
 struct StoredSplat {
     std::array<float, 3> position{};
     std::array<std::uint8_t, 4> colour{}; // red, green, blue, opacity
@@ -45,7 +45,7 @@ struct StoredSplat {
     std::array<std::uint32_t, 15> coefficients{}; // packed words
 };
 
-// rot = (1, 0, 0, 0): three components 0.5, that is 511 of 1023.5, and the largest at place 3.
+// rot = (1, 0, 0, 0): three components of 0.5, stored as 511 of 1023.5; the largest is component 3.
 inline constexpr std::uint32_t identityRotation = 511u | (511u << 10) | (511u << 20) | (3u << 30);
 
 inline Bytes dataRecord(const StoredSplat& splat) {
@@ -237,8 +237,8 @@ inline Files oneCellFiles(const std::vector<StoredSplat>& splats, MetaFields fie
     return files;
 }
 
-// A scene that is cut into cells although only a few splats are held: the rest of its 1,000,001 count as left
-// out. Cells of 30 units over a box of 100 x 70: 4 x 3 cells.
+// A scene with a grid but only a few splats: the rest of its 1,000,001 count as left out. Cells of 30 units
+// over a box of 100 x 70: 4 x 3 cells.
 inline Files gridFiles(const std::vector<std::pair<std::uint32_t, std::vector<StoredSplat>>>& cells,
                        MetaFields fields = {}) {
     Files files;
@@ -261,7 +261,7 @@ inline StoredSplat splatAt(float x, float y, float z = 1.0f) {
     StoredSplat splat;
     splat.position = {x, y, z};
     splat.rotation = identityRotation;
-    // Spread over the steps, so that no value crowds at an end.
+    // Spread over the steps, so that few values lie at an end.
     const auto word = static_cast<std::uint16_t>(30'000.0f + 300.0f * x / (1.0f + std::fabs(x) / 1000.0f));
     splat.scale = splat.normal = {word, word, word};
     return splat;
@@ -289,7 +289,7 @@ inline void writeFiles(const std::filesystem::path& folder, const Files& files) 
     }
 }
 
-// A folder of its own for each object, gone with it.
+// A new folder for each object. The destructor removes it.
 class TemporaryFolder {
 public:
     TemporaryFolder() {

@@ -1,4 +1,4 @@
-// Ends of processes, and what goes to standard output.
+// Checks ends of processes, and captures standard output.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ inline constexpr int statusMinusOne = -1;
 inline constexpr int statusMinusOne = 255;
 #endif
 
-// Send standard output where standard error goes: a death test matches that alone.
+// Redirects standard output to standard error, since a death test matches only that.
 inline void mergeOutput() {
     std::fflush(stdout);
 #if defined(_WIN32)
@@ -34,7 +34,7 @@ inline void mergeOutput() {
 }
 
 #if !defined(_WIN32)
-// Let this process have no more than a few threads. Root is above such limits, so it becomes another user.
+// Limits this process to a few threads. The limit does not apply to root, so root becomes another user.
 inline void limitThreads() {
     const auto lone = static_cast<uid_t>(20'000 + getpid() % 40'000);
     const rlimit limit{.rlim_cur = 6, .rlim_max = 6};
@@ -44,7 +44,7 @@ inline void limitThreads() {
 }
 #endif
 
-// What body writes to standard output.
+// The text that `body` writes to standard output.
 template <typename Body>
 std::string standardOutputOf(Body body) {
     testing::internal::CaptureStdout();
@@ -54,8 +54,8 @@ std::string standardOutputOf(Body body) {
 
 } // namespace support
 
-// The process that runs statement ends with status, having written what the regular expression output matches
-// to standard output or standard error. It is a process started anew, which has run no other test before.
+// Expects that a process that runs `statement` ends with `status`, and that its standard output and error
+// match the regular expression `output`. The process is started anew, so it has run no other test before.
 #define EXPECT_PROCESS_EXIT(statement, status, output)                                                       \
     EXPECT_PROCESS_END(statement, testing::ExitedWithCode(status), output)
 

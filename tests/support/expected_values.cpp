@@ -73,7 +73,7 @@ struct Table {
 Table readAll(const Source& source) {
     Table table{.floats = support::floatsOf(source.hasCoefficients), .records = {}};
     table.records.resize(source.count * table.floats);
-    constexpr std::uint64_t part = 1000; // in several calls
+    constexpr std::uint64_t part = 1000; // records a call, so that several calls are needed
     std::uint64_t given = 0;
     for (std::uint64_t first = 0; first < source.count; first += part) {
         given += source.read(first, std::min(part, source.count - first),
@@ -93,7 +93,7 @@ bool isNear(double value, double expected, double tolerance) {
     return std::abs(value - expected) <= tolerance * std::max(1.0, std::abs(expected));
 }
 
-// One reader gives opacities of 0 and 1 as logits of -40 and 40.
+// Some documents have logits of -40 and 40 for opacities of 0 and 1, and say so in their note.
 double opacityOf(double value, const json& document) {
     const bool isBounded = document.value("note", "").find("-40 and 40") != std::string::npos;
     return isBounded && std::isinf(value) ? std::copysign(40.0, value) : value;

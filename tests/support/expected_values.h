@@ -1,4 +1,4 @@
-// The values that stand beside a sample file, and a source held against them.
+// Compares a source with the expected values beside a sample file.
 #pragma once
 
 #include "source/source.h"
@@ -7,10 +7,10 @@
 
 namespace support {
 
-// Expects every record of a source to have the values that the JSON document at `expected` gives: the count,
-// the first and the last splats, and the least, the greatest and the mean value of every column; where it has
-// hashes of exact columns, those too, but for coefficients that a turn has rounded. `tolerance` is absolute,
-// and relative for values above 1.
+// Expects the values of the JSON document at `expected`: the count, the first and the last splats, and the
+// minimum, maximum and mean of every column. If the document has hashes of exact columns, they must match,
+// too; with `areCoefficientsExact` false the coefficients' hash is skipped, because a change of axes rounds
+// them. `tolerance` is absolute, and relative for values above 1.
 void expectValues(const Tavrin::SplatSource::Source& source, const std::filesystem::path& expected,
                   double tolerance, bool areCoefficientsExact = true);
 

@@ -7,7 +7,7 @@
 
 namespace support {
 
-// Where one field of an object lies.
+// The memory of one field of an object.
 struct FieldPlace {
     const char* name;
     const char* begin;
@@ -18,7 +18,7 @@ struct FieldPlace {
         : name(fieldName), begin(reinterpret_cast<const char*>(&field)), end(begin + sizeof(Field)) {}
 };
 
-// Each field of the list starts where the one before it ends, or behind that.
+// Expects each field of the list to start at or after the end of the one before it.
 inline void expectDeclaredInOrder(std::initializer_list<FieldPlace> fields) {
     const FieldPlace* previous = nullptr;
     for (const FieldPlace& field : fields) {

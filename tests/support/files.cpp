@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The test's name, with what a file name cannot hold replaced.
+// The test's name, with characters replaced that a file name cannot contain.
 std::string nameOfRunningTest() {
     const testing::TestInfo* const test = testing::UnitTest::GetInstance()->current_test_info();
     std::string name = test == nullptr ? "none" : std::string(test->test_suite_name()) + "." + test->name();
@@ -29,7 +29,7 @@ std::string nameOfRunningTest() {
 
 Scratch::Scratch() : folder_(fs::path(PLYCONVERT_SCRATCH) / nameOfRunningTest()) {
 #if defined(_WIN32)
-    // In the process of a death test: the test that waits for it may hold a file open, which then stays.
+    // May fail in the process of a death test, when the waiting test holds a file open. The file then stays.
     std::error_code ignored;
     fs::remove_all(folder_, ignored);
 #else

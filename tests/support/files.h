@@ -8,7 +8,7 @@
 
 namespace support {
 
-// A folder of the running test's own inside the build folder, emptied at the start and removed at the end.
+// A folder for the running test inside the build folder, emptied at the start and removed at the end.
 class Scratch {
 public:
     Scratch();
@@ -33,7 +33,7 @@ std::set<std::string> filesUnder(const std::filesystem::path& folder);
 // A path as the 8-bit string that the library takes: UTF-8, on Windows the ANSI code page.
 std::string pathBytes(const std::filesystem::path& path);
 
-// Paths and UTF-8 text.
+// Conversion between paths and UTF-8 text.
 std::string textOf(const std::filesystem::path& path);
 std::filesystem::path pathFromText(std::string_view text);
 

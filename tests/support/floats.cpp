@@ -26,7 +26,7 @@ const std::vector<float>& awkwardFloats() {
                                   2.0f,
                                   88.72283f, // the largest x with a finite single-precision exp(x)
                                   88.72284f,
-                                  103.97208f, // exp(-x) is about to vanish
+                                  103.97208f, // exp(-x) is nearly 0
                                   104.0f,
                                   255.5f,
                                   65535.5f,

@@ -1,4 +1,4 @@
-// Floats of tests: bit patterns, and the values that break careless arithmetic.
+// Floats for tests: arbitrary bit patterns, and values that break careless arithmetic.
 #pragma once
 
 #include "tests/support/plyfile.h"
@@ -19,7 +19,7 @@ inline std::uint32_t bitsOf(float value) {
     return std::bit_cast<std::uint32_t>(value);
 }
 
-// Equal bit for bit, or both NaN: which NaN an operation gives is not laid down.
+// Equal bit for bit, or both NaN: which NaN an operation gives is unspecified.
 inline bool sameFloat(float a, float b) {
     return bitsOf(a) == bitsOf(b) || (std::isnan(a) && std::isnan(b));
 }

@@ -1,11 +1,11 @@
-// The ways in which a header's numbers end a conversion.
+// The exceptions that a header's numbers can cause.
 #pragma once
 
 #include <array>
 
 namespace support {
 
-// Kind and text of every exception that a number of a header can lead to.
+// Kind and text of each.
 inline constexpr std::array<const char*, 6> headerErrors = {
     "invalid_argument invalid stof argument",  "invalid_argument invalid stoi argument",
     "invalid_argument invalid stoll argument", "out_of_range stof argument out of range",

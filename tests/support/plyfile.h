@@ -1,4 +1,4 @@
-// Splat PLY files made by hand, and small random ones.
+// Makes splat PLY files, from given values or random ones.
 #pragma once
 
 #include "tests/support/properties.h"
@@ -26,7 +26,7 @@ struct Splat {
 // A whole file: header and records.
 struct PlyFile {
     bool coefficients = false;              // in the records, and as properties
-    std::vector<std::string> comments;      // header lines as they stand, after the format line
+    std::vector<std::string> comments;      // whole header lines, after the format line
     std::optional<std::string> elementLine; // instead of "element vertex N"
     std::vector<std::string> moreElements;  // header lines after the properties
     std::vector<std::string> leftOut;       // names of properties that are not declared
@@ -40,7 +40,7 @@ struct PlyFile {
     void write(const std::filesystem::path& path) const;
 };
 
-// A small generator of numbers, the same on every system.
+// A random generator with the same numbers on every system.
 class Random {
 public:
     explicit Random(std::uint64_t seed) : state_(seed) {}
@@ -52,16 +52,15 @@ private:
     std::uint64_t state_;
 };
 
-// A splat with every attribute drawn from the range in which trained scenes hold it, in a box of this size
-// around the origin.
+// A splat with attributes in the ranges of trained scenes, in a box of this size around the origin.
 Splat randomSplat(Random& random, float extentX, float extentY);
 
-// A file of so many random splats.
+// A file of `count` random splats.
 PlyFile randomFile(std::uint64_t seed, std::size_t count, bool coefficients, float extentX = 40.0f,
                    float extentY = 30.0f);
 
-// Floats of every awkward kind: NaN, infinities, zeros of both signs, subnormals, the largest, and ordinary
-// ones.
+// A random choice of NaN, infinities, zeros of both signs, subnormals, the largest float, and ordinary
+// values.
 float awkwardFloat(Random& random);
 Splat awkwardSplat(Random& random);
 

@@ -1,4 +1,4 @@
-// PLY files of every layout that stand for given canonical records.
+// Writes canonical records as PLY files of other layouts.
 #pragma once
 
 #include <cstddef>
@@ -21,8 +21,8 @@ struct PlyVariant {
     const char* lineEnd = "\n"; // of the header
 };
 
-// The file of that form for records with coefficients, at degree 0 without. Values must be ones that the type
-// holds; normals and coefficients that the file lacks must be 0.
+// The file of this layout. `records` have coefficients, except at degree 0. The type must be able to hold the
+// values. Normals and coefficients that the file leaves out must be 0.
 std::string variantFile(const PlyVariant& variant, const std::vector<float>& records);
 
 } // namespace support

@@ -1,4 +1,4 @@
-// Running another program and keeping what it leaves.
+// Runs another program and captures its output.
 #pragma once
 
 #include <filesystem>

@@ -1,5 +1,5 @@
-// The properties of a splat record as the tests write them. They are listed here, and not taken from what is
-// tested.
+// The properties of a splat record as the tests write them: a list of their own, independent of the code
+// under test.
 #pragma once
 
 #include <cstddef>

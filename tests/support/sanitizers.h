@@ -1,7 +1,7 @@
-// What a build with sanitizers cannot do.
+// Detects builds with sanitizers.
 #pragma once
 
-// A sanitizer's runtime reserves terabytes of address space, so that no limit can be set on it.
+// A sanitizer's runtime reserves terabytes of address space, so the address space cannot be limited.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define PLYCONVERT_ADDRESS_SPACE_IN_USE 1
 #elif defined(__has_feature)

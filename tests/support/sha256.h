@@ -1,4 +1,4 @@
-// SHA-256, so that a golden hash can be checked with any system's sha256sum.
+// SHA-256. Golden hashes can therefore be checked with any system's sha256sum.
 #pragma once
 
 #include <array>
@@ -28,7 +28,7 @@ private:
 
 std::string sha256(std::string_view bytes);
 
-// In pieces, so that a large file needs no memory. Throws std::runtime_error when it cannot be read.
+// Reads the file in pieces. Throws std::runtime_error when it cannot be read.
 std::string sha256OfFile(const std::filesystem::path& path);
 
 } // namespace support
