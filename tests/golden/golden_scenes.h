@@ -1,4 +1,4 @@
-// The scenes whose converted bytes are held to hashes, and how their hashes are taken.
+// The golden scenes and the hashes of their datasets.
 #pragma once
 
 #include "scenes/scenes.h"
@@ -22,12 +22,12 @@ const std::vector<Scene>& goldenScenes();
 std::vector<Scene> scenesOfSize(bool large);
 const Scene& goldenScene(const std::string& name);
 
-// The name of a scene is its name in the names of tests.
+// Prints a scene by its name in test names.
 void PrintTo(const Scene& scene, std::ostream* stream);
 
 using Hashes = std::map<std::string, std::string>; // SHA-256 by file
 
-// Converts a scene's file; throws std::runtime_error when the conversion does not come to its end.
+// Converts a scene's file. Throws std::runtime_error when the conversion fails.
 using Converter =
     std::function<void(const std::filesystem::path& input, const std::filesystem::path& output)>;
 
@@ -36,10 +36,10 @@ using Converter =
 // removed again.
 Hashes hashesOf(const Scene& scene, const std::filesystem::path& scratch, const Converter& convert);
 
-// The same by the shipped library in a process of its own.
+// The same by the shipped library in a separate process.
 Hashes hashesOf(const Scene& scene, const std::filesystem::path& scratch);
 
-// What hashes.txt says, by scene.
+// The content of hashes.txt, by scene.
 std::map<std::string, Hashes> expectedHashes();
 
 // The lines of hashes.txt for a scene: HASH, two blanks, SCENE/FILE, as sha256sum prints them.

@@ -1,7 +1,7 @@
-// The converted bytes of seeded scenes, held to the hashes in hashes.txt, which are the same on every system.
+// Compares the converted bytes of seeded scenes with the hashes in hashes.txt, which hold on every system.
 //
-// A hash changes only when the bytes of a dataset change, which readers of datasets must be told. After such
-// a change, and when nothing but it shows in the comparison, golden_print makes the new file.
+// A hash changes only with the bytes of a dataset, and readers of datasets must be told of such a change.
+// When the comparison shows nothing but the intended change, golden_print writes the new file.
 
 #include "tests/golden/golden_scenes.h"
 #include "tests/reference/converter.h"
@@ -33,7 +33,7 @@ std::string nameOf(const testing::TestParamInfo<Scene>& scene) {
     return scene.param.name;
 }
 
-// The same hashes come from the reference converter: they are the format's, not only this library's.
+// The reference converter gives the same hashes, so they follow from the format, not only from this library.
 TEST_P(Golden, BytesAreThoseOfTheReference) {
     const Scene& scene = GetParam();
     const support::Scratch scratch;

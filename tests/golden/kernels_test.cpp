@@ -1,5 +1,5 @@
-// The same hashes from the kernels for every processor, by the core in this process: what is shipped takes
-// the kernels for the processor that it runs on.
+// Checks the hashes with the baseline kernels, using the core in this process. The shipped library always
+// takes the kernels for the processor that it runs on.
 
 #include "src/kernels.h"
 

@@ -1,4 +1,4 @@
-// The library's bytes against those of the reference converter.
+// Compares the library's bytes with those of the reference converter.
 
 #include "tests/reference/converter.h"
 #include "tests/support/conversion.h"
@@ -69,7 +69,7 @@ TEST_F(Reference, OneSplat) {
     }
 }
 
-// Around the sizes at which an implementation changes its stride.
+// Counts around the sizes of vector loops.
 TEST_F(Reference, FewSplats) {
     for (const bool coefficients : {false, true}) {
         for (const std::size_t count :
@@ -178,7 +178,7 @@ TEST_F(Reference, OneAwkwardAttribute) {
     }
 }
 
-// Of equal bounds the first stays, also between zeros of either sign.
+// Of equal bounds the first one stays, also of zeros with different signs.
 TEST_F(Reference, ZerosOfBothSigns) {
     for (const std::uint64_t seed : {1u, 2u, 3u, 4u}) {
         PlyFile ply;
@@ -231,7 +231,7 @@ TEST_F(Reference, GridWithCoefficients) {
     expectSameBytes(support::randomFile(22, 1'000'037, true, 90.0f, 40.0f).bytes());
 }
 
-// The stated box is smaller than the scene, and some positions are no numbers.
+// The stated box is smaller than the scene, and some positions are NaN.
 TEST_F(Reference, GridWithSplatsOutside) {
     PlyFile ply = support::randomFile(23, 1'100'000, false, 400.0f, 300.0f);
     ply.comments = {"comment minx -150.5", "comment miny -100.25", "comment minz 0",

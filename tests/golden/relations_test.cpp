@@ -1,5 +1,5 @@
-// The reader against the library's datasets: every relation of index, data, coefficients and meta document
-// holds, positions are exact, and every other attribute comes back within its quantiser's step.
+// Reads the library's datasets back. All relations of index, data, coefficients and meta document must hold,
+// positions must be exact, and every other attribute within its quantiser's step.
 
 #include "reader/dataset.h"
 #include "reader/verify.h"
@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace Tavrin::SplatReader;
 
-// A splat of the input, with its values as they are meant.
+// A splat of the input with its decoded values.
 struct Meant {
     const float* record;
     bool coefficients;
@@ -44,7 +44,7 @@ struct Meant {
     }
 };
 
-// Within a step, and what single precision adds.
+// Within a step, plus the rounding of single precision.
 void expectWithin(double found, double meant, double step, const char* what) {
     const double rounding = 4e-6 * std::max(1.0, std::fabs(meant));
     EXPECT_LE(std::fabs(found - meant), step + rounding) << what;
@@ -63,9 +63,9 @@ void compare(const Meant& meant, const Splat& splat, const Dequantiser& steps) {
     for (std::size_t i = 0; i < 4; ++i) {
         cosine += rotation[i] * splat.rotation[i];
     }
-    // Both signs are the same turn. Half a step in each of three components moves the fourth, which is the
-    // largest and so at least as large as each of them, by one and a half: sqrt(3) steps in all, and what the
-    // curvature adds.
+    // q and -q are the same rotation. An error of half a step in each of three components changes the fourth,
+    // which is the largest, by at most one and a half steps. That is sqrt(3) steps together, plus the
+    // curvature.
     const double distance = std::sqrt(std::max(0.0, 2.0 - 2.0 * std::fabs(cosine)));
     EXPECT_LE(distance, 1.75 * Dequantiser::rotationStep()) << "rotation";
     for (std::size_t i = 0; meant.coefficients && i < 45; ++i) {
@@ -100,7 +100,7 @@ protected:
 
     std::size_t floats() const { return scenes::recordFloats(scene.options.coefficients); }
 
-    // Numbers of the input's splats by cell, in the input's order, which the cells keep.
+    // The numbers of the input's splats by cell. A cell keeps the input's order.
     std::map<std::uint32_t, std::vector<std::size_t>> inputByCell(const Dataset& dataset) const {
         std::map<std::uint32_t, std::vector<std::size_t>> cells;
         for (std::size_t i = 0; i < records.size() / floats(); ++i) {

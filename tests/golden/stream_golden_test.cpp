@@ -1,4 +1,4 @@
-// The golden scenes through the stream: the hashes of the library's bytes hold for its bytes, too.
+// Converts the golden scenes by the stream. The hashes are those of the library.
 
 #include "source/canonical_ply.h"
 #include "src/splatheader.h"
