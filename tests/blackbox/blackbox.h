@@ -1,4 +1,4 @@
-// What the black-box tests share.
+// Shared by the black-box tests.
 #pragma once
 
 #include "tests/support/conversion.h"
@@ -29,7 +29,7 @@ protected:
 
     support::HostReport convert() { return support::convertOnce(scratch.folder(), input, output); }
 
-    // Convert and expect the call to return 0.
+    // Converts and expects the call to return 0.
     support::HostReport convertToTheEnd() {
         support::HostReport report = convert();
         expectDone(report);
@@ -47,7 +47,7 @@ protected:
         ASSERT_TRUE(report.endReached);
     }
 
-    // Convert and expect the process to end inside the call with this status.
+    // Converts and expects the process to end inside the call with this status.
     support::HostReport convertToProcessEnd(int status) {
         support::HostReport report = convert();
         expectProcessEnd(report, status);
@@ -70,7 +70,7 @@ protected:
 
     std::string log() const { return support::withPlainLineEnds(support::readFile(output / "log.txt")); }
 
-    // An output folder from before, and whether it still is as it was.
+    // Makes an earlier output folder, and checks that it is unchanged.
     void makeOldOutput() {
         fs::create_directories(output / "old" / "deep");
         support::writeFile(output / "data.bin", "old data");

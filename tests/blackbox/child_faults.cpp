@@ -25,11 +25,11 @@ namespace {
 
 enum class Moment { never, opening, opened, header, scan, chunking };
 
-// What befalls the input, and which file cannot be opened.
+// The fault to make: what happens to the input, or which file cannot be opened.
 struct FileFault {
     std::string input;
     std::atomic<Moment> moment{Moment::never};
-    off_t length = -1; // bytes that are left of the input; -1: it is removed
+    off_t length = -1; // bytes to cut the input to; -1: remove it
     std::string refused;
     std::atomic<int> opens{0}; // of the input, in this process
 
@@ -37,7 +37,7 @@ struct FileFault {
         if (now != moment) {
             return;
         }
-        // From the scan on several threads may come by; the first one's deed stands when they go on.
+        // From the scan on several threads may get here. The first one makes the fault before any continues.
         static pthread_mutex_t once = PTHREAD_MUTEX_INITIALIZER;
         pthread_mutex_lock(&once);
         if (moment != Moment::never &&
@@ -62,8 +62,8 @@ std::string_view nameOf(std::string_view path) {
 } // namespace
 } // namespace child
 
-// The function with which the C++ runtime opens files. The executable exports this one, and the dynamic
-// linker takes it for every module of the process.
+// Replaces the function with which the C++ runtime opens files. The executable exports it, so the dynamic
+// linker uses it for every module of the process.
 extern "C" __attribute__((visibility("default"))) FILE* fopen64(const char* path, const char* mode) {
     using child::Moment;
     static const auto next =

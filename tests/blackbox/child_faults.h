@@ -1,4 +1,4 @@
-// Steps of the host that make its world a poor one, or make the system fail (Linux).
+// Steps of the host that restrict its process or make the system fail (Linux).
 #pragma once
 
 #include <functional>
@@ -6,8 +6,7 @@
 
 namespace child {
 
-// Carries out one of these steps; false when the name is none of them. Throws std::runtime_error when a step
-// cannot be done.
+// Carries out one of these steps; false for any other name. Throws std::runtime_error when a step fails.
 //
 //   file-size N            limit the size of files to N bytes
 //   ignore-signal N        ignore the signal of this number
@@ -29,7 +28,7 @@ bool faultStep(const std::string& name, const std::string& value, const std::str
 // Calls the function on a thread whose stack has this many bytes, and waits for its end.
 void onStack(std::size_t bytes, const std::function<void()>& call);
 
-// Whether a file of this name is mapped into the process.
+// True if a file of this name is mapped into the process.
 bool isMapped(const std::string& path);
 
 } // namespace child

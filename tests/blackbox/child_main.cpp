@@ -1,4 +1,4 @@
-// blackbox_child JOB: a host in a process of its own. It carries out the steps of a job file, one a line:
+// blackbox_child JOB: a host process. It carries out the steps of a job file, one a line:
 //
 //   library PATH        load the shared object (first)
 //   folder PATH         make PATH the working folder
@@ -20,8 +20,8 @@
 //   output PATH         the next conversion's output folder
 //   convert             call plyConvert and report
 //
-// and the steps of child_faults.h. It reports to JOB.report, so that standard output and standard error hold
-// what the library writes alone.
+// and the steps of child_faults.h. It reports to JOB.report, so that standard output and standard error have
+// only what the library writes.
 
 #include "tests/blackbox/child_faults.h"
 #include "tests/blackbox/child_system.h"

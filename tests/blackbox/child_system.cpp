@@ -25,8 +25,8 @@ int reportedHardwareThreads = 0; // 0: as many as are configured
 
 } // namespace
 
-// The system's function that std::thread::hardware_concurrency asks. The executable exports this one, and the
-// dynamic linker takes it for every module of the process.
+// Replaces the system's function behind std::thread::hardware_concurrency. The executable exports it, so the
+// dynamic linker uses it for every module of the process.
 extern "C" __attribute__((visibility("default"))) int get_nprocs() noexcept {
     return reportedHardwareThreads > 0 ? reportedHardwareThreads : get_nprocs_conf();
 }
@@ -37,7 +37,7 @@ namespace child {
 FloatMode floatMode() {
     FloatMode mode = static_cast<FloatMode>(std::fegetround());
 #if defined(__x86_64__) || defined(_M_X64)
-    constexpr unsigned exceptionFlags = 0x3F; // sticky results of arithmetic, no mode
+    constexpr unsigned exceptionFlags = 0x3F; // sticky exception flags, which are not part of the mode
     mode |= static_cast<FloatMode>(_mm_getcsr() & ~exceptionFlags) << 32;
 #endif
     return mode;
@@ -175,7 +175,7 @@ void setLimit(__rlimit_resource_t resource, rlim_t value) {
 
 } // namespace
 
-// Root is above such limits, so it becomes another user.
+// The limit does not apply to root, so root becomes another user.
 void limitThreads() {
     const auto lone = static_cast<uid_t>(20'000 + getpid() % 40'000);
     setLimit(RLIMIT_NPROC, 6);
@@ -191,7 +191,7 @@ void limitAddressSpace(std::uint64_t bytes) {
 }
 
 void limitFreeFiles(int count) {
-    // Descriptors are given out from the lowest free one, so everything below a fresh one is in use.
+    // The system gives the lowest free descriptor, so all below a new one are in use.
     const int lowestFree = dup(STDOUT_FILENO);
     close(lowestFree);
     setLimit(RLIMIT_NOFILE, static_cast<rlim_t>(lowestFree + count));
@@ -209,7 +209,7 @@ void useUtf8Locale() {
     throw std::runtime_error("paths have no code page here");
 }
 
-// Not getrusage: its value is inherited from the process that started this one.
+// Not getrusage, whose peak includes the parent process before exec.
 std::uint64_t peakMemory() {
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {

@@ -1,5 +1,5 @@
-// What the child process asks of the system: loading the shared object, limits and processor modes. Steps
-// that a system does not have throw std::runtime_error.
+// System functions of the child process: loading the shared object, limits and processor modes. A function
+// that the system does not support throws std::runtime_error.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ void holdOpen(const std::string& path);
 void useOemFileFunctions();
 void useUtf8Locale();
 
-// Bytes of resident memory that the process has had at most; 0 where the system does not tell.
+// The peak resident memory of the process in bytes; 0 if the system does not tell.
 std::uint64_t peakMemory();
 
 // A path as the 8-bit string that the library was given.

@@ -31,7 +31,7 @@ void PrintTo(const BadNumber& bad, std::ostream* stream) {
 
 class BadNumbers : public BlackBox, public testing::WithParamInterface<BadNumber> {};
 
-// The output folder is as it was: numbers are read before it is touched.
+// Numbers are read before the output folder is touched, so it is unchanged.
 TEST_P(BadNumbers, ThrowBeforeTheOutputFolderIsTouched) {
     PlyFile ply = oneSplat();
     ply.moreElements = {GetParam().line};
@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 class Failures : public BlackBox {
 protected:
-    // The one call ended with this file-system error on this path.
+    // Expects that the only call ended with this file-system error on this path.
     static void expectFileSystemError(const HostReport& report, const std::string& operation,
                                       const std::string& path, std::errc code) {
         ASSERT_EQ(report.childFailure, "");
@@ -118,7 +118,7 @@ TEST_F(Failures, AnOutputBelowAFileCannotBeCreated) {
 
 TEST_F(Failures, AnInputThatCannotBeLookedAtThrowsExists) {
     makeOldOutput();
-    input = scratch / std::string(300, 'n'); // longer than a file name may be
+    input = scratch / std::string(300, 'n'); // longer than the longest file name
     expectFileSystemError(convert(), "exists", support::pathBytes(input), std::errc::filename_too_long);
     expectOldOutputUntouched();
 }
@@ -138,7 +138,7 @@ TEST_F(Failures, AnOutputThatCannotBeRemovedThrowsRemoveAll) {
     EXPECT_FALSE(fs::exists(output / "log.txt"));
 }
 
-// A pipe passes the check, which reads no further than the header, and then has no size.
+// A pipe passes the check, which only reads the header. Then it has no size.
 TEST_F(Failures, AnInputWithoutASizeThrowsFileSize) {
     makeOldOutput();
     ASSERT_EQ(mkfifo(input.c_str(), 0600), 0);
@@ -149,8 +149,8 @@ TEST_F(Failures, AnInputWithoutASizeThrowsFileSize) {
     expectOldOutputUntouched();
 }
 
-// The scan for the bounds starts its workers before the output folder is touched. Those that had started have
-// ended: the host reaches its end.
+// The scan for the bounds starts its workers before the output folder is touched. The workers that were
+// started end properly, since the host reaches its end.
 TEST_F(Failures, AThreadThatCannotStartIsTheStandardSystemError) {
     oneSplat().write(input);
     makeOldOutput();
@@ -158,7 +158,7 @@ TEST_F(Failures, AThreadThatCannotStartIsTheStandardSystemError) {
         Host(scratch.folder())
             .step("hardware-threads", "1000")
             .step("folder", support::pathBytes(scratch.folder()))
-            .step("few-threads") // and with it another user, who may not come here by the path
+            .step("few-threads") // it makes the host another user, who has no access to the absolute path
             .convert(std::string("scene.ply"), std::string("out"))
             .run();
     ASSERT_EQ(report.childFailure, "");
@@ -169,7 +169,7 @@ TEST_F(Failures, AThreadThatCannotStartIsTheStandardSystemError) {
     expectOldOutputUntouched();
 }
 
-// With room for the log and nothing else, neither the input nor data.bin can be opened.
+// With one free descriptor, for the log, neither the input nor data.bin can be opened.
 TEST_F(Failures, WithoutDataFileTheProcessEnds) {
     oneSplat().write(input);
     const HostReport report = Host(scratch.folder()).step("free-files", "1").convert(input, output).run();
@@ -179,7 +179,7 @@ TEST_F(Failures, WithoutDataFileTheProcessEnds) {
     EXPECT_EQ(support::filesUnder(output), (std::set<std::string>{"log.txt"}));
 }
 
-// With room for the log and one file more, data.bin can be opened and shcoef.bin cannot.
+// With two free descriptors data.bin can be opened and shcoef.bin cannot.
 TEST_F(Failures, WithoutCoefficientFileTheProcessEnds) {
     oneSplat(true).write(input);
     const HostReport report = Host(scratch.folder()).step("free-files", "2").convert(input, output).run();
@@ -190,8 +190,7 @@ TEST_F(Failures, WithoutCoefficientFileTheProcessEnds) {
                                          "ERROR(indexer:541): cannot open data bin file,write file fail\n"));
 }
 
-// The decoded blocks fit the limit, the output records do not. The next conversion runs as if nothing had
-// been.
+// The decoded blocks fit the limit, the output records do not. The next conversion works normally.
 TEST_F(Failures, OutOfMemoryOnTheCallersThreadIsAnException) {
 #if defined(PLYCONVERT_ADDRESS_SPACE_IN_USE)
     GTEST_SKIP() << "the sanitizer's runtime leaves no address space to limit";
@@ -214,7 +213,7 @@ TEST_F(Failures, OutOfMemoryOnTheCallersThreadIsAnException) {
     EXPECT_THAT(log(), testing::EndsWith("INFO(indexer:29): Start Index ,need a little time ... \n"));
 }
 
-// No exception leaves a worker thread: the process is aborted.
+// An exception on a worker thread aborts the process.
 TEST_F(Failures, OutOfMemoryOnAWorkerAbortsTheProcess) {
 #if defined(PLYCONVERT_ADDRESS_SPACE_IN_USE)
     GTEST_SKIP() << "the sanitizer's runtime leaves no address space to limit";

@@ -1,4 +1,4 @@
-// Faults of the system that the library meets: what it says, what it returns, what it leaves.
+// Faults of the system: what the library prints, returns and leaves behind.
 
 #include "tests/blackbox/blackbox.h"
 #include "tests/support/properties.h"
@@ -21,7 +21,7 @@ using support::Host;
 using support::HostReport;
 using support::PlyFile;
 
-// A file system of its own at a folder, gone with this object. Mounting needs root.
+// A file system mounted at a folder; the destructor unmounts it. Mounting needs root.
 class Mount {
 public:
     explicit Mount(fs::path place) : place_(std::move(place)) { fs::create_directories(place_); }
@@ -75,7 +75,7 @@ protected:
         EXPECT_TRUE(report.endReached);
     }
 
-    // A conversion during which something becomes of the input.
+    // A conversion with a fault of the input at some moment.
     HostReport convertWith(const std::string& fault, const std::string& value) {
         return Host(scratch.folder())
             .step("input", support::pathBytes(input))
@@ -84,7 +84,7 @@ protected:
             .run();
     }
 
-    // What the file gives that holds so many bytes of the scene from the start.
+    // The dataset of a file with only the first `length` bytes of the scene.
     DatasetFiles datasetOfCutFile(std::size_t length) {
         const fs::path cut = scratch / "cut.ply";
         support::writeFile(cut, scene.bytes().substr(0, length));
@@ -93,7 +93,7 @@ protected:
     }
 };
 
-// Failures to write are not reported: the files hold what found room, and the call returns 0.
+// Failed writes are not reported. The files have what fitted, and the call returns 0.
 TEST_F(Faults, AFullDiskIsNotReported) {
     scene.write(input);
     Mount disk(scratch / "disk");
@@ -108,7 +108,7 @@ TEST_F(Faults, AFullDiskIsNotReported) {
     EXPECT_EQ(fs::file_size(output / "converted_from_ply.ytr"), 0u);
 }
 
-// The same of a file that may not grow; the bytes that are there are the right ones.
+// The same with a limit on the file size. The bytes that were written are correct.
 TEST_F(Faults, AFileSizeLimitIsNotReportedWhenItsSignalIsIgnored) {
     scene.write(input);
     const DatasetFiles whole = datasetOfCutFile(scene.bytes().size());
@@ -180,7 +180,7 @@ TEST_F(Faults, WithoutALogTheConversionGoesOn) {
               (std::set<std::string>{"converted_from_ply.ytr", "data.bin", "index.bin"}));
 }
 
-// An ERROR line without a log stands on standard output alone.
+// Without a log an ERROR line goes only to standard output.
 TEST_F(Faults, WithoutALogAnErrorIsStillPrinted) {
     PlyFile().write(input);
     const HostReport report = convertWith("refuse-file", "log.txt");
@@ -188,7 +188,7 @@ TEST_F(Faults, WithoutALogAnErrorIsStillPrinted) {
     EXPECT_EQ(report.process.output, "ERROR(indexer:708): cannot GET lod0 data\n");
 }
 
-// The input vanishes: before the check opens it.
+// The input is removed before the check opens it.
 TEST_F(Faults, AnInputThatVanishesBeforeTheCheckGivesMinusOne) {
     scene.write(input);
     makeOldOutput();
@@ -215,7 +215,7 @@ TEST_F(Faults, AnInputThatVanishesBeforeTheHeaderEndsTheProcess) {
     expectOldOutputUntouched();
 }
 
-// A scan without a file is silent; the chunker then loses its block, and no splat is left.
+// A scan without a file prints nothing. The chunker then loses its block, and no splats are left.
 TEST_F(Faults, AnInputThatVanishesBeforeTheScanIsMissedByTheChunker) {
     for (const char* moment : {"scan", "chunking"}) {
         scene.write(input);
@@ -228,7 +228,7 @@ TEST_F(Faults, AnInputThatVanishesBeforeTheScanIsMissedByTheChunker) {
     }
 }
 
-// The input shrinks before its header is read: it declares nothing any more.
+// The input is cut before its header is read, so it declares nothing.
 TEST_F(Faults, AnInputThatLosesItsHeaderHasNoSplats) {
     scene.write(input);
     const HostReport report = convertWith("cut-header", "0");
@@ -236,7 +236,7 @@ TEST_F(Faults, AnInputThatLosesItsHeaderHasNoSplats) {
     EXPECT_EQ(report.process.output, "ERROR(indexer:708): cannot GET lod0 data\n");
 }
 
-// Later it counts as a file that was cut from the start: the records that are gone are read as zeros.
+// Cut later, it is like a file that was cut from the start: the missing records are read as zeros.
 TEST_F(Faults, AnInputThatShrinksBeforeTheScanIsACutFile) {
     scene.write(input);
     const std::size_t half = scene.header().size() + support::floatsWith * sizeof(float) * splats / 2 + 100;
@@ -249,7 +249,7 @@ TEST_F(Faults, AnInputThatShrinksBeforeTheScanIsACutFile) {
     EXPECT_EQ(support::withoutGuid(found.meta), support::withoutGuid(expected.meta));
 }
 
-// Between scan and chunking the box of the whole file is known already; the records are those of the cut one.
+// Cut between scan and chunking, the box is that of the whole file, the records are those of the cut file.
 TEST_F(Faults, AnInputThatShrinksBeforeTheChunkerKeepsItsBox) {
     scene.write(input);
     const std::size_t half = scene.header().size() + support::floatsWith * sizeof(float) * splats / 2 + 100;
@@ -262,7 +262,7 @@ TEST_F(Faults, AnInputThatShrinksBeforeTheChunkerKeepsItsBox) {
     EXPECT_EQ(support::metaValue(found.meta, "cellLengthX"), support::metaValue(whole.meta, "cellLengthX"));
 }
 
-// The process's own memory can be opened and has nothing to read at its start.
+// /proc/self/mem can be opened but not read at its start.
 TEST_F(Faults, AnInputThatCannotBeReadGivesMinusOne) {
     makeOldOutput();
     input = "/proc/self/mem";
@@ -278,10 +278,10 @@ TEST_F(Faults, AnEmptyDeviceAsInputGivesMinusOne) {
     EXPECT_FALSE(fs::exists(output));
 }
 
-// A line of the header that does not fit into memory. Nothing may be deleted before that is known.
+// Header lines that do not fit into memory. Nothing may be deleted before that is known.
 class LongLines : public Faults {
 protected:
-    // A header line of the stated length: zeros, which take no room on the disk.
+    // Writes a header with a line of `zeros` zero bytes, which take no space on the disk.
     void writeWithLongLine(const std::string& start, std::uintmax_t zeros, const std::string& rest) {
         support::writeFile(input, start);
         fs::resize_file(input, start.size() + zeros);
@@ -312,7 +312,7 @@ TEST_F(LongLines, ACommentThatDoesNotFitIntoMemoryIsAnAllocationError) {
     expectOutOfMemoryBelow("600000000", input);
 }
 
-// Its "end_header" ends in a carriage return and is none: the body is read in search of one.
+// "end_header" with a carriage return does not end the header, so the body is read as header lines.
 TEST_F(LongLines, ABodyThatIsReadAsHeaderAndDoesNotFitIsAnAllocationError) {
     std::string text;
     for (const char c : header) {
@@ -322,12 +322,13 @@ TEST_F(LongLines, ABodyThatIsReadAsHeaderAndDoesNotFitIsAnAllocationError) {
     expectOutOfMemoryBelow("300000000", input);
 }
 
-// A device without an end is one line without an end.
+// An endless device is one endless line.
 TEST_F(LongLines, AnEndlessDeviceIsAnAllocationError) {
     expectOutOfMemoryBelow("200000000", "/dev/zero");
 }
 
-// Permissions count for a host without root's rights. The host writes its report to a file that it has open.
+// Permissions only apply without root's rights. The host keeps its report file open, so it can still write
+// it.
 class Permissions : public Faults {
 protected:
     fs::path locked = scratch / "locked";

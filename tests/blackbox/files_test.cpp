@@ -20,7 +20,7 @@ protected:
     }
 };
 
-// Fields of the record at a place in data.bin.
+// Fields of a record in data.bin.
 std::uint32_t rotationWord(const std::string& data, std::size_t record) {
     return valueAt<std::uint32_t>(data, record * 32 + 22);
 }
@@ -118,14 +118,15 @@ TEST_F(Files, RotationsKeepTheThreeSmallComponents) {
     const auto packed = [](std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t largest) {
         return a | b << 10 | c << 20 | largest << 30;
     };
-    EXPECT_EQ(rotationWord(files.data, 0), packed(511, 511, 511, 3)); // rot_0 stands last
+    EXPECT_EQ(rotationWord(files.data, 0), packed(511, 511, 511, 3)); // rot_0 comes last
     EXPECT_EQ(rotationWord(files.data, 1), packed(511, 511, 511, 0));
     EXPECT_EQ(rotationWord(files.data, 2), packed(511, 511, 511, 0)); // the same turn
     // 0.5 * 1.4142135 * 0.5 + 0.5 = 0.85355; a tie keeps the first
     EXPECT_EQ(rotationWord(files.data, 3), packed(873, 873, 873, 0));
-    // q = (0, -0.894, 0, -0.447): rot_2 is largest and its sign turns the rest; 0.816 * 1023.5 = 835.4
+    // q = (0, -0.894, 0, -0.447): rot_2 is the largest, and its negative sign negates the rest; 0.816 *
+    // 1023.5 = 835.4
     EXPECT_EQ(rotationWord(files.data, 4), packed(511, 511, 835, 1));
-    EXPECT_EQ(rotationWord(files.data, 5), 0u); // no rotation at all: NaN in three components, none largest
+    EXPECT_EQ(rotationWord(files.data, 5), 0u); // all zeros: NaN in three components, none is the largest
 }
 
 TEST_F(Files, CoefficientsArePackedByThree) {
@@ -182,7 +183,7 @@ TEST_F(Files, ValuesThatAreNoNumbersLeaveTheRangesEmpty) {
     EXPECT_EQ(files.data.substr(12, 10), std::string(10, '\0')); // colour, opacity and scale
 }
 
-// What a cut file lacks is zeros: logits and log-scales of 0, and no rotation.
+// The missing part of a cut file is read as zeros: logits and log-scales of 0, and no rotation.
 TEST_F(Files, ACutFileIsFilledWithZeros) {
     PlyFile ply;
     for (int i = 0; i < 3; ++i) {
@@ -234,7 +235,7 @@ PlyFile threeColumns(std::size_t count) {
     return ply;
 }
 
-// Cells of 30 units are stated, yet all splats lie in the one cell 0.
+// The meta document states cells of 30 units, but all splats lie in the single cell 0.
 TEST_F(Files, AMillionSplatsAreOneCell) {
     constexpr std::size_t count = 1'000'000;
     const PlyFile ply = threeColumns(count);
@@ -287,7 +288,7 @@ TEST_F(Files, AboveAMillionTheOccupiedCellsAreListed) {
     EXPECT_EQ(metaValue(files.meta, "totalSplats"), "1000001");
 }
 
-// Splats outside the stated box have no cell in the walk and are left out of the files.
+// Splats outside the stated box have no cell and are left out of the files.
 TEST_F(Files, AllSplatsOutsideTheGridGiveEmptyFiles) {
     PlyFile ply = threeColumns(1'000'001);
     for (std::size_t i = 0; i < ply.records.size(); i += ply.recordFloats()) {

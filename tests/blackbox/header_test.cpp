@@ -1,4 +1,4 @@
-// What the header's lines do to the meta document.
+// The effect of the header's lines on the meta document.
 
 #include "tests/blackbox/blackbox.h"
 
@@ -138,7 +138,8 @@ TEST_F(Header, AScannedBoxHoldsTheOrigin) {
     EXPECT_EQ(boxOf(metaAfterConversion()), "{\n\t\t\"min\": [0, -8, 0], \n\t\t\"max\": [5, 0, 4]\n\t}");
 }
 
-// 17 floats a record, 62 a step: of two records the scan sees the first and then what lies behind the end.
+// Records have 17 floats but the scan steps by 62. Of two records it reads the first, and then beyond the end
+// of the file.
 TEST_F(Header, RecordsWithoutCoefficientsAreScannedWithTheLongStride) {
     PlyFile ply;
     ply.add({.position = {-1.0f, -2.0f, -3.0f}});
@@ -179,7 +180,7 @@ TEST_F(Header, AFaceListAfterTheRecordsIsNotRead) {
     EXPECT_EQ(fs::file_size(output / "data.bin"), 32u);
 }
 
-// Without the end line the whole file is header: the records lie behind its end and are zeros.
+// Without the end line the whole file is header, so all records are beyond its end and are zeros.
 TEST_F(Header, AnEndLineWithACarriageReturnIsNoEnd) {
     PlyFile ply = oneSplat();
     std::string bytes = ply.bytes();

@@ -1,4 +1,5 @@
-// Hosts that set up their process in ways of their own: the bytes stay the same, and so does the host.
+// Hosts with unusual process settings. They change no byte of the dataset, and the library changes none of
+// them.
 
 #include "tests/blackbox/blackbox.h"
 
@@ -40,7 +41,7 @@ protected:
         return ply;
     }
 
-    // Convert in an ordinary host and in this one; everything but the paths and the guid is the same.
+    // Converts in an ordinary host and in this one. Everything except paths and guid must be equal.
     void expectSameAsOrdinary(Host& host) {
         scene().write(input);
         const fs::path ordinary = scratch / "ordinary";
@@ -64,7 +65,7 @@ TEST_F(Hosts, ADecimalCommaInTheLocaleChangesNothing) {
     host.step("locale", "German_Germany.1252");
     expectSameAsOrdinary(host);
 #else
-    // A locale of our own, so that none needs to be installed.
+    // Compiles a locale, so that none needs to be installed.
     const fs::path source = scratch / "comma.src";
     support::writeFile(source, "LC_NUMERIC\ndecimal_point \"<U002C>\"\nthousands_sep \"<U002E>\"\n"
                                "grouping 3;3\nEND LC_NUMERIC\n");
@@ -170,7 +171,7 @@ TEST_F(Hosts, AForkBeforeTheCallChangesNothing) {
     expectSameAsOrdinary(host);
 }
 
-// No thread and no lock of an earlier conversion is missed in the child process.
+// The child process needs no thread and no lock of an earlier conversion.
 TEST_F(Hosts, AForkBetweenTwoCallsChangesNothing) {
     scene().write(input);
     const HostReport report =
@@ -193,8 +194,8 @@ TEST_F(Hosts, LoadingAndUnloadingAHundredTimesChangesNothing) {
     }
 }
 
-// The descriptors of the standard streams that a host has closed are not given to files of the dataset, where
-// the empty lines of standard output would end up.
+// If a host has closed its standard streams, no file of the dataset may get their descriptors: the empty
+// lines of standard output would be written into it.
 TEST_F(Hosts, AClosedStandardOutputPutsNothingIntoTheFiles) {
     scene().write(input);
     const fs::path ordinary = scratch / "ordinary";
@@ -212,7 +213,8 @@ TEST_F(Hosts, AClosedStandardOutputPutsNothingIntoTheFiles) {
     }
 }
 
-// The first empty lines come before the first record: a host that does not ignore the signal is gone by then.
+// The first empty lines are printed before the first record, so a host that does not ignore the signal ends
+// there.
 TEST_F(Hosts, ABrokenPipeEndsAHostByItsSignal) {
     scene().write(input);
     const HostReport report = Host(scratch.folder()).step("broken-pipe").convert(input, output).run();
@@ -266,7 +268,7 @@ TEST_F(Hosts, InALostCurrentFolderARelativeOutputCannotBeCreated) {
 
 class LongPaths : public Hosts {
 protected:
-    // A folder below the scratch folder whose whole path has so many bytes.
+    // A folder below the scratch folder whose path has `length` bytes.
     fs::path folderOfLength(std::size_t length) const {
         std::string path = support::pathBytes(scratch.folder());
         while (length - path.size() > 250) {
@@ -284,7 +286,7 @@ TEST_F(LongPaths, AnOutputOf4072BytesIsConvertedTo) {
     expectSameAsOrdinary(host);
 }
 
-// One more, and the meta document has no room.
+// With one more byte the meta document's path is too long.
 TEST_F(LongPaths, AnOutputOf4073BytesLacksItsMetaDocument) {
     oneSplat().write(input);
     output = folderOfLength(4073);

@@ -1,4 +1,4 @@
-// Scenes of several blocks: the bytes do not depend on which worker takes which block.
+// Scenes of several blocks. The bytes must not depend on which worker takes which block.
 
 #include "tests/blackbox/blackbox.h"
 #include "tests/support/properties.h"
@@ -43,9 +43,9 @@ protected:
         return support::floatsOf(coefficients) * sizeof(float);
     }
 
-    // The peak of the input's conversion is at most 288 bytes a splat, one block of input records, and 64 MiB
-    // for all the rest. Were the decoded blocks not freed one by one while the output records grow, it would
-    // be several hundred MB more.
+    // Expects a peak of at most 288 bytes a splat, one block of input records, and 64 MiB for everything
+    // else. It would be several hundred MB more if the decoded blocks were not freed one by one while the
+    // output records grow.
     void expectPeakWithinTheFormula(bool coefficients) {
         constexpr std::uint64_t block = 2'000'000;
         const HostReport report = convertToTheEnd();
@@ -56,7 +56,7 @@ protected:
         EXPECT_LE(peak, allowed);
     }
 
-    // A scene of several blocks, of which every splat is missing: zeros.
+    // A scene of several blocks with no records in the file, so that all are read as zeros.
     void writeMissingSplats(bool coefficients) {
         PlyFile ply;
         ply.coefficients = coefficients;
@@ -65,7 +65,7 @@ protected:
         ply.write(input);
     }
 
-    // A scene of several blocks whose splats lie scattered over 10,000 cells.
+    // A scene of several blocks whose splats are scattered over 10,000 cells.
     void writeScatteredSplats() {
         PlyFile ply;
         ply.comments = {"comment minx 0", "comment miny 0", "comment maxx 3000", "comment maxy 3000"};
@@ -77,8 +77,8 @@ protected:
         ply.write(input);
     }
 
-    // A scene of several blocks with coefficients: 402 cells that each take a little less than a large page,
-    // and behind them one large cell.
+    // A scene of several blocks with coefficients: 402 cells, each a little smaller than a huge page, and
+    // after them one large cell.
     void writeSmallCellsBeforeALargeOne() {
         PlyFile ply;
         ply.coefficients = true;
@@ -92,7 +92,7 @@ protected:
         ply.write(input);
     }
 
-    // The hashes of what a run leaves in the output folder, which is then removed.
+    // Hashes of the files in the output folder, which is then removed.
     std::map<std::string, std::string> hashesOf(Host& host) {
         const HostReport report = host.convert(input, output).run();
         expectDone(report);

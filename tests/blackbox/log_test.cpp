@@ -82,7 +82,7 @@ TEST_F(Log, PathsAreWrittenAsTheyWerePassed) {
     EXPECT_THAT(log(), testing::StartsWith("INFO(convert:74): input data file:" + odd + "\n"));
 }
 
-// An exception leaves the log open; the next conversion opens its own.
+// After an exception the log stays open; the next conversion opens its own.
 TEST_F(Log, IsWholeAfterAConversionThatThrew) {
     PlyFile bad = oneSplat();
     bad.comments = {"comment epsg none"};

@@ -1,6 +1,6 @@
-// A sound small file cut at every length, and with every bit of its header turned over: each conversion ends
-// in one of the documented ways, a second one ends the same way and leaves the same bytes, and a dataset that
-// is made is the one that the format's rules give.
+// Cuts a small sound file at every length, and inverts every bit of its header. Each conversion must end in
+// one of the documented ways. A second conversion must end in the same way with the same bytes. A dataset
+// must be that of the reference converter.
 
 #include "tests/blackbox/blackbox.h"
 #include "tests/reference/converter.h"
@@ -26,14 +26,14 @@ namespace {
 
 using support::PlyFile;
 
-// Everything that a header can come to: results of the call, ends of the process (a scene without splats),
+// All possible outcomes of a header: results of the call, ends of the process (a scene without splats),
 // errors.
 bool isDocumented(const std::string& ending) {
     return ending == "result 0" || ending == "result -1" || ending == "exit status 255" ||
            std::ranges::find(support::headerErrors, ending) != support::headerErrors.end();
 }
 
-// How one conversion ended, and a hash of what it left.
+// The ending of a conversion, and a hash of its output.
 struct Run {
     std::string ending;
     std::string left;
@@ -48,7 +48,7 @@ PlyFile soundFile(bool coefficients) {
     return ply;
 }
 
-// What standard output got and the folder holds, the guid's digits left out.
+// A hash of standard output and of the folder's files, without the guid's digits.
 std::string hashOfLeft(const fs::path& output, const fs::path& standardOutput) {
     support::Sha256 hash;
     hash.update(support::readFile(standardOutput));
@@ -61,7 +61,7 @@ std::string hashOfLeft(const fs::path& output, const fs::path& standardOutput) {
     return hash.finish();
 }
 
-// Empty when the dataset is the one that the format's rules make of the file.
+// Compares the dataset with that of the reference converter; empty if they are equal.
 std::string differenceFromReference(const fs::path& output, const std::string& file) {
     const reference::Dataset expected = reference::convert(file);
     const support::DatasetFiles found = support::readDataset(output);
@@ -72,8 +72,8 @@ std::string differenceFromReference(const fs::path& output, const std::string& f
                                                                : "";
 }
 
-// Converts the files of its lane, each twice, in processes of its own: one process as long as none of them
-// ends it. What a run came to is a line: a hash and the ending, in the lane's file.
+// Converts the files of its lane, each twice, in child processes. A new process is started only after a
+// conversion has ended the last one. Each run adds a line to the lane's file: a hash and the ending.
 class Lane {
 public:
     using FileOf = std::function<std::string(std::size_t)>;
@@ -99,7 +99,7 @@ public:
         }
     }
 
-    // After the process has ended: true when nothing is left to convert.
+    // To be called when the process has ended. True if nothing is left to convert.
     bool takeEnd(int status) {
         if (WIFEXITED(status) && WEXITSTATUS(status) == finished) {
             return true;
@@ -131,7 +131,7 @@ public:
     }
 
 private:
-    static constexpr int finished = 77; // no status of the library
+    static constexpr int finished = 77; // not a status of the library
 
     fs::path folder_;
     std::vector<std::size_t> cases_;
@@ -194,8 +194,8 @@ private:
     }
 };
 
-// Converts the files of all cases, many at a time: a conversion mostly waits for the pauses of its pools. The
-// ending of each.
+// Converts the files of all cases and returns the ending of each. Many run at a time, because a conversion
+// mostly waits for the pauses of its pools.
 std::map<std::size_t, std::string> convertAll(const fs::path& scratch, std::size_t count,
                                               const Lane::FileOf& fileOf) {
     constexpr std::size_t laneCount = 12;
@@ -230,7 +230,7 @@ class Mutations : public testing::Test {
 protected:
     support::Scratch scratch;
 
-    // Enough for the check is what goes on to the end of the last required name; what is not there is zeros.
+    // A file passes the check if it contains the last required name. Missing bytes are zeros.
     void cutEverywhere(bool coefficients) {
         const std::string file = soundFile(coefficients).bytes();
         const std::size_t enough = file.find("rot_0") + 5;
@@ -268,12 +268,12 @@ TEST_F(Mutations, EveryBitOfTheHeader) {
     const auto endings = turnEveryBit(ply.bytes(), ply.header().size());
     EXPECT_GT(countOf(endings, "result 0"), 0u);
     EXPECT_GT(countOf(endings, "result -1"), 0u);
-    EXPECT_GT(countOf(endings, "exit status 255"), 0u); // a keyword "element" that is none
+    EXPECT_GT(countOf(endings, "exit status 255"), 0u); // the keyword "element" is destroyed
     EXPECT_GT(countOf(endings, "invalid_argument invalid stof argument"), 0u);
     EXPECT_GT(countOf(endings, "invalid_argument invalid stoi argument"), 0u);
 }
 
-// Of the properties those alone that the library looks at; the others are lines like any that it skips.
+// Only the properties that the library reads; it skips the other lines.
 TEST_F(Mutations, EveryBitOfTheHeaderWithCoefficients) {
     const PlyFile ply = soundFile(true);
     std::string header = "ply\nformat binary_little_endian 1.0\nelement vertex 2\n";

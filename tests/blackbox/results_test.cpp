@@ -1,4 +1,4 @@
-// Results, the order of the steps, and what becomes of the output folder.
+// Results, the order of the steps, and what happens to the output folder.
 
 #include "tests/blackbox/blackbox.h"
 
@@ -16,7 +16,8 @@ const std::set<std::string> filesWithCoefficients{"converted_from_ply.ytr", "dat
 
 class Results : public BlackBox {
 protected:
-    // Expect a quiet result, other than 0, of a call that leaves the old output folder alone.
+    // Expects this result, other than 0, from a call that prints nothing and does not touch the old output
+    // folder.
     void expectRefused(int result) {
         makeOldOutput();
         const HostReport report = convert();

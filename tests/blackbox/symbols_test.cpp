@@ -1,4 +1,4 @@
-// The shared object's face to the linker.
+// The exported symbols and the hardening of the built files.
 
 #include "tests/blackbox/blackbox.h"
 
@@ -27,7 +27,7 @@ TEST_F(Symbols, PlyConvertIsTheOnlyOneThatIsExported) {
 #endif
 }
 
-// The environment is the host's: nothing in it changes what a conversion does.
+// The environment belongs to the host, so no variable may change a conversion.
 TEST_F(Symbols, NoEnvironmentVariableIsRead) {
     EXPECT_EQ(support::readFile(PLYCONVERT_LIBRARY).find("PLYCONVERT_KERNELS"), std::string::npos);
 #if !defined(_WIN32) // nm -D reads ELF files
@@ -40,7 +40,7 @@ TEST_F(Symbols, NoEnvironmentVariableIsRead) {
 
 #if defined(PLYCONVERT_HARDENED)
 
-// What the tool says of a file: its words, parted by single blanks, line by line.
+// The output of a tool for a file, with single blanks between words.
 class Hardening : public BlackBox {
 protected:
     std::string told(const std::vector<std::string>& words) {
@@ -58,7 +58,7 @@ protected:
         return text;
     }
 
-    // Lines of told that hold a text.
+    // The lines of `text` that contain `part`.
     static std::vector<std::string> linesWith(const std::string& text, const std::string& part) {
         std::vector<std::string> found;
         std::istringstream lines(text);
@@ -114,7 +114,7 @@ TEST_F(Hardening, TheProgram) {
 }
 #endif
 
-// The flags reach the compiler; this file is built with the settings of all.
+// This file is built with the settings of all targets, so the flags reach the compiler.
 #if defined(__OPTIMIZE__)
 static_assert(_FORTIFY_SOURCE >= 2, "buffers of known size are checked");
 #endif
