@@ -1,6 +1,6 @@
-// Files as programs in the field write them: scenes, and headers alone. They are not part of the project;
-// where the folder is missing, these tests are skipped and say so. PLYCONVERT_SAMPLES at configuration names
-// it.
+// Files as real programs write them: scenes, and headers alone. They are not part of the project. If their
+// folder is missing, the tests are skipped and say so. The CMake variable PLYCONVERT_SAMPLES names the
+// folder.
 
 #include "reader/verify.h"
 #include "tests/reference/converter.h"
@@ -21,12 +21,12 @@ namespace samples {
 namespace fs = std::filesystem;
 using namespace Tavrin::SplatReader;
 
-// What the library makes of a file.
+// The outcome of a conversion.
 enum class Outcome {
-    sound,   // a dataset without any finding of the reader
-    foreign, // a dataset of the bytes as they are read: the records have another layout than the two that the
-             // library knows, or there are none, so positions and attributes mean nothing
-    refused, // no splat file: result -1
+    sound,   // a dataset in which the reader finds nothing wrong
+    foreign, // a dataset with meaningless positions and attributes: the records have another layout than the
+             // two that the library knows, or there are none
+    refused, // not a splat file: result -1
     empty,   // no splats: the process ends
 };
 
@@ -61,7 +61,7 @@ constexpr Sample sceneSamples[] = {
     {"small/not_splat_mesh.ply", Outcome::refused},
 };
 
-// The last element line gives the count, whatever it counts; records that are not there are zeros.
+// The last element line gives the count, whatever it counts. Missing records are zeros.
 constexpr Sample headerSamples[] = {
     {"headers/fixture_01_degree-1-sh.txt", Outcome::foreign, 1, true},
     {"headers/fixture_02_degree-2-sh.txt", Outcome::foreign, 1, true},
@@ -73,7 +73,7 @@ constexpr Sample headerSamples[] = {
     {"headers/fixture_08_duplicate-sh-index.txt", Outcome::foreign, 1, true},
     {"headers/fixture_09_invalid-sh-name.txt", Outcome::foreign, 1, true},
     {"headers/fixture_10_missing-opacity.txt", Outcome::refused},
-    {"headers/fixture_11_list-property.txt", Outcome::refused}, // a list has more than three words
+    {"headers/fixture_11_list-property.txt", Outcome::refused}, // a list line has more than three words
     {"headers/fixture_12_empty-vertex.txt", Outcome::empty},
     {"headers/fixture_13_out-of-range-double.txt", Outcome::foreign, 1, false},
     {"headers/geo_01_comments_before_element_lf.txt", Outcome::foreign, 1048576, true},
@@ -199,7 +199,7 @@ std::string nameOf(const testing::TestParamInfo<Sample>& sample) {
 INSTANTIATE_TEST_SUITE_P(Scene, Samples, testing::ValuesIn(sceneSamples), nameOf);
 INSTANTIATE_TEST_SUITE_P(Header, Samples, testing::ValuesIn(headerSamples), nameOf);
 
-// The geo-referenced headers state the same scene in different places and with different line ends.
+// The geo-referenced headers place the same scene differently and have different line ends.
 class GeoReferenced : public Samples {};
 
 TEST_P(GeoReferenced, CommentsReachTheDocument) {
@@ -211,7 +211,7 @@ TEST_P(GeoReferenced, CommentsReachTheDocument) {
     EXPECT_EQ(metaValue(meta, "source"), "\"ytr\"");
     EXPECT_EQ(metaValue(meta, "dataType"), "\"mobile_scanner\"");
     EXPECT_EQ(metaValue(meta, "epsg"), "32632");
-    // Single precision: 16 decimals of a coordinate of six digits do not survive.
+    // Rounded to single precision.
     EXPECT_EQ(metaValue(meta, "offset"), "[500137.03125, 5414437.5, 312.73770141601562]");
     EXPECT_EQ(metaValue(meta, "shift"), "[0, 0, 0]");
     EXPECT_EQ(metaValue(meta, "scale"), "[1, 1, 1]");
@@ -229,7 +229,7 @@ TEST(SampleFolder, HoldsTheFilesOfTheTables) {
     }
     std::set<std::string> found;
     for (const std::string& name : support::filesUnder(samplesFolder)) {
-        // Other formats and the catalogue have suites of their own.
+        // Other suites test the other formats and the catalogue.
         const bool isOther = name.starts_with("formats/") || name.starts_with("stac/");
         if (!isOther && (name.ends_with(".ply") || name.ends_with(".txt"))) {
             found.insert(name);

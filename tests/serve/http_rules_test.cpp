@@ -1,4 +1,4 @@
-// What the fields of a request mean.
+// Parsing of the header fields of a request.
 #include "program/serve/http_rules.h"
 
 #include <gtest/gtest.h>

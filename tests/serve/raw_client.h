@@ -1,4 +1,4 @@
-// A client that sends bytes of any kind to a server of this machine, and takes its answers apart.
+// A client that sends arbitrary bytes to a server on this machine and parses its answers.
 #pragma once
 
 #include <cstdint>
@@ -22,7 +22,7 @@ struct Answer {
 
 class Connection {
 public:
-    // Connects to 127.0.0.1, or with `six` to [::1]. Throws std::runtime_error when nobody answers there.
+    // Connects to 127.0.0.1, or with `six` to [::1]. Throws std::runtime_error when no server listens there.
     explicit Connection(std::uint16_t port, bool six = false);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -31,20 +31,20 @@ public:
     // False when the server has ended the connection.
     bool send(std::string_view bytes);
 
-    // The next answer; `toHead` says that it has no body, whatever its length says. A body that ends early is
-    // left as short as it came, and so is an answer that does not come within 20 s.
+    // The next answer. `toHead`: it has no body, whatever its length field says. If the body ends early or
+    // does not arrive within 20 s, the answer has the part that arrived.
     Answer receive(bool toHead = false);
 
     // One request, with the server's own address as host unless the fields name one.
     Answer ask(const std::string& method, const std::string& target, const std::string& fields = {});
 
-    // The server has ended the connection: waits for the end, 20 s at most, and drops what comes before.
+    // True if the server ends the connection within 20 s. Discards what arrives before.
     bool isEnded();
 
-    // An answer has begun to come: waits for it, 20 s at most.
+    // True if an answer begins to arrive within 20 s.
     bool hasBegun();
 
-    // No more is sent.
+    // Closes the sending side.
     void finish();
 
 private:

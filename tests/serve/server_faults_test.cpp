@@ -32,7 +32,7 @@ protected:
     support::Scratch scratch;
     std::string folder = Serving::smallDataset(scratch / "town");
 
-    // A request that ends the answer to it, too.
+    // A request for the file of the tests, by default with "Connection: close".
     static std::string request(const Running& server, const std::string& fields = "Connection: close\r\n") {
         return "GET " + dataPath + " HTTP/1.1\r\nHost: localhost:" + std::to_string(server.port()) + "\r\n" +
                fields + "\r\n";
@@ -150,7 +150,7 @@ TEST_F(ViewServerFaults, AThousandSilentClientsKeepNobodyOut) {
         }
     }
     EXPECT_EQ(server.ask("GET", dataPath).body, data);
-    // All but the newest have given way.
+    // The server has closed all but the newest.
     for (std::size_t i = 0; i + ServerLimits().connections < clients; ++i) {
         EXPECT_TRUE(silent[i]->isEnded()) << i;
     }

@@ -1,4 +1,4 @@
-// What the server of `view` answers, asked through raw sockets.
+// The answers of the server of `view`, through raw sockets.
 #include "program/serve/page.h"
 #include "program/system/exit_status.h"
 #include "tests/serve/serving.h"
@@ -152,7 +152,7 @@ TEST_F(ViewServer, GivesTheWholeForWhatIsNoSingleRange) {
         EXPECT_EQ(answer.body, data) << range;
     }
     EXPECT_EQ(get(dataPath, "Range: bytes=0-1\r\nRange: bytes=2-3\r\n").body, data);
-    EXPECT_EQ(get("/", "Range: bytes=0-1\r\n").status, 200); // no parts of the page
+    EXPECT_EQ(get("/", "Range: bytes=0-1\r\n").status, 200); // the page has no ranges
     EXPECT_EQ(get("/").field("accept-ranges"), "none");
     EXPECT_EQ(server.ask("HEAD", dataPath, "Range: bytes=0-1\r\n").status, 200);
 }

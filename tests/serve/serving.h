@@ -1,4 +1,4 @@
-// A server that answers in a thread of its own while a test asks it.
+// A server in a thread of its own, and datasets to serve.
 #pragma once
 
 #include "program/serve/content.h"
@@ -43,7 +43,7 @@ public:
         return RawClient::Connection(port()).ask(method, target, fields);
     }
 
-    // Returns when the server has ended; it still holds its sockets.
+    // Ends the server's thread. The server keeps its sockets open.
     void end() {
         shouldEnd_ = true;
         if (thread_.joinable()) {
@@ -64,7 +64,8 @@ inline std::string smallDataset(const std::filesystem::path& folder) {
     return folder.string();
 }
 
-// More than the system keeps between a server and a client that does not read: 32 MB of data.bin, all zeros.
+// More than the system buffers between a server and a client that does not read: 32 MB of data.bin, all
+// zeros.
 inline constexpr std::uint64_t manySplats = 1'000'000;
 inline std::string largeDataset(const std::filesystem::path& folder) {
     DatasetWriter::MetaFields fields;
