@@ -1,4 +1,4 @@
-// One block decoded by a direct call, whose stride and place may be of any kind.
+// Decodes one block by a direct call with arbitrary stride and offset.
 #include "src/chunker_pass.h"
 #include "tests/reference/splats.h"
 #include "tests/support/files.h"
@@ -35,7 +35,7 @@ struct BlockTest : testing::Test {
                            std::string(reinterpret_cast<const char*>(values.data()), count * sizeof(float)));
     }
 
-    // The decoded block of records that stand so many floats apart.
+    // The decoded block of records that start `strideFloats` floats apart.
     std::vector<float> decode(std::uint64_t count, std::size_t strideFloats, std::int64_t offset = 0) {
         const auto stride = static_cast<std::uint32_t>(strideFloats * sizeof(float));
         DecodePass pass(bounding, chunks);
@@ -54,7 +54,7 @@ struct BlockTest : testing::Test {
         return {data, data + count * recordFloats()};
     }
 
-    // Records of the form in hand, taken from so many floats apart; the last is as long as the task.
+    // The expected records, read `strideFloats` floats apart; the last one is as long as the task.
     std::vector<float> expected(std::size_t count, std::size_t strideFloats) const {
         std::vector<float> records(count * recordFloats(), 0.0f);
         for (std::size_t i = 0; i < count; ++i) {

@@ -33,7 +33,7 @@ namespace {
 
 using support::Random;
 
-// Records by cell key, each as its bytes stand in the files, in the order of insertion.
+// Records by cell key, each with its bytes in the files, in the order of insertion.
 using Cells = std::map<std::uint32_t, std::vector<std::string>>;
 
 template <std::size_t Size>
@@ -75,7 +75,7 @@ struct BuildTest : testing::Test {
         indexer.buildIndex();
     }
 
-    // What the cells of these blocks hold.
+    // The expected records of the cells of these blocks.
     Cells expected(const std::vector<std::vector<float>>& blocks, bool hasCoefficients, bool single) const {
         Cells cells;
         for (const std::vector<float>& block : blocks) {
@@ -98,7 +98,7 @@ struct BuildTest : testing::Test {
         return cells;
     }
 
-    // What the cells of a level hold.
+    // The records of the cells of a level.
     Cells actual(std::uint32_t level) const {
         Cells cells;
         for (const auto& [key, cell] : *indexer.levels->at(level)->cells) {
@@ -156,7 +156,7 @@ TEST_F(BuildTest, RawCoefficientsAreKeptWhenNothingIsPacked) {
     EXPECT_EQ(actual(0), expected(blocks, true, false));
 }
 
-// Far more cells than any table of recent ones holds, in no order.
+// Far more cells than any cache of recent ones holds, in random order.
 TEST_F(BuildTest, ManyScatteredCellsKeepTheirSplatsApart) {
     Random random(73);
     chunkGrid.cellSizeX = chunkGrid.cellSizeY = 1.0f;
@@ -201,12 +201,12 @@ TEST_F(BuildTest, EachLevelHasItsOwnCells) {
 TEST_F(BuildTest, AnEmptyListLeavesNoLevel) {
     build({}, true, 5);
     EXPECT_TRUE(indexer.levels->empty());
-    indexer.bounding.reset(); // nobody looks at it
+    indexer.bounding.reset(); // must not be used
     indexer.buildIndex();
     EXPECT_TRUE(indexer.levels->empty());
 }
 
-// More chunks are filed behind what a level already holds, in old cells and in new ones.
+// Records of more blocks are added to the cells of an existing level, old and new.
 TEST_F(BuildTest, ALevelThatIsThereIsAddedTo) {
     Random random(83);
     for (const std::uint64_t splatCount : {single, grid}) {
@@ -253,7 +253,7 @@ TEST_F(BuildTest, EveryBlockIsFreedAndTheListKeepsItsLength) {
     build({decodedScene(random, 5, false, 9.0f), decodedScene(random, 5, false, 9.0f)}, false, single);
     EXPECT_EQ(*indexer.chunks, BlockList(2));
     *indexer.levels = LevelMap();
-    const auto without = std::make_shared<ChunkData>(); // an entry that has no data stays
+    const auto without = std::make_shared<ChunkData>(); // an entry without data stays
     *indexer.chunks = {without, blockOf(decodedScene(random, 5, false, 9.0f), false)};
     const std::weak_ptr<ChunkData> freed = indexer.chunks->back();
     indexer.buildIndex();
@@ -263,7 +263,7 @@ TEST_F(BuildTest, EveryBlockIsFreedAndTheListKeepsItsLength) {
 
 #if defined(__linux__)
 
-// Memory that appears at the addresses of a block as soon as it is freed, as another thread's may.
+// Memory mapped at the addresses of a block as soon as it is freed, as another thread might do.
 struct Successor {
     static constexpr unsigned char mark = 0x5C;
     void* address;
@@ -282,8 +282,8 @@ struct Successor {
     }
 };
 
-// The first block's splats open a page of each of their cells at once and then fill these, so that its own
-// donated pages are left at its end.
+// The first block's splats touch a page of each of their cells at once and then fill these pages. So the
+// block's own donated pages are left over at its end.
 TEST_F(BuildTest, NoPageOfAFreedBlockStaysDonated) {
     if (!largePagesMove()) {
         GTEST_SKIP() << "pages do not move here";
@@ -317,7 +317,7 @@ TEST_F(BuildTest, NoPageOfAFreedBlockStaysDonated) {
 
 #endif
 
-// So many cells that no budget has a large page for each.
+// More cells than the budget has huge pages.
 TEST_F(BuildTest, ManyCellsShareLargeAndOrdinaryPages) {
     Random random(81);
     for (const float cellSize : {1.0f, 15.0f}) {
@@ -335,7 +335,7 @@ TEST_F(BuildTest, ManyCellsShareLargeAndOrdinaryPages) {
     }
 }
 
-// One cell, written from its start to its end: the pages of the block are taken as they become free.
+// One cell, written from start to end. It takes the pages of the block as they become free.
 TEST_F(BuildTest, PagesMoveWhileOneCellGrows) {
     Random random(79);
     for (const bool hasCoefficients : {false, true}) {
@@ -349,7 +349,7 @@ TEST_F(BuildTest, PagesMoveWhileOneCellGrows) {
     }
 }
 
-// Whether any of these pages is there. Where pages do not move nobody asks.
+// True if any of these pages is mapped. Only used where pages can be moved.
 bool isMapped([[maybe_unused]] std::byte* first, [[maybe_unused]] std::uint64_t bytes) {
 #if defined(__linux__)
     unsigned char present = 0;
@@ -365,7 +365,7 @@ bool isMapped([[maybe_unused]] std::byte* first, [[maybe_unused]] std::uint64_t 
 constexpr unsigned char mark = 0xAA;
 constexpr std::uint64_t roomSize = 6 * largePage;
 
-// Whether the bytes of a record that are never written out, nor ever set, come from memory full of marks.
+// True if some record's unused bytes, which nothing sets, still have the mark of donated memory.
 bool hasMarkedRecord(const LODData& level) {
     for (const auto& [key, cell] : *level.cells) {
         for (const SplatsData& record : *cell) {
@@ -379,7 +379,7 @@ bool hasMarkedRecord(const LODData& level) {
     return false;
 }
 
-// Memory that was touched while the block was decoded holds records, and what is not needed of it is freed.
+// Memory touched while the block was decoded is used for records, and the rest of it is freed.
 TEST_F(BuildTest, GivenMemoryHoldsRecordsAndIsFreed) {
     Random random(81);
     chunkGrid.cellSizeX = chunkGrid.cellSizeY = 60.0f; // of a few pages each
@@ -415,14 +415,14 @@ TEST_F(BuildTest, GivenMemoryHoldsRecordsAndIsFreed) {
 
 #if defined(__linux__)
 
-// Whether the address space of this process still has so many bytes in one piece.
+// True if the address space of this process still has this many contiguous bytes.
 bool hasAddresses(std::uint64_t bytes) {
     void* const mapping = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return mapping != MAP_FAILED && munmap(mapping, bytes) == 0;
 }
 
 struct BuildDeathTest : BuildTest {
-    // Build where the addresses of the records are to be had for those of the memory that was given alone.
+    // Builds with so little address space that the donated memory must be unmapped before the records fit.
     [[noreturn]] void buildInAFullAddressSpace() {
         constexpr std::uint64_t splats = 100'000; // 28.8 MB of records
         constexpr std::uint64_t given = 20 * largePage;

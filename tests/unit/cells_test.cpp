@@ -86,7 +86,7 @@ TEST(CellKey, IsComputedInSinglePrecision) {
     EXPECT_TRUE(doubleWouldDiffer);
 }
 
-// Records of stride floats that start with x and y; NaN stands where nobody has to look.
+// Records of `stride` floats that start with x and y. The rest is NaN, which must not be read.
 std::vector<float> recordsAt(const std::vector<float>& xAndY, std::size_t stride) {
     std::vector<float> records(xAndY.size() / 2 * stride, nan);
     for (std::size_t i = 0; i < xAndY.size() / 2; ++i) {
@@ -149,7 +149,7 @@ TEST(CellKeys, HoldOnTheEdgesOfCells) {
 }
 
 TEST(CellCounter, CountsEveryKeyAndNumbersThemAsTheyAreSeen) {
-    // Keys that share a place in whatever a counter remembers, and those that stand for nothing.
+    // Keys that collide in the counter's table, and keys that could be taken for an empty entry.
     std::vector<std::uint32_t> keys = {5, 1, 0, 0xFFFFFFFF, 1u << 16};
     for (std::uint32_t k = 0; k < 20'000; ++k) {
         keys.push_back(k * 1023);

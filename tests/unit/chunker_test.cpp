@@ -66,14 +66,14 @@ struct ChunkerTest : testing::Test {
         release();
     }
 
-    // Free the blocks and empty the list.
+    // Frees the blocks and clears the list.
     void release() {
         releaseBlocks(*chunks,
                       bounding->hasShcoef ? recordSizeWithCoefficients : recordSizeWithoutCoefficients);
         chunks->clear();
     }
 
-    // The header of a file, which is written under this name.
+    // Writes the file under this name and returns its header.
     SplatHeader write(const PlyFile& file, const std::string& name = "scene.ply") const {
         const std::filesystem::path path = scratch / name;
         file.write(path);
@@ -186,7 +186,7 @@ TEST_F(ChunkerTest, NoVerticesGiveTwoLogLinesAndNoChunk) {
     EXPECT_TRUE(chunks->empty());
     EXPECT_EQ(log(), startLine + endLine);
     EXPECT_EQ(bounding->position.min.x, empty);
-    EXPECT_EQ(bounding->shcoef.max.x, -empty); // set by tasks alone
+    EXPECT_EQ(bounding->shcoef.max.x, -empty); // only tasks set it
 }
 
 TEST_F(ChunkerTest, KeepsItsArguments) {
@@ -371,7 +371,7 @@ TEST_F(ChunkerTest, AMissingFileLeavesTheRangesEmpty) {
     EXPECT_EQ(bounding->scale.max.y, -empty);
 }
 
-// Every float behind the end of the file counts as zero, also the rest of one that is cut in the middle.
+// Every float beyond the end of the file is zero, and so are the missing bytes of a float that is cut.
 TEST_F(ChunkerTest, ACutFileIsFilledUpWithZeros) {
     const PlyFile file = randomFile(60, 5, false);
     const SplatHeader header = write(file);
@@ -393,7 +393,7 @@ TEST_F(ChunkerTest, ACutFileIsFilledUpWithZeros) {
     }
 }
 
-// The blocks as they are cut in the product. The file is a hole but for the records at the block borders.
+// Expects blocks of the library's own size. The file is sparse except for the records at the block borders.
 void expectBlocksOfTwoMillion(const ChunkerTest& test, SplatHeader header, const BlockList& chunks) {
     ASSERT_EQ(test.counts(), (std::vector<std::uint32_t>{2'000'000, 2'000'000, 1}));
     const std::size_t recordFloats = header.recordSize / sizeof(float);
@@ -449,7 +449,7 @@ TEST_F(CellCountTest, SplatsAreCountedByCellWhenAsked) {
     EXPECT_EQ(std::vector<std::uint32_t>(found, found + file.count()), keys);
 }
 
-// 20,000 records of 68 bytes leave 4.4 MB to those of 288 bytes: two large pages.
+// 20,000 records of 288 bytes take 4.4 MB more than those of 68 bytes: two huge pages.
 TEST_F(ChunkerTest, ABlockBringsTheMemoryThatItsRecordsWillTakeBeyondIt) {
     decode({write(randomFile(63, 20'000, false)), write(randomFile(64, 100, false), "small.ply")});
     ASSERT_EQ(chunks->size(), 2u);
@@ -541,7 +541,8 @@ TEST_F(ChunkerTest, AThreadThatCannotStartLeavesAsTheStandardSystemError) {
 TEST_F(ChunkerTest, ReleasingTheListFreesTheBlocksThatAreLeft) {
     const auto full = std::make_shared<ChunkData>();
     full->splatCount = 1;
-    full->data = static_cast<float*>(allocateLarge(recordSizeWithoutCoefficients)); // the leak check would see it
+    // The leak check would see it.
+    full->data = static_cast<float*>(allocateLarge(recordSizeWithoutCoefficients));
     BlockList list = {full, nullptr, std::make_shared<ChunkData>()};
     releaseBlocks(list, recordSizeWithoutCoefficients);
     EXPECT_EQ(list, BlockList(3));

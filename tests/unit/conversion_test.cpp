@@ -1,4 +1,4 @@
-// Whole conversions in blocks of a few splats: many in one process, and every size of block.
+// Whole conversions in blocks of a few splats: with every block size, and many in one process.
 
 #include "plyconvert.h"
 #include "src/blocks.h"
@@ -34,7 +34,7 @@ struct ConversionTest : testing::Test {
         return (scratch / name).string();
     }
 
-    // Every file of the dataset after its name, without the digits of the guid.
+    // Every file of the dataset with its name in front, without the digits of the guid.
     std::string convert(const std::string& input) const {
         EXPECT_EQ(plyConvert(input.c_str(), output.c_str()), PLYCONVERT_DONE);
         std::string all;
@@ -52,7 +52,7 @@ struct ConversionTest : testing::Test {
 
 PlyFile sceneOf(std::uint64_t seed, std::size_t count, bool coefficients, bool bounds) {
     PlyFile file = support::randomFile(seed, count, coefficients);
-    if (bounds) { // without, the file is scanned for them
+    if (bounds) { // without bounds the file is scanned for them
         file.comments = {"comment minx -20", "comment maxx 20", "comment miny -15", "comment maxy 15"};
     }
     return file;
@@ -87,7 +87,7 @@ TEST_F(ConversionTest, BlocksOfEverySizeGiveTheSameBytes) {
     }
 }
 
-// Neither bytes nor what the process holds depend on how many conversions went before.
+// Neither the bytes nor the resources of the process depend on the number of earlier conversions.
 TEST_F(ConversionTest, AThousandInOneProcess) {
     blockSplats = 7;
     std::vector<std::string> inputs;
@@ -142,7 +142,7 @@ TEST_F(ConversionTest, OneWorkerDecodesEveryBlock) {
 
 #if !defined(_WIN32)
 
-// Where the system cannot tell its hardware threads there are no workers: what waits is waited for.
+// If the system cannot tell its hardware threads, there are no workers, and waiting for a block never ends.
 TEST_F(ConversionTest, WithoutWorkersABlockIsWaitedForForever) {
     const std::string input = write(sceneOf(73, 3, false, true), "scene.ply");
     EXPECT_PROCESS_END(

@@ -217,7 +217,7 @@ TEST(PackRotation, FollowsItsFormulaBitForBit) {
     }
 }
 
-// Records with every attribute anything at all.
+// Records with arbitrary attributes.
 std::vector<float> anyRecords(Random& random, std::size_t count, bool hasCoefficients) {
     std::vector<float> records(count * recordLayout(hasCoefficients).floats);
     for (float& value : records) {
@@ -274,7 +274,7 @@ TEST(DecodeRecord, FollowsTheFormulasFieldByField) {
     }
 }
 
-// Positions, normals and coefficients are copied bit for bit, whatever they hold.
+// Positions, normals and coefficients are copied bit for bit, whatever their values.
 TEST(DecodeRecords, CopiedAttributesKeepTheirBits) {
     Random random(44);
     for (const bool hasCoefficients : {false, true}) {
@@ -360,7 +360,7 @@ TEST(DecodeRecords, EachChannelTakesItsFifteenCoefficients) {
     }
 }
 
-// Values among which zeros of both signs are frequent: they compare equal, so the first one visited stays.
+// Records with many zeros of both signs. Zeros compare equal, so the first one visited must stay.
 std::vector<float> recordsWithZeros(Random& random, std::size_t count, bool hasCoefficients) {
     const float sign = support::below(random, 2) == 0 ? 1.0f : -1.0f;
     const float values[] = {0.0f, -0.0f, nan, sign, sign * 2.0f};

@@ -1,5 +1,5 @@
 // Every single-precision input of the decoder's elementary functions. INPUT_STEP is 1 in release builds;
-// slower builds look at every INPUT_STEP-th input.
+// slower builds test every INPUT_STEP-th input.
 
 #include "src/chunker_elementary.h"
 #include "tests/support/floats.h"

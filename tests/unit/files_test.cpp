@@ -76,7 +76,7 @@ struct FilesTest : testing::Test {
         chunkGrid = gridBefore;
     }
 
-    // Put count new records into a cell.
+    // Puts `count` new records into a cell.
     void fill(std::uint32_t level, std::uint32_t key, std::uint32_t count) {
         std::shared_ptr<LODData>& lod = (*indexer.levels)[level];
         if (!lod) {
@@ -92,7 +92,7 @@ struct FilesTest : testing::Test {
         lod->splatCount += count;
     }
 
-    // Write the data files; what went to standard output.
+    // Writes the data files and returns the text on standard output.
     std::string write() {
         return support::withPlainLineEnds(support::standardOutputOf([&] { indexer.writeDataFiles(); }));
     }
@@ -104,7 +104,7 @@ struct FilesTest : testing::Test {
         return {reinterpret_cast<const char*>(indexer.indexBuffer.get()), indexer.indexBufferSize};
     }
 
-    // Bytes [from, from + size) of the records of these numbers, one after the other.
+    // Bytes [from, from + size) of each of these records, concatenated.
     static std::string pieces(const std::vector<std::uint32_t>& numbers, std::size_t from, std::size_t size) {
         std::string bytes;
         for (const std::uint32_t number : numbers) {
@@ -183,7 +183,7 @@ TEST_F(FilesTest, CellsOfUnequalSizeLieBehindEachOther) {
               indexEntry(0, {{5, 0, 160}}) + indexEntry(1, {{1, 160, 32}}) + indexEntry(2, {{7, 192, 224}}));
 }
 
-// Negative cells, and those behind the counts, are nowhere in the files.
+// Cells with negative indices or beyond the counts are not written.
 TEST_F(FilesTest, CellsOutsideTheWalkAreLeftOut) {
     fill(0, 0xFFFFFFFF, 2);
     fill(0, 4, 2);        // column 4 of 4
@@ -192,7 +192,7 @@ TEST_F(FilesTest, CellsOutsideTheWalkAreLeftOut) {
     write();
     expectFiles({6});
     EXPECT_EQ(index(), indexEntry(2, {{1, 0, 32}}));
-    EXPECT_EQ(indexer.levels->at(0)->cells->at(4)->size(), 2u); // they stay where they are
+    EXPECT_EQ(indexer.levels->at(0)->cells->at(4)->size(), 2u); // they stay in memory
 }
 
 TEST_F(FilesTest, AnEmptyCellListGivesEmptyFiles) {
@@ -267,7 +267,7 @@ TEST_F(FilesTest, WrittenCellsAreEmptiedAndKeepTheirRoom) {
     EXPECT_EQ(indexer.levels->at(0)->splatCount, 10u);
 }
 
-// On a grid of more than 65,536 columns the walk meets a key again, when its cell has been written already.
+// On a grid of more than 65,536 columns the walk finds a key a second time, after its cell has been written.
 TEST_F(FilesTest, AKeyThatTheWalkMeetsTwiceIsListedTwice) {
     chunkGrid.cellCountX = 65'537;
     chunkGrid.cellCountY = 2;
@@ -358,7 +358,7 @@ TEST_F(FilesTest, FailingWritesAreNotNoticed) {
 }
 #endif
 
-// The walk as it is described: every column, every row, the key of both kept when the level has it.
+// The walk in its plain form: every column, every row, and each key that the level has.
 std::vector<std::uint32_t> plainWalk(const ChunkGrid& walked, const Keys& keys) {
     std::vector<std::uint32_t> found;
     for (std::int32_t cx = 0; cx < walked.cellCountX; ++cx) {
@@ -435,7 +435,7 @@ TEST(WalkGrid, MoreThan65536Rows) {
     }
 }
 
-// As many cells as no loop over the grid could visit; the keys are those that can only come from one place.
+// More cells than any loop over the grid could visit. Each key belongs to one cell only.
 TEST(WalkGrid, FarStretchedGridsAreWalkedOverTheirCells) {
     const ChunkGrid walked{.cellCountX = 0x10000, .cellCountY = 0x10000};
     LODData level;

@@ -16,7 +16,7 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-// What a conversion before may have left.
+// Values that an earlier conversion may have left.
 const ChunkGrid leftovers{.cellSizeX = -1.0f,
                           .cellSizeY = -2.0f,
                           .originX = -3.0f,
@@ -104,7 +104,7 @@ TEST_F(ChunkGridTest, CellSizeFollowsFromCountAndExtent) {
         {100'000'001, 50.0, 50.0, 10.0f, 6, 6},
         {-1, 500.0, 500.0, 10.0f, 51, 51}, // counts are compared unsigned
         {-1, 50.0, 50.0, 10.0f, 6, 6},
-        {1'000'000, -90.0, -20.0, 30.0f, -2, 0}, // bounds the wrong way round: truncated toward zero
+        {1'000'000, -90.0, -20.0, 30.0f, -2, 0}, // minimum above maximum: truncated towards zero
         {1'000'000, 1e6, 30.0 * 70'000, 30.0f, 33'334, 70'001},
     };
     for (const Row& row : rows) {
@@ -123,7 +123,7 @@ TEST_F(ChunkGridTest, HeightPlaysNoPart) {
     expectGrid(10.0f, 10.0f, 6, 6);
 }
 
-// No integer holds such counts: the written rule gives the low 32 bits of what 64 bits hold, else 0.
+// Such counts do not fit an integer. The rule: the low 32 bits of a value that fits 64 bits, otherwise 0.
 TEST_F(ChunkGridTest, ExtentsBeyondAllIntegersGiveDefinedCounts) {
     constexpr double infinity = std::numeric_limits<double>::infinity();
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
@@ -138,7 +138,7 @@ TEST_F(ChunkGridTest, ExtentsBeyondAllIntegersGiveDefinedCounts) {
 struct ReaderGridTest : ChunkGridTest {
     support::Scratch scratch;
 
-    // Read a header that states a count and bounds; there are no records, and none are looked for.
+    // Reads a header that states a count and bounds. There are no records, and none are read.
     SplatHeader readHeader(const std::string& count, const std::string& extentX, const std::string& extentY) {
         support::PlyFile file;
         file.elementLine = "element vertex " + count;

@@ -60,14 +60,14 @@ struct IndexerTest : testing::Test {
         indexer.run(bounding, chunks, splatCount, "[label]", splatCount, std::make_shared<Params>());
     }
 
-    // The same; what went to standard output.
+    // The same, and returns the text on standard output.
     std::string run(std::uint64_t splatCount) {
         return support::withPlainLineEnds(support::standardOutputOf([&] { runIndexer(splatCount); }));
     }
 
     std::string file(const char* name) const { return support::readFile(scratch / name); }
 
-    // Both files' records of each splat, by cell column, then row, then order of the blocks.
+    // The records of both files, ordered by cell column, then row, then block order.
     std::pair<std::string, std::string> expectedRecords(bool hasCoefficients, bool single) const {
         std::map<std::uint32_t, std::pair<std::string, std::string>> cells; // by column and row
         for (std::size_t at = 0; at < splats.size(); at += recordLayout(hasCoefficients).floats) {

@@ -12,7 +12,7 @@
 #endif
 
 #if defined(__GNUC__)
-// Under the address sanitizer, too, memory that cannot be had is an error to handle and not the end.
+// Makes a failed allocation return an error under the address sanitizer, too, instead of ending the process.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
     return "allocator_may_return_null=1";
 }
@@ -62,8 +62,8 @@ TEST(FreeLarge, AllowsNull) {
     FreeLarge()(nullptr);
 }
 
-// Where the system moves pages, their content comes along and nothing else changes; where it does not,
-// nothing changes at all.
+// If the system can move pages, their content moves and nothing else changes. Otherwise nothing changes at
+// all.
 TEST(MoveLargePage, MovesOnePageAndLeavesItsNeighbours) {
     constexpr std::uint64_t pages = 3;
     const LargeArray<unsigned char> from = makeLargeArray<unsigned char>(pages * largePage);
@@ -87,7 +87,7 @@ TEST(MoveLargePage, MovesOnePageAndLeavesItsNeighbours) {
     from.get()[largePage] = 0x66;
 }
 
-// Whether the ordinary page that holds an address is in memory.
+// True if the ordinary page of an address is in memory.
 bool isResident([[maybe_unused]] const void* address) {
 #if defined(__linux__)
     constexpr std::uintptr_t page = 4096;
@@ -104,7 +104,7 @@ TEST(LargeBlocks, HaveOrdinaryPagesWhereAsked) {
     const LargeArray<unsigned char> block = makeLargeArray<unsigned char>(size);
     useOrdinaryPages(block.get() + largePage, size - largePage);
     block.get()[largePage] = 1;
-    if (largePagesMove()) { // otherwise blocks come from elsewhere
+    if (largePagesMove()) { // otherwise another allocator is used
         EXPECT_TRUE(isResident(block.get() + largePage));
         EXPECT_FALSE(isResident(block.get() + largePage + largePage / 2));
     }
@@ -122,7 +122,7 @@ TEST(LargeBlocks, KeepTheirOtherPagesWhenOneIsReleased) {
     EXPECT_TRUE(std::all_of(block.get(), block.get() + largePage, isKept));
     EXPECT_TRUE(std::all_of(block.get() + 2 * largePage, block.get() + size, isKept));
     EXPECT_TRUE(!largePagesMove() || block.get()[largePage] == 0x00);
-    block.get()[largePage] = 0x55; // its addresses stay
+    block.get()[largePage] = 0x55; // its addresses stay valid
     EXPECT_EQ(block.get()[largePage], 0x55);
 }
 

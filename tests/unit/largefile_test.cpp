@@ -1,4 +1,5 @@
-// Files beyond 4 GiB: sizes and positions have 64 bits on every system. The file is sparse; it takes no room.
+// Files beyond 4 GiB: sizes and positions have 64 bits on every system. The file is sparse and takes no disk
+// space.
 
 #include "src/blocks.h"
 #include "src/records.h"
@@ -23,7 +24,7 @@ protected:
     support::Scratch scratch;
     const std::filesystem::path path = scratch / "large.ply";
 
-    // A header, nothing up to beyond32Bits, then the text "splat".
+    // Writes a header, a hole up to beyond32Bits, then the text "splat".
     void write() {
         std::ofstream file(path, std::ios::binary);
         file << "ply\nformat binary_little_endian 1.0\nelement vertex 1\ncomment minx 1\ncomment maxx 2\n"

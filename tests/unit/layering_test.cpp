@@ -1,4 +1,4 @@
-// Which source files may include which: the arrows between the units and the folders go one way.
+// Checks which source files include which: the dependencies between units and folders go one way.
 
 #include "tests/support/files.h"
 
@@ -26,7 +26,7 @@ struct Include {
     std::string name; // as written
     bool quoted;
 
-    // The file of the project that is meant; empty when there is none.
+    // The included file of the project; empty for other headers.
     std::string target() const {
         for (const fs::path& folder : {(root / from).parent_path(), root, root / "include"}) {
             if (fs::exists(folder / name)) {
@@ -37,7 +37,8 @@ struct Include {
     }
 };
 
-// Take a word off the front of a line, with the blanks before it; false when the line goes on differently.
+// Removes `word` and the blanks before it from the front of the line; false if the line continues
+// differently.
 bool take(std::string_view& line, std::string_view word) {
     line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
     const bool found = line.starts_with(word);
@@ -143,7 +144,7 @@ TEST(Layering, ThePublicHeaderNeedsTheCLibraryAlone) {
     }
 }
 
-// Headers without an extension are the language's; the few others belong to a system or a compiler.
+// Headers without an extension belong to the language, the few others to a system or a compiler.
 TEST(Layering, TheLibraryTheStreamAndTheReaderUseTheStandardLibraryAlone) {
     const std::map<std::string, Names> others = {
         {"src/platform.cpp", {"windows.h", "xmmintrin.h", "sys/stat.h", "fcntl.h", "unistd.h"}},
@@ -256,8 +257,8 @@ TEST(Layering, FoldersOfTheProgramIncludeOnlyThoseBelowThem) {
     }
 }
 
-// Tests of what is shipped do not look inside it, and the reference converter shares no code with it. The
-// test that chooses the kernels of whole conversions does.
+// Tests of the shipped library include none of its headers, and the reference converter shares no code with
+// it. The one exception chooses the kernels of whole conversions.
 TEST(Layering, SuitesOfTheShippedLibraryIncludeNothingOfIt) {
     for (const char* const place : {"tests/blackbox", "tests/golden", "tests/cli", "tests/consumer",
                                     "tests/reference", "tests/support"}) {
@@ -273,8 +274,7 @@ TEST(Layering, SuitesOfTheShippedLibraryIncludeNothingOfIt) {
     }
 }
 
-// The first number of a line, from a place on, that has a suffix in upper case (1.0F, 7U, 0x1fUL); empty when
-// there is none.
+// The first number in a line with a suffix in upper case (1.0F, 7U, 0x1fUL); empty if there is none.
 std::string upperCaseSuffix(const std::string& line) {
     const auto isPart = [](char c) {
         return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '.' || c == '\'';
@@ -297,7 +297,7 @@ std::string upperCaseSuffix(const std::string& line) {
     return {};
 }
 
-// The one part of the dialect that neither .clang-format nor .clang-tidy can hold.
+// The one rule of style that neither .clang-format nor .clang-tidy can check.
 TEST(Layering, SuffixesOfNumbersAreLowerCase) {
     EXPECT_EQ(upperCaseSuffix("a = 1.5F;"), "1.5F");
     EXPECT_EQ(upperCaseSuffix("f(x, 0x7fUL)"), "0x7fUL");

@@ -1,4 +1,4 @@
-// Reading a file line by line: the lines of std::getline, whatever stands in the file.
+// Reading a file line by line: the same lines as std::getline, whatever the content.
 #include "src/splatheader_lines.h"
 #include "tests/support/files.h"
 
@@ -17,7 +17,7 @@ struct LineReaderTest : testing::Test {
     support::Scratch scratch;
     std::string path = (scratch / "text").string();
 
-    // The lines of a file of these bytes are those of std::getline, and so is the position behind each.
+    // Expects the lines of std::getline, and the same position after each, for a file of these bytes.
     void expectSameAsGetline(const std::string& bytes) {
         support::writeFile(path, bytes);
         std::ifstream expected(path, std::ios::binary);

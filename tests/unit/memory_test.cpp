@@ -1,4 +1,4 @@
-// The memory under the records: what of it is on large pages, and where its pages come from.
+// The memory of the records: which of it is on huge pages, and where the pages come from.
 #include "src/indexer_memory.h"
 
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::uint64_t recordBytes = sizeof(SplatsData);
 
-// Records that begin `offset` bytes behind a multiple of largePage, at an address where nothing is.
+// Records that begin `offset` bytes after a multiple of largePage, at an address that is not mapped.
 CellRecords cellAt(std::uint64_t offset, std::uint64_t splats) {
     auto* const first = reinterpret_cast<SplatsData*>((std::uintptr_t{1} << 40) + offset);
     return {.next = first, .backedEnd = first, .end = first + splats};
@@ -109,7 +109,7 @@ TEST_F(RecordMemoryTest, KeepsNoMoreDonatedPagesThanItNeedsAndNoneThatIsWithdraw
     memory.withdrawDonations();
     EXPECT_EQ(memory.sparePages(), 0u);
     memory.back(cells[0].backedEnd, cells[0]);
-    EXPECT_EQ(block[0], std::byte{7}); // nothing was moved out of a block that is somebody else's again
+    EXPECT_EQ(block[0], std::byte{7}); // nothing was moved out of a block that is in use again
 }
 
 TEST_F(RecordMemoryTest, PutsASparePageUnderRecordsAndNothingElse) {
@@ -148,8 +148,8 @@ TEST_F(RecordMemoryTest, KeepsRoomsWhenDonationsAreWithdrawnAndDropsWhatIsTooMuc
     EXPECT_EQ(other.sparePages(), other.bareLargePages());
 }
 
-// Heads of cells are filled while every room is still there, so rooms make way for them. What is known of the
-// cells takes a sixteenth page.
+// The heads of cells are filled while all rooms still exist, so rooms are given up for them. The bookkeeping
+// of the cells takes a sixteenth page.
 TEST_F(RecordMemoryTest, KeepsRoomsAndHeadsWithinTheBudget) {
     std::vector<CellRecords> many(20, cellAt(16, 3 * largePage / recordBytes + 1)); // heads of almost a page
     memory.give(makeLargeArray<std::byte>(40 * largePage));

@@ -26,7 +26,7 @@ constexpr double infinity = std::numeric_limits<double>::infinity();
 
 std::string printed(double value) {
     if (std::isnan(value)) {
-        return std::signbit(value) ? "-nan" : "nan"; // not every C library prints the sign
+        return std::signbit(value) ? "-nan" : "nan"; // some C libraries do not print the sign
     }
     char text[64];
     std::snprintf(text, sizeof text, "%.17g", value);
@@ -112,7 +112,7 @@ TEST(GenerateGuid, IsThirtyTwoLowercaseHexDigits) {
             ++frequency[digit];
         }
     }
-    EXPECT_GT(seen.size(), 1990u); // two of the 2^32 seeds may meet
+    EXPECT_GT(seen.size(), 1990u); // two of the 2^32 seeds may be equal
     EXPECT_EQ(frequency.size(), 16u);
     for (const auto& [digit, count] : frequency) { // 4,000 expected, with a deviation of about 61
         EXPECT_GT(count, 3500) << digit;
@@ -204,7 +204,7 @@ struct MetaTest : testing::Test {
         return text.replace(at, text.find('"', at) - at, "*");
     }
 
-    // The line of a key, from its value on.
+    // The rest of a key's line, starting at its value.
     std::string valueOf(const std::string& key) {
         const std::string text = write();
         const std::string start = "\t\"" + key + "\": ";

@@ -20,7 +20,7 @@ namespace {
 
 using support::Random;
 
-// What reading a text gives: a value, or the class and the text of an error.
+// The result of reading a text: a value, or the class and the text of an error.
 template <typename Number>
 struct Reading {
     std::optional<Number> value;
@@ -41,8 +41,9 @@ Reading<Number> read(Number (*parse)(std::string_view), std::string_view text) {
 const std::string stofInvalid = "invalid_argument: invalid stof argument";
 const std::string stofRange = "out_of_range: stof argument out of range";
 
-// strtof, with the errors that number reading lays down: no number at the start is invalid; a result that
-// does not fit, or that vanishes although it is not zero, is out of range; a subnormal result is a number.
+// strtof with the errors of the library's number reading. A text without a number at its start is invalid. A
+// result that overflows, or that becomes 0 for a number other than 0, is out of range. A subnormal result is
+// a number.
 Reading<float> expectedFloat(const std::string& text) {
     char* end = nullptr;
     errno = 0;
@@ -153,7 +154,7 @@ TEST(ParseFloat, TooLargeIsOutOfRange) {
           "0x1.ffffffp127", "1e99999999999999999999", "999999999999999999999999999999999999999"}) {
         EXPECT_EQ(read(parseFloat, text).error, stofRange) << text;
     }
-    // What rounds down to the largest float is a number.
+    // A value that rounds down to the largest float is in range.
     EXPECT_EQ(parseFloat("3.4028235677973362e38"), FLT_MAX);
     EXPECT_EQ(parseFloat("0x1.fffffep127"), FLT_MAX);
     EXPECT_EQ(parseFloat("0x1.fffffeffp127"), FLT_MAX);
@@ -197,7 +198,7 @@ TEST(ParseFloat, AgreesWithTheCLibraryOnEveryKindOfPrintedFloat) {
     }
 }
 
-// Decimal texts that lie exactly between two floats, and just beside that point.
+// Decimal texts exactly half-way between two floats, and just beside that point.
 TEST(ParseFloat, RoundsToNearestEvenAtHalfway) {
     Random random(21);
     for (int i = 0; i < 20'000; ++i) {
@@ -221,7 +222,7 @@ TEST(ParseFloat, RoundsToNearestEvenAtHalfway) {
     }
 }
 
-// Random pieces of numbers put together: most are no number, or one with text behind it.
+// Random pieces of numbers in a row. Most are not a number, or a number followed by text.
 std::string randomText(Random& random, const std::string& alphabet) {
     std::string text;
     for (std::uint64_t length = support::below(random, 12); text.size() < length;) {

@@ -75,7 +75,7 @@ StoredSplat splatAt(float x, float y, float z, std::array<std::uint8_t, 4> colou
     return splat;
 }
 
-// v turned by the inverse of the rotation: by the vector form of the quaternion product.
+// v rotated by the inverse of q, by the vector form of the quaternion product.
 Point turnedBack(const std::array<double, 4>& q, const Point& v) {
     const Point axis = {-q[1], -q[2], -q[3]};
     const auto cross = [](const Point& a, const Point& b) {
@@ -153,7 +153,7 @@ TEST(PictureProjection, AFootprintIsTheGaussianOfItsCovariance) {
         const double yy = plainY + blurring;
         EXPECT_NEAR(footprint.reachX / (reachOf(splat.opacity) * std::sqrt(xx)), 1.0, 1e-6);
         EXPECT_NEAR(footprint.reachY / (reachOf(splat.opacity) * std::sqrt(yy)), 1.0, 1e-6);
-        // Along the long axis, two standard deviations out, and a pixel to the side.
+        // A point two standard deviations along the long axis and a pixel to the side.
         const double dy = 2.0 * std::sqrt(yy);
         const double dx = xy / yy * dy + 1.0;
         const double u = (dx - double{footprint.slope} * dy) * footprint.inverseX;
@@ -180,7 +180,8 @@ TEST(PictureProjection, LeavesOutWhatIsFaintOrNotFinite) {
     EXPECT_FALSE(project(splat, view, footprint));
 }
 
-// A sphere of standard deviation 0.25 + half a step lies over nothing: each pixel by the closed form.
+// A sphere of standard deviation 0.25 + half a step over nothing: each pixel must have the value of the
+// closed form.
 TEST(Orthophoto, OneSplatIsItsGaussianInItsPlace) {
     DatasetWriter::MetaFields fields;
     fields.offset = {500000.0, 5700000.0, 100.0};
@@ -238,7 +239,7 @@ std::vector<StoredSplat> manySplats(std::size_t count, unsigned seed, bool level
     return splats;
 }
 
-// Without any of the drawing's own order: all splats sorted by height, each pixel by itself, in double.
+// An independent reference: all splats sorted by height, each pixel computed alone, in double precision.
 std::vector<double> plainly(const Reader::Dataset& dataset, const PixelGrid& grid) {
     std::vector<Reader::LoadedSplat> splats = Reader::loadWhole(dataset);
     std::stable_sort(splats.begin(), splats.end(), [](const auto& one, const auto& other) {
@@ -295,14 +296,14 @@ TEST(Orthophoto, IsWhatPlainBlendingGives) {
     const std::vector<std::uint8_t> bytes = drawn(datasets, picture);
     const std::vector<double> expected = plainly(datasets.front(), picture.grid);
     std::size_t covered = 0;
-    std::size_t off = 0; // beyond rounding: where an opacity is about 1 / 255, which may count or not
+    std::size_t off = 0; // differences beyond rounding, where an opacity is close to the limit of 1 / 255
     for (std::size_t i = 0; i < bytes.size(); ++i) {
         covered += i % 4 == 3 && bytes[i] > 0 ? 1 : 0;
         off += bytes[i] != 0 && std::fabs(bytes[i] - expected[i]) > (bytes[i | 3] > 8 ? 1.0 : 40.0) ? 1 : 0;
     }
     EXPECT_GT(covered, 6000u);
     EXPECT_LE(off, bytes.size() / 1000);
-    // Over a background the picture is opaque, and the colours are those of the blend.
+    // With a background the picture is opaque and has the blended colours.
     picture.background = Colour{1.0f, 0.5f, 0.0f};
     const std::vector<std::uint8_t> laid = drawn(datasets, picture);
     for (std::size_t i = 0; i < laid.size(); i += 4) {
@@ -313,7 +314,7 @@ TEST(Orthophoto, IsWhatPlainBlendingGives) {
     }
 }
 
-// The bytes depend neither on the threads nor on how many slabs the memory makes.
+// The bytes depend neither on the number of threads nor on the number of slabs that the memory allows.
 TEST(Orthophoto, IsTheSameForEveryNumberOfThreadsAndSlabs) {
     const DatasetWriter::TemporaryFolder folder;
     DatasetWriter::writeFiles(folder.path(), DatasetWriter::oneCellFiles(manySplats(90'000, 13, true)));
@@ -384,7 +385,7 @@ TEST(Orthophoto, ItsBoxHoldsAllThatIsDrawn) {
             }
             ASSERT_TRUE(std::equal(pixel, pixel + 4,
                                    &inside[4 * (static_cast<std::size_t>(y) * whole.grid.width + x)]));
-            if (pixel[3] > 0) { // little more than the blurring's reach is empty
+            if (pixel[3] > 0) { // hardly more than the margin of the blurring is empty
                 isAtEdge[0] = isAtEdge[0] || x < 5;
                 isAtEdge[1] = isAtEdge[1] || y < 5;
                 isAtEdge[2] = isAtEdge[2] || x >= whole.grid.width - 5;
@@ -495,7 +496,7 @@ TEST(GeoTiff, HoldsPlaceCodeAndPixels) {
     ASSERT_EQ(TIFFReadRGBAImageOriented(tiff, 300, 530, raster.data(), ORIENTATION_TOPLEFT, 1), 1);
     XTIFFClose(tiff);
     for (std::size_t i = 0; i < raster.size(); ++i) {
-        // This reading multiplies by alpha; where it is 255 the colours are as they were.
+        // This function multiplies colours by alpha; with an alpha of 255 they are unchanged.
         ASSERT_EQ(TIFFGetA(raster[i]), pixels[4 * i + 3]);
         if (pixels[4 * i + 3] == 255) {
             ASSERT_EQ(TIFFGetR(raster[i]), pixels[4 * i]);
@@ -534,7 +535,7 @@ TEST(Png, DifferencesCountOverBlackAndOverWhite) {
     Picture one(1, 1);
     Picture other(1, 1);
     one.bytes = {255, 255, 255, 255};
-    other.bytes = {0, 0, 0, 0}; // equal over white alone
+    other.bytes = {0, 0, 0, 0}; // equal only over white
     EXPECT_NEAR(peakSignalToNoise(one, other), 0.0, 1e-12);
     other.bytes = {254, 255, 255, 255};
     EXPECT_NEAR(peakSignalToNoise(one, other), 10.0 * std::log10(255.0 * 255.0 * 3.0), 1e-9);

@@ -34,7 +34,7 @@ TEST(LastPathComponent, IsWhatFollowsTheLastSeparatorBehindTheRootName) {
         {"D:/build/src/chunker", "chunker"},
         {"D:\\build\\src\\chunker", "chunker"},
         {"D:\\build/src\\mixed/chunker", "chunker"},
-        {"D:chunker", "chunker"}, // a drive letter is no part of the component
+        {"D:chunker", "chunker"}, // a drive letter is not part of the component
         {"d:chunker", "chunker"},
         {"D:", ""},
         {"1:chunker", "1:chunker"}, // no drive
@@ -42,7 +42,7 @@ TEST(LastPathComponent, IsWhatFollowsTheLastSeparatorBehindTheRootName) {
         {"\\\\server\\share\\src\\chunker", "chunker"},
         {"//server/share/chunker", "chunker"},
         {"\\\\server\\chunker", "chunker"},
-        {"\\\\server", ""}, // a network share prefix is no part of it either
+        {"\\\\server", ""}, // nor is the prefix of a network share
         {"\\\\?\\C:\\src\\chunker", "chunker"},
         {"src/", ""},
         {"src\\", ""},
@@ -81,7 +81,7 @@ TEST(EndProcessDeathTest, FlushesAndRunsTheExitHandlersOfTheHost) {
         support::statusMinusOne, "^pending.*exit handler ran");
 }
 
-// An exit handler would write to standard error: the pattern reaches to the end of all output.
+// An exit handler would write to standard error, and the pattern covers all output up to its end.
 TEST(EndProcessDeathTest, FromAWorkerItFlushesAndEndsAtOnce) {
     EXPECT_PROCESS_EXIT(
         {
@@ -92,7 +92,7 @@ TEST(EndProcessDeathTest, FromAWorkerItFlushesAndEndsAtOnce) {
         123, "^pending$");
 }
 
-// A thread that is in the middle of a line has the lock: the line is whole before the process ends.
+// A thread that is writing a line has the lock, so the line is complete before the process ends.
 TEST(EndProcessDeathTest, FromAWorkerItWaitsForTheLineOfAnother) {
     EXPECT_PROCESS_EXIT(
         {

@@ -1,4 +1,4 @@
-// Names, references, times, pictures and tiles of a catalogue, and the document itself.
+// Tests of a catalogue: names, references, times, pictures, tiles, and the document itself.
 #include "program/system/exit_status.h"
 #include "program/system/platform.h"
 #include "program/tiles/catalogue.h"
@@ -239,13 +239,13 @@ TEST(Catalogue, StatisticsNameTheirPlaceInTheSchema) {
         if (statistic["name"] == "opacity") {
             EXPECT_EQ(statistic["minimum"], 0.25);
         }
-        // Its range is infinite, which JSON cannot say.
+        // Its range is infinite, which JSON cannot express.
         EXPECT_EQ(statistic.contains("maximum"), statistic["name"] != "normal_x");
     }
     EXPECT_EQ(statistics[1]["minimum"], 5'320'000.25);
 }
 
-// Geo tools make whole numbers of what has no decimal point.
+// Geo tools read numbers without a decimal point as integers.
 TEST(Catalogue, CoordinatesHaveADecimalPoint) {
     const std::string text = catalogueText({itemAt("tile", 8.0)}, {"/city", ""});
     EXPECT_THAT(text,

@@ -1,4 +1,4 @@
-// One record of a source against the record that a dataset has of it.
+// Comparing one record of a source with its record in a dataset.
 #include "program/compare/comparer.h"
 #include "tests/support/dataset_writer.h"
 
@@ -32,7 +32,7 @@ double logit(double opacity) {
     return std::log(opacity / (1.0 - opacity));
 }
 
-// A splat away from the ends of every range.
+// A splat with values away from the ends of every range.
 StoredSplat ordinarySplat() {
     StoredSplat splat;
     splat.position = {1.5f, 2.5f, 0.5f};
@@ -43,7 +43,7 @@ StoredSplat ordinarySplat() {
     return splat;
 }
 
-// A record of the source, as its values are in the PLY file.
+// A record of the source with the values of the PLY file.
 struct Source {
     static constexpr std::size_t normal = 3;
     static constexpr std::size_t colour = 6;
@@ -65,7 +65,7 @@ struct Source {
     const std::byte* bytes() const { return reinterpret_cast<const std::byte*>(values.data()); }
 };
 
-// The record whose every value is the middle of the interval that the stored one stands for.
+// The record whose values are the middles of the stored values' intervals.
 Source sourceOf(const StoredSplat& splat, bool hasCoefficients = true) {
     Source source(hasCoefficients);
     std::copy(splat.position.begin(), splat.position.end(), source.values.begin());
@@ -87,7 +87,7 @@ Source sourceOf(const StoredSplat& splat, bool hasCoefficients = true) {
 
 class ComparerTest : public testing::Test {
 protected:
-    // What comparing this record with the stored one finds; its number in the source is 7, in the dataset 2.
+    // A comparer after comparing this record with the stored one, which have the numbers 7 and 2.
     Comparer compared(const Source& source, const StoredSplat& splat,
                       const DatasetWriter::MetaFields& fields = {}) {
         DatasetWriter::MetaFields form = fields;
@@ -114,7 +114,7 @@ protected:
         return {};
     }
 
-    // One difference of this attribute, in this file at this byte.
+    // Expects exactly one difference: of this attribute, in this file, at this byte.
     static void expectOneDifference(const Comparer& comparer, const std::string& attribute,
                                     const std::string& file, std::uint64_t offset) {
         const auto& errors = comparer.findings().errors();
@@ -128,7 +128,7 @@ protected:
 
 private:
     DatasetWriter::TemporaryFolder folder_;
-    std::optional<SplatReader::Dataset> dataset_; // which the comparer refers to
+    std::optional<SplatReader::Dataset> dataset_; // the comparer refers to it
 };
 
 TEST_F(ComparerTest, FindsNothingWhereEveryValueAgrees) {
@@ -157,7 +157,7 @@ TEST_F(ComparerTest, ComparesRecordsWithoutCoefficients) {
     EXPECT_EQ(errorOf(comparer, "coefficients").values, 0u);
 }
 
-// A value of the source that is this far from the stored one, in steps.
+// A value of the source at this distance from the stored one, in steps.
 struct Shift {
     const char* attribute;
     std::size_t at; // in the record
@@ -214,7 +214,7 @@ TEST_F(ComparerTest, TellsWhatLiesFartherAway) {
     }
 }
 
-// A splat with a difference goes through checks of its own; what agrees in it counts as in any other.
+// A splat with a difference takes another code path. Its agreeing values must count as in any other splat.
 TEST_F(ComparerTest, CountsTheSameValuesBesideADifference) {
     const StoredSplat splat = ordinarySplat();
     const std::vector<AttributeError> agreeing = compared(sourceOf(splat), splat).errors();

@@ -1,4 +1,4 @@
-// Files on their way to the disk while the caller goes on.
+// Flushing files to the disk in the background.
 #include "program/system/disk_flush.h"
 #include "tests/support/files.h"
 
@@ -51,7 +51,7 @@ TEST_F(DiskFlushTest, NamesTheFirstPathThatFails) {
     EXPECT_EQ(end.path, scratch / "gone");
 }
 
-// Nobody waits for the disk: files that come later are not touched any more, or were by then.
+// Giving up does not wait for the disk. Later files may or may not have been flushed by then.
 TEST_F(DiskFlushTest, MayBeGivenUp) {
     std::vector<fs::path> paths;
     for (int i = 0; i < 20; ++i) {

@@ -1,4 +1,4 @@
-// The spread of an attribute's values, the records that are sampled for it, and its bars.
+// The distribution of an attribute's values, the sampled records, and the bars.
 #include "program/info/distribution.h"
 
 #include <gtest/gtest.h>
@@ -45,7 +45,7 @@ TEST(Series, FindsPercentilesWhateverTheOrder) {
     EXPECT_EQ(result.median, 500.0);
     EXPECT_EQ(result.high, 990.0);
     EXPECT_EQ(result.largest, 1000.0);
-    // The bars hold what lies from low to high, in equal parts: 981 values, 61 or 62 a part.
+    // The bars count the values from low to high in equal parts: 981 values, 61 or 62 in each.
     EXPECT_EQ(sumOf(result), 981u);
     for (const std::uint32_t bar : result.bars) {
         EXPECT_NEAR(bar, 981.0 / Distribution::parts, 1.0);

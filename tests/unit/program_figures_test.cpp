@@ -1,4 +1,4 @@
-// Counts, sizes and durations as people read them.
+// Counts, sizes and durations as text for people.
 #include "program/terminal/figures.h"
 
 #include <gtest/gtest.h>

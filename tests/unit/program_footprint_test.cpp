@@ -23,12 +23,12 @@ constexpr double degree = std::numbers::pi / 180.0;
 constexpr double metresPerDegree = 111'320.0;
 constexpr double rounding = 1e-10; // degrees
 
-// World coordinates that are degrees already.
+// World coordinates that are already degrees.
 std::optional<LonLat> asDegrees(double x, double y) {
     return LonLat{std::remainder(x, 360.0), y};
 }
 
-// Metres around 50 degrees north, on a globe: who walks straight leaves the parallel.
+// Metres around a point at 50 degrees north, on a globe. A straight line leaves the parallel.
 std::optional<LonLat> aroundFifty(double x, double y) {
     const double radius = metresPerDegree / degree;
     const double latitude = 50.0 * degree;
@@ -92,7 +92,7 @@ TEST(Footprint, IsAClosedRingCounterclockwise) {
     EXPECT_EQ(footprint->north, 50.5);
 }
 
-// Coordinates that run to the west and to the north are a mirror image of the globe.
+// Coordinates that grow to the west and to the north mirror the globe.
 TEST(Footprint, IsCounterclockwiseInMirroredCoordinates) {
     const auto mirrored = [](double x, double y) { return asDegrees(-x, y); };
     const auto footprint = footprintOf({10.0, 50.0, 10.25, 50.5}, mirrored);
@@ -227,7 +227,7 @@ TEST(Overlap, IsFoundBetweenTilesOfTwoCodes) {
     const auto near = *footprintOf({-50.0, -50.0, 50.0, 50.0}, aroundFifty);
     const auto shifted = *footprintOf({25.0, -50.0, 125.0, 50.0}, aroundFifty);
     const auto far = *footprintOf({51.0, -50.0, 151.0, 50.0}, aroundFifty);
-    const Rectangle same = {0.0, 0.0, 1.0, 1.0}; // says nothing between two codes
+    const Rectangle same = {0.0, 0.0, 1.0, 1.0}; // boxes of different codes must not be compared
     EXPECT_THAT(overlapsOf({{1, same, &near}, {2, same, &shifted}}, 0.01), ElementsAre(pair(0, 1, 0.25)));
     EXPECT_THAT(overlapsOf({{1, same, &near}, {2, same, &far}}, 0.01), IsEmpty());
     EXPECT_THAT(overlapsOf({{1, same, &near}, {2, same, nullptr}}, 0.01), IsEmpty());

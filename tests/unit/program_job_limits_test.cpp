@@ -1,4 +1,4 @@
-// What a scheduler leaves to a job.
+// The limits that a scheduler sets for a job.
 #include "program/system/job_limits.h"
 #include "program/system/processors.h"
 #include "tests/support/files.h"
@@ -90,7 +90,7 @@ TEST_F(GroupMemory, OfTheOlderKindLimitsToo) {
     EXPECT_EQ(memory("5:cpuset:/job\n"), UINT64_MAX);
 }
 
-// A group that the container does not show is the one that is mounted as the root.
+// A group that is not visible in a container is the one mounted as the root.
 TEST_F(GroupMemory, OfAPathThatIsNotShownIsThatOfTheRoot) {
     write("memory.max", "4000\n");
     write("memory.current", "0\n");

@@ -1,4 +1,4 @@
-// The picture beside a dataset: what its file says of its place.
+// The georeference of the picture beside a dataset.
 #include "program/tiles/overview.h"
 #include "tests/support/files.h"
 
@@ -23,13 +23,13 @@ using testing::HasSubstr;
 constexpr std::uint16_t columns = 30;
 constexpr std::uint16_t rows = 20;
 
-// What a GeoTIFF of a test says of its place.
+// The georeference of a GeoTIFF.
 struct Tags {
     std::vector<double> scale = {0.5, 0.25, 0.0};
     std::vector<double> tie = {0.0, 0.0, 0.0, 431'000.0, 5'320'100.0, 0.0};
-    std::vector<double> matrix; // instead of the two
+    std::vector<double> matrix; // instead of scale and tie point
     int epsg = 25832;
-    int geographic = 0; // a code of degrees instead
+    int geographic = 0; // a geographic code instead
     int rasterType = RasterPixelIsArea;
 };
 

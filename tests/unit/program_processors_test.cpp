@@ -1,4 +1,4 @@
-// How many processors a control group leaves to the program.
+// The number of processors that a control group allows the program.
 #include "program/system/processors.h"
 #include "tests/support/files.h"
 
@@ -12,7 +12,7 @@ namespace {
 
 #ifndef _WIN32 // control groups are Linux's
 
-// Stands for /sys/fs/cgroup.
+// A copy of /sys/fs/cgroup.
 class ControlGroups : public testing::Test {
 protected:
     support::Scratch scratch;

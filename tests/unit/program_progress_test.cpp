@@ -1,4 +1,4 @@
-// The line of progress, as a terminal of 80 columns shows it.
+// The progress line on a terminal of 80 columns.
 #include "program/terminal/progress.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// What the terminal shows after some output: text, carriage returns, and the control sequences that progress
-// uses.
+// The line that a terminal shows after this output. Understands text, carriage returns and the control
+// sequences that Progress uses.
 std::string shownAfter(std::string_view output) {
     std::string row;
     std::size_t column = 0;
@@ -44,7 +44,7 @@ std::string outputOf(const std::function<void()>& action) {
     return testing::internal::GetCapturedStderr();
 }
 
-// Longer than between two updates of the line.
+// Waits for longer than the interval between two updates.
 void waitForTheNextUpdate() {
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
 }

@@ -1,4 +1,4 @@
-// How a finished dataset takes its place, and what is left of runs that died.
+// Publishing a finished dataset, and cleaning up after dead runs.
 #include "program/convert/publish.h"
 #include "program/system/exit_status.h"
 #include "tests/support/dataset_writer.h"
@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::HasSubstr;
 
-// No system gives a process this id.
+// A process id that no system uses.
 constexpr std::uint64_t deadProcess = std::numeric_limits<std::uint32_t>::max();
 
 class Publish : public testing::Test {
@@ -30,14 +30,14 @@ protected:
 
     void SetUp() override { support::writeFile(scratch / "in.ply", "ply"); }
 
-    // Where a dataset is to stand, as a conversion resolves it.
+    // The output place as a conversion resolves it.
     OutputPlace placeOf(const fs::path& folder, bool force = false) const {
         OutputPlace place = resolveOutput(support::textOf(folder));
         checkOutput(place, input, force);
         return place;
     }
 
-    // A sound dataset of so many splats, so that two can be told apart.
+    // Writes a sound dataset with `splats` splats, by which datasets are told apart.
     static void writeDataset(const fs::path& folder, std::size_t splats) {
         DatasetWriter::writeFiles(
             folder, DatasetWriter::oneCellFiles(std::vector<DatasetWriter::StoredSplat>(splats)));
@@ -47,7 +47,7 @@ protected:
         return static_cast<std::size_t>(fs::file_size(folder / "data.bin")) / 32;
     }
 
-    // Names in the scratch folder.
+    // The names in the scratch folder.
     std::set<std::string> names() const {
         std::set<std::string> found;
         for (const fs::directory_entry& entry : fs::directory_iterator(scratch.folder())) {
@@ -188,7 +188,7 @@ TEST_F(Publish, RefusesToDeleteWhatStandsInItsWay) {
     EXPECT_EQ(names(), (Names{"in.ply", support::textOf(inTheWay.filename())}));
 }
 
-// How often it tells depends on the disk.
+// The number of progress calls depends on the disk.
 TEST_F(Publish, TellsHowMuchIsFlushed) {
     PartialFolder partial(placeOf(out));
     writeDataset(partial.path(), 2);
@@ -221,7 +221,7 @@ TEST_F(CleanUp, KeepsTheDatasetThatStands) {
 }
 
 TEST_F(CleanUp, LeavesLiveRunsAlone) {
-    // Without a lock file the process id alone tells.
+    // Without a lock file only the process id is checked.
     const fs::path unlocked = partialPath(out, ownProcessId());
     writeDataset(unlocked, 2);
     cleanUpDeadRuns(out);

@@ -1,4 +1,4 @@
-// Files that are removed without waiting for the system to free them.
+// Removing files without waiting for the system to free them.
 #include "program/system/remove_files.h"
 #include "tests/support/files.h"
 

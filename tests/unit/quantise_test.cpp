@@ -98,7 +98,7 @@ TEST(QuantiseSplat, RawCoefficientsAreInterleaved) {
         }
     }
     for (std::size_t offset = 96 + 180; offset < 288; ++offset) {
-        EXPECT_EQ(valueAt<std::uint8_t>(record, offset), 0); // 12 bytes without meaning, written as zeros
+        EXPECT_EQ(valueAt<std::uint8_t>(record, offset), 0); // 12 unused bytes, written as zeros
     }
 }
 
@@ -171,7 +171,7 @@ TEST(PackRotationWord, PutsTenTenTenAndTwoBits) {
         {{0, 0, 0, 2.0f / 3.0f}, 2u << 30},
         {{1, 1, 1, 1}, all},
         {{0.5f, 0.25f, 0.125f, 0}, 511u | 255u << 10 | 127u << 20},
-        {{1.0006f, 0, 0, 0}, 1u << 10}, // 1024 runs into the next field: nothing is masked
+        {{1.0006f, 0, 0, 0}, 1u << 10}, // 1024 overflows into the next field: nothing is masked
         {{0, 0, 1.0006f, 0}, 1u << 30},
         {{-0.001f, 0, 0, 0}, all}, // -1
         {{0, -0.001f, 0, 0}, 0xFFFFFC00},
@@ -224,7 +224,7 @@ TEST(QuantiseSettings, TakesItsRangesFromTheBounding) {
     EXPECT_TRUE(quantiseSettings(bounding, true).compressed);
 }
 
-// Every variant of the work gives the bytes of the formulas, for both forms of coefficients.
+// Expects every variant of the quantiser to give the bytes of the formulas, for both forms of coefficients.
 void expectRecord(const float* splat, bool hasCoefficients, const reference::Ranges& ranges) {
     const reference::Quantised expected = reference::quantise(splat, hasCoefficients, ranges);
     const std::shared_ptr<AttributeBounding> bounding = boundingOf(ranges, hasCoefficients);
@@ -298,8 +298,8 @@ TEST(QuantiseRecords, OfAnyValuesInAnyRangesFollowTheFormulas) {
     }
 }
 
-// One value is where none should be, all others are in their ranges and far from a step: nothing but this
-// value can lead to the plain form.
+// One value lies outside its range. All others are inside and far from a step, so only this value can make
+// the quantiser take its plain form.
 TEST(QuantiseRecords, OneValueOutOfItsRangeWrapsAlone) {
     const float values[] = {-0.0f,   -1e-9f, -0.001f, -0.02f, -0.4f,     -1.5f, -40.0f, -3e9f, 1.0001f,
                             1.0021f, 1.02f,  1.3f,    2.7f,   300.0f,    7e4f,  3e9f,   1e20f, infinity,
@@ -323,8 +323,8 @@ TEST(QuantiseRecords, OneValueOutOfItsRangeWrapsAlone) {
     }
 }
 
-// Values whose place in the range is just where the 16-bit integer steps up, and a few units in the last
-// place to both sides. The minimum is chosen so that the difference is exactly the wanted one.
+// Values exactly where the 16-bit integer increases, and a few units in the last place to both sides. The
+// minimum of the range is chosen so that the difference is exact.
 TEST(QuantiseRecords, SixteenBitStepsFallWhereTheFormulaPutsThem) {
     Random random(62);
     const double extents[] = {1.0, 3.0, 0.7, 5.0 / 3.0, 1e-3, 8.390625, 65535.5, 1e5};
@@ -357,9 +357,8 @@ float firstFloatOf(std::uint64_t integer, float factor) {
     return std::nextafter(value, 2.0f);
 }
 
-// Coefficients whose normalised double lies at the midpoint of the two floats between which the packed
-// integer steps up, and a few units in the last place to both sides: there the rounding to single precision
-// decides.
+// Coefficients whose normalised double is the midpoint of the two floats between which the packed integer
+// increases, and a few units in the last place to both sides. There the rounding to single precision decides.
 TEST(QuantiseRecords, CoefficientStepsFallWhereTheRoundingPutsThem) {
     Random random(63);
     const double extents[] = {1.0, 3.0, 5.0, 7.0, 0.75, 11.0 / 16.0, 13.0, 1.25, 1e-3, 0.3};
@@ -382,8 +381,8 @@ TEST(QuantiseRecords, CoefficientStepsFallWhereTheRoundingPutsThem) {
     }
 }
 
-// Coefficients within a few floats of where the packed integer steps up, in ranges of floats as scenes have
-// them, and at both ends of the range.
+// Coefficients within a few floats of where the packed integer increases, in ranges as scenes have them, and
+// at both ends of the range.
 TEST(QuantiseRecords, CoefficientsAroundEveryStepFollowTheFormulas) {
     Random random(65);
     for (int i = 0; i < 20'000 && !testing::Test::HasFailure(); ++i) {

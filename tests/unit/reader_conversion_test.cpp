@@ -1,5 +1,5 @@
-// The reader against real conversions: every relation holds, positions are exact, every other attribute comes
-// back within half a step of what the input says.
+// Reads real conversions back. All relations must hold, positions must be exact, and every other attribute
+// must be within half a step of the input.
 #include "plyconvert.h"
 #include "reader/dataset.h"
 #include "reader/verify.h"
@@ -35,11 +35,11 @@ struct Source {
     std::size_t count() const { return values.size() / floats; }
     const float* record(std::size_t i) const { return values.data() + i * floats; }
     bool hasRest() const { return floats == support::floatsWith; }
-    // Places of the fields after the colour.
+    // Offsets of the fields after the colour, in floats.
     std::size_t opacity() const { return hasRest() ? 54 : 9; }
 };
 
-// A file of records in either form, as this converter takes them. Nothing when it has another layout.
+// The records of a file in one of the two forms that the library takes. Empty for another layout.
 Source readSource(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     Source source;
@@ -59,7 +59,8 @@ Source readSource(const std::filesystem::path& path) {
     return source;
 }
 
-// What truncation costs, in the attribute's own units: half a step, and what single precision adds.
+// Expects an error of at most half a step, plus the rounding of single precision, in the attribute's own
+// units.
 void expectNear(double found, double expected, double step, const char* what, std::size_t splat) {
     const double slack = std::max(std::fabs(expected), 1.0) * 2e-6;
     ASSERT_LE(std::fabs(found - expected), step / 2 + slack) << what << " of splat " << splat;
@@ -78,7 +79,7 @@ void compareSplat(const Source& source, std::size_t i, const LoadedSplat& loaded
                    steps.scaleStep(axis), "scale", i);
     }
     const double opacity = 1.0 / (std::exp(-static_cast<double>(record[tail])) + 1.0);
-    // Step 0 is fully transparent where the scene has such splats, so a whole step lies below it.
+    // Step 0 means fully transparent if the scene has such splats, so its error can be a whole step.
     expectNear(splat.opacity, opacity, Dequantiser::opacityStep() * (loaded.record.opacity == 0 ? 2.0 : 1.0),
                "opacity", i);
     for (std::size_t k = 0; source.hasRest() && k < 45; ++k) {
@@ -92,14 +93,15 @@ void compareSplat(const Source& source, std::size_t i, const LoadedSplat& loaded
     }
     length = std::sqrt(length) * (rotation[largest] >= 0 ? 1.0 : -1.0);
     for (std::size_t c = 0; c < 4; ++c) {
-        // The stored three within half a step; the fourth is worked out and gathers their errors.
+        // The three stored components are within half a step. The fourth is computed from them and
+        // accumulates their errors.
         const double steps3 = c == largest ? 5.4 : 1.01;
         expectNear(splat.rotation[c], rotation[c] / length, Dequantiser::rotationStep() * steps3, "rotation",
                    i);
     }
 }
 
-// Records of a cell keep the input's order, so each input splat is the next one of its cell.
+// A cell keeps the input's order, so each input splat must be the next record of its cell.
 void expectConverted(const std::filesystem::path& input, const Source& source) {
     const TemporaryFolder folder;
     const std::string output = (folder.path() / "out").string();
@@ -187,14 +189,14 @@ TEST(ReaderConversion, EverySampleComesBack) {
     std::filesystem::recursive_directory_iterator entry(samples);
     for (const std::filesystem::recursive_directory_iterator end; entry != end; ++entry) {
         if (entry->path().filename() == "formats") {
-            entry.disable_recursion_pending(); // what the library does not take
+            entry.disable_recursion_pending(); // formats that the library does not take
         }
         if (entry->path().extension() != ".ply") {
             continue;
         }
         const Source source = readSource(entry->path());
         const std::string name = entry->path().filename().string();
-        // Points without splats; other record layouts have given no source above.
+        // Point clouds. Files of other record layouts have no floats here.
         if (source.floats == 0 || name.find("not_splat") == 0) {
             continue;
         }

@@ -1,4 +1,4 @@
-// Opening datasets, walking their records, loading small ones whole.
+// Opening datasets, reading their records in order, loading small ones whole.
 #include "reader/dataset.h"
 #include "tests/support/dataset_writer.h"
 
@@ -212,7 +212,7 @@ TEST(ReaderGrid, KeysFollowTheSinglePrecisionRule) {
     EXPECT_EQ(grid.keyAt(30.1f, -5.0f), 1u);
     EXPECT_EQ(grid.keyAt(0.1f, 25.0f), 1u << 16);
     EXPECT_EQ(grid.keyAt(0.0F, 25.0F), 0xFFFFFFFFu); // a negative column sets the high half too
-    EXPECT_EQ(grid.keyAt(0.1f + 70'000.0f * 30.0f, -5.0f), 70'000u); // and a far one runs into it
+    EXPECT_EQ(grid.keyAt(0.1f + 70'000.0f * 30.0f, -5.0f), 70'000u); // and a far column overflows into it
     EXPECT_EQ(grid.keyAt(std::numeric_limits<float>::quiet_NaN(), 25.0f), 1u << 16);
     EXPECT_EQ(grid.keyAt(std::numeric_limits<float>::infinity(), -5.0f), 0u);
     meta.totalSplats = 1'000'000;

@@ -1,4 +1,4 @@
-// De-quantisation against the formulas by which values are stored, written out here a second time.
+// Compares de-quantisation with the formulas that store values, which are written here independently.
 #include "reader/dequantiser.h"
 #include "tests/support/dataset_writer.h"
 
@@ -113,7 +113,8 @@ TEST(ReaderDequantiser, InfiniteRangesGiveNoInfinities) {
     }
 }
 
-// The packing, as it is written: the largest of (x, y, z, w) is dropped, its sign folded into the others.
+// The packing by its definition: the largest of (x, y, z, w) is dropped, and the others are multiplied by its
+// sign.
 std::uint32_t packRotation(const std::array<float, 4>& wxyz) {
     std::array<float, 4> q = {wxyz[1], wxyz[2], wxyz[3], wxyz[0]};
     const float length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
@@ -172,7 +173,7 @@ TEST(ReaderDequantiser, RotationsComeBackAsUnitQuaternionsWithinHalfAStep) {
         EXPECT_GT(back[largest], 0.0);
         const double sign = source[largest] >= 0 ? 1.0 : -1.0;
         for (std::size_t c = 0; c < 4; ++c) {
-            // The largest is worked out from the others; their three errors add up in it.
+            // The largest is computed from the others, so their three errors add up in it.
             const double step = Dequantiser::rotationStep() * (c == largest ? 2.7 : 0.5) + 1e-6;
             EXPECT_NEAR(back[c], sign * source[c] / length, step);
         }
@@ -182,7 +183,7 @@ TEST(ReaderDequantiser, RotationsComeBackAsUnitQuaternionsWithinHalfAStep) {
 TEST(ReaderDequantiser, EachIndexOfTheLargestHasItsPlace) {
     for (std::size_t place = 0; place < 4; ++place) {
         std::array<float, 4> source{};
-        source[place] = -1.0f; // and the sign is folded: the same rotation
+        source[place] = -1.0f; // negated: the same rotation
         const std::uint32_t word = packRotation(source);
         EXPECT_EQ(word >> 30, (place + 3) % 4);
         EXPECT_NEAR(unpackRotation(word)[place], 1.0, 1e-5);
@@ -198,7 +199,7 @@ TEST(ReaderDequantiser, ImpossibleRotationsGiveTheIdentity) {
 }
 
 TEST(ReaderDequantiser, EqualComponentsAreNotRefused) {
-    // Two components of equal size at 1/sqrt(2), and four of 1/2: the packing's edge.
+    // Two equal components of 1/sqrt(2), and four of 1/2: the limits of the packing.
     for (const std::array<float, 4>& source :
          {std::array<float, 4>{1, 1, 0, 0}, {0, 1, -1, 0}, {1, 1, 1, 1}, {-1, 1, -1, 1}, {1, 1, 1, 0}}) {
         EXPECT_TRUE(rotationPossible(packRotation(source)));

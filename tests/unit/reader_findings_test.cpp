@@ -1,4 +1,4 @@
-// Findings that are collected by several checks come out as if one had made them.
+// Merged findings of several checks are the same as those of one check.
 #include "reader/findings.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@ namespace {
 
 using namespace Tavrin::SplatReader;
 
-// The offsets, as each finding has one of its own.
+// The offsets, which identify the findings.
 std::vector<std::uint64_t> offsets(const std::vector<Finding>& list) {
     std::vector<std::uint64_t> found;
     for (const Finding& finding : list) {

@@ -1,5 +1,5 @@
-// docs/format.md states the format for readers in other languages; its tables are compared with the reader's
-// constants, and its worked example is worked.
+// docs/format.md states the format for readers in other languages. These tests compare its tables with the
+// reader's constants and check its worked example.
 #include "reader/dequantiser.h"
 #include "reader/format.h"
 
@@ -33,7 +33,7 @@ std::string trimmed(const std::string& text) {
     return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
 
-// The body rows of the table that follows the mark.
+// The body rows of the table after the mark.
 std::vector<Row> table(const std::string& name) {
     std::istringstream lines(document());
     std::string line;
@@ -212,7 +212,7 @@ std::vector<std::byte> exampleRecord() {
     return record;
 }
 
-// The number that ends a cell, after its "=" when it has one; a minus sign of the document counts.
+// The number at the end of a cell, after its "=" if it has one, with the document's minus sign.
 double shownValue(std::string cell) {
     const std::size_t equals = cell.find_last_of('=');
     cell = equals == std::string::npos ? cell : cell.substr(equals + 1);

@@ -1,4 +1,4 @@
-// The meta document: reading, its oddities, what is refused and where.
+// The meta document: reading it, its oddities, and where faults are found.
 #include "reader/meta.h"
 #include "tests/support/dataset_writer.h"
 
@@ -108,7 +108,7 @@ TEST(ReaderMeta, ReadsInfinitiesAndNotANumber) {
     EXPECT_FALSE(parsed.meta->scaleRange().finite(0));
     EXPECT_TRUE(std::isnan(parsed.meta->offset[0]));
     EXPECT_TRUE(std::signbit(parsed.meta->offset[1]));
-    // An empty range is what no splat widened: legal, and worth a word.
+    // A range that no splat widened is empty, which is legal but reported.
     EXPECT_EQ(parsed.findings.errorCount(), 0u) << allFindings(parsed);
     EXPECT_EQ(parsed.findings.warningCount(), 3u) << allFindings(parsed);
 }
@@ -118,7 +118,7 @@ TEST(ReaderMeta, OtherWordsAreNoNumbers) {
          {"infinity", "Inf", "NaN", "+1", ".5", "1.", "0x10", "1e", "1e999", "--1", "inf1"}) {
         const Parsed parsed =
             parse(replaced(soundText(), "\"cellLengthX\": 8", std::string("\"cellLengthX\": ") + word));
-        // "1." is read by the number grammar at hand and refused as not in the document's own form.
+        // "1." is a number for the parser, and reported as not in the document's own form.
         EXPECT_GT(parsed.findings.errorCount() + parsed.findings.warningCount(), 0u) << word;
     }
 }
@@ -174,8 +174,8 @@ TEST(ReaderMeta, EveryPrefixIsRefusedWithoutACrash) {
 }
 
 TEST(ReaderMeta, EveryByteChangedIsFoundOrHarmless) {
-    // Free texts, the guid's digits and values that nothing else repeats may change without a trace; nothing
-    // crashes.
+    // Changes of free texts, of the guid's digits and of values that nothing repeats cannot be found. Nothing
+    // may crash.
     const std::string text = soundText();
     std::size_t unnoticed = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {

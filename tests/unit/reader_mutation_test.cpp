@@ -1,4 +1,4 @@
-// Single faults, one at a time, in datasets that a conversion wrote: each must be found, none may crash.
+// Makes single faults in datasets that a conversion wrote. Each must be found, and none may crash the reader.
 #include "plyconvert.h"
 #include "reader/record.h"
 #include "reader/verify.h"
@@ -28,8 +28,8 @@ void replaceAt(Bytes& bytes, std::size_t at, std::size_t length, const std::stri
     bytes.replace(at, length, with);
 }
 
-// Each comma, quote, colon, brace and bracket taken out; each line taken out, doubled, and swapped with the
-// next.
+// Adds faults of syntax: each comma, quote, colon, brace and bracket removed; each line removed, repeated,
+// and swapped with the next.
 void addSyntaxFaults(const Files& files, std::vector<Mutation>& list) {
     const Bytes& meta = files.meta;
     for (std::size_t at = 0; at < meta.size(); ++at) {
@@ -49,8 +49,7 @@ void addSyntaxFaults(const Files& files, std::vector<Mutation>& list) {
     }
 }
 
-// The numbers that something else in the dataset repeats or implies, each made a little larger in its first
-// digit.
+// Adds changes of the numbers that another part of the dataset repeats or implies, each in its first digit.
 void addNumberFaults(const Files& files, std::vector<Mutation>& list) {
     const Bytes& meta = files.meta;
     for (const char* key :
@@ -106,7 +105,7 @@ void addSizeFaults(const Files& files, std::vector<Mutation>& list) {
           {0, 1, 2, 100, files.meta.size() / 2, files.meta.size() - 2, files.meta.size() - 3});
 }
 
-// Every bit of every index field.
+// Adds a change of every bit of every index field.
 void addIndexFaults(const Files& files, std::vector<Mutation>& list) {
     for (std::size_t at = 0; at < files.index.size(); ++at) {
         for (const int bit : {0, 3, 7}) {
@@ -162,8 +161,7 @@ std::uint64_t findingsOf(const VerifyReport& report) {
     return report.findings.errorCount() + report.findings.warningCount();
 }
 
-// The sound dataset has no errors; a hand-made one may have warnings, such as of values that all lie at one
-// step.
+// The unchanged dataset has no errors. It may have warnings, such as of values that all have one step.
 void expectEachFound(const Files& files, const std::vector<Mutation>& list) {
     const support::Scratch scratch;
     const VerifyReport sound = reportOf(files, scratch / "sound");
@@ -196,7 +194,7 @@ TEST(ReaderMutation, EverySingleFaultOfAGridIsFound) {
     const Files files = DatasetWriter::gridScene();
     std::vector<Mutation> list;
     addIndexFaults(files, list);
-    // A splat that crosses each border of its cell.
+    // Moves a splat across each border of its cell.
     for (std::size_t record = 0; record < files.data.size() / 32; ++record) {
         for (const float shift : {-31.0f, 31.0f}) {
             for (const std::size_t axis : {0u, 1u}) {

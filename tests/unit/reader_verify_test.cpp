@@ -1,4 +1,4 @@
-// verifyDataset over sound datasets, single faults and hostile sizes.
+// verifyDataset on sound datasets, single faults and malicious sizes.
 #include "reader/verify.h"
 #include "tests/support/dataset_writer.h"
 
@@ -294,7 +294,7 @@ TEST(ReaderVerify, FindingsOfOneKindAreCountedPastTheirLimit) {
     EXPECT_EQ(report.findings.errors().size(), 2u);
 }
 
-// More records than one thread reads: what each finds comes together in the order of the file.
+// More records than one thread reads. The threads' findings must be in the order of the file.
 TEST(ReaderVerify, ManyRecordsAreCheckedInTheirOrder) {
     constexpr std::size_t count = 200'000;
     std::vector<DatasetWriter::StoredSplat> splats = DatasetWriter::smallScene();
@@ -329,7 +329,7 @@ TEST(ReaderVerify, ManyRecordsAreCheckedInTheirOrder) {
     EXPECT_EQ(report.use->scale[2].highest, 65535u);
 }
 
-// 400,000 records, some of them broken, on so many threads.
+// Verifies 400,000 records, some of them broken, with different numbers of threads.
 struct ReaderVerifyThreads : testing::Test {
     static constexpr std::size_t count = 400'000;
     const TemporaryFolder folder;
@@ -436,7 +436,7 @@ TEST(ReaderVerify, KeysThatRunTogetherAreNotChecked) {
     EXPECT_EQ(report.findings.warningKinds().count("index-grid"), 1u);
 }
 
-// Random bytes over every file: whatever comes, a report and no crash.
+// Random bytes in every file must give a report and no crash.
 TEST(ReaderVerify, RandomDamageNeverCrashes) {
     std::mt19937 engine(3);
     const TemporaryFolder folder;

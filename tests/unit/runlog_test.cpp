@@ -191,7 +191,7 @@ using LogOperation = void (*)(std::string message, std::string sourcePath, std::
 constexpr int writerCount = 8;
 constexpr int linesOfAWriter = 250;
 
-// The message of a writer, unlike any other in its letter and its length.
+// The message of a writer. No other has its letter or its length.
 std::string messageOf(char letter) {
     return std::string(200 + 50 * static_cast<std::size_t>(letter - 'a'), letter);
 }
@@ -211,7 +211,7 @@ void logFromManyThreads(LogOperation write) {
     }
 }
 
-// Every writer's lines are there, whole and in its order, whatever stands between them.
+// Expects the lines of every writer, complete and in order, mixed with those of others.
 void expectLinesOfAllWriters(const Lines& lines, const std::string& kind) {
     std::map<char, int> next;
     for (const std::string& line : lines) {
@@ -240,7 +240,7 @@ TEST_F(RunLogTest, ErrorsOfManyThreadsStayWholeOnStandardOutputToo) {
     expectLinesOfAllWriters(lines(), "ERROR");
 }
 
-// Then std::cout has a buffer of its own, which belongs to no thread.
+// std::cout then has a buffer of its own, which no lock of the C library protects.
 TEST_F(RunLogTest, ErrorsStayWholeWhereTheHostHasUntiedStandardOutput) {
     std::ios::sync_with_stdio(false);
     openRunLog(path);

@@ -33,7 +33,7 @@ struct Box {
     Vector3 max;
 };
 
-const std::string headerText = "thirteen head"; // what stands before the records here
+const std::string headerText = "thirteen head"; // in front of the records
 
 struct ScanTest : testing::Test {
     support::Scratch scratch;
@@ -42,7 +42,7 @@ struct ScanTest : testing::Test {
 
     ~ScanTest() override { blockSplats = blockSplatsBefore; }
 
-    // A file of records of this many floats at these positions; what the scan must not look at is far off.
+    // Writes records of this many floats at these positions. Values that the scan must not read are far away.
     void write(const std::vector<Position>& positions,
                std::size_t recordFloats = layoutWithCoefficients.floats) const {
         std::vector<float> records;
@@ -126,7 +126,8 @@ TEST_F(ScanTest, TheZeroOfTheOriginStaysPositive) {
     EXPECT_FALSE(std::signbit(box.max.x));
 }
 
-// 248 bytes are 3 records of 68 and 44 bytes: of narrow records the scan takes numbers out of the middle.
+// 248 bytes are 3 records of 68 bytes and 44 bytes of the next, so the scan reads values from the middle of
+// narrow records.
 TEST_F(ScanTest, NarrowRecordsAreScannedWithTheWideStrideToo) {
     constexpr std::size_t narrow = layoutWithoutCoefficients.floats;
     std::vector<float> floats(narrow * 8);
@@ -139,8 +140,7 @@ TEST_F(ScanTest, NarrowRecordsAreScannedWithTheWideStrideToo) {
     expectBox(scan(2), {0, 0, 0},
               {floats[layoutWithCoefficients.floats], floats[layoutWithCoefficients.floats + 1],
                floats[layoutWithCoefficients.floats + 2]});
-    // The third stride starts at float 124, the rest of it lies behind the end of the file and counts as
-    // zeros.
+    // The third stride starts at float 124. The rest of it is beyond the end of the file and reads as zeros.
     expectBox(scan(3), {0, 0, 0}, {floats[124], floats[125], floats[126]});
     expectBox(scan(8), {0, 0, 0}, {floats[124], floats[125], floats[126]});
 }
@@ -157,7 +157,7 @@ TEST_F(ScanTest, WhatLiesBehindTheEndOfTheFileReadsAsZeros) {
     expectBox(scan(2), {0, 0, 0}, {0, 0, 0});
 }
 
-// The last float of a cut file keeps its low bytes and gets zeros on top.
+// The last float of a cut file keeps its low bytes; the missing high bytes are zeros.
 TEST_F(ScanTest, AFloatThatIsCutInTheMiddleIsFilledUpWithZeroBytes) {
     write({{1, 1, 1}, {1.0000001f, 0, 0}});
     std::filesystem::resize_file(path, headerText.size() + scanStride + 2);
@@ -168,8 +168,8 @@ TEST_F(ScanTest, AFileThatCannotBeOpenedContributesNothing) {
     EXPECT_EQ(support::standardOutputOf([&] { expectBox(scan(5), {0, 0, 0}, {0, 0, 0}); }), "");
 }
 
-// A block is looked for once: where it starts before the file, none of it is read, however much of it stands
-// in the file.
+// There is one seek for a block. If the block starts before the file, none of it is read, even the part in
+// the file.
 TEST_F(ScanTest, ABlockBeforeTheStartOfTheFileContributesNothing) {
     write(std::vector<Position>(3000, Position{2, 3, 4}));
     const auto [min, max] = SplatHeader::computeBBox(path, 3000, -10);
@@ -197,7 +197,7 @@ TEST_F(ScanTest, BlocksTogetherGiveTheBoxOfAll) {
     }
 }
 
-// More records than any window that they may be read in.
+// More records than any window holds.
 TEST_F(ScanTest, LongBlocksAreScannedToTheirEnd) {
     constexpr std::size_t count = 5000;
     for (const std::size_t at : {std::size_t{0}, std::size_t{1023}, std::size_t{1024}, std::size_t{4095},
@@ -212,14 +212,14 @@ TEST_F(ScanTest, BlocksHoldTwoMillionSplats) {
     EXPECT_EQ(blockSplats, 2'000'000u);
 }
 
-// The block border at its true place: only the one record behind it is not zeros.
+// Shows the position of the block border: only the record after it is not zero.
 TEST_F(ScanTest, TheSecondBlockStartsTwoMillionRecordsBehindTheHeader) {
     constexpr std::uint64_t offset = 496'000'000;
     const Position last{-1.5f, 2.5f, -3.5f};
     std::string record(scanStride, '\0');
     std::memcpy(record.data(), last.data(), sizeof last);
     support::writeFile(path, headerText);
-    std::filesystem::resize_file(path, headerText.size() + offset); // a hole: it takes no room on the disk
+    std::filesystem::resize_file(path, headerText.size() + offset); // a hole, which takes no disk space
     std::ofstream(path, std::ios::binary | std::ios::app) << record;
     expectBox(scan(2'000'000), {0, 0, 0}, {0, 0, 0});
     expectBox(scan(2'000'001), {-1.5f, 0, -3.5f}, {0, 2.5f, 0});
@@ -255,11 +255,11 @@ TEST_F(ScanTest, ATaskReadsItsOwnSlice) {
     expectBox({pass.min, pass.max}, {0, 0, 0}, {0, 0, 0});
     scanBlock(taskOf(path, 1, 2), pass);
     expectBox({pass.min, pass.max}, {-3, -3, -3}, {2, 2, 2});
-    scanBlock(taskOf(path, 3, 1), pass); // widens what the first has left
+    scanBlock(taskOf(path, 3, 1), pass); // widens the box of the first
     expectBox({pass.min, pass.max}, {-3, -3, -3}, {40, 40, 40});
 }
 
-// A worker whose own block is done takes windows of a block that another has begun.
+// A worker that has finished its own block takes windows of a block that another has begun.
 TEST_F(ScanTest, ATaskHelpsWithBlocksThatOthersHaveBegun) {
     write({{1, 1, 1}, {20, 20, 20}});
     for (const bool blocksWait : {false, true}) {

@@ -64,7 +64,7 @@ protected:
     std::filesystem::path folder;
 };
 
-// The value of each three-word comment line, by key.
+// The value of the three-word comment line with this key.
 float statedBound(const std::string& header, const std::string& key) {
     std::istringstream lines(header);
     std::string line;
@@ -263,8 +263,8 @@ TEST(Scenes, ValuesAreFiniteAndDistributedAsATrainersAre) {
 }
 
 TEST(Scenes, DiscsLieFlatOnTheSurfaces) {
-    // One axis of every splat stands along the surface's normal, and but for rare stretched ones it is the
-    // thin one; which of the three it is differs from splat to splat.
+    // One axis of every splat is parallel to the surface's normal; except for a few stretched splats it is
+    // the thin one. Which of the three axes it is varies.
     SceneOptions options = smallScene(5'000, false);
     options.normals = true;
     const std::vector<float> records = scenes::sceneRecords(options);

@@ -114,7 +114,7 @@ struct SharedBlocksTest : testing::Test {
         return job;
     }
 
-    // Help until there is nothing more to do; the number of windows worked on.
+    // Helps until nothing is left to do. Returns the number of windows.
     std::uint64_t help() {
         std::uint64_t windows = 0;
         blocks.helpOthers([&](Job& job, RecordReader& reader) {
@@ -155,7 +155,7 @@ struct RecordReaderTest : testing::Test {
     support::Scratch scratch;
     std::string path = (scratch / "file").string();
 
-    // What is read into a destination that held other bytes.
+    // The bytes read into a buffer that held other bytes before.
     static std::string read(RecordReader& reader, std::uint64_t offset, std::size_t length) {
         std::string bytes(length, '#');
         reader.read(offset, bytes.data(), length);
@@ -181,7 +181,7 @@ TEST_F(RecordReaderTest, WhatCannotBeReadIsZeros) {
     EXPECT_EQ(read(reader, 1'000'000, 3), std::string(3, '\0'));
     EXPECT_EQ(read(reader, std::uint64_t{1} << 63, 3), std::string(3, '\0'));
     EXPECT_EQ(read(reader, std::numeric_limits<std::uint64_t>::max(), 3), std::string(3, '\0'));
-    EXPECT_EQ(read(reader, 2, 3), "234"); // and the reader goes on
+    EXPECT_EQ(read(reader, 2, 3), "234"); // and the reader still works
 }
 
 TEST_F(RecordReaderTest, AMissingFileIsNotOpen) {

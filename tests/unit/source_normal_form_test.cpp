@@ -1,5 +1,5 @@
-// A scene of any layout and its normal form give the same dataset: the first as a stream, the second by the
-// library.
+// A scene of any layout, converted by the stream, and its normal form, converted by the library, must give
+// the same dataset.
 
 #include "source/canonical_header.h"
 #include "source/merge.h"
@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 using support::PlyFile;
 using support::Scratch;
 
-// The canonical file of a scene: what the library is given.
+// The canonical file of a scene, for the library.
 std::string normalForm(const SplatSource::Source& scene, const SplatStream::Measured& measured) {
     const std::size_t floats = GaussionSplat::recordLayout(scene.hasCoefficients).floats;
     std::vector<float> records(scene.count * floats);

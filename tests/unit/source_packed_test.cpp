@@ -1,6 +1,6 @@
-// Packed splats, SPZ and compressed PLY: files that other programs wrote, with the values beside them, and
-// damaged ones. They are not part of the project; where the folder is missing, these tests are skipped and
-// say so. PLYCONVERT_SAMPLES at configuration names it.
+// Packed splats, SPZ and compressed PLY: files of other programs with their expected values, and damaged
+// files. They are not part of the project. If their folder is missing, the tests are skipped and say so. The
+// CMake variable PLYCONVERT_SAMPLES names the folder.
 
 #include "source/compressed_ply.h"
 #include "source/ply_layout.h"
@@ -47,7 +47,7 @@ std::unique_ptr<Source> openCompressed(const fs::path& path) {
     return std::make_unique<CompressedPlyInput>(path, parsePlyHeader(bytes, path.filename().string()));
 }
 
-// The message that opening a file and reading all of it ends with; empty when it does not fail.
+// The error message of opening a file and reading all of it; empty if that succeeds.
 template <typename Open>
 std::string failureOf(Open open) {
     try {
@@ -83,7 +83,7 @@ TEST_F(Packed, SpzFilesHaveTheirValues) {
             EXPECT_NE(message.find("needs zstd"), std::string::npos) << message;
             continue;
         }
-        // Nothing in this one says that its axes were left as they are.
+        // This file does not say that its axes were not converted.
         const InputAxes axes = name.find("unconverted_axes") != std::string::npos ? InputAxes::rightDownFront
                                                                                   : InputAxes::stated;
         const bool isQuarterTurned = name.find("rfu") != std::string::npos;
@@ -102,7 +102,7 @@ TEST_F(Packed, CompressedPlyFilesHaveTheirValues) {
 }
 
 TEST_F(Packed, DamagedSpzFilesAreRefusedInOneLine) {
-    // Three magnitudes whose squares sum to more than 1 come from rounding: the fourth component is 0.
+    // Rounding can make the squares of three components sum to more than 1. The fourth component is then 0.
     const std::set<std::string> sound = {"spz_v3_rotation_over_unit.spz"};
     const std::vector<std::string> names = filesOf("broken", "spz_", ".spz");
     ASSERT_EQ(names.size(), 44u);
@@ -117,7 +117,7 @@ TEST_F(Packed, DamagedSpzFilesAreRefusedInOneLine) {
 }
 
 TEST_F(Packed, DamagedCompressedPlyFilesAreRefusedInOneLine) {
-    // The splats of a chunk whose range is not a number are not numbers either: they are dropped later.
+    // The splats of a chunk with a NaN range are NaN, too. They are dropped later.
     const std::set<std::string> sound = {"cply_rotation_over_unit.ply", "cply_nan_in_chunk.ply"};
     const std::vector<std::string> names = filesOf("broken", "cply_", ".ply");
     ASSERT_EQ(names.size(), 16u);

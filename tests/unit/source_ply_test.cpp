@@ -1,4 +1,4 @@
-// PLY files of every layout against the canonical records that they stand for.
+// Compares PLY files of every layout with their canonical records.
 
 #include "source/open.h"
 #include "source/ply.h"
@@ -26,9 +26,9 @@ using support::PlyOrder;
 using support::PlyVariant;
 using support::Scratch;
 
-constexpr std::size_t splats = 2500; // several windows and places of an index
+constexpr std::size_t splats = 2500; // several windows, and several entries of the index of an ASCII file
 
-// Values that every type and every way to write them holds: small whole numbers and quarters.
+// Values that every type and every text form can hold: small integers and quarters.
 std::vector<float> recordsOf(int degree) {
     const GaussionSplat::RecordLayout& layout = GaussionSplat::recordLayout(degree > 0);
     const std::size_t taken =
@@ -66,7 +66,7 @@ void expectRecords(const PlyVariant& variant) {
     const std::size_t floats = GaussionSplat::recordLayout(variant.degree > 0).floats;
     input->read(0, splats, read.data());
     EXPECT_EQ(read, records);
-    // From inside, as workers read.
+    // Reads from the middle, as workers do.
     for (const std::size_t first : {1u, 1023u, 1024u, 1500u, 2499u}) {
         std::fill(read.begin(), read.end(), -1.0f);
         const std::size_t size = std::min<std::size_t>(700, splats - first);
@@ -104,7 +104,7 @@ TEST(PlyInput, ReadsFilesWithoutNormalsWithListsAndOtherLineEnds) {
     }
 }
 
-// Bits of what is no number are kept, in place and moved.
+// The bits of NaNs are kept, in canonical and in other layouts.
 TEST(PlyInput, KeepsTheBitsOfFloats) {
     const Scratch scratch;
     PlyFile file;
@@ -135,7 +135,7 @@ TEST(PlyInput, KeepsTheBitsOfFloats) {
     EXPECT_EQ(std::memcmp(moved.data(), file.records.data(), read.size() * sizeof(float)), 0);
 }
 
-// What a file that holds `text` after a header of these lines is refused with.
+// The message with which a file with this content is refused.
 std::string refusalOf(const std::string& text) {
     const Scratch scratch;
     support::writeFile(scratch / "scene.ply", text);

@@ -1,5 +1,6 @@
-// PLY files made by others, with what they hold: 42 odd ones that are read, and broken ones that are refused.
-// They are not part of the project; without the folder the tests are skipped and say so.
+// PLY files of other programs with their expected values: 42 unusual ones that are read, and broken ones that
+// are refused. They are not part of the project. If their folder is missing, the tests are skipped and say
+// so.
 
 #include "source/open.h"
 #include "source/ply.h"
@@ -37,7 +38,7 @@ double numberOf(const json& value) {
                             : std::numeric_limits<double>::quiet_NaN();
 }
 
-// Places of the canonical record by the names of the columns.
+// Offsets in the canonical record by column name.
 std::map<std::string, std::size_t> placesOf(bool hasCoefficients, std::size_t coefficients) {
     const GaussionSplat::RecordLayout& layout = GaussionSplat::recordLayout(hasCoefficients);
     std::map<std::string, std::size_t> places = {{"x", 0}, {"y", 1}, {"z", 2}, {"opacity", layout.opacity}};
@@ -73,7 +74,7 @@ Read readAll(const Input& input) {
     return read;
 }
 
-// One value of the file against the one beside it. A column that the file lacks stands there as nan.
+// Compares one value with the expected one, which is nan for a column that the file does not have.
 void compare(const Read& read, std::uint64_t record, std::size_t place, double expected, bool isMissing) {
     const float found = read.records[record * read.floats + place];
     if (isMissing) {
@@ -148,7 +149,7 @@ TEST(PlySamples, EveryOddFileHoldsWhatStandsBesideIt) {
     EXPECT_EQ(files, 42u);
 }
 
-// The message of the error that reading the whole file ends in; empty when it ends in none.
+// The error message of reading the whole file; empty if that succeeds.
 std::string refusalOf(const fs::path& path, std::vector<std::string>& remarks) {
     try {
         const auto input = SplatSource::openSource(path, SplatSource::OpenOptions());

@@ -1,4 +1,4 @@
-// Splats that are dropped, inputs that are merged, offsets that are settled.
+// Dropping splats, merging inputs, choosing offsets.
 
 #include "source/merge.h"
 #include "tests/support/files.h"
@@ -131,7 +131,7 @@ TEST(KeptSplats, CropsAndThinsOutAsAsked) {
     for (int i = 0; i < 10; ++i) {
         support::Splat splat = ordinary();
         splat.position[0] = static_cast<float>(i);
-        splat.opacity = i == 4 ? 0.0f : i == 5 ? -0.01f : 3.0f; // 0.5 and a little less
+        splat.opacity = i == 4 ? 0.0f : i == 5 ? -0.01f : 3.0f; // opacities of 0.5 and a little less
         splat.scale[1] = i == 6 ? 1.0f : -1.0f;
         file.add(splat);
     }
@@ -180,7 +180,7 @@ TEST(KeptSplats, LinearValuesAreRefusedUntilTheyAreNamed) {
     EXPECT_NO_THROW(kind->requireAccepted());
 }
 
-// A PLY of the smaller form whose positions are doubles.
+// A PLY file of the smaller form with positions in double precision.
 std::string wideFile(const std::vector<std::array<double, 3>>& positions, const std::string& comments) {
     std::string bytes = "ply\nformat binary_little_endian 1.0\n" + comments + "element vertex " +
                         std::to_string(positions.size()) + "\n";
@@ -202,7 +202,7 @@ std::string wideFile(const std::vector<std::array<double, 3>>& positions, const 
 
 constexpr double halfMillimetre = 0.0005;
 
-// Every place of the scene within half a millimetre of the given ones.
+// Expects every position of the scene, with its offset, within half a millimetre of the given one.
 void expectPlaces(const Scene& scene, const std::vector<std::array<double, 3>>& places) {
     const Kept kept = readAll(scene);
     ASSERT_EQ(kept.count(), places.size());
@@ -281,7 +281,7 @@ TEST(Scene, CutsAStatedOffsetThatSinglePrecisionDoesNotHold) {
     EXPECT_NEAR(scene->params.offsetx + double{kept[0][0]}, 500138.0225660622, 1e-6);
     EXPECT_NEAR(scene->params.offsety + double{kept[0][1]}, 5414438.4, 1e-6);
     EXPECT_EQ(kept[0][2], 3.0f);
-    // The bounds go with the positions.
+    // The bounds are moved with the positions.
     EXPECT_NEAR(scene->params.minx, -10 + 0.0225660622, 1e-6);
     EXPECT_LE(scene->params.minx, -10 + 0.0225660622);
 }

@@ -33,14 +33,14 @@ struct SplatHeaderTest : testing::Test {
         return path.string();
     }
 
-    // Read the header of a file of these bytes into fresh params.
+    // Reads the header of a file with these bytes into new params.
     SplatHeader read(const std::string& bytes) {
         params = std::make_shared<Params>();
         return SplatHeader(write(bytes), params, 1);
     }
 
-    // Read a header of these lines, which stand between "ply" and "end_header". The bounds that come first
-    // spare the scan; they are overridden by those in lines.
+    // Reads a header with these lines between "ply" and "end_header". Bounds in front of them avoid the scan;
+    // bounds in `lines` override those.
     SplatHeader readLines(const Lines& lines) {
         std::string text = "ply\ncomment minx 1\ncomment maxx 2\n";
         for (const std::string& line : lines) {
@@ -183,7 +183,7 @@ TEST_F(SplatHeaderTest, ReadsAWholeHeader) {
     EXPECT_EQ(header.level, 0u);
     EXPECT_EQ(header.headerEnd, static_cast<std::int64_t>(file.header().size()));
     EXPECT_EQ(header.vertexCount, 2);
-    EXPECT_EQ(header.recordSize, 68u); // whatever the properties: the entry point raises it
+    EXPECT_EQ(header.recordSize, 68u); // whatever the properties; the entry point raises it
     expectVector(header.bboxMin, -3.0, -4.0, -5.0);
     expectVector(header.bboxMax, 3.0, 4.0, 5.0);
     expectVector(header.unused[0], 0.0, 0.0, 0.0);
@@ -425,7 +425,7 @@ TEST_F(SplatHeaderTest, HeaderEndIsJustBehindTheEndHeaderLine) {
     }
 }
 
-// A header that is never ended runs on into the body: what looks like a header line there counts.
+// A header without an end continues in the body, where anything that looks like a header line counts.
 TEST_F(SplatHeaderTest, WithoutAnEndTheBodyIsReadAsHeaderLines) {
     const std::string body("\x01\x02\ncomment source body\nelement face 8\nproperty int f_rest_0\n\0\0\0",
                            62);
@@ -464,18 +464,19 @@ void limitOpenFiles(rlim_t files) {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// From now on no file can be opened, until the process ends: a sanitizer opens files of its own then.
+// From now on no file can be opened, except at the end of the process, when a sanitizer opens files of its
+// own.
 void forbidOpening() {
     std::atexit([] { limitOpenFiles(100); });
     limitOpenFiles(0);
 }
 
-// The file is there but no file can be opened any more.
+// The file exists, but no file can be opened any more.
 TEST_F(SplatHeaderTest, AFileThatCannotBeOpenedEndsTheProcess) {
     const std::string path = write(fourProperties + "end_header\n");
     EXPECT_PROCESS_EXIT(
         {
-            // A sanitizer also opens files when it meets a type for the first time: let it do so now.
+            // A sanitizer also opens files when it first sees a type, so this makes it do so now.
             checkSplatHeader((scratch / "missing").string());
             SplatHeader(path, params, 1);
             forbidOpening();

@@ -1,4 +1,4 @@
-// Scenes of more than a million splats, the grids they get, and what falls beside them.
+// Scenes of more than a million splats, their grids, and splats outside the grids.
 
 #include "tests/unit/stream_support.h"
 
@@ -14,7 +14,7 @@ struct StreamCellsTest : testing::Test {
     support::Scratch scratch;
     PlyFile file;
 
-    // Splats that differ from each other in position alone.
+    // Adds splats that differ in position only.
     void addSplats(std::uint64_t seed, std::size_t count, float extentX, float extentY) {
         support::Random random(seed);
         const PlyFile few = support::randomFile(seed, 97, file.coefficients);
@@ -39,7 +39,7 @@ struct StreamCellsTest : testing::Test {
                          "comment maxz 1"};
     }
 
-    // Both ways, with these threads and windows.
+    // Converts by the library, and by the stream with these threads and windows, and compares.
     Measured compare(std::initializer_list<std::pair<unsigned, std::uint64_t>> ways) {
         const auto input = scratch / "scene.ply";
         file.write(input);
@@ -75,8 +75,8 @@ TEST_F(StreamCellsTest, WithCoefficients) {
     compare({{2, 1024}});
 }
 
-// Splats beyond the stated bounds are in cells that the walk does not meet, or meets under another column:
-// indices below zero run into the other half of the key.
+// Splats beyond the stated bounds lie in cells that the walk does not visit, or visits as another column: a
+// negative index overflows into the other half of the key.
 TEST_F(StreamCellsTest, SplatsOutsideTheStatedBounds) {
     addSplats(103, 1'000'001, 250.0f, 200.0f);
     state("-100", "-60", "70", "90");

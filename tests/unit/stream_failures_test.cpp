@@ -1,4 +1,4 @@
-// What goes wrong during a pass ends it at once with one line.
+// A failure during a pass ends it at once with one line.
 
 #include "tests/unit/stream_support.h"
 
@@ -110,7 +110,7 @@ TEST_F(StreamFailureTest, AFileThatGrowsOrIsReplacedDuringEitherPass) {
         const Measured measured = measure(*source, settingsOf(2, 64));
 #if defined(_WIN32)
         if (isReplaced) {
-            continue; // the system keeps a name whose file is open
+            continue; // Windows does not rename or remove an open file
         }
 #endif
         const WatchedSource changed(*source, 4000, change);
@@ -121,7 +121,7 @@ TEST_F(StreamFailureTest, AFileThatGrowsOrIsReplacedDuringEitherPass) {
     }
 }
 
-// The second reading of a scene that gives other records than the first: no place is written beyond its cell.
+// The second pass reads other records than the first. Nothing may be written beyond a cell's places.
 TEST_F(StreamFailureTest, RecordsThatDifferBetweenThePasses) {
     PlyFile other = support::randomFile(121, 5001, true);
     other.write(scratch / "other.ply");
@@ -163,7 +163,7 @@ TEST_F(StreamFailureTest, ASourceThatThrowsEndsThePass) {
     }
 }
 
-// One thread at a time, never backwards, all splats in the end.
+// Progress comes from one thread at a time, never decreases, and ends with all splats.
 TEST_F(StreamFailureTest, ProgressIsToldInOrder) {
     const auto source = openScene(input);
     Settings settings = settingsOf(5, 8);
@@ -192,7 +192,7 @@ TEST_F(StreamFailureTest, AFolderThatIsNotThere) {
 }
 
 #if !defined(_WIN32)
-// Files of this process end at a number of bytes, as a full disk would end them.
+// Limits the size of this process's files, which then fail like on a full disk.
 struct FileSizeLimit {
     rlimit before{};
     explicit FileSizeLimit(rlim_t bytes) {

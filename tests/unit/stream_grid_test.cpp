@@ -66,7 +66,7 @@ TEST_F(StreamGridTest, WindowsAndThreads) {
     }
 }
 
-// More than 65,536 columns: keys of different cells are the same, and the walk meets some of them again.
+// More than 65,536 columns: different cells share keys, and the walk finds some keys twice.
 TEST_F(StreamGridTest, WideGrids) {
     for (const auto& [x, y] : {std::pair(8e6f, 100.0f), std::pair(100.0f, 8e6f), std::pair(5e6f, 5e6f)}) {
         SCOPED_TRACE(x);
@@ -97,7 +97,7 @@ TEST_F(StreamGridTest, AwkwardPositions) {
     }
 }
 
-// A limit changes what is kept and how large pages are, and no byte.
+// A memory limit changes what is kept in memory and the size of pages, but no byte of the dataset.
 TEST_F(StreamGridTest, EveryAmountOfMemoryThatDoes) {
     for (const bool coefficients : {false, true}) {
         for (const bool isStated : {false, true}) {
@@ -136,7 +136,7 @@ std::uint64_t leastOf(const SplatSource::Source& source, Settings settings, std:
     return 0;
 }
 
-// Few cells and many, listed and left out, counted on the way and afterwards.
+// Scenes with few and many cells, in the index and left out, counted during the pass and after it.
 TEST_F(StreamGridTest, EveryRefusalNamesWhatDoesAndNoMore) {
     for (const float extent : {20.0f, 150.0f, 1200.0f}) {
         for (const bool isStated : {false, true}) {
@@ -168,7 +168,7 @@ TEST_F(StreamGridTest, KeysAreCountedInAsManyPassesAsTheMemoryAsksFor) {
     support::Random random(137);
     std::vector<std::uint32_t> keys(20'000);
     for (std::uint32_t& key : keys) {
-        // Columns and rows of a grid of 100 by 150 cells, and one far off in each direction.
+        // Keys of a grid of 100 by 150 cells.
         key = static_cast<std::uint32_t>(random.next() % 100 | random.next() % 150 << 16);
     }
     keys.insert(keys.end(), {65'535u, 65'535u << 16, UINT32_MAX});
@@ -189,7 +189,7 @@ TEST_F(StreamGridTest, KeysAreCountedInAsManyPassesAsTheMemoryAsksFor) {
     EXPECT_EQ(before, 1u);
 }
 
-// A source may drop records: the dataset is that of a scene without them.
+// A source may drop records. The dataset is then that of a scene without them.
 struct EveryThird : SplatSource::Source {
     const SplatSource::Source& inner;
 

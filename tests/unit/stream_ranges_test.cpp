@@ -1,4 +1,4 @@
-// The ranges that follow from raw extremes are the ranges that the library finds over decoded records.
+// The ranges computed from raw extremes must be those that the library finds in decoded records.
 
 #include "src/chunker_decode.h"
 #include "stream/raw_ranges.h"
@@ -20,7 +20,8 @@ using namespace GaussionSplat;
 
 constexpr float infinity = std::numeric_limits<float>::infinity();
 
-// As the chunker does it: blocks are decoded, their zeros settled, and they are merged in file order.
+// The ranges by the chunker's steps: blocks are decoded, their zeros settled, and their ranges merged in file
+// order.
 AttributeBounding libraryRanges(std::vector<float> records, bool hasCoefficients, std::size_t blockRecords) {
     const std::size_t stride = recordLayout(hasCoefficients).floats;
     AttributeBounding bounding;
@@ -36,7 +37,7 @@ AttributeBounding libraryRanges(std::vector<float> records, bool hasCoefficients
     return bounding;
 }
 
-// Windows dealt out to workers by chance, each worker's in file order.
+// The ranges by the stream: windows are given to random workers, each worker's in file order.
 AttributeBounding streamRanges(const std::vector<float>& records, bool hasCoefficients,
                                std::size_t windowRecords, std::size_t workers, support::Random& random) {
     const std::size_t stride = recordLayout(hasCoefficients).floats;
@@ -79,7 +80,7 @@ void expectSame(const AttributeBounding& found, const AttributeBounding& expecte
     EXPECT_EQ(found.hasShcoef, expected.hasShcoef);
 }
 
-// Everything of one kind in a scene: signs of zeros, values on one side, nothing but NaN.
+// Values for whole scenes: zeros of both signs, values of one sign, only NaN.
 const std::vector<std::vector<float>> palettes = {
     {0.0f, -0.0f},
     {-0.0f, 1.0f, 2.0f},
@@ -91,7 +92,7 @@ const std::vector<std::vector<float>> palettes = {
     {infinity, -infinity, std::numeric_limits<float>::quiet_NaN()},
     {std::numeric_limits<float>::denorm_min(), -std::numeric_limits<float>::denorm_min(), 0.0f},
     {std::numeric_limits<float>::max(), -std::numeric_limits<float>::max()},
-    {-1.7724538f, 1.7724538f, -1.77245390f, 1.77245379f}, // where colours reach 0 and 1
+    {-1.7724538f, 1.7724538f, -1.77245390f, 1.77245379f}, // where colours become 0 and 1
     {-110.0f, -104.0f, -103.97f, -87.5f, 88.7f, 88.8f, 100.0f, 1e30f},
 };
 
@@ -116,7 +117,7 @@ TEST(StreamRanges, AreTheLibrarysOverValuesOfEveryKind) {
     }
 }
 
-// Each column has values of its own kind, most of them ordinary, so that zeros come late and bounds change.
+// Each column has another kind of values, most of them ordinary, so that zeros come late and bounds change.
 TEST(StreamRanges, AreTheLibrarysOverMixedColumns) {
     support::Random random(91);
     for (std::size_t round = 0; round < 600; ++round) {

@@ -1,5 +1,5 @@
-// Real files in the canonical form, converted both ways. They are not part of the project; where the folder
-// is missing, the tests are skipped and say so.
+// Real files in the canonical form, converted by the library and by the stream. They are not part of the
+// project. If their folder is missing, the tests are skipped and say so.
 
 #include "tests/unit/stream_support.h"
 

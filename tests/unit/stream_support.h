@@ -1,4 +1,4 @@
-// The streaming conversion and the library side by side on one file.
+// Converts a file by the stream and by the library, and compares the datasets.
 #pragma once
 
 #include "plyconvert.h"
@@ -21,7 +21,7 @@
 
 namespace Tavrin::SplatStream {
 
-// What the library's own header reader finds, as a source.
+// Opens a file as a source by the library's own header reader.
 inline std::unique_ptr<SplatSource::CanonicalPly> openScene(const std::filesystem::path& path) {
     GaussionSplat::Params params;
     const GaussionSplat::SplatHeader header =
@@ -34,7 +34,7 @@ inline std::unique_ptr<SplatSource::CanonicalPly> openScene(const std::filesyste
                                              .boundsSeen = header.boundsFromHeader});
 }
 
-// The digits of the guid, the only bytes that chance decides, as question marks.
+// The document with question marks for the digits of the guid, which are random.
 inline std::string withoutGuid(std::string meta) {
     const std::string key = "\"guid\": \"";
     const std::size_t at = meta.find(key);
@@ -45,7 +45,7 @@ inline std::string withoutGuid(std::string meta) {
     return meta.replace(at + key.size(), 32, 32, '?');
 }
 
-// Holds every file of two folders against each other. The log names the folder it is in.
+// Compares every file of two folders. The log names its folder, so that name is replaced first.
 inline void expectSameDatasets(const std::filesystem::path& streamed, const std::filesystem::path& library) {
     ASSERT_EQ(support::filesUnder(streamed), support::filesUnder(library));
     for (const std::string& name : support::filesUnder(library)) {
@@ -72,8 +72,8 @@ inline void expectSameDatasets(const std::filesystem::path& streamed, const std:
     }
 }
 
-// The library's stages with the grid of a scene of another count: scenes are cut into cells only above
-// 1,000,000 splats.
+// Runs the library's stages with the grid of a scene of `countAs` splats, since only scenes of more than
+// 1,000,000 splats are divided into cells.
 inline void convertByLibraryAs(const support::Scratch& scratch, const std::filesystem::path& input,
                                std::uint64_t countAs) {
     using namespace GaussionSplat;

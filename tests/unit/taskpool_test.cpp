@@ -34,7 +34,7 @@ JobPointer job(int number) {
 
 void ignore(const JobPointer&) {}
 
-// The numbers of the jobs that were run, in the order in which they were taken up.
+// The numbers of the jobs that were run, in the order of their start.
 struct Record {
     std::mutex mutex;
     std::vector<int> numbers;
@@ -51,8 +51,8 @@ std::vector<int> upTo(int count) {
     return numbers;
 }
 
-// Returns when count threads have called it. std::barrier would do, but that of g++ 12 loses wake-ups where
-// the system has no futexes, as on Windows, and then waits forever.
+// Returns when `count` threads have called it. Not std::barrier: that of g++ 12 loses wake-ups on systems
+// without futexes, such as Windows, and then waits forever.
 void arriveAndWait(std::atomic<std::uint32_t>& arrived, std::uint32_t count) {
     ++arrived;
     while (arrived < count) {
@@ -106,7 +106,7 @@ TEST(TaskPool, ManyThreadsRunEachTaskOnce) {
     EXPECT_EQ(record.numbers, upTo(200));
 }
 
-// Each of the tasks waits until all of them run: a pool that ran them one after the other would never end.
+// Each task waits until all of them run, so a pool that ran them one after the other would never end.
 TEST(TaskPool, ThreadsRunTasksAtTheSameTime) {
     constexpr std::uint32_t count = 4;
     std::atomic<std::uint32_t> running{0};
@@ -125,7 +125,7 @@ TEST(TaskPool, ThreadsRunTasksAtTheSameTime) {
     EXPECT_EQ(pool.activeCount, 0u);
 }
 
-// The drain looks at the queue alone: a task that has left it is waited for by joining its thread.
+// Draining waits until the queue is empty, and for running tasks by joining their threads.
 TEST(TaskPool, DrainWaitsForTheTaskThatIsStillRunning) {
     std::atomic<bool> taken{false};
     std::atomic<bool> release{false};
@@ -161,7 +161,7 @@ TEST(TaskPool, TasksMayBeQueuedWhileOthersRun) {
     });
     for (int i = 0; i < 10; ++i) {
         pool.enqueue(job(i));
-        while (started <= i) { // the task before has run when the next is queued
+        while (started <= i) { // queue the next task after the one before has run
             std::this_thread::yield();
         }
     }
@@ -226,8 +226,8 @@ TEST(TaskPool, AnEmptyPointerIsTakenAndNotRun) {
     EXPECT_EQ(pool.activeCount, 0u);
 }
 
-// A lower bound that the contract states: a worker rests ten milliseconds after every task. However slow the
-// machine, the gap only grows.
+// The contract states a lower bound: a worker pauses ten milliseconds after every task. A slow machine only
+// makes the gap longer.
 TEST(TaskPool, AWorkerPausesAfterEveryTask) {
     EXPECT_EQ(taskPoolPause, std::chrono::milliseconds(10));
     std::vector<std::chrono::steady_clock::time_point> starts;
@@ -238,8 +238,7 @@ TEST(TaskPool, AWorkerPausesAfterEveryTask) {
     pool.drain();
     ASSERT_EQ(starts.size(), 4u);
 #if defined(_WIN32)
-    constexpr auto least =
-        taskPoolPause / 2; // Windows sleeps until a tick of its timer, which may come early
+    constexpr auto least = taskPoolPause / 2; // on Windows a sleep may end early, at a tick of the timer
 #else
     constexpr auto least = taskPoolPause;
 #endif
@@ -248,7 +247,7 @@ TEST(TaskPool, AWorkerPausesAfterEveryTask) {
     }
 }
 
-// Pools of every size, and tasks that take from nothing to twice the pause.
+// Pools of different sizes, and tasks that take from no time to twice the pause.
 TEST(TaskPool, StressWithTasksOfRandomLength) {
     for (int round = 0; round < 12; ++round) {
         Record record;
@@ -294,7 +293,7 @@ TEST(TaskPoolDeathTest, AnExceptionOfTheRunnerEndsTheProcess) {
         testing::KilledBySignal(SIGABRT), "escaped");
 }
 
-// Waiting forever is stated, too. The alarm ends the process; drain alone would not.
+// The contract also states waiting forever. The alarm ends the process.
 TEST(TaskPoolDeathTest, NoThreadsAndATaskWaitForever) {
     EXPECT_PROCESS_END(
         {
@@ -316,7 +315,7 @@ TEST(TaskPoolDeathTest, AThreadThatCannotStartIsTheStandardSystemErrorAndNoHang)
                 std::cout << (unavailable ? "unavailable" : "another error") << std::endl;
             }
             std::_Exit(
-                9); // the threads that had started have ended, or the pool would have ended the process
+                9); // the threads that were started must have ended, otherwise the pool would end the process
         },
         9, "^unavailable\n$");
 }
