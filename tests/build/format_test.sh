@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every source file is as clang-format 14 lays it out by .clang-format; other versions differ in details.
+# Checks that every source file has the layout of clang-format 14 with .clang-format. Other versions differ in details.
 set -eu
 
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."

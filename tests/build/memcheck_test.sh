@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# memcheck_test.sh KIND MAKESCENE CONVERTONCE SCRATCH: one whole conversion under valgrind: no invalid access, no decision
-# on a value that was never set, nothing that is not freed at the end.
+# memcheck_test.sh KIND MAKESCENE CONVERTONCE SCRATCH: one whole conversion under valgrind. There may be no invalid
+# access, no branch on an uninitialised value, and no leak at the end.
 set -euo pipefail
 
 kind=$1 makescene=$2 convertonce=$3 scratch=$4/$1
@@ -11,7 +11,7 @@ if ! command -v valgrind >/dev/null; then
 fi
 splats=20000
 if [[ $kind == grid* ]]; then
-    splats=1000001 # the fewest that are cut into cells
+    splats=1000001 # the smallest scene with a grid
 fi
 options=()
 if [[ $kind == *without ]]; then

@@ -18,6 +18,6 @@ cp -r "$source"/{CMakeLists.txt,convert.cpp,cmake,include,src} "$copy"
     cat "$scratch/log"
     exit 1
 }
-# Unlike cmp it names both.
+# Unlike cmp it prints both names.
 sha256sum "$library" "$scratch/build/libplyconvert.so"
 cmp "$library" "$scratch/build/libplyconvert.so"

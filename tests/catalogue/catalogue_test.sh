@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# The catalogue of a city as geo tools see it: 24 tiles in two zones, and one that states no code.
+# Reads the catalogue of a city with geo tools: 24 tiles in two zones, and one without a code.
 #
 #   catalogue_test.sh SCRATCH
 #
-# Needs plyconvert and makescene in PATH, GDAL's programs, and Debian's python3 with jsonschema. SCRATCH is a folder that the
-# script makes anew and leaves when something is wrong.
+# Needs plyconvert and makescene in PATH, GDAL's programs, and Debian's python3 with jsonschema. The script recreates
+# the folder SCRATCH and keeps it after a failure.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-# What Debian's packages for Python are installed for.
+# The interpreter for which Debian installs its Python packages.
 python=/usr/bin/python3
 checker=$here/../../../shared/samples/stac/check.py
 
@@ -17,15 +17,15 @@ rm -rf "$scratch"
 mkdir -p "$scratch/city"
 cd "$scratch/city"
 
-# tile NAME EPSG X Y EXTENT...: a dataset that lies there, its picture, and a line in places.txt that says where it
-# should lie: the box that the scene states, which the dataset does not keep.
+# tile NAME EPSG X Y EXTENT...: makes a dataset at this place and its picture, and adds its expected place to
+# places.txt: the box that the scene states.
 tile() {
     local name=$1 epsg=$2 x=$3 y=$4
     shift 4
     makescene --splats 400 --bounds --extent "$@" --seed "$((seed += 1))" "$name.ply" >/dev/null
     local words=()
     mapfile -t words < <(sed -n '/^end_header/q;s/^comment \(min\|max\)[xyz] //p' "$name.ply")
-    # Without bounds, as most scenes come.
+    # Removes the bounds, as most scenes have none.
     sed -i '/^comment m[ai][nx][xyz] /d' "$name.ply"
     local place=()
     ((epsg == 0)) || place=(--epsg "$epsg" --offset "$x,$y,400")
@@ -41,7 +41,7 @@ for zone in 32 33; do
             tile "z${zone}_${row}_$column" "326$zone" $((zone * 10000 + 250 * column)) $((5320000 + 200 * row)) 250 200
         done
     done
-    # Edges of kilometres bend by metres.
+    # Edges of kilometres are curved by metres on the globe.
     tile "z${zone}_wide" "326$zone" $((zone * 10000 - 5000)) 5330000 6000 4000
     tile "z${zone}_north" "326$zone" 450000 9000000 250 200
     tile "z${zone}_south" "326$zone" 550000 1000 250 200

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Changes one byte of a dataset at a time; verify finds each by itself or against the source. Every byte of a record,
-# of its coefficients and of the index, in the first, a middle and the last record.
+# Changes one byte of a dataset at a time. verify must find each change, alone or with --against the source. Covers
+# every byte of a record, of its coefficients and of the index, in the first, a middle and the last record.
 #
 #   PLYCONVERT_PATH=... against_test.sh
 set -u
@@ -17,7 +17,7 @@ plyconvert --quiet in.ply sound || exit 1
 failures=0
 tried=0
 
-# changed FILE OFFSET: turns the bits 1 and 6 of one byte over, and asks verify.
+# changed FILE OFFSET: inverts bits 1 and 6 of one byte and runs verify.
 changed() {
     local file=$1 offset=$2 byte status
     byte=$(od -An -tu1 -j "$offset" -N 1 "sound/$file")

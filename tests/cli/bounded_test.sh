@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The memory of convert, of verify --full --against and of export is bounded whatever the size of the scene. 64 MiB are for what
-# is read ahead of all cells together, up to 17 batches of 8192 splats with 360 bytes each for the comparison (50 MB),
-# and as much again for the rest of the program.
+# The memory of convert, of verify --full --against and of export does not grow with the scene. The limit counts 64 MiB
+# for reading ahead in all cells together, up to 17 batches of 8192 splats with 360 bytes each for the comparison (50
+# MB), and as much again for the rest of the program.
 #
 #   PLYCONVERT_PATH=... bounded_test.sh
 set -u
@@ -14,17 +14,17 @@ fi
 enter_scratch
 
 most=$((192 * 1024)) # KiB
-# measured NAME COMMAND...: runs it and says what it took.
+# measured NAME COMMAND...: runs the command and prints its memory and time.
 measured() {
     local name=$1 started=$EPOCHREALTIME
     shift
     peak peak.txt "$@" >printed || fail "$name: $(tail -n 3 printed)"
-    # Both are microseconds once the point is out.
+    # Both are microseconds without the decimal point.
     printf '%s: %d MiB, %d ms\n' "$name" $(($(<peak.txt) / 1024)) $(((${EPOCHREALTIME/./} - ${started/./}) / 1000))
 }
 
 makescene -n 4000001 --bounds town.ply || exit 1
-# The conversion keeps x and y of every splat at most: here the header states bounds, so it keeps nothing.
+# A conversion keeps at most x and y of every splat. Here the header states bounds, so it keeps nothing.
 for command in "convert town.ply town" "verify --full --against town.ply town" "export town back.ply" "info --scan town"; do
     # shellcheck disable=SC2086
     measured "$command" plyconvert $command
@@ -32,7 +32,7 @@ for command in "convert town.ply town" "verify --full --against town.ply town" "
     (($(<peak.txt) > 4096)) || fail "$command: its peak is not seen"
 done
 
-# Nor does it grow with what a damaged dataset says of itself: an index and a meta document of 4,294,967,295 splats.
+# Nor does the memory grow with the counts of a damaged dataset: its index and meta document state 4,294,967,295 splats.
 ply in.ply 62 1000 && plyconvert --quiet in.ply lies || exit 1
 printf '\377\377\377\377' | dd of=lies/index.bin bs=1 seek=4 conv=notrunc status=none
 sed -i 's/1000/4294967295/' lies/converted_from_ply.ytr

@@ -2,8 +2,8 @@
 //
 //   generations OLD NEW
 //
-// Prints for each attribute the share of values that moved and the farthest move, in quantiser steps. Ends
-// with 1 when a position differs in a bit, when a value moved by more than one step, or when the counts
+// Prints for each attribute the share of values that changed and the largest change in quantiser steps. Ends
+// with 1 when a position differs in a bit, when a value changed by more than one step, or when the counts
 // differ.
 #include "reader/dataset.h"
 
@@ -39,7 +39,7 @@ public:
         const RotationWord old = unpackRotationWord(before);
         const RotationWord now = unpackRotationWord(after);
         if (old.largest != now.largest) {
-            add("rotation", 0, Format::rotationMaximum); // the parts stand for other components
+            add("rotation", 0, Format::rotationMaximum); // the parts belong to other components
             return;
         }
         for (std::size_t i = 0; i < 3; ++i) {

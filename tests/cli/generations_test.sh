@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Converts, exports and converts again, twice over: positions keep every bit, and no other value moves by more than
-# one quantiser step from one generation to the next. How many values move at all is printed, and is no more than
-# docs/format.md says. Scenes of the program's own tests, and every sample scene that
-# it takes where the folder is there.
+# Converts, exports and converts again, twice. Positions must keep every bit, and no other value may change by more than
+# one quantiser step from one generation to the next. Prints the share of values that change; it may not exceed the
+# share in docs/format.md. Uses scenes of the tests, and every sample scene that the program takes if the folder exists.
 #
 #   PLYCONVERT_PATH=... generations_test.sh
 set -u
@@ -17,7 +16,8 @@ source "$here/lib.sh"
 failures=0
 tried=0
 
-# check_generation second|third OLD NEW: prints how many values of each attribute moved, and holds it to the document.
+# check_generation second|third OLD NEW: prints how many values of each attribute changed, and compares that with the
+# document.
 check_generation() {
     local column=3
     [[ $1 == third ]] && column=4
@@ -67,7 +67,7 @@ cmp <(grep -v guid one/converted_from_ply.ytr | head -n 19) <(grep -v guid three
 
 if [[ -d $samples ]]; then
     for sample in "$samples"/*.ply "$samples"/small/*.ply; do
-        # The converter takes two record layouts; the other samples are refused.
+        # Only samples that the program takes.
         plyconvert --quiet --dry-run "$sample" refused 2>/dev/null && generations_of "$sample"
     done
     ((tried > 10)) || { echo "FAILED: only $tried scenes were taken" && failures=$((failures + 1)); }

@@ -1,13 +1,12 @@
 #!/usr/bin/env bash
-# Kills the program, or interrupts it, at moments drawn from a whole run, with an earlier dataset in place. Whatever
-# happens, the output folder holds the earlier dataset or the new one, whole, and the next run removes what a killed
-# one left. How long an interrupted run takes to end is printed.
+# Kills or interrupts the program at random moments of a run, with an earlier dataset in place. Afterwards the output
+# folder must hold the earlier dataset or the new one, complete, and the next run must remove what a killed run left.
+# Prints how long an interrupted run takes to end.
 #
 #   PLYCONVERT_PATH=... kill_test.sh [MOMENTS [SEED [SPLATS]]]
 #
-# MOMENTS for each way to end a run, 20 unless given: one in each of so many equal parts of the run. SEED, 1 unless
-# given, decides where in its part a moment lies. SPLATS of the new dataset, 150,000 unless given: fewer where a build
-# is slow.
+# MOMENTS (default 20): moments for each signal, one in each of as many equal parts of the run. SEED (default 1) decides
+# where in its part a moment lies. SPLATS (default 150,000) of the new dataset; give fewer for a slow build.
 set -u
 # shellcheck source=tests/cli/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -26,7 +25,7 @@ duration=$((($(date +%s%N) - started) / 1000)) # microseconds
 hashes old >old.hashes
 hashes new >new.hashes
 
-# Sets holds to what the output folder is: old, new, or broken.
+# Sets `holds` to the content of the output folder: old, new, or broken.
 look() {
     hashes out >found.hashes 2>/dev/null
     holds=broken
@@ -46,7 +45,7 @@ for signal in KILL INT TERM HUP; do
         delay=$((duration * (moment * 32768 + RANDOM) / (moments * 32768)))
         name="$signal after $delay of $duration us"
         rm -rf out && cp -r old out
-        # Under nohup, too, the end of the terminal ends it.
+        # Even if the tests run under nohup, the end of the terminal must end the program.
         as_in_a_terminal env --default-signal=HUP plyconvert --quiet new.ply out 2>errors &
         pid=$!
         sleep_microseconds "$delay"
@@ -63,7 +62,7 @@ for signal in KILL INT TERM HUP; do
         *:0) [[ $holds == new ]] || fail "$name: status 0, but the output folder holds the $holds dataset" ;;
         KILL:137) ;;
         *:130) [[ $holds == old && $(wc -l <errors) -le 1 ]] || fail "$name: $holds: $(cat errors)" ;;
-        TERM:143 | HUP:129) [[ $holds == old ]] || fail "$name: $holds" ;; # before the program answers signals
+        TERM:143 | HUP:129) [[ $holds == old ]] || fail "$name: $holds" ;; # before the program handles signals
         *) fail "$name: status $status: $(cat errors)" ;;
         esac
         if [[ $signal != KILL && -n $(listing | grep -E '^out\.') ]]; then

@@ -1,18 +1,18 @@
 # shellcheck shell=bash
-# What the transcripts and the other scripts of this folder share.
+# Functions for the transcripts and the other scripts of this folder.
 
 PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT
 
-# enter_scratch: makes a folder that is gone after the script, and goes there.
+# enter_scratch: makes a folder, which is removed at the end of the script, and enters it.
 enter_scratch() {
     scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
-    # Not for a job that was killed before it became the program.
+    # Not in a background job that was killed before exec.
     trap '[[ $BASHPID != $$ ]] || rm -rf "$scratch"' EXIT
     cd "$scratch" || exit 1
 }
 
-# fail TEXT: counts a failure and says what it is; the script ends with ((failures == 0)).
+# fail TEXT: counts and prints a failure. A script ends with ((failures == 0)).
 failures=0
 fail() {
     echo "FAILED: $*"
@@ -21,7 +21,7 @@ fail() {
 
 samples=$PROJECT/../shared/samples
 
-# header FLOATS COUNT [LINE...]: a splat header; the lines stand before the element line.
+# header FLOATS COUNT [LINE...]: prints a splat header with these lines before the element line.
 header() {
     local floats=$1 count=$2
     shift 2
@@ -33,8 +33,8 @@ header() {
     echo end_header
 }
 
-# ply FILE FLOATS COUNT [LINE...]: a whole splat file. What `records` takes further stands in the array
-# record_options.
+# ply FILE FLOATS COUNT [LINE...]: writes a whole splat file. The array record_options has further arguments for
+# `records`.
 record_options=()
 ply() {
     local file=$1
@@ -43,13 +43,13 @@ ply() {
     records "$1" "$2" "${record_options[@]}" >>"$file"
 }
 
-# bounds MINX MINY MINZ MAXX MAXY MAXZ: comment lines, one a word of the array bounds_lines.
+# bounds MINX MINY MINZ MAXX MAXY MAXZ: sets the array bounds_lines to the comment lines of these bounds.
 bounds() {
     bounds_lines=("comment minx $1" "comment miny $2" "comment minz $3" "comment maxx $4" "comment maxy $5"
         "comment maxz $6")
 }
 
-# edited FILE SED_SCRIPT: puts an edited copy of the header in front of the same body, in place.
+# edited FILE SED_SCRIPT: edits the header of the file in place and keeps its body.
 edited() {
     local file=$1 script=$2 length
     length=$(($(grep -a -b -o -m 1 '^end_header$' "$file" | cut -d : -f 1) + 11))
@@ -58,25 +58,25 @@ edited() {
     mv "$file.edited" "$file"
 }
 
-# listing [FOLDER]: every name in it, the hidden ones too.
+# listing [FOLDER]: prints every name in the folder, including hidden ones.
 listing() {
     (cd "${1:-.}" && find . -mindepth 1 | LC_ALL=C sort | sed 's#^\./##')
 }
 
-# hashes FOLDER: of the files that depend on the input alone.
+# hashes FOLDER: prints the hashes of the files that depend only on the input.
 hashes() {
     (cd "$1" && for file in data.bin shcoef.bin index.bin; do
         [[ -e $file ]] && sha256sum "$file"
     done)
 }
 
-# json_lines COMMAND...: runs a command that prints JSON, and breaks the line at the objects of its arrays.
+# json_lines COMMAND...: runs a command that prints JSON, and starts a new line at each object of its arrays.
 json_lines() {
     "$@" | sed -E -e 's/([[,])\{/\1\n{/g' -e 's/\}\]/}\n]/g'
     return "${PIPESTATUS[0]}"
 }
 
-# small_disk FOLDER SIZE: mounts a file system in memory at the folder, of a size like 8m. It is gone after the run.
+# small_disk FOLDER SIZE: mounts a file system in memory at the folder, of a size like 8m, until the end of the script.
 small_disk() {
     mkdir -p "$1"
     if ! mount -t tmpfs -o "size=$2" plyconvert-test "$1" 2>/dev/null; then
@@ -86,7 +86,8 @@ small_disk() {
     cleanups+=("umount '$(realpath "$1")'")
 }
 
-# plain_disk FOLDER SIZE: the same of a kind that cannot set room aside: a write is what finds the disk full.
+# plain_disk FOLDER SIZE: the same with a file system that cannot reserve space, so that a write is the first to fail on
+# a full disk.
 plain_disk() {
     local image=$1.image
     mkdir -p "$1"
@@ -98,9 +99,9 @@ plain_disk() {
     cleanups+=("umount '$(realpath "$1")'")
 }
 
-# as_in_a_terminal COMMAND...: for a job in the background. It answers Ctrl-C, which such jobs of a script ignore, and
-# its process group is its own, with its process id for a number. In a sanitizer's build it looks for no leaks: a process
-# whose helper for that is ended by the signal waits for it for ever.
+# as_in_a_terminal COMMAND...: runs a background job that reacts to Ctrl-C, which a script's background jobs otherwise
+# ignore, in a process group of its own with its process id as number. Leak detection is off in sanitizer builds: if the
+# signal ends its helper process, the program waits forever.
 as_in_a_terminal() {
     ASAN_OPTIONS=${ASAN_OPTIONS:-}:detect_leaks=0 exec setsid env --default-signal=INT "$@"
 }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The example of examples/parallel: good tiles are done, bad ones are named, a second run does only what is missing.
+# Tests examples/parallel: good tiles are converted, bad ones are named, and a second run only does what is missing.
 #
 #   PLYCONVERT_PATH=... parallel_test.sh
 set -u
@@ -10,7 +10,7 @@ if ! parallel --version 2>/dev/null | grep -q '^GNU parallel'; then
     exit 77
 fi
 enter_scratch
-export HOME=$scratch # what parallel keeps of its own
+export HOME=$scratch # for the files of parallel
 
 mkdir tiles
 for ((tile = 1; tile <= 6; ++tile)); do

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Pictures from straight above, held against other ways to make them:
+# Compares pictures from straight above with pictures made in other ways:
 #
-# - of four neighbouring tiles together, against that of the scene they were cut from, and of each tile alone, whose
+# - one of four neighbouring tiles with one of their scene, and with those of each tile alone, whose
 #   pixels lie on the same grid;
-# - of a real scene, against the perspective renderer that looks down from a thousand times the scene's width.
+# - one of a real scene with the perspective renderer at a height of a thousand times the scene's width.
 #
 #   PLYCONVERT_PATH=... picture_test.sh
 set -u
@@ -31,12 +31,12 @@ for corner in "-1000,-1000 0,0" "0,-1000 1000,0" "-1000,0 0,1000" "0,0 1000,1000
 done
 plyconvert picture --quiet --gsd 0.125 --box $box tile1 tile2 tile3 tile4 tiles.png || exit 1
 least "four tiles beside the whole scene" 45 whole.png tiles.png
-# The order of the tiles decides nothing but which of two splats at one height covers the other.
+# The order of the tiles only decides which of two splats at the same height covers the other.
 plyconvert picture --quiet --gsd 0.125 --box $box tile3 tile1 tile4 tile2 turned.png || exit 1
 least "the tiles in another order" 60 tiles.png turned.png
 for tile in tile1 tile2 tile3 tile4; do
     plyconvert picture --quiet --gsd 0.125 $tile $tile.png || exit 1
-    # Both edges are whole multiples of an eighth; the middle of the first pixel lies half a pixel inside.
+    # Both edges are multiples of an eighth; the centre of the first pixel is half a pixel inside.
     awk 'NR == 5 || NR == 6 { n = ($1 + (NR == 5 ? -0.0625 : 0.0625)) / 0.125; if (n != int(n)) exit 1 }' $tile.pgw ||
         fail "$tile: its pixels lie off the grid: $(tail -n 2 $tile.pgw | paste -s -d ' ')"
 done
@@ -49,7 +49,7 @@ if [[ ! -e $real ]]; then
 fi
 plyconvert --quiet "$real" real && plyconvert export --quiet real real.ply || exit 1
 plyconvert picture --quiet --size 640 --background 9ebde0 real above.png || exit 1
-# The middle of the picture and its width, of the world file and the size of the picture.
+# The centre and the width of the picture, from the world file and the picture's size.
 read -r pixel left top < <(paste -s -d ' ' above.pgw | awk '{ printf "%.17g %.17g %.17g\n", $1, $5 - $1 / 2, $6 + $1 / 2 }')
 width=$(od -An -t u1 -j 16 -N 4 above.png | awk '{ print (($1 * 256 + $2) * 256 + $3) * 256 + $4 }')
 height=$(od -An -t u1 -j 20 -N 4 above.png | awk '{ print (($1 * 256 + $2) * 256 + $3) * 256 + $4 }')

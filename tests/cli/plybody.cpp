@@ -1,11 +1,11 @@
-// plybody: writes the body that a PLY header declares to standard output.
+// plybody: writes the body for a PLY header to standard output.
 //
 //   plybody HEADER [AT_X,AT_Y,AT_Z]
 //
-// HEADER is a file that begins with a whole PLY header of any layout. The values make valid splats, packed
-// ones too: positions are evenly spread over 10 x 10 x 2 units from the corner AT on, (1, 1, 1) otherwise.
-// They follow from the name of a property and the number of the record alone. So two headers that declare the
-// same properties in another order, of another type or for another format get the same splats.
+// HEADER is a file that begins with a whole PLY header of any layout. The values make valid splats, also
+// packed ones. Positions are evenly spread over 10 x 10 x 2 units from the corner AT, by default (1, 1, 1). A
+// value depends only on the name of the property and the number of the record, so headers with the same
+// properties in another order, type or format get the same splats.
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -23,7 +23,7 @@ namespace {
 
 struct Property {
     std::string type;
-    std::string countType; // of a list, else empty
+    std::string countType; // of a list; otherwise empty
     std::string name;
 };
 
@@ -83,7 +83,7 @@ std::uint64_t hashOf(const std::string& name, std::uint64_t index) {
     return hash ^ hash >> 29;
 }
 
-// What is no property of a splat gets a small whole number, which every type holds.
+// Other properties get a small integer, which every type can hold.
 double valueOf(const std::string& name, std::uint64_t index, const std::array<double, 3>& at) {
     constexpr std::array<double, 3> steps = {0.6180339887498949, 0.4142135623730951, 0.7320508075688772};
     constexpr std::array<double, 3> sizes = {10.0, 10.0, 2.0};
@@ -128,7 +128,7 @@ public:
         if (type == "char" || type == "int8") {
             write(static_cast<std::int8_t>(value));
         } else if (type == "uchar" || type == "uint8") {
-            // Coefficients of a packed file among them.
+            // Includes coefficients of a packed file.
             write(static_cast<std::uint8_t>(value < 1.0 ? 255.0 * (value - std::floor(value)) : value));
         } else if (type == "short" || type == "int16") {
             write(static_cast<std::int16_t>(value));

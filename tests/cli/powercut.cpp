@@ -1,4 +1,4 @@
-// powercut STATE ROOT begin | flushed PATH | cut NAME: what would be left of the folder ROOT after a power
+// powercut STATE ROOT begin | flushed PATH | cut NAME: simulates the content of the folder ROOT after a power
 // cut.
 //
 //   begin         everything in ROOT is on the disk
@@ -6,11 +6,10 @@
 //   cut NAME      the power is cut before a call of this NAME: writes two folders, STATE/cuts/N.lost and
 //                 STATE/cuts/N.names, and the name of the call to STATE/cuts/N.call, with N counting from 1
 //
-// N.lost holds what was flushed alone: a folder has the names that it had when it was flushed, and a file the
-// contents that it had then. N.names holds every name as it is at that moment, as a file system leaves them
-// that keeps its names in order and the contents of files no sooner than they are flushed. In both, a file
-// that was never flushed is empty. Writes need no call of their own: what is written counts from the flush
-// on.
+// N.lost holds only what was flushed: a folder has the names, and a file the contents, of its last flush.
+// N.names holds all names of that moment, like a file system that orders changes of names but writes contents
+// only when they are flushed. In both, a file that was never flushed is empty. Writes need no command, since
+// they only count from the next flush.
 
 #include <cstdio>
 #include <exception>
@@ -29,7 +28,7 @@ namespace fs = std::filesystem;
 fs::path state;
 fs::path root;
 
-// The number of a file or folder alone may be given to the next one that is made.
+// The inode number alone is not enough: the system may reuse it for the next file.
 std::string identityOf(const fs::path& path) {
     struct statx status = {};
     if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME, &status) != 0) {
@@ -39,7 +38,7 @@ std::string identityOf(const fs::path& path) {
            std::to_string(status.stx_btime.tv_nsec);
 }
 
-// The flushed contents of a file, or names of a folder.
+// Where the flushed contents of a file, or the names of a folder, are kept.
 fs::path onDisk(const std::string& identity) {
     return state / "disk" / identity;
 }
@@ -76,7 +75,7 @@ void writeContents(const std::string& identity, const fs::path& to) {
 
 void writeFlushed(const std::string& folder, const fs::path& to) {
     fs::create_directory(to);
-    std::ifstream names(onDisk(folder)); // none of a folder that was never flushed
+    std::ifstream names(onDisk(folder)); // no names if the folder was never flushed
     for (std::string identity, type, name;
          names >> identity >> type && std::getline(names >> std::ws, name);) {
         if (type == "folder") {

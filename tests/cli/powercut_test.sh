@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Cuts the power before each of the program's calls that change names or flush: what was not flushed is lost. Two
-# disks are tried, one that loses every name and every content that was not flushed, and one that keeps names in order
-# and loses contents (see powercut.cpp). On both the output folder holds the earlier dataset or the new one, whole; on
-# a file system that exchanges no names it may be missing for one moment, and the next run puts the earlier one back.
-# After the run has said that it is done, the new dataset is there. The next run succeeds from every such disk.
+# Simulates a power cut before each call of the program that changes names or flushes. Everything not flushed is lost.
+# There are two kinds of disk: one loses all names and contents that were not flushed, the other keeps names in order
+# and loses contents (see powercut.cpp). On both the output folder must hold the earlier dataset or the new one,
+# complete. On a file system that cannot exchange names it may be missing for one moment, and the next run must restore
+# the earlier one. After the program has reported success, the new dataset must be there. The next run must succeed with
+# every such disk.
 #
 #   PLYCONVERT_PATH=... FAULTS=.../faults.so powercut_test.sh
 set -u
@@ -19,7 +20,7 @@ hashes old >old.hashes
 hashes new >new.hashes
 tried=0
 
-# What the output folder of a disk is; a dataset counts as one when it verifies.
+# Prints the state of the output folder of a disk; a dataset must verify to count.
 look() {
     if [[ ! -e $1 ]]; then
         echo missing
@@ -37,12 +38,12 @@ look() {
     fi
 }
 
-# check DISK OUT STATE TEXT: what a cut has left, and what the next run makes of it. The output folder was as STATE
-# says before.
+# check DISK OUT STATE TEXT: checks what a cut has left, and the result of the next run. STATE is the state of the
+# output folder before.
 declare -A known
 check() {
     local disk=$1 out=$2 state=$3 name=$4 now key
-    # What the next run does depends on the names on the disk, and on what the output folder holds.
+    # The next run depends only on the names on the disk and on the content of the output folder.
     key=$(listing "$disk" && cat "$disk/$out"/* 2>/dev/null | sha256sum)
     if [[ -n ${known[$key]:-} ]]; then
         now=${known[$key]}
@@ -51,7 +52,7 @@ check() {
         known[$key]=$now
         tried=$((tried + 1))
         if [[ $now == missing && $state == old ]]; then
-            # The next run may fail: what was set aside is back before it does.
+            # The next run may fail, but it must restore the earlier dataset before.
             plyconvert --quiet --max-memory 1 new.ply "$disk/$out" 2>/dev/null
             [[ $exchange == no && $(look "$disk/$out") =~ ^(old|new)$ ]] || known[$key]=lost
         fi
@@ -64,7 +65,7 @@ check() {
     found=$now
 }
 
-# check_cuts STATE OUT TEXT: every cut of the runs so far.
+# check_cuts STATE OUT TEXT: checks every cut of the runs so far.
 check_cuts() {
     local number disk seen=()
     for ((number = 1; number <= $(find state/cuts -name '*.call' | wc -l); ++number)); do
@@ -77,12 +78,12 @@ check_cuts() {
     known=()
 }
 
-# watched COMMAND...: the program, every cut of which is written down.
+# watched COMMAND...: runs the program and records every cut.
 watched() {
     env "${fault[@]}" FAULT_WATCH="powercut $scratch/state $scratch/disk" LD_PRELOAD="$FAULTS" plyconvert --quiet "$@"
 }
 
-# before STATE: the disk as it is before the run.
+# before STATE: prepares the disk for a run.
 before() {
     rm -rf disk state && mkdir disk && cp new.ply disk
     [[ $1 != old ]] || cp -r old disk/out
@@ -108,12 +109,12 @@ for exchange in yes no; do
     done
 done
 
-# The program is killed when it has exchanged the names; the next run cleans up, and the power is cut before its calls.
+# The program is killed after it has exchanged the names. The next run cleans up, and its calls are cut.
 for exchange in yes no; do
     fault=()
     [[ $exchange == no ]] && fault=(FAULT_NO_EXCHANGE=1)
-    # Calls 1 to 6 flush, call 7 exchanges the names; without the exchange calls 8 and 9 rename. Then the folder that
-    # holds both names is flushed: the kill comes before that.
+    # Calls 1 to 6 flush and call 7 exchanges the names; without the exchange calls 8 and 9 rename. Then the folder with
+    # both names is flushed; the program is killed before that.
     call=8
     [[ $exchange == no ]] && call=10
     name="exchange $exchange, killed at call $call"

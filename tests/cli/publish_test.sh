@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Kills the program in place of each of its calls that change names or flush, one run after the other, on a file
-# system that exchanges names and on one that does not. The output folder holds the earlier dataset or the new one,
-# whole; without the exchange it may be missing for one moment, and the next run puts the earlier one back even when
-# it fails itself. The next good run removes whatever was left.
+# Kills the program instead of each call that changes names or flushes, one in each run, on a file system that can
+# exchange names and on one that cannot. The output folder must hold the earlier dataset or the new one, complete.
+# Without the exchange it may be missing for one moment, and the next run must restore the earlier one even if that run
+# fails. The next successful run must remove everything that was left.
 #
 #   PLYCONVERT_PATH=... FAULTS=.../faults.so publish_test.sh
 set -u
@@ -18,7 +18,7 @@ hashes old >old.hashes
 hashes new >new.hashes
 mkdir other && echo precious >other/notes.txt
 
-# What the output folder is.
+# Prints the state of the output folder.
 look() {
     if [[ ! -e out ]]; then
         echo missing
@@ -38,7 +38,7 @@ look() {
     fi
 }
 
-# before NAME: the output folder as it is before the run.
+# before NAME: prepares the output folder for a run.
 before() {
     rm -rf out out.*
     case $1 in
@@ -67,20 +67,20 @@ for exchange in yes no; do
             {
                 env "${fault[@]}" FAULT_KILL_AT=$call LD_PRELOAD="$FAULTS" plyconvert --quiet "${force[@]}" new.ply out
                 status=$?
-            } 2>/dev/null # the shell's word on the killed job
+            } 2>/dev/null # the shell's message about the killed job
             now=$(look)
             seen+=("$now")
             [[ $status == 137 ]] || fail "$name: status $status"
             if [[ $now != "$state" && $now != new ]]; then
                 [[ $exchange == no && $now == missing ]] || fail "$name: the output folder is $now"
-                # The next run may fail: what was set aside is back before it does.
+                # The next run may fail, but it must restore the earlier dataset before.
                 plyconvert --quiet --max-memory 1 "${force[@]}" new.ply out 2>/dev/null
                 [[ $(look) == "$state" ]] || fail "$name: $(look) after the next run, which failed"
             fi
             plyconvert --quiet "${force[@]}" new.ply out || fail "$name: the next run fails"
             left=$(listing | grep -E '^out\.' | grep -v -E '^out\.[a-z]+-[0-9]+(/notes.txt)?$')
             [[ $(look) == new && -z $left ]] || fail "$name: after the next run $(look), $left"
-            # Dead runs' leftovers are removed, but for a file that no conversion wrote.
+            # What dead runs left must be removed, except a file that no conversion wrote.
             if [[ $state != other && -n $(listing | grep -E '^out\.') ]]; then
                 fail "$name: left behind: $(listing | grep -E '^out\.' | paste -s -d ' ')"
             fi

@@ -3,8 +3,8 @@
 //   records FLOATS COUNT [WIDTH DEPTH] [INDEX:X,Y,Z]...
 //   records FLOATS properties
 //
-// FLOATS is 62 or 17. The splats stand at (x, y) evenly spread over [1, 1 + WIDTH) x [1, 1 + DEPTH) (10 x 10)
-// and z in [1, 3), except those that are named by their index. The same arguments give the same bytes.
+// FLOATS is 62 or 17. The splats are evenly spread over [1, 1 + WIDTH) x [1, 1 + DEPTH) x [1, 3), by default
+// 10 x 10 x 2, except those given with their index. The same arguments give the same bytes.
 #include "tests/support/properties.h"
 
 #include <array>

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Draws a town and what export brings back of it from two sides: they look the same. Rounding bounds how far they may
-# differ: that of a splat's colour to 1/255 and that of both pictures, each spread evenly over one step of 8 bits, are
-# 3/12 of a squared step together, or 10 log10(255^2 / (3/12)) = 54.15 dB. A colour that is half a step off is below.
+# Draws a town, and the same town after convert and export, from two sides. The pictures must be equal up to rounding. A
+# splat's colour and both pictures are rounded to 8 bits, each with an error spread evenly over one step. Together that
+# is 3/12 of a squared step, or 10 log10(255^2 / (3/12)) = 54.15 dB. A colour that is off by half a step gives less.
 #
 #   PLYCONVERT_PATH=... render_test.sh
 set -u
@@ -19,7 +19,7 @@ for view in "-35 -45 25" "20 40 12"; do
     decibels=$(renderscene --width 480 --height 320 --eye $view --against town.png -- back.ply back.png) || exit 1
     echo "from $view: $decibels dB"
     awk -v found="$decibels" -v least="$least" 'BEGIN { exit !(found > least) }' || fail "from $view: $decibels dB"
-    # A picture of the sky alone takes a hundredth of that.
+    # A picture of nothing but sky takes a hundredth of that.
     (($(stat -c %s town.png) > 100000)) || fail "from $view: there is nothing to see"
 done
 ((failures == 0))

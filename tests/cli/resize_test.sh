@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Makes the terminal narrower and wider while a conversion shows how far it is: there is one line of progress at every
-# width, nothing of an earlier one is left, and what stood on the terminal before stays. Reads are slow meanwhile, so
-# that the run waits for the terminal.
+# Makes the terminal narrower and wider while a conversion shows its progress. At every width there must be one progress
+# line and no remains of earlier ones, and earlier text must stay. Reads are slowed down so that the run lasts long
+# enough.
 #
 #   PLYCONVERT_PATH=... resize_test.sh
 set -u
@@ -15,12 +15,12 @@ terminal() {
 }
 trap 'terminal kill-server 2>/dev/null; rm -rf "$scratch"' EXIT
 
-# Everything that was shown and still stands, without empty lines.
+# The text on the terminal without empty lines.
 shown() {
     terminal capture-pane -p -S - | grep -v '^ *$'
 }
 
-# wait_for COMMAND...: until it succeeds, for a minute at most.
+# wait_for COMMAND...: repeats the command until it succeeds, for at most a minute.
 wait_for() {
     local try
     for ((try = 0; try < 1200; ++try)); do
@@ -31,7 +31,7 @@ wait_for() {
     exit 1
 }
 
-# A stage; if there is room, how much of it is done, and the times.
+# A stage, followed by share and times if there is room.
 progress='^(measuring|writing|verifying|flushing) '
 has_progress() { shown | grep -q -E "$progress"; }
 has_other_progress() { [[ $(shown | grep -E "$progress" | tail -n 1) != "$1" ]]; }
@@ -46,7 +46,7 @@ terminal set-option -g status off
 terminal resize-window -x 100 -y 12
 for width in 100 60 40 80 38 100; do
     terminal resize-window -x "$width" -y 12
-    # The line after the next is certainly drawn for the new width.
+    # The second line from now is certainly drawn for the new width.
     for _ in 1 2; do
         wait_for has_progress
         wait_for has_other_progress "$(shown | grep -E "$progress" | tail -n 1)"

@@ -3,17 +3,18 @@
 #
 #   run_transcript.sh [--update] FILE.md
 #
-# A transcript is prose with fenced blocks that start with ```console. In them, a line "$ COMMAND" (with "> " lines
-# that continue it) is followed by what the command prints on standard output and standard error, and by "[STATUS]"
-# when its exit status is not 0. All commands of a file run in one shell, in a scratch folder of its own, with the
-# functions of lib.sh and the folders of PLYCONVERT_PATH in front of PATH. What differs from run to run (durations,
-# process ids, free space, memory that depends on the processors, sizes of compressed pictures) is compared in a settled form. --update writes what was printed into the file.
+# A transcript is prose with fenced blocks that start with ```console. In a block, a line "$ COMMAND" (continued by "> "
+# lines) is followed by the command's standard output and standard error, and by "[STATUS]" if its exit status is not 0.
+# All commands of a file run in one shell, in a scratch folder, with the functions of lib.sh and the folders of
+# PLYCONVERT_PATH in front of PATH. Values that differ between runs (durations, process ids, free space, memory that
+# depends on the processors, sizes of compressed pictures) are replaced by fixed text before comparing. --update writes
+# the actual output into the file.
 #
-# A line "<!-- setup: COMMAND -->" outside the blocks runs a command whose output is of no interest.
+# A line "<!-- setup: COMMAND -->" outside the blocks runs a command and ignores its output.
 #
-# A command that calls "skip REASON" ends the run with status 77, as CTest expects it.
+# A command that calls "skip REASON" ends the run with status 77, which CTest takes as skipped.
 set -u
-# Descriptors that the caller left open would count against limits that a transcript sets.
+# Descriptors left open by the caller would count towards the limits that a transcript sets.
 exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-
 
 update=no
@@ -21,11 +22,11 @@ update=no
 transcript=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
 
-shown=WORK # stands for the scratch folder; a document sets what looks better
+shown=WORK # replaces the scratch folder's path in output; a document may set another text
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
 cleanups=()
 clean_up() {
-    [[ $BASHPID == $$ ]] || return # a job that was killed before it became the program
+    [[ $BASHPID == $$ ]] || return # a background job that was killed before exec
     cd / || return
     for cleanup in "${cleanups[@]}"; do
         eval "$cleanup"
@@ -40,7 +41,7 @@ skip() {
 # shellcheck source=tests/cli/lib.sh
 source "$here/lib.sh"
 
-# What differs from run to run, in one form.
+# Replaces values that differ between runs by fixed text.
 settled() {
     sed -E -e "s#$scratch/work#$shown#g" \
         -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
@@ -63,7 +64,7 @@ command=
 : >"$scratch/expected"
 : >"$scratch/updated"
 
-# Runs the command that was read last and compares.
+# Runs the last command and compares its output.
 finish() {
     [[ -z $command ]] && return
     eval "$command" >"$scratch/actual" 2>&1 </dev/null
@@ -73,7 +74,7 @@ finish() {
         cat "$scratch/skip"
         exit 77
     fi
-    # The last line may lack its line feed.
+    # The last line may have no line feed.
     [[ -s $scratch/actual && -n $(tail -c 1 "$scratch/actual") ]] && echo >>"$scratch/actual"
     commands=$((commands + 1))
     settled "$scratch/actual" >"$scratch/actual.settled"

@@ -4,8 +4,8 @@
 #
 #   bare_test.sh PACKAGES FOLDER MAKESCENE
 #
-# PACKAGES: the folder of the .deb files. FOLDER: where the bare system lies; its archive of packages is kept there for the
-# next run. MAKESCENE: the generator, which makes the scene outside.
+# PACKAGES: the folder of the .deb files. FOLDER: for the bare system; its downloaded packages are kept for the next
+# run. MAKESCENE: the scene generator, which runs outside.
 set -euo pipefail
 
 packages=$(cd "$1" && pwd)
@@ -25,7 +25,7 @@ if ((EUID != 0)); then
     fail "a bare system is made by root alone"
 fi
 
-# leave: nothing of the bare system runs or is mounted afterwards.
+# leave: ends all processes of the bare system and unmounts it.
 leave() {
     local status=$?
     if [[ -n ${server-} ]]; then
@@ -79,7 +79,7 @@ inside dpkg-query -W -f '${Package}\n' | sort | comm -13 "$folder/before" - | tr
 echo
 depends=$(inside dpkg-query -W -f '${Depends}' libplyconvert1 | sed 's/ ([^)]*)//g')
 [[ $depends == "libc6, libgcc-s1, libstdc++6" ]] || fail "the library depends on: $depends"
-# What is read whole into a text: a pipe that ends early would be an error of the writer's.
+# Reads the whole output first: if grep -q closed a pipe early, the writer would fail.
 grep -q 'libplyconvert.so.1 ' <<<"$(inside ldconfig -p)" || fail "the dynamic linker does not find the library"
 
 echo "-- the program: converts, verifies, exports, serves"

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# examples/slurm on a cluster of one node: 24 tiles, of which two are broken, one does not fit into the memory it gets
-# first and one is killed in the middle, while the node's daemon is killed and started again. Then once more.
+# Runs examples/slurm on a cluster of one node with 24 tiles. Two are broken, one does not fit the memory that it gets
+# first, and one is killed in the middle, while the node's daemon is killed and restarted. Then everything runs a second
+# time.
 #
 #   PLYCONVERT_PATH=... FAULTS=... scripts/slurm.sh tests/slurm/array_test.sh FOLDER
 #
-# FOLDER is made anew. It holds scenes, datasets and logs until the test has passed.
+# The script recreates FOLDER. It keeps scenes, datasets and logs until the test has passed.
 set -u
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 # shellcheck source=tests/slurm/lib.sh
@@ -21,10 +22,10 @@ large=tile09
 killed=tile12
 waiting=tile13
 odd="tile24 (Süd & \$HOME)"
-# Of a task, in MiB: enough for all tiles but the large one, which has tens of thousands of cells.
+# MiB for each task: enough for all tiles except the large one, which has tens of thousands of cells.
 memory=100
 
-# Every tile has another number of splats, so that a tile that is missing or taken twice changes the sum.
+# Every tile has a different number of splats, so a missing or repeated tile changes the sum.
 splats_of() {
     if [[ $1 == "$large" ]]; then
         echo 1000001
@@ -52,7 +53,7 @@ make_scenes() {
     echo "no scene of splats" >"scenes/$no_scene.ply"
 }
 
-# In front of the program: a tile that has a file NAME.stops stops at its first write. Then the file NAME.held is there,
+# A wrapper around the program: a tile with a file NAME.stops stops at its first write. Then the file NAME.held exists,
 # and NAME.pid has the process id.
 make_program_that_stops() {
     mkdir stopping
@@ -68,14 +69,14 @@ END
     chmod +x stopping/plyconvert
 }
 
-# When each dataset but that of the killed tile was made.
+# The times of all datasets except that of the killed tile.
 times() {
     for name in "${good[@]}"; do
         [[ $name == "$killed" ]] || stat --format='%n %z' "out/tiles/$name"
     done
 }
 
-# ended_with STATUS: the tiles whose last conversion had that exit status.
+# ended_with STATUS: prints the tiles whose last conversion had this exit status.
 ended_with() {
     grep -lx "$1" out/status/* | sed 's#.*/##'
 }
@@ -84,7 +85,7 @@ folders() {
     find "$1" -mindepth 1 -maxdepth 1 -type d -printf '%f\n' | sort
 }
 
-# sum_of_splats: of all datasets, by what they hold.
+# sum_of_splats: prints the number of splats in all datasets.
 sum_of_splats() {
     local sum=0 name
     for name in "$@"; do

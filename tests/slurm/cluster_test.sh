@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# scripts/slurm.sh: the cluster it starts, what it refuses, and that nothing is left behind however it ends.
+# Tests scripts/slurm.sh: the cluster that it starts, what it refuses, and that it leaves nothing behind.
 #
 #   tests/slurm/cluster_test.sh FOLDER
 #
-# FOLDER is made anew, and gone when the test has passed.
+# The script recreates FOLDER and removes it when the test has passed.
 # shellcheck disable=SC2016  # what is in single quotes is expanded in the cluster
 set -u
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -13,13 +13,13 @@ export LC_ALL=C
 rm -rf "$1" && mkdir -p "$1" && cd "$1" || exit 1
 cluster=$project/scripts/slurm.sh
 
-# Where the machine's own Slurm and munge keep their files, each with its time of change.
+# The files of the machine's own Slurm and munge, each with its time of change.
 machines_own() {
     find /etc/slurm /etc/munge /run/munge /run/slurm /var/lib/slurm /var/lib/munge /var/log/slurm /var/log/munge \
         /var/spool/slurm /var/spool/slurmd /var/spool/slurmctld -printf '%p %T@\n' 2>/dev/null
 }
 
-# What a run could leave on the machine: network devices, named namespaces, mounts.
+# Things that a run could leave on the machine: network devices, named namespaces, mounts.
 traces() {
     ip -oneline link | sed 's/ .*//; s/@.*//'
     ip netns list
@@ -27,7 +27,7 @@ traces() {
     ls /run
 }
 
-# nobody_in NAMESPACE: whether no process is left in that namespace of processes.
+# nobody_in NAMESPACE: succeeds if no process is left in this PID namespace.
 nobody_in() {
     local link
     for link in /proc/[0-9]*/ns/pid; do
@@ -58,7 +58,7 @@ refused 125 "whole number" "$cluster" --cpus none true
 
 echo "-- however it ends"
 for signal in HUP INT TERM KILL; do
-    # Two at a time: neither meets the other. Each has a job that would run for a long time.
+    # Two clusters at a time do not affect each other. Each has a job that would run for a long time.
     for run in 1 2; do
         env --default-signal=INT "$cluster" bash -c 'sbatch --quiet --output=/dev/null --wrap "sleep 600"
             until [[ $(squeue --noheader --format=%T) == RUNNING ]]; do sleep 0.1; done

@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# What the tests of this folder share.
+# Functions for the tests of this folder.
 
-# Seconds that a test waits for something to happen before it gives up. What happens takes seconds.
+# Seconds that a test waits for an event before it fails. Normally it takes a few seconds.
 patience=120
 
-# fail TEXT: counts a failure and says what it is; the script ends with ((failures == 0)).
+# fail TEXT: counts and prints a failure. A script ends with ((failures == 0)).
 failures=0
 fail() {
     echo "FAILED: $*"
@@ -16,7 +16,7 @@ expect() {
     [[ $3 == "$2" ]] || fail "$1: expected \"$2\", found \"$3\""
 }
 
-# says FILE WORD...: whether one line of the file holds all the words.
+# says FILE WORD...: succeeds if one line of the file contains all the words.
 says() {
     local file=$1 line word
     shift
@@ -29,7 +29,7 @@ says() {
     fail "no line of $file says: $*"
 }
 
-# refused STATUS WORD COMMAND...: whether the run ends so, with one line that has the word.
+# refused STATUS WORD COMMAND...: expects that the command ends with this status and one line with the word.
 refused() {
     local status=$1 word=$2 found=0
     shift 2
@@ -39,7 +39,7 @@ refused() {
     says refused.txt "$word"
 }
 
-# exists FILE...: whether all of them are there.
+# exists FILE...: succeeds if all of them exist.
 exists() {
     local file
     for file in "$@"; do
@@ -51,7 +51,7 @@ no_process() {
     ! kill -0 "$1" 2>/dev/null
 }
 
-# wait_for WHAT COMMAND...: returns when the command succeeds; ends the test when it does not in time.
+# wait_for WHAT COMMAND...: returns when the command succeeds; ends the test if that takes too long.
 wait_for() {
     local what=$1 deadline=$((SECONDS + patience))
     shift
@@ -65,13 +65,13 @@ wait_for() {
     echo "   $what"
 }
 
-# quietly COMMAND...: prints its exit status alone.
+# quietly COMMAND...: prints only the exit status.
 quietly() {
     "$@" >/dev/null 2>&1
     echo $?
 }
 
-# number_in KEY: the first whole number that the JSON document on standard input has by that key.
+# number_in KEY: prints the first integer with this key in the JSON document on standard input.
 number_in() {
     grep -o "\"$1\": *[0-9]*" | head -n 1 | grep -o '[0-9]*$'
 }

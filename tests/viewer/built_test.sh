@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# built_test.sh VIEWER SCRATCH: the committed page states the hash of the sources that are there. Where node and the page's
-# tools are installed it is built again, too, and must be the same byte for byte.
+# built_test.sh VIEWER SCRATCH: the committed page must state the hash of the current sources. If node and the page's
+# tools are installed, the page is also built again and must be equal byte for byte.
 set -euo pipefail
 
 viewer=$1 scratch=$2

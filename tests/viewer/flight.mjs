@@ -1,5 +1,6 @@
-// Records a flight over the town, to be looked at: `node tests/viewer/flight.mjs FOLDER` after a release build. The budget is small and
-// the server slow, so that cells come and go in the picture; every frame is kept as it stands at its moment, settled or not.
+// Records the frames of a flight over the town, for a person to look at: `node tests/viewer/flight.mjs
+// FOLDER` after a release build. The budget is small and the server slow, so that cells appear and disappear.
+// Every frame is saved, finished or not.
 import { mkdirSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
 import { figures, openPage, pngOf, startBrowser } from "./browser.mjs";

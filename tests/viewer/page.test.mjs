@@ -1,4 +1,4 @@
-// The page in a browser: pixels, habits, faults, and what it fetches and holds.
+// The page in a browser: pixels, behaviour, faults, and what it fetches and keeps in memory.
 import assert from "node:assert/strict";
 import { copyFileSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { join } from "node:path";
@@ -17,14 +17,14 @@ after(() => browser.close());
 const sky = [158, 189, 224];
 const isSky = (pixels, i) => sky.every((value, channel) => Math.abs(pixels.data[4 * i + channel] - value) <= 1);
 
-// How many of a hundred pixels show something.
+// The percentage of pixels that are not sky.
 function covered(pixels) {
     let count = 0;
     for (let i = 0; i < pixels.width * pixels.height; ++i) count += isSky(pixels, i) ? 0 : 1;
     return (100 * count) / (pixels.width * pixels.height);
 }
 
-// The mean colour of a square around a place given in shares of the picture.
+// The mean colour of a square. Its centre (x, y) is given as shares of the picture's sides.
 function meanAt(pixels, x, y, half = 4) {
     const sum = [0, 0, 0];
     for (let row = -half; row <= half; ++row) {
@@ -50,7 +50,7 @@ async function withPage(datasets, work, { hash = "", options, settle = true, pag
 
 const message = (page) => page.locator("#message:visible #message-text").textContent({ timeout: 20000 });
 
-// A dataset of few splats whose place, colour and size are known: written by hand from docs/format.md.
+// A dataset of few splats with known positions, colours and sizes, written directly from docs/format.md.
 function byHand(name, splats) {
     const folder = makeFolder(name);
     const three = (value) => `[${value}, ${value}, ${value}]`;
@@ -102,7 +102,7 @@ test("splats of known places and colours are where they belong, the nearer befor
         near(at(0.6, 2, 10), at(-0.6, 2, 10), 6);
         assert.ok(at(0.6, 2, 10)[1] < 130, "broad along x");
         near(at(0, 2.6, 10), sky, 3); // and flat along z
-        // Beside the middle of the small green one, the red one behind it shows through.
+        // Beside the centre of the small green splat, the red one behind it is visible.
         const [red, green] = [Math.exp(-0.5 * (0.45 / 0.5) ** 2), Math.exp(-0.5 * (0.3 / 0.2) ** 2)];
         const behind = sky.map((value, i) => value * (1 - red) + [255, 2, 2][i] * red);
         near(at(0.3, 0, 10), behind.map((value, i) => value * (1 - green) + [2, 255, 2][i] * green), 8);
@@ -126,7 +126,7 @@ test("coefficients change the colour with the direction, as the formula says", a
         record.writeUInt8(255, 15);
         for (const at of [16, 18, 20]) record.writeUInt16LE(65535, at);
         writeFileSync(join(copy, "data.bin"), record);
-        // Stronger coefficients than the scene's own.
+        // Larger coefficients than those of the scene.
         const coefficients = Buffer.alloc(64);
         for (let k = 0; k < 15; ++k) coefficients.writeUInt32LE((((k * 613) % 2048) | (((k * 377) % 1024) << 11) | (((k * 991) % 2048) << 21)) >>> 0, 4 * k);
         writeFileSync(join(copy, "shcoef.bin"), coefficients);
@@ -219,7 +219,7 @@ test("mouse, wheel, keys and touch move the view; F brings it back; the link kee
         picture.data.forEach((value, i) => (worst = Math.max(worst, Math.abs(value - twin.data[i]))));
         assert.ok(worst <= 8, `the link shows the same picture, but for ${worst}`);
         await again.close();
-        await page.bringToFront(); // pages in the background draw nothing
+        await page.bringToFront(); // background pages draw nothing
         await page.locator("#picture").focus();
         await page.keyboard.press("f");
         await page.waitForFunction((first) => JSON.parse(first).distance === window.viewer.pose.distance, start);
@@ -380,7 +380,7 @@ test("four tiles of a catalogue are one map, without a seam, and each is streame
         t.diagnostic(`view ${i}: ${agreed.toFixed(1)} dB between the tiles and the whole`);
         assert.ok(agreed >= 45, `${agreed} dB`);
     });
-    // The same tiles by their folders; one of them alone.
+    // The same tiles by their folders, and one of them alone.
     const folders = await viewed(...tiles);
     const page = await openPage(browser.context, folders.address);
     assert.equal((await figures(page)).loaded, 20000);
@@ -449,7 +449,7 @@ test("each fault has its one clear line", async () => {
     await told(changed(small(), (copy) => rewrite(copy, "converted_from_ply.ytr", () => "{", "utf8")), /^converted_from_ply\.ytr cannot be read: line 1/);
     await told(small(), /\?data= takes the address of a folder/, { hash: "?data=javascript:alert(1)" });
     await told(small(), /^converted_from_ply\.ytr is missing/, { hash: "?data=nowhere/" });
-    // The server goes away while splats are fetched, and is back for a second try.
+    // The server fails while splats are fetched, and works again for a second try.
     let down = true;
     await withPage([small()], async (page, server) => {
         server.fault = (path, response) => down && path.endsWith("data.bin") && (response.destroy(), true);
@@ -583,7 +583,7 @@ test("the town: nothing is fetched twice, and the memory is what was promised", 
 
 test("within a small budget cells come and go with the eye, and what is no longer wanted is not waited for", { timeout: 280000 }, async () => {
     await withPage([town()], async (page, server) => {
-        let held = true; // until the budget is chosen: another one begins anew
+        let held = true; // until the budget is chosen, since another budget starts again
         server.fault = (path, response, request) => held && request.headers.range !== undefined;
         await page.reload();
         await page.waitForFunction(() => window.viewer?.figures() !== undefined);
@@ -617,7 +617,7 @@ test("within a small budget cells come and go with the eye, and what is no longe
         assert.ok(far.evicted > 0);
         const keys = server.log.slice(0, before).map(({ path, first }) => `${path} ${first}`);
         assert.deepEqual(keys.filter((key, i) => keys.indexOf(key) !== i), [], "nothing was fetched twice");
-        // A slow server, and an eye that goes on before the cells arrive.
+        // A slow server, and a view that moves on before the cells arrive.
         server.delay = 1500;
         for (const [x, y] of [[-90, -70], [90, 70]]) {
             await page.evaluate((hash) => (location.hash = hash), `v=${x},${y},5,60,30,40`);

@@ -1,4 +1,4 @@
-// The page's parts that need no browser: slots of graphics memory, the sorter, what is wanted, links.
+// Parts of the page that need no browser: slots of graphics memory, the sorter, the plan of cells, links.
 import assert from "node:assert/strict";
 import { File } from "node:buffer";
 import { test } from "node:test";
@@ -8,7 +8,7 @@ const {
     City, SlotPool, Sorter, ViewError, blocksOf, framing, mostDatasets, piecesOf, poseFrom, poseText, shapeFor, slotBits, sourceFrom, together, viewOf, wantedPieces,
 } = await modules("camera", "choices", "city", "folder", "format", "plan", "slots", "sorting");
 
-// Numbers that look random and are the same in every run.
+// Pseudo-random numbers, the same in every run.
 function numbers(seed) {
     let state = seed;
     return () => ((state = (state * 1103515245 + 12345) % 2147483648) / 2147483648);
@@ -93,7 +93,7 @@ test("the order is back to front, holds every splat once, and leaves out what wa
         const slots = [...order.subarray(0, count)];
         assert.deepEqual([...slots].sort((a, b) => a - b), expected);
         const distances = slots.map((slot) => Math.hypot(...position.get(slot).map((value, i) => value - eye[i])));
-        // The keys tell distances apart to one part in a few thousand.
+        // The keys distinguish distances to one part in a few thousand.
         for (let i = 1; i < count; ++i) assert.ok(distances[i] <= distances[i - 1] * 1.001, `${i}: ${distances[i - 1]}, ${distances[i]}`);
     };
     const eye = [50, 40, 2];

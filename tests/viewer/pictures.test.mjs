@@ -1,4 +1,4 @@
-// The page's pictures against those of two other renderers of the same splats: playcanvas, and picture/renderscene.
+// Compares the page's pictures with those of two other renderers: playcanvas and picture/renderscene.
 import assert from "node:assert/strict";
 import { createReadStream, existsSync, readFileSync, writeFileSync } from "node:fs";
 import { createServer } from "node:http";
@@ -9,8 +9,8 @@ import { startServer } from "./server.mjs";
 import { converted, decibels, root, run, samples, scratch, viewerPage } from "./support.mjs";
 
 const least = 35; // decibels
-// Three views of each sample, the same for all and chosen before any was seen: from around it, a third of a turn apart, looking down
-// a little, from twice as far off as the page's first view.
+// Three views of each sample, chosen by one rule for all before looking at any: a third of a turn apart,
+// slightly from above, at twice the distance of the page's first view.
 const azimuths = [0, 120, 240]; // degrees
 const pitch = 20;
 const far = 2;

@@ -1,4 +1,4 @@
-// The page's reader, held to docs/format.md and to what the C++ reader sees.
+// Compares the page's reader with docs/format.md and with the C++ reader.
 import assert from "node:assert/strict";
 import { readFileSync, rmSync } from "node:fs";
 import { join } from "node:path";
@@ -15,7 +15,7 @@ const never = new AbortController().signal;
 // Both compute in double precision, in another order.
 const close = (one, other) => Math.abs(one - other) <= 1e-12 * Math.max(1, Math.abs(one), Math.abs(other));
 
-// A dataset as `open` gives it, one splat after the other, against the C++ reader.
+// Compares a dataset, splat by splat, with the values of the C++ reader.
 async function compare(folder, dataset, count) {
     const lines = run("tests/viewer/viewer_reference", folder, String(count)).trim().split("\n");
     assert.equal(lines.length, Math.min(count, dataset.count));
@@ -77,7 +77,7 @@ test("over HTTP: ranges alone, each byte once", async () => {
     );
 });
 
-// Opens, and reads all records; gives the one line that it fails with.
+// Opens a dataset and reads all records. Returns the error message.
 async function failure(opened) {
     try {
         const dataset = await opened;

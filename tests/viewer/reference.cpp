@@ -1,5 +1,5 @@
-// reference DATASET COUNT: prints splats of a dataset as the C++ reader sees them, spread evenly over it, one
-// JSON object a line. The page's reader is held to these values.
+// reference DATASET COUNT: prints COUNT splats of a dataset, evenly spread over it, with the values of the
+// C++ reader, one JSON object a line. The page's reader is compared with these values.
 #include "reader/dataset.h"
 
 #include <algorithm>

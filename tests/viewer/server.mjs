@@ -1,13 +1,14 @@
-// A small web server for the tests: serves the page and datasets as `plyconvert view` does, knows single ranges, keeps a record of
-// what was asked for, and can be told to misbehave.
+// A small web server for the tests. It serves the page and datasets like `plyconvert view`, supports single
+// ranges, logs the requests, and can be made to fail.
 import { createReadStream, existsSync, readFileSync, statSync } from "node:fs";
 import { createServer } from "node:http";
 import { basename, join } from "node:path";
 import { datasetFiles } from "./support.mjs";
 
-// `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone.
-// server.log holds {path, status, first, last} of every GET that was answered to its end; server.fault may be a function of (path, response, request)
-// that answers itself and then returns true; server.delay holds files back for so many milliseconds.
+// `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone. server.log
+// holds {path, status, first, last} of every GET that was answered completely. server.fault may be a function
+// of (path, response, request) that answers itself and returns true. server.delay delays files by this many
+// milliseconds.
 export async function startServer(page, datasets, { list = true, ranges = true } = {}) {
     const state = { log: [], fault: undefined, delay: 0 };
     const files = new Map([["/", page]]);

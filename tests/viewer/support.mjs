@@ -1,4 +1,5 @@
-// What the tests share: the page's modules for node, datasets made with the programs of the build, and changed copies of them.
+// Shared by the tests: the page's modules for node, datasets made with the programs of the build, and changed
+// copies of them.
 import { execFileSync, spawn } from "node:child_process";
 import { File } from "node:buffer";
 import { cpSync, existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync } from "node:fs";
@@ -18,7 +19,7 @@ if (process.env["SCRATCH"] === undefined) process.on("exit", () => rmSync(scratc
 
 export const datasetFiles = ["converted_from_ply.ytr", "index.bin", "data.bin", "shcoef.bin"];
 
-// How far two pictures of four bytes a pixel agree in their colours: peak signal to noise.
+// The peak signal to noise ratio of the colours of two pictures with four bytes a pixel.
 export function decibels(one, other) {
     if (one.length !== other.length) throw new Error("the pictures differ in size");
     let squares = 0;
@@ -31,7 +32,8 @@ export function run(program, ...args) {
     return execFileSync(join(buildFolder, program), args, { encoding: "utf8", maxBuffer: 1 << 28 });
 }
 
-// `plyconvert view` of these words: the address that it prints, what it says besides, and its end.
+// Runs `plyconvert view` with these arguments. Gives the address that it prints, its other output, and its
+// end.
 export async function viewed(...words) {
     const program = spawn(join(buildFolder, "program/plyconvert"), ["view", "--no-open", ...words], { stdio: ["ignore", "pipe", "pipe"] });
     const said = [];
@@ -42,7 +44,7 @@ export async function viewed(...words) {
     return { address, said: () => said.join(""), close: () => (program.kill("SIGINT"), ended) };
 }
 
-// The page's modules of these names, as one.
+// The named modules of the page as one module.
 export async function modules(...names) {
     const { build } = require("esbuild");
     const contents = names.map((name) => `export * from "./${name}.ts";`).join("\n");
@@ -52,14 +54,14 @@ export async function modules(...names) {
     return import(outfile);
 }
 
-// A dataset of a PLY file, converted once for all tests.
+// The dataset of a PLY file, converted once for all tests.
 export function converted(name, ply) {
     const folder = join(scratch, name);
     if (!existsSync(join(folder, "index.bin"))) run("program/plyconvert", ply, folder);
     return folder;
 }
 
-// A dataset of a scene that makescene makes, once for all tests.
+// The dataset of a scene of makescene, made once for all tests.
 export function generated(name, ...options) {
     const ply = join(scratch, `${name}.ply`);
     if (!existsSync(ply)) run("scenes/makescene", ply, ...options);
@@ -69,7 +71,7 @@ export function generated(name, ...options) {
 export const small = () => generated("small", "--splats", "20000", "--normals", "--epsg", "25832", "--offset", "500000", "5400000", "100");
 export const town = () => generated("town", "--splats", "1200000", "--bounds", "--source", "makescene");
 
-// One small town, and the same cut into four datasets that each have an offset of their own; and a catalogue of these.
+// A small town, the same town as four datasets with different offsets, and a catalogue of these.
 export function quarters() {
     const [x, y] = [1.234, 2.345]; // where it is cut
     const far = 1000;
@@ -97,7 +99,7 @@ export function quarters() {
     return { whole, tiles, catalogue };
 }
 
-// A copy of a dataset in which `change` may do what it likes with the folder.
+// A copy of a dataset whose folder `change` has modified.
 export function changed(dataset, change) {
     const folder = mkdtempSync(join(scratch, "changed-"));
     for (const name of readdirSync(dataset)) cpSync(join(dataset, name), join(folder, name));

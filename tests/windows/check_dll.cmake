@@ -1,5 +1,5 @@
-# cmake -DOBJDUMP=... -DDLL=... -DIMPORT_LIBRARY=... -P check_dll.cmake
-# The DLL's name, its only export, and that every DLL it imports comes with the system.
+# cmake -DOBJDUMP=... -DDLL=... -DIMPORT_LIBRARY=... -P check_dll.cmake Checks the DLL's name, its only export, and that
+# every imported DLL comes with the system.
 
 include(${CMAKE_CURRENT_LIST_DIR}/check_imports.cmake)
 

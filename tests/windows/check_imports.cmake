@@ -1,5 +1,5 @@
-# check_imports(HEADERS OWN)
-# Of the headers that objdump -p shows, that every imported DLL comes with the system, but for the one named OWN.
+# check_imports(HEADERS OWN) Checks in the output of objdump -p that every imported DLL except OWN comes with the
+# system.
 function(check_imports headers own)
     string(REGEX MATCHALL "DLL Name: [^\r\n]+" imports "${headers}")
     list(TRANSFORM imports REPLACE "DLL Name: " "")

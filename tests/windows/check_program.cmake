@@ -1,5 +1,5 @@
-# cmake -DOBJDUMP=... -DPROGRAM=... -P check_program.cmake
-# The program's name, and that it needs nothing but what comes with the system.
+# cmake -DOBJDUMP=... -DPROGRAM=... -P check_program.cmake Checks the program's name, and that it needs only what comes
+# with the system.
 
 include(${CMAKE_CURRENT_LIST_DIR}/check_imports.cmake)
 

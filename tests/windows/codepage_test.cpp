@@ -1,4 +1,4 @@
-// The code page of narrow paths: UTF-8, ANSI or OEM, by what the process has set.
+// The code page of narrow paths: UTF-8, ANSI or OEM, depending on the settings of the process.
 
 #include "src/platform.h"
 #include "tests/windows/runtime.h"
@@ -11,7 +11,7 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-// Bytes that every one of the three code pages reads differently.
+// The same letter in the three code pages.
 const std::string umlautInAnsi = "\xE4";     // U+00E4 in 1252
 const std::string umlautInOem = "\x84";      // U+00E4 in 437 and 850
 const std::string umlautInUtf8 = "\xC3\xA4"; // U+00E4

@@ -1,7 +1,7 @@
-// Conversions whose paths are in each of the code pages, and what stands in an old output folder.
+// Conversions with paths in each of the code pages, and with files in an old output folder.
 //
-// The library widens every path itself, so the tests hold where the narrow functions of a system do not
-// follow the file functions' mode: wine's fopen takes the ANSI code page even after SetFileApisToOEM.
+// The library widens every path itself. So the tests also pass on systems whose narrow functions ignore the
+// file functions' mode: wine's fopen takes the ANSI code page even after SetFileApisToOEM.
 
 #include "tests/blackbox/blackbox.h"
 
@@ -38,7 +38,7 @@ protected:
                         "INFO(convert:75): out input file path:" + pathUnderScratch(outputName) + "\r\n"));
     }
 
-    // Everything of an old folder is removed by that name too.
+    // The second conversion must remove the old folder by that name, too.
     void convertTwice(Host& host, const char* inputName, const char* outputName) {
         if (GetACP() != 1252 || (GetOEMCP() != 437 && GetOEMCP() != 850)) {
             GTEST_SKIP() << "the bytes are those of code pages 1252 and 437 or 850";

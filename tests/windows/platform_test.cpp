@@ -1,4 +1,4 @@
-// What the program asks of the system.
+// The program's system functions.
 
 #include "program/system/platform.h"
 

@@ -1,4 +1,4 @@
-// plyconvert.exe as people run it.
+// plyconvert.exe on the command line.
 
 #include "tests/support/conversion.h"
 #include "tests/support/files.h"
@@ -34,8 +34,8 @@ constexpr int interrupted = 130;
 const std::set<std::string> datasetNames = {"converted_from_ply.ytr", "data.bin", "index.bin", "log.txt",
                                             "shcoef.bin"};
 
-// The program, started and not waited for. A process group of its own gets Ctrl-Break alone; without one, the
-// program gets what its caller's console gets.
+// The program, running in the background. In a process group of its own it only gets Ctrl-Break; otherwise it
+// gets all events of its caller's console.
 class Running {
 public:
     Running(const std::vector<std::string>& words, const fs::path& errors) {
@@ -81,8 +81,7 @@ private:
     PROCESS_INFORMATION process_ = {};
 };
 
-// A link to a folder, while this object lives. Wine makes none, but takes those of the system below it for
-// what they are.
+// A link to a folder, while this object lives. Wine cannot make one, but it follows those of the host system.
 class FolderLink {
 public:
     FolderLink(const fs::path& target, fs::path link) : link_(std::move(link)) {
@@ -95,7 +94,7 @@ public:
     }
     FolderLink(const FolderLink&) = delete;
     FolderLink& operator=(const FolderLink&) = delete;
-    // Before what it leads to goes: wine cannot remove one that leads nowhere.
+    // Removed before its target, because wine cannot remove a dangling link.
     ~FolderLink() {
         if (isBelow_) {
             runBelow(L"rm", L"", false);
@@ -112,12 +111,12 @@ public:
     }
 
 private:
-    // Runs a program of the system below on the link until it is there, or is not.
+    // Runs a program of the host system to make or remove the link, and waits until that has happened.
     void runBelow(const std::wstring& program, const std::wstring& words, bool isThere) const {
         std::wstring line = program + L' ' + words + L' ' + link_.generic_wstring();
         STARTUPINFOW startup = {};
         startup.cb = sizeof startup;
-        PROCESS_INFORMATION process = {}; // without handles: it is none of wine's
+        PROCESS_INFORMATION process = {}; // without handles, since it is not a process of wine
         const BOOL isStarted = CreateProcessW((L"Z:\\bin\\" + program).c_str(), line.data(), nullptr, nullptr,
                                               FALSE, 0, nullptr, nullptr, &startup, &process);
         EXPECT_TRUE(isStarted);
@@ -133,7 +132,7 @@ private:
 class Program : public testing::Test {
 protected:
     support::Scratch scratch;
-    fs::path work = scratch / "work"; // holds nothing but what the program is given and what it makes
+    fs::path work = scratch / "work"; // only the program's inputs and outputs
     fs::path input = work / "scene.ply";
     fs::path output = work / "out";
 
@@ -248,7 +247,7 @@ TEST_F(Program, SaysThatItDrawsNoPictures) {
     expectRefusal(run({"picture", "out", "out.tif", "--gsd", "0.1"}), usage, "picture is not in this build");
 }
 
-// A slash begins no option, as it does in other programs there.
+// A slash does not begin an option, unlike in other programs on Windows.
 TEST_F(Program, TakesAWordThatBeginsWithASlashForAPath) {
     expectRefusal(run({"/none.ply", "/out"}), inputRefused, "/none.ply: there is no such file");
 }
@@ -362,7 +361,7 @@ TEST_F(Program, LeavesWhatALiveRunWrites) {
     CloseHandle(held);
 }
 
-// A last part that is a link leads to the folder behind it.
+// A link as the last component of the path is followed.
 TEST_F(Program, ReplacesTheDatasetBehindALink) {
     convertFirst(10);
     const FolderLink link(output, work / "link");
@@ -392,7 +391,7 @@ TEST_F(Program, RefusesAFolderThatHoldsTheInputByALink) {
     expectRefusal(convert(link.path() / "scene.ply", work), outputRefused, "holds the input");
 }
 
-// A conversion that is under way, with an earlier dataset in place.
+// A running conversion, with an earlier dataset in place.
 class ProgramUnderWay : public Program {
 protected:
     std::string earlier; // data.bin
@@ -404,8 +403,8 @@ protected:
         write(input, 200'000);
     }
 
-    // Starts conversions until one is met while the converter writes, and does to it what is wanted. Which
-    // moment that is, chance decides; that a conversion ends before is rare.
+    // Starts conversions until `blow` hits one while it writes. The moment is random; rarely a conversion
+    // ends before.
     int strike(const std::function<void(const Running&)>& blow) const {
         constexpr int attempts = 20;
         for (int attempt = 0; attempt < attempts; ++attempt) {
@@ -429,8 +428,7 @@ protected:
     }
 };
 
-// With a console of this process's own, so that an event reaches nobody but the program and the process
-// itself.
+// With a new console for this process, so that an event only reaches this process and the program.
 class ProgramInAConsole : public ProgramUnderWay {
 protected:
     void SetUp() override {

@@ -1,4 +1,4 @@
-// The universal C runtime beside the one that the tests are linked against.
+// Access to the universal C runtime, beside the runtime that the tests are linked with.
 #pragma once
 
 #include <clocale>
@@ -7,8 +7,8 @@
 
 namespace windows_test {
 
-// Give the universal runtime's locale this name, as a host that is linked against it does with setlocale.
-// False where the runtime cannot be loaded or does not know the name.
+// Sets the universal runtime's locale, as a host linked with it does by setlocale. False if the runtime
+// cannot be loaded or does not know the name.
 inline bool setUniversalLocale(const char* name) {
     using SetLocale = char*(__cdecl*)(int, const char*);
     const HMODULE runtime = LoadLibraryW(L"ucrtbase.dll");

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# same_bytes.sh NATIVE_HOST NATIVE_LIBRARY WINDOWS_HOST WINDOWS_LIBRARY SAMPLES SCRATCH EMULATOR...
-# Converts every sample with the library of a Linux build and with the DLL under wine: the datasets are equal but for
-# the guid and the line ends. Ends with 77 (skipped) where the Linux build or the samples are missing.
+# same_bytes.sh NATIVE_HOST NATIVE_LIBRARY WINDOWS_HOST WINDOWS_LIBRARY SAMPLES SCRATCH EMULATOR... Converts every
+# sample with the library of a Linux build and with the DLL under wine. The datasets must be equal except for the guid
+# and the line ends. Ends with 77 (skipped) if the Linux build or the samples are missing.
 set -euo pipefail
 
 native_host=$1 native_library=$2 windows_host=$3 windows_library=$4 samples=$5 scratch=$6
@@ -33,7 +33,7 @@ convert() {
     }
 }
 
-# Text without what may differ: line ends, the guid and the folder's own name.
+# Prints a text without what may differ: line ends, the guid and the folder's name.
 comparable() {
     sed -e 's/\r$//' -e 's/"guid": "[0-9a-f]*"/"guid": ""/' -e "s:$scratch/[a-z]*/out:OUT:" "$1"
 }

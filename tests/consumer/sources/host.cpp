@@ -1,4 +1,4 @@
-// A host in C++: the header stands first, so that it must bring what it needs itself.
+// A host in C++. It includes the header first, so the header must include all that it needs.
 #include "plyconvert.h"
 
 #include <cstdio>

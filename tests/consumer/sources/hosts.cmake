@@ -1,4 +1,4 @@
-# Both hosts, linked with the target LIBRARY, with every warning an error.
+# Builds both hosts, linked with the target LIBRARY, with warnings as errors.
 function(add_hosts library)
     add_executable(host_c ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/host.c)
     set_target_properties(host_c PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
