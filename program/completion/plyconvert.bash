@@ -5,7 +5,7 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        catalogue | info | verify | export | normalise | summary | view | picture) command=${COMP_WORDS[1]} ;;
+        info | verify | view | picture | summary | catalogue | export | normalise) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
@@ -14,14 +14,14 @@ _plyconvert() {
     info) options='--scan --json --cells --help' ;;
     verify) options='--quick --full --against --json --strict --quiet'
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
+    view) options='--epsg --port --no-open --write-html --force --help' ;;
+    picture) options='--gsd --size --box --background --threads --force --quiet --help' ;;
+    summary) options='--json --help' ;;
+    catalogue) options='--base --datetime --force --quiet --help' ;;
+    export) options='--cell --force --quiet --help' ;;
     normalise)
         options='--force --quiet --strict'
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
-    export) options='--cell --force --quiet --help' ;;
-    catalogue) options='--base --datetime --force --quiet --help' ;;
-    summary) options='--json --help' ;;
-    view) options='--epsg --port --no-open --write-html --force --help' ;;
-    picture) options='--gsd --size --box --background --threads --force --quiet --help' ;;
     esac
     ((COMP_CWORD > 1)) || options+=' --version'
     COMPREPLY=()
@@ -50,7 +50,7 @@ _plyconvert() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pPsS][lLpP][yYzZ]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'catalogue convert info verify export normalise view picture summary' -- "$word")
+        mapfile -t words < <(compgen -W 'convert info verify view picture summary catalogue export normalise' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }
