@@ -1,5 +1,5 @@
-# cmake -DOBJDUMP=... -DDLL=... -DIMPORT_LIBRARY=... -P check_dll.cmake Checks the DLL's name, its only export, and that
-# every imported DLL comes with the system.
+# cmake -DOBJDUMP=... -DDLL=... -DIMPORT_LIBRARY=... -P check_dll.cmake
+# Checks the DLL's name, its only export, and that every imported DLL comes with the system.
 
 include(${CMAKE_CURRENT_LIST_DIR}/check_imports.cmake)
 
@@ -23,4 +23,4 @@ if(NOT exports STREQUAL "plyConvert")
     message(SEND_ERROR "Exports other than plyConvert: ${exports}")
 endif()
 
-check_imports("${headers}" "")
+check_imports("${headers}")
