@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Measures whole conversions and the kernels, and writes the tables of docs/performance.md anew. Takes about seven
-# minutes and 5 GB in the temporary folder; nothing else should run meanwhile.
+# minutes and 5 GB in the temporary folder; nothing else should run meanwhile. The line that begins each part names the commit,
+# and says so where the tree has changes.
 #
 #   scripts/performance.sh [OPTION...]      the options go to build/release/bench/endtoend
 set -euo pipefail
@@ -32,12 +33,32 @@ replace_part() {
     cp "$tables/document" "$document"
 }
 
+# The commit that is measured. The document itself may have changes: it does not take part.
+measured_commit() {
+    local commit
+    if ! commit=$(git -C "$root" rev-parse --short=7 HEAD 2>/dev/null); then
+        echo "with version $(sed -nE 's/^#define PLYCONVERT_VERSION_[A-Z]+ ([0-9]+)$/\1/p' "$root/include/plyconvert.h" | paste -sd .), outside a clone"
+    elif [[ -n $(git -C "$root" status --porcelain -- . ':!docs') ]]; then
+        echo "at commit $commit with changes"
+    else
+        echo "at commit $commit"
+    fi
+}
+
 install_missing "${packages[@]}"
+commit=$(measured_commit)
 cmake -S "$root" --preset release --log-level=WARNING
 cmake --build "$build" --parallel "$(nproc)" --target endtoend kernels
 
-"$build/bench/endtoend" --scaling --cells 4000000 "$@" >"$tables/endtoend"
-{ kernel_table && echo; } >"$tables/kernels"
+{
+    printf 'Measured %s.\n\n' "$commit"
+    "$build/bench/endtoend" --scaling --cells 4000000 "$@"
+} >"$tables/endtoend"
+{
+    printf 'Measured %s, on the machine of the conversions above.\n\n' "$commit"
+    kernel_table
+    echo
+} >"$tables/kernels"
 replace_part conversions "$tables/endtoend"
 replace_part kernels "$tables/kernels"
 echo "$document"
