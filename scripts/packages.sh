@@ -12,15 +12,16 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 # What tests run: conversions looked at for errors of memory, the character tables from which a locale is made, what a
-# project that uses the library asks for its flags, a terminal that changes its size, the layout of the sources, and a disk
-# that cannot set room aside (mkfs.ext2).
-suite_packages=(valgrind locales pkg-config tmux clang-format-14 e2fsprogs parallel)
+# project that uses the library asks for its flags, a terminal that changes its size, the layout of the sources, the scripts,
+# and a disk that cannot set room aside (mkfs.ext2).
+suite_packages=(valgrind locales pkg-config tmux clang-format-14 shellcheck e2fsprogs parallel)
 clang_packages=(clang)
 # The linter of scripts/tidy.sh.
 tidy_packages=(clang-tidy-14)
 # libFuzzer with the sanitizers' runtimes, and what counts the lines that its corpora reach.
 fuzz_packages=(libclang-rt-dev llvm)
-windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletest)
+# The cross compiler, wine, and what packs the zip.
+windows_packages=(g++-mingw-w64-x86-64-posix libz-mingw-w64-dev wine64 googletest zip)
 # The page's tests run in chromium; its tools (a bundler, a type checker) run under node, which nobody needs to use the page.
 viewer_packages=(chromium)
 node_packages=(nodejs npm)

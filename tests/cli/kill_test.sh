@@ -65,13 +65,13 @@ for signal in KILL INT TERM HUP; do
         TERM:143 | HUP:129) [[ $holds == old ]] || fail "$name: $holds" ;; # before the program handles signals
         *) fail "$name: status $status: $(cat errors)" ;;
         esac
-        if [[ $signal != KILL && -n $(listing | grep -E '^out\.') ]]; then
-            fail "$name: left behind: $(listing | grep -E '^out\.' | paste -s -d ' ')"
+        if [[ $signal != KILL && -n $(left_behind) ]]; then
+            fail "$name: left behind: $(left_behind)"
         fi
     done
     # The next run cleans up.
     plyconvert --quiet new.ply out || fail "$signal: the run after the last one fails"
-    [[ -z $(listing | grep -E '^out\.') ]] || fail "$signal: still there: $(listing | grep -E '^out\.' | paste -s -d ' ')"
+    [[ -z $(left_behind) ]] || fail "$signal: still there: $(left_behind)"
 done
 for outcome in "${!outcomes[@]}"; do
     echo "$outcome: ${outcomes[$outcome]} times"

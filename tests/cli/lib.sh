@@ -19,6 +19,7 @@ fail() {
     failures=$((failures + 1))
 }
 
+# shellcheck disable=SC2034  # for the scripts
 samples=$PROJECT/../shared/samples
 
 # header FLOATS COUNT [LINE...]: prints a splat header with these lines before the element line.
@@ -45,6 +46,7 @@ ply() {
 
 # bounds MINX MINY MINZ MAXX MAXY MAXZ: sets the array bounds_lines to the comment lines of these bounds.
 bounds() {
+    # shellcheck disable=SC2034  # for the scripts
     bounds_lines=("comment minx $1" "comment miny $2" "comment minz $3" "comment maxx $4" "comment maxy $5"
         "comment maxz $6")
 }
@@ -61,6 +63,11 @@ edited() {
 # listing [FOLDER]: prints every name in the folder, including hidden ones.
 listing() {
     (cd "${1:-.}" && find . -mindepth 1 | LC_ALL=C sort | sed 's#^\./##')
+}
+
+# left_behind: prints the names that a run left beside the output folder `out`, on one line.
+left_behind() {
+    listing . | grep -E '^out\.' | paste -s -d ' '
 }
 
 # hashes FOLDER: prints the hashes of the files that depend only on the input.

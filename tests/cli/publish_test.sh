@@ -56,8 +56,8 @@ for exchange in yes no; do
         before "$state"
         env "${fault[@]}" FAULT_COUNT="$scratch/count" LD_PRELOAD="$FAULTS" plyconvert --quiet "${force[@]}" new.ply out
         status=$?
-        [[ $status == 0 && $(look) == new && -z $(listing | grep -E '^out\.') ]] ||
-            fail "exchange $exchange, before $state: status $status, $(look), $(listing | grep -E '^out\.')"
+        [[ $status == 0 && $(look) == new && -z $(left_behind) ]] ||
+            fail "exchange $exchange, before $state: status $status, $(look), $(left_behind)"
         calls=$(cat count)
         ((calls >= 8)) || fail "only $calls calls were seen"
         seen=()
@@ -81,8 +81,8 @@ for exchange in yes no; do
             left=$(listing | grep -E '^out\.' | grep -v -E '^out\.[a-z]+-[0-9]+(/notes.txt)?$')
             [[ $(look) == new && -z $left ]] || fail "$name: after the next run $(look), $left"
             # What dead runs left must be removed, except a file that no conversion wrote.
-            if [[ $state != other && -n $(listing | grep -E '^out\.') ]]; then
-                fail "$name: left behind: $(listing | grep -E '^out\.' | paste -s -d ' ')"
+            if [[ $state != other && -n $(left_behind) ]]; then
+                fail "$name: left behind: $(left_behind)"
             fi
         done
         echo "exchange $exchange, before $state: $(printf '%s\n' "${seen[@]}" | uniq -c | paste -s -d ' ' | tr -s ' ')"

@@ -26,7 +26,7 @@ shown=WORK # replaces the scratch folder's path in output; a document may set an
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
 cleanups=()
 clean_up() {
-    [[ $BASHPID == $$ ]] || return # a background job that was killed before exec
+    [[ $BASHPID == "$$" ]] || return # a background job that was killed before exec
     cd / || return
     for cleanup in "${cleanups[@]}"; do
         eval "$cleanup"
