@@ -9,6 +9,7 @@
 #                                   largest scenes, and valgrind over a conversion of each kind
 #   scripts/test.sh --windows       and the cross build for Windows, under wine
 #   scripts/test.sh --viewer        and the page of viewer/: its reader under node, and its pictures and habits in chromium
+#   scripts/test.sh --viewer-core   and the short part of that: its reader, its pixels and its faults
 #   scripts/test.sh --slurm         and arrays of tiles on a Slurm of one node; needs root and namespaces of its own, and
 #                                   fails without them
 #   scripts/test.sh --packages      and the Debian packages, in a bare Debian 12 of their own; needs root
@@ -24,7 +25,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 source "$root/scripts/packages.sh"
 
 usage() {
-    sed -n '2,17s/^# \{0,1\}//p' "$root/scripts/test.sh"
+    sed -n '2,18s/^# \{0,1\}//p' "$root/scripts/test.sh"
 }
 
 # configure FOLDER PRESET [OPTION...]
@@ -108,8 +109,9 @@ test_windows() {
     run_tests windows --exclude-regex '^Large/Golden[.]BytesAreThoseOfTheReference'
 }
 
+# run_viewer SUITE...
 # The page's tests: what npm brings is pinned and runs no scripts of its own. See tests/viewer/.
-test_viewer() {
+run_viewer() {
     configure release release
     build release --target plyconvert_executable makescene renderscene viewer_reference
     echo "== viewer: testing"
@@ -123,10 +125,18 @@ test_viewer() {
     rm -rf "$SCRATCH"
     mkdir -p "$SCRATCH"
     # One file after the other: software rendering takes every processor.
-    for suite in parts reader page pictures; do
+    for suite in "$@"; do
         SCRATCH=$SCRATCH BUILD=$root/build/release node --test --test-reporter=spec "$root/tests/viewer/$suite.test.mjs"
     done
     rm -rf "$SCRATCH"
+}
+
+test_viewer() {
+    run_viewer parts reader pixels faults habits streaming pictures
+}
+
+test_viewer-core() {
+    run_viewer parts reader pixels faults
 }
 
 # The examples of examples/slurm/ on a cluster that lives as long as the test. See tests/slurm/ and scripts/slurm.sh.
@@ -176,7 +186,7 @@ builds=()
 wanted=("${packages[@]}" "${suite_packages[@]}")
 for argument in "$@"; do
     case $argument in
-    --dev | --clang | --sanitizers | --windows | --viewer | --slurm | --packages | --catalogue)
+    --dev | --clang | --sanitizers | --windows | --viewer | --viewer-core | --slurm | --packages | --catalogue)
         builds+=("${argument#--}")
         ;;
     --all) builds=(dev clang sanitizers windows viewer slurm packages catalogue) ;;
@@ -195,7 +205,7 @@ done
 if [[ $release == yes ]]; then
     builds=(release "${builds[@]}")
 elif ((${#builds[@]} == 0)); then
-    echo "--only needs a build: --dev, --clang, --sanitizers, --windows, --viewer, --slurm, --packages or --catalogue" >&2
+    echo "--only needs a build: --dev, --clang, --sanitizers, --windows, --viewer, --viewer-core, --slurm, --packages or --catalogue" >&2
     exit 1
 fi
 for name in "${builds[@]}"; do
@@ -205,7 +215,7 @@ for name in "${builds[@]}"; do
     packages) wanted+=("${bare_packages[@]}" "${release_packages[@]}") ;;
     catalogue) wanted+=("${catalogue_packages[@]}") ;;
     slurm) wanted+=("${slurm_packages[@]}") ;;
-    viewer)
+    viewer | viewer-core)
         wanted+=("${viewer_packages[@]}")
         # A node from elsewhere comes with its own npm, which Debian's excludes.
         command -v npm >/dev/null || wanted+=("${node_packages[@]}")

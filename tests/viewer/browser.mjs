@@ -54,21 +54,22 @@ export async function settled(page) {
 
 export const figures = (page) => page.evaluate(() => window.viewer.figures());
 
-// The picture as PNG bytes.
-export async function pngOf(page) {
-    const text = await page.evaluate(async () => {
-        const bytes = new Uint8Array(await (await window.viewer.picture()).arrayBuffer());
+// The picture as PNG bytes; `whole` as in pixelsOf.
+export async function pngOf(page, whole = true) {
+    const text = await page.evaluate(async (all) => {
+        const bytes = new Uint8Array(await (await window.viewer.picture(all)).arrayBuffer());
         let binary = "";
         for (let i = 0; i < bytes.length; i += 32768) binary += String.fromCharCode(...bytes.subarray(i, i + 32768));
         return btoa(binary);
-    });
+    }, whole);
     return Buffer.from(text, "base64");
 }
 
-// The picture, or that at an address, as {width, height, data} with four bytes a pixel.
-export async function pixelsOf(page, address) {
-    const picture = await page.evaluate(async (url) => {
-        const blob = url === undefined ? await window.viewer.picture() : await (await fetch(url)).blob();
+// The picture, or that at an address, as {width, height, data} with four bytes a pixel. Where `whole` is false, what fades in is in
+// the picture as it is at the moment.
+export async function pixelsOf(page, address, whole = true) {
+    const picture = await page.evaluate(async ([url, all]) => {
+        const blob = url === undefined ? await window.viewer.picture(all) : await (await fetch(url)).blob();
         const bitmap = await createImageBitmap(blob);
         const context = new OffscreenCanvas(bitmap.width, bitmap.height).getContext("2d");
         context.drawImage(bitmap, 0, 0);
@@ -76,6 +77,6 @@ export async function pixelsOf(page, address) {
         let binary = "";
         for (let i = 0; i < data.length; i += 32768) binary += String.fromCharCode(...data.subarray(i, i + 32768));
         return { width: bitmap.width, height: bitmap.height, text: btoa(binary) };
-    }, address);
+    }, [address, whole]);
     return { width: picture.width, height: picture.height, data: Buffer.from(picture.text, "base64") };
 }

@@ -8,9 +8,9 @@ import { datasetFiles } from "./support.mjs";
 // `datasets` are folders; `list` false leaves datasets.json out, as for a page that stands alone. server.log
 // holds {path, status, first, last} of every GET that was answered completely. server.fault may be a function
 // of (path, response, request) that answers itself and returns true. server.delay delays files by this many
-// milliseconds.
+// milliseconds, and server.held, a function of (path, request), until the promise that it returns has resolved.
 export async function startServer(page, datasets, { list = true, ranges = true } = {}) {
-    const state = { log: [], fault: undefined, delay: 0 };
+    const state = { log: [], fault: undefined, delay: 0, held: undefined };
     const files = new Map([["/", page]]);
     datasets.forEach((folder, i) => {
         for (const name of datasetFiles) {
@@ -30,7 +30,8 @@ export async function startServer(page, datasets, { list = true, ranges = true }
             response.writeHead(404).end();
             return;
         }
-        setTimeout(() => response.destroyed || sendFile(request, response, path, file, ranges, state.log), state.delay);
+        const send = () => response.destroyed || sendFile(request, response, path, file, ranges, state.log);
+        void Promise.resolve(state.held?.(path, request)).then(() => setTimeout(send, state.delay));
     });
     await new Promise((resolve) => server.listen(0, "127.0.0.1", resolve));
     return Object.assign(state, {
