@@ -5,8 +5,8 @@ import { test } from "node:test";
 import { modules } from "./support.mjs";
 
 const {
-    City, SlotPool, Sorter, ViewError, blocksOf, framing, mostDatasets, piecesOf, poseFrom, poseText, shapeFor, slotBits, sourceFrom, together, viewOf, wantedPieces,
-} = await modules("camera", "choices", "city", "folder", "format", "plan", "slots", "sorting");
+    City, Fades, SlotPool, Sorter, ViewError, blocksOf, framing, mostDatasets, mostFading, piecesOf, poseFrom, poseText, shapeFor, slotBits, sourceFrom, together, viewOf, wantedPieces,
+} = await modules("camera", "choices", "city", "fading", "folder", "format", "plan", "slots", "sorting");
 
 // Pseudo-random numbers, the same in every run.
 function numbers(seed) {
@@ -65,8 +65,8 @@ test("a shape holds all slots, wastes next to none, and a run's blocks cover it"
 
 // Adds a piece of the first dataset, and shows it.
 function put(sorter, id, runs, part) {
-    sorter.add(id, 0, [0, 0, 0], runs, part);
-    sorter.show(id);
+    sorter.add(id, [0, 0, 0], runs, part);
+    sorter.show(id, 0);
 }
 
 function records(count, next, place = () => [next() * 100, next() * 80, next() * 5]) {
@@ -202,7 +202,7 @@ test("pieces of several datasets are ordered together, each splat marked with it
     const shifts = [[0, 0, 0], [400000.5, -3, 2], [-100, 250000, 0]];
     const part = records(1000, next);
     const values = new Float32Array(part);
-    const boxes = shifts.map((shift, owner) => sorter.add(owner, owner, shift, [{ start: 1000 * owner, count: 1000 }], part));
+    const boxes = shifts.map((shift, owner) => sorter.add(owner, shift, [{ start: 1000 * owner, count: 1000 }], part));
     boxes.forEach(({ min, max }, owner) => {
         for (let i = 0; i < 1000; ++i) {
             for (let axis = 0; axis < 3; ++axis) {
@@ -213,7 +213,7 @@ test("pieces of several datasets are ordered together, each splat marked with it
     });
     const eye = [400050, 100, 3];
     assert.equal(sorter.sort(eye, undefined, undefined).count, 0, "nothing is drawn before it is in the graphics memory");
-    [0, 2, 1].forEach((piece) => sorter.show(piece));
+    [0, 2, 1].forEach((piece) => sorter.show(piece, piece));
     const { order, count } = sorter.sort(eye, undefined, undefined);
     assert.equal(count, 3000);
     const bits = slotBits(3000);
@@ -229,9 +229,13 @@ test("pieces of several datasets are ordered together, each splat marked with it
         last = distance;
     }
     assert.equal(seen.size, 3000);
-    sorter.add(7, 0, [0, 0, 0], [{ start: 0, count: 1000 }], part);
+    sorter.show(1, 9);
+    const again = sorter.sort(eye, undefined, undefined);
+    assert.equal(again.count, 3000);
+    for (const word of again.order) assert.equal(Math.floor(word / 2 ** bits), [0, 9, 2][Math.floor((word % 2 ** bits) / 1000)], "drawn under another number");
+    sorter.add(7, [0, 0, 0], [{ start: 0, count: 1000 }], part);
     sorter.remove(7);
-    sorter.show(7);
+    sorter.show(7, 0);
     assert.equal(sorter.sort(eye, undefined, undefined).count, 3000, "what is removed before it is shown stays away");
 });
 
@@ -242,6 +246,55 @@ const datasetAt = (offset, cells, extra = {}) => ({
     count: cells.reduce((sum, { count }) => sum + count, 0),
 });
 const cell = (key, x, y, count = 10) => ({ key, count, first: 0, min: [x, y], max: [x + 10, y + 10] });
+
+test("a piece fades in from the moment when it is first drawn, and then goes by its dataset's number again", () => {
+    const fades = new Fades(3, 4096);
+    const share = (under) => fades.values[2 * (under - 3) + 1];
+    const one = fades.begin(10, 2, 5);
+    assert.ok(one >= 3 && fades.values[2 * (one - 3)] === 2, "a row of its own that names its dataset");
+    fades.drawn(4, 1000);
+    assert.equal(fades.at(5000), false, "the order of that moment does not hold it yet");
+    assert.equal(share(one), 0);
+    fades.drawn(5, 6000);
+    const other = fades.begin(11, 0, 6);
+    assert.notEqual(other, one);
+    assert.equal(fades.at(6000), true);
+    assert.equal(share(one), 0);
+    assert.equal(fades.at(6200), true);
+    assert.equal(share(one), 0.5 ** 4);
+    fades.drawn(6, 6300);
+    assert.deepEqual(fades.finish(7, 6399), []);
+    assert.equal(fades.at(6500), true, "the other one still does");
+    assert.deepEqual([share(one), share(other)], [1, 0.5 ** 4]);
+    fades.at(Infinity);
+    assert.deepEqual([share(one), share(other)], [1, 1], "a picture that is saved has both");
+    fades.at(6390);
+    assert.ok(share(one) < 1);
+    assert.deepEqual(fades.finish(7, 6500), [10]);
+    assert.equal(share(one), 1, "as long as an order names its row");
+    assert.deepEqual(fades.finish(8, 6500), [], "once");
+    assert.equal(fades.at(6700), false);
+});
+
+test("as many pieces fade at a time as there are rows; a row is free once an order without it is drawn", () => {
+    const fades = new Fades(1, 4096);
+    const taken = new Set();
+    for (let piece = 0; piece < mostFading; ++piece) taken.add(fades.begin(piece, 0, 1));
+    assert.equal(taken.size, mostFading);
+    assert.equal(fades.begin(500, 0, 1), 0, "the next one appears at once");
+    fades.drop(7, 2);
+    fades.drop(500, 2);
+    assert.equal(fades.begin(501, 0, 2), 0, "order 1 may still name the row");
+    fades.drawn(1, 0);
+    assert.equal(fades.begin(501, 0, 2), 0);
+    fades.drawn(2, 0);
+    assert.ok(taken.has(fades.begin(501, 0, 3)));
+    assert.equal(fades.begin(502, 0, 3), 0);
+    const full = new Fades(4096, 4096);
+    assert.equal(full.begin(0, 17, 1), 17, "no numbers are left");
+    const nearly = new Fades(4094, 4096);
+    assert.deepEqual([0, 1, 2].map((piece) => nearly.begin(piece, 17, 1)), [4094, 4095, 17]);
+});
 
 test("datasets of one map lie beside each other by their offsets, in double", () => {
     const far = 5400000.123456789;

@@ -41,6 +41,49 @@ test("splats of known places and colours are where they belong, the nearer befor
     }, { hash: "#v=0,0,0,10,0,0" });
 });
 
+test("a cell that comes while one looks fades in; whoever wants less motion sees it at once, and so does who saves the picture", async () => {
+    const ball = [0.5, 0.5, 0.5];
+    const [red, green] = [[255, 0, 0], [0, 255, 0]];
+    const folder = byHand("two cells", [{ at: [-3, 0, 0], colour: red, scale: ball }], [{ at: [3, 0, 0], colour: green, scale: ball }]);
+    const focal = 480 / Math.tan(Math.PI / 6);
+    const x = (right) => 0.5 + (right / 10) * (focal / 960);
+    const near = (pixels, right, colour, share, what) => {
+        const expected = sky.map((value, i) => value * (1 - 0.99 * share) + colour[i] * 0.99 * share);
+        const seen = meanAt(pixels, x(right), 0.5, 1);
+        assert.ok(seen.every((value, i) => Math.abs(value - expected[i]) <= 5), `${what}: ${seen} and ${expected}`);
+    };
+    for (const reducedMotion of ["no-preference", "reduce"]) {
+        await withPage([folder], async (page, server) => {
+            await page.emulateMedia({ reducedMotion });
+            // The page's clock stands still until it is told to go on.
+            await page.addInitScript(() => {
+                window.moment = 1000;
+                performance.now = () => window.moment;
+            });
+            let release;
+            const second = new Promise((resolve) => (release = resolve));
+            server.held = (path, request) => request.headers.range?.startsWith("bytes=32-") && second;
+            await page.reload();
+            await page.waitForFunction(() => window.viewer?.figures()?.drawn === 1);
+            near(await pixelsOf(page, undefined, false), -3, red, 1, "the first one waits for nothing");
+            near(await pixelsOf(page, undefined, false), 3, green, 0, "the second one is not there");
+            release();
+            await page.waitForFunction(() => window.viewer.figures().drawn === 2);
+            const fades = reducedMotion === "no-preference";
+            near(await pixelsOf(page, undefined, false), 3, green, fades ? 0 : 1, `${reducedMotion}: it has just come`);
+            await page.evaluate(() => (window.moment += 336));
+            near(await pixelsOf(page, undefined, false), 3, green, fades ? 0.84 ** 4 : 1, `${reducedMotion}: after 84 of 100 of the time`);
+            near(await pixelsOf(page, undefined, false), -3, red, 1, "the first one stays");
+            near(await pixelsOf(page), 3, green, 1, "the picture that is saved");
+            if (fades) assert.equal(await page.evaluate(() => window.viewer.final), false, "the page goes on drawing");
+            await page.evaluate(() => (window.moment += 64));
+            await settled(page);
+            near(await pixelsOf(page, undefined, false), 3, green, 1, "at the end");
+            assert.deepEqual(page.errors, []);
+        }, { hash: "#v=0,0,0,10,0,0", settle: false });
+    }
+});
+
 test("coefficients change the colour with the direction, as the formula says", async () => {
     const { dequantiser, records } = await (async () => {
         const dataset = await openFolder(small());

@@ -216,7 +216,7 @@ export class App implements Target {
         if (!this.stale) return;
         if (this.drawing && !scene.ready()) return this.again();
         const still = now - this.moving > planning;
-        this.final = !this.drawing || scene.draw(view, this.look(), still ? Infinity : coloursWhileMoving);
+        this.final = !this.drawing || scene.draw(view, this.look(), still ? Infinity : coloursWhileMoving, false);
         this.stale = false;
         if (!this.final) this.invalidate();
     }
@@ -396,9 +396,9 @@ export class App implements Target {
         this.invalidate();
     }
 
-    // The picture as it is now, with the colours of this eye.
-    picture(): Promise<Blob> {
-        this.scene?.draw(this.view(), this.look(), Infinity);
+    // The picture as it is now, with the colours of this eye. What fades in is there as a whole unless `whole` is false.
+    picture(whole = true): Promise<Blob> {
+        this.scene?.draw(this.view(), this.look(), Infinity, whole);
         return new Promise((resolve, reject) => {
             this.canvas.toBlob((blob) => (blob === null ? reject(new ViewError("The browser could not save the picture.")) : resolve(blob)), "image/png");
         });

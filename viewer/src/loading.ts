@@ -35,7 +35,7 @@ export class Loader {
         try {
             const records = await recordsOf(opened, first, count, abort.signal);
             if (abort.signal.aborted) return { reply: { type: "dropped", piece }, transfer: [] };
-            const box = this.sorter.add(piece, number, opened.shift, runs, records.data);
+            const box = this.sorter.add(piece, opened.shift, runs, records.data);
             const parts = split(records);
             const transfer = [parts.first, parts.second, ...(parts.harmonics === undefined ? [] : [parts.harmonics])];
             return { reply: { type: "fetched", piece, split: parts, box, bytes: this.fetched() }, transfer };

@@ -35,7 +35,7 @@ export type Request =
     | { type: "reset"; capacity: number; keepNormals: boolean; owners: Owner[] }
     | { type: "fetch"; piece: number; owner: number; first: number; count: number; runs: Run[] } // answered once: fetched, dropped or failed
     | { type: "cancel"; piece: number } // may come too late
-    | { type: "show"; piece: number } // its records are in the graphics memory
+    | { type: "show"; piece: number; under: number } // its records are in the graphics memory; orders mark them with this number
     | { type: "remove"; piece: number }
     | { type: "sort"; sequence: number; eye: Triple; along: Triple | undefined; order: ArrayBuffer | undefined }
     | { type: "pick"; token: number; ray: Ray }

@@ -82,6 +82,7 @@ export class Renderer {
             for (const [name, unit] of Object.entries(units)) gl.uniform1i(at(one.uniforms, name), unit);
             gl.uniform2i(at(one.uniforms, "shape"), this.shape.columns, this.shape.rows);
             gl.uniform1i(at(one.uniforms, "slotBits"), slotBits(capacity));
+            gl.uniform1i(at(one.uniforms, "fadingFrom"), datasets.length);
         }
     }
 
@@ -180,15 +181,19 @@ export class Renderer {
 
     // False while the graphics card still works on the picture before: another one would only queue up behind it.
     ready(): boolean {
-        if (!this.isOver(this.picture)) return false;
-        this.picture = null;
-        return true;
+        if (this.picture === null) return true;
+        const over = this.isOver(this.picture);
+        if (over) this.picture = null;
+        else this.waited = performance.now() - this.drawnAt;
+        return over;
     }
+    waited = 0; // milliseconds for which the picture before has been waited for
+    private drawnAt = 0;
     private picture: WebGLSync | null = null;
 
     // Draws to the canvas. At most `most` splats, but for a part of a piece, get the colours of this eye first, besides new ones;
-    // true when all have them.
-    draw(view: View, look: Look, most: number): boolean {
+    // true when all have them. `fades` are those of fading.ts.
+    draw(view: View, look: Look, most: number, fades: Float32Array): boolean {
         const { gl } = this;
         this.setEyes(view);
         const done = this.evaluate(most);
@@ -207,10 +212,13 @@ export class Renderer {
         gl.uniform2f(at(uniforms, "size"), view.width, view.height);
         gl.uniform1f(at(uniforms, "focal"), view.focal);
         gl.uniform1f(at(uniforms, "pointSize"), look.pointSize);
+        gl.uniform2fv(at(uniforms, "fades[0]"), fades);
         gl.bindVertexArray(this.array);
         gl.drawArraysInstanced(gl.TRIANGLE_STRIP, 0, 4, this.drawn);
         gl.deleteSync(this.picture);
         this.picture = gl.fenceSync(gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
+        this.waited = 0;
+        this.drawnAt = performance.now();
         return done;
     }
 

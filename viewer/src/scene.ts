@@ -2,6 +2,7 @@
 import type { View } from "./camera.ts";
 import type { City } from "./city.ts";
 import type { Splat } from "./dequantiser.ts";
+import { Fades } from "./fading.ts";
 import { ViewError, recordSize } from "./format.ts";
 import type { Box, Ray, Reply, Request } from "./messages.ts";
 import { type Piece, piecesOf, wantedPieces } from "./plan.ts";
@@ -12,6 +13,7 @@ import { type Run, SlotPool, mostDatasets } from "./slots.ts";
 const together = 4; // pieces under way at a time, from their request until they are in the graphics memory
 const uploading = 65536; // splats that go to the graphics memory in one turn
 const pausing = 8; // milliseconds between two looks whether the card has taken them
+const slow = 100; // milliseconds of a picture beyond which nothing fades: it would be seen twice or thrice
 const gathering = 150; // milliseconds between two orders that only new pieces ask for
 
 export interface Figures {
@@ -44,6 +46,8 @@ export class Scene {
     private readonly pool: SlotPool;
     private readonly renderer: Renderer;
     private readonly worker: Worker;
+    private readonly fades: Fades;
+    private readonly lessMotion = matchMedia("(prefers-reduced-motion: reduce)"); // asked once: asking takes a millisecond
     private wanted: Piece[] = [];
     private readonly heights: [number, number][];
     private readonly arrived: { piece: Piece; split: Split }[] = []; // not yet in the graphics memory
@@ -80,6 +84,7 @@ export class Scene {
         const keepNormals = dequantisers.some(({ dequantiser, harmonics }) => harmonics && dequantiser.normal.some((axis) => axis.span !== 0));
         this.pool = new SlotPool(capacity);
         this.renderer = new Renderer(gl, capacity, dequantisers, city.shifts);
+        this.fades = new Fades(city.datasets.length, most);
         this.pieces = piecesOf(city.cells);
         this.heights = city.heights.map(([low, high]) => [low, high]);
         this.figures = {
@@ -173,6 +178,7 @@ export class Scene {
     private evict(piece: Piece): number {
         this.send({ type: "remove", piece: piece.id });
         this.renderer.forget(piece.id);
+        this.fades.drop(piece.id, this.sequence + 1);
         this.leaving.push({ runs: piece.runs, sequence: this.sequence + 1 });
         piece.runs = [];
         piece.state = "away";
@@ -210,8 +216,10 @@ export class Scene {
         for (let left = uploading; left > 0 && this.arrived.length > 0; ) {
             const { piece, split } = this.arrived.shift()!;
             left -= piece.count;
-            this.renderer.upload(piece.id, this.city.cells[piece.cell].owner, piece.runs, split);
-            this.send({ type: "show", piece: piece.id });
+            const { owner } = this.city.cells[piece.cell];
+            this.renderer.upload(piece.id, owner, piece.runs, split);
+            const under = this.fadesIn() ? this.fades.begin(piece.id, owner, this.sequence + 1) : owner;
+            this.send({ type: "show", piece: piece.id, under });
             piece.state = "here";
             piece.cancelled = false;
             this.hereByCell.set(piece.cell, (this.hereByCell.get(piece.cell) ?? 0) + 1);
@@ -227,6 +235,11 @@ export class Scene {
     }
     private pause = 0;
 
+    // The first picture waits for nothing.
+    private fadesIn(): boolean {
+        return this.figures.drawn > 0 && this.renderer.waited <= slow && !this.lessMotion.matches;
+    }
+
     // Fetching goes on after a failure.
     retry(): void {
         this.failed = false;
@@ -238,9 +251,11 @@ export class Scene {
         return this.renderer.ready();
     }
 
-    // Draws; true when the picture is final as far as its colours go. Besides new splats, `most` splats get the colours of this eye.
-    draw(view: View, look: Look, most: number): boolean {
-        return this.renderer.draw(view, look, most);
+    // Draws; true when the picture is final as far as its colours go, and nothing fades in. Besides new splats, `most` splats get the
+    // colours of this eye. `whole` draws what fades in as it will be.
+    draw(view: View, look: Look, most: number, whole: boolean): boolean {
+        const fading = this.fades.at(whole ? Infinity : performance.now());
+        return this.renderer.draw(view, look, most, this.fades.values) && !fading;
     }
 
     private sortKey(view: View): string {
@@ -262,7 +277,11 @@ export class Scene {
         const order = this.order;
         this.order = undefined;
         const along = this.byDepth ? view.forward : undefined;
-        this.send({ type: "sort", sequence: ++this.sequence, eye: view.eye, along, order }, order === undefined ? [] : [order]);
+        ++this.sequence;
+        for (const id of this.fades.finish(this.sequence, performance.now())) {
+            this.send({ type: "show", piece: id, under: this.city.cells[this.pieces[id].cell].owner });
+        }
+        this.send({ type: "sort", sequence: this.sequence, eye: view.eye, along, order }, order === undefined ? [] : [order]);
         return 0;
     }
 
@@ -307,6 +326,7 @@ export class Scene {
         this.sorting = false;
         this.renderer.setOrder(new Uint32Array(order), count);
         this.figures.drawn = count;
+        this.fades.drawn(sequence, begin);
         this.order = order;
         while (this.leaving.length > 0 && this.leaving[0].sequence <= sequence) this.pool.give(this.leaving.shift()!.runs);
         if (!this.failed) this.fetchMore(new Set(this.wanted));

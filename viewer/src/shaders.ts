@@ -4,6 +4,7 @@
 // normal), `harmonics` 15 words of coefficients side by side. With coefficients, the last word of `second` (normal y and z) is
 // replaced by the colour as seen from the eye. In `byteValues`, `ranges` and `eyes` each dataset has a row: what its bytes mean,
 // its ranges, and the eye as its positions see it, as a sum of two singles.
+import { mostFading } from "./fading.ts";
 
 const header = `#version 300 es
 precision highp float;
@@ -26,13 +27,15 @@ vec3 fromEye(uvec4 texel, int row) {
 `;
 
 export const splatVertex = `${header}
-layout(location = 0) in uint marked; // the slot in the lower bits, the dataset above
+layout(location = 0) in uint marked; // the slot in the lower bits, the dataset or a fading piece above
 uniform int slotBits;
 uniform usampler2DArray second;
 uniform mat3 turn; // to the camera's right, up and forward
 uniform vec2 size; // of the picture, pixels
 uniform float focal; // pixels
 uniform float pointSize; // pixels; 0 draws Gaussians
+uniform int fadingFrom; // number of the first fading piece
+uniform vec2 fades[${mostFading}]; // their datasets, and how much of their opacity is there
 flat out vec4 colour;
 out vec2 place;
 const float leastAlpha = 1.0 / 255.0;
@@ -66,10 +69,17 @@ vec3 unpackColour(uint word) {
 void main() {
     gl_Position = hidden;
     int row = int(marked >> slotBits);
+    float share = 1.0;
+    if (row >= fadingFrom) {
+        vec2 fade = fades[row - fadingFrom];
+        row = int(fade.x);
+        share = fade.y;
+    }
     ivec3 at = placeOf(int(marked & ((1u << slotBits) - 1u)));
     uvec4 one = texelFetch(first, at, 0);
     vec3 view = turn * fromEye(one, row);
     vec4 values = valuesOf(one.w, row);
+    values.a *= share;
     if (!(view.z >= nearest) || values.a < leastAlpha) return;
     vec2 corner = vec2(gl_VertexID & 1, gl_VertexID >> 1) * 2.0 - 1.0;
     vec2 tangent = view.xy / view.z;

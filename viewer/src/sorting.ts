@@ -9,7 +9,7 @@ interface Piece {
     min: Triple;
     max: Triple;
     step: Triple;
-    mark: number; // the dataset's number, above the bits of a slot
+    mark: number; // the number that it is drawn under, above the bits of a slot
 }
 
 // What is sorted by: the square of the depth along the first three, plus the last times the square of the distance.
@@ -50,7 +50,7 @@ export class Sorter {
 
     // Takes the positions of a dataset's records, which `shift` moves to those of the map. Gives their box on the map. The piece
     // counts from `show` on.
-    add(id: number, owner: number, shift: Triple, runs: Run[], records: ArrayBuffer): Box {
+    add(id: number, shift: Triple, runs: Run[], records: ArrayBuffer): Box {
         const values = new Float32Array(records);
         const words = new Uint32Array(records);
         const { min, max } = boxOf(values);
@@ -67,13 +67,15 @@ export class Sorter {
             }
         }
         const box = { min: min.map((v, i) => v + shift[i]) as Triple, max: max.map((v, i) => v + shift[i]) as Triple };
-        this.hidden.set(id, { runs, ...box, step, mark: owner * 2 ** slotBits(this.capacity) });
+        this.hidden.set(id, { runs, ...box, step, mark: 0 });
         return box;
     }
 
-    show(id: number): void {
-        const piece = this.hidden.get(id);
+    // Orders hold the piece from now on, under this number.
+    show(id: number, under: number): void {
+        const piece = this.hidden.get(id) ?? this.pieces.get(id);
         if (piece === undefined) return;
+        piece.mark = under * 2 ** slotBits(this.capacity);
         this.hidden.delete(id);
         this.pieces.set(id, piece);
     }
@@ -83,7 +85,7 @@ export class Sorter {
         this.pieces.delete(id);
     }
 
-    // Slots of all pieces, marked with their datasets, from the farthest to the nearest: a counting sort on the distance, or on the depth along a direction.
+    // Slots of all pieces, marked with their numbers, from the farthest to the nearest: a counting sort on the distance, or on the depth along a direction.
     sort(eye: Triple, along: Triple | undefined, buffer: ArrayBuffer | undefined): { order: Uint32Array; count: number } {
         const order = new Uint32Array(buffer ?? new ArrayBuffer(4 * this.capacity));
         const { least, scale } = this.keyScale(eye, along !== undefined);

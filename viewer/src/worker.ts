@@ -24,7 +24,7 @@ scope.onmessage = ({ data: request }) => {
             loader.cancel(request.piece);
             break;
         case "show":
-            sorter.show(request.piece);
+            sorter.show(request.piece, request.under);
             break;
         case "remove":
             sorter.remove(request.piece);
