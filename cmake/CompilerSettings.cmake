@@ -1,12 +1,12 @@
-# Compiler settings of every target of the project, carried by one interface target.
+# The compiler settings of all targets, in one interface target.
 #
-# -ffp-contract=off: no compiler fuses a multiply and an add, so that every build gives the same bytes.
-# No -march and no -ffast-math anywhere, for the same reason.
+# -ffp-contract=off keeps compilers from fusing a multiply and an add, so that every build gives the same bytes. For the
+# same reason there is no -march and no -ffast-math.
 
 add_library(plyconvert_settings INTERFACE)
 target_compile_features(plyconvert_settings INTERFACE cxx_std_20)
 
-# The system's header without its macros min and max, and without what is seldom used.
+# windows.h without its macros min and max and without rarely used parts.
 target_compile_definitions(plyconvert_settings INTERFACE $<$<PLATFORM_ID:Windows>:NOMINMAX;WIN32_LEAN_AND_MEAN>)
 
 if(MSVC) # no /WX: its warnings have not been seen
@@ -15,20 +15,20 @@ else()
     target_compile_options(plyconvert_settings INTERFACE
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Werror -ffp-contract=off)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-        # g++ 12 warns of an overlap inside "literal" + std::string at -O3 where there is none; 13 no longer does.
+        # At -O3 g++ 12 warns of an overlap in "literal" + std::string that does not exist; g++ 13 does not.
         target_compile_options(plyconvert_settings INTERFACE -Wno-restrict)
     endif()
 endif()
 
 set(PLYCONVERT_SANITIZE "" CACHE STRING "Sanitizers for every target, as -fsanitize takes them (address,undefined or thread)")
 
-# What Linux distributions build with: checks of buffers whose size is known, stack protection, indirect branch tracking
-# where the processor has it, and tables of the dynamic linker that are read-only once a program runs.
+# The hardening of Linux distributions: checks of buffers of known size, stack protection, indirect branch tracking on
+# processors that have it, and read-only tables of the dynamic linker.
 option(PLYCONVERT_HARDENING "Build with the hardening flags of Linux distributions" ON)
 if(PLYCONVERT_HARDENING AND CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT PLYCONVERT_SANITIZE)
     target_compile_options(plyconvert_settings INTERFACE -fstack-protector-strong -fstack-clash-protection
         $<$<IN_LIST:${CMAKE_SYSTEM_PROCESSOR},x86_64;AMD64>:-fcf-protection=full>)
-    # Only an optimised build has these.
+    # These need an optimised build.
     foreach(option -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
         target_compile_options(plyconvert_settings INTERFACE $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:${option}>)
     endforeach()
@@ -40,7 +40,7 @@ if(PLYCONVERT_HARDENING AND CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT PLYCONVER
     endif()
 endif()
 
-# The same bytes wherever the sources lie.
+# The same bytes from any source folder.
 if(NOT MSVC)
     foreach(kind macro debug)
         target_compile_options(plyconvert_settings INTERFACE -f${kind}-prefix-map=${PROJECT_SOURCE_DIR}=.)
@@ -48,11 +48,12 @@ if(NOT MSVC)
 endif()
 
 if(PLYCONVERT_SANITIZE)
-    # Linked into everything, tests' dependencies included: a sanitizer's runtime must be the whole process's.
+    # For all targets, including dependencies of the tests, because the whole process must use the sanitizer's runtime.
     add_compile_options(-fsanitize=${PLYCONVERT_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g1)
     add_link_options(-fsanitize=${PLYCONVERT_SANITIZE})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-        # g++ 12: false alarms inside the standard library, of streams' virtual bases and of std::function members.
+        # False positives of g++ 12 inside the standard library, about virtual bases of streams and members of
+        # std::function.
         add_compile_options(-Wno-maybe-uninitialized)
         if(PLYCONVERT_SANITIZE MATCHES undefined)
             add_compile_options(-fno-sanitize=vptr)

@@ -1,5 +1,5 @@
-# Run by cpack between installing and packing: manual pages and changelogs are compressed, as Debian's policy asks, without
-# a name and a time in the compressed file.
+# cpack runs this between installing and packing. It compresses manual pages and changelogs, as Debian's policy
+# requires, without name and time in the compressed files.
 file(GLOB documents ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/man/man1/*.1
     ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog ${CPACK_TEMPORARY_DIRECTORY}/*/usr/share/doc/*/changelog.Debian)
 foreach(document ${documents})

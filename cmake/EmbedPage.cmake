@@ -1,6 +1,6 @@
 # cmake -DPAGE=viewer.html -DSOURCE=page_bytes.cpp -P EmbedPage.cmake
-# Writes a C++ source that holds the page as a gzip file, its length, and the hashes of its inline scripts and styles as a
-# content policy names them. CMake itself compresses, so that a cross build needs no program of the build machine.
+# Writes a C++ source with the page as a gzip file, its length, and the hashes of its inline scripts and styles in the
+# form of a content policy. CMake itself compresses, so that a cross build needs no program of the build machine.
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -24,7 +24,7 @@ function(set_hash result text)
 endfunction()
 
 # set_hashes(SCRIPTS STYLES TEXT)
-# Of every element in the order of the page: a word such as <script inside a script starts none.
+# The hashes of every element in the order of the page. Text such as <script inside a script starts no element.
 function(set_hashes scripts styles text)
     set(script "")
     set(style "")

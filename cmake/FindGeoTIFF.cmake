@@ -1,4 +1,4 @@
-# libgeotiff, which brings no package of its own on Debian: the target GeoTIFF::GeoTIFF.
+# Finds libgeotiff, for which Debian has no CMake package. Makes the target GeoTIFF::GeoTIFF.
 find_path(GeoTIFF_INCLUDE_DIR geotiffio.h PATH_SUFFIXES geotiff libgeotiff)
 find_library(GeoTIFF_LIBRARY NAMES geotiff geotiff_i)
 mark_as_advanced(GeoTIFF_INCLUDE_DIR GeoTIFF_LIBRARY)

@@ -1,6 +1,6 @@
-# cmake --install: the library, its header, a CMake package and a pkg-config file. Components, which become packages
-# (Packages.cmake): `runtime` is what a host needs to run, `development` what it needs to be built; `program` and `geo` are
-# those of program/.
+# cmake --install: the library, its header, a CMake package and a pkg-config file. The components become packages
+# (Packages.cmake): `runtime` for running a host, `development` for building one; `program` and `geo` are those of
+# program/.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -19,8 +19,7 @@ write_basic_package_version_file(plyconvertConfigVersion.cmake COMPATIBILITY Sam
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/plyconvertConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/plyconvertConfigVersion.cmake
     DESTINATION ${package_folder} COMPONENT development)
 
-# The prefix is stated relative to the file: cmake --install takes another one than the configured, and an installed
-# tree may be moved.
+# The prefix is relative to the file, because cmake --install may use another prefix and an installed tree may be moved.
 file(RELATIVE_PATH prefix_from_pc ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
 configure_file(cmake/plyconvert.pc.in plyconvert.pc @ONLY)

@@ -31,8 +31,8 @@ target_include_directories(plyconvert_core PUBLIC
     ${CMAKE_CURRENT_SOURCE_DIR}/include PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_compile_definitions(plyconvert_core PRIVATE PLYCONVERT_BUILDING)
 if(NOT MSVC)
-    # Neither changes a value: no errno from square roots, and floating-point comparisons may become masks. Both let the hot
-    # loops become vector code.
+    # Neither option changes a value: square roots set no errno, and floating-point comparisons may become masks. Both
+    # are needed to vectorise the hot loops.
     target_compile_options(plyconvert_core PRIVATE -fno-math-errno -fno-trapping-math)
 endif()
 target_link_libraries(plyconvert_core PRIVATE $<BUILD_INTERFACE:plyconvert_settings> PUBLIC Threads::Threads)
@@ -48,11 +48,12 @@ if(WIN32)
     target_sources(plyconvert PRIVATE src/plyconvert.def)
     set_target_properties(plyconvert PROPERTIES PREFIX "")
     if(MINGW)
-        # Only what the .def file names, whatever the linked-in C++ library marks for export.
+        # Exports only the names of the .def file, even if the C++ library inside marks others for export.
         target_link_options(plyconvert PRIVATE -Wl,--exclude-all-symbols)
     endif()
 else()
-    # Hidden visibility alone still leaves weak std:: symbols in the dynamic table; the version script leaves one name.
+    # With hidden visibility alone, weak std:: symbols would remain in the dynamic table; the version script leaves one
+    # name.
     target_link_options(plyconvert PRIVATE
         -Wl,--version-script=${CMAKE_CURRENT_SOURCE_DIR}/src/exports.map -Wl,--no-undefined)
     if(PLYCONVERT_SANITIZE)

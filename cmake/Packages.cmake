@@ -1,5 +1,5 @@
-# cpack: Debian packages, one for each component of cmake --install. The preset `package` configures what they hold;
-# tests/packages tries them, scripts/release.sh makes those that are handed out.
+# cpack: Debian packages, one for each component of cmake --install. The preset `package` configures them,
+# tests/packages tests them, and scripts/release.sh makes those of a release.
 
 if(NOT PROJECT_IS_TOP_LEVEL OR NOT PLYCONVERT_BUILD_PROGRAM OR NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
     return()
@@ -13,7 +13,7 @@ set(CPACK_PACKAGE_CONTACT "plyconvert maintainers <maintainers@plyconvert.invali
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CompressDocs.cmake)
-# The umask of whoever packs must not decide who may read what is installed.
+# The permissions of installed files must not depend on the umask of the packing user.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

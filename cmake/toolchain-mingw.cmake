@@ -8,7 +8,7 @@ set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
 set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 
-# Headers, libraries and packages come from the cross compiler's folder alone; programs are the build machine's.
+# Headers, libraries and packages come only from the cross compiler's folder, programs from the build machine.
 set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
@@ -19,11 +19,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_C_FLAGS_INIT -Wa,-muse-unaligned-vector-move)
 set(CMAKE_CXX_FLAGS_INIT -Wa,-muse-unaligned-vector-move)
 
-# The C++ library, libgcc and winpthread are linked in, so that nothing but the system's own DLLs is needed.
+# The C++ library, libgcc and winpthread are linked statically, so that only DLLs of the system are needed.
 set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
 set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
 
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine.sh ${CMAKE_BINARY_DIR}/wine)
 
-# zlib too.
+# zlib, too.
 set(ZLIB_USE_STATIC_LIBS ON)

@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Lets libFuzzer look for inputs that break the library, its readers and the reader of datasets.
+# Lets libFuzzer search for inputs that break the library, the sources and the reader of datasets.
 #
-#   scripts/fuzz.sh MINUTES             every target in turn, two at a time, MINUTES in all
-#   scripts/fuzz.sh MINUTES TARGET...   these targets alone
+#   scripts/fuzz.sh MINUTES             all targets, two at a time, MINUTES in total
+#   scripts/fuzz.sh MINUTES TARGET...   only these targets
 #
-# What is found lies in build/fuzz/findings, one file an input, and the exit status is then 1. The corpora grow from one
-# run to the next in build/fuzz/corpus. At the end: executions of each target, and how much of the code its corpus reaches.
-# Needs clang; what is missing is installed with apt-get.
+# Inputs with findings are written to build/fuzz/findings, and the exit status is then 1. The corpora in
+# build/fuzz/corpus grow from run to run. At the end the script prints the executions of each target and how much of the
+# code its corpus reaches. Needs clang; missing packages are installed with apt-get.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # shellcheck source=scripts/packages.sh
 source "$root/scripts/packages.sh"
 
-# The shares of the time: what takes long per input and has much code behind it gets more.
+# Shares of the time. Targets with slow inputs and much code get more.
 declare -A shares=([conversion]=4 [dataset]=3 [header]=2 [number]=1 [packed]=3 [ply]=4 [stream]=3 [strict_header]=1 [text]=1)
 order=(conversion ply dataset packed stream header number strict_header text)
 
@@ -46,7 +46,7 @@ cmake -S "$root" -B "$root/build/coverage" --preset coverage --log-level=WARNING
 cmake --build "$root/build/coverage" --parallel "$(nproc)"
 
 mkdir -p "$folder/findings" "$folder/logs"
-# The targets' files, in memory where that can be had.
+# The folder for the targets' files, in memory if possible.
 place=/tmp
 if [[ -w /dev/shm ]]; then
     place=/dev/shm
@@ -54,7 +54,8 @@ fi
 TMPDIR=$(mktemp -d "$place/plyconvert-fuzz.XXXXXX")
 export TMPDIR
 trap 'rm -rf "$TMPDIR"' EXIT
-# Freed blocks are kept back for a while, so that a use is noticed; not so many that every one is a fresh page.
+# Freed blocks stay in quarantine for a while, so that their use is noticed. A small quarantine avoids a fresh page for
+# every block.
 export ASAN_OPTIONS=quarantine_size_mb=32 UBSAN_OPTIONS=print_stacktrace=1
 
 # fuzz TARGET SECONDS
@@ -65,8 +66,8 @@ fuzz() {
     header | strict_header | conversion | stream | ply | packed) options=(-dict="$root/fuzz/ply.dict") ;;
     dataset) options=(-dict="$root/fuzz/dataset.dict") ;;
     esac
-    # Leaks are looked for where the sanitizer's build replays the corpora: between inputs it takes longer than they do.
-    # The limits for one input are so long because a loaded machine may stop a process for a while.
+    # No leak detection here, since it takes longer than the inputs; the sanitizer build does it when it replays the
+    # corpora. The time limits of an input are long, because a loaded machine may stop a process for a while.
     "$folder/fuzz/${target}_fuzz" -max_total_time="$2" -timeout=300 -report_slow_units=300 -rss_limit_mb=4096 -close_fd_mask=1 \
         -detect_leaks=0 -print_final_stats=1 -artifact_prefix="$folder/findings/$target-" "${options[@]}" \
         "$corpus" "$root/fuzz/corpus/$target" >"$folder/logs/$target.log" 2>&1

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Converts one very large generated scene, verifies the dataset against it, says time, MB/s and peak memory, and
-# removes both. 100,000,000 splats with coefficients take 24.8 GB for the scene and 9.6 GB for the dataset, and some
-# minutes. Not one of the tests.
+# Converts one very large generated scene, verifies the dataset against it, prints time, MB/s and peak memory, and
+# removes both. 100,000,000 splats with coefficients take 24.8 GB for the scene, 9.6 GB for the dataset, and some
+# minutes. Not part of the tests.
 #
 #   scripts/large.sh [--splats N] [--folder DIR] [--passes] [--keep] [OPTION...]
 #
@@ -52,7 +52,7 @@ clean() {
 }
 trap clean EXIT
 
-# run NAME COMMAND...: runs it, and sets seconds and peak (bytes of resident memory at most) of its process.
+# run NAME COMMAND...: runs the command and sets `seconds` and `peak`, the peak resident memory in bytes.
 run() {
     local name=$1 start pid
     shift

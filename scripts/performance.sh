@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Measures whole conversions and the kernels, and writes the tables of docs/performance.md anew. Takes about seven
-# minutes and 5 GB in the temporary folder; nothing else should run meanwhile. The line that begins each part names the commit,
+# Measures whole conversions and the kernels, and updates the tables of docs/performance.md. Takes about seven minutes
+# and 5 GB in the temporary folder. Nothing else should run meanwhile. The line that begins each part names the commit,
 # and says so where the tree has changes.
 #
 #   scripts/performance.sh [OPTION...]      the options go to build/release/bench/endtoend
@@ -24,7 +24,7 @@ kernel_table() {
                              printf "| %s | %.2f | %s |\n", $1, $7 / 1e6, $6 == "" ? "" : sprintf("%.2f", $6 / 1e9) }'
 }
 
-# Replaces what stands between the lines "<!-- $1 -->" and "<!-- end -->" of the document by file $2.
+# Replaces the text between the lines "<!-- $1 -->" and "<!-- end -->" of the document by the content of file $2.
 replace_part() {
     awk -v part="<!-- $1 -->" -v file="$2" '
         $0 == part { print $0 "\n"; while ((getline line < file) > 0) print line; inside = 1 }

@@ -4,7 +4,7 @@
 #   scripts/quickstart.sh                    writes build/quickstart/town.ply and build/quickstart/town
 #   scripts/quickstart.sh scene.ply out      converts scene.ply into the folder out
 #
-# Needs only git and bash on Debian 12 and Ubuntu 24.04: what is missing is installed with apt-get.
+# Needs only git and bash on Debian 12 and Ubuntu 24.04; missing packages are installed with apt-get.
 set -euo pipefail
 
 if (($# != 0 && $# != 2)) || [[ "${1:-}" == -* ]]; then

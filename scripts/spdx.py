@@ -12,7 +12,7 @@ import re
 import subprocess
 import sys
 
-# Licences by the source packages' own copyright files; what is linked statically or used as a header is in the program.
+# Licences by the copyright files of the source packages. Static libraries and headers become part of the program.
 LICENCES = {
     "libc6": "LGPL-2.1-or-later",
     "libgcc-s1": "GPL-3.0-or-later WITH GCC-exception-3.1",

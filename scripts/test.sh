@@ -17,7 +17,7 @@
 #   scripts/test.sh --all           all of these
 #   scripts/test.sh --only ...      the builds that are named, without the release build
 #
-# Needs only git and bash on Debian 12 and Ubuntu 24.04: what is missing is installed with apt-get.
+# Needs only git and bash on Debian 12 and Ubuntu 24.04; missing packages are installed with apt-get.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -37,7 +37,7 @@ configure() {
 }
 
 # build FOLDER [OPTION...]
-# Builds what a build folder is configured for; the options go to the build.
+# Builds a configured folder; the options go to the build.
 build() {
     local folder=$root/build/$1
     shift
@@ -45,8 +45,7 @@ build() {
     cmake --build "$folder" --parallel "$(nproc)" "$@"
 }
 
-# Seconds after which a test that states no limit of its own counts as hung. The longest takes two minutes on two idle
-# processors.
+# Seconds after which a test without its own limit counts as hung. The longest takes two minutes on two idle processors.
 patience=900
 
 # run_tests FOLDER [OPTION...]
@@ -84,33 +83,32 @@ test_sanitizers() {
     run_tests asan-ubsan
     configure tsan tsan
     build tsan
-    # Where the kernel spreads addresses wider than the thread sanitizer of g++ 12 and 13 allows, it needs them in
-    # order; a container may forbid that.
+    # The thread sanitizer of g++ 12 and 13 fails if the kernel randomises addresses too widely, so randomisation is
+    # switched off. A container may forbid that.
     if setarch -R true 2>/dev/null; then
         launcher=(setarch -R)
     fi
     run_tests tsan --label-regex '^(unit|blackbox|golden|fuzz)$' --label-exclude '^(large|exhaustive)$'
     launcher=()
-    # What is shipped, under valgrind: a conversion of each kind.
+    # The release build under valgrind: a conversion of each kind.
     configure release release
     build release --target makescene convertonce
     run_tests release --build-config Memcheck --label-regex '^memcheck$'
 }
 
-# Wine is started before the build, which lists each test program's tests by running it, and stopped however the tests
-# end.
+# Wine is started before the build, which runs each test program to list its tests. It is always stopped at the end.
 test_windows() {
     trap '"$root/scripts/wine.sh" "$root/build/windows/wine" --stop' EXIT
     configure windows windows
     "$root/scripts/wine.sh" "$root/build/windows/wine" --start
     build windows
-    # The large scenes are held to the hashes that the native builds give; comparing them with the reference a second
-    # time would say nothing new.
+    # The large scenes must have the hashes of the native builds. Comparing them with the reference again would add
+    # nothing.
     run_tests windows --exclude-regex '^Large/Golden[.]BytesAreThoseOfTheReference'
 }
 
 # run_viewer SUITE...
-# The page's tests: what npm brings is pinned and runs no scripts of its own. See tests/viewer/.
+# The page's tests (tests/viewer/). npm packages are pinned, and their install scripts are not run.
 run_viewer() {
     configure release release
     build release --target plyconvert_executable makescene renderscene viewer_reference
@@ -124,7 +122,7 @@ run_viewer() {
     SCRATCH=$root/build/release/scratch/viewer
     rm -rf "$SCRATCH"
     mkdir -p "$SCRATCH"
-    # One file after the other: software rendering takes every processor.
+    # One file at a time, because software rendering uses all processors.
     for suite in "$@"; do
         SCRATCH=$SCRATCH BUILD=$root/build/release node --test --test-reporter=spec "$root/tests/viewer/$suite.test.mjs"
     done
@@ -139,9 +137,9 @@ test_viewer-core() {
     run_viewer parts reader pixels faults
 }
 
-# The examples of examples/slurm/ on a cluster that lives as long as the test. See tests/slurm/ and scripts/slurm.sh.
+# Runs examples/slurm/ on a temporary cluster. See tests/slurm/ and scripts/slurm.sh.
 test_slurm() {
-    # Says in one line what is missing here.
+    # Prints one line if something is missing here.
     "$root/scripts/slurm.sh" true
     configure release release
     build release --target plyconvert_executable makescene faults
@@ -152,7 +150,7 @@ test_slurm() {
         "$root/scripts/slurm.sh" "$root/tests/slurm/array_test.sh" "$build/scratch/slurm_array"
 }
 
-# The packages, as cpack makes them of the preset for them.
+# The packages, made by cpack with their preset.
 test_packages() {
     configure release release
     build release --target makescene
@@ -172,7 +170,7 @@ test_packages() {
     "$root/tests/packages/bare_test.sh" "$root/build/package" "$root/build/bare" "$root/build/release/scenes/makescene"
 }
 
-# A city of 24 tiles for geo tools. See tests/catalogue/.
+# Geo tools read a city of 24 tiles. See tests/catalogue/.
 test_catalogue() {
     configure release release
     build release --target plyconvert_executable makescene
@@ -217,7 +215,7 @@ for name in "${builds[@]}"; do
     slurm) wanted+=("${slurm_packages[@]}") ;;
     viewer | viewer-core)
         wanted+=("${viewer_packages[@]}")
-        # A node from elsewhere comes with its own npm, which Debian's excludes.
+        # A node not from Debian has its own npm, which conflicts with Debian's.
         command -v npm >/dev/null || wanted+=("${node_packages[@]}")
         ;;
     esac

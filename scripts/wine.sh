@@ -2,15 +2,15 @@
 # Runs a Windows program under wine, or prepares and stops the wine it runs in.
 #
 #   scripts/wine.sh PREFIX PROGRAM [ARGUMENT...]    run the program; its exit status modulo 256
-#   scripts/wine.sh PREFIX --start                  make wine ready, which the first program would do else
+#   scripts/wine.sh PREFIX --start                  start wine, which the first program would do otherwise
 #   scripts/wine.sh PREFIX --stop                   end everything that runs in the prefix
 #
-# PREFIX is the folder that wine keeps its files in; it is made when it is missing. Starting also leaves one waiting
-# process, which keeps wine's server and services up between programs: starting them anew costs each program a second.
+# PREFIX is wine's folder; it is made if it is missing. --start leaves one waiting process, which keeps wine's server
+# and services running between programs: starting them again would cost each program a second.
 #
-# Wine's server and services outlive the program that happens to start them. So that ctest and ninja, which wait until
-# nobody can write to their pipes any more, never wait for those, no process of wine's gets hold of a pipe of the
-# caller's: what the program says goes to files, and from there to the caller when the program has ended.
+# Wine's server and services outlive the program that starts them. ctest and ninja wait until no process can write to
+# their pipes any more. So no process of wine may inherit a pipe of the caller: the program's output goes to files, and
+# is copied to the caller when the program has ended.
 set -euo pipefail
 
 if (($# < 2)); then
@@ -22,17 +22,17 @@ mkdir -p "$1"
 export WINEPREFIX
 WINEPREFIX=$(cd "$1" && pwd)
 shift
-# No messages of wine's own, no offers to install browsers, no files in the user's menus. Paths given to the programs
-# are UTF-8.
+# No messages from wine, no offers to install browsers, no files in the user's menus. Paths for the programs are UTF-8.
 export WINEDEBUG=-all WINEDLLOVERRIDES='mscoree=;mshtml=;winemenubuilder.exe=' LC_ALL=C.UTF-8
 unset DISPLAY
 
 wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
 server=$(command -v wineserver || echo /usr/lib/wine/wineserver64)
 
-# Seconds after which the waiting process ends when nobody stopped it.
+# Seconds after which the waiting process ends if it is not stopped.
 longest_wait=7200
-# Seconds that wine gets to make a prefix or to run nothing; it takes ten and one where nothing else runs.
+# Seconds that wine may take to make a prefix or to run an empty command. On an idle machine these take ten seconds and
+# one.
 patience=600
 
 start() {
@@ -44,13 +44,13 @@ start() {
     # shellcheck disable=SC2016  # its own arguments
     setsid bash -c 'sleep "$1" | "$2" cmd.exe' "$WINEPREFIX" "$longest_wait" "$wine" &
     local waiting=$!
-    # Ends when the server and the services are up.
+    # Returns when the server and the services are running.
     timeout -k 10 "$patience" "$wine" cmd.exe /c exit
     echo "$waiting" >"$WINEPREFIX/waiting"
 }
 
-# Whether the waiting process runs. The number in the file may meanwhile be another process's, which does not have the
-# prefix among its arguments.
+# Succeeds if the waiting process runs. Its number may belong to another process by now, which does not have the prefix
+# among its arguments.
 is_waiting() {
     local arguments
     [[ -f $WINEPREFIX/waiting ]] &&
@@ -63,7 +63,7 @@ stop() {
         kill -- "-$(<"$WINEPREFIX/waiting")" || true
     fi
     rm -f "$WINEPREFIX/waiting"
-    # Ends what is left, wine's services among it. The server's own exit status tells whether there was one.
+    # Ends what is left, including wine's services. The server's exit status only tells whether one was running.
     timeout -k 10 60 "$server" -k || true
 }
 
