@@ -9,7 +9,8 @@
  * FAULT_SLOW=FILE       while FILE exists, every read at a place takes 100 ms longer
  * FAULT_HOLD=FILE       the process creates FILE when it is about to create the folder that it writes to,
  *                       and goes on when FILE is gone or a signal comes
- * FAULT_HOLD_AT=CALL    the same at its first pread, pwrite or fsync instead
+ * FAULT_HOLD_AT=CALL    the same at its first pread, pwrite or fsync instead, or at its first read of a
+ *                       data.bin
  * FAULT_WATCH=COMMAND   "COMMAND cut NAME" is run before each call that changes names or flushes;
  *                       "COMMAND flushed PATH" after each flush
  * FAULT_COUNT=FILE      the number of those calls is written to the file when the process exits
@@ -166,6 +167,22 @@ int mkdir(const char* path, mode_t mode) {
     }
     watch("cut", "mkdir");
     return next(path, mode);
+}
+
+ssize_t read(int file, void* data, size_t size) {
+    typedef ssize_t PlainRead(int, void*, size_t);
+    const char* where = getenv("FAULT_HOLD_AT");
+    if (where != NULL && strcmp(where, "read") == 0) {
+        const char* last = "/data.bin";
+        char link[64];
+        char path[4096] = "";
+        snprintf(link, sizeof link, "/proc/self/fd/%d", file);
+        const ssize_t length = readlink(link, path, sizeof path - 1);
+        if (length > (ssize_t)strlen(last) && strcmp(path + length - strlen(last), last) == 0) {
+            hold("read");
+        }
+    }
+    return ((PlainRead*)dlsym(RTLD_NEXT, "read"))(file, data, size);
 }
 
 typedef ssize_t Read(int, void*, size_t, off64_t);
