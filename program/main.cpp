@@ -6,6 +6,7 @@
 #include "program/commands/info_command.h"
 #include "program/commands/normalise_command.h"
 #include "program/commands/picture_command.h"
+#include "program/commands/plan_command.h"
 #include "program/commands/summary_command.h"
 #include "program/commands/verify_command.h"
 #include "program/commands/view_command.h"
@@ -34,7 +35,7 @@ struct CommandGroup {
 const std::vector<CommandGroup> groups = {
     {"Convert and check", {addConvertCommand, addInfoCommand, addVerifyCommand}},
     {"Look", {addViewCommand, addPictureCommand}},
-    {"Many tiles", {addSummaryCommand, addCatalogueCommand}},
+    {"Many tiles", {addPlanCommand, addSummaryCommand, addCatalogueCommand}},
     {"Write PLY", {addExportCommand, addNormaliseCommand}},
 };
 

@@ -24,6 +24,7 @@ struct Input : Source {
     bool hasOpenUnits = false;
     // Records and header are the converter's own form, byte for byte.
     bool isCanonical = false;
+    std::uint64_t scratchBytes = 0; // of the disk, for what has to be unpacked before records can be read
 
     // The same as read, and x y z of each record in double to `positions` unless that is null.
     virtual void readWide(std::uint64_t first, std::uint64_t size, float* records,

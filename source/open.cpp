@@ -2,6 +2,7 @@
 
 #include "source/compressed_ply.h"
 #include "source/ply.h"
+#include "source/ply_body.h"
 #include "source/ply_layout.h"
 #include "source/record_file.h"
 #include "source/spz.h"
@@ -11,6 +12,8 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -68,27 +71,66 @@ constexpr const char* whatWouldDo = "splats in a PLY file of any layout, SPZ or 
         fmt::format("{}: not a splat file{}: {}", name, isText ? " but some text" : "", whatWouldDo));
 }
 
+// An input of which the header alone is known.
+class HeaderInput final : public Input {
+public:
+    explicit HeaderInput(const std::filesystem::path& path) : file_(path) {
+        name = file_.name();
+        if (const std::string start = readStart(file_); looksLikeSpz(start)) {
+            describeSpz(readSpzHeader(file_), *this);
+        } else {
+            const PlyHeader header = parsePlyHeader(start, name);
+            describePly(header, splatLayoutOf(header, name), *this);
+            requireRoom(file_, header);
+        }
+    }
+
+    void readWide(std::uint64_t, std::uint64_t, float*, double*) const override {
+        throw std::logic_error("the records of an input that was opened for its header are read");
+    }
+    void requireUnchanged() const override { file_.requireUnchanged(); }
+
+private:
+    RecordFile file_;
+};
+
+enum class Kind { ply, compressedPly, spz };
+
+// By the first bytes. Throws SourceError.
+Kind kindOf(const std::filesystem::path& path, std::optional<PlyHeader>& header) {
+    const RecordFile file(path);
+    const std::string start = readStart(file);
+    if (looksLikeSpz(start)) {
+        return Kind::spz;
+    }
+    if (!looksLikePly(start)) {
+        refuse(file.name(), start);
+    }
+    header = parsePlyHeader(start, file.name());
+    return isCompressedPly(*header) ? Kind::compressedPly : Kind::ply;
+}
+
 } // namespace
 
 std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenOptions& options) {
-    std::string start;
-    std::string name;
-    {
-        const RecordFile file(path);
-        start = readStart(file);
-        name = file.name();
-    }
-    if (looksLikeSpz(start)) {
+    std::optional<PlyHeader> header;
+    switch (kindOf(path, header)) {
+    case Kind::spz:
         return std::make_unique<SpzInput>(path, options.axes, options.scratchFolder);
-    }
-    if (!looksLikePly(start)) {
-        refuse(name, start);
-    }
-    const PlyHeader header = parsePlyHeader(start, name);
-    if (isCompressedPly(header)) {
-        return std::make_unique<CompressedPlyInput>(path, header);
+    case Kind::compressedPly:
+        return std::make_unique<CompressedPlyInput>(path, *header);
+    case Kind::ply:
+        break;
     }
     return std::make_unique<PlyInput>(path, options.threads);
+}
+
+std::unique_ptr<Input> openHeader(const std::filesystem::path& path) {
+    std::optional<PlyHeader> header;
+    if (kindOf(path, header) == Kind::compressedPly) {
+        return std::make_unique<CompressedPlyInput>(path, *header); // its ranges are read with the records
+    }
+    return std::make_unique<HeaderInput>(path);
 }
 
 } // namespace Tavrin::SplatSource

@@ -19,4 +19,8 @@ struct OpenOptions {
 // message says what it looks like and what would help.
 std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenOptions& options);
 
+// The same by the header and the size of the file alone: nothing is unpacked and no record is read, so
+// damage behind the header goes unnoticed. Reading records of the result throws std::logic_error.
+std::unique_ptr<Input> openHeader(const std::filesystem::path& path);
+
 } // namespace Tavrin::SplatSource

@@ -18,28 +18,32 @@ std::string readStart(const RecordFile& file) {
     return start;
 }
 
+void describePly(const PlyHeader& header, const SplatLayout& layout, Input& input) {
+    input.kind = "PLY, " + header.formatText;
+    input.degree = layout.degree;
+    input.hasCoefficients = layout.hasCoefficients();
+    input.isWide = layout.isWide;
+    input.hasOpenUnits = true;
+    input.stated = readSceneComments(header, input.hasCoefficients);
+    if (!input.stated.errors.empty()) {
+        const HeaderRemark& error = input.stated.errors.front();
+        throw SourceError(fmt::format("{}:{}: {}", input.name, error.line, error.text));
+    }
+    input.params = paramsOf(input.stated);
+    input.boundsSeen = input.stated.statesBounds();
+    input.count = header.find("vertex")->count;
+    input.isCanonical =
+        layout.isCanonical && header.format == PlyFormat::binaryLittleEndian && header.elements.size() == 1;
+    input.remarks = layout.remarks;
+}
+
 PlyInput::PlyInput(const std::filesystem::path& path, unsigned threads) : file_(path) {
     name = file_.name();
     header_ = parsePlyHeader(readStart(file_), name);
     layout_ = splatLayoutOf(header_, name);
-    kind = "PLY, " + header_.formatText;
-    degree = layout_.degree;
-    hasCoefficients = layout_.hasCoefficients();
-    isWide = layout_.isWide;
-    hasOpenUnits = true;
-    stated = readSceneComments(header_, hasCoefficients);
-    if (!stated.errors.empty()) {
-        const HeaderRemark& error = stated.errors.front();
-        throw SourceError(fmt::format("{}:{}: {}", name, error.line, error.text));
-    }
-    params = paramsOf(stated);
-    boundsSeen = stated.statesBounds();
-    count = header_.find("vertex")->count;
+    describePly(header_, layout_, *this);
     body_ = openPlyBody(file_, header_, threads);
     map_ = std::make_unique<RecordMap>(layout_, header_.format == PlyFormat::binaryBigEndian);
-    isCanonical = layout_.isCanonical && header_.format == PlyFormat::binaryLittleEndian &&
-                  header_.elements.size() == 1;
-    remarks = layout_.remarks;
     remarks.insert(remarks.end(), body_->remarks.begin(), body_->remarks.end());
 }
 

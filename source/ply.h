@@ -40,4 +40,8 @@ private:
 // The first bytes of a file, as many as a header may take. Throws SourceChanged.
 std::string readStart(const RecordFile& file);
 
+// Sets what the header alone says of an input; `input.name` is set. Throws SourceError for comments that the
+// converter would stumble over.
+void describePly(const PlyHeader& header, const SplatLayout& layout, Input& input);
+
 } // namespace Tavrin::SplatSource

@@ -205,7 +205,7 @@ class AsciiBody : public PlyBody {
 public:
     AsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads)
         : file_(file), vertex_(*header.find("vertex")) {
-        requireRoom(header);
+        requireRoom(file, header);
         std::uint64_t at = header.length; // before the vertices, as far as that is known
         if (hasListsUpToVertices(header)) {
             at = walkTo(header);
@@ -250,24 +250,6 @@ private:
                            const std::string& what) const {
         throw SourceError(fmt::format("{}: record {} of element {}, before byte {}: {}", file_.name(), record,
                                       inQuotes(element.name), at, what));
-    }
-
-    // Every value takes a digit and a blank, except the last.
-    void requireRoom(const PlyHeader& header) const {
-        std::uint64_t words = 0;
-        for (const PlyElement& element : header.elements) {
-            words = sumOf(words, productOf(element.count, element.properties.size()));
-            const std::uint64_t held = file_.size() - header.length;
-            if (words > held / 2 + 1) {
-                throw SourceError(fmt::format("{}: the file is cut: it declares {} of element {} and ends "
-                                              "before them: copy or export it again",
-                                              file_.name(), countOf(element.count, "record", "records"),
-                                              inQuotes(element.name)));
-            }
-            if (&element == &vertex_) {
-                return;
-            }
-        }
     }
 
     bool hasListsUpToVertices(const PlyHeader& header) {

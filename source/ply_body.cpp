@@ -208,8 +208,8 @@ private:
     std::vector<std::uint64_t> index_; // byte of every indexStep-th vertex
 };
 
-// Refuses counts that the file cannot hold, before they decide a walk or an allocation.
-void requireRoom(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
+// Before the counts decide a walk or an allocation.
+void requireBytes(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
     std::uint64_t need = 0;
     for (const PlyElement& element : header.elements) {
         const std::uint64_t bytes = leastBytes(element);
@@ -226,6 +226,24 @@ void requireRoom(const RecordFile& file, const PlyHeader& header, const PlyEleme
                 file.name(), countOf(element.count, "record", "records"), countOf(bytes, "byte", "bytes"),
                 &element == &vertex ? "" : fmt::format(" of element {}", inQuotes(element.name)),
                 grouped(left / bytes), rest));
+        }
+        if (&element == &vertex) {
+            return;
+        }
+    }
+}
+
+// Every value of a text takes a digit and a blank, except the last.
+void requireText(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
+    std::uint64_t words = 0;
+    for (const PlyElement& element : header.elements) {
+        words = sumOf(words, productOf(element.count, element.properties.size()));
+        const std::uint64_t held = file.size() - std::min(file.size(), header.length);
+        if (words > held / 2 + 1) {
+            throw SourceError(fmt::format("{}: the file is cut: it declares {} of element {} and ends "
+                                          "before them: copy or export it again",
+                                          file.name(), countOf(element.count, "record", "records"),
+                                          inQuotes(element.name)));
         }
         if (&element == &vertex) {
             return;
@@ -264,12 +282,21 @@ std::uint64_t sumOf(std::uint64_t a, std::uint64_t b) {
     return a > UINT64_MAX - b ? UINT64_MAX : a + b;
 }
 
+void requireRoom(const RecordFile& file, const PlyHeader& header) {
+    const PlyElement& vertex = *header.find("vertex");
+    if (header.format == PlyFormat::ascii) {
+        requireText(file, header, vertex);
+    } else {
+        requireBytes(file, header, vertex);
+    }
+}
+
 std::unique_ptr<PlyBody> openPlyBody(const RecordFile& file, const PlyHeader& header, unsigned threads) {
     if (header.format == PlyFormat::ascii) {
         return openAsciiBody(file, header, threads);
     }
     const PlyElement& vertex = *header.find("vertex");
-    requireRoom(file, header, vertex);
+    requireRoom(file, header);
     BinaryWalk walk(file, header, header.length);
     for (const PlyElement& element : header.elements) {
         if (&element == &vertex) {

@@ -34,7 +34,10 @@ struct PlyBody {
 // decides an allocation. The file and the header must outlive the result. Throws SourceError.
 std::unique_ptr<PlyBody> openPlyBody(const RecordFile& file, const PlyHeader& header, unsigned threads);
 
-// The same for a text file.
+// Refuses counts that the file cannot hold, by its size alone. Throws SourceError.
+void requireRoom(const RecordFile& file, const PlyHeader& header);
+
+// The same as openPlyBody for a text file.
 std::unique_ptr<PlyBody> openAsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads);
 
 // The product, or UINT64_MAX where no 64-bit number holds it.

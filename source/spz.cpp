@@ -112,17 +112,22 @@ SpzInput::SpzInput(const std::filesystem::path& path, InputAxes axes,
                    const std::filesystem::path& scratchFolder)
     : file_(path), header_(readSpzHeader(file_)), arrays_(scratchFolder) {
     name = file_.name();
-    kind = fmt::format("SPZ, version {}", header_.version);
-    count = header_.splats;
-    degree = std::min(header_.degree, 3);
-    hasCoefficients = degree > 0;
-    params.dataType = "ply"; // as a canonical file of these records would have it
+    describeSpz(header_, *this);
     const SpzContent content = unpack();
     remarks = content.remarks;
     if (header_.degree > 3) {
         remarks.push_back("coefficients of degree 4 are dropped: a dataset keeps those up to degree 3");
     }
     settleAxes(axes, content.axesCode);
+}
+
+void describeSpz(const SpzHeader& header, Input& input) {
+    input.kind = fmt::format("SPZ, version {}", header.version);
+    input.count = header.splats;
+    input.degree = std::min(header.degree, 3);
+    input.hasCoefficients = input.degree > 0;
+    input.params.dataType = "ply"; // as a canonical file of these records would have it
+    input.scratchBytes = header.arrayBytes();
 }
 
 void SpzInput::requireUnchanged() const {

@@ -36,4 +36,7 @@ private:
     void decodeCoefficients(const std::uint8_t* bytes, std::uint64_t size, float* records) const;
 };
 
+// Sets what the header alone says of an input.
+void describeSpz(const SpzHeader& header, Input& input);
+
 } // namespace Tavrin::SplatSource

@@ -1,6 +1,7 @@
 #include "program/commands/convert_command.h"
 
 #include "program/commands/input_options.h"
+#include "program/commands/limit_options.h"
 #include "program/convert/conversion.h"
 #include "program/convert/output_check.h"
 #include "program/convert/plan.h"
@@ -13,7 +14,6 @@
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
-#include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
 #include "program/tiles/done_record.h"
 #include "program/tiles/report.h"
@@ -21,7 +21,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <charconv>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,13 +29,10 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-constexpr unsigned mostThreads = 1024;
-
 struct ConvertOptions {
     std::vector<std::string> words; // the inputs, then the dataset's folder
     InputOptions input;
-    unsigned threads = 0;  // 0: as many as the process may use
-    std::string maxMemory; // empty: what is free
+    LimitOptions limits;
     bool force = false;
     bool dryRun = false;
     bool quiet = false;
@@ -50,22 +46,7 @@ struct ConvertOptions {
     std::string name() const { return namesText(inputs()); }
 };
 
-// Checks of option values: the message for a bad value, empty for a good one.
-std::string checkThreads(const std::string& word) {
-    unsigned threads = 0;
-    const auto [stop, error] = std::from_chars(word.data(), word.data() + word.size(), threads);
-    const bool isNumber = error == std::errc() && stop == word.data() + word.size();
-    return isNumber && threads >= 1 && threads <= mostThreads
-               ? std::string()
-               : fmt::format("{} is no number of threads: write one from 1 to {}", word, mostThreads);
-}
-
-std::string checkMemorySize(const std::string& word) {
-    return bytesFrom(word) ? std::string()
-                           : fmt::format("{} is no size: write it like 5000000, 512M or 2G", word);
-}
-
-// An empty name usually comes from an unset variable in a script.
+// An empty name usually comes from an unset variable in a script. Empty for a good one.
 std::string checkFileName(const std::string& word) {
     return word.empty() ? "an empty word names no file" : "";
 }
@@ -139,8 +120,8 @@ TileReport emptyReport(const ConvertOptions& options) {
     };
     add("allowLoss", options.allowLoss ? "true" : "");
     add("force", options.force ? "true" : "");
-    add("threads", options.threads > 0 ? std::to_string(options.threads) : "");
-    add("maxMemory", options.maxMemory);
+    add("threads", options.limits.threads > 0 ? std::to_string(options.limits.threads) : "");
+    add("maxMemory", options.limits.maxMemory);
     return report;
 }
 
@@ -237,7 +218,7 @@ void keepRecord(Run& run, const Making& making, const OutputPlace& place, const 
 ExitStatus convertScene(Run& run) {
     const ConvertOptions& options = run.options;
     run.report.times.begin("opening");
-    const Means means = chooseMeans(options.threads, bytesFrom(options.maxMemory).value_or(0));
+    const Means means = chooseMeans(options.limits.threads, options.limits.memory());
     run.report.threads = means.threads;
     OutputPlace place = resolveOutput(options.output());
     const std::optional<Making> making = makingOf(run);
@@ -304,12 +285,7 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
     command->add_flag("--json", options->json, "print the summary or the plan as JSON");
     command->add_flag("--allow-loss", options->allowLoss,
                       "publish though splats outside the grid are left out");
-    command->add_option("--threads", options->threads, "work on N threads, not on all processors")
-        ->type_name("N")
-        ->check(checkThreads);
-    command->add_option("--max-memory", options->maxMemory, "allocate at most so much, like 512M or 2G")
-        ->type_name("SIZE")
-        ->check(checkMemorySize);
+    addLimitOptions(*command, options->limits);
     command->add_flag("--skip-done", options->skipDone,
                       "do nothing where OUT is sound and was made of IN in this way");
     command

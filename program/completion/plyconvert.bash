@@ -5,7 +5,7 @@ _plyconvert() {
     local command=convert options
     if ((COMP_CWORD > 1)); then
         case ${COMP_WORDS[1]} in
-        info | verify | view | picture | summary | catalogue | export | normalise) command=${COMP_WORDS[1]} ;;
+        info | verify | view | picture | plan | summary | catalogue | export | normalise) command=${COMP_WORDS[1]} ;;
         esac
     fi
     case $command in
@@ -16,6 +16,9 @@ _plyconvert() {
         options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     view) options='--epsg --port --no-open --write-html --force --help' ;;
     picture) options='--gsd --size --box --background --threads --force --quiet --help' ;;
+    plan)
+        options='--scan --json --slurm --threads --max-memory --strict'
+        options+=' --crop --min-opacity --max-scale --scale --opacity --axes --epsg --offset --source --data-type --help' ;;
     summary) options='--json --help' ;;
     catalogue) options='--base --datetime --force --quiet --help' ;;
     export) options='--cell --force --quiet --help' ;;
@@ -50,7 +53,7 @@ _plyconvert() {
     mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.[pPsS][lLpP][yYzZ]' -- "$word")
     if ((COMP_CWORD == 1)); then
         local words
-        mapfile -t words < <(compgen -W 'convert info verify view picture summary catalogue export normalise' -- "$word")
+        mapfile -t words < <(compgen -W 'convert info verify view picture plan summary catalogue export normalise' -- "$word")
         COMPREPLY+=("${words[@]}")
     fi
 }

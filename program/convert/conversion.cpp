@@ -15,6 +15,7 @@ namespace {
 
 // Memory of the program outside the passes: code, stacks, file buffers.
 constexpr std::uint64_t ownBytes = 16 << 20;
+constexpr std::uint64_t programBytes = 32 << 20; // the same with the windows of the verification
 
 [[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
                                   const Means& means) {
@@ -70,6 +71,15 @@ Means chooseMeans(unsigned threads, std::uint64_t maxMemory) {
     return means;
 }
 
+Means meansElsewhere(unsigned threads, std::uint64_t maxMemory) {
+    Means means;
+    means.threads = threads > 0 ? threads : usableProcessors();
+    means.freeMemory = UINT64_MAX;
+    means.isMemoryStated = maxMemory > 0;
+    means.memory = means.isMemoryStated ? maxMemory : UINT64_MAX;
+    return means;
+}
+
 SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
                                     const Means& means, const PassProgress& progress) {
     return asFailures(name, source.count, means, [&] {
@@ -79,11 +89,13 @@ SplatStream::Measured measureSource(const std::string& name, const SplatSource::
     });
 }
 
-std::uint64_t memoryOfPasses(const SplatSource::Source& source, const SplatStream::Measured& measured,
-                             const Means& means) {
-    const SplatStream::Settings settings = settingsOf(means, {});
-    return std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
-                    SplatStream::placeMemory(measured, settings));
+std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& source,
+                            const SplatStream::Measured& measured, const Means& means) {
+    return asFailures(name, measured.splats, means, [&] {
+        const SplatStream::Settings settings = settingsOf(means, {});
+        return programBytes + std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
+                                       SplatStream::placeMemory(measured, settings));
+    });
 }
 
 void writeDataset(const std::string& name, const SplatSource::Source& source,

@@ -26,15 +26,18 @@ using PassProgress = std::function<void(std::uint64_t splats)>;
 // free memory.
 Means chooseMeans(unsigned threads, std::uint64_t maxMemory);
 
+// The same for a run elsewhere, about whose memory nothing is known.
+Means meansElsewhere(unsigned threads, std::uint64_t maxMemory);
+
 // The first pass. Throws a Failure: Interrupted; InputRefused when the input cannot be read as the format
 // that it claims; DoesNotFit when the memory is too small; ConversionFailed when the input changed meanwhile.
 SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
                                     const Means& means, const PassProgress& progress);
 
-// Peak bytes allocated by the two passes: the larger of the two peaks. `means` must be those of
-// measureSource.
-std::uint64_t memoryOfPasses(const SplatSource::Source& source, const SplatStream::Measured& measured,
-                             const Means& means);
+// Peak resident bytes of the process during a whole conversion. `means` must be those of measureSource.
+// Throws a Failure (DoesNotFit) whose line begins with `name`.
+std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& source,
+                            const SplatStream::Measured& measured, const Means& means);
 
 // The second pass. Writes the whole dataset into an empty folder. Throws as measureSource does. When a file
 // cannot be written it throws a Failure: DoesNotFit on a full disk, otherwise ConversionFailed.

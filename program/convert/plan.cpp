@@ -17,25 +17,18 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-constexpr std::uint64_t dataRecordBytes = 32;
-constexpr std::uint64_t coefficientRecordBytes = 64;
-constexpr std::uint64_t indexEntryBytes = 20;
-constexpr std::uint64_t textBytes = 1 << 20;     // room for meta document, log and folder
-constexpr std::uint64_t programBytes = 32 << 20; // code, stacks, and the windows of the verification
+constexpr std::uint64_t textBytes = 1 << 20; // room for meta document, log and folder
 
-// Throws a Failure (DoesNotFit) when the records of `splats` splats do not fit the disk. Sets the sizes in
-// `plan`.
-void checkDisk(Plan& plan, std::uint64_t splats, bool hasCoefficients, const OutputPlace& output) {
-    plan.dataBytes = splats * dataRecordBytes;
-    plan.coefficientBytes = hasCoefficients ? splats * coefficientRecordBytes : 0;
-    plan.diskBytes = plan.dataBytes + plan.coefficientBytes + plan.indexBytes + textBytes;
-    if (plan.diskBytes > plan.freeDisk) {
+// The bytes that a dataset takes on the disk. Throws a Failure (DoesNotFit) when fewer are free.
+std::uint64_t requireDisk(const DatasetBytes& bytes, std::uint64_t free, const OutputPlace& output) {
+    const std::uint64_t needed = bytes.all() + textBytes;
+    if (needed > free) {
         throw Failure(
             ExitStatus::doesNotFit,
             fmt::format("{}: the dataset needs {} and {} are free at {}: make room, or choose another disk",
-                        output.name, bytesText(plan.diskBytes), bytesText(plan.freeDisk),
-                        textFromPath(output.foundation)));
+                        output.name, bytesText(needed), bytesText(free), textFromPath(output.foundation)));
     }
+    return needed;
 }
 
 std::uint64_t freeDisk(const OutputPlace& output, Warnings& warnings) {
@@ -65,19 +58,6 @@ void requireFiniteBox(const Plan& plan) {
     }
 }
 
-// The grid as readers compute it from the meta document.
-SplatReader::Grid gridOf(const Plan& plan) {
-    SplatReader::Meta meta;
-    meta.totalSplats = plan.measured.splats;
-    meta.boundingMin = plan.box.min;
-    meta.boundingMax = plan.box.max;
-    const SplatReader::CellLengths lengths =
-        SplatReader::expectedCellLengths(meta.totalSplats, plan.box.min, plan.box.max);
-    meta.cellLengthX = lengths.x;
-    meta.cellLengthY = lengths.y;
-    return SplatReader::gridOf(meta);
-}
-
 void addFacts(Plan& plan, const SplatSource::Scene& scene) {
     plan.ledger = scene.ledger();
     for (const auto& input : scene.inputs()) {
@@ -94,15 +74,28 @@ void addFacts(Plan& plan, const SplatSource::Scene& scene) {
 
 } // namespace
 
-Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
-              const Means& means, Warnings& warnings, const PassProgress& progress) {
+DatasetBytes datasetBytes(std::uint64_t splats, std::uint64_t cells, bool hasCoefficients) {
+    namespace Format = SplatReader::Format;
+    return {.data = splats * Format::recordSize,
+            .coefficients = hasCoefficients ? splats * Format::packedCoefficientSize : 0,
+            .index = cells * (Format::indexKeySize + Format::indexLevelSize)};
+}
+
+SplatReader::Grid gridOf(std::uint64_t splats, const Box& box) {
+    SplatReader::Meta meta;
+    meta.totalSplats = splats;
+    meta.boundingMin = box.min;
+    meta.boundingMax = box.max;
+    const SplatReader::CellLengths lengths = SplatReader::expectedCellLengths(splats, box.min, box.max);
+    meta.cellLengthX = lengths.x;
+    meta.cellLengthY = lengths.y;
+    return SplatReader::gridOf(meta);
+}
+
+Plan measurePlan(const std::string& input, const SplatSource::Scene& scene, const Means& means,
+                 const PassProgress& progress) {
     Plan plan;
     plan.input = input;
-    plan.freeDisk = freeDisk(output, warnings);
-    // A first check by the header's count, so that a dataset too large for the disk is refused before the
-    // whole input is read.
-    checkDisk(plan, scene.count, scene.hasCoefficients, output);
-
     plan.measured = measureSource(input, scene, means, progress);
     requireAccepted(scene);
     addFacts(plan, scene);
@@ -111,17 +104,14 @@ Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const O
     const SplatStream::Measured& measured = plan.measured;
     plan.box = {pointOf(measured.bboxMin), pointOf(measured.bboxMax)};
     requireFiniteBox(plan);
-    plan.grid = gridOf(plan);
+    plan.grid = gridOf(measured.splats, plan.box);
     for (const SplatStream::Cell& cell : measured.cells) {
         plan.largestCell = std::max(plan.largestCell, cell.splats);
     }
-    plan.memory = memoryOfPasses(scene, measured, means) + programBytes;
+    plan.memory = plannedMemory(input, scene, measured, means);
     plan.freeMemory = means.freeMemory;
-    plan.indexBytes = measured.cells.size() * indexEntryBytes;
-    checkDisk(plan, measured.splats - measured.leftOut, measured.hasCoefficients, output);
-    plan.metaBytesAtMost = metaBytesAtMost(plan);
-    plan.logBytesAtMost = logBytesAtMost(plan, output);
-
+    plan.bytes =
+        datasetBytes(measured.splats - measured.leftOut, measured.cells.size(), measured.hasCoefficients);
     plan.positionStep = positionSteps(plan.extent);
     const GaussionSplat::AttributeRange& scale = measured.bounding.scale;
     const Point smallest = pointOf(scale.min);
@@ -129,6 +119,20 @@ Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const O
     for (std::size_t axis = 0; axis < 3; ++axis) {
         plan.scaleStep[axis] = (largest[axis] - smallest[axis]) / SplatReader::Format::wordFactor;
     }
+    return plan;
+}
+
+Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
+              const Means& means, Warnings& warnings, const PassProgress& progress) {
+    const std::uint64_t free = freeDisk(output, warnings);
+    // A first check by the header's count, so that a dataset too large for the disk is refused before the
+    // whole input is read.
+    requireDisk(datasetBytes(scene.count, 0, scene.hasCoefficients), free, output);
+    Plan plan = measurePlan(input, scene, means, progress);
+    plan.freeDisk = free;
+    plan.diskBytes = requireDisk(plan.bytes, free, output);
+    plan.metaBytesAtMost = metaBytesAtMost(plan);
+    plan.logBytesAtMost = logBytesAtMost(plan, output);
     remarkPlan(plan, warnings);
     return plan;
 }

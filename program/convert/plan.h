@@ -16,6 +16,17 @@
 
 namespace Tavrin::SplatProgram {
 
+// The files of a dataset but for its texts, whose few thousand bytes depend on names and numbers.
+struct DatasetBytes {
+    std::uint64_t data = 0;
+    std::uint64_t coefficients = 0;
+    std::uint64_t index = 0;
+
+    std::uint64_t all() const { return data + coefficients + index; }
+};
+
+DatasetBytes datasetBytes(std::uint64_t splats, std::uint64_t cells, bool hasCoefficients);
+
 struct Plan {
     std::string input; // as given
     SplatStream::Measured measured;
@@ -32,9 +43,7 @@ struct Plan {
     bool isBoxMeasured = false; // by the program, because no header states one
     SplatReader::Grid grid;
     std::uint64_t largestCell = 0; // splats in the fullest
-    std::uint64_t dataBytes = 0;
-    std::uint64_t coefficientBytes = 0;
-    std::uint64_t indexBytes = 0;
+    DatasetBytes bytes;
     std::uint64_t metaBytesAtMost = 0;
     std::uint64_t logBytesAtMost = 0;
     std::uint64_t diskBytes = 0; // all files and room for the texts
@@ -48,10 +57,17 @@ struct Plan {
     bool hasCoefficients() const { return measured.hasCoefficients; }
 };
 
-// Measures the scene, works out the disk and memory that its conversion needs, and compares them with what
-// the machine has. Throws a Failure: InputRefused; DoesNotFit when disk or memory are too small;
-// ConversionFailed when the input changed meanwhile; Interrupted. `progress` gets the number of splats
-// measured so far.
+// The grid of a scene of so many splats in this box, as readers compute it from the meta document.
+SplatReader::Grid gridOf(std::uint64_t splats, const Box& box);
+
+// Measures the scene and works out what its dataset takes, without the fields that depend on the output's
+// place. Throws a Failure: InputRefused; DoesNotFit when the memory is too small; ConversionFailed when the
+// input changed meanwhile; Interrupted. `progress` gets the number of splats measured so far.
+Plan measurePlan(const std::string& input, const SplatSource::Scene& scene, const Means& means,
+                 const PassProgress& progress);
+
+// The same, and compares with what the output's disk has. Throws a Failure (DoesNotFit) also when that is too
+// small.
 Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const OutputPlace& output,
               const Means& means, Warnings& warnings, const PassProgress& progress);
 

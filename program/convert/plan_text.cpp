@@ -89,11 +89,11 @@ std::string planText(const Plan& plan, const OutputPlace& output) {
         text += row("far off", "splats lie far from the others; to leave them out: " + plan.cropAdvice);
     }
     text += row("left out", countText(plan.measured.leftOut, "splat", "splats"));
-    text += row("data.bin", countText(plan.dataBytes, "byte", "bytes"));
+    text += row("data.bin", countText(plan.bytes.data, "byte", "bytes"));
     if (plan.hasCoefficients()) {
-        text += row("shcoef.bin", countText(plan.coefficientBytes, "byte", "bytes"));
+        text += row("shcoef.bin", countText(plan.bytes.coefficients, "byte", "bytes"));
     }
-    text += row("index.bin", countText(plan.indexBytes, "byte", "bytes"));
+    text += row("index.bin", countText(plan.bytes.index, "byte", "bytes"));
     text += row("meta document", "at most " + countText(plan.metaBytesAtMost, "byte", "bytes"));
     text += row("log.txt", "at most " + countText(plan.logBytesAtMost, "byte", "bytes"));
     text += row("disk", fmt::format("{}, {} are free", bytesText(plan.diskBytes), bytesText(plan.freeDisk)));
@@ -117,7 +117,7 @@ std::string planJson(const Plan& plan, const OutputPlace& output, const std::vec
                    {"max", plan.box.max},
                    {"measured", plan.isBoxMeasured || !plan.measured.isBoxStated}};
     json["cells"] = plan.measured.cells.size();
-    json["indexBytes"] = plan.indexBytes;
+    json["indexBytes"] = plan.bytes.index;
     json["largestCell"] = plan.largestCell;
     json["kinds"] = plan.kinds;
     json["read"] = plan.ledger.read;
@@ -127,8 +127,8 @@ std::string planJson(const Plan& plan, const OutputPlace& output, const std::vec
         plan.cropAdvice.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(plan.cropAdvice);
     json["offset"] = plan.offsets;
     json["largestPositionError"] = plan.largestError;
-    json["dataBytes"] = plan.dataBytes;
-    json["shcoefBytes"] = plan.coefficientBytes;
+    json["dataBytes"] = plan.bytes.data;
+    json["shcoefBytes"] = plan.bytes.coefficients;
     json["metaBytesAtMost"] = plan.metaBytesAtMost;
     json["logBytesAtMost"] = plan.logBytesAtMost;
     json["diskBytes"] = plan.diskBytes;

@@ -48,6 +48,25 @@ void requireReadableFile(const std::string& name) {
     }
 }
 
+// Throws a Failure (InputRefused) when a stated minimum is above its maximum.
+void checkBounds(const SplatSource::Input& input) {
+    const std::optional<SplatSource::Box> bounds = input.stated.bounds();
+    for (std::size_t axis = 0; bounds && axis < axes.size(); ++axis) {
+        if (bounds->min[axis] > bounds->max[axis]) {
+            throw Failure(ExitStatus::inputRefused,
+                          fmt::format("{}: the comments state min{} {} above max{} {}: state all six "
+                                      "bounds, or none",
+                                      input.name, axes[axis], bounds->min[axis], axes[axis],
+                                      bounds->max[axis]));
+        }
+    }
+}
+
+[[noreturn]] void refuseEmpty(const std::string& names) {
+    throw Failure(ExitStatus::inputRefused,
+                  fmt::format("{}: the file declares no splats: there is nothing to convert", names));
+}
+
 // Adds remarks about the header's comments.
 void checkComments(SplatSource::Scene& scene) {
     for (const auto& kept : scene.inputs()) {
@@ -55,16 +74,7 @@ void checkComments(SplatSource::Scene& scene) {
         for (const SplatSource::HeaderRemark& remark : input.stated.remarks) {
             scene.remarks.push_back(fmt::format("{}:{}: {}", input.name, remark.line, remark.text));
         }
-        const std::optional<SplatSource::Box> bounds = input.stated.bounds();
-        for (std::size_t axis = 0; bounds && axis < axes.size(); ++axis) {
-            if (bounds->min[axis] > bounds->max[axis]) {
-                throw Failure(ExitStatus::inputRefused,
-                              fmt::format("{}: the comments state min{} {} above max{} {}: state all six "
-                                          "bounds, or none",
-                                          input.name, axes[axis], bounds->min[axis], axes[axis],
-                                          bounds->max[axis]));
-            }
-        }
+        checkBounds(input);
     }
     const GaussionSplat::Params& params = scene.params;
     const bool hasOffset = params.offsetx != 0.0 || params.offsety != 0.0 || params.offsetz != 0.0;
@@ -90,9 +100,7 @@ std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& na
         std::unique_ptr<SplatSource::Scene> scene = SplatSource::openScene(paths, options);
         checkComments(*scene);
         if (scene->count == 0) {
-            throw Failure(ExitStatus::inputRefused,
-                          fmt::format("{}: the file declares no splats: there is nothing to convert",
-                                      namesText(names)));
+            refuseEmpty(namesText(names));
         }
         return scene;
     } catch (const SplatSource::SourceError& error) {
@@ -102,6 +110,22 @@ std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& na
     } catch (const SplatSource::ScratchError& error) {
         throw Failure(tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::outputRefused,
                       error.what());
+    }
+}
+
+std::unique_ptr<SplatSource::Input> openHeader(const std::string& name) {
+    requireReadableFile(name);
+    try {
+        std::unique_ptr<SplatSource::Input> input = SplatSource::openHeader(pathFromText(name));
+        checkBounds(*input);
+        if (input->count == 0) {
+            refuseEmpty(name);
+        }
+        return input;
+    } catch (const SplatSource::SourceError& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
+    } catch (const SplatSource::SourceChanged& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
     }
 }
 

@@ -12,10 +12,13 @@ namespace Tavrin::SplatProgram {
 
 // Opens the files `names` (as the user named them) and merges them. Throws a Failure: InputRefused for a file
 // that is not readable or not splats; ConversionFailed when a file changes meanwhile; DoesNotFit when the
-// disk has no room to unpack one, and OutputRefused when unpacking fails otherwise. The scene's remarks hold
-// the warnings.
+// disk has no room to unpack one, and OutputRefused when unpacking fails otherwise; Interrupted, which later
+// reads throw, too (options.open.pause is replaced). The scene's remarks hold the warnings.
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
                                               const SplatSource::SceneOptions& options);
+
+// Opens one input by its header alone (see SplatSource::openHeader). Throws a Failure (InputRefused).
+std::unique_ptr<SplatSource::Input> openHeader(const std::string& name);
 
 // Call this when every record has been read. Throws a Failure (InputRefused) when scales or opacities turn
 // out to be of the other kind (linear or not), or when there are invalid splats and --strict is set.

@@ -145,7 +145,7 @@ TEST(Layering, ThePublicHeaderNeedsTheCLibraryAlone) {
 }
 
 // Headers without an extension belong to the language, the few others to a system or a compiler.
-TEST(Layering, TheLibraryTheStreamAndTheReaderUseTheStandardLibraryAlone) {
+TEST(Layering, TheLibraryTheStreamTheThreadsAndTheReaderUseTheStandardLibraryAlone) {
     const std::map<std::string, Names> others = {
         {"src/platform.cpp", {"windows.h", "xmmintrin.h", "sys/stat.h", "fcntl.h", "unistd.h"}},
         {"src/large_pages.cpp", {"malloc.h", "sys/mman.h", "unistd.h"}},

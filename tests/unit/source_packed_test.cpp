@@ -3,6 +3,7 @@
 // CMake variable PLYCONVERT_SAMPLES names the folder.
 
 #include "source/compressed_ply.h"
+#include "source/open.h"
 #include "source/ply_layout.h"
 #include "source/spz.h"
 #include "tests/support/expected_values.h"
@@ -89,6 +90,24 @@ TEST_F(Packed, SpzFilesHaveTheirValues) {
         const bool isQuarterTurned = name.find("rfu") != std::string::npos;
         support::expectValues(*openSpz(formats / "spz" / name, axes), formats / "spz" / (name + ".json"),
                               1e-5, !isQuarterTurned);
+    }
+}
+
+TEST_F(Packed, HeadersSayWhatTheFilesHold) {
+    for (const char* const folder : {"spz", "compressed_ply"}) {
+        const bool isSpz = std::string(folder) == "spz";
+        for (const std::string& name : filesOf(folder, "", isSpz ? ".spz" : ".ply")) {
+            const fs::path path = formats / folder / name;
+            const std::unique_ptr<Input> header = openHeader(path);
+            std::unique_ptr<Source> whole;
+            if (failureOf([&] { return isSpz ? openSpz(path) : openCompressed(path); }).empty()) {
+                whole = isSpz ? openSpz(path) : openCompressed(path);
+                EXPECT_EQ(header->count, whole->count) << name;
+                EXPECT_EQ(header->hasCoefficients, whole->hasCoefficients) << name;
+            }
+            EXPECT_GE(header->scratchBytes, isSpz ? 16 * header->count : 0u) << name;
+            EXPECT_LE(header->scratchBytes, isSpz ? 92 * header->count : 0u) << name;
+        }
     }
 }
 

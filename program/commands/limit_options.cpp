@@ -1,0 +1,44 @@
+#include "program/commands/limit_options.h"
+
+#include "program/terminal/figures.h"
+
+#include <fmt/format.h>
+
+#include <charconv>
+
+namespace Tavrin::SplatProgram {
+namespace {
+
+constexpr unsigned mostThreads = 1024;
+
+// What is wrong with the words of options; empty when nothing is.
+std::string checkThreads(const std::string& word) {
+    unsigned threads = 0;
+    const auto [stop, error] = std::from_chars(word.data(), word.data() + word.size(), threads);
+    const bool isNumber = error == std::errc() && stop == word.data() + word.size();
+    return isNumber && threads >= 1 && threads <= mostThreads
+               ? std::string()
+               : fmt::format("{} is no number of threads: write one from 1 to {}", word, mostThreads);
+}
+
+std::string checkMemorySize(const std::string& word) {
+    return bytesFrom(word) ? std::string()
+                           : fmt::format("{} is no size: write it like 5000000, 512M or 2G", word);
+}
+
+} // namespace
+
+std::uint64_t LimitOptions::memory() const {
+    return bytesFrom(maxMemory).value_or(0);
+}
+
+void addLimitOptions(CLI::App& command, LimitOptions& options) {
+    command.add_option("--threads", options.threads, "work on N threads, not on all processors")
+        ->type_name("N")
+        ->check(checkThreads);
+    command.add_option("--max-memory", options.maxMemory, "allocate at most so much, like 512M or 2G")
+        ->type_name("SIZE")
+        ->check(checkMemorySize);
+}
+
+} // namespace Tavrin::SplatProgram
