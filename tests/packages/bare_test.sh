@@ -126,8 +126,11 @@ fi
 
 echo "-- a host built against the development files"
 install_inside "$(deb libplyconvert-dev)" g++ cmake make pkg-config
-cp -r "$root/tests/consumer" "$bare/root/consumer"
-inside cmake -S /root/consumer/find_package -B /root/host -DCMAKE_BUILD_TYPE=None >"$folder/host.log" 2>&1 &&
+# As in the sources, since a host is made of the example in docs/.
+mkdir -p "$bare/root/tests" "$bare/root/docs"
+cp -r "$root/tests/consumer" "$bare/root/tests/consumer"
+cp "$root/docs/hosting.md" "$bare/root/docs"
+inside cmake -S /root/tests/consumer/find_package -B /root/host -DCMAKE_BUILD_TYPE=None >"$folder/host.log" 2>&1 &&
     inside cmake --build /root/host >>"$folder/host.log" 2>&1 &&
     inside ctest --test-dir /root/host --output-on-failure --no-tests=error >>"$folder/host.log" 2>&1 || {
     tail -n 30 "$folder/host.log" >&2
