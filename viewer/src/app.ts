@@ -17,7 +17,7 @@ import workerText from "worker:./worker.ts";
 
 const coloursWhileMoving = 262144; // splats whose colours follow the eye in one picture
 const planning = 120; // milliseconds between two looks at what is needed
-const gathering = 50; // milliseconds for which new splats wait for each other
+const gathering = 150; // milliseconds for which new splats wait for each other
 const telling = { moving: 60, still: 250 }; // milliseconds between two looks of the map and the bar
 const skies = { light: [0.62, 0.74, 0.88], dark: [0.07, 0.082, 0.1] } as const;
 

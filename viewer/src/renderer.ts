@@ -148,6 +148,7 @@ export class Renderer {
 
     endUpload(): void {
         this.uploads = this.gl.fenceSync(this.gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
+        this.gl.flush(); // once: a flush with every look costs the main thread more than the look
     }
     private uploads: WebGLSync | null = null;
 
@@ -161,7 +162,7 @@ export class Renderer {
     private isOver(fence: WebGLSync | null): boolean {
         const { gl } = this;
         if (fence === null) return true;
-        if (gl.clientWaitSync(fence, gl.SYNC_FLUSH_COMMANDS_BIT, 0) === gl.TIMEOUT_EXPIRED) return false;
+        if (gl.clientWaitSync(fence, 0, 0) === gl.TIMEOUT_EXPIRED) return false;
         gl.deleteSync(fence);
         return true;
     }
@@ -217,6 +218,7 @@ export class Renderer {
         gl.drawArraysInstanced(gl.TRIANGLE_STRIP, 0, 4, this.drawn);
         gl.deleteSync(this.picture);
         this.picture = gl.fenceSync(gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
+        gl.flush();
         this.waited = 0;
         this.drawnAt = performance.now();
         return done;

@@ -12,9 +12,9 @@ import { type Run, SlotPool, mostDatasets } from "./slots.ts";
 
 const together = 4; // pieces under way at a time, from their request until they are in the graphics memory
 const uploading = 65536; // splats that go to the graphics memory in one turn
-const pausing = 8; // milliseconds between two looks whether the card has taken them
+const pausing = { first: 4, most: 64 }; // milliseconds until the page looks whether the card has taken them; doubled from look to look
 const slow = 100; // milliseconds of a picture beyond which nothing fades: it would be seen twice or thrice
-const gathering = 150; // milliseconds between two orders that only new pieces ask for
+const gathering = 250; // milliseconds between two orders that only new pieces ask for
 
 export interface Figures {
     loaded: number; // splats here
@@ -209,9 +209,11 @@ export class Scene {
             this.pause ||= window.setTimeout(() => {
                 this.pause = 0;
                 this.upload();
-            }, pausing);
+            }, this.patience);
+            this.patience = Math.min(pausing.most, 2 * this.patience);
             return;
         }
+        this.patience = pausing.first;
         const begin = performance.now();
         for (let left = uploading; left > 0 && this.arrived.length > 0; ) {
             const { piece, split } = this.arrived.shift()!;
@@ -234,6 +236,7 @@ export class Scene {
         this.upload();
     }
     private pause = 0;
+    private patience: number = pausing.first;
 
     // The first picture waits for nothing.
     private fadesIn(): boolean {
