@@ -163,7 +163,7 @@ public:
     }
     // The scene in another form.
     fs::path layout(const std::string& kind) const {
-        const fs::path path = folder_ / kind;
+        fs::path path = folder_ / kind;
         measure::run({sibling("foreign"), kind, scene().string(), path.string()});
         sync();
         return path;

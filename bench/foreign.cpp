@@ -81,6 +81,7 @@ void writeAll(const std::string& path, const std::string& head, const std::vecto
 
 std::vector<std::string> typed(const std::vector<std::string>& names) {
     std::vector<std::string> properties;
+    properties.reserve(names.size());
     for (const std::string& name : names) {
         properties.push_back("float " + name);
     }

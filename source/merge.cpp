@@ -365,6 +365,7 @@ void Scene::requireAccepted() const {
 std::unique_ptr<Scene> openScene(const std::vector<std::filesystem::path>& paths,
                                  const SceneOptions& options) {
     std::vector<std::unique_ptr<Input>> inputs;
+    inputs.reserve(paths.size());
     for (const std::filesystem::path& path : paths) {
         inputs.push_back(openSource(path, options.open));
     }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <type_traits>
 
 namespace Tavrin::SplatSource {
 namespace {
@@ -81,7 +82,7 @@ bool countOfType(std::string_view word, std::uint64_t& count) {
     if (!parseInteger(word, value) || value < 0) {
         return false;
     }
-    count = static_cast<std::uint64_t>(value);
+    count = static_cast<std::make_unsigned_t<Integer>>(value);
     return true;
 }
 

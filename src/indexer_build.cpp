@@ -14,8 +14,8 @@ namespace Tavrin::GaussionSplat {
 
 void CellTable::makeCells(LODData& level) {
     const std::vector<CellCount>& counts = counter.counts();
-    while (cells.size() < counts.size()) {
-        const CellCount& count = counts[cells.size()];
+    while (cells_.size() < counts.size()) {
+        const CellCount& count = counts[cells_.size()];
         std::shared_ptr<SplatCell>& cell = (*level.cells)[count.key];
         if (!cell) {
             cell = std::make_shared<SplatCell>();
@@ -24,7 +24,7 @@ void CellTable::makeCells(LODData& level) {
         cell->reserve(before + count.splats); // resize alone may take more
         cell->resize(before + count.splats);
         SplatsData* const first = cell->data() + before;
-        cells.push_back({.next = first, .backedEnd = first, .end = first + count.splats});
+        cells_.push_back({.next = first, .backedEnd = first, .end = first + count.splats});
     }
 }
 
@@ -36,7 +36,7 @@ void CellTable::reserve(LODData& level, std::uint64_t spareMemory) {
         memory.freeRooms();
         makeCells(level);
     }
-    memory.prepare(cells, spareMemory);
+    memory.prepare(cells_, spareMemory);
 }
 
 namespace {

@@ -22,7 +22,7 @@ public:
 
     // The place of the next splat of the cell with this key. Call at most as often as splats were counted.
     SplatsData* place(std::uint32_t key) {
-        CellRecords& cell = cells[counter.numberOf(key)];
+        CellRecords& cell = cells_[counter.numberOf(key)];
         SplatsData* const record = cell.next++;
         if (record >= cell.backedEnd) {
             memory.back(record, cell);
@@ -34,7 +34,7 @@ private:
     // Appends to the cells that exist already.
     void makeCells(LODData& level);
 
-    std::vector<CellRecords> cells; // by number
+    std::vector<CellRecords> cells_; // by number
 };
 
 } // namespace Tavrin::GaussionSplat

@@ -147,7 +147,7 @@ struct DataWriter {
     void indexCell(std::uint32_t key, std::byte* entry) {
         store(entry, key);
         for (std::int32_t level = 0; level < indexer.totalLevel; ++level) {
-            std::byte* const place = entry + 4 + 16 * level;
+            std::byte* const place = entry + 4 + std::ptrdiff_t{16} * level;
             const SplatCell* const cell = findCell(level, key);
             const std::uint64_t count = cell != nullptr ? cell->size() : 0;
             store(place, static_cast<std::uint32_t>(count));

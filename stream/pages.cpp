@@ -45,7 +45,7 @@ PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, st
 
 std::uint64_t PagePool::pageBytes(std::uint64_t pageRecords, bool hasCoefficients) {
     return pageRecords * (dataRecordSize + (hasCoefficients ? packedCoefficientsSize : 0)) + sizeof(Page) +
-           sizeof(Page*);
+           sizeof(void*); // its place in free_
 }
 
 PagePool::PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most)
