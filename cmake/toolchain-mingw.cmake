@@ -19,9 +19,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_C_FLAGS_INIT -Wa,-muse-unaligned-vector-move)
 set(CMAKE_CXX_FLAGS_INIT -Wa,-muse-unaligned-vector-move)
 
-# The C++ library, libgcc and winpthread are linked statically, so that only DLLs of the system are needed.
-set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
-set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
+# The C++ library, libgcc and winpthread are linked statically, so that only DLLs of the system are needed. The time of the link
+# is left out, so that the same sources give the same bytes.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--no-insert-timestamp")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -Wl,--no-insert-timestamp")
 
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../scripts/wine.sh ${CMAKE_BINARY_DIR}/wine)
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# No script has what shellcheck warns of, but for what .shellcheckrc leaves out.
+# Checks every script with shellcheck; .shellcheckrc holds the exceptions.
 set -eu
 
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
