@@ -27,8 +27,16 @@ LICENCES = {
     "libcli11-dev": "BSD-3-Clause",
     "nlohmann-json3-dev": "MIT",
     "libboost-dev": "BSL-1.0",
+    "libfmt-dev": "MIT",
+    "libz-mingw-w64-dev": "Zlib",
+    "g++-mingw-w64-x86-64-posix": "GPL-3.0-or-later WITH GCC-exception-3.1",
+    "gcc-mingw-w64-x86-64-posix": "GPL-3.0-or-later WITH GCC-exception-3.1",
+    "mingw-w64-x86-64-dev": "ZPL-2.1 AND MIT AND BSD-3-Clause",
 }
 HEADERS = ["libcli11-dev", "nlohmann-json3-dev", "libboost-dev"]
+# What the zip for Windows contains of others: headers, fmt as a header, and statically linked zlib and runtimes.
+WINDOWS = HEADERS + ["libfmt-dev", "libz-mingw-w64-dev", "g++-mingw-w64-x86-64-posix", "gcc-mingw-w64-x86-64-posix",
+                     "mingw-w64-x86-64-dev"]
 
 
 def spdx_id(name):
@@ -57,7 +65,7 @@ def main():
     sums = hashlib.sha256("".join(digest(path, "sha256") for path in artifacts).encode()).hexdigest()
 
     own = {path.name.split("_")[0] for path in artifacts if path.suffix == ".deb"}
-    packages, relationships, needed = [], [], set(HEADERS)
+    packages, relationships, needed = [], [], set()
     for path in artifacts:
         packages.append({
             "name": path.name, "SPDXID": spdx_id(path.name), "versionInfo": version, "packageFileName": path.name,
@@ -66,6 +74,14 @@ def main():
             "checksums": [{"algorithm": "SHA256", "checksumValue": digest(path, "sha256")}]})
         relationships.append({"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES",
                               "relatedSpdxElement": spdx_id(path.name)})
+        contained = []
+        if path.name.startswith(("plyconvert_", "plyconvert-geo_")):
+            contained = HEADERS
+        elif path.suffix == ".zip":
+            contained = WINDOWS
+        needed.update(contained)
+        relationships += [{"spdxElementId": spdx_id(path.name), "relationshipType": "CONTAINS",
+                           "relatedSpdxElement": spdx_id(name)} for name in contained]
         if path.suffix != ".deb":
             continue
         for name in dependencies(path):
@@ -76,9 +92,6 @@ def main():
                 target = name
             relationships.append({"spdxElementId": spdx_id(path.name), "relationshipType": "DEPENDS_ON",
                                   "relatedSpdxElement": spdx_id(target)})
-        if path.name.startswith(("plyconvert_", "plyconvert-geo_")):
-            relationships += [{"spdxElementId": spdx_id(path.name), "relationshipType": "CONTAINS",
-                               "relatedSpdxElement": spdx_id(name)} for name in HEADERS]
     for name in sorted(needed):
         licence = LICENCES.get(name)
         if licence is None:
