@@ -183,12 +183,21 @@ export class Renderer {
     // False while the graphics card still works on the picture before: another one would only queue up behind it.
     ready(): boolean {
         if (this.picture === null) return true;
-        const over = this.isOver(this.picture);
-        if (over) this.picture = null;
-        else this.waited = performance.now() - this.drawnAt;
-        return over;
+        if (!this.isOver(this.picture)) {
+            this.waiting = performance.now() - this.drawnAt;
+            return false;
+        }
+        this.picture = null;
+        this.waited = this.waiting;
+        this.waiting = 0;
+        return true;
     }
-    waited = 0; // milliseconds for which the picture before has been waited for
+    // Milliseconds for which the page has waited for a picture: for the last one that is done, or for the current one so far.
+    get wait(): number {
+        return Math.max(this.waited, this.waiting);
+    }
+    private waited = 0;
+    private waiting = 0;
     private drawnAt = 0;
     private picture: WebGLSync | null = null;
 
@@ -219,7 +228,7 @@ export class Renderer {
         gl.deleteSync(this.picture);
         this.picture = gl.fenceSync(gl.SYNC_GPU_COMMANDS_COMPLETE, 0);
         gl.flush();
-        this.waited = 0;
+        this.waiting = 0;
         this.drawnAt = performance.now();
         return done;
     }

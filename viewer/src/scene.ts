@@ -13,7 +13,7 @@ import { type Run, SlotPool, mostDatasets } from "./slots.ts";
 const together = 4; // pieces under way at a time, from their request until they are in the graphics memory
 const uploading = 65536; // splats that go to the graphics memory in one turn
 const pausing = { first: 4, most: 64 }; // milliseconds until the page looks whether the card has taken them; doubled from look to look
-const slow = 100; // milliseconds of a picture beyond which nothing fades: it would be seen twice or thrice
+const slow = 100; // milliseconds that a picture takes beyond which nothing fades in: a fade would be three pictures
 const gathering = 250; // milliseconds between two orders that only new pieces ask for
 
 export interface Figures {
@@ -240,7 +240,7 @@ export class Scene {
 
     // The first picture waits for nothing.
     private fadesIn(): boolean {
-        return this.figures.drawn > 0 && this.renderer.waited <= slow && !this.lessMotion.matches;
+        return this.figures.drawn > 0 && this.renderer.wait <= slow && !this.lessMotion.matches;
     }
 
     // Fetching goes on after a failure.
