@@ -1,6 +1,8 @@
 // endtoend: measures whole conversions of generated scenes, by the library and by the stream, beside the
 // floor of the same run. Prints Markdown tables, or JSON with every single run.
+#include "bench/layouts.h"
 #include "bench/measure.h"
+#include "bench/table.h"
 #include "plyconvert.h"
 #include "src/records.h"
 
@@ -24,6 +26,11 @@
 namespace {
 
 namespace fs = std::filesystem;
+using bench::medianOf;
+using bench::printTable;
+using bench::sibling;
+using bench::spread;
+using bench::wallOf;
 using measure::Run;
 
 struct Options {
@@ -83,31 +90,6 @@ struct Cells {
     std::vector<Run> streams;
 };
 
-// One scene in another form, converted by the program; "unpacking" is the SPZ file through gzip alone.
-struct Layout {
-    std::string kind;
-    std::uint64_t inputBytes = 0;
-    std::vector<Run> runs;
-};
-
-double medianOf(const std::vector<Run>& runs, const std::function<double(const Run&)>& value) {
-    std::vector<double> values;
-    values.reserve(runs.size());
-    for (const Run& run : runs) {
-        values.push_back(value(run));
-    }
-    return measure::median(values);
-}
-
-double wallOf(const Run& run) {
-    return run.wall;
-}
-
-// The programs that were built beside this one.
-std::string sibling(const std::string& name) {
-    return (fs::read_symlink("/proc/self/exe").parent_path() / name).string();
-}
-
 std::uint64_t bytesIn(const fs::path& folder) {
     std::uint64_t sum = 0;
     for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
@@ -129,6 +111,7 @@ public:
     Workplace(const Workplace&) = delete;
     Workplace& operator=(const Workplace&) = delete;
 
+    const fs::path& folder() const { return folder_; }
     fs::path scene() const { return folder_ / "scene.ply"; }
     fs::path dataset() const { return folder_ / "dataset"; }
     fs::path copy() const { return folder_ / "copy"; }
@@ -156,17 +139,9 @@ public:
             {sibling("streamonce"), scene().string(), dataset().string(), std::to_string(processors)}, {},
             processors);
     }
-    Run program() const { return program(scene()); }
-    Run program(const fs::path& input) const {
+    Run program() const {
         fs::remove_all(dataset());
-        return measure::run({PLYCONVERT_PROGRAM, "--quiet", input.string(), dataset().string()});
-    }
-    // The scene in another form.
-    fs::path layout(const std::string& kind) const {
-        fs::path path = folder_ / kind;
-        measure::run({sibling("foreign"), kind, scene().string(), path.string()});
-        sync();
-        return path;
+        return measure::run({PLYCONVERT_PROGRAM, "--quiet", scene().string(), dataset().string()});
     }
     Run floor(std::uint64_t outputBytes, bool flushes = false) const {
         fs::remove(copy());
@@ -275,58 +250,6 @@ std::vector<Cells> measureCells(const Workplace& place, const Options& options) 
     return result;
 }
 
-// The rounds are interleaved, so that a slow minute of the machine affects all forms.
-std::vector<Layout> measureLayouts(const Workplace& place, const Options& options) {
-    place.makeScene(options.layouts, true);
-    std::vector<Layout> result{{"canonical", fs::file_size(place.scene()), {}}};
-    std::vector<fs::path> paths{place.scene()};
-    for (const char* const kind :
-         {"shuffled", "degree1", "doubles", "big-endian", "compressed", "ascii", "spz"}) {
-        paths.push_back(place.layout(kind));
-        result.push_back({kind, fs::file_size(paths.back()), {}});
-    }
-    Layout unpacking{"unpacking", result.back().inputBytes, {}};
-    for (int k = 0; k < options.runs; ++k) {
-        for (std::size_t i = 0; i < paths.size(); ++i) {
-            result[i].runs.push_back(place.program(paths[i]));
-        }
-        unpacking.runs.push_back(measure::run({"/bin/gzip", "-dcf", paths.back().string()}));
-    }
-    result.push_back(unpacking);
-    return result;
-}
-
-// Prints a Markdown table whose columns are padded to the same width.
-void printTable(const std::vector<std::vector<std::string>>& rows) {
-    std::vector<std::size_t> widths(rows.front().size(), 0);
-    for (const std::vector<std::string>& row : rows) {
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            widths[column] = std::max(widths[column], row[column].size());
-        }
-    }
-    for (std::size_t k = 0; k < rows.size(); ++k) {
-        std::string line = "|";
-        std::string rule = "|";
-        for (std::size_t column = 0; column < widths.size(); ++column) {
-            const std::string& text = rows[k][column];
-            line += column == 0 ? fmt::format(" {:<{}} |", text, widths[column])
-                                : fmt::format(" {:>{}} |", text, widths[column]);
-            rule += fmt::format("{:-<{}}{}|", "", widths[column] + 1, column == 0 ? "-" : ":");
-        }
-        std::cout << line << "\n";
-        if (k == 0) {
-            std::cout << rule << "\n";
-        }
-    }
-    std::cout << "\n";
-}
-
-std::string spread(const std::vector<Run>& runs) {
-    const auto [low, high] = std::minmax_element(runs.begin(), runs.end(),
-                                                 [](const Run& a, const Run& b) { return a.wall < b.wall; });
-    return fmt::format("{:.3f}-{:.3f}", low->wall, high->wall);
-}
-
 std::vector<std::string> wholeRow(const Case& item, const char* by, const std::vector<Run>& runs,
                                   const std::vector<Run>& floors, double allowedPeak) {
     const double wall = medianOf(runs, wallOf);
@@ -397,21 +320,6 @@ void printCells(const std::vector<Cells>& cells) {
         rows.push_back({fmt::format("{} in {}", item.splats, item.cells),
                         fmt::format("{:.3f}", medianOf(item.streams, wallOf)), spread(item.streams),
                         fmt::format("{:.0f}", peak / 1e6)});
-    }
-    printTable(rows);
-}
-
-void printLayouts(const std::vector<Layout>& layouts) {
-    std::vector<std::vector<std::string>> rows{{"program: form of the scene", "wall s", "spread s",
-                                                "x canonical", "CPU s", "MB/s in", "MB/s a processor"}};
-    const double canonical = medianOf(layouts.front().runs, wallOf);
-    for (const Layout& item : layouts) {
-        const double wall = medianOf(item.runs, wallOf);
-        const double cpu = medianOf(item.runs, [](const Run& run) { return run.cpu; });
-        const double megabytes = static_cast<double>(item.inputBytes) / 1e6;
-        rows.push_back({item.kind, fmt::format("{:.3f}", wall), spread(item.runs),
-                        fmt::format("{:.2f}", wall / canonical), fmt::format("{:.3f}", cpu),
-                        fmt::format("{:.0f}", megabytes / wall), fmt::format("{:.0f}", megabytes / cpu)});
     }
     printTable(rows);
 }
@@ -540,7 +448,8 @@ void measureAll(const Options& options) {
         printScaling(item);
     }
     if (options.layouts > 0) {
-        printLayouts(measureLayouts(place, options));
+        place.makeScene(options.layouts, true);
+        bench::printLayouts(bench::measureLayouts(place.scene(), place.folder(), options.runs));
     }
     if (!cells.empty()) {
         printCells(cells);

@@ -2,11 +2,11 @@
 // measured.
 //
 // KIND is shuffled (columns in alphabetical order), degree1, doubles (positions in double, far from the
-// origin), big-endian, ascii, compressed (chunk, vertex, sh) or spz (version 3).
-#include "source/ply_layout.h"
-#include "src/records.h"
+// origin), big-endian, ascii, compressed (chunk, vertex, sh), spz or spz-degree0 (version 3), or
+// spz4 or spz4-degree0 (version 4).
+#include "bench/foreign.h"
 
-#include <zlib.h>
+#include "source/ply_layout.h"
 
 #include <algorithm>
 #include <array>
@@ -19,41 +19,25 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {
 
-namespace GaussionSplat = Tavrin::GaussionSplat;
-
-constexpr std::size_t floats = GaussionSplat::layoutWithCoefficients.floats;
-constexpr std::size_t colourAt = GaussionSplat::colourAt;
-constexpr std::size_t restAt = GaussionSplat::coefficientsAt;
-constexpr std::size_t opacityAt = GaussionSplat::layoutWithCoefficients.opacity;
-constexpr std::size_t scaleAt = GaussionSplat::layoutWithCoefficients.scale;
-constexpr std::size_t rotationAt = GaussionSplat::layoutWithCoefficients.rotation;
-constexpr std::size_t restCount = GaussionSplat::coefficientFloats;
-using Record = std::array<float, floats>;
+using namespace foreign;
 using Put = std::function<void(const Record&, std::string&)>;
 
 std::vector<Record> readRecords(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    constexpr std::string_view element = "element vertex ";
     std::string line;
     std::uint64_t count = 0;
     while (std::getline(file, line) && line != "end_header") {
-        if (line.starts_with(element)) {
-            count = std::stoull(line.substr(element.size()));
+        if (line.starts_with("element vertex ")) {
+            count = std::stoull(line.substr(15));
         }
     }
     std::vector<Record> records(count);
     file.read(reinterpret_cast<char*>(records.data()), static_cast<std::streamsize>(count * sizeof(Record)));
     return records;
-}
-
-template <typename Number>
-void append(std::string& bytes, Number value) {
-    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
 std::string header(const char* format, std::size_t count, const std::vector<std::string>& properties) {
@@ -161,81 +145,6 @@ void writeAscii(const std::string& path, const std::vector<Record>& records) {
              });
 }
 
-std::uint8_t byteOf(double value) {
-    return static_cast<std::uint8_t>(std::clamp(std::round(value), 0.0, 255.0));
-}
-
-double alphaOf(const Record& record) {
-    return 1.0 / (1.0 + std::exp(-double{record[opacityAt]}));
-}
-
-// The component of largest magnitude, and the sign and norm that make it positive and the whole one.
-struct Rotation {
-    std::size_t largest;
-    std::array<double, 4> parts; // w x y z
-};
-
-Rotation rotationOf(const Record& record) {
-    Rotation rotation{};
-    double square = 0.0;
-    for (std::size_t i = 0; i < 4; ++i) {
-        rotation.parts[i] = record[rotationAt + i];
-        square += rotation.parts[i] * rotation.parts[i];
-        if (std::abs(rotation.parts[i]) > std::abs(rotation.parts[rotation.largest])) {
-            rotation.largest = i;
-        }
-    }
-    const double factor = std::copysign(1.0 / std::sqrt(square), rotation.parts[rotation.largest]);
-    for (double& part : rotation.parts) {
-        part *= factor;
-    }
-    return rotation;
-}
-
-// Positions within 2,048 units of the origin.
-void writeSpz(const std::string& path, const std::vector<Record>& records) {
-    std::string arrays[6];
-    for (const Record& record : records) {
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            const auto fixed = static_cast<std::int32_t>(std::lround(record[axis] * 4096.0f));
-            arrays[0].append(reinterpret_cast<const char*>(&fixed), 3);
-            arrays[2] += static_cast<char>(byteOf((0.15 * double{record[colourAt + axis]} + 0.5) * 255));
-            arrays[3] += static_cast<char>(byteOf((double{record[scaleAt + axis]} + 10) * 16));
-        }
-        arrays[1] += static_cast<char>(byteOf(alphaOf(record) * 255));
-        const Rotation rotation = rotationOf(record);
-        const std::size_t largest = (rotation.largest + 3) % 4; // in the order x y z w
-        auto word = static_cast<std::uint32_t>(largest);
-        for (std::size_t i = 0; i < 4; ++i) {
-            if (i != largest) {
-                const double part = rotation.parts[(i + 1) % 4];
-                const auto size = static_cast<std::uint32_t>(
-                    std::min(511.0, std::round(std::abs(part) * std::sqrt(2.0) * 511)));
-                word = word << 10 | (part < 0 ? 512u : 0u) | size;
-            }
-        }
-        append(arrays[4], word);
-        for (std::size_t k = 0; k < 15; ++k) {
-            for (std::size_t channel = 0; channel < 3; ++channel) {
-                const double step = k < 3 ? 8.0 : 16.0;
-                const double value = double{record[restAt + 15 * channel + k]} * 128 + 128;
-                arrays[5] += static_cast<char>(byteOf(std::round(value / step) * step));
-            }
-        }
-    }
-    gzFile file = gzopen(path.c_str(), "wb6");
-    std::string head;
-    append(head, std::uint32_t{0x5053474E});
-    append(head, std::uint32_t{3});
-    append(head, static_cast<std::uint32_t>(records.size()));
-    head.append({char{3}, char{12}, char{0}, char{0}});
-    gzwrite(file, head.data(), static_cast<unsigned>(head.size()));
-    for (const std::string& array : arrays) {
-        gzwrite(file, array.data(), static_cast<unsigned>(array.size()));
-    }
-    gzclose(file);
-}
-
 std::uint32_t packed(const std::array<double, 3>& shares) {
     const auto part = [&](std::size_t axis, double most) {
         return static_cast<std::uint32_t>(std::clamp(std::round(shares[axis] * most), 0.0, most));
@@ -245,7 +154,7 @@ std::uint32_t packed(const std::array<double, 3>& shares) {
 
 void writeCompressed(const std::string& path, const std::vector<Record>& records) {
     constexpr std::size_t chunkSplats = 256;
-    constexpr std::array<std::size_t, 3> firsts = {GaussionSplat::positionAt, scaleAt, colourAt};
+    constexpr std::array<std::size_t, 3> firsts = {0, scaleAt, 6};
     const std::size_t chunks = (records.size() + chunkSplats - 1) / chunkSplats;
     std::string text = "ply\nformat binary_little_endian 1.0\nelement chunk " + std::to_string(chunks) + "\n";
     for (const char* const name : {"min_x", "min_y", "min_z", "max_x", "max_y", "max_z", "min_scale_x",
@@ -318,14 +227,17 @@ void writeCompressed(const std::string& path, const std::vector<Record>& records
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::map<std::string, void (*)(const std::string&, const std::vector<Record>&)> kinds = {
+    const std::map<std::string, std::function<void(const std::string&, const std::vector<Record>&)>> kinds = {
         {"shuffled", writeShuffled},
         {"degree1", writeDegree1},
         {"doubles", writeDoubles},
         {"big-endian", writeBigEndian},
         {"ascii", writeAscii},
         {"compressed", writeCompressed},
-        {"spz", writeSpz}};
+        {"spz", [](const auto& path, const auto& records) { writeSpz(path, records, 3, 3); }},
+        {"spz-degree0", [](const auto& path, const auto& records) { writeSpz(path, records, 3, 0); }},
+        {"spz4", [](const auto& path, const auto& records) { writeSpz(path, records, 4, 3); }},
+        {"spz4-degree0", [](const auto& path, const auto& records) { writeSpz(path, records, 4, 0); }}};
     if (argc != 4 || !kinds.contains(argv[1])) {
         std::fputs("usage: foreign KIND INPUT OUTPUT\n", stderr);
         return 1;

@@ -34,6 +34,38 @@ bool areFinite(const float* values, std::size_t count) {
     return std::all_of(values, values + count, [](float value) { return std::isfinite(value); });
 }
 
+// Not 0 in the sign bit when one of the values is not finite: an exponent of all ones carries into it.
+template <std::size_t count>
+std::uint32_t carriesOf(const float* values) {
+    std::uint32_t carries = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        carries |= (bitsOf(values + i) & 0x7F800000u) + 0x00800000u;
+    }
+    return carries;
+}
+
+// True when no record can be invalid: every value is finite, opacities are at least numbers, and no rotation
+// is zero.
+template <const GaussionSplat::RecordLayout& layout>
+bool areSoundRecords(std::uint64_t size, const float* records) {
+    std::uint32_t carries = 0;
+    bool hasZero = false;
+    for (std::uint64_t i = 0; i < size; ++i) {
+        const float* const record = records + i * layout.floats;
+        carries |= carriesOf<layout.opacity>(record);
+        // Full opacity is infinite as a logit. Only what lies above infinity carries here.
+        carries |= (bitsOf(record + layout.opacity) & 0x7FFFFFFFu) + 0x007FFFFFu;
+        carries |= carriesOf<layout.floats - layout.scale>(record + layout.scale);
+        const float* const rotation = record + layout.rotation;
+        const std::uint32_t bits =
+            bitsOf(rotation) | bitsOf(rotation + 1) | bitsOf(rotation + 2) | bitsOf(rotation + 3);
+        hasZero = hasZero | ((bits & 0x7FFFFFFFu) == 0);
+    }
+    return (carries >> 31) == 0 && !hasZero;
+}
+static_assert(GaussionSplat::layoutWithCoefficients.scale ==
+              GaussionSplat::layoutWithCoefficients.opacity + 1);
+
 } // namespace
 
 const char* nameOf(DropReason reason) {
@@ -144,22 +176,9 @@ void KeptSplats::lookAtUnits(std::uint64_t size, const float* records) const {
     }
 }
 
-// True when no record can be invalid: every value is finite and no rotation is zero. An exponent of all ones
-// carries into the sign bit.
 bool KeptSplats::areSound(std::uint64_t size, const float* records) const {
-    constexpr std::uint32_t exponent = 0x7F800000u;
-    std::uint32_t carries = 0;
-    for (std::uint64_t i = 0; i < size * layout_.floats; ++i) {
-        carries |= (bitsOf(records + i) & exponent) + 0x00800000u;
-    }
-    bool hasZero = false;
-    for (std::uint64_t i = 0; i < size; ++i) {
-        const float* const rotation = records + i * layout_.floats + layout_.rotation;
-        const std::uint32_t bits =
-            bitsOf(rotation) | bitsOf(rotation + 1) | bitsOf(rotation + 2) | bitsOf(rotation + 3);
-        hasZero = hasZero | ((bits & 0x7FFFFFFFu) == 0);
-    }
-    return (carries >> 31) == 0 && !hasZero;
+    return input_->hasCoefficients ? areSoundRecords<GaussionSplat::layoutWithCoefficients>(size, records)
+                                   : areSoundRecords<GaussionSplat::layoutWithoutCoefficients>(size, records);
 }
 
 std::optional<KeptSplats::Finding> KeptSplats::judge(const float* record, const double* position) const {

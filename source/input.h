@@ -33,6 +33,10 @@ struct Input : Source {
     // x y z of each record alone, in double, as the file states them.
     virtual void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const;
 
+    // What a user should know beside `remarks` and only reading tells. Reads what nobody has read so far.
+    // Throws as readWide does.
+    virtual std::vector<std::string> laterRemarks() const { return {}; }
+
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override {
         readWide(first, size, records, nullptr);
         return size;

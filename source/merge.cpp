@@ -339,6 +339,16 @@ void Scene::requireUnchanged() const {
     }
 }
 
+std::vector<std::string> Scene::laterRemarks() const {
+    std::vector<std::string> all;
+    for (const auto& kept : inputs_) {
+        for (const std::string& remark : kept->input().laterRemarks()) {
+            all.push_back(fmt::format("{}: {}", kept->input().name, remark));
+        }
+    }
+    return all;
+}
+
 Ledger Scene::ledger() const {
     Ledger sum;
     for (const auto& input : inputs_) {

@@ -72,6 +72,9 @@ public:
     bool isOffsetCut = false;         // the stated one had to be cut to whole numbers
     std::vector<std::string> remarks; // of all inputs, each with the file's name
 
+    // What reading alone tells, in the same way. Call when every record has been read. Throws as read does.
+    std::vector<std::string> laterRemarks() const;
+
 private:
     void settleParams(const SceneOptions& options);
     void settleOffset(const SceneOptions& options);

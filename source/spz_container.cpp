@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 
 namespace Tavrin::SplatSource {
 namespace {
@@ -14,7 +15,6 @@ constexpr std::uint32_t magic = 0x5053474e; // "NGSP"
 constexpr std::uint64_t gzipHeaderBytes = 16;
 constexpr std::uint64_t plainHeaderBytes = 32;
 constexpr std::uint64_t tableEntryBytes = 16;
-constexpr std::uint64_t bufferBytes = std::uint64_t{256} << 10;
 constexpr std::uint64_t mostExtensionBytes = std::uint64_t{1} << 20;
 constexpr std::uint64_t deflateRatio = 1032; // the most that deflate can pack
 constexpr std::uint64_t zstdRatio = 32768;   // the same of zstd
@@ -126,35 +126,48 @@ void readExtensions(const RecordFile& file, const std::vector<std::uint8_t>& zon
     }
 }
 
-SpzContent unpackGzip(const RecordFile& file, const SpzHeader& header, const SpzSink& sink) {
-    SpzContent content;
-    GzipReader gzip(file);
-    std::vector<std::uint8_t> buffer(bufferBytes);
-    gzip.read(buffer.data(), gzipHeaderBytes);
-    const std::uint64_t size = header.arrayBytes();
-    for (std::uint64_t at = 0; at < size;) {
-        const std::uint64_t wanted = std::min<std::uint64_t>(buffer.size(), size - at);
-        const std::uint64_t got = gzip.read(buffer.data(), wanted);
-        sink(at, buffer.data(), got);
-        at += got;
-        if (got < wanted) {
-            refuseDamaged(file, std::to_string(header.splats) + " splats need " + std::to_string(size) +
-                                    " bytes, and it holds " + std::to_string(at));
+// One gzip member around the header, all arrays and the extension records.
+class GzipUnpacker final : public SpzUnpacker {
+public:
+    GzipUnpacker(const RecordFile& file, const SpzHeader& header)
+        : SpzUnpacker(0, header.arrayBytes()), file_(file), header_(header), gzip_(file) {
+        std::array<std::uint8_t, gzipHeaderBytes> bytes;
+        gzip_.read(bytes.data(), bytes.size());
+    }
+
+    void read(std::uint8_t* bytes, std::uint64_t size) override {
+        const std::uint64_t got = gzip_.read(bytes, size);
+        at_ += got;
+        if (got < size) {
+            refuseDamaged(file_, std::to_string(header_.splats) + " splats need " + std::to_string(end()) +
+                                     " bytes, and it holds " + std::to_string(at_));
+        }
+        if (at_ == end()) {
+            readRest();
         }
     }
-    std::vector<std::uint8_t> rest(header.hasExtensions ? mostExtensionBytes : 1);
-    rest.resize(gzip.read(rest.data(), rest.size()));
-    if (!rest.empty() && (!header.hasExtensions || !gzip.isAtEnd())) {
-        refuseDamaged(file, "it holds more bytes than its " + std::to_string(header.splats) + " splats have");
+
+private:
+    const RecordFile& file_;
+    SpzHeader header_;
+    GzipReader gzip_;
+    std::uint64_t at_ = 0;
+
+    void readRest() {
+        std::vector<std::uint8_t> rest(header_.hasExtensions ? mostExtensionBytes : 1);
+        rest.resize(gzip_.read(rest.data(), rest.size()));
+        if (!rest.empty() && (!header_.hasExtensions || !gzip_.isAtEnd())) {
+            refuseDamaged(file_,
+                          "it holds more bytes than its " + std::to_string(header_.splats) + " splats have");
+        }
+        gzip_.requireEnd();
+        readExtensions(file_, rest, content);
+        if (gzip_.bytesRead() < file_.size()) {
+            content.remarks.push_back(std::to_string(file_.size() - gzip_.bytesRead()) +
+                                      " bytes behind the splats are ignored");
+        }
     }
-    gzip.requireEnd();
-    readExtensions(file, rest, content);
-    if (gzip.bytesRead() < file.size()) {
-        content.remarks.push_back(std::to_string(file.size() - gzip.bytesRead()) +
-                                  " bytes behind the splats are ignored");
-    }
-    return content;
-}
+};
 
 struct Stream {
     std::uint64_t at = 0;     // byte offset in the file
@@ -190,7 +203,8 @@ std::vector<Stream> readStreams(const RecordFile& file, const SpzHeader& header)
     return streams;
 }
 
-SpzContent unpackStreams(const RecordFile& file, const SpzHeader& header, const SpzSink& sink) {
+// Extension records between the plain header and the table of streams.
+SpzContent readPlainExtensions(const RecordFile& file, const SpzHeader& header) {
     SpzContent content;
     if (header.hasExtensions) {
         const std::uint64_t zone = header.tableAt - plainHeaderBytes;
@@ -201,25 +215,66 @@ SpzContent unpackStreams(const RecordFile& file, const SpzHeader& header, const 
         file.read(plainHeaderBytes, bytes.data(), bytes.size());
         readExtensions(file, bytes, content);
     }
-    const std::vector<Stream> streams = readStreams(file, header);
-    std::vector<std::uint8_t> buffer(bufferBytes);
-    for (int i = 0; i < header.streams; ++i) {
-        const Stream& stream = streams[static_cast<std::size_t>(i)];
-        const std::uint64_t size = header.splats * header.bytesOf(SpzArray{i});
-        ZstdReader zstd(file, stream.at, stream.packed);
-        for (std::uint64_t at = 0; at < size;) {
-            const std::uint64_t wanted = std::min<std::uint64_t>(buffer.size(), size - at);
-            const std::uint64_t got = zstd.read(buffer.data(), wanted);
-            sink(header.startOf(SpzArray{i}) + at, buffer.data(), got);
-            at += got;
+    return content;
+}
+
+// Consecutive zstd streams, each of which holds one array.
+class ZstdUnpacker final : public SpzUnpacker {
+public:
+    // Arrays [first, last).
+    ZstdUnpacker(const RecordFile& file, const SpzHeader& header, const std::vector<Stream>& streams,
+                 int first, int last)
+        : SpzUnpacker(header.startOf(SpzArray{first}), header.startOf(SpzArray{last})), file_(file),
+          header_(header), streams_(streams), array_(first), last_(last) {
+        open();
+    }
+
+    void read(std::uint8_t* bytes, std::uint64_t size) override {
+        while (size > 0) {
+            const std::uint64_t all = header_.splats * header_.bytesOf(SpzArray{array_});
+            const std::uint64_t wanted = std::min(size, all - at_);
+            const std::uint64_t got = zstd_->read(bytes, wanted);
+            at_ += got;
             if (got < wanted) {
-                refuseDamaged(file, "stream " + std::to_string(i) + " holds " + std::to_string(at) + " of " +
-                                        std::to_string(size) + " bytes");
+                refuseDamaged(file_, "stream " + std::to_string(array_) + " holds " + std::to_string(at_) +
+                                         " of " + std::to_string(all) + " bytes");
+            }
+            bytes += got;
+            size -= got;
+            if (at_ == all) {
+                zstd_->requireEnd();
+                ++array_;
+                open();
             }
         }
-        zstd.requireEnd();
     }
-    return content;
+
+private:
+    const RecordFile& file_;
+    SpzHeader header_;
+    std::vector<Stream> streams_;
+    int array_;
+    int last_;
+    std::uint64_t at_ = 0; // bytes of the array that are unpacked
+    std::optional<ZstdReader> zstd_;
+
+    void open() {
+        zstd_.reset();
+        at_ = 0;
+        if (array_ < last_) {
+            const Stream& stream = streams_[static_cast<std::size_t>(array_)];
+            zstd_.emplace(file_, stream.at, stream.packed);
+        }
+    }
+};
+
+// The first array of the second half: each half unpacks to about as many bytes.
+int middleArray(const SpzHeader& header) {
+    int middle = 1;
+    while (middle + 1 < header.streams && 2 * header.startOf(SpzArray{middle + 1}) <= header.arrayBytes()) {
+        ++middle;
+    }
+    return middle;
 }
 
 } // namespace
@@ -262,8 +317,19 @@ SpzHeader readSpzHeader(const RecordFile& file) {
     return start[0] == 0x1f && start[1] == 0x8b ? readGzipHeader(file) : readPlainHeader(file);
 }
 
-SpzContent unpackSpz(const RecordFile& file, const SpzHeader& header, const SpzSink& sink) {
-    return header.isGzip ? unpackGzip(file, header, sink) : unpackStreams(file, header, sink);
+std::vector<std::unique_ptr<SpzUnpacker>> makeSpzUnpackers(const RecordFile& file, const SpzHeader& header) {
+    std::vector<std::unique_ptr<SpzUnpacker>> unpackers;
+    if (header.isGzip) {
+        unpackers.push_back(std::make_unique<GzipUnpacker>(file, header));
+        return unpackers;
+    }
+    const SpzContent content = readPlainExtensions(file, header);
+    const std::vector<Stream> streams = readStreams(file, header);
+    const int middle = middleArray(header);
+    unpackers.push_back(std::make_unique<ZstdUnpacker>(file, header, streams, 0, middle));
+    unpackers.push_back(std::make_unique<ZstdUnpacker>(file, header, streams, middle, header.streams));
+    unpackers.front()->content = content;
+    return unpackers;
 }
 
 } // namespace Tavrin::SplatSource

@@ -4,7 +4,7 @@
 #include "source/record_file.h"
 
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,14 +33,36 @@ struct SpzHeader {
     std::uint64_t arrayBytes() const { return startOf(SpzArray{spzArrays}); }
 };
 
-// What unpacking finds beside the arrays.
+// What a file holds beside its arrays.
 struct SpzContent {
     std::uint32_t axesCode = 0; // as stated, known or not; 0 when the file states none
     std::vector<std::string> remarks;
 };
 
-// Takes unpacked bytes of the arrays, which come in the order of their offsets.
-using SpzSink = std::function<void(std::uint64_t offset, const std::uint8_t* bytes, std::uint64_t size)>;
+// Unpacks consecutive arrays of a file, front to back, through buffers of fixed size. One thread at a time
+// may use it.
+class SpzUnpacker {
+public:
+    // The bytes [start, end) of all arrays.
+    SpzUnpacker(std::uint64_t start, std::uint64_t end) : start_(start), end_(end) {}
+    virtual ~SpzUnpacker() = default;
+    SpzUnpacker(const SpzUnpacker&) = delete;
+    SpzUnpacker& operator=(const SpzUnpacker&) = delete;
+
+    std::uint64_t start() const { return start_; }
+    std::uint64_t end() const { return end_; }
+
+    // Writes the next `size` bytes; there are that many left. What stands behind the last one is checked with
+    // it. Throws SourceError when the file is damaged: wrong checksums or lengths, missing or surplus bytes.
+    virtual void read(std::uint8_t* bytes, std::uint64_t size) = 0;
+
+    // What stands before the arrays, and once the last byte is read what stands behind them, too.
+    SpzContent content;
+
+private:
+    std::uint64_t start_;
+    std::uint64_t end_;
+};
 
 // True when the bytes start like an SPZ file, or like any gzip file.
 bool looksLikeSpz(std::string_view start);
@@ -49,8 +71,8 @@ bool looksLikeSpz(std::string_view start);
 // hold is refused. Throws SourceError.
 SpzHeader readSpzHeader(const RecordFile& file);
 
-// Unpacks the arrays of a file through buffers of fixed size. Throws SourceError when the file is damaged:
-// wrong checksums or lengths, missing or surplus bytes.
-SpzContent unpackSpz(const RecordFile& file, const SpzHeader& header, const SpzSink& sink);
+// What unpacks the arrays of a file, in their order: one object, or two that may run at the same time where
+// the file packs each array by itself. `file` must outlive them. Throws SourceError.
+std::vector<std::unique_ptr<SpzUnpacker>> makeSpzUnpackers(const RecordFile& file, const SpzHeader& header);
 
 } // namespace Tavrin::SplatSource

@@ -102,6 +102,8 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
         throw Failure(ExitStatus::inputRefused, error.what());
     } catch (const SplatSource::SourceChanged& error) {
         throw Failure(ExitStatus::conversionFailed, error.what());
+    } catch (const SplatSource::ScratchError& error) {
+        throw scratchFailure(error);
     }
     const std::uint64_t bytes = fs::file_size(partial.path());
     partial.publish();
@@ -109,6 +111,9 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
     const std::string dropped = droppedText(scene->ledger());
     if (!options.quiet) {
         for (const std::string& remark : scene->remarks) {
+            reportWarning(remark);
+        }
+        for (const std::string& remark : scene->laterRemarks()) {
             reportWarning(remark);
         }
         if (!dropped.empty()) {

@@ -72,6 +72,8 @@ Result verify(const VerifyOptions& options, Progress& progress) {
             throw Failure(ExitStatus::inputRefused, error.what());
         } catch (const SplatSource::SourceChanged& error) {
             throw Failure(ExitStatus::inputRefused, error.what());
+        } catch (const SplatSource::ScratchError& error) {
+            throw scratchFailure(error);
         } catch (const SplatReader::DatasetError& error) { // it changed meanwhile
             const SplatReader::Finding& finding = error.finding();
             result.report.findings.error(finding.kind, finding.file, finding.offset, finding.expected,

@@ -1,5 +1,6 @@
 #include "program/convert/conversion.h"
 
+#include "program/scene/open_scene.h"
 #include "program/system/exit_status.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
@@ -50,6 +51,8 @@ auto asFailures(const std::string& name, std::uint64_t splats, const Means& mean
         throw Failure(ExitStatus::inputRefused, error.what());
     } catch (const SplatSource::SourceChanged& error) {
         throw Failure(ExitStatus::conversionFailed, error.what());
+    } catch (const SplatSource::ScratchError& error) {
+        throw scratchFailure(error);
     } catch (const SplatStream::WriteError& error) {
         throw Failure(
             tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::conversionFailed,

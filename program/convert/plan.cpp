@@ -98,6 +98,9 @@ Plan measurePlan(const std::string& input, const SplatSource::Scene& scene, cons
     plan.input = input;
     plan.measured = measureSource(input, scene, means, progress);
     requireAccepted(scene);
+    for (const std::string& remark : scene.laterRemarks()) {
+        warnings.add(remark);
+    }
     addFacts(plan, scene);
     plan.extent = {pointOf(plan.measured.positionMin), pointOf(plan.measured.positionMax)};
     plan.cropAdvice = cropAdvice(scene, plan.extent);

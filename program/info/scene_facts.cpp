@@ -9,6 +9,7 @@
 #include "source/open.h"
 #include "source/ply.h"
 #include "source/ply_layout.h"
+#include "source/scratch_file.h"
 #include "source/text.h"
 
 #include <fmt/format.h>
@@ -17,6 +18,7 @@
 #include <bit>
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <memory>
 
@@ -325,6 +327,7 @@ SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress
     }
     if (input) {
         facts.remarks = input->remarks;
+        std::ranges::copy(input->laterRemarks(), std::back_inserter(facts.remarks));
         facts.place = placeOf(std::move(input));
     }
     return facts;
@@ -332,6 +335,8 @@ SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress
     throw Failure(ExitStatus::inputRefused, error.what());
 } catch (const SplatSource::SourceChanged& error) {
     throw Failure(ExitStatus::inputRefused, error.what());
+} catch (const SplatSource::ScratchError& error) {
+    throw scratchFailure(error);
 }
 
 } // namespace Tavrin::SplatProgram

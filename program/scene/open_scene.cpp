@@ -1,9 +1,7 @@
 #include "program/scene/open_scene.h"
 
-#include "program/system/exit_status.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
-#include "source/scratch_file.h"
 
 #include <fmt/format.h>
 
@@ -108,8 +106,7 @@ std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& na
     } catch (const SplatSource::SourceChanged& error) {
         throw Failure(ExitStatus::conversionFailed, error.what());
     } catch (const SplatSource::ScratchError& error) {
-        throw Failure(tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::outputRefused,
-                      error.what());
+        throw scratchFailure(error);
     }
 }
 
@@ -127,6 +124,10 @@ std::unique_ptr<SplatSource::Input> openHeader(const std::string& name) {
     } catch (const SplatSource::SourceChanged& error) {
         throw Failure(ExitStatus::inputRefused, error.what());
     }
+}
+
+Failure scratchFailure(const SplatSource::ScratchError& error) {
+    return {tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::outputRefused, error.what()};
 }
 
 void requireAccepted(const SplatSource::Scene& scene) {

@@ -1,7 +1,9 @@
 // Opens the inputs of a command as one scene.
 #pragma once
 
+#include "program/system/exit_status.h"
 #include "source/merge.h"
+#include "source/scratch_file.h"
 
 #include <array>
 #include <memory>
@@ -11,14 +13,18 @@
 namespace Tavrin::SplatProgram {
 
 // Opens the files `names` (as the user named them) and merges them. Throws a Failure: InputRefused for a file
-// that is not readable or not splats; ConversionFailed when a file changes meanwhile; DoesNotFit when the
-// disk has no room to unpack one, and OutputRefused when unpacking fails otherwise; Interrupted, which later
+// that is not readable or not splats; ConversionFailed when a file changes meanwhile; that of
+// scratchFailure; Interrupted, which later
 // reads throw, too (options.open.pause is replaced). The scene's remarks hold the warnings.
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
                                               const SplatSource::SceneOptions& options);
 
 // Opens one input by its header alone (see SplatSource::openHeader). Throws a Failure (InputRefused).
 std::unique_ptr<SplatSource::Input> openHeader(const std::string& name);
+
+// The failure of unpacking an input, while it is opened or read: DoesNotFit when the disk has no room for it,
+// else OutputRefused.
+Failure scratchFailure(const SplatSource::ScratchError& error);
 
 // Call this when every record has been read. Throws a Failure (InputRefused) when scales or opacities turn
 // out to be of the other kind (linear or not), or when there are invalid splats and --strict is set.

@@ -178,9 +178,10 @@ TEST_F(Packed, PositionsAtTheEndsOfTheirBitsAreRemarked) {
     std::vector<float> records(512 * Tavrin::GaussionSplat::layoutWithCoefficients.floats);
     edge.read(0, edge.count, records.data());
     plain.read(0, plain.count, records.data());
-    ASSERT_EQ(edge.remarks.size(), 1u);
-    EXPECT_NE(edge.remarks[0].find("2048"), std::string::npos) << edge.remarks[0];
-    EXPECT_TRUE(plain.remarks.empty());
+    const std::vector<std::string> remarks = edge.laterRemarks();
+    ASSERT_EQ(remarks.size(), 1u);
+    EXPECT_NE(remarks[0].find("2048"), std::string::npos) << remarks[0];
+    EXPECT_TRUE(plain.laterRemarks().empty());
 }
 
 } // namespace
