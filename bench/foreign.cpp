@@ -19,20 +19,23 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
 
 using namespace foreign;
+namespace GaussionSplat = Tavrin::GaussionSplat;
 using Put = std::function<void(const Record&, std::string&)>;
 
 std::vector<Record> readRecords(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
+    constexpr std::string_view element = "element vertex ";
     std::string line;
     std::uint64_t count = 0;
     while (std::getline(file, line) && line != "end_header") {
-        if (line.starts_with("element vertex ")) {
-            count = std::stoull(line.substr(15));
+        if (line.starts_with(element)) {
+            count = std::stoull(line.substr(element.size()));
         }
     }
     std::vector<Record> records(count);
@@ -154,7 +157,7 @@ std::uint32_t packed(const std::array<double, 3>& shares) {
 
 void writeCompressed(const std::string& path, const std::vector<Record>& records) {
     constexpr std::size_t chunkSplats = 256;
-    constexpr std::array<std::size_t, 3> firsts = {0, scaleAt, 6};
+    constexpr std::array<std::size_t, 3> firsts = {GaussionSplat::positionAt, scaleAt, colourAt};
     const std::size_t chunks = (records.size() + chunkSplats - 1) / chunkSplats;
     std::string text = "ply\nformat binary_little_endian 1.0\nelement chunk " + std::to_string(chunks) + "\n";
     for (const char* const name : {"min_x", "min_y", "min_z", "max_x", "max_y", "max_z", "min_scale_x",

@@ -1,6 +1,8 @@
 // What the writers of other forms share.
 #pragma once
 
+#include "src/records.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -11,12 +13,13 @@
 
 namespace foreign {
 
-inline constexpr std::size_t floats = 62;
-inline constexpr std::size_t restAt = 9;
-inline constexpr std::size_t opacityAt = 54;
-inline constexpr std::size_t scaleAt = 55;
-inline constexpr std::size_t rotationAt = 58;
-inline constexpr std::size_t restCount = 45;
+inline constexpr std::size_t floats = Tavrin::GaussionSplat::layoutWithCoefficients.floats;
+inline constexpr std::size_t colourAt = Tavrin::GaussionSplat::colourAt;
+inline constexpr std::size_t restAt = Tavrin::GaussionSplat::coefficientsAt;
+inline constexpr std::size_t opacityAt = Tavrin::GaussionSplat::layoutWithCoefficients.opacity;
+inline constexpr std::size_t scaleAt = Tavrin::GaussionSplat::layoutWithCoefficients.scale;
+inline constexpr std::size_t rotationAt = Tavrin::GaussionSplat::layoutWithCoefficients.rotation;
+inline constexpr std::size_t restCount = Tavrin::GaussionSplat::coefficientFloats;
 using Record = std::array<float, floats>;
 
 template <typename Number>

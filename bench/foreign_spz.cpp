@@ -35,7 +35,7 @@ Arrays arraysOf(const std::vector<Record>& records, bool hasCoefficients) {
         for (std::size_t axis = 0; axis < 3; ++axis) {
             const auto fixed = static_cast<std::int32_t>(std::lround(record[axis] * 4096.0f));
             arrays[0].append(reinterpret_cast<const char*>(&fixed), 3);
-            arrays[2] += static_cast<char>(byteOf((0.15 * double{record[6 + axis]} + 0.5) * 255));
+            arrays[2] += static_cast<char>(byteOf((0.15 * double{record[colourAt + axis]} + 0.5) * 255));
             arrays[3] += static_cast<char>(byteOf((double{record[scaleAt + axis]} + 10) * 16));
         }
         arrays[1] += static_cast<char>(byteOf(alphaOf(record) * 255));

@@ -50,7 +50,7 @@ std::vector<Layout> measureLayouts(const fs::path& scene, const fs::path& folder
         layouts.emplace_back().kind = kind;
         measure::run({sibling("foreign"), kind, scene.string(), paths.back().string()});
     }
-    sync(); // no writing back during the runs
+    sync(); // so that nothing is written back during the runs
     for (std::size_t i = 0; i < paths.size(); ++i) {
         layouts[i].inputBytes = fs::file_size(paths[i]);
     }

@@ -11,6 +11,8 @@
 #include <limits>
 #include <mutex>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 namespace Tavrin::SplatSource {
 namespace {
@@ -55,18 +57,31 @@ double halfStep(double smallest, double largest) {
 
 // What single precision does not hold at all is dropped as invalid and counts as little as what is cropped.
 void widenBox(Box& box, const double* positions, std::uint64_t count, const std::optional<Box>& crop) {
-    constexpr double most = std::numeric_limits<float>::max();
     for (std::uint64_t i = 0; i < count; ++i) {
         const double* const at = positions + 3 * i;
-        bool isInside = std::abs(at[0]) <= most && std::abs(at[1]) <= most && std::abs(at[2]) <= most;
-        for (std::size_t axis = 0; crop && axis < 3; ++axis) {
-            isInside = isInside && at[axis] >= crop->min[axis] && at[axis] <= crop->max[axis];
-        }
+        const bool isInside = isHeldWithin(at, crop);
         for (std::size_t axis = 0; isInside && axis < 3; ++axis) {
             box.min[axis] = std::min(box.min[axis], at[axis]);
             box.max[axis] = std::max(box.max[axis], at[axis]);
         }
     }
+}
+
+// True where single precision steps by more than a millimetre at an end of the range. False for an empty one.
+bool reachesTooFar(double low, double high) {
+    return low <= high && std::max(std::abs(low), std::abs(high)) >= largestExactCoordinate;
+}
+
+// The ends of the largest middle share of the values that half a millimetre allows, the median at the least.
+std::pair<double, double> middleOf(std::vector<double>& values) {
+    std::pair<double, double> ends;
+    for (const double left : {0.01, 0.05, 0.25, 0.5}) {
+        ends = {percentile(values, left), percentile(values, 1.0 - left)};
+        if (ends.second / 2 - ends.first / 2 < largestExactCoordinate) {
+            break;
+        }
+    }
+    return ends;
 }
 
 Box emptyBox() {
@@ -195,30 +210,15 @@ void Scene::settleOffset(const SceneOptions& options) {
             isOffsetCut = true;
         }
     }
-    bool needsBox = false;
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         const Point own = statedOffset(i, options);
         for (std::size_t axis = 0; axis < 3; ++axis) {
             moves_[i][axis] = own[axis] - (isHeld[axis] ? base[axis] : offset[axis]);
         }
-        needsBox = needsBox || inputs_[i]->input().isWide || moves_[i] != Point{};
+        isExact = isExact && !inputs_[i]->input().isWide && moves_[i] == Point{};
     }
-    if (needsBox) {
-        Box box = boxOf(options.open.threads);
-        const bool isStated = base != Point{};
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            const double reach = std::max(std::abs(box.min[axis]), std::abs(box.max[axis]));
-            if (!isStated && std::isfinite(reach) && reach >= largestExactCoordinate) {
-                offset[axis] = wholeNear(box.min[axis] / 2 + box.max[axis] / 2);
-                isOffsetChosen = isOffsetChosen || offset[axis] != 0.0;
-                for (Point& move : moves_) {
-                    move[axis] -= offset[axis];
-                }
-                box.min[axis] -= offset[axis];
-                box.max[axis] -= offset[axis];
-            }
-            largestError = std::max(largestError, halfStep(box.min[axis], box.max[axis]));
-        }
+    if (!isExact && base == Point{}) {
+        chooseOffset(options.open.threads, offset);
     }
     params.offsetx = offset[0];
     params.offsety = offset[1];
@@ -226,8 +226,69 @@ void Scene::settleOffset(const SceneOptions& options) {
     moveBounds();
 }
 
-// The box of the moved positions, over inputs that are not kept bit for bit.
-Box Scene::boxOf(unsigned threads) const {
+// Where the positions of an axis are too far apart for half a millimetre at both ends, its offset goes by the
+// bulk.
+void Scene::chooseOffset(unsigned threads, Point& offset) {
+    const Box all = measureBox(threads);
+    Box box = all;
+    SampledAxes sample;
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        double& low = box.min[axis];
+        double& high = box.max[axis];
+        if (!reachesTooFar(low, high)) {
+            continue;
+        }
+        if (high / 2 - low / 2 >= largestExactCoordinate) {
+            sample = bulk ? sample : samplePositions();
+            if (!sample[axis].empty()) {
+                std::tie(low, high) = middleOf(sample[axis]);
+            }
+            bulk = box;
+        }
+        if (!reachesTooFar(low, high)) {
+            continue;
+        }
+        offset[axis] = wholeNear(low / 2 + high / 2);
+        isOffsetChosen = isOffsetChosen || offset[axis] != 0.0;
+        for (Point& move : moves_) {
+            move[axis] -= offset[axis];
+        }
+        low -= offset[axis];
+        high -= offset[axis];
+    }
+    if (bulk) {
+        bulk = box;
+        remarks.push_back(fmt::format(
+            "{}: splats lie too far apart for one offset: it goes by the bulk, which is off by at most "
+            "{:.2g} mm; "
+            "what lies far off is off by up to {:.2g} mm: drop it with --crop, or convert it by itself",
+            inputs_.front()->input().name, 1000 * errorWithin(box),
+            1000 * errorWithin({{all.min[0] - offset[0], all.min[1] - offset[1], all.min[2] - offset[2]},
+                                {all.max[0] - offset[0], all.max[1] - offset[1], all.max[2] - offset[2]}})));
+    }
+}
+
+// A sample over all inputs, each in proportion to its splats, of the moved positions.
+SampledAxes Scene::samplePositions() const {
+    SampledAxes sample;
+    for (std::size_t i = 0; i < inputs_.size(); ++i) {
+        const Input& input = inputs_[i]->input();
+        const double share = static_cast<double>(input.count) / static_cast<double>(count);
+        const auto runs = static_cast<std::uint64_t>(share * mostSampleRuns);
+        addSample(input, std::max<std::uint64_t>(runs, 1), rules_.crop, moves_[i], sample);
+    }
+    return sample;
+}
+
+double Scene::errorWithin(const Box& box) const {
+    double error = 0.0;
+    for (std::size_t axis = 0; !isExact && axis < 3; ++axis) {
+        error = std::max(error, halfStep(box.min[axis], box.max[axis]));
+    }
+    return error;
+}
+
+Box Scene::measureBox(unsigned threads) const {
     Box box = emptyBox();
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         const Input& input = inputs_[i]->input();

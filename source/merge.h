@@ -1,6 +1,7 @@
 // A whole scene: its inputs one after the other, without dropped splats, all moved to one offset.
 #pragma once
 
+#include "source/bulk.h"
 #include "source/drop.h"
 #include "source/open.h"
 
@@ -36,12 +37,13 @@ inline constexpr double largestExactCoordinate = 16384.0;
 // coefficients are 0. params holds what the dataset states.
 //
 // An offset is chosen where no header states one and coordinates in double are too large for single
-// precision. It consists of whole numbers that single precision holds. A stated offset that single precision
-// does not hold is cut to whole numbers; the rest moves into the positions.
+// precision. It consists of whole numbers that single precision holds. It keeps every position to half a
+// millimetre, or where they lie too far apart for that the bulk of them. A stated offset that single
+// precision does not hold is cut to whole numbers; the rest moves into the positions.
 class Scene final : public Source {
 public:
-    // Takes at least one input. Throws SourceError when they cannot be one scene. Reads the positions of
-    // inputs that have to be moved or exceed single precision, on options.open.threads threads.
+    // Takes at least one input. Throws SourceError when they cannot be one scene. Reads the
+    // positions on options.open.threads threads where an offset may have to be chosen.
     Scene(std::vector<std::unique_ptr<Input>> inputs, const SceneOptions& options);
 
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override;
@@ -65,9 +67,19 @@ public:
     // so, or when splats are invalid and the options are strict.
     void requireAccepted() const;
 
-    // Largest distance, per axis, between a position of an input and position + offset of the dataset. 0
-    // where positions are kept bit for bit.
-    double largestError = 0.0;
+    // Largest distance, per axis, between a position of an input and position + offset of the dataset, for
+    // positions of the scene in a box. 0 where positions are kept bit for bit.
+    double errorWithin(const Box& box) const;
+
+    // The box of the scene's positions but for the cropped ones, before other splats are dropped. Reads them
+    // all.
+    Box measureBox(unsigned threads) const;
+
+    // No position is moved, and single precision holds them all.
+    bool isExact = true;
+    // Where the bulk of the positions lies, by a sample. Set where they are too far apart for one offset; it
+    // goes by the bulk then.
+    std::optional<Box> bulk;
     bool isOffsetChosen = false;      // no header states the offset
     bool isOffsetCut = false;         // the stated one had to be cut to whole numbers
     std::vector<std::string> remarks; // of all inputs, each with the file's name
@@ -79,7 +91,8 @@ private:
     void settleParams(const SceneOptions& options);
     void settleOffset(const SceneOptions& options);
     void moveBounds();
-    Box boxOf(unsigned threads) const;
+    void chooseOffset(unsigned threads, Point& offset);
+    SampledAxes samplePositions() const;
     Point statedOffset(std::size_t input, const SceneOptions& options) const;
     void finish(const KeptSplats& input, const Point& move, std::uint64_t kept, float* records,
                 const double* positions) const;

@@ -122,7 +122,7 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
         fmt::print("{}: {} of {} floats, {}, offset {}; in {}\n", output,
                    countText(measured.splats, "splat", "splats"),
                    GaussionSplat::recordLayout(measured.hasCoefficients).floats, bytesText(bytes),
-                   offsetText(*scene), durationText(progress.seconds()));
+                   offsetText(*scene, extentOf(measured)), durationText(progress.seconds()));
     }
     return ExitStatus::done;
 }

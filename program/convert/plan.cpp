@@ -66,9 +66,9 @@ void addFacts(Plan& plan, const SplatSource::Scene& scene) {
     }
     plan.isBoxMeasured = plan.measured.isBoxStated && (plan.measured.params.minx != scene.params.minx ||
                                                        plan.measured.params.maxx != scene.params.maxx);
-    plan.offset = offsetText(scene);
+    plan.offset = offsetText(scene, plan.extent);
     plan.move = scene.inputs().size() == 1 ? scene.moveOf(0) : Point{};
-    plan.largestError = scene.largestError;
+    plan.largestError = scene.errorWithin(plan.extent);
     plan.offsets = {scene.params.offsetx, scene.params.offsety, scene.params.offsetz};
 }
 
@@ -101,8 +101,8 @@ Plan measurePlan(const std::string& input, const SplatSource::Scene& scene, cons
     for (const std::string& remark : scene.laterRemarks()) {
         warnings.add(remark);
     }
+    plan.extent = extentOf(plan.measured);
     addFacts(plan, scene);
-    plan.extent = {pointOf(plan.measured.positionMin), pointOf(plan.measured.positionMax)};
     plan.cropAdvice = cropAdvice(scene, plan.extent);
     const SplatStream::Measured& measured = plan.measured;
     plan.box = {pointOf(measured.bboxMin), pointOf(measured.bboxMax)};

@@ -272,9 +272,10 @@ SceneFacts::Place placeOf(std::unique_ptr<SplatSource::Input> input) {
     std::vector<std::unique_ptr<SplatSource::Input>> inputs;
     inputs.push_back(std::move(input));
     const SplatSource::Scene scene(std::move(inputs), options);
-    return {offsetText(scene),
+    const SplatSource::Box extent = scene.isExact ? SplatSource::Box() : scene.measureBox(usableProcessors());
+    return {offsetText(scene, extent),
             {scene.params.offsetx, scene.params.offsety, scene.params.offsetz},
-            scene.largestError};
+            scene.errorWithin(extent)};
 }
 
 void readPlyHeader(SceneFacts& facts, std::uint64_t& bodyAt) {

@@ -1,43 +1,17 @@
 #include "program/scene/crop_advice.h"
 
+#include "source/bulk.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdint>
-#include <vector>
+#include <optional>
 
 namespace Tavrin::SplatProgram {
 namespace {
 
-constexpr std::uint64_t runRecords = 256; // consecutive in the file
-constexpr std::uint64_t mostRuns = 256;
 constexpr double farOff = 10.0; // as a multiple of the span of the bulk
-
-// The finite coordinates of a sample, axis by axis.
-std::array<std::vector<double>, 3> samplePositions(const SplatSource::Input& input) {
-    std::array<std::vector<double>, 3> axes;
-    const std::uint64_t runs = std::clamp<std::uint64_t>(input.count / runRecords, 1, mostRuns);
-    std::vector<double> positions(3 * runRecords);
-    for (std::uint64_t run = 0; run < runs; ++run) {
-        const std::uint64_t first = input.count / runs * run;
-        const std::uint64_t size = std::min(runRecords, input.count - first);
-        input.readPositions(first, size, positions.data());
-        for (std::uint64_t i = 0; i < 3 * size; ++i) {
-            if (std::isfinite(positions[i])) {
-                axes[i % 3].push_back(positions[i]);
-            }
-        }
-    }
-    return axes;
-}
-
-double percentile(std::vector<double>& values, double share) {
-    const auto at = static_cast<std::ptrdiff_t>(share * static_cast<double>(values.size() - 1));
-    std::nth_element(values.begin(), values.begin() + at, values.end());
-    return values[static_cast<std::size_t>(at)];
-}
 
 // Rounded to a power of ten below a hundredth of the span. So enough digits are kept far from 0, too.
 std::string bound(double value, double span) {
@@ -54,7 +28,8 @@ std::string cropAdvice(const SplatSource::Scene& scene, const Box& extent) {
     if (scene.inputs().size() > 1) {
         return {};
     }
-    std::array<std::vector<double>, 3> axes = samplePositions(scene.inputs().front()->input());
+    SplatSource::SampledAxes axes;
+    addSample(scene.inputs().front()->input(), SplatSource::mostSampleRuns, std::nullopt, {}, axes);
     std::string mins;
     std::string maxs;
     bool isFarOff = false;
@@ -62,8 +37,8 @@ std::string cropAdvice(const SplatSource::Scene& scene, const Box& extent) {
         if (axes[axis].empty()) {
             return {};
         }
-        const double low = percentile(axes[axis], 0.01);
-        const double high = percentile(axes[axis], 0.99);
+        const double low = SplatSource::percentile(axes[axis], 0.01);
+        const double high = SplatSource::percentile(axes[axis], 0.99);
         const double span = high - low;
         isFarOff = isFarOff || extent.max[axis] - extent.min[axis] > farOff * span;
         // The margin of one span on both sides keeps the whole bulk.

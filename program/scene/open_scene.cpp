@@ -169,13 +169,23 @@ std::string offsetNumbers(const std::array<double, 3>& offset) {
                        static_cast<float>(offset[2]));
 }
 
-std::string offsetText(const SplatSource::Scene& scene) {
+std::string offsetText(const SplatSource::Scene& scene, const SplatSource::Box& extent) {
     const GaussionSplat::Params& params = scene.params;
     std::string text = fmt::format("({})", offsetNumbers({params.offsetx, params.offsety, params.offsetz}));
     text += scene.isOffsetChosen ? ", chosen" : scene.isOffsetCut ? ", cut to whole numbers" : "";
-    return text + (scene.largestError > 0.0
-                       ? fmt::format("; positions are off by at most {:.2g} mm", scene.largestError * 1000)
-                       : "; positions are kept bit for bit");
+    if (scene.isExact) {
+        return text + "; positions are kept bit for bit";
+    }
+    text += fmt::format("; positions are off by at most {:.2g} mm", scene.errorWithin(extent) * 1000);
+    return text + (scene.bulk
+                       ? fmt::format(", the bulk of them by {:.2g} mm", scene.errorWithin(*scene.bulk) * 1000)
+                       : std::string());
+}
+
+SplatSource::Box extentOf(const SplatStream::Measured& measured) {
+    const GaussionSplat::Vector3& min = measured.positionMin;
+    const GaussionSplat::Vector3& max = measured.positionMax;
+    return {{min.x, min.y, min.z}, {max.x, max.y, max.z}};
 }
 
 std::string namesText(const std::vector<std::string>& names) {

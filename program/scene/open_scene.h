@@ -4,6 +4,7 @@
 #include "program/system/exit_status.h"
 #include "source/merge.h"
 #include "source/scratch_file.h"
+#include "stream/conversion.h"
 
 #include <array>
 #include <memory>
@@ -36,8 +37,12 @@ std::string droppedText(const SplatSource::Ledger& ledger);
 // An offset with all digits that a dataset keeps: "500137, 5414436, 312".
 std::string offsetNumbers(const std::array<double, 3>& offset);
 
-// The offset and its effect: "(500137, 5414436, 312), chosen; positions are off by at most 0.06 mm".
-std::string offsetText(const SplatSource::Scene& scene);
+// The offset and its effect on positions in `extent`: "(500137, 5414436, 312), chosen; positions are off by
+// at most 0.06 mm".
+std::string offsetText(const SplatSource::Scene& scene, const SplatSource::Box& extent);
+
+// The box of the finite positions of a measured scene.
+SplatSource::Box extentOf(const SplatStream::Measured& measured);
 
 // The inputs for messages: the first name and how many more there are.
 std::string namesText(const std::vector<std::string>& names);

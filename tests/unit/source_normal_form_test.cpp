@@ -122,6 +122,17 @@ TEST(NormalForm, OfMergedScenes) {
     expectSameDataset(scratch, {scratch / "first.ply", scratch / "second.ply"}, options);
 }
 
+TEST(NormalForm, OfScenesTooFarApartForOneOffset) {
+    const Scratch scratch;
+    support::randomFile(5, 400, false).write(scratch / "first.ply");
+    PlyFile second = support::randomFile(6, 3, false);
+    second.comments = {"comment offsetx 100000", "comment offsety -20000"};
+    second.write(scratch / "second.ply");
+    const std::vector<fs::path> inputs = {scratch / "first.ply", scratch / "second.ply"};
+    expectSameDataset(scratch, inputs);
+    EXPECT_TRUE(SplatSource::openScene(inputs, {})->bulk);
+}
+
 TEST(NormalForm, OfEveryOddFileAndEverySample) {
     const fs::path samples = PLYCONVERT_SAMPLES;
     if (!fs::exists(samples / "formats")) {
