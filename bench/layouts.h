@@ -21,7 +21,7 @@ struct Layout {
 };
 
 // Writes the canonical scene with coefficients in every form to `folder` and converts each `runs` times
-// there. The forms take turns, so that a slower minute of the machine hits all of them.
+// there. The rounds are interleaved, so that a slow minute of the machine affects all forms.
 std::vector<Layout> measureLayouts(const std::filesystem::path& scene, const std::filesystem::path& folder,
                                    int runs);
 

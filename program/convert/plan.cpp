@@ -98,9 +98,6 @@ Plan measurePlan(const std::string& input, const SplatSource::Scene& scene, cons
     plan.input = input;
     plan.measured = measureSource(input, scene, means, progress);
     requireAccepted(scene);
-    for (const std::string& remark : scene.laterRemarks()) {
-        warnings.add(remark);
-    }
     plan.extent = extentOf(plan.measured);
     addFacts(plan, scene);
     plan.cropAdvice = cropAdvice(scene, plan.extent);
@@ -132,6 +129,9 @@ Plan makePlan(const std::string& input, const SplatSource::Scene& scene, const O
     // whole input is read.
     requireDisk(datasetBytes(scene.count, 0, scene.hasCoefficients), free, output);
     Plan plan = measurePlan(input, scene, means, progress);
+    for (const std::string& remark : scene.laterRemarks()) {
+        warnings.add(remark);
+    }
     plan.freeDisk = free;
     plan.diskBytes = requireDisk(plan.bytes, free, output);
     plan.metaBytesAtMost = metaBytesAtMost(plan);
