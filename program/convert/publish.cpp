@@ -99,8 +99,12 @@ PartialFolder::PartialFolder(OutputPlace place)
     if (!lock_) {
         removeCreatedParents();
         throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: cannot be created: {}: choose another place", textFromPath(lockPath),
-                                  error ? error.message() : "another run holds it"));
+                      error
+                          ? fmt::format("{}: cannot be created: {}: choose another place",
+                                        textFromPath(lockPath), error.message())
+                          : fmt::format("{}: another run holds it, perhaps on another machine: wait for its "
+                                        "end, or remove the file when there is none",
+                                        textFromPath(lockPath)));
     }
     for (const fs::path& path : {path_, replaced_}) {
         if (fs::exists(fs::symlink_status(path, error))) {

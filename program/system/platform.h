@@ -79,11 +79,11 @@ std::error_code exchangeNames(const std::filesystem::path& one, const std::files
 std::error_code renameFolder(const std::filesystem::path& from, const std::filesystem::path& to);
 
 // A file that exists and is locked while this object lives. The system drops the lock when the process ends,
-// in whatever way. If the file is left over then, it marks a dead run.
+// in whatever way. If the file is left over then, it marks a dead run, as far as the file system has locks.
 class LockFile {
 public:
     // Creates the file, or takes over the file of a dead run. Null without an error when a live process holds
-    // it.
+    // it, or may hold it on another machine: on a network file system, for a day after it was taken.
     static std::unique_ptr<LockFile> take(const std::filesystem::path& path, std::error_code& error);
 
     LockFile(const LockFile&) = delete;

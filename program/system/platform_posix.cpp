@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -141,38 +140,6 @@ std::error_code exchangeNames(const std::filesystem::path& one, const std::files
 
 std::error_code renameFolder(const std::filesystem::path& from, const std::filesystem::path& to) {
     return ::rename(from.c_str(), to.c_str()) == 0 ? std::error_code() : lastError();
-}
-
-std::unique_ptr<LockFile> LockFile::take(const std::filesystem::path& path, std::error_code& error) {
-    error.clear();
-    for (;;) {
-        const int handle = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
-        if (handle < 0) {
-            error = lastError();
-            return nullptr;
-        }
-        if (::flock(handle, LOCK_EX | LOCK_NB) != 0) {
-            if (errno != EWOULDBLOCK) {
-                error = lastError();
-            }
-            ::close(handle);
-            return nullptr;
-        }
-        // The last holder may have removed the file between open and lock. Then this lock belongs to a file
-        // without a name.
-        struct stat held = {};
-        struct stat named = {};
-        if (::fstat(handle, &held) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
-            return std::unique_ptr<LockFile>(new LockFile(path, handle));
-        }
-        ::close(handle);
-    }
-}
-
-LockFile::~LockFile() {
-    ::unlink(path_.c_str());
-    ::close(static_cast<int>(handle_));
 }
 
 std::uint64_t lineEndBytes() {

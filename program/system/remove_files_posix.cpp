@@ -1,5 +1,7 @@
 #include "program/system/remove_files.h"
 
+#include "program/system/network_disk_posix.h"
+
 #include <algorithm>
 #include <system_error>
 
@@ -50,7 +52,9 @@ void removeLargeFiles(const std::vector<std::filesystem::path>& files) {
     }
     for (const std::filesystem::path& file : files) {
         const int handle = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-        if (handle >= 0) {
+        if (handle >= 0 && isOnNetworkDisk(handle)) {
+            ::close(handle); // held, it would keep a name in the folder; its server does the work anyway
+        } else if (handle >= 0) {
             handles.push_back(handle);
         }
     }

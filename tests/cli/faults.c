@@ -3,8 +3,10 @@
  *
  * FAULT_KILL_AT=N       the process is killed in place of its Nth call that changes names or flushes
  * FAULT_NO_EXCHANGE=1   the file system knows no exchange of names
- * FAULT_FSYNC=N         the Nth flush fails as a full disk does
- * FAULT_READ=N          the Nth read at a place (pread) fails as a broken disk does
+ * FAULT_NO_LOCKS=ERRNO  the file system knows no locks (flock)
+ * FAULT_NETWORK=1       every file system says that it is NFS (fstatfs), and a file that this process has
+ * open keeps a name when it is removed, as there; it keeps it for ever FAULT_FSYNC=N         the Nth flush
+ * fails as a full disk does FAULT_READ=N          the Nth read at a place (pread) fails as a broken disk does
  * FAULT_WRITE=N         the same of writes (pwrite)
  * FAULT_SLOW=FILE       while FILE exists, every read at a place takes 100 ms longer
  * FAULT_HOLD=FILE       the process creates FILE when it is about to create the folder that it writes to,
@@ -18,13 +20,16 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #ifndef RENAME_EXCHANGE
@@ -36,6 +41,8 @@ static long failingFlush = 0;
 static long failingRead = 0;
 static long failingWrite = 0;
 static int noExchange = 0;
+static int noLocks = 0;
+static int isNetwork = 0;
 static char countFile[4096] = "";
 static long calls = 0;
 static long flushes = 0;
@@ -55,6 +62,8 @@ __attribute__((constructor)) static void readFaults(void) {
     failingRead = numberOf("FAULT_READ");
     failingWrite = numberOf("FAULT_WRITE");
     noExchange = numberOf("FAULT_NO_EXCHANGE") != 0;
+    noLocks = (int)numberOf("FAULT_NO_LOCKS");
+    isNetwork = numberOf("FAULT_NETWORK") != 0;
     const char* file = getenv("FAULT_COUNT");
     if (file != NULL) {
         strncpy(countFile, file, sizeof countFile - 1);
@@ -130,9 +139,41 @@ int renameat2(int fromFolder, const char* from, int toFolder, const char* to, un
     return next(fromFolder, from, toFolder, to, flags);
 }
 
+int flock(int file, int operation) {
+    int (*next)(int, int) = (int (*)(int, int))dlsym(RTLD_NEXT, "flock");
+    errno = noLocks;
+    return noLocks != 0 ? -1 : next(file, operation);
+}
+
+int fstatfs(int file, struct statfs* status) {
+    int (*next)(int, struct statfs*) = (int (*)(int, struct statfs*))dlsym(RTLD_NEXT, "fstatfs");
+    const int result = next(file, status);
+    status->f_type = result == 0 && isNetwork ? NFS_SUPER_MAGIC : status->f_type;
+    return result;
+}
+
+static int isOpenHere(const char* path) {
+    struct stat wanted;
+    struct stat found;
+    if (lstat(path, &wanted) != 0 || !S_ISREG(wanted.st_mode)) {
+        return 0;
+    }
+    for (int file = 0; file < 1024; ++file) {
+        if (fstat(file, &found) == 0 && found.st_dev == wanted.st_dev && found.st_ino == wanted.st_ino) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
 int remove(const char* path) {
     int (*next)(const char*) = (int (*)(const char*))dlsym(RTLD_NEXT, "remove");
     countCall("remove");
+    if (isNetwork && isOpenHere(path)) {
+        char kept[4096];
+        snprintf(kept, sizeof kept, "%s.nfs", path);
+        return rename(path, kept);
+    }
     return next(path);
 }
 
