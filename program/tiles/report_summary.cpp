@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <map>
 
@@ -114,7 +115,12 @@ ReportedTile readReport(const std::string& name) {
     const auto refuse = [&](const char* what) {
         throw Failure(ExitStatus::inputRefused, fmt::format("{}: {}", name, what));
     };
-    std::ifstream file(pathFromText(name), std::ios::binary);
+    const std::filesystem::path path = pathFromText(name);
+    std::error_code error;
+    if (std::filesystem::status(path, error).type() == std::filesystem::file_type::not_found) {
+        refuse("is not there: its run never began, or wrote its report elsewhere");
+    }
+    std::ifstream file(path, std::ios::binary);
     if (!file) {
         refuse("cannot be read: check the path and its permissions");
     }
