@@ -11,6 +11,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <limits>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -67,12 +68,16 @@ void addAxes(std::vector<Dimension>& dimensions, const std::array<const char*, 3
 std::vector<Dimension> dimensionsOf(const Tile& tile) {
     constexpr int wordBytes = 2;
     constexpr int floatBytes = 4;
+    constexpr int rotationBytes = 4;
+    constexpr double none = std::numeric_limits<double>::infinity();
     const SplatReader::Meta& meta = tile.meta;
     std::vector<Dimension> dimensions;
     addAxes(dimensions, {"x", "y", "z"}, floatBytes, "floating", {tile.min, tile.max});
     addAxes(dimensions, {"red", "green", "blue"}, 1, "unsigned", meta.colour());
     dimensions.push_back({"opacity", 1, "unsigned", meta.opacity().min[0], meta.opacity().max[0]});
     addAxes(dimensions, {"scale_x", "scale_y", "scale_z"}, wordBytes, "unsigned", meta.scaleRange());
+    // One word holds three components and the number of the fourth: its bounds would say nothing.
+    dimensions.push_back({"rotation", rotationBytes, "unsigned", none, none});
     addAxes(dimensions, {"normal_x", "normal_y", "normal_z"}, wordBytes, "unsigned", meta.normal());
     if (meta.hasCoefficients()) {
         addAxes(dimensions, {"coefficients_red", "coefficients_green", "coefficients_blue"},
@@ -89,7 +94,8 @@ void putPointCloud(Json& properties, const Tile& tile) {
     Json statistics = Json::array();
     for (const Dimension& dimension : dimensionsOf(tile)) {
         Json statistic = {{"name", dimension.name}, {"position", schemas.size()}, {"count", tile.splats}};
-        // The bounds of no splats are infinite, which JSON cannot express.
+        // The bounds of no splats are infinite, and so are those of a column without any. JSON cannot express
+        // that.
         if (std::isfinite(dimension.min) && std::isfinite(dimension.max)) {
             statistic["minimum"] = dimension.min;
             statistic["maximum"] = dimension.max;
