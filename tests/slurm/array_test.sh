@@ -76,16 +76,26 @@ times() {
     done
 }
 
-# ended_with STATUS: prints the tiles whose last conversion had this exit status.
-ended_with() {
-    grep -lx "$1" out/status/* | sed 's#.*/##'
+# reported STATUS: prints the tiles whose last report has this status.
+reported() {
+    grep -l "\"status\":\"$1\"" out/reports/*.json | sed 's#.*/##; s#[.]json$##'
+}
+
+# is_done TILE: true if its report says so.
+is_done() {
+    grep -qs '"status":"done"' "out/reports/$1.json"
+}
+
+# with_commas NUMBER: prints it as the program does.
+with_commas() {
+    sed -E ':again; s/([0-9])([0-9]{3})(,|$)/\1,\2\3/; t again' <<<"$1"
 }
 
 folders() {
     find "$1" -mindepth 1 -maxdepth 1 -type d -printf '%f\n' | sort
 }
 
-# sum_of_splats: prints the number of splats in all datasets.
+# sum_of_splats: of all datasets, by what they hold.
 sum_of_splats() {
     local sum=0 name
     for name in "$@"; do
@@ -111,36 +121,38 @@ kill -KILL "$(<"$killed.pid")"
 kill -KILL "$(<"$node_folder/slurmd.pid")"
 wait_for "the node's daemon is gone" no_process "$(<"$node_folder/slurmd.pid")"
 rm "$killed.held" "$waiting".{held,stops}
-wait_for "a tile is done while there is no daemon" exists "out/status/$waiting"
+wait_for "a tile is done while there is no daemon" is_done "$waiting"
 slurmd -N "$(hostname)" || fail "slurmd does not start again"
 wait "$first"
-expect "exit status of the first run" 3 "$?"
+expect "exit status of the first run" 4 "$?"
 cat first.txt
 
 for name in "${good[@]}"; do
     [[ $name != "$killed" ]] || continue
     expect "$name verifies" 0 "$(quietly plyconvert verify "out/tiles/$name" --against "scenes/$name.ply")"
-    expect "exit status of $name" 0 "$(<"out/status/$name")"
 done
-expect "$killed has no dataset" no "$(exists "out/tiles/$killed" && echo yes || echo no)"
-expect "$killed was killed" 137 "$(<"out/status/$killed")"
-for name in "$cut" "$no_scene"; do
-    expect "$name was refused" 2 "$(<"out/status/$name")"
+expect "tiles that are done" "$(printf '%s\n' "${good[@]}" | grep -vx "$killed")" "$(reported "done")"
+expect "the killed tile" "$killed" "$(reported running)"
+expect "tiles that were refused" "$(printf '%s\n' "$cut" "$no_scene")" "$(reported inputRefused)"
+for name in "$killed" "$cut" "$no_scene"; do
     expect "$name has no dataset" no "$(exists "out/tiles/$name" && echo yes || echo no)"
 done
-expect "tiles of the second round" "$large" "$(cut -f 1 out/lists/2)"
+expect "rounds" "tiles: $tiles, memory of each: $memory MiB|tiles: 1, memory of each: $((2 * memory)) MiB|" \
+    "$(grep '^tiles:' first.txt | tr '\n' '|')"
 says first.txt "$cut" "the file is cut"
 says first.txt "$no_scene" "scenes/$no_scene.ply"
 says first.txt "$killed" "killed"
+says first.txt "$tiles tiles: 21 done, 0 skipped, 3 failed (2 inputRefused, 1 running)"
 
 echo "-- second run"
 before=$(times)
 "$example" --mem="$((memory * 8))M" --cpus-per-task=1 --time=10 out scenes/*.ply >second.txt 2>&1
-expect "exit status of the second run" 3 "$?"
+expect "exit status of the second run" 4 "$?"
 cat second.txt
 expect "the datasets of the first run" "$before" "$(times)"
-expect "tiles of the second run" "$(printf '%s\n' "$cut" "$killed" "$no_scene")" "$(cut -f 1 out/lists/1)"
-expect "tiles that are converted" "$(printf '%s\n' "${good[@]}")" "$(ended_with 0)"
+expect "what the second run converted" "$killed" "$(reported "done")"
+expect "what it skipped" "$(printf '%s\n' "${good[@]}" | grep -vx "$killed")" "$(reported skipped)"
+expect "what it refused" "$(printf '%s\n' "$cut" "$no_scene")" "$(reported inputRefused)"
 expect "$killed verifies" 0 "$(quietly plyconvert verify "out/tiles/$killed" --against "scenes/$killed.ply")"
 sum=0
 for name in "${good[@]}"; do
@@ -148,9 +160,8 @@ for name in "${good[@]}"; do
 done
 expect "sum of the splats in ${#good[@]} datasets" "$sum" "$(sum_of_splats "${good[@]}")"
 expect "what is in the folder" "$(printf '%s\n' "${good[@]}")" "$(folders out/tiles)"
-expect "tiles that were refused" "$(printf '%s\n' "$cut" "$no_scene")" "$(ended_with 2)"
 says second.txt "$cut" "the file is cut"
-says second.txt "converted: ${#good[@]} of $tiles tiles, $sum splats"
+says second.txt "$(with_commas "$sum") splats,"
 
 echo "-- third run: a scene has changed, and its task is cancelled"
 earlier=$(number_in splatsHeld < <(plyconvert info --json "out/tiles/$killed"))
@@ -159,11 +170,10 @@ PATH=$PWD/stopping:$PATH "$example" --mem="${memory}M" --cpus-per-task=1 --time=
 third=$!
 wait_for "the changed tile stands in the middle of its conversion" exists "$killed.held"
 scancel --state=RUNNING --user=root
-wait_for "its task has ended" exists "out/status/$killed"
 wait "$third"
-expect "exit status of the third run" 3 "$?"
+expect "exit status of the third run" 4 "$?"
 cat third.txt
-expect "exit status of the cancelled task" 130 "$(<"out/status/$killed")"
+expect "the cancelled tile" "$killed" "$(reported interrupted)"
 says third.txt "$killed" "interrupted"
 expect "splats of its earlier dataset" "$earlier" "$(number_in splatsHeld < <(plyconvert info --json "out/tiles/$killed"))"
 expect "what is in the folder" "$(printf '%s\n' "${good[@]}")" "$(folders out/tiles)"
@@ -173,9 +183,11 @@ refused 1 "needed" "$example" out
 refused 1 "--NAME=VALUE" "$example" --mem 4G out scenes/tile01.ply
 refused 1 "size" "$example" --mem=much out scenes/tile01.ply
 refused 1 "would both become" "$example" out scenes/tile01.ply elsewhere/tile01.ply
-refused 1 "--mem=SIZE" "$example" out scenes/tile01.ply
-"$example" --partition=none --mem=100M none scenes/tile01.ply >refused.txt 2>&1
-expect "exit status where the cluster takes no such job" 2 "$?"
+"$example" none "scenes/$no_scene.ply" >refused.txt 2>&1
+expect "exit status where nothing can be planned" 1 "$?"
+says refused.txt "give --mem=SIZE"
+"$example" --partition=none none scenes/tile01.ply >refused.txt 2>&1
+expect "exit status where Slurm takes no such job" 1 "$?"
 says refused.txt "did not take the job"
 
 ((failures == 0)) || exit 1
