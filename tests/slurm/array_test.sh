@@ -146,7 +146,8 @@ says first.txt "$tiles tiles: 21 done, 0 skipped, 3 failed (2 inputRefused, 1 ru
 
 echo "-- second run"
 before=$(times)
-"$example" --mem="$((memory * 8))M" --cpus-per-task=1 --time=10 out scenes/*.ply >second.txt 2>&1
+# Memory and time are those that the program plans.
+"$example" --cpus-per-task=1 out scenes/*.ply >second.txt 2>&1
 expect "exit status of the second run" 4 "$?"
 cat second.txt
 expect "the datasets of the first run" "$before" "$(times)"
