@@ -14,7 +14,6 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace Tavrin::GaussionSplat {

@@ -18,8 +18,6 @@
 #include "tests/support/header_errors.h"
 
 #include <algorithm>
-#include <cmath>
-#include <set>
 #include <stdexcept>
 
 namespace {

@@ -10,9 +10,7 @@
 #include "tests/support/header_errors.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <set>
 #include <stdexcept>
 
 namespace {

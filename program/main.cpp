@@ -16,7 +16,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <memory>

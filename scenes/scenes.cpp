@@ -8,7 +8,6 @@
 #include <charconv>
 #include <cmath>
 #include <fstream>
-#include <limits>
 #include <stdexcept>
 
 namespace scenes {

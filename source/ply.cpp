@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <bit>
 
 namespace Tavrin::SplatSource {
 namespace {

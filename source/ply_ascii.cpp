@@ -10,7 +10,6 @@
 #include <array>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <optional>
 #include <thread>
 

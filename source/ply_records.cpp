@@ -3,7 +3,6 @@
 #include <array>
 #include <bit>
 #include <cstring>
-#include <type_traits>
 
 namespace Tavrin::SplatSource {
 namespace {

@@ -1,6 +1,5 @@
 #include "stream/crew.h"
 
-#include <limits>
 #include <system_error>
 #include <thread>
 #include <vector>

@@ -5,9 +5,7 @@
 #include "stream/place.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
-#include <optional>
 
 namespace Tavrin::SplatStream {
 

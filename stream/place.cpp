@@ -14,10 +14,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <memory>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 namespace Tavrin::SplatStream {
 

@@ -12,7 +12,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <charconv>
 #include <memory>
 #include <set>

@@ -10,7 +10,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>

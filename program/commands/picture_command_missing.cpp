@@ -3,10 +3,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <memory>
-#include <string>
-#include <vector>
-
 namespace Tavrin::SplatProgram {
 
 void addPictureCommand(CLI::App& program, Action& chosen) {

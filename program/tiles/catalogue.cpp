@@ -124,7 +124,7 @@ Json propertiesJson(const CatalogueItem& item) {
 }
 
 std::string referenceTo(const fs::path& file, const CataloguePlace& place) {
-    const std::string relative = relativeReference(file, place.folder);
+    std::string relative = relativeReference(file, place.folder);
     if (place.base.empty()) {
         return relative;
     }

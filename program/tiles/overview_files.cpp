@@ -146,7 +146,7 @@ std::optional<Overview> overviewBeside(const fs::path& folder, std::string& rema
             overview->file = path;
             overview->bytes = fs::file_size(path, error);
         } else {
-            remark = textFromPath(path) + ": " + remark;
+            remark.insert(0, textFromPath(path) + ": ");
         }
         return overview;
     }

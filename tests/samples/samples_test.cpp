@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <set>
 #include <string>
-#include <vector>
 
 namespace samples {
 

@@ -7,7 +7,6 @@
 #include <fstream>
 #include <random>
 #include <string>
-#include <vector>
 
 namespace Tavrin::GaussionSplat {
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 namespace Tavrin::GaussionSplat {

@@ -15,7 +15,6 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <vector>
 

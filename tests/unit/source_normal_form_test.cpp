@@ -8,7 +8,6 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>

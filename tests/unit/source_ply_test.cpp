@@ -9,11 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
-#include <charconv>
 #include <cstring>
-#include <numeric>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -2,8 +2,6 @@
 
 #include "tests/unit/stream_support.h"
 
-#include <limits>
-
 namespace Tavrin::SplatStream {
 
 namespace {

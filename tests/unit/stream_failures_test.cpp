@@ -3,9 +3,6 @@
 #include "tests/unit/stream_support.h"
 
 #include <atomic>
-#include <chrono>
-#include <cmath>
-#include <limits>
 
 #if !defined(_WIN32)
 #include <csignal>

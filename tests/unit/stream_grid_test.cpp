@@ -4,7 +4,6 @@
 #include "tests/unit/stream_support.h"
 
 #include <algorithm>
-#include <limits>
 #include <set>
 
 namespace Tavrin::SplatStream {
