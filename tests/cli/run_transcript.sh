@@ -22,6 +22,9 @@ update=no
 transcript=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
 
+# The version of the header, which output shows as VERSION.
+version=$(sed -nE 's/^#define PLYCONVERT_VERSION_(MAJOR|MINOR|PATCH) ([0-9]+)$/\2/p' "$here/../../include/plyconvert.h" | paste -sd .)
+hide_version="s/^plyconvert ${version//./[.]}\$/plyconvert VERSION/; s/\"program\":\"${version//./[.]}\"/\"program\":\"VERSION\"/g"
 shown=WORK # replaces the scratch folder's path in output; a document may set another text
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
 cleanups=()
@@ -43,7 +46,7 @@ source "$here/lib.sh"
 
 # Replaces values that differ between runs by fixed text.
 settled() {
-    sed -E -e "s#$scratch/work#$shown#g" \
+    sed -E -e "s#$scratch/work#$shown#g" -e "$hide_version" \
         -e 's/(partial|replaced)-[0-9]+/\1-PID/g' \
         -e 's/[0-9.:]+ (s|min), [0-9,]+ splats\/s/TIME, SPEED splats\/s/' \
         -e 's/, in [0-9.]+ s/, in TIME/' \
@@ -85,7 +88,7 @@ finish() {
         [[ $update == no ]] && printf '%s: $ %s\n' "$(basename "$transcript")" "$command"
         [[ $update == no ]] && tail -n +3 "$scratch/difference"
     fi
-    sed -E "s#$scratch/work#$shown#g; s/(partial|replaced)-[0-9]+/\1-PID/g" "$scratch/actual" >>"$scratch/updated"
+    sed -E "s#$scratch/work#$shown#g; $hide_version; s/(partial|replaced)-[0-9]+/\1-PID/g" "$scratch/actual" >>"$scratch/updated"
     command=
     : >"$scratch/expected"
 }
