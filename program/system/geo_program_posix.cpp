@@ -15,6 +15,7 @@ void runGeoProgram(const std::vector<std::string>& words) {
     std::vector<std::string> copies = {"plyconvert"};
     copies.insert(copies.end(), words.begin(), words.end());
     std::vector<char*> arguments;
+    arguments.reserve(copies.size() + 1);
     for (std::string& word : copies) {
         arguments.push_back(word.data());
     }

@@ -117,9 +117,9 @@ void StageTimes::begin(const char* stage) {
 }
 
 std::vector<std::pair<std::string, double>> StageTimes::stages() const {
-    StageTimes so_far = *this;
-    so_far.begin("");
-    return so_far.ended_;
+    StageTimes soFar = *this;
+    soFar.begin("");
+    return soFar.ended_;
 }
 
 void TileReport::take(const Summary& summary) {
