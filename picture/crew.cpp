@@ -1,10 +1,9 @@
 #include "picture/crew.h"
 
+#include "threads/crew.h"
+
 #include <algorithm>
-#include <system_error>
-#include <thread>
 #include <utility>
-#include <vector>
 
 namespace Tavrin::SplatPicture {
 namespace {
@@ -21,11 +20,11 @@ void Crew::setShares(double from, double to) {
 }
 
 void Crew::pause(unsigned worker) {
-    if (stopped_.load(std::memory_order_relaxed)) {
+    if (crew_->isStopped()) {
         throw Stopped();
     }
     if (worker == 0 && progress_) {
-        const auto done = static_cast<double>(std::min(items_, next_.load(std::memory_order_relaxed)));
+        const auto done = static_cast<double>(begun_.load(std::memory_order_relaxed));
         const double share =
             from_ + (to_ - from_) * done / static_cast<double>(std::max<std::size_t>(items_, 1));
         reported_ = std::max(reported_, share);
@@ -33,39 +32,16 @@ void Crew::pause(unsigned worker) {
     }
 }
 
-void Crew::work(unsigned worker, const Body& body) noexcept {
-    try {
-        for (std::size_t item = next_++; item < items_; item = next_++) {
-            pause(worker);
-            body(worker, item);
-        }
-    } catch (const Stopped&) { // the failure is another worker's
-    } catch (...) {
-        const std::lock_guard lock(mutex_);
-        if (!stopped_.exchange(true)) {
-            failure_ = std::current_exception();
-        }
-    }
-}
-
 void Crew::run(std::size_t items, const Body& body) {
     items_ = items;
-    next_ = 0;
-    std::vector<std::thread> others;
-    try {
-        for (unsigned worker = 1; worker < std::min<std::size_t>(threads_, items); ++worker) {
-            others.emplace_back([this, worker, &body] { work(worker, body); });
-        }
-    } catch (const std::system_error&) { // fewer threads do the work
-    }
-    work(0, body);
-    for (std::thread& other : others) {
-        other.join();
-    }
-    stopped_ = false;
-    if (failure_) {
-        std::rethrow_exception(std::exchange(failure_, nullptr));
-    }
+    begun_ = 0;
+    SplatThreads::Crew crew;
+    crew_ = &crew;
+    crew.share(threads_, items, [&](unsigned worker, std::uint64_t item) {
+        ++begun_;
+        pause(worker);
+        body(worker, static_cast<std::size_t>(item));
+    });
 }
 
 } // namespace Tavrin::SplatPicture

@@ -1,11 +1,13 @@
-// Threads that share the items of one task. They end together when one of them fails.
+// The threads that draw, and the share of the whole drawing that is done.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
-#include <exception>
 #include <functional>
-#include <mutex>
+
+namespace Tavrin::SplatThreads {
+class Crew;
+}
 
 namespace Tavrin::SplatPicture {
 
@@ -39,13 +41,9 @@ private:
     double from_ = 0.0;
     double to_ = 1.0;
     double reported_ = 0.0;
-    std::atomic<std::size_t> next_ = 0;
-    std::atomic<bool> stopped_ = false;
     std::size_t items_ = 0;
-    std::mutex mutex_; // guards failure_
-    std::exception_ptr failure_;
-
-    void work(unsigned worker, const Body& body) noexcept;
+    std::atomic<std::size_t> begun_ = 0; // of these
+    SplatThreads::Crew* crew_ = nullptr; // of the items being worked on
 };
 
 } // namespace Tavrin::SplatPicture

@@ -116,7 +116,7 @@ CompressedPlyInput::CompressedPlyInput(const std::filesystem::path& path, const 
     coefficientsAt_ = wordsAt_ + count * wordBytes;
     const std::uint64_t end = coefficientsAt_ + count * coefficientBytes_;
     if (end > file_.size()) {
-        refuse(file_, "the file_ is cut: " + countOf(count, "packed splat", "packed splats") +
+        refuse(file_, "the file is cut: " + countOf(count, "packed splat", "packed splats") +
                           " end at byte " + std::to_string(end) + ", and it has " +
                           std::to_string(file_.size()) + ": copy or export it again");
     }
@@ -141,7 +141,7 @@ void CompressedPlyInput::checkLayout(const PlyHeader& header) {
     requireProperties(file_, vertex, wordNames, wordNames.size(), Scalar::uint32);
     count = vertex.count;
     if (count == 0) {
-        refuseLine(file_, vertex.line, "the file_ has no splats");
+        refuseLine(file_, vertex.line, "the file has no splats");
     }
     // No file has 2^59 bytes, so the sums below stay far from the limits of 64 bits.
     constexpr std::uint64_t most = std::uint64_t{1} << 52;

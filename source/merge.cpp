@@ -1,16 +1,14 @@
 #include "source/merge.h"
 
 #include "source/text.h"
+#include "threads/crew.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <exception>
 #include <limits>
-#include <mutex>
-#include <thread>
 #include <tuple>
 #include <utility>
 
@@ -89,41 +87,38 @@ Box emptyBox() {
     return {{none, none, none}, {-none, -none, -none}};
 }
 
+// Widens the box by another one.
+void widenBox(Box& box, const Box& other, const Point& move) {
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        box.min[axis] = std::min(box.min[axis], other.min[axis] + move[axis]);
+        box.max[axis] = std::max(box.max[axis], other.max[axis] + move[axis]);
+    }
+}
+
 // The box of an input's positions without the cropped ones.
-Box inputBox(const Input& input, const std::optional<Box>& crop, unsigned threads) {
-    Box box = emptyBox();
-    std::mutex lock;
-    std::exception_ptr failure;
-    std::atomic<std::uint64_t> next = 0;
-    const auto work = [&] {
-        try {
-            Box own = emptyBox();
-            std::vector<double> positions(3 * boxWindow);
-            for (std::uint64_t first; (first = next.fetch_add(boxWindow)) < input.count;) {
-                const std::uint64_t size = std::min(boxWindow, input.count - first);
-                input.readPositions(first, size, positions.data());
-                widenBox(own, positions.data(), size, crop);
-            }
-            const std::lock_guard<std::mutex> guard(lock);
-            for (std::size_t axis = 0; axis < 3; ++axis) {
-                box.min[axis] = std::min(box.min[axis], own.min[axis]);
-                box.max[axis] = std::max(box.max[axis], own.max[axis]);
-            }
-        } catch (...) {
-            const std::lock_guard<std::mutex> guard(lock);
-            failure = std::current_exception();
-        }
+Box inputBox(const Input& input, const std::optional<Box>& crop, unsigned threads, const Pause& pause) {
+    struct Worker {
+        Box box = emptyBox();
+        std::vector<double> positions = std::vector<double>(3 * boxWindow);
     };
-    std::vector<std::thread> workers;
-    for (unsigned i = 1; i < threads; ++i) {
-        workers.emplace_back(work);
-    }
-    work();
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
-    if (failure) {
-        std::rethrow_exception(failure);
+    std::vector<Worker> workers(std::max(threads, 1u));
+    SplatThreads::Crew crew([&](std::uint64_t) {
+        if (pause) {
+            pause();
+        }
+    });
+    crew.share(threads, (input.count + boxWindow - 1) / boxWindow,
+               [&](unsigned number, std::uint64_t window) {
+                   Worker& worker = workers[number];
+                   const std::uint64_t first = window * boxWindow;
+                   const std::uint64_t size = std::min(boxWindow, input.count - first);
+                   input.readPositions(first, size, worker.positions.data());
+                   widenBox(worker.box, worker.positions.data(), size, crop);
+                   crew.advance(size);
+               });
+    Box box = emptyBox();
+    for (const Worker& worker : workers) {
+        widenBox(box, worker.box, Point{});
     }
     return box;
 }
@@ -131,7 +126,7 @@ Box inputBox(const Input& input, const std::optional<Box>& crop, unsigned thread
 } // namespace
 
 Scene::Scene(std::vector<std::unique_ptr<Input>> inputs, const SceneOptions& options)
-    : rules_(options.rules), isStrict_(options.isStrict) {
+    : rules_(options.rules), pause_(options.open.pause), isStrict_(options.isStrict) {
     for (std::unique_ptr<Input>& input : inputs) {
         firsts_.push_back(count);
         count += input->count;
@@ -292,11 +287,7 @@ Box Scene::measureBox(unsigned threads) const {
     Box box = emptyBox();
     for (std::size_t i = 0; i < inputs_.size(); ++i) {
         const Input& input = inputs_[i]->input();
-        const Box own = inputBox(input, rules_.crop, threads);
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            box.min[axis] = std::min(box.min[axis], own.min[axis] + moves_[i][axis]);
-            box.max[axis] = std::max(box.max[axis], own.max[axis] + moves_[i][axis]);
-        }
+        widenBox(box, inputBox(input, rules_.crop, threads, pause_), moves_[i]);
     }
     return box;
 }

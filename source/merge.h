@@ -101,6 +101,7 @@ private:
     std::vector<std::uint64_t> firsts_; // number of each input's first record in the scene
     std::vector<Point> moves_;          // what is added to the positions of an input
     DropRules rules_;
+    Pause pause_; // may be empty
     bool isStrict_;
     bool isKindStated_ = false; // the kind of data: by a comment or an option
 };

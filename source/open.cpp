@@ -4,7 +4,6 @@
 #include "source/ply.h"
 #include "source/ply_body.h"
 #include "source/ply_layout.h"
-#include "source/record_file.h"
 #include "source/spz.h"
 #include "source/text.h"
 
@@ -116,13 +115,13 @@ std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenO
     std::optional<PlyHeader> header;
     switch (kindOf(path, header)) {
     case Kind::spz:
-        return std::make_unique<SpzInput>(path, options.axes, options.scratchFolder);
+        return std::make_unique<SpzInput>(path, options.axes, options.scratchFolder, options.pause);
     case Kind::compressedPly:
         return std::make_unique<CompressedPlyInput>(path, *header);
     case Kind::ply:
         break;
     }
-    return std::make_unique<PlyInput>(path, options.threads);
+    return std::make_unique<PlyInput>(path, options.threads, options.pause);
 }
 
 std::unique_ptr<Input> openHeader(const std::filesystem::path& path) {

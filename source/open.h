@@ -3,6 +3,7 @@
 
 #include "source/axes.h"
 #include "source/input.h"
+#include "source/record_file.h"
 
 #include <filesystem>
 #include <memory>
@@ -13,6 +14,7 @@ struct OpenOptions {
     unsigned threads = 1;                // for passes that opening takes, at least 1
     InputAxes axes = InputAxes::stated;  // kinds of files that leave them open
     std::filesystem::path scratchFolder; // for what has to be unpacked; it exists
+    Pause pause;                         // may be empty; kept for later reads, too
 };
 
 // Throws SourceError when the file cannot be opened, is damaged, or is no splat file. In the last case the

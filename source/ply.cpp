@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace Tavrin::SplatSource {
 namespace {
@@ -36,7 +37,8 @@ void describePly(const PlyHeader& header, const SplatLayout& layout, Input& inpu
     input.remarks = layout.remarks;
 }
 
-PlyInput::PlyInput(const std::filesystem::path& path, unsigned threads) : file_(path) {
+PlyInput::PlyInput(const std::filesystem::path& path, unsigned threads, Pause pause)
+    : file_(path, std::move(pause)) {
     name = file_.name();
     header_ = parsePlyHeader(readStart(file_), name);
     layout_ = splatLayoutOf(header_, name);

@@ -15,8 +15,9 @@ namespace Tavrin::SplatSource {
 
 class PlyInput final : public Input {
 public:
-    // Reads the header and finds the vertices (see openPlyBody, which takes the threads). Throws SourceError.
-    PlyInput(const std::filesystem::path& path, unsigned threads);
+    // Reads the header and finds the vertices (see openPlyBody, which takes the threads). Throws SourceError
+    // and what `pause` throws.
+    PlyInput(const std::filesystem::path& path, unsigned threads, Pause pause = {});
 
     void readWide(std::uint64_t first, std::uint64_t size, float* records, double* positions) const override;
     void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const override;

@@ -3,15 +3,14 @@
 #include "source/ply_body.h"
 #include "source/ply_numbers.h"
 #include "source/text.h"
+#include "threads/crew.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <exception>
 #include <optional>
-#include <thread>
 
 namespace Tavrin::SplatSource {
 namespace {
@@ -116,7 +115,7 @@ public:
         const std::uint64_t bytes = file.size() - bodyAt;
         const std::uint64_t blocks = bytes / blockBytes + (bytes % blockBytes > 0 ? 1 : 0);
         before_.resize(blocks + 1);
-        countAll(blocks, std::max(threads, 1u));
+        countAll(blocks, threads);
         for (std::uint64_t block = 0; block < blocks; ++block) {
             before_[block + 1] += before_[block];
         }
@@ -171,28 +170,11 @@ private:
     }
 
     void countAll(std::uint64_t blocks, unsigned threads) {
-        std::vector<std::thread> workers;
-        std::vector<std::exception_ptr> errors(threads);
-        const std::uint64_t share = blocks / threads + 1;
-        const auto work = [&](unsigned worker) {
-            try {
-                countBlocks(std::min(worker * share, blocks), std::min((worker + 1) * share, blocks));
-            } catch (...) {
-                errors[worker] = std::current_exception();
-            }
-        };
-        for (unsigned worker = 1; worker < threads && worker * share < blocks; ++worker) {
-            workers.emplace_back(work, worker);
-        }
-        work(0);
-        for (std::thread& worker : workers) {
-            worker.join();
-        }
-        for (const std::exception_ptr& error : errors) {
-            if (error) {
-                std::rethrow_exception(error);
-            }
-        }
+        constexpr std::uint64_t atOnce = 64;
+        SplatThreads::Crew().share(threads, blocks / atOnce + 1,
+                                   [&](unsigned /*worker*/, std::uint64_t group) {
+                                       countBlocks(group * atOnce, std::min((group + 1) * atOnce, blocks));
+                                   });
     }
 
     const RecordFile& file_;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <system_error>
+#include <utility>
 
 namespace Tavrin::SplatSource {
 
@@ -20,31 +21,33 @@ std::string textOf(const std::filesystem::path& path) {
     return {text.begin(), text.end()};
 }
 
-RecordFile::RecordFile(const std::filesystem::path& path) : path_(path) {
-    int error = 0;
-    handle_ = open(path, error);
+RecordFile::RecordFile(const std::filesystem::path& path, Pause pause)
+    : path_(path), pause_(std::move(pause)) {
+    int error = file_.openToRead(path);
     if (error != 0) {
         throw SourceError(name() + ": the file cannot be opened: " + systemText(error) +
                           ": check the path and the permissions");
     }
-    opened_ = stateOf(handle_, error);
+    opened_ = file_.state(error);
     if (error != 0) {
-        close(handle_);
         throw SourceError(name() + ": the system tells nothing of the file: " + systemText(error) +
                           ": check the disk");
     }
 }
 
-RecordFile::~RecordFile() {
-    close(handle_);
+void RecordFile::pause() const {
+    if (pause_) {
+        pause_();
+    }
 }
 
 std::uint64_t RecordFile::readUpTo(std::uint64_t offset, void* destination, std::uint64_t length) const {
+    pause();
     std::uint64_t got = 0;
     while (got < length) {
         int error = 0;
         const std::uint64_t more =
-            readSome(handle_, offset + got, static_cast<std::byte*>(destination) + got, length - got, error);
+            file_.readSome(offset + got, static_cast<std::byte*>(destination) + got, length - got, error);
         if (error != 0) {
             throw SourceChanged(name() + ": the system fails to read at byte " +
                                 std::to_string(offset + got) + ": " + systemText(error) + ": check the disk");
@@ -69,12 +72,12 @@ void RecordFile::read(std::uint64_t offset, void* destination, std::uint64_t len
 
 void RecordFile::requireUnchanged() const {
     int error = 0;
-    const FileState named = stateOf(path_, error);
+    const FileState named = SystemFile::stateOf(path_, error);
     if (error != 0) {
         throw SourceChanged(name() + ": the file is gone: " + systemText(error) +
                             ": leave it in its place while it is read");
     }
-    const FileState held = stateOf(handle_, error);
+    const FileState held = file_.state(error);
     if (error != 0 || held != opened_ || named != opened_) {
         throw SourceChanged(name() + ": the file was changed or replaced while it was read: start again once "
                                      "nothing writes to it");

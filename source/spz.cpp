@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace Tavrin::SplatSource {
 namespace {
@@ -21,8 +22,8 @@ std::uint8_t* roomFor(std::uint64_t bytes) {
 } // namespace
 
 SpzInput::SpzInput(const std::filesystem::path& path, InputAxes axes,
-                   const std::filesystem::path& scratchFolder)
-    : file_(path), header_(readSpzHeader(file_)), arrays_(file_, header_, scratchFolder),
+                   const std::filesystem::path& scratchFolder, Pause pause)
+    : file_(path, std::move(pause)), header_(readSpzHeader(file_)), arrays_(file_, header_, scratchFolder),
       decoder_(header_, settleAxes(axes)) {
     if (header_.degree > 3) {
         remarks.push_back("coefficients of degree 4 are dropped: a dataset keeps those up to degree 3");

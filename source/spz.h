@@ -19,8 +19,9 @@ namespace Tavrin::SplatSource {
 // fixed size; records are read from there. Damage behind the header is found by then.
 struct SpzInput final : Input {
     // `scratchFolder` exists. Unpacks the file only where its axes stand behind its arrays. Throws
-    // SourceError when the file is no SPZ file that can be read, and ScratchError.
-    SpzInput(const std::filesystem::path& path, InputAxes axes, const std::filesystem::path& scratchFolder);
+    // SourceError when the file is no SPZ file that can be read, ScratchError, and what `pause` throws.
+    SpzInput(const std::filesystem::path& path, InputAxes axes, const std::filesystem::path& scratchFolder,
+             Pause pause = {});
 
     // These throw ScratchError, too.
     void readWide(std::uint64_t first, std::uint64_t size, float* records, double* positions) const override;

@@ -5,10 +5,11 @@
 #include "src/splatheader.h"
 #include "stream/cell_counts.h"
 #include "stream/conversion.h"
-#include "stream/crew.h"
 #include "stream/distinct_keys.h"
 #include "stream/memory.h"
 #include "stream/raw_ranges.h"
+#include "stream/windows.h"
+#include "threads/crew.h"
 
 #include <algorithm>
 #include <atomic>
@@ -21,6 +22,7 @@
 namespace Tavrin::SplatStream {
 
 using namespace GaussionSplat;
+using SplatThreads::Crew;
 
 namespace {
 
@@ -145,16 +147,9 @@ void MeasurePass::makeWorkers() {
 
 void MeasurePass::forEachWindow(const Windows& all, Crew& crew,
                                 const std::function<void(std::uint64_t, Found&)>& body) {
-    std::atomic<std::uint64_t> next = 0;
-    crew.run(plan.workers, [&](unsigned worker) {
-        for (;;) {
-            const std::uint64_t window = next.fetch_add(1, std::memory_order_relaxed);
-            if (window >= all.count() || crew.isStopped()) {
-                return;
-            }
-            body(window, *found[worker]);
-            crew.advance(0);
-        }
+    crew.share(plan.workers, all.count(), [&](unsigned worker, std::uint64_t window) {
+        body(window, *found[worker]);
+        crew.advance(0);
     });
 }
 
@@ -232,7 +227,7 @@ void MeasurePass::readWindow(std::uint64_t window, Found& own) {
 }
 
 void MeasurePass::readAll() {
-    Crew crew(settings);
+    Crew crew(settings.progress);
     forEachWindow(windows, crew, [&](std::uint64_t window, Found& own) {
         readWindow(window, own);
         crew.advance(windows.size(window));
@@ -241,7 +236,7 @@ void MeasurePass::readAll() {
 }
 
 void MeasurePass::scanBox() {
-    Crew crew(settings);
+    Crew crew(settings.progress);
     const Windows all{.records = source.boxPositions(), .windowRecords = windows.windowRecords};
     forEachWindow(all, crew, [&](std::uint64_t window, Found& own) {
         source.readBoxPositions(all.first(window), all.size(window), own.window.get());
@@ -322,7 +317,7 @@ bool MeasurePass::countAgain(const ChunkGrid& grid) {
     for (const std::unique_ptr<Found>& own : found) {
         own->cells.clear();
     }
-    Crew crew(settings);
+    Crew crew(settings.progress);
     crew.advance(source.count); // the pass has done all splats, and says so when it ends
     try {
         if (plan.keptBytes > 0) {
@@ -378,7 +373,7 @@ void MeasurePass::countAlone(const ChunkGrid& grid) {
 std::uint64_t MeasurePass::countDistinct(const ChunkGrid& grid) {
     Found& own = *found.front();
     return countDistinctKeys(std::max(plan.spareBytes, refusalBytes), [&](const KeyVisitor& visit) {
-        Crew crew(settings);
+        Crew crew(settings.progress);
         crew.advance(source.count);
         forEachWindow(windows, crew, [&](std::uint64_t window, Found&) {
             const std::uint64_t count =

@@ -1,9 +1,11 @@
 // A file that several threads write at any offset. Every result is checked.
 #pragma once
 
+#include "source/system_file.h"
+
 #include <cstdint>
 #include <filesystem>
-#include <string_view>
+#include <functional>
 
 namespace Tavrin::SplatStream {
 
@@ -13,12 +15,12 @@ public:
     explicit OutputFile(const std::filesystem::path& path);
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
-    ~OutputFile(); // closes it without looking at the result
 
-    // Reserve this many bytes from the start of the file, where the file system can. A full disk then shows
-    // before the work, and writing finds its place sooner. Throws WriteError when the bytes are not
-    // available.
-    void reserve(std::uint64_t bytes);
+    // Reserves this many bytes from the start of the file, where the file system can. A full disk then shows
+    // before the work, and writing finds its place sooner. Calls `pause` now and then: to reserve a gigabyte
+    // in memory takes some tenths of a second. Throws WriteError when the bytes are not available, and what
+    // `pause` throws.
+    void reserve(std::uint64_t bytes, const std::function<void()>& pause);
 
     // Throws WriteError.
     void write(std::uint64_t offset, const void* bytes, std::uint64_t length);
@@ -28,17 +30,9 @@ public:
 
 private:
     std::filesystem::path path_;
-    std::intptr_t handle_; // of the system
+    SplatSource::SystemFile file_;
 
     [[noreturn]] void fail(const char* what, int error) const;
-
-    // What differs between systems. Errors are the system's numbers, 0 for none.
-    static std::intptr_t open(const std::filesystem::path& path, int& error);
-    static int closeHandle(std::intptr_t handle);
-    static int reserveBytes(std::intptr_t handle, std::uint64_t bytes);
-    static std::uint64_t writeSome(std::intptr_t handle, std::uint64_t offset, const void* bytes,
-                                   std::uint64_t length, int& error);
-    static constexpr std::intptr_t closed = -1;
 };
 
 } // namespace Tavrin::SplatStream

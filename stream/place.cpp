@@ -4,11 +4,12 @@
 #include "src/indexer_quantise.h"
 #include "src/large_pages.h"
 #include "src/platform.h"
-#include "stream/crew.h"
 #include "stream/key_table.h"
 #include "stream/memory.h"
 #include "stream/output_file.h"
 #include "stream/pages.h"
+#include "stream/windows.h"
+#include "threads/crew.h"
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +21,7 @@
 namespace Tavrin::SplatStream {
 
 using namespace GaussionSplat;
+using SplatThreads::Crew;
 
 namespace {
 
@@ -129,7 +131,7 @@ PlacePass::PlacePass(const SplatSource::Source& scene, const Measured& facts, co
       quantiser_(quantiseSettings(facts.bounding, true)), isSingle_(facts.countedSplats <= singleCellSplats),
       hasManyCells_(filledCells(facts) > manyCells), numbers_(filledCells(facts)),
       places_(facts.cells, plan_.pages.pageRecords),
-      pool_(plan_.pages.pageRecords, facts.hasCoefficients, plan_.mostPages), crew_(chosen) {
+      pool_(plan_.pages.pageRecords, facts.hasCoefficients, plan_.mostPages), crew_(chosen.progress) {
     std::uint32_t number = 0;
     for (const Cell& cell : facts.cells) {
         if (cell.splats > 0) {
@@ -322,9 +324,10 @@ void PlacePass::work() {
 
 void PlacePass::run() {
     const std::uint64_t listed = measured_.splats - measured_.leftOut;
-    data_.reserve(listed * dataRecordSize);
+    const auto pause = [this] { crew_.advance(0); };
+    data_.reserve(listed * dataRecordSize, pause);
     if (coefficients_ != nullptr) {
-        coefficients_->reserve(listed * packedCoefficientsSize);
+        coefficients_->reserve(listed * packedCoefficientsSize, pause);
     }
     crew_.run(plan_.workers, [this](unsigned) { work(); });
     source_.requireUnchanged();

@@ -257,6 +257,7 @@ std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::file
     SplatSource::OpenOptions options;
     options.threads = usableProcessors();
     options.scratchFolder = std::filesystem::temp_directory_path();
+    options.pause = throwIfInterrupted;
     try {
         return SplatSource::openSource(path, options);
     } catch (const SplatSource::SourceError& error) {
@@ -269,6 +270,7 @@ std::unique_ptr<SplatSource::Input> openInput(SceneFacts& facts, const std::file
 SceneFacts::Place placeOf(std::unique_ptr<SplatSource::Input> input) {
     SplatSource::SceneOptions options;
     options.open.threads = usableProcessors();
+    options.open.pause = throwIfInterrupted;
     std::vector<std::unique_ptr<SplatSource::Input>> inputs;
     inputs.push_back(std::move(input));
     const SplatSource::Scene scene(std::move(inputs), options);

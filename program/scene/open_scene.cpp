@@ -1,5 +1,6 @@
 #include "program/scene/open_scene.h"
 
+#include "program/system/interrupt.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
 
@@ -88,7 +89,8 @@ void checkComments(SplatSource::Scene& scene) {
 } // namespace
 
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
-                                              const SplatSource::SceneOptions& options) {
+                                              SplatSource::SceneOptions options) {
+    options.open.pause = throwIfInterrupted;
     std::vector<fs::path> paths;
     for (const std::string& name : names) {
         requireReadableFile(name);

@@ -18,7 +18,7 @@ namespace Tavrin::SplatProgram {
 // scratchFailure; Interrupted, which later
 // reads throw, too (options.open.pause is replaced). The scene's remarks hold the warnings.
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
-                                              const SplatSource::SceneOptions& options);
+                                              SplatSource::SceneOptions options);
 
 // Opens one input by its header alone (see SplatSource::openHeader). Throws a Failure (InputRefused).
 std::unique_ptr<SplatSource::Input> openHeader(const std::string& name);

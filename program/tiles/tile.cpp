@@ -3,12 +3,11 @@
 #include "program/system/exit_status.h"
 #include "program/system/platform.h"
 #include "reader/dataset.h"
-#include "stream/crew.h"
+#include "threads/crew.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -19,6 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace Format = SplatReader::Format;
+using SplatThreads::Crew;
 
 // A dataset while it is read.
 struct Candidate {
@@ -153,18 +153,6 @@ void finish(std::vector<Candidate>& candidates, const std::vector<Part>& parts) 
     }
 }
 
-// Runs work(i) for each i below `count`, on `threads` threads.
-template <typename Work>
-void spread(SplatStream::Crew& crew, unsigned threads, std::size_t count, const Work& work) {
-    std::atomic<std::size_t> next = 0;
-    const auto workers = static_cast<unsigned>(std::clamp<std::size_t>(count, 1, threads));
-    crew.run(workers, [&](unsigned) {
-        for (std::size_t i = next++; i < count && !crew.isStopped(); i = next++) {
-            work(i);
-        }
-    });
-}
-
 } // namespace
 
 fs::path tileFolder(const std::string& name) {
@@ -189,10 +177,8 @@ fs::path tileFolder(const std::string& name) {
 Tiles readTiles(const std::vector<std::string>& names, unsigned threads,
                 const std::function<void(double share)>& progress) {
     std::vector<Candidate> candidates(names.size());
-    SplatStream::Settings verifying;
-    verifying.progress = [&](std::uint64_t) { progress(0.0); };
-    SplatStream::Crew verifiers(verifying);
-    spread(verifiers, threads, names.size(), [&](std::size_t i) {
+    Crew verifiers([&](std::uint64_t) { progress(0.0); });
+    verifiers.share(threads, names.size(), [&](unsigned, std::uint64_t i) {
         candidates[i] = verified(names[i]);
         verifiers.advance(1);
     });
@@ -201,12 +187,8 @@ Tiles readTiles(const std::vector<std::string>& names, unsigned threads,
     for (const Part& part : parts) {
         all += part.count;
     }
-    SplatStream::Settings reading;
-    reading.progress = [&](std::uint64_t done) {
-        progress(static_cast<double>(done) / static_cast<double>(all));
-    };
-    SplatStream::Crew readers(reading);
-    spread(readers, threads, parts.size(), [&](std::size_t i) {
+    Crew readers([&](std::uint64_t done) { progress(static_cast<double>(done) / static_cast<double>(all)); });
+    readers.share(threads, parts.size(), [&](unsigned, std::uint64_t i) {
         readPart(*candidates[parts[i].candidate].tile, parts[i]);
         readers.advance(parts[i].count);
     });

@@ -171,6 +171,30 @@ TEST_F(Packed, TurningByHandIsTurningBack) {
     EXPECT_EQ(a[11], b[11]);      // x
 }
 
+// Ctrl-C while a file is unpacked.
+TEST_F(Packed, UnpackingEndsWithWhatPauseThrows) {
+    struct Interrupted {};
+    std::size_t calls = 0;
+    std::size_t last = SIZE_MAX;
+    const auto pause = [&] {
+        if (++calls > last) {
+            throw Interrupted();
+        }
+    };
+    const fs::path path = formats / "spz" / "camera512_d3_v3.spz";
+    const auto open = [&] {
+        const SpzInput input(path, InputAxes::stated, fs::temp_directory_path(), pause);
+        std::vector<float> records(input.count * Tavrin::GaussionSplat::layoutWithCoefficients.floats);
+        input.read(0, input.count, records.data());
+    };
+    open();
+    for (const std::size_t most : {std::size_t{0}, calls / 2, calls - 1}) {
+        calls = 0;
+        last = most;
+        EXPECT_THROW(open(), Interrupted) << most;
+    }
+}
+
 TEST_F(Packed, PositionsAtTheEndsOfTheirBitsAreRemarked) {
     SpzInput edge(formats / "spz" / "edge_bytes_d1_v2_frac12_own.spz", InputAxes::stated,
                   fs::temp_directory_path());

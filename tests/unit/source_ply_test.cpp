@@ -12,6 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -145,6 +146,34 @@ TEST(PlyInput, KeepsTheBitsOfFloats) {
         std::swap(moved[i * floats], moved[i * floats + floats - 1]);
     }
     EXPECT_EQ(std::memcmp(moved.data(), file.records.data(), read.size() * sizeof(float)), 0);
+}
+
+// Ctrl-C while the words of a text file are counted, lists are walked over, or records are read.
+TEST(PlyInput, EndsWithWhatPauseThrows) {
+    struct Interrupted {};
+    for (const PlyForm form : {PlyForm::ascii, PlyForm::littleEndian}) {
+        const Scratch scratch;
+        support::writeFile(scratch / "scene.ply",
+                           support::variantFile({.form = form, .hasListInside = true}, recordsOf(3)));
+        std::size_t calls = 0;
+        std::size_t last = SIZE_MAX;
+        SplatSource::OpenOptions options;
+        options.pause = [&] {
+            if (++calls > last) {
+                throw Interrupted();
+            }
+        };
+        SplatSource::openSource(scratch / "scene.ply", options);
+        ASSERT_GE(calls, 2u); // the header, and what is behind it
+        last = std::exchange(calls, 0) - 1;
+        EXPECT_THROW(SplatSource::openSource(scratch / "scene.ply", options), Interrupted);
+        calls = 0;
+        last = SIZE_MAX;
+        const auto input = SplatSource::openSource(scratch / "scene.ply", options);
+        last = calls;
+        std::vector<float> records(input->count * GaussionSplat::layoutWithCoefficients.floats);
+        EXPECT_THROW(input->read(0, input->count, records.data()), Interrupted);
+    }
 }
 
 // The message with which a file with this content is refused.

@@ -1,7 +1,6 @@
-// The workers of one pass. They end together when one of them fails, and report progress one at a time.
+// Threads that work on one task together. They end together when one of them fails, and report progress one
+// at a time.
 #pragma once
-
-#include "stream/conversion.h"
 
 #include <atomic>
 #include <chrono>
@@ -10,28 +9,25 @@
 #include <functional>
 #include <mutex>
 
-namespace Tavrin::SplatStream {
-
-// A scene cut into windows, handed out in order.
-struct Windows {
-    std::uint64_t records = 0;       // of the whole scene
-    std::uint64_t windowRecords = 1; // of a window; the last may have fewer
-
-    std::uint64_t count() const { return records / windowRecords + (records % windowRecords != 0 ? 1 : 0); }
-    std::uint64_t first(std::uint64_t window) const { return window * windowRecords; }
-    std::uint64_t size(std::uint64_t window) const {
-        return records - first(window) < windowRecords ? records - first(window) : windowRecords;
-    }
-};
+namespace Tavrin::SplatThreads {
 
 class Crew {
 public:
-    explicit Crew(const Settings& settings) : settings_(settings) {}
+    // Called now and then, by one worker at a time, with the units of work that are done. What it throws ends
+    // the task.
+    using Progress = std::function<void(std::uint64_t done)>;
+
+    explicit Crew(Progress progress = {}) : progress_(std::move(progress)) {}
 
     // Runs body(worker) for each worker below `workers` and returns when all have ended. The caller's thread
     // is one of them. Where the system has no more threads, fewer do the work. Rethrows the first exception
     // that left a body or the progress function; the other workers see isStopped.
-    void run(unsigned workers, const std::function<void(unsigned)>& body);
+    void run(unsigned workers, const std::function<void(unsigned worker)>& body);
+
+    // Runs body(worker, item) once for each item below `items`, in order of their beginnings, on at most
+    // `workers` workers. After a failure no item is begun.
+    void share(unsigned workers, std::uint64_t items,
+               const std::function<void(unsigned worker, std::uint64_t item)>& body);
 
     // A worker has failed. Every worker that sees it returns from its body.
     bool isStopped() const { return stopped_.load(std::memory_order_relaxed); }
@@ -39,14 +35,15 @@ public:
     // Called once, by the first worker that fails. It wakes those that wait.
     void onStop(std::function<void()> wake) { wake_ = std::move(wake); }
 
-    // Reports this many more splats done. Calls settings.progress now and then and passes its exceptions on.
-    void advance(std::uint64_t splats);
+    // Adds to the units of work that are done. Calls the progress function now and then and passes its
+    // exceptions on.
+    void advance(std::uint64_t units);
 
-    // Calls settings.progress with the number of all splats done.
+    // Calls the progress function with all units that are done.
     void reportEnd();
 
 private:
-    const Settings& settings_;
+    Progress progress_;
     std::atomic<bool> stopped_ = false;
     std::mutex failureMutex_;
     std::exception_ptr failure_; // the first
@@ -59,4 +56,4 @@ private:
     void fail(std::exception_ptr failure) noexcept;
 };
 
-} // namespace Tavrin::SplatStream
+} // namespace Tavrin::SplatThreads

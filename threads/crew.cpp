@@ -1,10 +1,11 @@
-#include "stream/crew.h"
+#include "threads/crew.h"
 
+#include <algorithm>
 #include <system_error>
 #include <thread>
 #include <vector>
 
-namespace Tavrin::SplatStream {
+namespace Tavrin::SplatThreads {
 
 void Crew::fail(std::exception_ptr failure) noexcept {
     {
@@ -49,10 +50,25 @@ void Crew::run(unsigned workers, const std::function<void(unsigned)>& body) {
     }
 }
 
-void Crew::advance(std::uint64_t splats) {
+void Crew::share(unsigned workers, std::uint64_t items,
+                 const std::function<void(unsigned, std::uint64_t)>& body) {
+    std::atomic<std::uint64_t> next = 0;
+    run(static_cast<unsigned>(std::clamp<std::uint64_t>(items, 1, std::max(workers, 1u))),
+        [&](unsigned worker) {
+            for (;;) {
+                const std::uint64_t item = next.fetch_add(1, std::memory_order_relaxed);
+                if (item >= items || isStopped()) {
+                    return;
+                }
+                body(worker, item);
+            }
+        });
+}
+
+void Crew::advance(std::uint64_t units) {
     constexpr std::chrono::milliseconds between(50);
-    done_.fetch_add(splats, std::memory_order_relaxed);
-    if (!settings_.progress) {
+    done_.fetch_add(units, std::memory_order_relaxed);
+    if (!progress_) {
         return;
     }
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -62,14 +78,14 @@ void Crew::advance(std::uint64_t splats) {
     const std::unique_lock lock(progressMutex_, std::try_to_lock);
     if (lock.owns_lock() && now.count() >= nextReport_.load(std::memory_order_relaxed)) {
         nextReport_.store((now + between).count(), std::memory_order_relaxed);
-        settings_.progress(done_.load(std::memory_order_relaxed));
+        progress_(done_.load(std::memory_order_relaxed));
     }
 }
 
 void Crew::reportEnd() {
-    if (settings_.progress) {
-        settings_.progress(done_.load(std::memory_order_relaxed));
+    if (progress_) {
+        progress_(done_.load(std::memory_order_relaxed));
     }
 }
 
-} // namespace Tavrin::SplatStream
+} // namespace Tavrin::SplatThreads
