@@ -1,11 +1,11 @@
 #include "program/convert/dataset_folder.h"
 
+#include "program/system/interrupt.h"
 #include "program/system/platform.h"
 #include "program/system/remove_files.h"
 
 #include <algorithm>
 #include <array>
-#include <new>
 #include <set>
 #include <vector>
 
@@ -49,31 +49,17 @@ std::error_code removeDataset(const fs::path& folder) {
                    ? std::make_error_code(std::errc::not_a_directory)
                    : std::error_code();
     }
+    std::vector<fs::path> files;
     for (const char* name : datasetFiles) {
-        const fs::path file = folder / name;
-        if (fs::symlink_status(file, error).type() == fs::file_type::regular) {
-            fs::remove(file, error);
+        if (fs::symlink_status(folder / name, error).type() == fs::file_type::regular) {
+            files.push_back(folder / name);
         }
     }
+    // The disk space should be free when this returns, but an interrupted program should end quickly.
+    removeFiles(files, [] { return !interrupted(); });
     error.clear();
     fs::remove(folder, error);
     return error;
-}
-
-void abandonDataset(const fs::path& folder) noexcept {
-    try {
-        std::vector<fs::path> files;
-        std::error_code error;
-        for (const char* name : datasetFiles) {
-            if (fs::symlink_status(folder / name, error).type() == fs::file_type::regular) {
-                files.push_back(folder / name);
-            }
-        }
-        removeLargeFiles(files);
-    } catch (const std::bad_alloc&) {
-        // removeDataset below removes what is left; it only takes longer.
-    }
-    removeDataset(folder);
 }
 
 } // namespace Tavrin::SplatProgram

@@ -24,10 +24,8 @@ struct FolderListing {
 FolderListing listFolder(const std::filesystem::path& folder);
 
 // Removes the files that a conversion writes, then the folder if it is empty. If the folder holds anything
-// else, both stay, and the error is std::errc::directory_not_empty. A missing folder is no error.
+// else, both stay, and the error is std::errc::directory_not_empty. A missing folder is no error. Returns when
+// the disk space is free, or when an interrupt was noted.
 std::error_code removeDataset(const std::filesystem::path& folder);
-
-// The same for an interrupted run. Does not wait until the system has freed the files' blocks.
-void abandonDataset(const std::filesystem::path& folder) noexcept;
 
 } // namespace Tavrin::SplatProgram

@@ -118,13 +118,7 @@ PartialFolder::PartialFolder(OutputPlace place)
 PartialFolder::~PartialFolder() {
     flush_.reset();
     if (!isPublished_) {
-        // After a failure the disk space should be free when the program ends. After an interrupt the program
-        // should end quickly.
-        if (interrupted()) {
-            abandonDataset(path_);
-        } else {
-            removeDataset(path_);
-        }
+        removeDataset(path_);
         lock_.reset();
         removeCreatedParents();
     }

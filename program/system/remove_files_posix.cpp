@@ -3,9 +3,13 @@
 #include "program/system/network_disk_posix.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <ctime>
 #include <system_error>
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace Tavrin::SplatProgram {
@@ -42,25 +46,59 @@ void closeRange(unsigned first, unsigned last) {
     ::_exit(0);
 }
 
-} // namespace
+// Files that are freed faster than a process is made, in bytes.
+constexpr std::uint64_t small = std::uint64_t{32} << 20;
 
-void removeLargeFiles(const std::vector<std::filesystem::path>& files) {
-    int ends[2] = {-1, -1};
+// Descriptors of the files, so that none is freed before the last of these is closed.
+std::vector<int> openAll(const std::vector<std::filesystem::path>& files) {
     std::vector<int> handles;
-    if (::pipe(ends) == 0) {
-        handles.push_back(ends[0]);
-    }
     for (const std::filesystem::path& file : files) {
-        const int handle = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        const int handle = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
         if (handle >= 0 && isOnNetworkDisk(handle)) {
             ::close(handle); // held, it would keep a name in the folder; its server does the work anyway
         } else if (handle >= 0) {
             handles.push_back(handle);
         }
     }
+    return handles;
+}
+
+std::uint64_t bytesOf(const std::vector<int>& handles) {
+    std::uint64_t bytes = 0;
+    for (const int handle : handles) {
+        struct stat status = {};
+        bytes += ::fstat(handle, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+    }
+    return bytes;
+}
+
+// A process that holds the descriptors until `pipeEnd` is closed; -1 where there can be none.
+pid_t makeHolder(std::vector<int> handles, int pipeEnd) {
+    handles.push_back(pipeEnd);
     std::ranges::sort(handles);
-    if (ends[0] >= 0 && handles.size() > 1 && ::fork() == 0) {
-        holdFiles(handles, ends[0]);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        holdFiles(handles, pipeEnd);
+    }
+    return holder;
+}
+
+// The end of the process comes after the files are free.
+void awaitEnd(pid_t process, const std::function<bool()>& waits) {
+    const timespec pause = {.tv_sec = 0, .tv_nsec = 2'000'000};
+    while (waits() && ::waitpid(process, nullptr, WNOHANG) == 0) {
+        ::nanosleep(&pause, nullptr); // a signal ends it
+    }
+}
+
+} // namespace
+
+void removeFiles(const std::vector<std::filesystem::path>& files, const std::function<bool()>& waits) {
+    const std::vector<int> handles = openAll(files);
+    int ends[2] = {-1, -1};
+    pid_t holder = -1;
+    if (bytesOf(handles) > small && ::pipe2(ends, O_CLOEXEC) == 0) {
+        holder = makeHolder(handles, ends[0]);
     }
     for (const std::filesystem::path& file : files) {
         std::error_code ignored;
@@ -69,8 +107,13 @@ void removeLargeFiles(const std::vector<std::filesystem::path>& files) {
     for (const int handle : handles) {
         ::close(handle);
     }
-    if (ends[1] >= 0) {
-        ::close(ends[1]);
+    for (const int end : ends) {
+        if (end >= 0) {
+            ::close(end);
+        }
+    }
+    if (holder > 0) {
+        awaitEnd(holder, waits);
     }
 }
 

@@ -4,7 +4,7 @@
 
 namespace Tavrin::SplatProgram {
 
-void removeLargeFiles(const std::vector<std::filesystem::path>& files) {
+void removeFiles(const std::vector<std::filesystem::path>& files, const std::function<bool()>&) {
     for (const std::filesystem::path& file : files) {
         std::error_code ignored;
         std::filesystem::remove(file, ignored);

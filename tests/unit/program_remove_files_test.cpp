@@ -1,4 +1,4 @@
-// Removing files without waiting for the system to free them.
+// Files that are removed without being bound to wait until the system has freed them.
 #include "program/system/remove_files.h"
 #include "tests/support/files.h"
 
@@ -7,20 +7,58 @@
 #include <set>
 #include <string>
 
+#ifndef _WIN32
+#include <cerrno>
+
+#include <sys/wait.h>
+#endif
+
 namespace Tavrin::SplatProgram {
 namespace {
 
-TEST(RemoveLargeFiles, TheyAreGoneWhenItReturns) {
-    const support::Scratch scratch;
-    for (const char* name : {"one", "two", "kept"}) {
-        support::writeFile(scratch / name, std::string(5'000'000, 'x'));
+namespace fs = std::filesystem;
+using Names = std::set<std::string>;
+
+class RemoveFiles : public testing::Test {
+protected:
+    support::Scratch scratch;
+
+    // Files without blocks on the disk.
+    void make(std::initializer_list<const char*> names, std::uint64_t bytes) const {
+        for (const char* name : names) {
+            support::writeFile(scratch / name, "x");
+            fs::resize_file(scratch / name, bytes);
+        }
     }
-    removeLargeFiles({scratch / "one", scratch / "none", scratch / "two"});
-    EXPECT_EQ(support::filesUnder(scratch.folder()), std::set<std::string>{"kept"});
-    removeLargeFiles({});
-    removeLargeFiles({scratch / "none"});
-    EXPECT_EQ(support::filesUnder(scratch.folder()), std::set<std::string>{"kept"});
+    Names left() const { return support::filesUnder(scratch.folder()); }
+};
+
+TEST_F(RemoveFiles, TheyAreGoneWhenItReturns) {
+    for (const std::uint64_t bytes : {std::uint64_t{1000}, std::uint64_t{200'000'000}}) {
+        for (const bool waits : {true, false}) {
+            make({"one", "two", "kept"}, bytes);
+            removeFiles({scratch / "one", scratch / "none", scratch / "two"}, [&] { return waits; });
+            EXPECT_EQ(left(), Names{"kept"});
+            removeFiles({}, [&] { return waits; });
+            removeFiles({scratch / "none"}, [&] { return waits; });
+            EXPECT_EQ(left(), Names{"kept"});
+        }
+    }
 }
+
+#ifndef _WIN32
+// The process that frees them has ended by then.
+TEST_F(RemoveFiles, WaitsForTheRoom) {
+    make({"large"}, 200'000'000);
+    while (::waitpid(-1, nullptr, 0) > 0) { // those of the test before
+    }
+    int asked = 0;
+    removeFiles({scratch / "large"}, [&] { return ++asked > 0; });
+    EXPECT_GT(asked, 0);
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+#endif
 
 } // namespace
 } // namespace Tavrin::SplatProgram
