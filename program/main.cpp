@@ -10,12 +10,15 @@
 #include "program/commands/summary_command.h"
 #include "program/commands/verify_command.h"
 #include "program/commands/view_command.h"
+#include "program/system/apart.h"
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -166,6 +169,10 @@ int main(int argc, char** argv) {
             reportError(failure.what());
             status = failure.status();
         }
+    }
+    if (isWorkLeftBehind()) {
+        std::fflush(nullptr);
+        std::_Exit(static_cast<int>(status));
     }
     return static_cast<int>(status);
 }

@@ -180,14 +180,17 @@ Plan planOf(Run& run, const SplatSource::Scene& source, const OutputPlace& place
 }
 
 // Writes, verifies and publishes. The files are flushed to the disk while they are verified.
-SplatReader::VerifyReport convert(Run& run, const SplatSource::Scene& source, const Plan& plan,
-                                  const OutputPlace& place, const Means& means) {
+SplatReader::VerifyReport convert(Run& run, const std::shared_ptr<const SplatSource::Scene>& source,
+                                  const std::shared_ptr<const Plan>& shared, const OutputPlace& place,
+                                  const Means& means) {
     const ConvertOptions& options = run.options;
+    const Plan& plan = *shared;
     StageTimes& times = run.report.times;
     times.begin("writing");
     PartialFolder partial(place);
     partial.create();
-    writeDataset(options.inputs().front(), source, plan.measured, partial.path(), means,
+    const std::shared_ptr<const SplatStream::Measured> measured(shared, &plan.measured);
+    writeDataset(options.inputs().front(), source, measured, partial.path(), means,
                  [&](std::uint64_t splats) {
                      run.progress.update(Stage::writing, shareOf(splats, plan.measured.splats), splats);
                  });
@@ -225,7 +228,7 @@ ExitStatus convertScene(Run& run) {
     if (options.skipDone && making && skips(run, *making, place)) {
         return ExitStatus::done;
     }
-    const std::unique_ptr<SplatSource::Scene> source =
+    const std::shared_ptr<const SplatSource::Scene> source =
         openScene(options.inputs(), sceneOptions(options.input, means.threads, place.foundation));
     for (const std::string& remark : source->remarks) {
         run.warnings.add(remark);
@@ -237,14 +240,14 @@ ExitStatus convertScene(Run& run) {
     for (const std::string& input : options.inputs()) {
         checkOutput(place, input, options.force);
     }
-    const Plan plan = planOf(run, *source, place, means);
+    const auto plan = std::make_shared<const Plan>(planOf(run, *source, place, means));
     if (options.dryRun) {
-        printPlan(options, plan, place, run.warnings);
+        printPlan(options, *plan, place, run.warnings);
         return ExitStatus::done;
     }
-    const SplatReader::VerifyReport verified = convert(run, *source, plan, place, means);
+    const SplatReader::VerifyReport verified = convert(run, source, plan, place, means);
     forgetDone(place.folder); // it describes the dataset that was replaced
-    const Summary summary = summaryOf(options, plan, verified, run.progress.seconds(), run.warnings);
+    const Summary summary = summaryOf(options, *plan, verified, run.progress.seconds(), run.warnings);
     run.report.take(summary);
     run.report.line = summaryText(summary);
     run.report.line.pop_back(); // the line feed

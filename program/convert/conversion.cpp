@@ -1,6 +1,7 @@
 #include "program/convert/conversion.h"
 
 #include "program/scene/open_scene.h"
+#include "program/system/apart.h"
 #include "program/system/exit_status.h"
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
@@ -101,14 +102,19 @@ std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& 
     });
 }
 
-void writeDataset(const std::string& name, const SplatSource::Source& source,
-                  const SplatStream::Measured& measured, const std::filesystem::path& folder,
-                  const Means& means, const PassProgress& progress) {
-    asFailures(name, measured.splats, means, [&] {
+void writeDataset(const std::string& name, const std::shared_ptr<const SplatSource::Source>& source,
+                  const std::shared_ptr<const SplatStream::Measured>& measured,
+                  const std::filesystem::path& folder, const Means& means, const PassProgress& progress) {
+    const auto write = [name, source, measured, folder, settings = settingsOf(means, progress)] {
         // resolveOutput and openScene have refused names without such a form.
         const std::string inputName = converterPath(pathFromText(name)).value();
-        SplatStream::writeDataset(source, measured, inputName, folder, settingsOf(means, progress));
-        source.requireUnchanged();
+        SplatStream::writeDataset(*source, *measured, inputName, folder, settings);
+        source->requireUnchanged();
+    };
+    asFailures(name, measured->splats, means, [&] {
+        if (!runApart(write, interrupted)) {
+            throwIfInterrupted();
+        }
     });
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace Tavrin::SplatProgram {
@@ -41,9 +42,11 @@ std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& 
                             const SplatStream::Measured& measured, const Means& means);
 
 // The second pass. Writes the whole dataset into an empty folder. Throws as measureSource does. When a file
-// cannot be written it throws a Failure: DoesNotFit on a full disk, otherwise ConversionFailed.
-void writeDataset(const std::string& name, const SplatSource::Source& source,
-                  const SplatStream::Measured& measured, const std::filesystem::path& folder,
-                  const Means& means, const PassProgress& progress);
+// cannot be written it throws a Failure: DoesNotFit on a full disk, otherwise ConversionFailed. After an
+// interrupt it does not wait for a write that the disk holds up (program/system/apart.h): the pass then goes
+// on in the background, shares `source` and `measured`, and does not call `progress` any more.
+void writeDataset(const std::string& name, const std::shared_ptr<const SplatSource::Source>& source,
+                  const std::shared_ptr<const SplatStream::Measured>& measured,
+                  const std::filesystem::path& folder, const Means& means, const PassProgress& progress);
 
 } // namespace Tavrin::SplatProgram

@@ -24,8 +24,8 @@ struct FolderListing {
 FolderListing listFolder(const std::filesystem::path& folder);
 
 // Removes the files that a conversion writes, then the folder if it is empty. If the folder holds anything
-// else, both stay, and the error is std::errc::directory_not_empty. A missing folder is no error. Returns when
-// the disk space is free, or when an interrupt was noted.
+// else, both stay, and the error is std::errc::directory_not_empty. A missing folder is no error. Returns
+// when the disk space is free, or when an interrupt was noted.
 std::error_code removeDataset(const std::filesystem::path& folder);
 
 } // namespace Tavrin::SplatProgram

@@ -1,4 +1,4 @@
-// Removing large files without being bound to wait until the system has freed them.
+// Removes large files without having to wait until the system has freed their disk space.
 #pragma once
 
 #include <filesystem>
@@ -7,9 +7,9 @@
 
 namespace Tavrin::SplatProgram {
 
-// Removes the files; those that are not there are no matter. To free a gigabyte takes the system some tenths
-// of a second. Where it can, a process of its own bears that and holds nothing else of this one. This call
-// returns when the room is free, or when `waits`, which is asked every few milliseconds, says no.
+// Removes the files; a missing one is no error. The system needs some tenths of a second to free a gigabyte.
+// On Linux another process, which shares no other resource with this one, does that. This function calls
+// `waits` every few milliseconds and returns when the disk space is free or `waits` returns false.
 void removeFiles(const std::vector<std::filesystem::path>& files, const std::function<bool()>& waits);
 
 } // namespace Tavrin::SplatProgram

@@ -13,6 +13,8 @@
  *                       and goes on when FILE is gone or a signal comes
  * FAULT_HOLD_AT=CALL    the same at its first pread, pwrite or fsync instead, or at its first read of a
  *                       data.bin
+ * FAULT_STUCK=FILE      the first write at a place creates FILE, takes ten seconds, whatever signals
+ *                       come, and removes FILE
  * FAULT_WATCH=COMMAND   "COMMAND cut NAME" is run before each call that changes names or flushes;
  *                       "COMMAND flushed PATH" after each flush
  * FAULT_COUNT=FILE      the number of those calls is written to the file when the process exits
@@ -30,6 +32,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
+#include <time.h>
 #include <unistd.h>
 
 #ifndef RENAME_EXCHANGE
@@ -113,6 +116,22 @@ static void hold(const char* call) {
         }
     }
     pthread_sigmask(SIG_SETMASK, &before, NULL);
+}
+
+static void stick(void) {
+    static atomic_flag stuck = ATOMIC_FLAG_INIT;
+    const char* name = getenv("FAULT_STUCK");
+    if (name == NULL || atomic_flag_test_and_set(&stuck)) {
+        return;
+    }
+    FILE* file = fopen(name, "w");
+    if (file != NULL) {
+        fclose(file);
+    }
+    struct timespec left = {10, 0};
+    while (nanosleep(&left, &left) != 0) {
+    }
+    unlink(name);
 }
 
 static void countCall(const char* name) {
@@ -242,6 +261,7 @@ static int readFails(void) {
 
 static int writeFails(void) {
     hold("pwrite");
+    stick();
     errno = EIO;
     return ++writes == failingWrite;
 }

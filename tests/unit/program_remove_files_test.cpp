@@ -1,4 +1,4 @@
-// Files that are removed without being bound to wait until the system has freed them.
+// Large files are removed without having to wait until the system has freed their disk space.
 #include "program/system/remove_files.h"
 #include "tests/support/files.h"
 
