@@ -1,8 +1,8 @@
 // streamonce INPUT OUTPUT [THREADS [MEMORY]]: runs the streaming conversion of a canonical PLY file in a
 // process of its own, to be measured. Prints the seconds of each pass and the megabytes that place plans
 // with.
-#include "source/canonical_ply.h"
 #include "src/splatheader.h"
+#include "stream/canonical_scene.h"
 #include "stream/conversion.h"
 
 #include <chrono>
@@ -24,16 +24,12 @@ double secondsSince(Clock::time_point start) {
 void convert(const char* input, const std::filesystem::path& output, const SplatStream::Settings& settings) {
     GaussionSplat::Params params;
     const GaussionSplat::SplatHeader header = GaussionSplat::readSplatHeader(input, params);
-    const SplatSource::CanonicalPly source(input, {.bodyAt = static_cast<std::uint64_t>(header.headerEnd),
-                                                   .count = static_cast<std::uint64_t>(header.vertexCount),
-                                                   .hasCoefficients = header.hasShcoef,
-                                                   .params = params,
-                                                   .boundsSeen = header.boundsFromHeader});
+    const auto source = SplatStream::openCanonicalScene(input, header, params);
     std::filesystem::create_directories(output);
     const Clock::time_point start = Clock::now();
-    const SplatStream::Measured measured = SplatStream::measure(source, settings);
+    const SplatStream::Measured measured = SplatStream::measure(*source, settings);
     const double measureSeconds = secondsSince(start);
-    SplatStream::writeDataset(source, measured, input, output, settings);
+    SplatStream::writeDataset(*source, measured, input, output, settings);
     std::printf("measure %.3f s, place %.3f s, %zu cells, %.1f MB\n", measureSeconds,
                 secondsSince(start) - measureSeconds, measured.cells.size(),
                 static_cast<double>(SplatStream::placeMemory(measured, settings)) / 1e6);

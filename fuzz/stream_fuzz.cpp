@@ -8,9 +8,9 @@
 #include "fuzz/scene.h"
 #include "fuzz/target.h"
 #include "include/plyconvert.h"
-#include "source/canonical_ply.h"
 #include "src/blocks.h"
 #include "src/splatheader.h"
+#include "stream/canonical_scene.h"
 #include "stream/conversion.h"
 #include "tests/support/dataset_writer.h"
 
@@ -45,16 +45,6 @@ Opened readHeader(const fs::path& path) {
     } catch (const std::logic_error&) { // numbers
     }
     return opened;
-}
-
-std::unique_ptr<CanonicalPly> open(const fs::path& path, const Opened& opened) {
-    const SplatHeader& header = *opened.header;
-    return std::make_unique<CanonicalPly>(
-        path, Tavrin::SplatSource::CanonicalPlyFacts{.bodyAt = static_cast<std::uint64_t>(header.headerEnd),
-                                                     .count = static_cast<std::uint64_t>(header.vertexCount),
-                                                     .hasCoefficients = header.hasShcoef,
-                                                     .params = opened.params,
-                                                     .boundsSeen = header.boundsFromHeader});
 }
 
 // Skips huge grids: walking over them takes long, which is no finding.
@@ -124,7 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         opened.header->fileSize - static_cast<std::uint64_t>(opened.header->headerEnd) >= bytes;
     std::unique_ptr<CanonicalPly> ply;
     try {
-        ply = open(job.input, opened);
+        ply = Tavrin::SplatStream::openCanonicalScene(job.input, *opened.header, opened.params);
     } catch (const Tavrin::SplatSource::SourceError&) {
         fuzz::require(!isWhole, "a whole file is taken");
         return 0;

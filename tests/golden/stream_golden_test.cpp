@@ -1,7 +1,7 @@
 // Converts the golden scenes by the stream. The hashes are those of the library.
 
-#include "source/canonical_ply.h"
 #include "src/splatheader.h"
+#include "stream/canonical_scene.h"
 #include "stream/conversion.h"
 #include "tests/golden/golden_scenes.h"
 #include "tests/support/files.h"
@@ -19,16 +19,12 @@ void stream(const std::filesystem::path& input, const std::filesystem::path& out
     GaussionSplat::Params params;
     const GaussionSplat::SplatHeader header =
         GaussionSplat::readSplatHeader(support::pathBytes(input), params);
-    const SplatSource::CanonicalPly source(input, {.bodyAt = static_cast<std::uint64_t>(header.headerEnd),
-                                                   .count = static_cast<std::uint64_t>(header.vertexCount),
-                                                   .hasCoefficients = header.hasShcoef,
-                                                   .params = params,
-                                                   .boundsSeen = header.boundsFromHeader});
+    const auto source = SplatStream::openCanonicalScene(input, header, params);
     std::filesystem::create_directories(output);
     SplatStream::Settings settings;
     settings.threads = threads;
-    const SplatStream::Measured measured = SplatStream::measure(source, settings);
-    SplatStream::writeDataset(source, measured, support::pathBytes(input), output, settings);
+    const SplatStream::Measured measured = SplatStream::measure(*source, settings);
+    SplatStream::writeDataset(*source, measured, support::pathBytes(input), output, settings);
 }
 
 class StreamGolden : public testing::TestWithParam<Scene> {};

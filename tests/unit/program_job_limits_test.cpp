@@ -1,12 +1,11 @@
 // The limits that a scheduler sets for a job.
 #include "program/system/job_limits.h"
 #include "program/system/processors.h"
-#include "tests/support/files.h"
+#include "tests/unit/control_groups.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <string>
 
@@ -51,16 +50,8 @@ TEST(JobLimits, WhatIsNoNumberLimitsNothing) {
 
 #ifndef _WIN32 // control groups are Linux's
 
-class GroupMemory : public testing::Test {
+class GroupMemory : public ControlGroupTest {
 protected:
-    support::Scratch scratch;
-
-    void write(const std::string& name, const std::string& text) const {
-        const std::filesystem::path file = scratch / name;
-        std::filesystem::create_directories(file.parent_path());
-        support::writeFile(file, text);
-    }
-
     std::uint64_t memory(const std::string& groups) const { return groupMemory(groups, scratch.folder()); }
 };
 

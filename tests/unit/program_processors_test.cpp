@@ -1,10 +1,9 @@
 // The number of processors that a control group allows the program.
 #include "program/system/processors.h"
-#include "tests/support/files.h"
+#include "tests/unit/control_groups.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
 
 namespace Tavrin::SplatProgram {
@@ -12,17 +11,8 @@ namespace {
 
 #ifndef _WIN32 // control groups are Linux's
 
-// A copy of /sys/fs/cgroup.
-class ControlGroups : public testing::Test {
+class ControlGroups : public ControlGroupTest {
 protected:
-    support::Scratch scratch;
-
-    void write(const std::string& name, const std::string& text) const {
-        const std::filesystem::path file = scratch / name;
-        std::filesystem::create_directories(file.parent_path());
-        support::writeFile(file, text);
-    }
-
     std::optional<unsigned> quota(const std::string& groups) const {
         return quotaProcessors(groups, scratch.folder());
     }

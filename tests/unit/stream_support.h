@@ -2,11 +2,11 @@
 #pragma once
 
 #include "plyconvert.h"
-#include "source/canonical_ply.h"
 #include "src/chunker.h"
 #include "src/indexer.h"
 #include "src/runlog.h"
 #include "src/splatheader.h"
+#include "stream/canonical_scene.h"
 #include "stream/conversion.h"
 #include "tests/support/files.h"
 #include "tests/support/plyfile.h"
@@ -26,12 +26,7 @@ inline std::unique_ptr<SplatSource::CanonicalPly> openScene(const std::filesyste
     GaussionSplat::Params params;
     const GaussionSplat::SplatHeader header =
         GaussionSplat::readSplatHeader(support::pathBytes(path), params);
-    return std::make_unique<SplatSource::CanonicalPly>(
-        path, SplatSource::CanonicalPlyFacts{.bodyAt = static_cast<std::uint64_t>(header.headerEnd),
-                                             .count = static_cast<std::uint64_t>(header.vertexCount),
-                                             .hasCoefficients = header.hasShcoef,
-                                             .params = params,
-                                             .boundsSeen = header.boundsFromHeader});
+    return openCanonicalScene(path, header, params);
 }
 
 // The document with question marks for the digits of the guid, which are random.
