@@ -1,0 +1,114 @@
+#!/usr/bin/env python3
+"""Interrupts conversions in each of their stages and says how long the program takes to end.
+
+    scripts/interrupts.py PROGRAM SCENE [FOLDER...] [--samples N] [--option WORD...]
+
+PROGRAM is build/release/program/plyconvert, SCENE a file that it converts. FOLDERs are where datasets go: the
+system's temporary folder and /dev/shm unless given. An earlier dataset of the scene stands there, as it does where
+people convert again. Each stage gets at least --samples signals (20), at random moments of it. For each stage the
+table gives the time from SIGINT to the end of the process in milliseconds. Not one of the tests: it takes minutes.
+"""
+import argparse
+import json
+import os
+import random
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+STAGES = ["opening", "measuring", "writing", "verifying", "flushing", "publishing"]
+
+
+class Runs:
+    def __init__(self, program, scene, folder, options):
+        self.folder = tempfile.mkdtemp(prefix="plyconvert-interrupts.", dir=folder)
+        # In memory, so that the flush of the report is no part of what is measured.
+        self.reports = tempfile.mkdtemp(prefix="plyconvert-interrupts.", dir="/dev/shm")
+        self.report = os.path.join(self.reports, "report.json")
+        self.command = [program, scene, os.path.join(self.folder, "out"), "--quiet", "--report", self.report, *options]
+
+    def stages(self):
+        """The stages that the run has begun, in order, with their seconds."""
+        with open(self.report, encoding="utf-8") as file:
+            report = json.load(file)
+        return {stage: report["seconds"][stage] for stage in STAGES if stage in report["seconds"]}
+
+    def whole(self):
+        subprocess.run(self.command, check=True)
+        return self.stages()
+
+    def interrupted(self, after):
+        """Seconds from the signal to the end, the stage that was interrupted, and the exit status."""
+        # A shell that runs this script in the background has it ignore the signal; the program would, too.
+        run = subprocess.Popen(
+            self.command,
+            stderr=subprocess.DEVNULL,
+            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
+        )
+        time.sleep(after)
+        begin = time.perf_counter()
+        run.send_signal(signal.SIGINT)
+        status = run.wait()
+        took = time.perf_counter() - begin
+        stages = list(self.stages()) if status in (0, 130) else []
+        left = [name for name in os.listdir(self.folder) if name != "out"]
+        if left:
+            sys.exit(f"left behind after {after:.3f} s: {left}")
+        return took, stages[-1] if stages else None, status
+
+    def remove(self):
+        shutil.rmtree(self.folder)
+        shutil.rmtree(self.reports)
+
+
+def measure(runs, samples):
+    """Milliseconds by stage."""
+    times = [runs.whole() for _ in range(4)][1:]  # the first has no earlier dataset
+    lengths = {stage: statistics.median(seconds[stage] for seconds in times) for stage in STAGES}
+    found = {stage: [] for stage in STAGES}
+    begins = {}
+    begin = 0.004  # what comes before the first stage
+    for stage in STAGES:
+        begins[stage] = begin
+        begin += lengths[stage]
+    for attempt in range(samples * len(STAGES) * 4):
+        wanted = min((stage for stage in STAGES), key=lambda stage: len(found[stage]))
+        if len(found[wanted]) >= samples:
+            break
+        took, stage, status = runs.interrupted(begins[wanted] + lengths[wanted] * random.random())
+        if stage and not (status == 0 and stage != "publishing"):
+            found[stage].append(took * 1000)
+    return lengths, found
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("program")
+    parser.add_argument("scene")
+    parser.add_argument("folders", nargs="*", default=[tempfile.gettempdir(), "/dev/shm"])
+    parser.add_argument("--samples", type=int, default=20)
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--option", action="append", default=[], help="of the program, like --option=--threads=1")
+    options = parser.parse_args()
+    random.seed(options.seed)
+    print("| output | stage | length s | signals | median ms | longest ms | over 200 ms |")
+    print("|---|---|---:|---:|---:|---:|---:|")
+    for folder in options.folders:
+        runs = Runs(options.program, options.scene, folder, options.option)
+        try:
+            lengths, found = measure(runs, options.samples)
+        finally:
+            runs.remove()
+        for stage in STAGES:
+            times = found[stage]
+            row = [folder, stage, f"{lengths[stage]:.3f}", str(len(times))]
+            row += [f"{statistics.median(times):.0f}", f"{max(times):.0f}"] if times else ["-", "-"]
+            print("| " + " | ".join([*row, str(sum(time > 200 for time in times))]) + " |", flush=True)
+
+
+if __name__ == "__main__":
+    main()
