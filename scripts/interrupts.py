@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Interrupts conversions in each of their stages and says how long the program takes to end.
 
-    scripts/interrupts.py PROGRAM SCENE [FOLDER...] [--samples N] [--option WORD...]
+    scripts/interrupts.py PROGRAM SCENE [FOLDER...] [--samples N] [--stage STAGE...] [--option WORD...]
 
 PROGRAM is build/release/program/plyconvert, SCENE a file that it converts. FOLDERs are where datasets go: the
 system's temporary folder and /dev/shm unless given. An earlier dataset of the scene stands there, as it does where
@@ -41,14 +41,29 @@ class Runs:
         subprocess.run(self.command, check=True)
         return self.stages()
 
-    def interrupted(self, after):
-        """Seconds from the signal to the end, the stage that was interrupted, and the exit status."""
+    def begun(self, process, stage, earlier):
+        """Whether the stage has begun, as far as the files tell."""
+        partial = f"{self.folder}/out.partial-{process}"
+        if stage == "writing":
+            return os.path.exists(partial)
+        if stage in ("verifying", "flushing"):
+            return os.path.exists(f"{partial}/converted_from_ply.ytr")
+        if stage == "publishing":
+            return os.stat(f"{self.folder}/out").st_ino != earlier
+        return True
+
+    def interrupted(self, stage, after):
+        """Sends the signal so many seconds after the stage began. Returns the seconds from then to the end, the stage
+        that was interrupted, and the exit status."""
+        earlier = os.stat(f"{self.folder}/out").st_ino
         # A shell that runs this script in the background has it ignore the signal; the program would, too.
         run = subprocess.Popen(
             self.command,
             stderr=subprocess.DEVNULL,
             preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),
         )
+        while run.poll() is None and not self.begun(run.pid, stage, earlier):
+            time.sleep(0.001)
         time.sleep(after)
         begin = time.perf_counter()
         run.send_signal(signal.SIGINT)
@@ -57,7 +72,7 @@ class Runs:
         stages = list(self.stages()) if status in (0, 130) else []
         left = [name for name in os.listdir(self.folder) if name != "out"]
         if left:
-            sys.exit(f"left behind after {after:.3f} s: {left}")
+            sys.exit(f"left behind after {after:.3f} s of {stage}: {left}")
         return took, stages[-1] if stages else None, status
 
     def remove(self):
@@ -65,23 +80,21 @@ class Runs:
         shutil.rmtree(self.reports)
 
 
-def measure(runs, samples):
+def measure(runs, samples, wanted_stages):
     """Milliseconds by stage."""
     times = [runs.whole() for _ in range(4)][1:]  # the first has no earlier dataset
     lengths = {stage: statistics.median(seconds[stage] for seconds in times) for stage in STAGES}
     found = {stage: [] for stage in STAGES}
-    begins = {}
-    begin = 0.004  # what comes before the first stage
-    for stage in STAGES:
-        begins[stage] = begin
-        begin += lengths[stage]
-    for attempt in range(samples * len(STAGES) * 4):
-        wanted = min((stage for stage in STAGES), key=lambda stage: len(found[stage]))
-        if len(found[wanted]) >= samples:
-            break
-        took, stage, status = runs.interrupted(begins[wanted] + lengths[wanted] * random.random())
-        if stage and not (status == 0 and stage != "publishing"):
-            found[stage].append(took * 1000)
+    # What the files do not tell: how long after the look a stage begins.
+    lead = {"opening": 0.004, "measuring": 0.004 + lengths["opening"], "flushing": lengths["verifying"]}
+    for wanted in wanted_stages:
+        for _ in range(2 * samples):
+            if len(found[wanted]) >= samples:
+                break
+            after = lead.get(wanted, 0) + lengths[wanted] * random.random()
+            took, stage, status = runs.interrupted(wanted, after)
+            if stage and (status == 130 or stage == "publishing"):
+                found[stage].append(took * 1000)
     return lengths, found
 
 
@@ -91,6 +104,7 @@ def main():
     parser.add_argument("scene")
     parser.add_argument("folders", nargs="*", default=[tempfile.gettempdir(), "/dev/shm"])
     parser.add_argument("--samples", type=int, default=20)
+    parser.add_argument("--stage", action="append", choices=STAGES, help="this one, not all")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--option", action="append", default=[], help="of the program, like --option=--threads=1")
     options = parser.parse_args()
@@ -100,13 +114,13 @@ def main():
     for folder in options.folders:
         runs = Runs(options.program, options.scene, folder, options.option)
         try:
-            lengths, found = measure(runs, options.samples)
+            lengths, found = measure(runs, options.samples, options.stage or STAGES)
         finally:
             runs.remove()
-        for stage in STAGES:
+        for stage in (stage for stage in STAGES if found[stage]):
             times = found[stage]
             row = [folder, stage, f"{lengths[stage]:.3f}", str(len(times))]
-            row += [f"{statistics.median(times):.0f}", f"{max(times):.0f}"] if times else ["-", "-"]
+            row += [f"{statistics.median(times):.0f}", f"{max(times):.0f}"]
             print("| " + " | ".join([*row, str(sum(time > 200 for time in times))]) + " |", flush=True)
 
 
