@@ -36,7 +36,7 @@ void convert(Layout& item, const fs::path& input, const fs::path& folder) {
                                       input.string(), (folder / "dataset").string()}));
     const auto told = nlohmann::json::parse(std::ifstream(report));
     item.passes.push_back(passesOf(told));
-    item.splats = told.at("read").get<std::uint64_t>();
+    item.splats = told.at("splats").at("read").get<std::uint64_t>();
 }
 
 } // namespace
