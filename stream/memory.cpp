@@ -6,6 +6,7 @@
 #include "stream/key_table.h"
 
 #include <algorithm>
+#include <bit>
 #include <optional>
 
 namespace Tavrin::SplatStream {
@@ -60,13 +61,14 @@ std::optional<PlacePlan> placeWithin(const Measured& measured, const Settings& s
     const std::uint64_t cells = filledCells(measured);
     const std::uint64_t fixed =
         workers * placeWorkerBytes(measured.hasCoefficients, plan.windowRecords, cells) + sharedBytes(cells);
-    for (std::uint64_t size = mostPageRecords; size > 0; size /= 2) {
+    const std::uint64_t largest =
+        std::bit_ceil(std::clamp<std::uint64_t>(measured.splats, 1, mostPageRecords));
+    for (std::uint64_t size = largest; size > 0; size /= 2) {
         plan.pages = planPages(measured.cells, size, plan.windowRecords, workers);
         const std::uint64_t pageBytes = PagePool::pageBytes(size, measured.hasCoefficients);
-        plan.bytes = fixed + plan.pages.least * pageBytes;
-        if (plan.bytes <= budget) {
-            plan.mostPages =
-                std::min(plan.pages.wanted, plan.pages.least + (budget - plan.bytes) / pageBytes);
+        const std::uint64_t least = fixed + plan.pages.least * pageBytes;
+        if (least <= budget) {
+            plan.mostPages = std::min(plan.pages.wanted, plan.pages.least + (budget - least) / pageBytes);
             plan.bytes = fixed + plan.mostPages * pageBytes;
             return plan;
         }

@@ -32,14 +32,24 @@ void forEachHolder(const std::vector<Cell>& cells, std::uint64_t pageRecords, Vi
 // A worker that finds no page for a cell fills in the records of the cells before it, then waits while the
 // others do the same. Then most pages are about to become free. The exceptions are the holders' pages and the
 // worker's own pages for this one cell. The latter are its whole pages, the page that was open before, and
-// the cell's first and last page, which may be short.
+// the cell's first and last page, which may be short. That is the least.
+//
+// With what is wanted, a worker seldom waits: a window completes as many pages as its records fill, on
+// average, and they wait for the other workers' records. Only where all cells come to the end of a page
+// together are there more.
 PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
                    unsigned workers) {
     PagePlan plan{.pageRecords = pageRecords};
-    forEachHolder(cells, pageRecords, [&](bool isNew, const Cell&, bool) { plan.holders += isNew ? 1 : 0; });
-    const std::uint64_t ofWindow = leastPages(0, pageRecords, windowRecords);
+    std::uint64_t all = 0; // pages of the output
+    std::uint64_t at = 0;
+    forEachHolder(cells, pageRecords, [&](bool isNew, const Cell& cell, bool isAlone) {
+        plan.holders += isNew ? 1 : 0;
+        const std::uint64_t ofCell = (at + cell.splats - 1) / pageRecords - at / pageRecords + 1;
+        all += isAlone ? ofCell : isNew ? 1 : 0;
+        at += cell.splats;
+    });
     plan.least = leastPages(plan.holders, pageRecords, windowRecords);
-    plan.wanted = plan.least + workers * (std::min(plan.holders, windowRecords) + ofWindow);
+    plan.wanted = std::min(all, plan.least + workers * (windowRecords / pageRecords + 1));
     return plan;
 }
 

@@ -26,7 +26,7 @@ struct PagePlan {
     std::uint64_t pageRecords = 1; // a power of two
     std::uint64_t holders = 0; // large cells and runs of small ones: each has a page that waits for records
     std::uint64_t least = 0;   // pages with which the pass never comes to a stop
-    std::uint64_t wanted = 0;  // pages with which no worker waits for another's
+    std::uint64_t wanted = 0;  // pages with which workers seldom wait; never more than the output has
 };
 
 // The pages with which a pass over so many holders never comes to a stop.

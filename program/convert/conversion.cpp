@@ -15,14 +15,21 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Memory of the program outside the passes: code, stacks, file buffers.
-constexpr std::uint64_t ownBytes = 16 << 20;
-constexpr std::uint64_t programBytes = 32 << 20; // the same with the windows of the verification
+// Resident bytes of a conversion outside its passes, measured (docs/performance.md): code and data of the
+// program and the system's libraries, stacks, buffers of files, and what the allocator keeps of the first
+// pass during the second.
+constexpr std::uint64_t processBytes = 29 << 18; // 7.25 MiB
+constexpr std::uint64_t threadBytes = 128 << 10;
+
+std::uint64_t ownBytes(unsigned threads) {
+    return processBytes + threads * threadBytes;
+}
 
 [[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
                                   const Means& means) {
+    const std::uint64_t needed = means.isMemoryStated ? least : least + ownBytes(means.threads);
     const std::string what = fmt::format("{}: converting {} takes at least {} of memory", name,
-                                         countText(splats, "splat", "splats"), bytesText(least));
+                                         countText(splats, "splat", "splats"), bytesText(needed));
     throw Failure(ExitStatus::doesNotFit,
                   means.isMemoryStated
                       ? fmt::format("{} and --max-memory allows {}: write --max-memory {}", what,
@@ -69,7 +76,7 @@ Means chooseMeans(unsigned threads, std::uint64_t maxMemory) {
     Means means;
     means.threads = threads > 0 ? threads : usableProcessors();
     means.freeMemory = availableMemory();
-    means.memory = means.freeMemory - std::min(means.freeMemory, ownBytes);
+    means.memory = means.freeMemory - std::min(means.freeMemory, ownBytes(means.threads));
     means.isMemoryStated = maxMemory > 0 && maxMemory < means.memory;
     means.memory = means.isMemoryStated ? maxMemory : means.memory;
     return means;
@@ -97,7 +104,7 @@ std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& 
                             const SplatStream::Measured& measured, const Means& means) {
     return asFailures(name, measured.splats, means, [&] {
         const SplatStream::Settings settings = settingsOf(means, {});
-        return programBytes + std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
+        return ownBytes(means.threads) + std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
                                        SplatStream::placeMemory(measured, settings));
     });
 }
