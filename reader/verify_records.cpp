@@ -405,12 +405,30 @@ PartReport verifyPart(RecordsJob& job, std::uint64_t first, std::uint64_t count,
     return part;
 }
 
+constexpr std::uint64_t fewest = 65536; // records that are worth a thread
+constexpr std::uint64_t most = 16;      // parts: each has windows of its own
+
+// The records of a part; the last part may have fewer.
+std::uint64_t partSize(std::uint64_t records, unsigned threads) {
+    const std::uint64_t parts = std::clamp<std::uint64_t>(threads, 1, most);
+    return std::max((records + parts - 1) / parts, fewest);
+}
+
 } // namespace
+
+std::uint64_t verifyMemory(std::uint64_t records, std::uint64_t cells, bool hasCoefficients,
+                           unsigned threads) {
+    const std::uint64_t size = partSize(records, threads);
+    const auto windowOf = [](std::uint64_t bytes) { return std::min<std::uint64_t>(bytes, windowSize); };
+    constexpr std::uint64_t entrySize = Format::indexKeySize + Format::indexLevelSize;
+    return (records + size - 1) / size *
+           (windowOf(size * Format::recordSize) +
+            (hasCoefficients ? windowOf(size * Format::packedCoefficientSize) : 0) +
+            windowOf(cells * entrySize));
+}
 
 void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& options, bool useIndex,
                    VerifyReport& report) {
-    constexpr std::uint64_t fewest = 65536; // records that are worth a thread
-    constexpr std::uint64_t most = 16;      // parts: each has windows of its own
     const Meta& meta = *report.meta;
     const std::uint32_t coefficientSize = !meta.hasCoefficients() ? 0
                                           : meta.packed()         ? Format::packedCoefficientSize
@@ -418,8 +436,7 @@ void verifyRecords(const std::filesystem::path& folder, const VerifyOptions& opt
     RecordsJob job{folder,       options,         meta,    report.dataBytes / Format::recordSize,
                    report.cells, coefficientSize, useIndex};
     const unsigned threads = options.threads > 0 ? options.threads : std::thread::hardware_concurrency();
-    const std::uint64_t processors = std::clamp<std::uint64_t>(threads, 1, most);
-    const std::uint64_t size = std::max((job.records + processors - 1) / processors, fewest);
+    const std::uint64_t size = partSize(job.records, threads);
     std::vector<std::future<PartReport>> others;
     for (std::uint64_t first = size; first < job.records; first += size) {
         const std::uint64_t count = std::min(size, job.records - first);

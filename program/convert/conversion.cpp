@@ -7,6 +7,7 @@
 #include "program/system/platform.h"
 #include "program/system/processors.h"
 #include "program/terminal/figures.h"
+#include "reader/verify.h"
 
 #include <fmt/format.h>
 
@@ -16,18 +17,31 @@ namespace Tavrin::SplatProgram {
 namespace {
 
 // Resident bytes of a conversion outside its passes, measured (docs/performance.md): code and data of the
-// program and the system's libraries, stacks, buffers of files, and what the allocator keeps of the first
-// pass during the second.
-constexpr std::uint64_t processBytes = 29 << 18; // 7.25 MiB
-constexpr std::uint64_t threadBytes = 128 << 10;
+// program and the system's libraries, stacks, buffers of files and inputs, and what the allocator keeps of
+// the first pass during the second.
+constexpr std::uint64_t processBytes = 65 << 17; // 8.125 MiB
+constexpr std::uint64_t threadBytes = 256 << 10;
 
 std::uint64_t ownBytes(unsigned threads) {
     return processBytes + threads * threadBytes;
 }
 
+constexpr std::uint64_t hugePage = std::uint64_t{2} << 20;
+
+// A pass that allocates so many bytes may have more of them resident: the last huge page is not full.
+std::uint64_t residentBytes(std::uint64_t passes) {
+    return passes + std::min(passes / 8, hugePage);
+}
+
+// The most that a pass may allocate to have this many bytes resident: the inverse of residentBytes.
+std::uint64_t passBytes(std::uint64_t resident) {
+    return std::max(resident / 9 * 8, resident - std::min(resident, hugePage));
+}
+
 [[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
                                   const Means& means) {
-    const std::uint64_t needed = means.isMemoryStated ? least : least + ownBytes(means.threads);
+    const std::uint64_t needed =
+        means.isMemoryStated ? least : residentBytes(least) + ownBytes(means.threads);
     const std::string what = fmt::format("{}: converting {} takes at least {} of memory", name,
                                          countText(splats, "splat", "splats"), bytesText(needed));
     throw Failure(ExitStatus::doesNotFit,
@@ -76,7 +90,7 @@ Means chooseMeans(unsigned threads, std::uint64_t maxMemory) {
     Means means;
     means.threads = threads > 0 ? threads : usableProcessors();
     means.freeMemory = availableMemory();
-    means.memory = means.freeMemory - std::min(means.freeMemory, ownBytes(means.threads));
+    means.memory = passBytes(means.freeMemory - std::min(means.freeMemory, ownBytes(means.threads)));
     means.isMemoryStated = maxMemory > 0 && maxMemory < means.memory;
     means.memory = means.isMemoryStated ? maxMemory : means.memory;
     return means;
@@ -104,8 +118,12 @@ std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& 
                             const SplatStream::Measured& measured, const Means& means) {
     return asFailures(name, measured.splats, means, [&] {
         const SplatStream::Settings settings = settingsOf(means, {});
-        return ownBytes(means.threads) + std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
-                                       SplatStream::placeMemory(measured, settings));
+        const std::uint64_t passes =
+            std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
+                     SplatStream::placeMemory(measured, settings));
+        const std::uint64_t verification = SplatReader::verifyMemory(measured.splats, measured.cells.size(),
+                                                                     measured.hasCoefficients, means.threads);
+        return ownBytes(means.threads) + std::max(residentBytes(passes), verification);
     });
 }
 
