@@ -20,8 +20,9 @@ number() {
 
 # held NAME FILE [OPTION...]: plans and converts FILE, and removes it.
 held() {
-    local name=$1 file=$2 planned scanned tried measured
+    local name=$1 file=$2 planned scanned tried measured slack
     shift 2
+    slack=$(($(stat -c %s "$file") < 1048576 ? 1048576 : 0))
     plyconvert --quiet --report report.json "$@" "$file" out || fail "$name: $(cat report.json)"
     planned=$(number planned <report.json)
     measured=$(number measured <report.json)
@@ -31,7 +32,8 @@ held() {
         printf "| %-52s | %7.1f | %8.1f | %5.2f |\n", name, planned / 1048576, measured / 1048576, planned / measured }'
     [[ $planned == "$tried" && $planned == "$scanned" ]] || fail "$name: the run plans $planned, --dry-run $tried, plan --scan $scanned"
     ((measured <= planned)) || fail "$name: takes more than it plans"
-    ((3 * planned <= 4 * measured)) || fail "$name: plans more than a third above what it takes"
+    # A file of less than 1 MiB does not fill the buffer that its header is read into, which every plan counts.
+    ((3 * planned <= 4 * measured + 3 * slack)) || fail "$name: plans more than a third above what it takes"
     [[ $file == town.ply ]] || rm "$file"
     rm -r out
 }
