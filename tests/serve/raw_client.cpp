@@ -2,21 +2,79 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <stdexcept>
 
+#ifdef _WIN32
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+#endif
 
 namespace RawClient {
 namespace {
 
-int connectTo(std::uint16_t port, bool six) {
-    const int handle = ::socket(six ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+// What the two systems' sockets call differently.
+#ifdef _WIN32
+using Handle = SOCKET;
+using Length = int;
+constexpr Handle noHandle = INVALID_SOCKET;
+constexpr int sendFlags = 0;
+constexpr int noMoreSent = SD_SEND;
+
+Handle openSocket(int family) {
+    WSADATA data;
+    ::WSAStartup(MAKEWORD(2, 2), &data);
+    const Handle handle = ::socket(family, SOCK_STREAM, 0);
+    const DWORD patience = 20'000; // milliseconds
+    ::setsockopt(handle, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&patience), sizeof patience);
+    return handle;
+}
+
+void closeSocket(Handle handle) {
+    ::closesocket(handle);
+    ::WSACleanup();
+}
+
+bool isTooLate() {
+    return ::WSAGetLastError() == WSAETIMEDOUT;
+}
+#else
+using Handle = int;
+using Length = std::size_t;
+constexpr Handle noHandle = -1;
+constexpr int sendFlags = MSG_NOSIGNAL;
+constexpr int noMoreSent = SHUT_WR;
+
+Handle openSocket(int family) {
+    const Handle handle = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const timeval patience = {20, 0};
     ::setsockopt(handle, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    return handle;
+}
+
+void closeSocket(Handle handle) {
+    ::close(handle);
+}
+
+bool isTooLate() {
+    return errno == EAGAIN || errno == EWOULDBLOCK;
+}
+#endif
+
+// The bytes that came; 0 at the end, less than 0 on an error.
+std::ptrdiff_t receiveFrom(std::intptr_t handle, std::array<char, 65536>& buffer) {
+    return ::recv(static_cast<Handle>(handle), buffer.data(), static_cast<Length>(buffer.size()), 0);
+}
+
+std::intptr_t connectTo(std::uint16_t port, bool six) {
+    const Handle handle = openSocket(six ? AF_INET6 : AF_INET);
     sockaddr_in four = {};
     four.sin_family = AF_INET;
     four.sin_port = htons(port);
@@ -26,11 +84,11 @@ int connectTo(std::uint16_t port, bool six) {
     long6.sin6_port = htons(port);
     long6.sin6_addr = in6addr_loopback;
     const auto* const place = six ? reinterpret_cast<sockaddr*>(&long6) : reinterpret_cast<sockaddr*>(&four);
-    if (handle < 0 || ::connect(handle, place, six ? sizeof long6 : sizeof four) != 0) {
-        ::close(handle);
+    if (handle == noHandle || ::connect(handle, place, six ? sizeof long6 : sizeof four) != 0) {
+        closeSocket(handle);
         throw std::runtime_error("no connection to port " + std::to_string(port));
     }
-    return handle;
+    return static_cast<std::intptr_t>(handle);
 }
 
 std::string lowered(std::string text) {
@@ -45,12 +103,13 @@ std::string lowered(std::string text) {
 Connection::Connection(std::uint16_t port, bool six) : port_(port), socket_(connectTo(port, six)) {}
 
 Connection::~Connection() {
-    ::close(socket_);
+    closeSocket(static_cast<Handle>(socket_));
 }
 
 bool Connection::send(std::string_view bytes) {
     while (!bytes.empty()) {
-        const ssize_t count = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        const std::ptrdiff_t count =
+            ::send(static_cast<Handle>(socket_), bytes.data(), static_cast<Length>(bytes.size()), sendFlags);
         if (count <= 0) {
             return false;
         }
@@ -61,7 +120,7 @@ bool Connection::send(std::string_view bytes) {
 
 bool Connection::fill() {
     std::array<char, 65536> buffer;
-    const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), 0);
+    const std::ptrdiff_t count = receiveFrom(socket_, buffer);
     if (count > 0) {
         received_.append(buffer.data(), static_cast<std::size_t>(count));
     }
@@ -103,12 +162,12 @@ Answer Connection::ask(const std::string& method, const std::string& target, con
 }
 
 bool Connection::isEnded() {
-    ssize_t count = 0;
+    std::ptrdiff_t count = 0;
     do {
         std::array<char, 65536> buffer;
-        count = ::recv(socket_, buffer.data(), buffer.size(), 0);
+        count = receiveFrom(socket_, buffer);
     } while (count > 0);
-    return count == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    return count == 0 || !isTooLate();
 }
 
 bool Connection::hasBegun() {
@@ -116,7 +175,7 @@ bool Connection::hasBegun() {
 }
 
 void Connection::finish() {
-    ::shutdown(socket_, SHUT_WR);
+    ::shutdown(static_cast<Handle>(socket_), noMoreSent);
 }
 
 } // namespace RawClient

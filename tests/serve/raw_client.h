@@ -51,7 +51,7 @@ private:
     bool fill();
 
     std::uint16_t port_;
-    int socket_;
+    std::intptr_t socket_; // as the system names it
     std::string received_;
 };
 
