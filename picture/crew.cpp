@@ -3,12 +3,17 @@
 #include "threads/crew.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace Tavrin::SplatPicture {
 namespace {
 
 struct Stopped {}; // thrown in a body to leave it when another worker has failed
+
+struct ForgetCrew {
+    void operator()(SplatThreads::Crew** crew) const { *crew = nullptr; }
+};
 
 } // namespace
 
@@ -20,7 +25,7 @@ void Crew::setShares(double from, double to) {
 }
 
 void Crew::pause(unsigned worker) {
-    if (crew_->isStopped()) {
+    if (crew_ != nullptr && crew_->isStopped()) {
         throw Stopped();
     }
     if (worker == 0 && progress_) {
@@ -37,6 +42,7 @@ void Crew::run(std::size_t items, const Body& body) {
     begun_ = 0;
     SplatThreads::Crew crew;
     crew_ = &crew;
+    const std::unique_ptr<SplatThreads::Crew*, ForgetCrew> forget(&crew_);
     crew.share(threads_, items, [&](unsigned worker, std::uint64_t item) {
         ++begun_;
         pause(worker);

@@ -32,7 +32,8 @@ public:
     // do the work. Rethrows the first exception of a body or of the progress function.
     void run(std::size_t items, const Body& body);
 
-    // For a body with a long item: reports progress, and throws when another worker has failed.
+    // For a body with a long item: reports progress, and throws when another worker has failed. The caller's
+    // thread may call it between two runs, as worker 0; then it reports progress alone.
     void pause(unsigned worker);
 
 private:
@@ -43,7 +44,7 @@ private:
     double reported_ = 0.0;
     std::size_t items_ = 0;
     std::atomic<std::size_t> begun_ = 0; // of these
-    SplatThreads::Crew* crew_ = nullptr; // of the items being worked on
+    SplatThreads::Crew* crew_ = nullptr; // during run()
 };
 
 } // namespace Tavrin::SplatPicture
