@@ -3,8 +3,11 @@
 #include "tests/support/files.h"
 
 #include <stdexcept>
+#include <string>
 
 #if defined(_WIN32)
+#include <iostream>
+
 #include <windows.h>
 #else
 #include <cstdlib>
@@ -61,16 +64,28 @@ void start(const ProcessCommand& command, const Captured& files, ProcessResult& 
     startup.hStdOutput = createInheritable(files.output);
     startup.hStdError = createInheritable(files.errors);
     PROCESS_INFORMATION process{};
-    std::wstring line = commandLine(command.words);
-    const BOOL started =
-        CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process);
+    // On a busy machine wine now and then fails to start a process, so this tries again.
+    constexpr int attempts = 3;
+    BOOL started = FALSE;
+    DWORD error = 0;
+    for (int attempt = 0; attempt < attempts && !started; ++attempt) {
+        std::wstring line = commandLine(command.words);
+        started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                                 &process);
+        if (!started) {
+            error = GetLastError();
+            std::cerr << "error " << error << " when starting " << command.words.front() << '\n';
+            Sleep(500);
+        }
+    }
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
     for (const auto& entry : command.environment) {
         SetEnvironmentVariableA(entry.first.c_str(), nullptr);
     }
     if (!started) {
-        throw std::runtime_error("cannot start " + command.words.front());
+        throw std::runtime_error("cannot start " + command.words.front() + ", error " +
+                                 std::to_string(error));
     }
     WaitForSingleObject(process.hProcess, INFINITE);
     DWORD status = 0;
