@@ -87,8 +87,16 @@ fi
 
 said=$(mktemp -d "$WINEPREFIX/said.XXXXXX")
 trap 'rm -rf "$said"' EXIT
-status=0
-"$wine" "$@" >"$said/output" 2>"$said/errors" || status=$?
+# On a busy machine wine now and then ends with an error before the program begins, without a word. No program of this
+# project fails in silence, so it is run again then.
+for attempt in 1 2 3; do
+    status=0
+    "$wine" "$@" >"$said/output" 2>"$said/errors" || status=$?
+    if ((status == 0)) || [[ -s $said/output || -s $said/errors ]]; then
+        break
+    fi
+    echo "wine ended with $status and said nothing of $1 (attempt $attempt)" >&2
+done
 cat "$said/output"
 cat "$said/errors" >&2
 exit "$status"
