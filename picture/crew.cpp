@@ -1,19 +1,12 @@
 #include "picture/crew.h"
 
-#include "threads/crew.h"
-
 #include <algorithm>
-#include <memory>
 #include <utility>
 
 namespace Tavrin::SplatPicture {
 namespace {
 
 struct Stopped {}; // thrown in a body to leave it when another worker has failed
-
-struct ForgetCrew {
-    void operator()(SplatThreads::Crew** crew) const { *crew = nullptr; }
-};
 
 } // namespace
 
@@ -25,7 +18,7 @@ void Crew::setShares(double from, double to) {
 }
 
 void Crew::pause(unsigned worker) {
-    if (crew_ != nullptr && crew_->isStopped()) {
+    if (crew_ && crew_->isStopped()) {
         throw Stopped();
     }
     if (worker == 0 && progress_) {
@@ -40,10 +33,8 @@ void Crew::pause(unsigned worker) {
 void Crew::run(std::size_t items, const Body& body) {
     items_ = items;
     begun_ = 0;
-    SplatThreads::Crew crew;
-    crew_ = &crew;
-    const std::unique_ptr<SplatThreads::Crew*, ForgetCrew> forget(&crew_);
-    crew.share(threads_, items, [&](unsigned worker, std::uint64_t item) {
+    crew_.emplace();
+    crew_->share(threads_, items, [&](unsigned worker, std::uint64_t item) {
         ++begun_;
         pause(worker);
         body(worker, static_cast<std::size_t>(item));

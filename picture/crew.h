@@ -1,13 +1,12 @@
 // The threads that draw, and the share of the whole drawing that is done.
 #pragma once
 
+#include "threads/crew.h"
+
 #include <atomic>
 #include <cstddef>
 #include <functional>
-
-namespace Tavrin::SplatThreads {
-class Crew;
-}
+#include <optional>
 
 namespace Tavrin::SplatPicture {
 
@@ -43,8 +42,8 @@ private:
     double to_ = 1.0;
     double reported_ = 0.0;
     std::size_t items_ = 0;
-    std::atomic<std::size_t> begun_ = 0; // of these
-    SplatThreads::Crew* crew_ = nullptr; // during run()
+    std::atomic<std::size_t> begun_ = 0;     // of these
+    std::optional<SplatThreads::Crew> crew_; // of the last run()
 };
 
 } // namespace Tavrin::SplatPicture

@@ -112,3 +112,11 @@ plain_disk() {
 as_in_a_terminal() {
     ASAN_OPTIONS=${ASAN_OPTIONS:-}:detect_leaks=0 exec setsid env --default-signal=INT "$@"
 }
+
+# Ends a test of memory, as skipped, if the program carries a sanitizer.
+skip_under_sanitizers() {
+    if ldd "$(command -v plyconvert)" | grep -q -e libasan -e libtsan; then
+        echo "skipped: a sanitizer takes memory of its own"
+        exit 77
+    fi
+}

@@ -7,10 +7,7 @@
 set -u
 # shellcheck source=tests/cli/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
-if ldd "$(command -v plyconvert)" | grep -q -e libasan -e libtsan; then
-    echo "skipped: a sanitizer takes memory of its own"
-    exit 77
-fi
+skip_under_sanitizers
 enter_scratch
 
 # number KEY: of the JSON on standard input.
