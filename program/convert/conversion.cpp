@@ -19,23 +19,24 @@ namespace {
 // Resident bytes of a conversion outside its passes, measured (docs/performance.md): code and data of the
 // program and the system's libraries, stacks, buffers of files and inputs, and what the allocator keeps of
 // the first pass during the second.
-constexpr std::uint64_t processBytes = 9 << 20;
+constexpr std::uint64_t processBytes = 65 << 17; // 8.125 MiB
 constexpr std::uint64_t threadBytes = 256 << 10;
 
 std::uint64_t ownBytes(unsigned threads) {
     return processBytes + threads * threadBytes;
 }
 
-constexpr std::uint64_t hugePage = std::uint64_t{2} << 20;
+// What a large pass may have resident beyond what it allocates: the last huge page, which is not full, and a
+// MiB that the allocator keeps of the first pass.
+constexpr std::uint64_t mostWaste = std::uint64_t{3} << 20;
 
-// A pass that allocates so many bytes may have more of them resident: the last huge page is not full.
 std::uint64_t residentBytes(std::uint64_t passes) {
-    return passes + std::min(passes / 8, hugePage);
+    return passes + std::min(passes / 8, mostWaste);
 }
 
 // The most that a pass may allocate to have this many bytes resident: the inverse of residentBytes.
 std::uint64_t passBytes(std::uint64_t resident) {
-    return std::max(resident / 9 * 8, resident - std::min(resident, hugePage));
+    return std::max(resident / 9 * 8, resident - std::min(resident, mostWaste));
 }
 
 [[noreturn]] void refuseForMemory(const std::string& name, std::uint64_t splats, std::uint64_t least,
