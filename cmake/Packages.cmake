@@ -79,5 +79,14 @@ set(CPACK_DEBIAN_GEO_PACKAGE_DEPENDS "plyconvert (= ${PROJECT_VERSION}-${CPACK_D
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS "plyconvert-geo")
 install(FILES docs/hosting.md docs/format.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libplyconvert-dev
     COMPONENT development EXCLUDE_FROM_ALL)
+# For users of the program, laid out as in the sources, since they link to each other.
+set(documents batch catalogue format input performance program robustness viewing windows)
+list(TRANSFORM documents REPLACE "(.+)" "docs/\\1.md")
+install(FILES ${documents} docs/town.jpg docs/viewing.jpg DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/plyconvert/docs
+    COMPONENT program EXCLUDE_FROM_ALL)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/plyconvert COMPONENT program EXCLUDE_FROM_ALL
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+    PATTERN "*.sh" PERMISSIONS
+        OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 include(CPack)

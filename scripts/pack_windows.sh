@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Packs the zip for Windows: one folder with the program, the library, its header and the documents.
+# Packs the zip for Windows: one folder with the program, the library, its header, the documents and the examples. Headers,
+# documents and examples lie as in the sources, so that the links of the documents hold.
 #
 #   scripts/pack_windows.sh BUILD ZIP
 #
@@ -19,7 +20,7 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 umask 022
 stage=$folder/$name
-mkdir -p "$stage/docs"
+mkdir -p "$stage/docs" "$stage/include"
 for file in plyconvert.exe plyconvert.dll libplyconvert.dll.a; do
     [[ -f $build/$file ]] || {
         echo "pack_windows.sh: $build/$file is missing: build the preset windows first" >&2
@@ -29,7 +30,9 @@ for file in plyconvert.exe plyconvert.dll libplyconvert.dll.a; do
 done
 # strip would write the current time into them without this option.
 x86_64-w64-mingw32-strip --preserve-dates "$stage/plyconvert.exe" "$stage/plyconvert.dll"
-cp "$root/include/plyconvert.h" "$root/README.md" "$root/CHANGELOG.md" "$stage"
+cp "$root"/{README,CHANGELOG,CONTRIBUTING}.md "$stage"
+cp "$root/include/plyconvert.h" "$stage/include"
+cp -r "$root/examples" "$stage"
 cp "$root"/docs/*.md "$root"/docs/*.jpg "$stage/docs"
 # A zip file has local times in steps of two seconds, and the order of its names is that of the input.
 export TZ=UTC LC_ALL=C.UTF-8

@@ -91,6 +91,10 @@ inside plyconvert /root/scene.ply /root/out
 inside plyconvert verify /root/out --against /root/scene.ply >/dev/null
 inside plyconvert export /root/out /root/again.ply
 [[ -f $bare/usr/share/man/man1/plyconvert.1.gz ]] || fail "no manual page"
+for file in docs/program.md examples/slurm/tile.sbatch examples/slurm/convert_tiles.sh examples/parallel/convert.sh; do
+    [[ -f $bare/usr/share/doc/plyconvert/$file ]] || fail "no $file"
+    [[ $file != *.sh || -x $bare/usr/share/doc/plyconvert/$file ]] || fail "$file cannot be run"
+done
 inside plyconvert view /root/out --no-open --port 0 >"$folder/view.log" 2>&1 &
 server=$!
 for _ in {1..100}; do

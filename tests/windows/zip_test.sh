@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Unpacks the zip for Windows in a folder with blanks and umlauts and uses its files under wine: the program on paths with
-# umlauts, and a host that is built with its header and import library. Each row of the table in docs/windows.md, of what the
-# program lacks there, must be its one line of output.
+# umlauts, and a host that is built with its header and import library. Every link of its documents must lead to something in
+# it. Each row of the table in docs/windows.md, of what the program lacks there, must be its one line of output.
 #
 #   zip_test.sh ZIP SCRATCH EMULATOR...
 set -euo pipefail
@@ -28,9 +28,10 @@ cmake -E tar xf "$zip"
 name=${zip##*/}
 name=${name%.zip}
 program="$PWD/$name/plyconvert.exe"
-for file in plyconvert.exe plyconvert.dll libplyconvert.dll.a plyconvert.h README.md CHANGELOG.md docs/windows.md; do
+for file in plyconvert.exe plyconvert.dll libplyconvert.dll.a include/plyconvert.h README.md CHANGELOG.md docs/windows.md; do
     [[ -s $name/$file ]] || fail "$file is not in the zip"
 done
+"$root/tests/build/links_test.sh" "$name" || fail "a link of its documents leads nowhere"
 
 # run STATUS WORD...: runs the program, expects the exit status and leaves the output in $said.
 run() {
@@ -105,7 +106,7 @@ done < <(sed -n '/^## What it does not have/,/^## /p' "$root/docs/windows.md" | 
 ((rows > 0)) || fail "the table of docs/windows.md was not found"
 
 # A host, beside the DLL.
-x86_64-w64-mingw32-gcc -o "$name/host.exe" -I "$name" "$root/tests/consumer/sources/host.c" -L "$name" -lplyconvert
+x86_64-w64-mingw32-gcc -o "$name/host.exe" -I "$name/include" "$root/tests/consumer/sources/host.c" -L "$name" -lplyconvert
 status=0
 said=$(cd "$name" && "${emulator[@]}" "$PWD/host.exe" 2>&1) || status=$?
 ((status == 0)) || fail "the host ends with $status: $said"
