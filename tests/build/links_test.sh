@@ -32,8 +32,8 @@ check() {
             [[ $target != *://* && $target != mailto:* ]] || continue
             links=$((links + 1))
             path=$file
-            [[ $target == "#"* ]] || path=$(realpath -m "$(dirname "$file")/${target%%#*}")
-            if [[ $(realpath -m "$path") != "$folder"/* || ! -e $path ]]; then
+            [[ $target == "#"* ]] || path=${file%/*}/${target%%#*}
+            if [[ ! -e $path || $(realpath "$path") != "$folder"/* ]]; then
                 fail "$file links to $target, which is not there"
             elif [[ $target == *"#"* ]] && ! grep -qxF -- "${target#*#}" <<<"$(anchors "$path")"; then
                 fail "$file links to $target, and no such heading is there"
