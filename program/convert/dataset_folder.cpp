@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <set>
-#include <vector>
 
 namespace Tavrin::SplatProgram {
 namespace {
@@ -42,6 +41,19 @@ FolderListing listFolder(const fs::path& folder) {
     return {FolderContent::dataset, {}};
 }
 
+std::vector<fs::path> filesOfDataset(const fs::path& folder) {
+    std::error_code ignored;
+    std::vector<fs::path> files;
+    if (fs::symlink_status(folder, ignored).type() == fs::file_type::directory) {
+        for (const char* name : datasetFiles) {
+            if (fs::symlink_status(folder / name, ignored).type() == fs::file_type::regular) {
+                files.push_back(folder / name);
+            }
+        }
+    }
+    return files;
+}
+
 std::error_code removeDataset(const fs::path& folder) {
     std::error_code error;
     if (fs::symlink_status(folder, error).type() != fs::file_type::directory) {
@@ -49,14 +61,8 @@ std::error_code removeDataset(const fs::path& folder) {
                    ? std::make_error_code(std::errc::not_a_directory)
                    : std::error_code();
     }
-    std::vector<fs::path> files;
-    for (const char* name : datasetFiles) {
-        if (fs::symlink_status(folder / name, error).type() == fs::file_type::regular) {
-            files.push_back(folder / name);
-        }
-    }
     // The disk space should be free when this returns, but an interrupted program should end quickly.
-    removeFiles(files, [] { return !interrupted(); });
+    removeFiles(filesOfDataset(folder), [] { return !interrupted(); });
     error.clear();
     fs::remove(folder, error);
     return error;

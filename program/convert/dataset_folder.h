@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace Tavrin::SplatProgram {
 
@@ -22,6 +23,9 @@ struct FolderListing {
 
 // Throws std::filesystem::filesystem_error when the folder cannot be listed.
 FolderListing listFolder(const std::filesystem::path& folder);
+
+// The files in the folder that a conversion writes; none where the folder is missing or no folder.
+std::vector<std::filesystem::path> filesOfDataset(const std::filesystem::path& folder);
 
 // Removes the files that a conversion writes, then the folder if it is empty. If the folder holds anything
 // else, both stay, and the error is std::errc::directory_not_empty. A missing folder is no error. Returns

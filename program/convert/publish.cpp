@@ -1,6 +1,7 @@
 #include "program/convert/publish.h"
 
 #include "program/system/exit_status.h"
+#include "program/system/flush_folders.h"
 #include "program/system/interrupt.h"
 
 #include <fmt/format.h>
@@ -193,11 +194,7 @@ std::optional<std::string> PartialFolder::publish(const std::vector<std::string>
     throwIfInterrupted();
     replace();
     isPublished_ = true;
-    flushToDisk(place_.folder.parent_path());
-    // Without its own entry on the disk, a new parent folder could not be found again.
-    for (const fs::path& parent : createdParents_) {
-        flushToDisk(parent.parent_path());
-    }
+    flushNames();
     std::error_code error;
     for (const fs::path& old : {path_, replaced_}) {
         if (place_.content == FolderContent::other) {
@@ -211,6 +208,34 @@ std::optional<std::string> PartialFolder::publish(const std::vector<std::string>
         }
     }
     return std::nullopt;
+}
+
+void PartialFolder::flushNames() {
+    std::vector<fs::path> folders = {place_.folder.parent_path()};
+    // Without its own entry on the disk, a new parent folder could not be found again.
+    for (const fs::path& parent : createdParents_) {
+        folders.push_back(parent.parent_path());
+    }
+    // What was replaced must stay until the new names are on the disk: they may be lost until then. The other
+    // process removes no tree of other files, which --force allows; so this one waits for it.
+    const bool mayLeave = place_.content != FolderContent::other;
+    AfterFlush after;
+    after.lock = lock_->handle();
+    if (mayLeave) {
+        for (const fs::path& old : {path_, replaced_}) {
+            const std::vector<fs::path> files = filesOfDataset(old);
+            after.removals.insert(after.removals.end(), files.begin(), files.end());
+            after.removals.push_back(old);
+        }
+        after.removals.push_back(lock_->path());
+    }
+    if (!flushFolders(folders, after, [&] { return mayLeave && interrupted(); })) {
+        lock_->leave();
+        throw Failure(
+            ExitStatus::interrupted,
+            fmt::format("interrupted: {} holds the new dataset, but the disk has not confirmed it yet",
+                        place_.name));
+    }
 }
 
 // Changes of the place since the conversion began make the run fail (ConversionFailed). OutputRefused would

@@ -53,13 +53,16 @@ public:
     // Puts the folder in place of the output folder, in one step if the file system can, and removes what was
     // there. Checks the place again first. Throws a Failure (ConversionFailed) when a dataset may no longer
     // be put there or when renaming fails; the place is then unchanged. Returns a warning when the replaced
-    // folder could not be removed.
+    // folder could not be removed. After an interrupt it does not wait long for the disk to confirm the new
+    // names, and throws a Failure (Interrupted): then the new dataset stands, and another process removes
+    // what was there once the names are on the disk.
     std::optional<std::string> publish(const std::vector<std::string>& inputs, bool force);
 
 private:
     void createParents();
     void checkAgain(const std::vector<std::string>& inputs, bool force);
     void replace();
+    void flushNames();
     void removeCreatedParents() noexcept;
 
     OutputPlace place_;

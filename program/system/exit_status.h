@@ -32,7 +32,7 @@ inline constexpr const char* exitStatusTable =
     "  6    verification failed\n"
     "  7    does not fit the memory or disk here: an earlier dataset stands\n"
     "  8    done, but standard output or the report could not be written\n"
-    "  130  interrupted: an earlier dataset stands";
+    "  130  interrupted: an earlier dataset stands, or all of the new one";
 
 // A failure that ends the command: one line that says what, where and what to do, and the exit status.
 class Failure : public std::runtime_error {

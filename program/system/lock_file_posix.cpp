@@ -96,7 +96,9 @@ std::unique_ptr<LockFile> LockFile::take(const std::filesystem::path& path, std:
 }
 
 LockFile::~LockFile() {
-    ::unlink(path_.c_str());
+    if (!isLeft_) {
+        ::unlink(path_.c_str());
+    }
     ::close(static_cast<int>(handle_));
 }
 

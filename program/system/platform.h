@@ -91,11 +91,20 @@ public:
     // Removes the file, then drops the lock.
     ~LockFile();
 
+    const std::filesystem::path& path() const { return path_; }
+
+    // The open file, which this object closes.
+    std::intptr_t handle() const { return handle_; }
+
+    // Leaves file and lock to another process, which has the file open, too: the destructor only closes it.
+    void leave() { isLeft_ = true; }
+
 private:
     LockFile(std::filesystem::path path, std::intptr_t handle) : path_(std::move(path)), handle_(handle) {}
 
     std::filesystem::path path_;
     std::intptr_t handle_;
+    bool isLeft_ = false;
 };
 
 // The bytes that a line end takes in a text file: 1, or 2 on Windows.

@@ -199,7 +199,7 @@ std::unique_ptr<LockFile> LockFile::take(const fs::path& path, std::error_code& 
 LockFile::~LockFile() {
     const Handle handle(reinterpret_cast<HANDLE>(handle_));
     FILE_DISPOSITION_INFO removal = {};
-    removal.DeleteFile = TRUE;
+    removal.DeleteFile = isLeft_ ? FALSE : TRUE;
     SetFileInformationByHandle(handle.get(), FileDispositionInfo, &removal, sizeof removal);
 }
 

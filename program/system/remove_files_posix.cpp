@@ -1,5 +1,6 @@
 #include "program/system/remove_files.h"
 
+#include "program/system/child_process_posix.h"
 #include "program/system/network_disk_posix.h"
 
 #include <algorithm>
@@ -15,31 +16,10 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Closes all descriptors from `first` to `last`. Called between fork and _exit, so it allocates nothing and
-// takes no locks.
-void closeRange(unsigned first, unsigned last) {
-#if defined(__linux__)
-    if (::close_range(first, last, 0) == 0) {
-        return;
-    }
-#endif
-    const long most = ::sysconf(_SC_OPEN_MAX);
-    for (unsigned handle = first; handle <= last && handle < static_cast<unsigned long>(most); ++handle) {
-        ::close(static_cast<int>(handle));
-    }
-}
-
 // The child process: keeps the descriptors `handles` (ascending) open until the other end of the pipe is
 // closed. The system frees the removed files when the child ends.
 [[noreturn]] void holdFiles(const std::vector<int>& handles, int pipeEnd) {
-    unsigned next = 0;
-    for (const int handle : handles) {
-        if (static_cast<unsigned>(handle) > next) {
-            closeRange(next, static_cast<unsigned>(handle) - 1);
-        }
-        next = static_cast<unsigned>(handle) + 1;
-    }
-    closeRange(next, ~0u);
+    closeAllBut(handles);
     char nothing = 0;
     while (::read(pipeEnd, &nothing, 1) > 0) {
     }

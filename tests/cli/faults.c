@@ -1,20 +1,24 @@
 /* Loaded in front of the C library (LD_PRELOAD) into the program under test, to make things fail that fail
  * seldom.
  *
- * FAULT_KILL_AT=N       the process is killed in place of its Nth call that changes names or flushes
+ * FAULT_KILL_AT=N       the process, with those that it forked, is killed in place of their Nth call that
+ *                       changes names or flushes
+ * FAULT_NO_FORK=1       no process can be forked
  * FAULT_NO_EXCHANGE=1   the file system knows no exchange of names
  * FAULT_NO_LOCKS=ERRNO  the file system knows no locks (flock)
  * FAULT_NETWORK=1       every file system says that it is NFS (fstatfs), and a file that this process has
- * open keeps a name when it is removed, as there; it keeps it for ever FAULT_FSYNC=N         the Nth flush
- * fails as a full disk does FAULT_READ=N          the Nth read at a place (pread) fails as a broken disk does
+ *                       open keeps a name when it is removed, as there; it keeps it for ever
+ * FAULT_FSYNC=N         the Nth flush fails as a full disk does
+ * FAULT_READ=N          the Nth read at a place (pread) fails as a broken disk does
  * FAULT_WRITE=N         the same of writes (pwrite)
  * FAULT_SLOW=FILE       while FILE exists, every read at a place takes 100 ms longer
  * FAULT_HOLD=FILE       the process creates FILE when it is about to create the folder that it writes to,
  *                       and goes on when FILE is gone or a signal comes
  * FAULT_HOLD_AT=CALL    the same at its first pread, pwrite or fsync instead, or at its first read of a
  *                       data.bin
- * FAULT_STUCK=FILE      the first write at a place creates FILE, takes ten seconds, whatever signals
- *                       come, and removes FILE
+ * FAULT_STUCK=FILE      the first write at a place creates FILE and takes ten seconds, whatever signals come,
+ *                       or until FILE is gone; then it removes FILE
+ * FAULT_STUCK_AT=flush  the first flush of a folder does that instead, but for one that is being written
  * FAULT_WATCH=COMMAND   "COMMAND cut NAME" is run before each call that changes names or flushes;
  *                       "COMMAND flushed PATH" after each flush
  * FAULT_COUNT=FILE      the number of those calls is written to the file when the process exits
@@ -22,6 +26,7 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <linux/magic.h>
 #include <poll.h>
 #include <signal.h>
@@ -30,6 +35,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <time.h>
@@ -47,7 +53,10 @@ static int noExchange = 0;
 static int noLocks = 0;
 static int isNetwork = 0;
 static char countFile[4096] = "";
-static long calls = 0;
+static long ownCalls = 0;
+static long* calls = &ownCalls; /* of this process and of those that it forks */
+static pid_t first = 0;
+static int noFork = 0;
 static long flushes = 0;
 static atomic_long reads = 0;
 static atomic_long writes = 0;
@@ -65,6 +74,10 @@ __attribute__((constructor)) static void readFaults(void) {
     failingRead = numberOf("FAULT_READ");
     failingWrite = numberOf("FAULT_WRITE");
     noExchange = numberOf("FAULT_NO_EXCHANGE") != 0;
+    noFork = numberOf("FAULT_NO_FORK") != 0;
+    first = getpid();
+    void* shared = mmap(NULL, sizeof *calls, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    calls = shared != MAP_FAILED ? shared : calls;
     noLocks = (int)numberOf("FAULT_NO_LOCKS");
     isNetwork = numberOf("FAULT_NETWORK") != 0;
     const char* file = getenv("FAULT_COUNT");
@@ -77,7 +90,7 @@ __attribute__((constructor)) static void readFaults(void) {
 __attribute__((destructor)) static void writeCount(void) {
     FILE* file = countFile[0] != '\0' ? fopen(countFile, "w") : NULL;
     if (file != NULL) {
-        fprintf(file, "%ld\n", calls);
+        fprintf(file, "%ld\n", *calls);
         fclose(file);
     }
 }
@@ -128,15 +141,24 @@ static void stick(void) {
     if (file != NULL) {
         fclose(file);
     }
-    struct timespec left = {10, 0};
-    while (nanosleep(&left, &left) != 0) {
+    const struct timespec pause = {0, 10000000};
+    for (int i = 0; i < 1000 && access(name, F_OK) == 0; ++i) {
+        struct timespec left = pause;
+        while (nanosleep(&left, &left) != 0) {
+        }
     }
-    unlink(name);
+    unlinkat(AT_FDCWD, name, 0); /* not counted */
+}
+
+static int sticksAt(const char* call) {
+    const char* where = getenv("FAULT_STUCK_AT");
+    return strcmp(where != NULL ? where : "write", call) == 0;
 }
 
 static void countCall(const char* name) {
     watch("cut", name);
-    if (++calls == killAt) {
+    if (++*calls == killAt) {
+        kill(first, SIGKILL);
         raise(SIGKILL);
     }
 }
@@ -202,6 +224,18 @@ int unlink(const char* path) {
     return next(path);
 }
 
+int rmdir(const char* path) {
+    int (*next)(const char*) = (int (*)(const char*))dlsym(RTLD_NEXT, "rmdir");
+    countCall("rmdir");
+    return next(path);
+}
+
+pid_t fork(void) {
+    pid_t (*next)(void) = (pid_t(*)(void))dlsym(RTLD_NEXT, "fork");
+    errno = EAGAIN;
+    return noFork ? -1 : next();
+}
+
 int fsync(int file) {
     int (*next)(int) = (int (*)(int))dlsym(RTLD_NEXT, "fsync");
     hold("fsync");
@@ -210,11 +244,17 @@ int fsync(int file) {
         errno = ENOSPC;
         return -1;
     }
-    const int result = getenv("FAULT_WATCH") != NULL ? 0 : next(file); // the watcher stands for the disk
     char link[64];
     char path[4096] = "";
+    struct stat status;
     snprintf(link, sizeof link, "/proc/self/fd/%d", file);
-    if (result == 0 && readlink(link, path, sizeof path - 1) > 0) {
+    const int isNamed = readlink(link, path, sizeof path - 1) > 0;
+    if (sticksAt("flush") && fstat(file, &status) == 0 && S_ISDIR(status.st_mode) &&
+        strstr(path, ".partial-") == NULL) {
+        stick();
+    }
+    const int result = getenv("FAULT_WATCH") != NULL ? 0 : next(file); // the watcher stands for the disk
+    if (result == 0 && isNamed) {
         watch("flushed", path);
     }
     return result;
@@ -261,7 +301,9 @@ static int readFails(void) {
 
 static int writeFails(void) {
     hold("pwrite");
-    stick();
+    if (sticksAt("write")) {
+        stick();
+    }
     errno = EIO;
     return ++writes == failingWrite;
 }
