@@ -34,11 +34,30 @@ struct PackedInput {
     }
 };
 
+constexpr std::uint64_t trailerBytes = 8; // of gzip: checksum and length, four bytes each
+
+std::uint32_t numberAt(const std::uint8_t* bytes) {
+    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
+}
+
 [[noreturn]] void refuse(const RecordFile& file, const std::string& what) {
     throw SourceError(file.name() + ": the SPZ file is damaged: " + what + ": copy or export it again");
 }
 
+[[noreturn]] void refuseGzip(const RecordFile& file, const char* reason) {
+    refuse(file, std::string("its gzip data or checksum is wrong (") +
+                     (reason != nullptr ? reason : "no reason given") + ")");
+}
+
 } // namespace
+
+std::uint32_t sumOf(const std::uint8_t* bytes, std::uint64_t size) {
+    return static_cast<std::uint32_t>(crc32_z(0, bytes, size));
+}
+
+std::uint32_t joinSums(std::uint32_t first, std::uint32_t second, std::uint64_t secondSize) {
+    return static_cast<std::uint32_t>(crc32_combine(first, second, static_cast<z_off_t>(secondSize)));
+}
 
 struct GzipReader::State {
     PackedInput input;
@@ -80,11 +99,25 @@ std::uint64_t GzipReader::read(std::uint8_t* bytes, std::uint64_t size) {
         } else if (result == Z_MEM_ERROR) {
             throw std::bad_alloc();
         } else if (result != Z_OK && result != Z_BUF_ERROR) {
-            refuse(state_->input.file, std::string("its gzip data or checksum is wrong (") +
-                                           (stream.msg != nullptr ? stream.msg : "no reason given") + ")");
+            refuseGzip(state_->input.file, stream.msg);
         }
     }
     return done;
+}
+
+void GzipReader::leaveSum() {
+    inflateValidate(&state_->stream, 0);
+}
+
+void GzipReader::requireSum(std::uint32_t sum) const {
+    std::uint8_t trailer[trailerBytes];
+    state_->input.file.read(bytesRead() - trailerBytes, trailer, trailerBytes);
+    if (numberAt(trailer) != sum) {
+        refuseGzip(state_->input.file, "incorrect data check");
+    }
+    if (numberAt(trailer + 4) != static_cast<std::uint32_t>(state_->stream.total_out)) {
+        refuseGzip(state_->input.file, "incorrect length check");
+    }
 }
 
 bool GzipReader::isAtEnd() const {

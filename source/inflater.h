@@ -1,4 +1,7 @@
 // Unpacks gzip and zstd data from a part of a file, one buffer at a time.
+//
+// The checksum of gzip (CRC-32) takes a quarter as long as unpacking. A caller may compute it elsewhere, of
+// pieces in any order.
 #pragma once
 
 #include "source/record_file.h"
@@ -7,6 +10,12 @@
 #include <memory>
 
 namespace Tavrin::SplatSource {
+
+// The checksum of some bytes.
+std::uint32_t sumOf(const std::uint8_t* bytes, std::uint64_t size);
+
+// The checksum of two pieces, one behind the other, of which the second has `secondSize` bytes.
+std::uint32_t joinSums(std::uint32_t first, std::uint32_t second, std::uint64_t secondSize);
 
 // The first gzip member of a file.
 class GzipReader {
@@ -18,8 +27,14 @@ public:
     GzipReader& operator=(const GzipReader&) = delete;
 
     // Writes at most size unpacked bytes. There are fewer only at the end of the member. Its checksum and
-    // length have then been checked.
+    // length have then been checked, unless that is left to the caller.
     std::uint64_t read(std::uint8_t* bytes, std::uint64_t size);
+
+    // From now on the caller computes the checksum. To be called between two reads.
+    void leaveSum();
+    // At the end of the member. `sum` is that of all unpacked bytes, those before leaveSum among them. Throws
+    // SourceError unless it and the length are those that the file states.
+    void requireSum(std::uint32_t sum) const;
 
     bool isAtEnd() const;
     // Throws SourceError when there is more to unpack.

@@ -1,5 +1,7 @@
 #include "source/spz_arrays.h"
 
+#include "source/inflater.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -36,6 +38,8 @@ SpzArrays::SpzArrays(const RecordFile& file, const SpzHeader& header,
         lane->start = unpacker->start();
         lane->end = unpacker->end();
         lane->stored = lane->unpacked = lane->start;
+        lane->leavesSum = unpacker->leftSum().has_value();
+        lane->sum = unpacker->leftSum().value_or(0);
         lane->unpacker = std::move(unpacker);
         lanes_.push_back(std::move(lane));
     }
@@ -148,17 +152,24 @@ void SpzArrays::store(Lane& lane, std::uint64_t start, const std::uint8_t* bytes
         reachesTheEnds(bytes, std::min(size, positionsEnd - start))) {
         isWrapped_ = true;
     }
+    const std::uint32_t sum = lane.leavesSum ? sumOf(bytes, size) : 0;
     const std::lock_guard<std::mutex> guard(lock_);
-    lane.ahead.emplace_back(start, start + size);
+    lane.ahead.push_back({.start = start, .end = start + size, .sum = sum});
     std::uint64_t stored = lane.stored;
     for (auto next = lane.ahead.begin(); next != lane.ahead.end();) {
-        if (next->first == stored) {
-            stored = next->second;
+        if (next->start == stored) {
+            if (lane.leavesSum) {
+                lane.sum = joinSums(lane.sum, next->sum, next->end - next->start);
+            }
+            stored = next->end;
             lane.ahead.erase(next);
             next = lane.ahead.begin();
         } else {
             ++next;
         }
+    }
+    if (lane.leavesSum && stored == lane.end) {
+        lane.unpacker->requireSum(lane.sum);
     }
     lane.stored.store(stored, std::memory_order_release);
 }

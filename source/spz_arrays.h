@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
-#include <utility>
 #include <vector>
 
 namespace Tavrin::SplatSource {
@@ -41,6 +40,13 @@ public:
     SpzContent finish() const;
 
 private:
+    // A piece that is in the scratch file.
+    struct Piece {
+        std::uint64_t start = 0;
+        std::uint64_t end = 0;
+        std::uint32_t sum = 0; // where the unpacker leaves it
+    };
+
     // Bytes that one unpacker gives, and how far they are there.
     struct Lane {
         std::unique_ptr<SpzUnpacker> unpacker;
@@ -49,7 +55,9 @@ private:
         std::atomic<std::uint64_t> stored = 0; // all before this is in the scratch file; changes under lock_
         std::uint64_t unpacked = 0;            // all before this is unpacked
         bool isBusy = false;                   // somebody unpacks
-        std::vector<std::pair<std::uint64_t, std::uint64_t>> ahead; // pieces that were stored out of order
+        bool leavesSum = false;                // the unpacker leaves the checksum to this class
+        std::uint32_t sum = 0;                 // of all before `stored`, then
+        std::vector<Piece> ahead;              // pieces that were stored out of order
     };
 
     void require(std::uint64_t last, int arrays) const;

@@ -133,6 +133,14 @@ public:
         : SpzUnpacker(0, header.arrayBytes()), file_(file), header_(header), gzip_(file) {
         std::array<std::uint8_t, gzipHeaderBytes> bytes;
         gzip_.read(bytes.data(), bytes.size());
+        gzip_.leaveSum();
+        headerSum_ = sumOf(bytes.data(), bytes.size());
+    }
+
+    std::optional<std::uint32_t> leftSum() const override { return headerSum_; }
+
+    void requireSum(std::uint32_t sum) const override {
+        gzip_.requireSum(joinSums(sum, restSum_, restBytes_));
     }
 
     void read(std::uint8_t* bytes, std::uint64_t size) override {
@@ -152,6 +160,9 @@ private:
     SpzHeader header_;
     GzipReader gzip_;
     std::uint64_t at_ = 0;
+    std::uint32_t headerSum_ = 0;
+    std::uint32_t restSum_ = 0; // of what stands behind the arrays
+    std::uint64_t restBytes_ = 0;
 
     void readRest() {
         std::vector<std::uint8_t> rest(header_.hasExtensions ? mostExtensionBytes : 1);
@@ -161,6 +172,8 @@ private:
                           "it holds more bytes than its " + std::to_string(header_.splats) + " splats have");
         }
         gzip_.requireEnd();
+        restSum_ = sumOf(rest.data(), rest.size());
+        restBytes_ = rest.size();
         readExtensions(file_, rest, content);
         if (gzip_.bytesRead() < file_.size()) {
             content.remarks.push_back(std::to_string(file_.size() - gzip_.bytesRead()) +

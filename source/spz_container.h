@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +56,12 @@ public:
     // Writes the next `size` bytes; there are that many left. What stands behind the last one is checked with
     // it. Throws SourceError when the file is damaged: wrong checksums or lengths, missing or surplus bytes.
     virtual void read(std::uint8_t* bytes, std::uint64_t size) = 0;
+
+    // Where the checksum is left to the caller: that of what stands before the arrays. The caller joins the
+    // checksums of the bytes (sumOf) to it and calls requireSum after the last read, which throws SourceError
+    // when the result is not that of the file.
+    virtual std::optional<std::uint32_t> leftSum() const { return {}; }
+    virtual void requireSum(std::uint32_t) const {}
 
     // What stands before the arrays, and once the last byte is read what stands behind them, too.
     SpzContent content;

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 #if PLYCONVERT_ZSTD
 #include <zstd.h>
@@ -191,6 +192,32 @@ TEST(SpzInput, DamageEndsEveryThreadThatNeedsWhatIsMissing) {
     const std::vector<std::string> ends = readTogether(again, 4, false, all);
     EXPECT_NE(ends.front().find("it is cut"), std::string::npos) << ends.front();
     EXPECT_EQ(ends, std::vector<std::string>(4, ends.front()));
+}
+
+// The checksum and the length of gzip stand behind everything else.
+TEST(SpzInput, AWrongChecksumOrLengthIsFoundWithTheLastRecords) {
+    const std::string file = SpzFile(3, 3).gzip();
+    for (const auto& [place, reason] :
+         {std::pair(8, "incorrect data check"), std::pair(5, "incorrect data check"),
+          std::pair(4, "incorrect length check"), std::pair(1, "incorrect length check")}) {
+        SCOPED_TRACE(place);
+        const Scratch scratch;
+        std::string damaged = file;
+        damaged[damaged.size() - static_cast<std::size_t>(place)] ^= 1;
+        support::writeFile(scratch / "scene.spz", damaged + "behind it");
+        const SpzInput input(scratch / "scene.spz", InputAxes::stated, scratch.folder());
+        std::vector<float> records(window * floatsOf(input));
+        EXPECT_NO_THROW(input.read(0, window, records.data()));
+        std::vector<float> all;
+        bool isFound = false;
+        for (const std::string& end : readTogether(input, 4, false, all)) {
+            EXPECT_TRUE(end.empty() || end.find(reason) != std::string::npos) << end;
+            isFound = isFound || !end.empty();
+        }
+        EXPECT_TRUE(isFound);
+        EXPECT_THROW(input.read(splats - 1, 1, records.data()), SourceError);
+        EXPECT_THROW(input.laterRemarks(), SourceError);
+    }
 }
 
 TEST(SpzInput, BytesBehindTheSplatsAreRemarkedAtTheEnd) {
