@@ -28,6 +28,8 @@ using Tavrin::SplatStream::Settings;
 using Tavrin::SplatStream::TooLittleMemory;
 
 constexpr long long mostRecords = 400;
+// Of a conversion, bytes. Scenes whose bounds are so far apart that the index takes more are not converted.
+constexpr std::uint64_t mostMemory = std::uint64_t{32} << 20;
 
 // The header's content; nothing if the library finds no scene.
 struct Opened {
@@ -80,6 +82,9 @@ std::optional<Measured> convertAsStream(const fuzz::Job& job, const CanonicalPly
         } catch (const TooLittleMemory& error) {
             fuzz::require(error.least > settings.maxMemory, "the least is more than there was");
             fuzz::require(attempt == 0, "what is said to do does");
+            if (error.least > mostMemory) {
+                return std::nullopt;
+            }
             settings.maxMemory = error.least;
             fuzz::require(isRefused(source, settings, error.least - 1), "less does not");
         }
@@ -94,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     settings.threads = 1 + static_cast<unsigned>(source.takeBelow(4));
     settings.windowRecords = 1 + source.takeBelow(32);
     const std::size_t memory = source.takeBelow(256);
-    settings.maxMemory = memory == 0 ? UINT64_MAX : memory * 1024;
+    settings.maxMemory = memory == 0 ? mostMemory : memory * 1024;
     const fuzz::Scene scene = fuzz::sceneOf(source);
     if (!fuzz::statesAtMost(scene.file, mostRecords)) {
         return -1;

@@ -54,6 +54,26 @@ void forEachStep(std::uint32_t key, std::uint32_t columns, std::uint32_t rows, V
     }
 }
 
+// How many of the numbers below `end`, at most 65,536, have the bits of `set`, none outside `set | free`, and
+// any of `free`. No bit is in both.
+std::uint64_t countBelow(std::uint32_t end, std::uint32_t set, std::uint32_t free) {
+    if (end > 0xFFFF) {
+        return std::uint64_t{1} << std::popcount(free);
+    }
+    std::uint64_t count = 0;
+    for (std::uint32_t bit = 0x8000; bit > 0; bit >>= 1) {
+        // So far the number is the same as `end`. Where it gets a 0 for a 1, what follows is free.
+        if ((end & bit) != 0 && (set & bit) == 0) {
+            count += std::uint64_t{1} << std::popcount(free & (bit - 1));
+        }
+        const bool canFollow = (end & bit) != 0 ? ((set | free) & bit) != 0 : (set & bit) == 0;
+        if (!canFollow) {
+            break;
+        }
+    }
+    return count;
+}
+
 [[noreturn]] void failIndexer(const char* message, std::int32_t line) {
     logError(message, indexerSource, line);
     endProcess(-1);
@@ -89,6 +109,7 @@ std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std
     const auto columns = static_cast<std::uint32_t>(std::max(grid.cellCountX, 0));
     const auto rows = static_cast<std::uint32_t>(std::max(grid.cellCountY, 0));
     std::vector<WalkStep> steps;
+    steps.reserve(occupied.size());
     for (const std::uint32_t key : occupied) {
         forEachStep(key, columns, rows, [&](std::uint32_t column, std::uint32_t row) {
             steps.push_back({column, row, key});
@@ -100,6 +121,24 @@ std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std
     std::vector<std::uint32_t> keys(steps.size());
     std::transform(steps.begin(), steps.end(), keys.begin(), [](const WalkStep& step) { return step.key; });
     return keys;
+}
+
+std::uint64_t countSteps(const ChunkGrid& grid, std::uint32_t key) {
+    const auto columns = static_cast<std::uint32_t>(std::max(grid.cellCountX, 0));
+    const auto rows = static_cast<std::uint32_t>(std::max(grid.cellCountY, 0));
+    const std::uint32_t low = key & 0xFFFF;
+    const std::uint32_t high = key >> 16;
+    std::uint64_t count = 0;
+    for (std::uint32_t part = 0;; part = (part - high) & high) { // as forEachStep
+        if ((low | static_cast<std::uint64_t>(part) << 16) >= columns) {
+            return count;
+        }
+        count += (rows >> 16) * (std::uint64_t{1} << std::popcount(part));
+        count += countBelow(rows & 0xFFFF, high & ~part, part);
+        if (part == high) {
+            return count;
+        }
+    }
 }
 
 namespace {

@@ -16,7 +16,10 @@ inline constexpr const char* indexerSource = "src/indexer";
 // 65,536 columns or rows a key can appear more than once.
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const std::vector<std::uint32_t>& occupied);
 
-// The same of a level's cells.
+// How often walkGrid lists this key where it is occupied.
+std::uint64_t countSteps(const ChunkGrid& grid, std::uint32_t key);
+
+// The walk over a level's cells.
 std::vector<std::uint32_t> walkGrid(const ChunkGrid& grid, const LODData& level);
 
 } // namespace Tavrin::GaussionSplat

@@ -18,10 +18,12 @@ public:
     // Bytes of one with few cells, from first to last. peakBytes counts them as none.
     static constexpr std::uint64_t leastBytes = 8192;
 
-    // Peak bytes of counting this many cells in so many tables, joining them in one, and listing the cells.
-    static std::uint64_t peakBytes(std::uint64_t cells, std::uint64_t tables) {
-        return cells <= fewCells ? 0
-                                 : std::max(tables * heldBytes(cells), heldBytes(cells) + listBytes(cells));
+    // Peak bytes of counting this many cells in so many tables, joining them in one, and listing the cells
+    // and the repeated ones (Measured::repeatedCells).
+    static std::uint64_t peakBytes(std::uint64_t cells, std::uint64_t repeated, std::uint64_t tables) {
+        return cells + repeated <= fewCells
+                   ? 0
+                   : std::max(tables * heldBytes(cells), heldBytes(cells) + listBytes(cells + repeated));
     }
 
     // It may use this many bytes besides leastBytes.

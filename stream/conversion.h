@@ -70,6 +70,7 @@ struct Measured {
     std::vector<Cell> cells;         // in the order of index.bin
     std::uint64_t leftOut = 0;       // splats in no listed cell
     std::uint64_t occupiedCells = 0; // different keys of splats, listed or not
+    std::uint64_t repeatedCells = 0; // listed cells whose key is that of an earlier one
     std::uint64_t leastMemory = 0;   // bytes with which both passes succeed, and not with one less
 };
 
@@ -77,9 +78,10 @@ struct Measured {
 // source throws, std::bad_alloc, or TooLittleMemory when measure or place does not fit settings.maxMemory.
 Measured measure(const SplatSource::Source& source, const Settings& settings);
 
-// Bytes that measure allocates at its peak with these settings for a scene of so many occupied cells; at most
-// settings.maxMemory where a conversion fits that.
-std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells, const Settings& settings);
+// Bytes that measure allocates at its peak with these settings for a scene of so many occupied and repeated
+// cells; at most settings.maxMemory where a conversion fits that.
+std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
+                            const Settings& settings);
 
 // Bytes that place will allocate at its peak with these settings; at most settings.maxMemory where that can
 // be kept. Throws TooLittleMemory.

@@ -15,17 +15,19 @@ std::uint64_t partOf(std::uint32_t key, std::uint64_t parts) {
     return (mixed ^ mixed >> 13) * parts >> 32;
 }
 
-std::uint64_t countPart(std::uint64_t part, std::uint64_t parts, std::uint64_t mostKeys,
-                        const std::function<void(const KeyVisitor&)>& pass) {
+DistinctKeys countPart(std::uint64_t part, std::uint64_t parts, std::uint64_t mostKeys,
+                       const std::function<void(const KeyVisitor&)>& pass,
+                       const std::function<std::uint64_t(std::uint32_t key)>& valueOf) {
     KeyTable table(mostKeys);
-    std::uint64_t found = 0;
+    DistinctKeys found;
     pass([&](const std::uint32_t* keys, std::uint64_t count) {
         for (std::uint64_t i = 0; i < count; ++i) {
             if (partOf(keys[i], parts) == part && table.find(keys[i]) == KeyTable::none) {
-                if (found == mostKeys) {
+                if (found.keys == mostKeys) {
                     throw TooManyKeys();
                 }
-                table.insert(keys[i], static_cast<std::uint32_t>(found++));
+                table.insert(keys[i], static_cast<std::uint32_t>(found.keys++));
+                found.sum += valueOf(keys[i]);
             }
         }
     });
@@ -36,16 +38,19 @@ std::uint64_t countPart(std::uint64_t part, std::uint64_t parts, std::uint64_t m
 
 // The keys are cut into parts by a hash, and each part is counted in a pass of its own. A part that does not
 // fit the table cuts all later ones in two.
-std::uint64_t countDistinctKeys(std::uint64_t bytes, const std::function<void(const KeyVisitor&)>& pass) {
+DistinctKeys countDistinctKeys(std::uint64_t bytes, const std::function<void(const KeyVisitor&)>& pass,
+                               const std::function<std::uint64_t(std::uint32_t key)>& valueOf) {
     std::uint64_t mostKeys = 64;
     while (KeyTable::bytesFor(mostKeys * 2) <= bytes) {
         mostKeys *= 2;
     }
-    std::uint64_t all = 0;
+    DistinctKeys all;
     std::uint64_t parts = 1;
     for (std::uint64_t part = 0; part < parts;) {
         try {
-            all += countPart(part, parts, mostKeys, pass);
+            const DistinctKeys more = countPart(part, parts, mostKeys, pass, valueOf);
+            all.keys += more.keys;
+            all.sum += more.sum;
             ++part;
         } catch (const TooManyKeys&) {
             part *= 2;

@@ -95,8 +95,8 @@ private:
     bool countAgain(const ChunkGrid& grid);
     bool joinCounts();
     void countAlone(const ChunkGrid& grid);
-    std::uint64_t countDistinct(const ChunkGrid& grid);
-    void requireMemory(std::uint64_t cells, Measured& measured) const;
+    DistinctKeys countDistinct(const ChunkGrid& grid);
+    void requireMemory(std::uint64_t cells, std::uint64_t repeated, Measured& measured) const;
     void countKept(const ChunkGrid& grid, Crew& crew);
     void countWindow(std::uint64_t window, const ChunkGrid& grid, Found& own);
     void addKeys(const float* records, std::size_t stride, std::uint64_t count, const ChunkGrid& grid,
@@ -108,9 +108,18 @@ private:
 // What finding out takes at most where a conversion does not fit its memory.
 constexpr std::uint64_t refusalBytes = std::uint64_t{16} << 20;
 
+// More repeated cells are not told apart: no memory holds them.
+constexpr std::uint64_t mostRepeats = std::uint64_t{1} << 50;
+
+// How often the walk lists this key again. A file can state bounds so far apart that the list fits no memory.
+std::uint64_t repeatsOf(const ChunkGrid& grid, std::uint32_t key) {
+    const std::uint64_t steps = countSteps(grid, key);
+    return steps - std::min<std::uint64_t>(steps, 1);
+}
+
 // A scene of one cell needs no pass to be refused.
 std::uint64_t bytesToMeasure(const SplatSource::Source& source, const Settings& settings) {
-    const std::uint64_t least = leastMemory(source, 1, settings);
+    const std::uint64_t least = leastMemory(source, 1, 0, settings);
     if (settings.maxMemory >= least) {
         return settings.maxMemory;
     }
@@ -365,14 +374,15 @@ void MeasurePass::countAlone(const ChunkGrid& grid) {
     found.front()->cells.limit(plan.spareBytes);
     if (!countAgain(grid)) {
         found.front()->cells.clear();
-        refuseMemory(leastMemory(source, countDistinct(grid), settings));
+        const DistinctKeys distinct = countDistinct(grid);
+        refuseMemory(leastMemory(source, distinct.keys, std::min(distinct.sum, mostRepeats), settings));
     }
 }
 
-// The number of cells that splats lie in, listed or not.
-std::uint64_t MeasurePass::countDistinct(const ChunkGrid& grid) {
+// The cells that splats lie in, listed or not, and those that are repeated.
+DistinctKeys MeasurePass::countDistinct(const ChunkGrid& grid) {
     Found& own = *found.front();
-    return countDistinctKeys(std::max(plan.spareBytes, refusalBytes), [&](const KeyVisitor& visit) {
+    const auto pass = [&](const KeyVisitor& visit) {
         Crew crew(settings.progress);
         crew.advance(source.count);
         forEachWindow(windows, crew, [&](std::uint64_t window, Found&) {
@@ -381,12 +391,15 @@ std::uint64_t MeasurePass::countDistinct(const ChunkGrid& grid) {
             cellKeys(own.window.get(), recordFloats, count, grid, own.keys.data());
             visit(own.keys.data(), count);
         });
-    });
+    };
+    return countDistinctKeys(std::max(plan.spareBytes, refusalBytes), pass,
+                             [&](std::uint32_t key) { return repeatsOf(grid, key); });
 }
 
-void MeasurePass::requireMemory(std::uint64_t cells, Measured& measured) const {
+void MeasurePass::requireMemory(std::uint64_t cells, std::uint64_t repeated, Measured& measured) const {
     measured.occupiedCells = cells;
-    measured.leastMemory = leastMemory(source, cells, settings);
+    measured.repeatedCells = repeated;
+    measured.leastMemory = leastMemory(source, cells, repeated, settings);
     if (measured.leastMemory > settings.maxMemory) {
         refuseMemory(measured.leastMemory);
     }
@@ -414,7 +427,7 @@ void MeasurePass::countCells(Measured& measured) {
     measured.grid = gridFor(static_cast<std::int64_t>(counted), measured.bboxMin, measured.bboxMax, {});
     if (counted <= singleCellSplats) {
         measured.cells = {{.key = 0, .splats = measured.splats}};
-        requireMemory(1, measured);
+        requireMemory(1, 0, measured);
         return;
     }
     const bool isCounted = expectedGrid && *expectedGrid == measured.grid && !hasManyCells.load();
@@ -423,7 +436,11 @@ void MeasurePass::countCells(Measured& measured) {
     }
     dropPositions();
     const CellCounts& all = found.front()->cells;
-    requireMemory(all.size(), measured);
+    std::uint64_t repeated = 0;
+    for (const std::uint32_t key : all.keys()) {
+        repeated = std::min(repeated + repeatsOf(measured.grid, key), mostRepeats);
+    }
+    requireMemory(all.size(), repeated, measured);
     listCells(all, measured);
 }
 

@@ -37,12 +37,13 @@ std::uint64_t placeWorkerBytes(bool hasCoefficients, std::uint64_t windowRecords
 }
 
 // What the workers share, but for the pages.
-std::uint64_t sharedBytes(std::uint64_t cells) {
-    return KeyTable::bytesFor(cells) + Places::bytesFor(cells) + cells * sizeof(Cell);
+std::uint64_t sharedBytes(std::uint64_t cells, std::uint64_t repeated) {
+    return KeyTable::bytesFor(cells) + Places::bytesFor(cells) + (cells + repeated) * sizeof(Cell);
 }
 
-std::uint64_t leastToPlace(bool hasCoefficients, std::uint64_t windowRecords, std::uint64_t cells) {
-    return placeWorkerBytes(hasCoefficients, windowRecords, cells) + sharedBytes(cells) +
+std::uint64_t leastToPlace(bool hasCoefficients, std::uint64_t windowRecords, std::uint64_t cells,
+                           std::uint64_t repeated) {
+    return placeWorkerBytes(hasCoefficients, windowRecords, cells) + sharedBytes(cells, repeated) +
            leastPages(cells, 1, windowRecords) * PagePool::pageBytes(1, hasCoefficients);
 }
 
@@ -60,7 +61,8 @@ std::optional<PlacePlan> placeWithin(const Measured& measured, const Settings& s
     plan.windowRecords = windowOf(measured.read, settings, window);
     const std::uint64_t cells = filledCells(measured);
     const std::uint64_t fixed =
-        workers * placeWorkerBytes(measured.hasCoefficients, plan.windowRecords, cells) + sharedBytes(cells);
+        workers * placeWorkerBytes(measured.hasCoefficients, plan.windowRecords, cells) +
+        sharedBytes(cells, measured.repeatedCells);
     const std::uint64_t largest =
         std::bit_ceil(std::clamp<std::uint64_t>(measured.splats, 1, mostPageRecords));
     for (std::uint64_t size = largest; size > 0; size /= 2) {
@@ -127,12 +129,12 @@ MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& setti
     return plan;
 }
 
-std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells,
+std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
                             const Settings& settings) {
     const MeasurePlan plan = planMeasure(
         source, settings, std::max(settings.maxMemory, leastMeasure(source, settings).workerBytes));
     return plan.workers * plan.workerBytes + plan.keptBytes +
-           std::min(plan.spareBytes, CellCounts::peakBytes(cells, plan.workers));
+           std::min(plan.spareBytes, CellCounts::peakBytes(cells, repeated, plan.workers));
 }
 
 std::uint64_t placeMemory(const Measured& measured, const Settings& settings) {
@@ -153,14 +155,15 @@ PlacePlan planPlace(const Measured& measured, const Settings& settings) {
             return *plan;
         }
     }
-    refuseMemory(std::max(
-        measured.leastMemory,
-        leastToPlace(measured.hasCoefficients, windowOf(measured.read, settings), filledCells(measured))));
+    refuseMemory(std::max(measured.leastMemory,
+                          leastToPlace(measured.hasCoefficients, windowOf(measured.read, settings),
+                                       filledCells(measured), measured.repeatedCells)));
 }
 
-std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, const Settings& settings) {
-    return std::max(leastMeasure(source, settings).workerBytes + CellCounts::peakBytes(cells, 1),
-                    leastToPlace(source.hasCoefficients, windowOf(source.count, settings), cells));
+std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
+                          const Settings& settings) {
+    return std::max(leastMeasure(source, settings).workerBytes + CellCounts::peakBytes(cells, repeated, 1),
+                    leastToPlace(source.hasCoefficients, windowOf(source.count, settings), cells, repeated));
 }
 
 void refuseMemory(std::uint64_t least) {

@@ -41,8 +41,9 @@ MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& setti
 PlacePlan planPlace(const Measured& measured, const Settings& settings);
 
 // The bytes with which both passes succeed on one worker, and not with one byte less. The splats lie in this
-// many cells, of whatever size.
-std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, const Settings& settings);
+// many cells, of whatever size, and so many more are listed again.
+std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
+                          const Settings& settings);
 
 // Throws TooLittleMemory.
 [[noreturn]] void refuseMemory(std::uint64_t least);

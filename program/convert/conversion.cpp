@@ -119,9 +119,9 @@ std::uint64_t plannedMemory(const std::string& name, const SplatSource::Source& 
                             const SplatStream::Measured& measured, const Means& means) {
     return asFailures(name, measured.splats, means, [&] {
         const SplatStream::Settings settings = settingsOf(means, {});
-        const std::uint64_t passes =
-            std::max(SplatStream::measureMemory(source, measured.occupiedCells, settings),
-                     SplatStream::placeMemory(measured, settings));
+        const std::uint64_t passes = std::max(
+            SplatStream::measureMemory(source, measured.occupiedCells, measured.repeatedCells, settings),
+            SplatStream::placeMemory(measured, settings));
         const std::uint64_t verification = SplatReader::verifyMemory(measured.splats, measured.cells.size(),
                                                                      measured.hasCoefficients, means.threads);
         return ownBytes(means.threads) + std::max(residentBytes(passes), verification);

@@ -378,7 +378,13 @@ void expectWalk(std::int32_t columns, std::int32_t rows, const Keys& keys) {
     for (const std::uint32_t key : keys) {
         level.cells->emplace(key, std::make_shared<SplatCell>());
     }
-    EXPECT_EQ(walkGrid(walked, level), plainWalk(walked, keys)) << columns << " columns, " << rows << " rows";
+    const std::vector<std::uint32_t> found = plainWalk(walked, keys);
+    EXPECT_EQ(walkGrid(walked, level), found) << columns << " columns, " << rows << " rows";
+    for (const std::uint32_t key : keys) {
+        const auto steps = static_cast<std::uint64_t>(std::count(found.begin(), found.end(), key));
+        EXPECT_EQ(countSteps(walked, key), steps)
+            << key << " of " << columns << " columns, " << rows << " rows";
+    }
 }
 
 TEST(WalkGrid, SmallGrids) {
@@ -443,6 +449,16 @@ TEST(WalkGrid, FarStretchedGridsAreWalkedOverTheirCells) {
         level.cells->emplace(key, std::make_shared<SplatCell>());
     }
     EXPECT_EQ(walkGrid(walked, level), (std::vector<std::uint32_t>{0, 0xFFFF0000, 0xFFFF, 0xFFFFFFFF}));
+}
+
+// More steps than any memory holds.
+TEST(WalkGrid, StepsAreCountedWithoutTakingThem) {
+    const ChunkGrid largest{.cellCountX = INT32_MAX, .cellCountY = INT32_MAX};
+    EXPECT_EQ(countSteps(largest, 0), 0x8000u);
+    EXPECT_EQ(countSteps(largest, 0x1'0000), 3 * 0x8000u);
+    EXPECT_EQ(countSteps(largest, 0x3'0000), 9 * 0x8000u);
+    // 3 to the power of 15, but for the row 0x7FFF'FFFF, which is missing for each of the columns.
+    EXPECT_EQ(countSteps(largest, 0xFFFF'0000), std::uint64_t{14'348'907} * 0x8000 - 0x8000);
 }
 
 } // namespace

@@ -113,7 +113,9 @@ TEST_F(StreamGridTest, EveryAmountOfMemoryThatDoes) {
                 const auto source = openScene(input);
                 try {
                     const Measured measured = measure(*source, settings);
-                    EXPECT_LE(measureMemory(*source, measured.occupiedCells, settings), memory);
+                    EXPECT_LE(
+                        measureMemory(*source, measured.occupiedCells, measured.repeatedCells, settings),
+                        memory);
                     EXPECT_LE(placeMemory(measured, settings), memory);
                 } catch (const TooLittleMemory& error) {
                     EXPECT_GT(error.least, memory);
@@ -135,14 +137,15 @@ std::uint64_t leastOf(const SplatSource::Source& source, Settings settings, std:
     return 0;
 }
 
-// Scenes with few and many cells, in the index and left out, counted during the pass and after it.
+// Scenes with few and many cells, in the index, in it more than once, and left out, counted during the pass
+// and after it.
 TEST_F(StreamGridTest, EveryRefusalNamesWhatDoesAndNoMore) {
     for (const float extent : {20.0f, 150.0f, 1200.0f}) {
-        for (const bool isStated : {false, true}) {
-            SCOPED_TRACE(testing::Message() << extent << ' ' << isStated);
+        for (const float reach : {0.0f, 0.4f, 10'000.0f}) { // of stated bounds, in extents; 0 for none
+            SCOPED_TRACE(testing::Message() << extent << ' ' << reach);
             PlyFile file = support::randomFile(136, 3000, true, extent, extent);
-            if (isStated) {
-                file.comments = bounds(extent * 0.4f, extent * 0.4f);
+            if (reach > 0.0f) {
+                file.comments = bounds(extent * reach, extent * reach);
             }
             file.write(input);
             convertByLibraryAs(scratch, input, many);
@@ -163,6 +166,19 @@ TEST_F(StreamGridTest, EveryRefusalNamesWhatDoesAndNoMore) {
     }
 }
 
+// Each key would be listed a million times.
+TEST_F(StreamGridTest, BoundsThatAreTooFarApartAreRefused) {
+    PlyFile file = support::randomFile(138, 3000, false, 300.0f, 300.0f);
+    file.comments = bounds(1e9f, 1e9f);
+    file.write(input);
+    const auto source = openScene(input);
+    Settings settings = settingsOf(2, 16);
+    settings.countAs = many;
+    const std::uint64_t least = leastOf(*source, settings, std::uint64_t{1} << 30);
+    EXPECT_GT(least, std::uint64_t{1} << 30);
+    EXPECT_EQ(leastOf(*source, settings, 1000), least);
+}
+
 TEST_F(StreamGridTest, KeysAreCountedInAsManyPassesAsTheMemoryAsksFor) {
     support::Random random(137);
     std::vector<std::uint32_t> keys(20'000);
@@ -171,17 +187,24 @@ TEST_F(StreamGridTest, KeysAreCountedInAsManyPassesAsTheMemoryAsksFor) {
         key = static_cast<std::uint32_t>(random.next() % 100 | random.next() % 150 << 16);
     }
     keys.insert(keys.end(), {65'535u, 65'535u << 16, UINT32_MAX});
-    const std::uint64_t expected = std::set<std::uint32_t>(keys.begin(), keys.end()).size();
+    const std::set<std::uint32_t> expected(keys.begin(), keys.end());
+    std::uint64_t sum = 0;
+    for (const std::uint32_t key : expected) {
+        sum += key % 7;
+    }
     std::uint64_t before = UINT64_MAX;
     for (const std::uint64_t bytes : {0u, 16u << 10, 64u << 10, 1u << 20}) {
         std::uint64_t passes = 0;
-        const std::uint64_t counted = countDistinctKeys(bytes, [&](const KeyVisitor& visit) {
+        const auto pass = [&](const KeyVisitor& visit) {
             ++passes;
             for (std::size_t i = 0; i < keys.size(); i += 1000) {
                 visit(&keys[i], std::min<std::size_t>(1000, keys.size() - i));
             }
-        });
-        EXPECT_EQ(counted, expected) << bytes;
+        };
+        const DistinctKeys counted =
+            countDistinctKeys(bytes, pass, [](std::uint32_t key) { return key % 7; });
+        EXPECT_EQ(counted.keys, expected.size()) << bytes;
+        EXPECT_EQ(counted.sum, sum) << bytes;
         EXPECT_LT(passes, before) << bytes;
         before = passes;
     }
