@@ -49,12 +49,13 @@ build() {
 patience=900
 
 # run_tests FOLDER [OPTION...]
-# Runs the tests of a build folder; the options go to ctest.
+# Runs the tests of a build folder; the options go to ctest. Many tests wait for the library's pauses, so two more run at
+# a time than there are processors.
 run_tests() {
     local folder=$root/build/$1
     shift
     echo "== ${folder##*/}: testing"
-    "${launcher[@]}" ctest --test-dir "$folder" --output-on-failure --no-tests=error --parallel "$(nproc)" \
+    "${launcher[@]}" ctest --test-dir "$folder" --output-on-failure --no-tests=error --parallel "$(($(nproc) + 2))" \
         --timeout "$patience" "$@"
 }
 launcher=()
