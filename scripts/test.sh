@@ -166,7 +166,7 @@ test_packages() {
             cat cpack.log
             exit 1
         }
-        lintian --fail-on error,warning,info --allow-root ./*.deb
+        lintian --display-info --display-experimental --fail-on error,warning,info --allow-root ./*.deb
     )
     "$root/tests/packages/bare_test.sh" "$root/build/package" "$root/build/bare" "$root/build/release/scenes/makescene"
 }
