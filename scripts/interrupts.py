@@ -70,10 +70,17 @@ class Runs:
         status = run.wait()
         took = time.perf_counter() - begin
         stages = list(self.stages()) if status in (0, 130) else []
-        left = [name for name in os.listdir(self.folder) if name != "out"]
-        if left:
-            sys.exit(f"left behind after {after:.3f} s of {stage}: {left}")
+        self.require_clean(f"{after:.3f} s of {stage}")
         return took, stages[-1] if stages else None, status
+
+    def require_clean(self, moment):
+        """Nothing is left beside the dataset, once another process has ended that a publication may leave behind."""
+        for _ in range(1000):
+            left = [name for name in os.listdir(self.folder) if name != "out"]
+            if not left:
+                return
+            time.sleep(0.01)
+        sys.exit(f"left behind after {moment}: {left}")
 
     def remove(self):
         shutil.rmtree(self.folder)

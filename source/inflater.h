@@ -1,6 +1,6 @@
 // Unpacks gzip and zstd data from a part of a file, one buffer at a time.
 //
-// The checksum of gzip (CRC-32) takes a quarter as long as unpacking. A caller may compute it elsewhere, of
+// The checksum of gzip (CRC-32) takes a tenth of the time of unpacking. A caller may compute it elsewhere, of
 // pieces in any order.
 #pragma once
 
