@@ -26,7 +26,7 @@ STAGES = ["opening", "measuring", "writing", "verifying", "flushing", "publishin
 class Runs:
     def __init__(self, program, scene, folder, options):
         self.folder = tempfile.mkdtemp(prefix="plyconvert-interrupts.", dir=folder)
-        # In memory, so that the flush of the report is no part of what is measured.
+        # In memory, so that the flush of the report is not measured.
         self.reports = tempfile.mkdtemp(prefix="plyconvert-interrupts.", dir="/dev/shm")
         self.report = os.path.join(self.reports, "report.json")
         self.command = [program, scene, os.path.join(self.folder, "out"), "--quiet", "--report", self.report, *options]
@@ -92,7 +92,7 @@ def measure(runs, samples, wanted_stages):
     times = [runs.whole() for _ in range(4)][1:]  # the first has no earlier dataset
     lengths = {stage: statistics.median(seconds[stage] for seconds in times) for stage in STAGES}
     found = {stage: [] for stage in STAGES}
-    # What the files do not tell: how long after the look a stage begins.
+    # The files do not tell how long after the look a stage begins.
     lead = {"opening": 0.004, "measuring": 0.004 + lengths["opening"], "flushing": lengths["verifying"]}
     for wanted in wanted_stages:
         for _ in range(2 * samples):

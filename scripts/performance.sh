@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Measures whole conversions and the kernels, and updates the tables of docs/performance.md. Takes about seven minutes
-# and 5 GB in the temporary folder. Nothing else should run meanwhile. The line that begins each part names the commit,
-# and says so where the tree has changes.
+# and 5 GB in the temporary folder. Nothing else should run meanwhile. The first line of each part names the commit, and
+# whether the tree has changes.
 #
 #   scripts/performance.sh [OPTION...]      the options go to build/release/bench/endtoend
 set -euo pipefail

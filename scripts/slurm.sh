@@ -18,7 +18,7 @@ set -euo pipefail
 # the namespace, and no packet leaves it.
 node=tilenode
 address=10.213.0.1
-# A mount point that every system has. What the machine keeps there is hidden from the namespace alone.
+# A mount point that every system has. Only the namespace no longer sees what the machine keeps there.
 folder=/run
 # Seconds that each daemon gets to answer.
 patience=60
@@ -76,10 +76,10 @@ AccountingStorageType=accounting_storage/none
 MpiDefault=none
 SelectType=select/cons_tres
 SelectTypeParameters=CR_Core_Memory
-# The node is what the line below says, not what the machine has.
+# The node has the resources of the line below, not those of the machine.
 SlurmdParameters=config_overrides
 ReturnToService=2
-# Jobs begin at once; one that is told to end gets ten seconds.
+# Jobs begin at once. A job that is told to end gets ten seconds.
 SchedulerParameters=sched_min_interval=0,batch_sched_delay=0,bf_interval=5
 KillWait=10
 NodeName=$node NodeAddr=$address CPUs=$cpus RealMemory=$memory State=UNKNOWN
@@ -130,7 +130,7 @@ run_inside() {
     slurmd -N "$node" || refuse "slurmd does not start"
     came_up slurmd "$folder/slurmd.log" node_is_idle
 
-    # Not the first process itself: that one answers no signal which it does not catch.
+    # Not the first process itself, which ignores every signal that it does not catch.
     local status=0
     "$@" || status=$?
     exit "$status"
@@ -148,8 +148,8 @@ namespaces=(unshare --mount --uts --ipc --net --pid --fork --kill-child=KILL --m
 "${namespaces[@]}" mount -t tmpfs slurm-of-a-test "$folder" 2>/dev/null ||
     refuse "this system gives root no namespaces with mounts of their own (a container without CAP_SYS_ADMIN?)"
 
-# In the background, so that a signal to this script is answered at once. Its end, however it comes, kills unshare, and the
-# end of unshare everything in the namespaces. What the shell sets to be ignored in the background is not, in there.
+# In the background, so that this script answers a signal at once. Its end, in whatever way, kills unshare, and the end of
+# unshare kills everything in the namespaces. Signals that the shell sets to be ignored in the background are not ignored there.
 setpriv --pdeathsig KILL "${namespaces[@]}" env --default-signal=INT,QUIT \
     bash "$0" --inside --cpus "$cpus" --memory "$memory" "$@" <&0 &
 namespace=$!

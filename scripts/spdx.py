@@ -34,7 +34,7 @@ LICENCES = {
     "mingw-w64-x86-64-dev": "ZPL-2.1 AND MIT AND BSD-3-Clause",
 }
 HEADERS = ["libcli11-dev", "nlohmann-json3-dev", "libboost-dev"]
-# What the zip for Windows contains of others: headers, fmt as a header, and statically linked zlib and runtimes.
+# Code of others in the zip for Windows: headers, fmt as a header, and statically linked zlib and runtimes.
 WINDOWS = HEADERS + ["libfmt-dev", "libz-mingw-w64-dev", "g++-mingw-w64-x86-64-posix", "gcc-mingw-w64-x86-64-posix",
                      "mingw-w64-x86-64-dev"]
 

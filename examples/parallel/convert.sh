@@ -23,7 +23,7 @@ if ((${#scenes[@]} == 0)); then
     exit 1
 fi
 
-# Of the runs that are left, parallel asks each to end when it is asked itself (SIGTERM, then SIGKILL).
+# When parallel is asked to end, it asks each run that is left to end (SIGTERM, then SIGKILL).
 printf '%s\0' "${scenes[@]}" | parallel --null --jobs "$at_a_time" --termseq TERM,10000,KILL,25 \
     plyconvert convert --quiet --skip-done --threads "$threads" \
     --report "$datasets/reports/{/.}.json" {} "$datasets/{/.}"

@@ -56,7 +56,7 @@ for tile in "$@"; do
 done
 mkdir -p "$out"/{tiles,reports,logs}
 
-# What the largest tile takes. A broken tile is named here, and once more in the end.
+# The needs of the largest tile. A broken tile is named here, and again at the end.
 mapfile -t options < <(plyconvert plan --slurm --threads "$processors" "${tile_of[@]}" |
     sed -n '/--array=/d; s/^#SBATCH *\(--[a-z-]*=[^ ]*\)$/\1/p')
 options+=("${given[@]}")
@@ -83,7 +83,7 @@ while ((${#missing[@]} > 0)); do
         echo "${tile_of[$name]}"
     done >"$list"
     echo "tiles: ${#missing[@]}, memory of each: $memory MiB"
-    # It ends like the worst of its tasks. Whether there was a job tells its number.
+    # Its status is that of the worst task. A number shows that there was a job.
     job=$(sbatch --parsable --wait "${options[@]}" --mem="${memory}M" --array="1-${#missing[@]}" \
         --output="$out/logs/%A_%a.txt" "$here/tile.sbatch" "$list" "$out") || true
     [[ -n $job ]] || refuse "Slurm did not take the job"
