@@ -4,17 +4,12 @@
 #
 #   PLYCONVERT_PATH=... against_test.sh
 set -u
-here=$(dirname "$(realpath "$0")")
-export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
-trap '[[ $BASHPID != $$ ]] || rm -rf "$scratch"' EXIT
-cd "$scratch" || exit 1
 # shellcheck source=tests/cli/lib.sh
-source "$here/lib.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+enter_scratch
 
 ply in.ply 62 50
 plyconvert --quiet in.ply sound || exit 1
-failures=0
 tried=0
 
 # changed FILE OFFSET: inverts bits 1 and 6 of one byte and runs verify.

@@ -5,15 +5,10 @@
 #
 #   PLYCONVERT_PATH=... generations_test.sh
 set -u
-here=$(dirname "$(realpath "$0")")
-export LC_ALL=C PATH="$PLYCONVERT_PATH:$PATH" PROJECT=${here%/tests/cli}
-scratch=$(mktemp -d "${TMPDIR:-/tmp}/plyconvert-cli.XXXXXX")
-trap '[[ $BASHPID != $$ ]] || rm -rf "$scratch"' EXIT
-cd "$scratch" || exit 1
 # shellcheck source=tests/cli/lib.sh
-source "$here/lib.sh"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+enter_scratch
 
-failures=0
 tried=0
 
 # check_generation second|third OLD NEW: prints how many values of each attribute changed, and compares that with the
