@@ -5,6 +5,7 @@
 #include "program/serve/page.h"
 #include "program/serve/server.h"
 #include "program/system/interrupt.h"
+#include "program/system/open_files.h"
 #include "program/system/partial_file.h"
 #include "program/system/platform.h"
 #include "program/terminal/console.h"
@@ -84,7 +85,7 @@ ExitStatus serve(const ViewOptions& options, ViewedDatasets viewed) {
 
 ExitStatus runView(const ViewOptions& options) {
     allowManyFiles();
-    ViewedDatasets viewed = datasetsToView(options.words, options.epsg);
+    ViewedDatasets viewed = datasetsToView(options.words, options.epsg, mostOpenFiles());
     catchInterrupts("nothing was written");
     return options.page.empty() ? serve(options, std::move(viewed)) : writePage(options, viewed.datasets);
 }

@@ -7,7 +7,9 @@
 
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <map>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -19,22 +21,50 @@ namespace fs = std::filesystem;
 // Number of datasets by EPSG code.
 using Codes = std::map<std::int32_t, std::size_t>;
 
-std::vector<ServedDataset> opened(const std::vector<std::string>& words) {
-    std::vector<ServedDataset> datasets;
+// A dataset as the command line or a catalogue names it.
+struct NamedDataset {
+    std::string folder;
+    std::optional<ListedTile> tile; // of a catalogue
+};
+
+std::vector<NamedDataset> namedBy(const std::vector<std::string>& words) {
+    std::vector<NamedDataset> named;
     for (const std::string& word : words) {
         requireWord(word, "OUT", "a folder or a catalogue");
         std::error_code error;
         if (!fs::is_regular_file(pathFromText(word), error)) {
-            requireFolder(word);
-            datasets.push_back(ServedDataset::open(word));
+            named.push_back({word, std::nullopt});
             continue;
         }
-        for (const ListedTile& tile : tilesOfCatalogue(pathFromText(word))) {
-            const std::string folder = textFromPath(tile.folder);
-            requireFolder(folder);
-            datasets.push_back(ServedDataset::open(folder));
-            datasets.back().name = tile.id;
-            datasets.back().box = tile.box;
+        for (ListedTile& tile : tilesOfCatalogue(pathFromText(word))) {
+            std::string folder = textFromPath(tile.folder);
+            named.push_back({std::move(folder), std::move(tile)});
+        }
+    }
+    return named;
+}
+
+// The files of the datasets stay open while the server needs some for its connections.
+void requireOpenFiles(std::size_t datasets, std::uint64_t openFiles) {
+    constexpr std::uint64_t each = 4;
+    constexpr std::uint64_t others = 32; // streams, sockets, a browser's six connections
+    const std::uint64_t needed = each * datasets + others;
+    if (needed > openFiles) {
+        throw Failure(ExitStatus::inputRefused,
+                      fmt::format("{} datasets need {} open files at a time, and this process may have {}: "
+                                  "raise the hard limit (ulimit -Hn), or name fewer datasets",
+                                  datasets, needed, openFiles));
+    }
+}
+
+std::vector<ServedDataset> opened(const std::vector<NamedDataset>& named) {
+    std::vector<ServedDataset> datasets;
+    for (const auto& [folder, tile] : named) {
+        requireFolder(folder);
+        datasets.push_back(ServedDataset::open(folder));
+        if (tile) {
+            datasets.back().name = tile->id;
+            datasets.back().box = tile->box;
         }
     }
     return datasets;
@@ -74,11 +104,14 @@ std::string remarkOf(const std::vector<std::int32_t>& codes, Codes others) {
 
 } // namespace
 
-ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::optional<std::int32_t> epsg) {
+ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::optional<std::int32_t> epsg,
+                              std::uint64_t openFiles) {
+    const std::vector<NamedDataset> named = namedBy(words);
+    requireOpenFiles(named.size(), openFiles);
     ViewedDatasets viewed;
     std::vector<std::int32_t> codes;
     Codes counts;
-    for (ServedDataset& dataset : opened(words)) {
+    for (ServedDataset& dataset : opened(named)) {
         const std::int32_t code = dataset.epsg;
         ++counts[code];
         if (epsg && *epsg != code) {

@@ -17,7 +17,9 @@ struct ViewedDatasets {
 
 // `words` are dataset folders and catalogue files. The reader checks each dataset. `epsg` keeps only the
 // datasets of that code; 0 keeps those without a code. Throws a Failure (InputRefused) for a word that is
-// neither a sound dataset nor a catalogue of sound datasets, and when no dataset has the code.
-ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::optional<std::int32_t> epsg);
+// neither a sound dataset nor a catalogue of sound datasets, when no dataset has the code, and when all
+// datasets together need more than `openFiles` open files.
+ViewedDatasets datasetsToView(const std::vector<std::string>& words, std::optional<std::int32_t> epsg,
+                              std::uint64_t openFiles);
 
 } // namespace Tavrin::SplatProgram

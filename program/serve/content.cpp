@@ -62,8 +62,11 @@ std::optional<StampedFile> openFile(const fs::path& path) {
     std::error_code error;
     std::optional<StampedFile> file = StampedFile::open(path, error);
     if (!file && error != std::errc::no_such_file_or_directory && error != std::errc::not_a_directory) {
+        const bool tooMany =
+            error == std::errc::too_many_files_open || error == std::errc::too_many_files_open_in_system;
+        const char* const advice = tooMany ? ": raise the limit (ulimit -Hn), or name fewer datasets" : "";
         throw Failure(ExitStatus::inputRefused,
-                      fmt::format("{}: cannot be opened: {}", textFromPath(path), error.message()));
+                      fmt::format("{}: cannot be opened: {}{}", textFromPath(path), error.message(), advice));
     }
     return file;
 }

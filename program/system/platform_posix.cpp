@@ -1,5 +1,7 @@
 #include "program/system/platform.h"
 
+#include "program/system/open_files.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -99,6 +101,11 @@ void allowManyFiles() {
         limit.rlim_cur = limit.rlim_max;
         static_cast<void>(::setrlimit(RLIMIT_NOFILE, &limit)); // if it fails the limit stays as it was
     }
+}
+
+std::uint64_t mostOpenFiles() {
+    rlimit limit = {};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
 }
 
 std::error_code checkReadable(const std::filesystem::path& file) {

@@ -1,9 +1,11 @@
 #include "program/system/platform.h"
 
 #include "program/system/handle_windows.h"
+#include "program/system/open_files.h"
 #include "program/system/text_windows.h"
 
 #include <algorithm>
+#include <limits>
 
 #include <windows.h>
 // Selects the functions of kernel32, so that psapi need not be linked.
@@ -133,6 +135,10 @@ std::error_code checkWritable(const fs::path& folder) {
 }
 
 void allowManyFiles() {} // only memory limits the number of handles
+
+std::uint64_t mostOpenFiles() {
+    return std::numeric_limits<std::uint64_t>::max();
+}
 
 std::error_code checkReadable(const fs::path& file) {
     return errorOf(open(file, GENERIC_READ));

@@ -1,4 +1,5 @@
 // Clients that are slow, greedy or broken, and files that change.
+#include "program/system/exit_status.h"
 #include "tests/serve/serving.h"
 #include "tests/support/files.h"
 
@@ -155,6 +156,23 @@ TEST_F(ViewServerFaults, AThousandSilentClientsKeepNobodyOut) {
         EXPECT_TRUE(silent[i]->isEnded()) << i;
     }
     EXPECT_EQ(silent.back()->ask("GET", dataPath).body, data);
+}
+
+TEST_F(ViewServerFaults, SaysWhatToDoWhenNoFileMayBeOpened) {
+    rlimit files = {};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit none = {0, files.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    std::string line;
+    try {
+        Tavrin::SplatProgram::ServedDataset::open(folder);
+    } catch (const Tavrin::SplatProgram::Failure& failure) {
+        line = failure.what();
+    }
+    ::setrlimit(RLIMIT_NOFILE, &files);
+    EXPECT_EQ(line, folder +
+                        "/converted_from_ply.ytr: cannot be opened: Too many open files: raise the limit "
+                        "(ulimit -Hn), or name fewer datasets");
 }
 
 TEST_F(ViewServerFaults, AThousandRequestsAtOnceAreAllAnswered) {
