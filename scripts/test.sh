@@ -108,34 +108,47 @@ test_windows() {
     run_tests windows --exclude-regex '^Large/Golden[.]BytesAreThoseOfTheReference'
 }
 
-# run_viewer SUITE...
-# The page's tests (tests/viewer/). npm packages are pinned, and their install scripts are not run.
-run_viewer() {
+# prepare_viewer
+# Builds what the page's tests run, and checks the page itself. npm packages are pinned, and their install scripts are not run.
+prepare_viewer() {
     configure release release
     build release --target plyconvert_executable makescene renderscene viewer_reference
     echo "== viewer: testing"
-    (
-        cd "$root/viewer"
-        npm ci --ignore-scripts --no-audit --no-fund
-        npx tsc --noEmit
-        bash "$root/tests/viewer/built_test.sh" "$PWD" "$root/build/release/scratch/viewer.html"
-    )
-    SCRATCH=$root/build/release/scratch/viewer
-    rm -rf "$SCRATCH"
-    mkdir -p "$SCRATCH"
-    # One file at a time, because software rendering uses all processors.
+    cd "$root/viewer"
+    npm ci --ignore-scripts --no-audit --no-fund
+    npx tsc --noEmit
+    bash "$root/tests/viewer/built_test.sh" "$PWD" "$root/build/release/scratch/viewer.html"
+    cd "$root"
+}
+
+# run_suites SUITE...
+# Runs files of tests/viewer/ one after another, since software rendering uses all processors.
+run_suites() {
+    local scratch=$root/build/release/scratch/viewer-$1 suite
+    rm -rf "$scratch"
+    mkdir -p "$scratch"
     for suite in "$@"; do
-        SCRATCH=$SCRATCH BUILD=$root/build/release node --test --test-reporter=spec "$root/tests/viewer/$suite.test.mjs"
+        SCRATCH=$scratch BUILD=$root/build/release node --test --test-reporter=spec \
+            "$root/tests/viewer/$suite.test.mjs" || return 1
     done
-    rm -rf "$SCRATCH"
+    rm -rf "$scratch"
 }
 
 test_viewer() {
-    run_viewer parts reader pixels faults habits streaming pictures
+    prepare_viewer
+    run_suites parts reader pixels faults habits streaming pictures
 }
 
+# Two at a time: these mostly wait for a browser that starts or opens a page.
 test_viewer-core() {
-    run_viewer parts reader pixels faults
+    local log=$root/build/release/viewer-core.log others failed=0
+    prepare_viewer
+    run_suites parts reader faults >"$log" 2>&1 &
+    others=$!
+    run_suites pixels || failed=1
+    wait "$others" || failed=1
+    cat "$log"
+    return "$failed"
 }
 
 # Runs examples/slurm/ on a temporary cluster. See tests/slurm/ and scripts/slurm.sh.
