@@ -52,6 +52,13 @@ export async function settled(page) {
     await page.evaluate(() => window.viewer.settled());
 }
 
+// Shows another view; `pose` as in a link.
+export const look = (page, pose) =>
+    page.evaluate((hash) => new Promise((resolve) => {
+        addEventListener("hashchange", () => resolve(), { once: true });
+        location.hash = hash;
+    }), `v=${pose}`);
+
 export const figures = (page) => page.evaluate(() => window.viewer.figures());
 
 // The picture as PNG bytes; `whole` as in pixelsOf.
