@@ -5,8 +5,9 @@ import { test } from "node:test";
 import { modules } from "./support.mjs";
 
 const {
-    City, Fades, SlotPool, Sorter, ViewError, blocksOf, framing, mostDatasets, mostFading, piecesOf, poseFrom, poseText, shapeFor, slotBits, sourceFrom, together, viewOf, wantedPieces,
-} = await modules("camera", "choices", "city", "fading", "folder", "format", "plan", "slots", "sorting");
+    City, Fades, Sampler, SlotPool, Sorter, ViewError, blocksOf, firstView, framing, isOutside, layersBefore, middleOf, mostDatasets, mostFading, piecesOf, poseFrom, poseText,
+    scoresOf, shapeFor, slotBits, sourceFrom, together, viewOf, wantedPieces,
+} = await modules("camera", "choices", "city", "fading", "firstview", "folder", "format", "plan", "sample", "slots", "sorting");
 
 // Pseudo-random numbers, the same in every run.
 function numbers(seed) {
@@ -147,7 +148,6 @@ test("positions that are no numbers stop nothing", () => {
     const sorter = new Sorter(3, false);
     put(sorter, 0, [{ start: 0, count: 3 }], records(3, Math.random, (i) => [[NaN, 0, 0], [Infinity, 1, 1], [1, 2, 3]][i]));
     assert.deepEqual([...sorter.sort([0, 0, 0], undefined, undefined).order].sort(), [0, 1, 2]);
-    assert.deepEqual(sorter.frame().min.every(Number.isFinite), true);
 });
 
 test("a click takes the nearest of the splats near the ray", () => {
@@ -167,18 +167,20 @@ test("cells are wanted nearest first, within the budget, and what is here stays"
     assert.equal(pieces.reduce((sum, piece) => sum + piece.count, 0), 199000);
     assert.deepEqual(pieces.filter(({ cell }) => cell === 3).map(({ first, count }) => [first, count]), [[0, 32768], [32768, 32768], [65536, 32768], [98304, 1696]]);
     const view = (x) => viewOf({ target: [x, 5, 0], distance: 1, yaw: Math.PI / 2, pitch: 0 }, 100, 100);
-    const wanted = wantedPieces(cells, pieces, view(505), 10000, [[0, 1]]).map(({ cell }) => cell);
+    const wantedOf = (eye, capacity) => wantedPieces(pieces, scoresOf(cells, pieces, eye, [[0, 1]]), capacity);
+    const wanted = wantedOf(view(505), 10000).map(({ cell }) => cell);
     assert.equal(wanted.length, 10);
     assert.equal(wanted[0], 50);
     const forwards = wanted.filter((cell) => cell > 50).length;
     assert.ok(forwards > wanted.filter((cell) => cell < 50).length, "what is in the picture comes first");
-    const many = wantedPieces(cells, pieces, view(505), 30000, [[0, 1]]).map(({ cell }) => cell);
+    const many = wantedOf(view(505), 30000).map(({ cell }) => cell);
     const furthest = pieces.find(({ cell }) => cell === Math.max(...many) + 1);
-    assert.ok(!wantedPieces(cells, pieces, view(505), 30000, [[0, 1]]).includes(furthest));
-    for (const state of ["here", "coming"]) {
+    assert.ok(!wantedOf(view(505), 30000).includes(furthest));
+    for (const state of ["here", "coming", "leaving"]) {
         furthest.state = state;
-        assert.ok(wantedPieces(cells, pieces, view(505), 30000, [[0, 1]]).includes(furthest), `what is ${state} is not given up for its like`);
+        assert.ok(wantedOf(view(505), 30000).includes(furthest), `what is ${state} is not given up for its like`);
     }
+    assert.deepEqual([40, 49, 50, 60].map((cell) => isOutside(cells[cell], [0, 1], view(505))), [true, true, false, false]);
 });
 
 test("a view survives its link; what is no view is none", () => {
@@ -264,16 +266,59 @@ test("a piece fades in from the moment when it is first drawn, and then goes by 
     assert.equal(share(one), 0.5 ** 4);
     fades.drawn(6, 6300);
     assert.deepEqual(fades.finish(7, 6399), []);
+    assert.equal(fades.hasLeft(9000), false);
     assert.equal(fades.at(6500), true, "the other one still does");
     assert.deepEqual([share(one), share(other)], [1, 0.5 ** 4]);
     fades.at(Infinity);
     assert.deepEqual([share(one), share(other)], [1, 1], "a picture that is saved has both");
     fades.at(6390);
     assert.ok(share(one) < 1);
-    assert.deepEqual(fades.finish(7, 6500), [10]);
+    assert.deepEqual(fades.finish(7, 6500), [{ piece: 10, leaves: false }]);
     assert.equal(share(one), 1, "as long as an order names its row");
     assert.deepEqual(fades.finish(8, 6500), [], "once");
     assert.equal(fades.at(6700), false);
+});
+
+test("a piece that makes room fades out from the moment when it is first drawn so; one that is wanted again comes back", () => {
+    const fades = new Fades(3, 4096);
+    const share = (under) => fades.values[2 * (under - 3) + 1];
+    const one = fades.leave(10, 2, 5, 1000);
+    const other = fades.leave(11, 1, 5, 1000);
+    assert.notEqual(one, other);
+    assert.deepEqual([one, other].map((under) => fades.values[2 * (under - 3)]), [2, 1]);
+    assert.equal(fades.drawn(4, 1000), false);
+    assert.equal(fades.at(5000), false, "the orders so far name them by their datasets");
+    assert.deepEqual([share(one), share(other)], [1, 1]);
+    assert.equal(fades.drawn(5, 6000), true);
+    assert.equal(fades.at(6100), true);
+    assert.deepEqual([share(one), share(other)], [0.75 ** 4, 0.75 ** 4]);
+    fades.stay(11, 6100);
+    fades.at(6100);
+    assert.equal(share(other), 0.75 ** 4, "without a jump");
+    fades.at(6150);
+    assert.deepEqual([share(one), share(other)], [0.625 ** 4, 0.875 ** 4]);
+    fades.at(Infinity);
+    assert.deepEqual([share(one), share(other)], [0, 1], "a picture that is saved has what stays");
+    assert.deepEqual(fades.finish(6, 6200), [{ piece: 11, leaves: false }]);
+    assert.equal(fades.hasLeft(6399), false);
+    assert.equal(fades.at(6400), false);
+    assert.equal(share(one), 0);
+    assert.equal(fades.hasLeft(6400), true);
+    assert.deepEqual(fades.finish(6, 6400), [{ piece: 10, leaves: true }]);
+    assert.equal(fades.hasLeft(7000), false);
+    // One that has not come as a whole goes back from there; one that nobody has seen goes at once.
+    const coming = fades.begin(12, 0, 7);
+    assert.equal(fades.leave(13, 0, 7, 7000) !== undefined, true);
+    fades.stay(13, 7000);
+    assert.deepEqual(fades.finish(7, 7000), [{ piece: 13, leaves: false }], "it has never been away");
+    assert.equal(fades.leave(12, 0, 7, 7000), undefined);
+    fades.drawn(7, 8000);
+    assert.equal(fades.leave(12, 0, 8, 8100), coming);
+    fades.at(8150);
+    assert.equal(share(coming), 0.125 ** 4);
+    assert.deepEqual(fades.finish(8, 8200), [{ piece: 12, leaves: true }]);
+    const full = new Fades(4096, 4096);
+    assert.equal(full.leave(0, 17, 1, 0), undefined, "no numbers are left");
 });
 
 test("as many pieces fade at a time as there are rows; a row is free once an order without it is drawn", () => {
@@ -325,4 +370,105 @@ test("the list's datasets of one map are offered together, the most of them firs
     assert.deepEqual(labels([one("a"), one("b")]), ["a (1)", "b (1)"]);
     assert.deepEqual(labels([one("a", "EPSG 1"), one("b", "EPSG 2"), one("c", "EPSG 2"), one("d")]), ["EPSG 2: all 2 (2)", "a (1)", "b (1)", "c (1)", "d (1)"]);
     assert.deepEqual(labels([..."abcde"].map((name, i) => one(name, i < 2 ? "EPSG 1" : "EPSG 2"))).slice(0, 2), ["EPSG 2: all 3 (3)", "EPSG 1: all 2 (2)"]);
+});
+
+// A sample of splats at places, all of one size and opacity.
+function sampleOf(places, size, alpha = 1) {
+    const values = places.flatMap((place) => [...place, 2 * Math.PI * alpha * size * size]);
+    return { values: Float32Array.from(values), each: 1, broad: new Float32Array(), least: Infinity };
+}
+const both = (one, other) => ({ ...one, values: Float32Array.from([...one.values, ...other.values]) });
+const ballAround = (next, radius, count) => Array.from({ length: count }, () => {
+    for (;;) {
+        const place = [0, 1, 2].map(() => (2 * next() - 1) * radius);
+        if (Math.hypot(...place) <= radius) return place;
+    }
+});
+// Evenly over a sphere, along a spiral.
+const sphere = (radius, count) => Array.from({ length: count }, (_, i) => {
+    const [z, turn] = [1 - (2 * i + 1) / count, i * Math.PI * (3 - Math.sqrt(5))];
+    return [Math.cos(turn) * Math.sqrt(1 - z * z), Math.sin(turn) * Math.sqrt(1 - z * z), z].map((v) => radius * v);
+});
+
+test("a town is seen as a whole from the south; what flies far outside of it changes nothing", () => {
+    const next = numbers(31);
+    const places = Array.from({ length: 5000 }, () => [250 * next() - 125, 200 * next() - 100, next() < 0.7 ? 0 : 30 * next()]);
+    places.push(...ballAround(next, 5000, 50));
+    const sample = sampleOf(places, 0.3);
+    const box = middleOf(sample);
+    assert.ok(box.max.every((value, axis) => value < [126, 101, 31][axis]) && box.min[0] > -126);
+    assert.deepEqual(firstView(sample, box), framing(box.min, box.max));
+});
+
+test("a thing in a room is seen from within the room, from above, past what floats before it", () => {
+    const next = numbers(37);
+    const thing = sampleOf(ballAround(next, 1, 3000), 0.02);
+    const walls = sampleOf(sphere(8, 2000), 1);
+    const room = both(thing, walls);
+    const eyeOf = (sample) => {
+        const pose = firstView(sample, middleOf(sample));
+        const { eye } = viewOf(pose, 100, 100);
+        assert.ok(Math.hypot(...pose.target) < 0.3, "the thing is in the middle");
+        assert.ok(pose.distance > 1.2 && Math.hypot(...eye) < 8, `inside, and outside of the thing: ${pose.distance}`);
+        assert.ok(eye[2] > pose.target[2]);
+        assert.ok(layersBefore(sample, eye, { centre: [0, 0, 0], radius: 1 }) <= 0.3);
+        return eye;
+    };
+    const eye = eyeOf(room);
+    assert.ok(eye[1] < 0 && Math.abs(eye[0]) < 0.1, "from the south, when that is free");
+    const floating = sampleOf(ballAround(next, 0.4, 30).map(([x, y, z]) => [x + 0.6 * eye[0], y + 0.6 * eye[1], z + 0.6 * eye[2]]), 0.3);
+    const other = eyeOf(both(room, floating));
+    assert.ok(Math.hypot(...other.map((value, axis) => value - eye[axis])) > 0.5, "from elsewhere");
+});
+
+test("layers before a ball count what is between, by its area on the ball's disc", () => {
+    const ball = { centre: [0, 10, 0], radius: 2 };
+    const layers = (place, size) => layersBefore(sampleOf([place], size), [0, 0, 0], ball);
+    const disc = Math.PI * 0.2 ** 2;
+    assert.ok(Math.abs(layers([0, 5, 0], 0.1) - (2 * Math.PI * 0.01) / 25 / disc) < 1e-6);
+    assert.equal(layers([0, 5, 0], 10), 1, "one splat is one layer at most");
+    assert.ok(Math.abs(layers([2, 4, 0], 0.1) - (2 * Math.PI * 0.01) / 16 / (Math.PI / 3)) < 1e-6, "near the eye it counts in the whole picture");
+    for (const place of [[0, 9, 0], [0, 12, 0], [0, -5, 0], [0, 0.1, 0], [2, 5, 0], [3, 4, 0]]) assert.equal(layers(place, 0.1), 0, `${place}`);
+    assert.ok(layers([2, 5, 0], 1) > 0, "a large one reaches in from beside");
+    assert.equal(layersBefore(sampleOf([[0, 5, 0]], 1), [0, 9, 0], ball), Infinity);
+    const cover = 2 * Math.PI * 0.01;
+    const counted = { ...sampleOf([[0, 5, 0], [0, 6, 0]], 0.1), each: 3 };
+    const broad = Float32Array.from([0, 5, 0, cover]);
+    const once = layersBefore({ ...counted, values: new Float32Array(), broad, least: cover / 2 }, [0, 0, 0], ball);
+    assert.ok(Math.abs(once - layers([0, 5, 0], 0.1)) < 1e-6);
+    assert.equal(layersBefore({ ...counted, broad, least: cover / 2 }, [0, 0, 0], ball), once, "broad splats count once");
+    assert.equal(layersBefore(counted, [0, 0, 0], ball), 3 * (layers([0, 5, 0], 0.1) + layers([0, 6, 0], 0.1)), "others for those between");
+});
+
+test("the sample stays small, and knows places on the map and what splats hide", () => {
+    const axis = (min, span) => ({ min, span, factor: 65535.5, most: 65535 });
+    const dequantiser = { scale: [axis(1, 0), axis(3, 0), axis(2, 0)], bytes: [[], [], [], Float64Array.from({ length: 256 }, (_, i) => i / 255)] };
+    const sampler = new Sampler();
+    const part = records(20000, Math.random, (i) => [i, i === 7 ? NaN : 2, 3]);
+    new Uint8Array(part).forEach((_, i, bytes) => i % 32 === 15 && (bytes[i] = 51));
+    sampler.add(0, dequantiser, [100, 200, 300], part);
+    const { values, each } = sampler.all();
+    assert.equal(each, 2);
+    assert.equal(values.length, 4 * 10000);
+    [102, 202, 303].forEach((value, i) => assert.equal(values[4 + i], value));
+    assert.ok(Math.abs(values[7] - 2 * Math.PI * 0.2 * 6) < 1e-5, "opacity and the two longest axes");
+    for (let piece = 1; piece <= 40; ++piece) sampler.add(piece, dequantiser, [0, 0, 0], part);
+    assert.ok(sampler.all().values.length <= 4 * 16384 && sampler.all().values.length > 4 * 8000);
+    const kept = sampler.all().each;
+    assert.ok(Math.abs((sampler.all().values.length / 4) * kept - 41 * 20000) < 41 * kept + 100, "every piece by its splats");
+    for (let piece = 0; piece <= 40; ++piece) sampler.remove(piece);
+    assert.equal(middleOf(sampler.all()), undefined);
+    // One large splat in forty thousand is known, the other ones by their number.
+    dequantiser.scale = [0, 1, 2].map(() => ({ min: 0, span: 1, factor: 65535.5, most: 65535 }));
+    const words = new Uint16Array(part);
+    words.fill(650);
+    words.fill(65000, 16 * 12347 + 8, 16 * 12347 + 11);
+    new Float32Array(part).set([5, 6, 7], 8 * 12347);
+    const fresh = new Sampler();
+    fresh.add(1, dequantiser, [0, 0, 0], part);
+    fresh.add(2, dequantiser, [10, 0, 0], part);
+    const { broad, least } = fresh.all();
+    assert.ok(broad.length <= 4 * 16384);
+    const large = [...broad.keys()].filter((i) => i % 4 === 3 && broad[i] > 100 * least).map((i) => [...broad.subarray(i - 3, i)]);
+    assert.deepEqual(large, [[5, 6, 7], [15, 6, 7]]);
 });

@@ -4,13 +4,15 @@ import { createReadStream, existsSync, readFileSync, writeFileSync } from "node:
 import { createServer } from "node:http";
 import { join } from "node:path";
 import { after, before, test } from "node:test";
-import { openPage, pixelsOf, pngOf, settled, startBrowser } from "./browser.mjs";
+import { look, openPage, pixelsOf, pngOf, settled, startBrowser } from "./browser.mjs";
 import { startServer } from "./server.mjs";
-import { converted, decibels, root, run, samples, scratch, viewerPage } from "./support.mjs";
+import { converted, decibels, modules, root, run, samples, scratch, viewerPage } from "./support.mjs";
+
+const { framing } = await modules("camera");
 
 const least = 35; // decibels
 // Three views of each sample, chosen by one rule for all before looking at any: a third of a turn apart,
-// slightly from above, at twice the distance of the page's first view.
+// slightly from above, at twice the distance from which the box of the middle 96 of 100 splats fills the picture.
 const azimuths = [0, 120, 240]; // degrees
 const pitch = 20;
 const far = 2;
@@ -19,6 +21,17 @@ const names = ["real_61849_sh3_62f_trained_here", "real_58649_nosh_17f"];
 let browser;
 before(async () => (browser = await startBrowser()));
 after(() => browser.close());
+
+// The pose that shows the middle 96 of 100 splats of a dataset on each axis.
+function wholeOf(dataset) {
+    const bytes = readFileSync(join(dataset, "data.bin"));
+    const values = new Float32Array(bytes.buffer.slice(bytes.byteOffset, bytes.byteOffset + bytes.length));
+    const ends = [0, 1, 2].map((axis) => {
+        const sorted = values.filter((_, i) => i % 8 === axis).sort();
+        return [0.02, 0.98].map((share) => sorted[Math.floor(share * (sorted.length - 1))]);
+    });
+    return framing(ends.map(([min]) => min), ends.map(([, max]) => max));
+}
 
 async function startPlaycanvas(ply) {
     const files = new Map([
@@ -47,7 +60,7 @@ for (const sample of names) {
         const other = await startPlaycanvas(ply);
         try {
             const page = await openPage(browser.context, `${server.address}?order=depth`); // as both others do
-            const pose = await page.evaluate(() => window.viewer.pose);
+            const pose = wholeOf(dataset);
             const twin = await openPage(browser.context, `http://127.0.0.1:${other.address().port}/`, { settle: false });
             await twin.waitForFunction(() => window.ready, undefined, { timeout: 60000 });
             for (const yaw of azimuths) {
@@ -56,8 +69,7 @@ for (const sample of names) {
                 const distance = pose.distance * far;
                 const eye = pose.target.map((value, i) => value - forward[i] * distance);
                 await page.bringToFront();
-                await page.evaluate((hash) => (location.hash = hash), `v=${[...pose.target, distance, yaw, pitch].join()}`);
-                await page.waitForTimeout(50);
+                await look(page, [...pose.target, distance, yaw, pitch].join());
                 await settled(page);
                 const own = (await pixelsOf(page)).data;
                 await twin.bringToFront();

@@ -84,6 +84,76 @@ test("a cell that comes while one looks fades in; whoever wants less motion sees
     }
 });
 
+test("a cell that makes room fades out before its place is taken; whoever wants less motion sees it go at once", async () => {
+    const ball = [0.5, 0.5, 0.5];
+    const [red, green] = [[255, 0, 0], [0, 255, 0]];
+    const folder = byHand("two cells of a grid", [{ at: [8, 0, 0], colour: red, scale: ball }], [{ at: [12, 0, 0], colour: green, scale: ball }]);
+    rewrite(folder, "converted_from_ply.ytr", (text) => text.replace('"totalSplats": 2', '"totalSplats": 2000000'), "utf8");
+    const focal = 480 / Math.tan(Math.PI / 6);
+    for (const reducedMotion of ["no-preference", "reduce"]) {
+        await withPage([folder], async (page, server) => {
+            const near = async (right, colour, share, what, whole = false) => {
+                const expected = sky.map((value, i) => value * (1 - 0.99 * share) + colour[i] * 0.99 * share);
+                const seen = meanAt(await pixelsOf(page, undefined, whole), 0.5 + (right / 10) * (focal / 960), 0.5, 1);
+                assert.ok(seen.every((value, i) => Math.abs(value - expected[i]) <= 5), `${reducedMotion}, ${what}: ${seen} and ${expected}`);
+            };
+            const advance = (milliseconds) => page.evaluate((by) => (window.moment += by), milliseconds);
+            const look = async (x) => {
+                await page.waitForTimeout(200); // the page plans by another clock, which goes on
+                await page.evaluate((hash) => (location.hash = hash), `v=${x},0,0,10,0,0`);
+            };
+            const states = (...wanted) => page.waitForFunction((list) => window.viewer.scene?.pieces.map(({ state }) => state).join() === list, wanted.join());
+            const leaves = () => page.waitForFunction(() => [...window.viewer.scene.fades.fades.values()].some(({ leaves, begin }) => leaves && begin !== undefined));
+            const fetched = () => server.log.filter(({ path }) => path.endsWith("data.bin")).map(({ first }) => first);
+            await page.emulateMedia({ reducedMotion });
+            await page.addInitScript(() => {
+                window.moment = 1000;
+                performance.now = () => window.moment;
+            });
+            await page.reload();
+            await page.waitForFunction(() => window.viewer?.figures() !== undefined);
+            await page.evaluate(() => {
+                window.viewer.budget = 1;
+                window.viewer.build();
+            });
+            server.log.length = 0;
+            await settled(page);
+            await states("here", "away");
+            await near(-1, red, 1, "one of them has room");
+            const before = fetched().length;
+            await look(11);
+            if (reducedMotion === "no-preference") {
+                await leaves();
+                await near(-3, red, 1, "it begins to leave");
+                await advance(64);
+                await near(-3, red, 0.84 ** 4, "after 16 of 100 of the time");
+                await near(-3, red, 0, "the picture that is saved", true);
+                await look(9);
+                await states("here", "away");
+                await near(-1, red, 0.84 ** 4, "it is wanted again");
+                await advance(64);
+                await near(-1, red, 1, "it is back");
+                assert.equal(fetched().length, before, "and was not fetched for that");
+                await settled(page);
+                await look(11);
+                await leaves();
+                await advance(200);
+                await near(-3, red, 0.5 ** 4, "half of the time");
+                assert.equal(fetched().length, before, "its memory is not free yet");
+                await advance(200);
+            }
+            await states("away", "here");
+            await page.waitForFunction(() => window.viewer.figures().drawn === 1);
+            await near(-3, red, 0, "it has left");
+            await advance(400);
+            await settled(page);
+            await near(1, green, 1, "the other one has its place");
+            assert.deepEqual(fetched().slice(before), [32]);
+            assert.deepEqual(page.errors, []);
+        }, { hash: "#v=9,0,0,10,0,0", settle: false });
+    }
+});
+
 test("coefficients change the colour with the direction, as the formula says", async () => {
     const { dequantiser, records } = await (async () => {
         const dataset = await openFolder(small());

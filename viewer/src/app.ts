@@ -35,6 +35,7 @@ export class App implements Target {
     private budget = 1_000_000;
     private touched = false; // somebody has chosen the view
     private framed: "no" | "asked" | "yes" = "no"; // whether the view fits the splats that came first
+    private framedOf = 0; // how many splats were drawn then
     private scheduled = false;
     private stale = true; // the picture shows something else
     private told = 0; // when the map and the bar were drawn last
@@ -112,7 +113,8 @@ export class App implements Target {
         const linked = poseFrom(linkPart("v"));
         this.touched = linked !== undefined;
         this.framed = this.touched ? "yes" : "no";
-        this.pose = linked ?? this.firstPose(undefined);
+        this.framedOf = 0;
+        this.pose = linked ?? this.emptyPose();
         this.build();
     }
 
@@ -120,6 +122,7 @@ export class App implements Target {
     private build(): void {
         this.scene?.end();
         this.scene = undefined;
+        if (this.framed === "asked") this.framed = "no"; // who was asked has ended
         if (this.city === undefined || this.gl.isContextLost()) return;
         const url = URL.createObjectURL(new Blob([workerText], { type: "text/javascript" }));
         const worker = new Worker(url);
@@ -131,24 +134,33 @@ export class App implements Target {
         this.invalidate();
     }
 
-    // `box` is that of the splats in memory. Cells say better where the ground is, splats how high it is.
-    private firstPose(box: Box | undefined): Pose {
-        const { datasets, heights, isOne } = this.city!;
-        if (isOne && isOneCell(datasets[0].meta) && box !== undefined) return framing(box.min, box.max);
+    // The view while no splat is here.
+    private emptyPose(): Pose {
+        const { heights } = this.city!;
         const { min, max } = this.map!.middle();
-        const low = box?.min[2] ?? heights.reduce((least, [from]) => Math.min(least, from), Infinity);
-        const high = box?.max[2] ?? heights.reduce((most, [, to]) => Math.max(most, to), -Infinity);
+        const low = heights.reduce((least, [from]) => Math.min(least, from), Infinity);
+        const high = heights.reduce((most, [, to]) => Math.max(most, to), -Infinity);
         const finite = [...min, ...max].every(Number.isFinite);
         return finite ? framing([...min, low], [...max, high]) : framing([-10, -10, -10], [10, 10, 10]);
     }
 
-    private async frame(): Promise<void> {
+    // Then its cell does not tell where the splats lie: the meta document's box always holds the origin.
+    private hasOneCell(): boolean {
+        const { datasets, isOne } = this.city!;
+        return isOne && isOneCell(datasets[0].meta);
+    }
+
+    private async frame(byHand: boolean): Promise<void> {
         const { scene } = this;
-        const box = await scene?.frame();
-        if (scene === undefined || scene !== this.scene) return;
+        if (scene === undefined) return;
+        const ground = this.map!.middle();
+        const known = !this.hasOneCell() && [...ground.min, ...ground.max].every(Number.isFinite);
+        this.framedOf = scene.figures.drawn;
+        const pose = await scene.frame(known ? ground : undefined);
+        if (scene !== this.scene) return;
         this.framed = "yes";
-        this.pose = this.firstPose(box);
-        this.moved(false);
+        if (byHand || !this.touched) this.pose = pose ?? this.emptyPose();
+        this.moved(byHand);
     }
 
     moved(byHand = true): void {
@@ -199,10 +211,7 @@ export class App implements Target {
         } else if (this.moving > this.planned) {
             window.setTimeout(() => this.again(), planning);
         }
-        if (this.framed === "no" && scene.figures.drawn > 0) {
-            this.framed = this.touched ? "yes" : "asked";
-            if (!this.touched) void this.frame();
-        }
+        this.frameFirst(scene);
         const later = scene.sort(view, now);
         if (later > 0) window.setTimeout(() => this.again(), later);
         this.paint(scene, view, now);
@@ -210,6 +219,15 @@ export class App implements Target {
         if (settled) this.told = 0;
         this.tell(view, now);
         if (settled) this.watchers.splice(0).forEach((watcher) => watcher());
+    }
+
+    // The view follows the splats that come first. Those of a scene of one cell come in no order: its view follows them all once more.
+    private frameFirst({ figures: { drawn, wanted } }: Scene): void {
+        if (drawn === 0 || this.framed === "asked") return;
+        const more = this.hasOneCell() && drawn === wanted && drawn > this.framedOf;
+        if (this.framed === "yes" && !more) return;
+        this.framed = this.touched ? "yes" : "asked";
+        if (!this.touched) void this.frame(false);
     }
 
     private paint(scene: Scene, view: View, now: number): void {
@@ -291,7 +309,7 @@ export class App implements Target {
         const picker = element("files", HTMLInputElement);
         for (const id of ["folder", "welcome-folder"]) button(id).onclick = () => picker.click();
         picker.onchange = () => this.attempt(() => this.open([{ source: sourceFrom(chosen(picker.files!)), box: undefined }]));
-        button("frame").onclick = () => this.attempt(() => this.frameByHand());
+        button("frame").onclick = () => this.attempt(() => this.frame(true));
         button("save").onclick = () => this.attempt(() => this.save());
         button("theme").onclick = () => this.toggleTheme();
         button("help-open").onclick = () => this.help();
@@ -375,14 +393,9 @@ export class App implements Target {
         const { target } = event;
         const typing = target instanceof HTMLInputElement || target instanceof HTMLSelectElement;
         if (typing || event.ctrlKey || event.metaKey || event.altKey || event.repeat) return;
-        if (event.code === "KeyF") this.attempt(() => this.frameByHand());
+        if (event.code === "KeyF") this.attempt(() => this.frame(true));
         if (event.code === "KeyP") this.attempt(() => this.save());
         if (event.code === "KeyH") this.help();
-    }
-
-    private async frameByHand(): Promise<void> {
-        this.touched = true;
-        await this.frame();
     }
 
     private help(): void {
@@ -396,7 +409,7 @@ export class App implements Target {
         this.invalidate();
     }
 
-    // The picture as it is now, with the colours of this eye. What fades in is there as a whole unless `whole` is false.
+    // The picture as it is now, with the colours of this eye. What fades is there as a whole, or not at all, unless `whole` is false.
     picture(whole = true): Promise<Blob> {
         this.scene?.draw(this.view(), this.look(), Infinity, whole);
         return new Promise((resolve, reject) => {

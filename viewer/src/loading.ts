@@ -4,6 +4,7 @@ import { type Triple, ViewError } from "./format.ts";
 import type { Owner, Reply, Request } from "./messages.ts";
 import type { Meta } from "./meta.ts";
 import { recordsOf, split } from "./records.ts";
+import type { Sampler } from "./sample.ts";
 import type { Sorter } from "./sorting.ts";
 import { type Source, isAbort, sourceOf } from "./sources.ts";
 
@@ -23,11 +24,12 @@ export class Loader {
     constructor(
         owners: Owner[],
         private readonly sorter: Sorter,
+        private readonly sampler: Sampler,
     ) {
         this.opened = owners.map(({ source, meta, shift }) => ({ source: sourceOf(source), meta, dequantiser: new Dequantiser(meta), shift }));
     }
 
-    // The sorter knows the piece before the reply leaves. Throws nothing.
+    // The sorter and the sampler know the piece before the reply leaves. Throws nothing.
     async fetch({ piece, owner: number, first, count, runs }: Fetch): Promise<{ reply: Reply; transfer: Transferable[] }> {
         const opened = this.opened[number];
         const abort = new AbortController();
@@ -36,6 +38,7 @@ export class Loader {
             const records = await recordsOf(opened, first, count, abort.signal);
             if (abort.signal.aborted) return { reply: { type: "dropped", piece }, transfer: [] };
             const box = this.sorter.add(piece, opened.shift, runs, records.data);
+            this.sampler.add(piece, opened.dequantiser, opened.shift, records.data);
             const parts = split(records);
             const transfer = [parts.first, parts.second, ...(parts.harmonics === undefined ? [] : [parts.harmonics])];
             return { reply: { type: "fetched", piece, split: parts, box, bytes: this.fetched() }, transfer };

@@ -1,4 +1,5 @@
 // What the page and its worker say to each other.
+import type { Pose } from "./camera.ts";
 import type { Triple } from "./format.ts";
 import type { Meta } from "./meta.ts";
 import type { Split } from "./records.ts";
@@ -30,6 +31,7 @@ export interface Hit {
 }
 
 export type Box = { min: Triple; max: Triple };
+export type Ground = { min: [number, number]; max: [number, number] };
 
 export type Request =
     | { type: "reset"; capacity: number; keepNormals: boolean; owners: Owner[] }
@@ -39,7 +41,7 @@ export type Request =
     | { type: "remove"; piece: number }
     | { type: "sort"; sequence: number; eye: Triple; along: Triple | undefined; order: ArrayBuffer | undefined }
     | { type: "pick"; token: number; ray: Ray }
-    | { type: "frame"; token: number };
+    | { type: "frame"; token: number; ground: Ground | undefined }; // ground: what the whole covers, where the cells tell
 
 export type Reply =
     | { type: "fetched"; piece: number; split: Split; box: Box; bytes: number } // bytes: of all so far
@@ -47,4 +49,4 @@ export type Reply =
     | { type: "failed"; piece: number; text: string; known: boolean } // known: a ViewError
     | { type: "sorted"; sequence: number; order: ArrayBuffer; count: number; milliseconds: number }
     | { type: "picked"; token: number; hit: Hit | undefined }
-    | { type: "framed"; token: number; box: Box | undefined };
+    | { type: "framed"; token: number; pose: Pose | undefined }; // undefined while no splat is here

@@ -9,9 +9,9 @@ export interface Piece {
     cell: number;
     first: number; // number of its first splat in the cell
     count: number;
-    state: "away" | "coming" | "here";
+    state: "away" | "coming" | "here" | "leaving"; // leaving: it fades out, and will be away
     cancelled: boolean; // while coming: nobody wants it any more
-    runs: Run[]; // while coming or here
+    runs: Run[]; // but while away
 }
 
 const pieceSize = 32768; // splats: 3 MB with coefficients
@@ -32,11 +32,10 @@ const loyalty = 0.85 ** 2;
 // What is out of the picture counts as twice as far.
 const outside = 2 ** 2;
 
-function score(cell: Ground, [low, high]: readonly [number, number], view: View): number {
+// Whether a cell, with these heights, is wholly beside the picture or behind the eye.
+export function isOutside(cell: Ground, [low, high]: readonly [number, number], view: View): boolean {
     const min: Triple = [cell.min[0], cell.min[1], low];
     const max: Triple = [cell.max[0], cell.max[1], high];
-    let squares = 0;
-    for (let i = 0; i < 3; ++i) squares += Math.max(min[i] - view.eye[i], 0, view.eye[i] - max[i]) ** 2;
     const radius = 0.5 * Math.hypot(...minus(max, min));
     const centre = minus([(min[0] + max[0]) / 2, (min[1] + max[1]) / 2, (low + high) / 2], view.eye);
     const depth = dot(centre, view.forward);
@@ -44,21 +43,30 @@ function score(cell: Ground, [low, high]: readonly [number, number], view: View)
         const tangent = (0.5 * pixels) / view.focal;
         return (Math.abs(dot(centre, direction)) - tangent * depth) / Math.hypot(1, tangent) > radius;
     };
-    const hidden = depth < -radius || beside(view.right, view.width) || beside(view.up, view.height);
-    return hidden ? squares * outside : squares;
+    return depth < -radius || beside(view.right, view.width) || beside(view.up, view.height);
 }
 
-// The pieces for a view, the nearest first, as many as `capacity` splats allow. `heights` bound those of each
-// dataset.
-export function wantedPieces(
+function score(cell: Ground, heights: readonly [number, number], view: View): number {
+    const min: Triple = [cell.min[0], cell.min[1], heights[0]];
+    const max: Triple = [cell.max[0], cell.max[1], heights[1]];
+    let squares = 0;
+    for (let i = 0; i < 3; ++i) squares += Math.max(min[i] - view.eye[i], 0, view.eye[i] - max[i]) ** 2;
+    return isOutside(cell, heights, view) ? squares * outside : squares;
+}
+
+// How far the pieces count as away from a view. `heights` bound the splats of each dataset.
+export function scoresOf(
     cells: readonly Ground[],
     pieces: readonly Piece[],
     view: View,
-    capacity: number,
     heights: readonly (readonly [number, number])[],
-): Piece[] {
+): Float64Array {
     const cellScores = cells.map((cell) => score(cell, heights[cell.owner], view));
-    const scores = Float64Array.from(pieces, (piece) => cellScores[piece.cell] * (piece.state === "away" ? 1 : loyalty));
+    return Float64Array.from(pieces, (piece) => cellScores[piece.cell] * (piece.state === "away" ? 1 : loyalty));
+}
+
+// The pieces with the least scores, the nearest first, as many as `capacity` splats allow.
+export function wantedPieces(pieces: readonly Piece[], scores: Float64Array, capacity: number): Piece[] {
     const order = Uint32Array.from(pieces.keys()).sort((a, b) => scores[a] - scores[b] || a - b);
     const wanted: Piece[] = [];
     let left = capacity;

@@ -1,11 +1,11 @@
 // What is shown on its way to the screen: lets the worker fetch what the view needs, puts it into the graphics memory, and draws.
-import type { View } from "./camera.ts";
+import type { Pose, View } from "./camera.ts";
 import type { City } from "./city.ts";
 import type { Splat } from "./dequantiser.ts";
-import { Fades } from "./fading.ts";
+import { Fades, fadeTime } from "./fading.ts";
 import { ViewError, recordSize } from "./format.ts";
-import type { Box, Ray, Reply, Request } from "./messages.ts";
-import { type Piece, piecesOf, wantedPieces } from "./plan.ts";
+import type { Box, Ground, Ray, Reply, Request } from "./messages.ts";
+import { type Piece, isOutside, piecesOf, scoresOf, wantedPieces } from "./plan.ts";
 import type { Split } from "./records.ts";
 import { type Look, Renderer } from "./renderer.ts";
 import { type Run, SlotPool, mostDatasets } from "./slots.ts";
@@ -13,7 +13,7 @@ import { type Run, SlotPool, mostDatasets } from "./slots.ts";
 const together = 4; // pieces under way at a time, from their request until they are in the graphics memory
 const uploading = 65536; // splats that go to the graphics memory in one turn
 const pausing = { first: 4, most: 64 }; // milliseconds until the page looks whether the card has taken them; doubled from look to look
-const slow = 100; // milliseconds that a picture takes beyond which nothing fades in: a fade would be three pictures
+const slow = 100; // milliseconds that a picture takes beyond which nothing fades: a fade would be three pictures
 const gathering = 250; // milliseconds between two orders that only new pieces ask for
 
 export interface Figures {
@@ -49,6 +49,8 @@ export class Scene {
     private readonly fades: Fades;
     private readonly lessMotion = matchMedia("(prefers-reduced-motion: reduce)"); // asked once: asking takes a millisecond
     private wanted: Piece[] = [];
+    private scores: Float64Array = new Float64Array(); // of all pieces, when they were looked at last
+    private view: View | undefined; // at that time
     private readonly heights: [number, number][];
     private readonly arrived: { piece: Piece; split: Split }[] = []; // not yet in the graphics memory
     private order: ArrayBuffer | undefined;
@@ -57,6 +59,7 @@ export class Scene {
     private sortedFor = "";
     private sortedAt = 0;
     private changed = false; // pieces came or went since the last sort was asked for
+    private urgent = false; // a fade waits for the next order, and splats wait for the fade
     private readonly leaving: { runs: Run[]; sequence: number }[] = [];
     private readonly waiting = new Map<number, (reply: Reply) => void>();
     private token = 0;
@@ -113,6 +116,7 @@ export class Scene {
         return (
             this.wanted.length > 0 &&
             this.wanted.every((piece) => piece.state === "here") &&
+            this.pieces.every((piece) => piece.state !== "leaving") &&
             !this.sorting &&
             !this.changed &&
             this.sortedFor === this.sortKey(view)
@@ -127,11 +131,14 @@ export class Scene {
     // Asks for what the view needs, and lets go of what it no longer does.
     update(view: View): void {
         if (this.failed || this.ended) return;
-        this.wanted = wantedPieces(this.city.cells, this.pieces, view, this.figures.capacity, this.heights);
+        this.view = view;
+        this.scores = scoresOf(this.city.cells, this.pieces, view, this.heights);
+        this.wanted = wantedPieces(this.pieces, this.scores, this.figures.capacity);
         this.figures.wanted = this.wanted.reduce((sum, piece) => sum + piece.count, 0);
         const keep = new Set(this.wanted);
         for (const piece of this.pieces) {
             if (piece.state === "coming" && !piece.cancelled && !keep.has(piece)) this.cancel(piece);
+            if (piece.state === "leaving" && keep.has(piece)) this.stay(piece);
         }
         this.fetchMore(keep);
     }
@@ -158,38 +165,66 @@ export class Scene {
         piece.cancelled = false;
     }
 
+    // The nearest pieces first. What makes room are the farthest ones; some of it is there only after a fade.
     private fetchMore(keep: Set<Piece>): void {
         const coming = this.pieces.filter((piece) => piece.state === "coming");
         const spare = this.pieces.filter((piece) => piece.state === "here" && !keep.has(piece));
+        spare.sort((a, b) => this.scores[a.id] - this.scores[b.id]);
         let soon = this.leaving.reduce((sum, { runs }) => sum + countOf(runs), 0);
-        soon += coming.reduce((sum, piece) => sum + (piece.cancelled ? piece.count : 0), 0);
-        let under = coming.length;
-        for (const piece of this.wanted) {
-            if (piece.state !== "away") continue;
-            if (under >= together) return;
-            while (this.pool.available + soon < piece.count && spare.length > 0) soon += this.evict(spare.pop()!);
-            if (this.pool.available < piece.count) return; // the next order frees the rest
-            ++under;
+        for (const piece of this.pieces) soon += piece.state === "leaving" || piece.cancelled ? piece.count : 0;
+        let needed = 0; // splats of the pieces that wait for room
+        for (const piece of this.wanted.filter(({ state }) => state === "away").slice(0, Math.max(0, together - coming.length))) {
+            needed += piece.count;
+            while (this.pool.available + soon < needed && spare.length > 0) soon += this.evict(spare.pop()!);
+            if (needed > piece.count || this.pool.available < needed) continue;
+            needed = 0;
             this.fetch(piece);
         }
     }
 
-    // The slots stay taken until an order without them is drawn.
+    // Gives the splats that make room: once an order without them is drawn or, when they are in the picture, after a fade.
     private evict(piece: Piece): number {
+        const { owner } = this.city.cells[piece.cell];
+        const seen = this.view !== undefined && !isOutside(this.city.cells[piece.cell], this.heights[owner], this.view);
+        const under = seen && this.mayFade() ? this.fades.leave(piece.id, owner, this.sequence + 1, performance.now()) : undefined;
+        this.count(piece, -1);
+        ++this.figures.evicted;
+        if (under === undefined) {
+            this.release(piece);
+        } else {
+            piece.state = "leaving";
+            this.send({ type: "show", piece: piece.id, under });
+            this.urgent = true;
+        }
+        this.changed = true;
+        this.onChange(false);
+        return piece.count;
+    }
+
+    // Somebody wants it again while it fades out.
+    private stay(piece: Piece): void {
+        this.fades.stay(piece.id, performance.now());
+        piece.state = "here";
+        this.count(piece, 1);
+        this.onChange(true);
+    }
+
+    // The slots stay taken until an order without them is drawn.
+    private release(piece: Piece): void {
         this.send({ type: "remove", piece: piece.id });
         this.renderer.forget(piece.id);
         this.fades.drop(piece.id, this.sequence + 1);
         this.leaving.push({ runs: piece.runs, sequence: this.sequence + 1 });
         piece.runs = [];
         piece.state = "away";
-        this.figures.loaded -= piece.count;
-        ++this.figures.evicted;
-        const left = (this.hereByCell.get(piece.cell) ?? 1) - 1;
-        if (left > 0) this.hereByCell.set(piece.cell, left);
+    }
+
+    // The piece is here from now on, or no longer.
+    private count(piece: Piece, by: 1 | -1): void {
+        this.figures.loaded += by * piece.count;
+        const pieces = (this.hereByCell.get(piece.cell) ?? 0) + by;
+        if (pieces > 0) this.hereByCell.set(piece.cell, pieces);
         else this.hereByCell.delete(piece.cell);
-        this.changed = true;
-        this.onChange(false);
-        return piece.count;
     }
 
     private fetch(piece: Piece): void {
@@ -220,12 +255,11 @@ export class Scene {
             left -= piece.count;
             const { owner } = this.city.cells[piece.cell];
             this.renderer.upload(piece.id, owner, piece.runs, split);
-            const under = this.fadesIn() ? this.fades.begin(piece.id, owner, this.sequence + 1) : owner;
+            const under = this.mayFade() ? this.fades.begin(piece.id, owner, this.sequence + 1) : owner;
             this.send({ type: "show", piece: piece.id, under });
             piece.state = "here";
             piece.cancelled = false;
-            this.hereByCell.set(piece.cell, (this.hereByCell.get(piece.cell) ?? 0) + 1);
-            this.figures.loaded += piece.count;
+            this.count(piece, 1);
             this.figures.uploaded += piece.count;
         }
         this.renderer.endUpload();
@@ -239,7 +273,7 @@ export class Scene {
     private patience: number = pausing.first;
 
     // The first picture waits for nothing.
-    private fadesIn(): boolean {
+    private mayFade(): boolean {
         return this.figures.drawn > 0 && this.renderer.wait <= slow && !this.lessMotion.matches;
     }
 
@@ -254,8 +288,8 @@ export class Scene {
         return this.renderer.ready();
     }
 
-    // Draws; true when the picture is final as far as its colours go, and nothing fades in. Besides new splats, `most` splats get the
-    // colours of this eye. `whole` draws what fades in as it will be.
+    // Draws; true when the picture is final as far as its colours go, and nothing fades. Besides new splats, `most` splats get the
+    // colours of this eye. `whole` draws what fades as it will be.
     draw(view: View, look: Look, most: number, whole: boolean): boolean {
         const fading = this.fades.at(whole ? Infinity : performance.now());
         return this.renderer.draw(view, look, most, this.fades.values) && !fading;
@@ -269,23 +303,31 @@ export class Scene {
     // for the first ones: gives the milliseconds until then, else 0.
     sort(view: View, now: number): number {
         const wantedFor = this.sortKey(view);
-        if (this.sorting || (!this.changed && wantedFor === this.sortedFor)) return 0;
+        const clock = performance.now();
+        const urgent = this.urgent || this.fades.hasLeft(clock);
+        if (this.sorting || (!this.changed && !urgent && wantedFor === this.sortedFor)) return 0;
         const more = this.pieces.some(({ state }) => state === "coming");
         const early = this.sortedAt + gathering - now;
-        if (wantedFor === this.sortedFor && more && this.figures.drawn > 0 && early > 0) return early;
+        if (wantedFor === this.sortedFor && more && !urgent && this.figures.drawn > 0 && early > 0) return early;
         this.sorting = true;
-        this.changed = false;
+        this.changed = this.urgent = false;
         this.sortedFor = wantedFor;
         this.sortedAt = now;
         const order = this.order;
         this.order = undefined;
         const along = this.byDepth ? view.forward : undefined;
+        this.finishFades(clock);
         ++this.sequence;
-        for (const id of this.fades.finish(this.sequence, performance.now())) {
-            this.send({ type: "show", piece: id, under: this.city.cells[this.pieces[id].cell].owner });
-        }
         this.send({ type: "sort", sequence: this.sequence, eye: view.eye, along, order }, order === undefined ? [] : [order]);
         return 0;
+    }
+
+    private finishFades(now: number): void {
+        for (const { piece: id, leaves } of this.fades.finish(this.sequence + 1, now)) {
+            const piece = this.pieces[id];
+            if (leaves) this.release(piece);
+            else this.send({ type: "show", piece: id, under: this.city.cells[piece.cell].owner });
+        }
     }
 
     private receive(reply: Reply): void {
@@ -329,7 +371,8 @@ export class Scene {
         this.sorting = false;
         this.renderer.setOrder(new Uint32Array(order), count);
         this.figures.drawn = count;
-        this.fades.drawn(sequence, begin);
+        // Nothing is drawn any more when the last piece has left, so that somebody has to ask for the order without it.
+        if (this.fades.drawn(sequence, begin)) window.setTimeout(() => this.ended || this.onChange(true), fadeTime + 20);
         this.order = order;
         while (this.leaving.length > 0 && this.leaving[0].sequence <= sequence) this.pool.give(this.leaving.shift()!.runs);
         if (!this.failed) this.fetchMore(new Set(this.wanted));
@@ -354,10 +397,10 @@ export class Scene {
         return { owner: cell.owner, cellKey: cell.key, number, record: cell.first + number, splat };
     }
 
-    // The box of the splats that are here, but for a few that fly far outside.
-    async frame(): Promise<Box | undefined> {
-        const reply = await this.ask((token) => ({ type: "frame", token }));
-        return reply.type === "framed" ? reply.box : undefined;
+    // The view that the splats that are here ask for. `ground` is what the whole covers, where the cells tell.
+    async frame(ground: Ground | undefined): Promise<Pose | undefined> {
+        const reply = await this.ask((token) => ({ type: "frame", token, ground }));
+        return reply.type === "framed" ? reply.pose : undefined;
     }
 
     private ask(request: (token: number) => Request): Promise<Reply> {

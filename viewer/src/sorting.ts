@@ -1,5 +1,4 @@
-// The worker's order: it knows every splat's position and says in which order they are drawn, which one is under the pointer,
-// and what a picture of the scene should show.
+// The worker's order: it knows every splat's position and says in which order they are drawn, and which one is under the pointer.
 import type { Triple } from "./format.ts";
 import type { Box, Hit, Ray } from "./messages.ts";
 import { type Run, slotBits } from "./slots.ts";
@@ -171,25 +170,6 @@ export class Sorter {
             }
         }
         return hit;
-    }
-
-    // The box of the middle 96 of 100 splats on each axis: a few that fly far outside do not count.
-    frame(): Box | undefined {
-        const total = [...this.pieces.values()].reduce((sum, piece) => sum + piece.runs.reduce((s, run) => s + run.count, 0), 0);
-        if (total === 0) return undefined;
-        const stride = Math.max(1, Math.floor(total / 20000));
-        const samples: Triple[] = [];
-        for (const piece of this.pieces.values()) {
-            for (const run of piece.runs) {
-                for (let i = 0; i < run.count; i += stride) samples.push(this.position(piece, run.start + i));
-            }
-        }
-        const ends = [0, 1, 2].map((axis) => {
-            const sorted = Float64Array.from(samples, (sample) => sample[axis]).sort();
-            const at = (share: number): number => sorted[Math.floor(share * (sorted.length - 1))];
-            return [at(0.02), at(0.98)];
-        });
-        return { min: ends.map((e) => e[0]) as Triple, max: ends.map((e) => e[1]) as Triple };
     }
 }
 
