@@ -170,7 +170,7 @@ private:
         if (record.rotation == 0) {
             ++use_.undefinedRotations;
             findings_.warning("record-rotation", Format::dataFile, at_ + Format::rotationOffset, "a rotation",
-                              "the word 0, which a source rotation that is no number leaves");
+                              "the word 0, written for a source rotation that is not a number");
         } else if (!rotationPossible(record.rotation)) {
             findings_.error("record-rotation", Format::dataFile, at_ + Format::rotationOffset,
                             "a word that some unit quaternion packs to", std::to_string(record.rotation));
@@ -277,7 +277,7 @@ private:
             findings_.warning("record-range", Format::dataFile, 0,
                               "no " + componentText(name, axis) + " below byte " + std::to_string(lowest) +
                                   ", the lower end of its range",
-                              "byte 0, as a source value that is no number leaves it");
+                              "byte 0, written for a source value that is not a number");
         }
     }
 

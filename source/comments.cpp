@@ -77,8 +77,7 @@ private:
             }
             if (words[0] != "property" && line.find("property") != line.npos && words[2] == "f_rest_0" &&
                 !hasCoefficients_) {
-                error(
-                    "this line is taken for a property f_rest_0, which the vertices do not have: reword it");
+                error("this line is read as a property f_rest_0, which the vertices do not have: reword it");
             }
         } else if (words.size() > 1 && words[0] == "comment" && isKey(words[1])) {
             comments_.remarks.push_back(
@@ -90,7 +89,7 @@ private:
 
     void takeElement(std::string_view count) {
         if (line_ > vertexLine_ || !startsWithCount(count)) {
-            error("this line is taken for an element line and its last word for the count of splats: reword "
+            error("this line is read as an element line, and its last word as the count of splats: reword "
                   "it");
         }
     }

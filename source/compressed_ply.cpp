@@ -54,7 +54,7 @@ void requireProperties(const RecordFile& file, const PlyElement& element, const 
         if (i >= count || property.name != names[i] || property.type != type || property.isList()) {
             refuseLine(file, property.line,
                        "property " + inQuotes(property.name) + " of type " + property.typeText +
-                           " is not one of a compressed PLY at this place");
+                           " does not belong here in a compressed PLY");
         }
     }
 }
@@ -157,7 +157,7 @@ void CompressedPlyInput::checkLayout(const PlyHeader& header) {
             coefficientBytes_ != 45) {
             refuseLine(file_, coefficients.line,
                        std::to_string(coefficientBytes_) +
-                           " coefficients a splat: 9, 24 or 45 belong to degrees 1 to 3");
+                           " coefficients a splat: expected 9, 24 or 45, for degrees 1 to 3");
         }
         std::vector<std::string> names;
         for (std::uint64_t i = 0; i < coefficientBytes_; ++i) {

@@ -299,12 +299,12 @@ void KeptSplats::requireUnits() const {
     }
     if (scales_ == ScaleValues::told && hasScale_ && !hasNegativeScale_) {
         throw SourceError(input_->name + ": no scale is negative, so they look like linear values, where "
-                                         "logarithms are expected: say --scale linear, or --scale log if "
+                                         "logarithms are expected: give --scale linear, or --scale log if "
                                          "they are logarithms");
     }
     if (opacities_ == OpacityValues::told && hasOpacity_ && !hasFarOpacity_) {
         throw SourceError(input_->name + ": every opacity lies between 0 and 1, so they look like linear "
-                                         "values, where logits are expected: say --opacity linear, or "
+                                         "values, where logits are expected: give --opacity linear, or "
                                          "--opacity logit if they are logits");
     }
 }

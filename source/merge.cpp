@@ -168,7 +168,7 @@ void Scene::settleParams(const SceneOptions& options) {
         }
         if (!options.epsg && input.params.epsg != 0 && input.params.epsg != params.epsg) {
             throw SourceError(fmt::format("{}: its EPSG code is {}, that of {} is {}: bring the inputs into "
-                                          "one reference system, or say --epsg if a header is wrong",
+                                          "one reference system, or give --epsg if a header is wrong",
                                           input.name, input.params.epsg, *named, params.epsg));
         }
     }
@@ -254,9 +254,10 @@ void Scene::chooseOffset(unsigned threads, Point& offset) {
     if (bulk) {
         bulk = box;
         remarks.push_back(fmt::format(
-            "{}: splats lie too far apart for one offset: it goes by the bulk, which is off by at most "
+            "{}: splats lie too far apart for one offset, so it suits the bulk, which is off by at most "
             "{:.2g} mm; "
-            "what lies far off is off by up to {:.2g} mm: drop it with --crop, or convert it by itself",
+            "splats farther away are off by up to {:.2g} mm: drop them with --crop, or convert them "
+            "separately",
             inputs_.front()->input().name, 1000 * errorWithin(box),
             1000 * errorWithin({{all.min[0] - offset[0], all.min[1] - offset[1], all.min[2] - offset[2]},
                                 {all.max[0] - offset[0], all.max[1] - offset[1], all.max[2] - offset[2]}})));
@@ -415,8 +416,8 @@ void Scene::requireAccepted() const {
         const Ledger ledger = input->ledger();
         const std::uint64_t invalid = ledger.dropped[static_cast<std::size_t>(DropReason::invalid)];
         if (isStrict_ && invalid > 0) {
-            throw SourceError(fmt::format("{}: {} ({}), the first of them record {}: repair them, or leave "
-                                          "--strict out and they are dropped",
+            throw SourceError(fmt::format("{}: {} ({}), the first of them record {}: repair them, or "
+                                          "drop them by leaving out --strict",
                                           input->input().name,
                                           countOf(invalid, "splat is invalid", "splats are invalid"),
                                           invalidText(ledger), ledger.firstInvalid));

@@ -52,7 +52,7 @@ constexpr std::array lookalikes = {
     Lookalike{"PLY"sv, "a PLY file in capitals: its first line must be \"ply\""},
 };
 
-constexpr const char* whatWouldDo = "splats in a PLY file of any layout, SPZ or compressed PLY would do";
+constexpr const char* whatIsRead = "plyconvert reads PLY of any layout, compressed PLY and SPZ";
 
 [[noreturn]] void refuse(const std::string& name, std::string_view start) {
     if (start.empty()) {
@@ -61,13 +61,13 @@ constexpr const char* whatWouldDo = "splats in a PLY file of any layout, SPZ or 
     const auto isIt = [&](const Lookalike& lookalike) { return start.starts_with(lookalike.start); };
     const auto found = std::ranges::find_if(lookalikes, isIt);
     if (found != lookalikes.end()) {
-        throw SourceError(fmt::format("{}: not a splat file but {}: {}", name, found->what, whatWouldDo));
+        throw SourceError(fmt::format("{}: not a splat file but {} ({})", name, found->what, whatIsRead));
     }
     const bool isText = std::ranges::all_of(start.substr(0, 256), [](char c) {
         return static_cast<unsigned char>(c) >= 0x20 || c == '\n' || c == '\r' || c == '\t';
     });
     throw SourceError(
-        fmt::format("{}: not a splat file{}: {}", name, isText ? " but some text" : "", whatWouldDo));
+        fmt::format("{}: not a splat file{} ({})", name, isText ? " but some text" : "", whatIsRead));
 }
 
 // An input of which the header alone is known.

@@ -68,7 +68,7 @@ public:
                                    : std::nullopt;
             }
             if (end - begin > longestWord) {
-                throw SourceError(fmt::format("{}: the word at byte {} is no number: it has more than {} "
+                throw SourceError(fmt::format("{}: the word at byte {} is not a number: it has more than {} "
                                               "characters",
                                               file_.name(), next_ - (end_ - begin), longestWord));
             }
@@ -311,8 +311,8 @@ private:
             }
             if (!parseScalar(word, property.type, scalars)) {
                 fail(element, record, reader.position(),
-                     fmt::format("{} of property {} is no {}", inQuotes(word), inQuotes(property.name),
-                                 property.typeText));
+                     fmt::format("{} of property {} is not a value of type {}", inQuotes(word),
+                                 inQuotes(property.name), property.typeText));
             }
             scalars += widthOf(property.type);
         }
@@ -324,7 +324,7 @@ private:
         std::uint64_t count = 0;
         if (!parseListCount(word, *property.countType, count)) {
             fail(element, record, reader.position(),
-                 fmt::format("{} is no count of the list {}", inQuotes(word), inQuotes(property.name)));
+                 fmt::format("{} is not a count of the list {}", inQuotes(word), inQuotes(property.name)));
         }
         if (!reader.skip(count)) {
             fail(element, record, reader.position(),

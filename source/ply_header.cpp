@@ -129,7 +129,7 @@ private:
             fail("a second format line: remove it");
         }
         if (!header_.elements.empty()) {
-            fail("the format line stands behind an element: move it to the second line");
+            fail("the format line comes after an element: move it to the second line");
         }
         const auto isNamed = [&](const auto& entry) { return words.size() == 3 && entry.first == words[1]; };
         const auto format = std::ranges::find_if(formatNames, isNamed);
@@ -171,9 +171,10 @@ private:
         const auto isNamed = [&](const auto& entry) { return entry.first == word; };
         const auto scalar = std::ranges::find_if(scalarNames, isNamed);
         if (scalar == scalarNames.end()) {
-            fail(fmt::format("{} is no type of PLY: expected char, uchar, short, ushort, int, uint, float or "
-                             "double",
-                             inQuotes(word)));
+            fail(fmt::format(
+                "{} is not a type of PLY: expected char, uchar, short, ushort, int, uint, float or "
+                "double",
+                inQuotes(word)));
         }
         return scalar->second;
     }
@@ -271,9 +272,9 @@ PlyHeader parsePlyHeader(std::string_view start, const std::string& name) {
             return parser.finish(cutter.position());
         }
     }
-    throw SourceError(
-        fmt::format("{}: the header has no end_header line in its first {}: the file is cut, or no PLY file",
-                    name, countOf(std::min(start.size(), longestPlyHeader), "byte", "bytes")));
+    throw SourceError(fmt::format(
+        "{}: the header has no end_header line in its first {}: the file is cut, or not a PLY file", name,
+        countOf(std::min(start.size(), longestPlyHeader), "byte", "bytes")));
 }
 
 } // namespace Tavrin::SplatSource

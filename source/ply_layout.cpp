@@ -149,9 +149,10 @@ private:
             refuseList(property.isList() ? property.name : std::string());
             const std::optional<std::uint64_t> number = restNumber(property.name);
             if (!number) {
-                fail(property.line, fmt::format("property {} is no coefficient: expected f_rest_0, f_rest_1 "
-                                                "and so on",
-                                                inQuotes(property.name)));
+                fail(property.line,
+                     fmt::format("property {} is not a coefficient: expected f_rest_0, f_rest_1 "
+                                 "and so on",
+                                 inQuotes(property.name)));
             }
             ++count;
             largest = std::max(largest, *number);
@@ -170,13 +171,13 @@ private:
             if (coefficients == 3 * ((degree + 1) * (degree + 1) - 1)) {
                 if (degree == 4) {
                     layout_.remarks.emplace_back(
-                        "the coefficients of degree 4 are left off: a dataset holds three degrees");
+                        "coefficients of degree 4 are dropped: a dataset holds degrees 1 to 3");
                 }
                 return static_cast<int>(std::min<std::uint64_t>(degree, 3));
             }
         }
         fail(vertex_->line,
-             fmt::format("{} f_rest properties make no degree: expected 0, 9, 24, 45 or 72", coefficients));
+             fmt::format("{} f_rest properties fit no degree: expected 0, 9, 24, 45 or 72", coefficients));
     }
 
     void fill(const std::vector<std::string>& names) {
@@ -212,8 +213,9 @@ private:
         }
         const std::set<std::string> taken(names.begin(), names.end());
         if (has("filter_3D") && !taken.contains("filter_3D")) {
-            layout_.remarks.emplace_back("the column filter_3D of an anti-aliased training is left out: fuse "
-                                         "it into scale and opacity before the export to keep its effect");
+            layout_.remarks.emplace_back(
+                "the property filter_3D of an anti-aliased training is ignored: fuse "
+                "it into scale and opacity before the export to keep its effect");
         }
     }
 

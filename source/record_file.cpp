@@ -30,7 +30,7 @@ RecordFile::RecordFile(const std::filesystem::path& path, Pause pause)
     }
     opened_ = file_.state(error);
     if (error != 0) {
-        throw SourceError(name() + ": the system tells nothing of the file: " + systemText(error) +
+        throw SourceError(name() + ": the file cannot be inspected: " + systemText(error) +
                           ": check the disk");
     }
 }
@@ -49,8 +49,8 @@ std::uint64_t RecordFile::readUpTo(std::uint64_t offset, void* destination, std:
         const std::uint64_t more =
             file_.readSome(offset + got, static_cast<std::byte*>(destination) + got, length - got, error);
         if (error != 0) {
-            throw SourceChanged(name() + ": the system fails to read at byte " +
-                                std::to_string(offset + got) + ": " + systemText(error) + ": check the disk");
+            throw SourceChanged(name() + ": reading fails at byte " + std::to_string(offset + got) + ": " +
+                                systemText(error) + ": check the disk");
         }
         if (more == 0) {
             break;

@@ -45,14 +45,14 @@ OVERLAPPED placeOf(std::uint64_t offset) {
 ScratchFile::ScratchFile(const std::filesystem::path& place) : folder_(place) {
     wchar_t name[MAX_PATH];
     if (GetTempFileNameW(folder_.c_str(), L"ply", 0, name) == 0) {
-        fail(folder_, "no scratch file can be made", static_cast<int>(GetLastError()));
+        fail(folder_, "a scratch file cannot be created", static_cast<int>(GetLastError()));
     }
     const HANDLE file = CreateFileW(name, GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr, CREATE_ALWAYS,
                                     FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
         const DWORD code = GetLastError();
         DeleteFileW(name);
-        fail(folder_, "no scratch file can be made", static_cast<int>(code));
+        fail(folder_, "a scratch file cannot be created", static_cast<int>(code));
     }
     handle_ = reinterpret_cast<std::intptr_t>(file);
 }
@@ -97,7 +97,7 @@ ScratchFile::ScratchFile(const std::filesystem::path& place) : folder_(place) {
     std::string name = (folder_ / ".plyconvert-scratch-XXXXXX").string();
     const int descriptor = mkstemp(name.data());
     if (descriptor < 0) {
-        fail(folder_, "no scratch file can be made", errno);
+        fail(folder_, "a scratch file cannot be created", errno);
     }
     unlink(name.c_str()); // from now on it is gone with its descriptor
     handle_ = descriptor;

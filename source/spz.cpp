@@ -26,7 +26,7 @@ SpzInput::SpzInput(const std::filesystem::path& path, InputAxes axes,
     : file_(path, std::move(pause)), header_(readSpzHeader(file_)), arrays_(file_, header_, scratchFolder),
       decoder_(header_, settleAxes(axes)) {
     if (header_.degree > 3) {
-        remarks.push_back("coefficients of degree 4 are dropped: a dataset keeps those up to degree 3");
+        remarks.push_back("coefficients of degree 4 are dropped: a dataset holds degrees 1 to 3");
     }
 }
 
@@ -62,7 +62,7 @@ AxisTurn SpzInput::settleAxes(InputAxes axes) {
             "{}: its axes have the code {}, which is not known: state them with --axes", name, code));
     }
     kind += code != 0 ? fmt::format(", axes as it states (code {})", code)
-                      : ", axes right, up, back as usual, for it states none";
+                      : ", axes right, up, back by default, for it states none";
     return turnFromAxes(code != 0 ? code : axesRightUpBack);
 }
 

@@ -189,7 +189,7 @@ SpzContent SpzArrays::finish() const {
     if (isWrapped_) {
         all.remarks.push_back(
             fmt::format("positions reach the ends of their 24 bits ({:g} units from the origin): what lay "
-                        "beyond was folded back when it was written",
+                        "beyond was wrapped around when the file was written",
                         std::ldexp(1.0, 23 - header_.fractionBits)));
     }
     return all;

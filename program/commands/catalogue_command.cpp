@@ -59,7 +59,7 @@ private:
 
 std::string checkDatetime(const std::string& word) {
     return timeFrom(word) ? ""
-                          : fmt::format("{} is no date and time in UTC: write it like 2024-05-01 or "
+                          : fmt::format("{} is not a date and time in UTC: write it like 2024-05-01 or "
                                         "2024-05-01T12:30:00Z",
                                         word);
 }
@@ -150,7 +150,8 @@ std::optional<Overview> overviewOf(const Tile& tile, Remarks& remarks) {
         const Rectangle ground = tile.ground();
         if (picture.minX > ground.maxX || picture.maxX < ground.minX || picture.minY > ground.maxY ||
             picture.maxY < ground.minY) {
-            remark = fmt::format("{}: it lies beside the dataset's splats", textFromPath(overview->file));
+            remark =
+                fmt::format("{}: it does not show the place of the dataset", textFromPath(overview->file));
         }
     }
     if (remark.empty()) {
@@ -164,8 +165,8 @@ CatalogueItem itemOf(Tile tile, std::string id, const CatalogueOptions& options,
                      Remarks& remarks) {
     CatalogueItem item{std::move(tile), std::move(id), {}, {}, {}};
     if (item.tile.unplaced > 0) {
-        remarks.warn(fmt::format("{}: {} at no finite position: its box does not hold them", item.tile.name,
-                                 countText(item.tile.unplaced, "splat is", "splats are")));
+        remarks.warn(fmt::format("{}: {} no finite position: not counted in its box", item.tile.name,
+                                 countText(item.tile.unplaced, "splat has", "splats have")));
     }
     std::string whyNot;
     item.footprint = footprints.of(item.tile, whyNot);
@@ -182,6 +183,7 @@ void nameOverlaps(const std::vector<CatalogueItem>& items, Remarks& remarks) {
     constexpr double leastShare = 0.01;
     constexpr std::size_t mostNamed = 20;
     std::vector<Ground> grounds;
+    grounds.reserve(items.size());
     for (const CatalogueItem& item : items) {
         grounds.push_back(
             {item.tile.meta.epsg, item.tile.ground(), item.footprint ? &*item.footprint : nullptr});
@@ -288,8 +290,8 @@ void addCatalogueCommand(CLI::App& program, Action& chosen) {
                      "when the tiles were captured, in UTC (default: when made)")
         ->type_name("TIME")
         ->check(checkDatetime);
-    command->add_flag("--force", options->force, "replace the file when it is there already");
-    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->add_flag("--force", options->force, "replace an existing file");
+    command->add_flag("--quiet", options->quiet, "print nothing but errors");
     command->callback([options, &chosen] { chosen = [options] { return runCatalogue(*options); }; });
 }
 

@@ -196,7 +196,7 @@ SplatReader::VerifyReport convert(Run& run, const std::shared_ptr<const SplatSou
                  });
     times.begin("verifying");
     partial.beginFlush();
-    const SplatReader::VerifyReport report =
+    SplatReader::VerifyReport report =
         verifyConversion(partial.path(), options.name(), plan.measured, plan.ledger, options.allowLoss,
                          means.threads, run.progress);
     times.begin("flushing");
@@ -284,15 +284,14 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
                   "the scenes, merged in this order, and the\ndataset's folder; an earlier one is replaced");
     command->add_flag("--force", options->force, "replace the folder with everything that it holds");
     command->add_flag("--dry-run", options->dryRun, "check everything, print the plan, convert nothing");
-    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->add_flag("--quiet", options->quiet, "print nothing but errors");
     command->add_flag("--json", options->json, "print the summary or the plan as JSON");
     command->add_flag("--allow-loss", options->allowLoss,
-                      "publish though splats outside the grid are left out");
+                      "publish even if splats outside the grid are left out");
     addLimitOptions(*command, options->limits);
     command->add_flag("--skip-done", options->skipDone,
-                      "do nothing where OUT is sound and was made of IN in this way");
-    command
-        ->add_option("--report", options->report, "write what came of it to FILE as JSON, also of a failure")
+                      "do nothing if OUT is sound and was made of IN this way");
+    command->add_option("--report", options->report, "write the result, or the failure, to FILE as JSON")
         ->type_name("FILE")
         ->check(checkFileName);
     addInputOptions(*command, options->input);

@@ -137,13 +137,12 @@ void addExportCommand(CLI::App& program, Action& chosen) {
     auto options = std::make_shared<ExportOptions>();
     command->add_option("OUT", options->dataset, "the dataset's folder")->required();
     command->add_option("scene.ply", options->scene, "the file to write")->required();
-    command
-        ->add_option("--cell", options->cells, "export this cell alone (see info --cells); may be repeated")
+    command->add_option("--cell", options->cells, "export only this cell (see info --cells); may be repeated")
         ->type_name("KEY")
         ->expected(1)
         ->take_all();
-    command->add_flag("--force", options->force, "replace the file when it is there already");
-    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->add_flag("--force", options->force, "replace an existing file");
+    command->add_flag("--quiet", options->quiet, "print nothing but errors");
     command->callback([options, &chosen] { chosen = [options] { return runExport(*options); }; });
 }
 

@@ -90,11 +90,11 @@ ExitStatus runInfo(const InfoOptions& options) {
 } // namespace
 
 void addInfoCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand("info", "Say what scenes and datasets hold");
+    CLI::App* command = program.add_subcommand("info", "Print what scenes and datasets hold");
     command->footer(helpEnd({"plyconvert info scene.ply town"}));
     auto options = std::make_shared<InfoOptions>();
     command->add_option("PATH", options->paths, "scenes and datasets' folders")->required();
-    command->add_flag("--scan", options->scan, "read every record, not some: for a box, and true extremes");
+    command->add_flag("--scan", options->scan, "read every record, not a sample, for the box and extremes");
     command->add_flag("--json", options->json, "print one JSON object on a line for each path");
     command->add_flag("--cells", options->cells, "list a dataset's cells");
     command->callback([options, &chosen] { chosen = [options] { return runInfo(*options); }; });

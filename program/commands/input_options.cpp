@@ -44,7 +44,7 @@ std::optional<std::int32_t> codeOf(std::string_view word) {
 
 // Checks of option values: the message for a bad value, empty for a good one.
 std::string checkCode(const std::string& word) {
-    return codeOf(word) ? "" : fmt::format("{} is no EPSG code: write a whole number like 25832", word);
+    return codeOf(word) ? "" : fmt::format("{} is not an EPSG code: write a whole number like 25832", word);
 }
 
 std::string checkOffset(const std::string& word) {
@@ -53,7 +53,7 @@ std::string checkOffset(const std::string& word) {
     for (std::size_t i = 0; isHeld && i < 3; ++i) {
         isHeld = std::isfinite(static_cast<float>((*numbers)[i]));
     }
-    return isHeld ? "" : fmt::format("{} is no offset: write X,Y,Z in decimal numbers", word);
+    return isHeld ? "" : fmt::format("{} is not an offset: write X,Y,Z in decimal numbers", word);
 }
 
 std::string checkCrop(const std::string& word) {
@@ -63,19 +63,19 @@ std::string checkCrop(const std::string& word) {
             return fmt::format("{} has a minimum above its maximum", word);
         }
     }
-    return box ? "" : fmt::format("{} is no box: write MINX,MINY,MINZ,MAXX,MAXY,MAXZ", word);
+    return box ? "" : fmt::format("{} is not a box: write MINX,MINY,MINZ,MAXX,MAXY,MAXZ", word);
 }
 
 std::string checkOpacityBound(const std::string& word) {
     const auto number = numbersOf<1>(word);
     return number && (*number)[0] >= 0.0 && (*number)[0] <= 1.0
                ? ""
-               : fmt::format("{} is no opacity: write a number from 0 to 1", word);
+               : fmt::format("{} is not an opacity: write a number from 0 to 1", word);
 }
 
 std::string checkScaleBound(const std::string& word) {
     const auto number = numbersOf<1>(word);
-    return number && (*number)[0] > 0.0 ? "" : fmt::format("{} is no scale: write a number above 0", word);
+    return number && (*number)[0] > 0.0 ? "" : fmt::format("{} is not a scale: write a number above 0", word);
 }
 
 std::string checkWord(const std::string& word) {
@@ -112,11 +112,11 @@ void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict)
         return command.add_option(name, word, text)->type_name(type);
     };
     add("--crop", options.crop, "BOX", "drop splats outside MINX,MINY,MINZ,MAXX,MAXY,MAXZ")->check(checkCrop);
-    add("--min-opacity", options.minOpacity, "A", "drop splats of an opacity below A")
+    add("--min-opacity", options.minOpacity, "A", "drop splats with an opacity below A")
         ->check(checkOpacityBound);
     add("--max-scale", options.maxScale, "S", "drop splats with an axis above S")->check(checkScaleBound);
     if (takesStrict) {
-        command.add_flag("--strict", options.strict, "refuse a file with invalid splats, drop none");
+        command.add_flag("--strict", options.strict, "refuse files with invalid splats (default: drop them)");
     }
     add("--scale", options.scale, "KIND", "scales are \"linear\" or \"log\"")
         ->check(oneOf({"linear", "log"}));
@@ -124,11 +124,12 @@ void addInputOptions(CLI::App& command, InputOptions& options, bool takesStrict)
         ->check(oneOf({"linear", "logit"}));
     add("--axes", options.axes, "AXES", "an SPZ file has the axes \"rub\" or \"rdf\"")
         ->check(oneOf({"rub", "rdf"}));
-    add("--epsg", options.epsg, "CODE", "EPSG code, for what the header says")->check(checkCode);
-    add("--offset", options.offset, "X,Y,Z", "offset of the positions, for what the header says")
+    add("--epsg", options.epsg, "CODE", "EPSG code, in place of the header's")->check(checkCode);
+    add("--offset", options.offset, "X,Y,Z", "offset of the positions, in place of the header's")
         ->check(checkOffset);
-    add("--source", options.source, "WORD", "where the data came from, as above")->check(checkWord);
-    add("--data-type", options.dataType, "WORD", "kind of the data, as above")->check(checkWord);
+    add("--source", options.source, "WORD", "source of the data, in place of the header's")->check(checkWord);
+    add("--data-type", options.dataType, "WORD", "kind of the data, in place of the header's")
+        ->check(checkWord);
 }
 
 std::vector<std::pair<std::string, std::string>> givenWords(const InputOptions& options) {

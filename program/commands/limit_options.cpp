@@ -18,12 +18,12 @@ std::string checkThreads(const std::string& word) {
     const bool isNumber = error == std::errc() && stop == word.data() + word.size();
     return isNumber && threads >= 1 && threads <= mostThreads
                ? std::string()
-               : fmt::format("{} is no number of threads: write one from 1 to {}", word, mostThreads);
+               : fmt::format("{} is not a number of threads: write a number from 1 to {}", word, mostThreads);
 }
 
 std::string checkMemorySize(const std::string& word) {
     return bytesFrom(word) ? std::string()
-                           : fmt::format("{} is no size: write it like 5000000, 512M or 2G", word);
+                           : fmt::format("{} is not a size: write it like 5000000, 512M or 2G", word);
 }
 
 } // namespace
@@ -33,10 +33,10 @@ std::uint64_t LimitOptions::memory() const {
 }
 
 void addLimitOptions(CLI::App& command, LimitOptions& options) {
-    command.add_option("--threads", options.threads, "work on N threads, not on all processors")
+    command.add_option("--threads", options.threads, "use N threads (default: one for each processor)")
         ->type_name("N")
         ->check(checkThreads);
-    command.add_option("--max-memory", options.maxMemory, "allocate at most so much, like 512M or 2G")
+    command.add_option("--max-memory", options.maxMemory, "allocate at most this much, like 512M or 2G")
         ->type_name("SIZE")
         ->check(checkMemorySize);
 }

@@ -137,7 +137,7 @@ void addNormaliseCommand(CLI::App& program, Action& chosen) {
     addInputWords(*command, options->words, "OUT.ply",
                   "the scenes, merged in this order, and the file to write");
     command->add_flag("--force", options->force, "replace an existing file");
-    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->add_flag("--quiet", options->quiet, "print nothing but errors");
     addInputOptions(*command, options->input);
     command->callback([options, &chosen] { chosen = [options] { return runNormalise(*options); }; });
 }

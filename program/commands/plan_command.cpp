@@ -80,16 +80,18 @@ ExitStatus runPlan(const PlanOptions& options) {
 } // namespace
 
 void addPlanCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand("plan", "Say what the conversions of many tiles will take");
+    CLI::App* command =
+        program.add_subcommand("plan", "Estimate memory, disk and time of converting many tiles");
     command->footer(
         helpEnd({"plyconvert plan tiles/*.ply", "plyconvert plan --slurm --threads 8 tiles/*.ply"}));
     auto options = std::make_shared<PlanOptions>();
-    command->add_option("IN", options->tiles, "scenes, each of which is to become a dataset")
+    command->add_option("IN", options->tiles, "the scenes; each one becomes a dataset")
         ->required()
         ->option_text("IN...");
-    command->add_flag("--scan", options->scan, "read every record, not headers alone: for exact figures");
+    command->add_flag("--scan", options->scan, "read every record, not only headers, for exact figures");
     CLI::Option* json = command->add_flag("--json", options->json, "print one JSON object");
-    command->add_flag("--slurm", options->slurm, "print #SBATCH lines of an array job, a tile a task")
+    command
+        ->add_flag("--slurm", options->slurm, "print #SBATCH lines of an array job, one task for each tile")
         ->excludes(json);
     addLimitOptions(*command, options->limits);
     addInputOptions(*command, options->input);
