@@ -104,7 +104,8 @@ for _ in {1..100}; do
 done
 [[ -n $address ]] || fail "view says no address: $(cat "$folder/view.log")"
 grep -qi '<!doctype html>' <<<"$(curl -s --compressed "$address")" || fail "view serves no page at $address"
-pkill -INT -P "$server" 2>/dev/null || kill -INT "$server"
+# Not INT, which view ignores if this script was started with that ignored, as from a script in the background.
+pkill -TERM -P "$server" 2>/dev/null || kill -TERM "$server"
 wait "$server" || true
 server=
 
