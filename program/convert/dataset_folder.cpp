@@ -62,10 +62,8 @@ std::error_code removeDataset(const fs::path& folder) {
                    : std::error_code();
     }
     // The disk space should be free when this returns, but an interrupted program should end quickly.
-    removeFiles(filesOfDataset(folder), [] { return !interrupted(); });
-    error.clear();
-    fs::remove(folder, error);
-    return error;
+    return removeFiles(
+        filesOfDataset(folder), [] { return !interrupted(); }, folder);
 }
 
 } // namespace Tavrin::SplatProgram

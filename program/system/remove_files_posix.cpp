@@ -73,7 +73,8 @@ void awaitEnd(pid_t process, const std::function<bool()>& waits) {
 
 } // namespace
 
-void removeFiles(const std::vector<std::filesystem::path>& files, const std::function<bool()>& waits) {
+std::error_code removeFiles(const std::vector<std::filesystem::path>& files,
+                            const std::function<bool()>& waits, const std::filesystem::path& folder) {
     const std::vector<int> handles = openAll(files);
     int ends[2] = {-1, -1};
     pid_t holder = -1;
@@ -83,6 +84,10 @@ void removeFiles(const std::vector<std::filesystem::path>& files, const std::fun
     for (const std::filesystem::path& file : files) {
         std::error_code ignored;
         std::filesystem::remove(file, ignored);
+    }
+    std::error_code error;
+    if (!folder.empty()) {
+        std::filesystem::remove(folder, error);
     }
     for (const int handle : handles) {
         ::close(handle);
@@ -95,6 +100,7 @@ void removeFiles(const std::vector<std::filesystem::path>& files, const std::fun
     if (holder > 0) {
         awaitEnd(holder, waits);
     }
+    return error;
 }
 
 } // namespace Tavrin::SplatProgram

@@ -4,11 +4,17 @@
 
 namespace Tavrin::SplatProgram {
 
-void removeFiles(const std::vector<std::filesystem::path>& files, const std::function<bool()>&) {
+std::error_code removeFiles(const std::vector<std::filesystem::path>& files, const std::function<bool()>&,
+                            const std::filesystem::path& folder) {
     for (const std::filesystem::path& file : files) {
         std::error_code ignored;
         std::filesystem::remove(file, ignored);
     }
+    std::error_code error;
+    if (!folder.empty()) {
+        std::filesystem::remove(folder, error);
+    }
+    return error;
 }
 
 } // namespace Tavrin::SplatProgram

@@ -46,6 +46,16 @@ TEST_F(RemoveFiles, TheyAreGoneWhenItReturns) {
     }
 }
 
+TEST_F(RemoveFiles, TheFolderGoesWithItsLastFile) {
+    fs::create_directory(scratch / "folder");
+    make({"folder/one", "folder/kept"}, 200'000'000);
+    const auto waits = [] { return false; };
+    EXPECT_EQ(removeFiles({scratch / "folder/one"}, waits, scratch / "folder"),
+              std::errc::directory_not_empty);
+    EXPECT_FALSE(removeFiles({scratch / "folder/kept"}, waits, scratch / "folder"));
+    EXPECT_FALSE(fs::exists(scratch / "folder"));
+}
+
 #ifndef _WIN32
 // The process that frees them has ended by then.
 TEST_F(RemoveFiles, WaitsForTheRoom) {
