@@ -87,17 +87,19 @@ std::optional<SplatPicture::Colour> colourOf(std::string_view word) {
 
 std::string checkPixel(const std::string& word) {
     const std::optional<double> pixel = numberOf(word);
-    return pixel && *pixel > 0.0 ? "" : fmt::format("{} is no pixel's size: write a number above 0", word);
+    return pixel && *pixel > 0.0 ? ""
+                                 : fmt::format("{} is not the size of a pixel: write a number above 0", word);
 }
 
 std::string checkBox(const std::string& word) {
     return boxOf(word)
                ? ""
-               : fmt::format("{} is no box: write MINX,MINY,MAXX,MAXY, each maximum above its minimum", word);
+               : fmt::format("{} is not a box: write MINX,MINY,MAXX,MAXY, each maximum above its minimum",
+                             word);
 }
 
 std::string checkColour(const std::string& word) {
-    return colourOf(word) ? "" : fmt::format("{} is no colour: write RRGGBB, black or white", word);
+    return colourOf(word) ? "" : fmt::format("{} is not a colour: write RRGGBB, black or white", word);
 }
 
 enum class FileKind { geoTiff, png };
@@ -236,8 +238,8 @@ Drawn draw(const PictureOptions& options, FileKind kind, const std::vector<Splat
 void warnOfCode(const PictureOptions& options, FileKind kind, std::int32_t code) {
     if (kind == FileKind::geoTiff && SplatPicture::kindOfCode(code) == SplatPicture::CodeKind::unknown) {
         reportWarning(
-            fmt::format("{}: EPSG {} is no code of map or geographic coordinates that PROJ knows: the "
-                        "file does not name it",
+            fmt::format("{}: PROJ does not know EPSG {} as a code of map or geographic coordinates: the "
+                        "file does not state it",
                         options.file(), code));
     }
 }
@@ -288,17 +290,17 @@ void addPictureCommand(CLI::App& program, Action& chosen) {
         ->type_name("PIXELS")
         ->check(CLI::Range(2, SplatPicture::mostPixels).description(""))
         ->excludes(gsd);
-    command->add_option("--box", options->box, "draw MINX,MINY,MAXX,MAXY alone, in world coordinates")
+    command->add_option("--box", options->box, "draw only MINX,MINY,MAXX,MAXY, in world coordinates")
         ->type_name("BOX")
         ->check(checkBox);
-    command->add_option("--background", options->background, "RRGGBB, black or white; else transparent")
+    command->add_option("--background", options->background, "RRGGBB, black or white (default: transparent)")
         ->type_name("COLOUR")
         ->check(checkColour);
-    command->add_option("--threads", options->threads, "work on N threads")
+    command->add_option("--threads", options->threads, "use N threads")
         ->type_name("N")
         ->check(CLI::Range(1, mostThreads).description(""));
-    command->add_flag("--force", options->force, "replace the file when it is there already");
-    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->add_flag("--force", options->force, "replace an existing file");
+    command->add_flag("--quiet", options->quiet, "print nothing but errors");
     command->callback([options, &chosen] { chosen = [options] { return runPicture(*options); }; });
 }
 

@@ -39,9 +39,10 @@ ExitStatus runSummary(const SummaryOptions& options) {
 } // namespace
 
 void addSummaryCommand(CLI::App& program, Action& chosen) {
-    CLI::App* command = program.add_subcommand("summary", "Say what came of many tiles, by their reports");
+    CLI::App* command =
+        program.add_subcommand("summary", "Sum up the conversions of many tiles from their reports");
     command->footer(std::string("Example:\n  plyconvert summary reports/*.json\n\n"
-                                "It ends with 4 when a tile is not done.\n\n") +
+                                "The exit status is 4 if a tile is not done.\n\n") +
                     exitStatusTable);
     auto options = std::make_shared<SummaryOptions>();
     command->add_option("REPORT", options->reports, "files that convert --report has written")->required();

@@ -234,13 +234,13 @@ void addVerifyCommand(CLI::App& program, Action& chosen) {
     command->footer(helpEnd({"plyconvert verify town", "plyconvert verify town --against scene.ply"}));
     auto options = std::make_shared<VerifyOptions>();
     command->add_option("OUT", options->dataset, "the dataset's folder");
-    command->add_flag("--quick", options->quick, "check the meta document, the sizes and the index alone");
+    command->add_flag("--quick", options->quick, "check only the meta document, the sizes and the index");
     command->add_flag("--full", options->full, "check every record as well (this is the default)");
     command->add_option("--against", options->sources, "compare every splat with the files it was made of")
         ->type_name("IN");
     command->add_flag("--json", options->json, "print the report as JSON");
     command->add_flag("--strict", options->strict, "fail on warnings, too");
-    command->add_flag("--quiet", options->quiet, "say nothing but errors");
+    command->add_flag("--quiet", options->quiet, "print nothing but errors");
     addInputOptions(*command, options->input, false);
     command->callback([options, &chosen] {
         if (options->quick && options->full) {

@@ -98,7 +98,7 @@ void addViewCommand(CLI::App& program, Action& chosen) {
     auto options = std::make_shared<ViewOptions>();
     command->add_option("OUT", options->words, "datasets or catalogues; those of one EPSG code are one map")
         ->required();
-    command->add_option("--epsg", options->epsg, "show the datasets of this code alone, 0 for those without")
+    command->add_option("--epsg", options->epsg, "show only the datasets of this code; 0: those without one")
         ->type_name("N")
         ->check(CLI::Range(0, std::numeric_limits<std::int32_t>::max()).description(""));
     constexpr int largestPort = 65535;

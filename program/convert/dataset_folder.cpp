@@ -26,7 +26,7 @@ FolderListing listFolder(const fs::path& folder) {
         const std::string name = textFromPath(entry.path().filename());
         const bool isOwn = std::ranges::find(datasetFiles, name) != datasetFiles.end();
         if (!isOwn || entry.symlink_status().type() != fs::file_type::regular) {
-            return {FolderContent::other, "it holds " + name + (isOwn ? ", which is no plain file" : "")};
+            return {FolderContent::other, "it holds " + name + (isOwn ? ", which is not a plain file" : "")};
         }
         names.insert(name);
     }

@@ -134,7 +134,7 @@ void checkOutput(OutputPlace& place, const std::string& input, bool force) {
                                             : "lies inside the input's path: choose another folder");
         }
         refuse(place.name,
-               fmt::format("{} is no folder: choose another name", textFromPath(place.foundation)));
+               fmt::format("{} is not a folder: choose another name", textFromPath(place.foundation)));
     }
     if (!place.exists) {
         requireWritable(place, place.foundation);

@@ -51,7 +51,7 @@ void requireFiniteBox(const Plan& plan) {
         if (!std::isfinite(plan.box.min[axis]) || !std::isfinite(plan.box.max[axis])) {
             throw Failure(
                 ExitStatus::inputRefused,
-                fmt::format("{}: a splat stands at infinity on the {} axis: remove it, or state the bounds "
+                fmt::format("{}: a splat lies at infinity on the {} axis: remove it, or state the bounds "
                             "of the scene in comment lines",
                             plan.input, "xyz"[axis]));
         }

@@ -85,16 +85,15 @@ void remarkGrid(const Plan& plan, Warnings& warnings) {
     for (const auto& [axis, count] : counts) {
         if (count > mostColumns) {
             warnings.add(fmt::format(
-                "{}: {} cells on the {} axis, where keys tell {} apart, so cells run into each "
+                "{}: {} cells on the {} axis, but keys tell only {} apart, so cells run into each "
                 "other: remove splats that lie far off, or state bounds in comment lines",
                 plan.input, countText(static_cast<std::uint64_t>(count)), axis, countText(mostColumns)));
         }
     }
     if (plan.largestCell > fullestCell) {
-        warnings.add(
-            fmt::format("{}: one cell holds {} splats, more than the {} whose bytes a 32-bit number counts: "
-                        "check that your viewer opens it, or thin the scene out",
-                        plan.input, countText(plan.largestCell), countText(fullestCell)));
+        warnings.add(fmt::format("{}: one cell holds {} splats, but 32 bits count the bytes of only {}: "
+                                 "check that your viewer opens it, or thin the scene out",
+                                 plan.input, countText(plan.largestCell), countText(fullestCell)));
     }
 }
 

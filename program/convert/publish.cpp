@@ -104,14 +104,14 @@ PartialFolder::PartialFolder(OutputPlace place)
                           ? fmt::format("{}: cannot be created: {}: choose another place",
                                         textFromPath(lockPath), error.message())
                           : fmt::format("{}: another run holds it, perhaps on another machine: wait for its "
-                                        "end, or remove the file when there is none",
+                                        "end, or remove the file if there is none",
                                         textFromPath(lockPath)));
     }
     for (const fs::path& path : {path_, replaced_}) {
         if (fs::exists(fs::symlink_status(path, error))) {
             lock_.reset();
             throw Failure(ExitStatus::outputRefused,
-                          fmt::format("{}: stands in the way: move it elsewhere", textFromPath(path)));
+                          fmt::format("{}: is in the way: move it elsewhere", textFromPath(path)));
         }
     }
 }
@@ -156,7 +156,7 @@ void PartialFolder::create() const {
     if (!fs::create_directory(path_, error)) {
         throw Failure(ExitStatus::outputRefused,
                       fmt::format("{}: cannot be created: {}: choose another place", textFromPath(path_),
-                                  error ? error.message() : "something stands in the way"));
+                                  error ? error.message() : "something is in the way"));
     }
 }
 
@@ -203,7 +203,7 @@ std::optional<std::string> PartialFolder::publish(const std::vector<std::string>
             error = removeDataset(old);
         }
         if (error) {
-            return fmt::format("{}: what stood at {} before could not be removed: {}", textFromPath(old),
+            return fmt::format("{}: the earlier content of {} could not be removed: {}", textFromPath(old),
                                place_.name, error.message());
         }
     }
@@ -259,8 +259,9 @@ void PartialFolder::checkAgain(const std::vector<std::string>& inputs, bool forc
 
 void PartialFolder::replace() {
     const auto fail = [&](const std::error_code& error) {
-        throw Failure(ExitStatus::conversionFailed, fmt::format("{}: cannot be replaced: {}: see who uses it",
-                                                                place_.name, error.message()));
+        throw Failure(
+            ExitStatus::conversionFailed,
+            fmt::format("{}: cannot be replaced: {}: close what uses it", place_.name, error.message()));
     };
     if (!place_.exists) {
         if (const std::error_code error = renameFolder(path_, place_.folder)) {

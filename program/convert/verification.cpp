@@ -43,7 +43,7 @@ void compareWithMeasured(const SplatReader::VerifyReport& report, const std::str
                                 countText(report.splatsLeftOut)));
     }
     if (report.splatsLeftOut != measured.leftOut || report.cells != measured.cells.size()) {
-        fail(input, fmt::format("{} cells with {} splats left out, measured were {} with {}",
+        fail(input, fmt::format("{} cells and {} splats left out, but {} and {} were measured",
                                 countText(report.cells), countText(report.splatsLeftOut),
                                 countText(measured.cells.size()), countText(measured.leftOut)));
     }

@@ -153,7 +153,7 @@ std::string layoutText(const SceneFacts& facts) {
     if (facts.layoutProblem.empty()) {
         return facts.isCanonical
                    ? fmt::format("{} floats a record, as the library reads them", facts.recordBytes / 4)
-                   : "read by the program; the library takes what normalise makes of it";
+                   : "for the program; plyconvert normalise writes it for the library";
     }
     // The line above names the file, so the name is removed here.
     std::string problem = facts.layoutProblem;
@@ -193,8 +193,8 @@ std::string statedText(const SceneFacts& facts) {
         return boxText(box->min, box->max);
     }
     const bool any = facts.stated.numbers.contains("minx") || facts.stated.numbers.contains("maxx");
-    return any ? "stated, but not in a way that the converter uses: it measures"
-               : "none: the converter measures";
+    return any ? "stated, but not usable: the converter measures the box"
+               : "none: the converter measures the box";
 }
 
 std::string cellTable(const DatasetFacts& facts) {

@@ -193,7 +193,7 @@ void placeBody(SceneFacts& facts, std::uint64_t& bodyAt) {
     if (!facts.splats) {
         facts.bodyProblem = "there is no element vertex";
     } else if (!vertexEnd || facts.recordBytes == 0) {
-        facts.bodyProblem = "the vertices have no fixed size or place";
+        facts.bodyProblem = "the vertices have lists or follow an element with lists";
     } else if (*vertexEnd > facts.bytes) {
         facts.bodyProblem =
             fmt::format("the file is cut: {} of {} vertices are in it",

@@ -30,13 +30,13 @@ void requireReadableFile(const std::string& name) {
         refuse("there is no such file: check the path");
     }
     if (error) {
-        refuse(fmt::format("cannot be looked at: {}", error.message()));
+        refuse(fmt::format("cannot be inspected: {}: check the path and its permissions", error.message()));
     }
     if (status.type() == fs::file_type::directory) {
         refuse("is a folder: name the file in it");
     }
     if (status.type() != fs::file_type::regular) {
-        refuse("is a pipe or a device: save it as a file first, it is read several times");
+        refuse("is a pipe or a device: save it as a file first, because it is read several times");
     }
     if (const std::error_code denied = checkReadable(path)) {
         refuse(fmt::format("cannot be read: {}: check its permissions", denied.message()));
@@ -79,10 +79,10 @@ void checkComments(SplatSource::Scene& scene) {
     const bool hasOffset = params.offsetx != 0.0 || params.offsety != 0.0 || params.offsetz != 0.0;
     if (hasOffset && params.epsg == 0) {
         scene.remarks.push_back(fmt::format(
-            "{}: {} without an EPSG code: {}, or nobody can place the scene",
+            "{}: {} without an EPSG code, so nobody can tell where the scene lies: {}",
             scene.inputs().front()->input().name,
             scene.isOffsetChosen ? "the coordinates are those of a reference system" : "an offset is stated",
-            "say --epsg CODE, or add a line \"comment epsg CODE\""));
+            "give --epsg CODE, or add a line \"comment epsg CODE\""));
     }
 }
 

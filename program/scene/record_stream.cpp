@@ -55,7 +55,7 @@ std::uint64_t RecordStream::readAt(std::uint64_t first, std::vector<std::byte>& 
     if (!stream_) {
         throw Failure(
             ExitStatus::inputRefused,
-            fmt::format("{}: the file ends or cannot be read inside the {} bytes from byte {} on: check the "
+            fmt::format("{}: the file ends or cannot be read within the {} bytes from byte {} on: check the "
                         "file and the disk",
                         textFromPath(path_), records.size(), at));
     }

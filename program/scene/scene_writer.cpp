@@ -72,7 +72,7 @@ private:
             line(fmt::format("comment {} {}", key, value));
         } else {
             header_.remarks.push_back(
-                fmt::format("the comment {} is not restored: its value is no word", key));
+                fmt::format("the comment {} is not restored: its value is not one word", key));
         }
     }
 
@@ -80,8 +80,8 @@ private:
         if (isSinglePrecision(value)) {
             line(fmt::format("comment {} {}", key, numberText(value)));
         } else {
-            header_.remarks.push_back(
-                fmt::format("the comment {} is not restored: {} is no single-precision number", key, value));
+            header_.remarks.push_back(fmt::format(
+                "the comment {} is not restored: {} is not a single-precision number", key, value));
         }
     }
 

@@ -15,7 +15,7 @@ Failure failureOf(const std::exception& error) {
     const auto* const refused = dynamic_cast<const std::system_error*>(&error);
     if (refused != nullptr && refused->code() == std::errc::resource_unavailable_try_again) {
         return {ExitStatus::doesNotFit,
-                "the system starts no thread: give this process more memory (ulimit -v) "
+                "the system cannot start a thread: give this process more memory (ulimit -v) "
                 "or more threads (ulimit -u)"};
     }
     return {ExitStatus::conversionFailed, error.what()};

@@ -19,12 +19,12 @@ void checkTargetFile(const std::string& name, bool force) {
     // Renaming would replace a folder, a device or a link by a file, which is never wanted.
     if (fs::exists(status) && !fs::is_regular_file(status)) {
         throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: no plain file stands there: give the name of a file", name));
+                      fmt::format("{}: it exists and is not a plain file: give another name", name));
     }
     if (fs::exists(status) && !force) {
         throw Failure(
             ExitStatus::outputRefused,
-            fmt::format("{}: the file is there already: give another name, or --force to replace it", name));
+            fmt::format("{}: the file exists already: give another name, or --force to replace it", name));
     }
     const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
     if (!identityOf(folder) || !fs::is_directory(folder, ignored)) {

@@ -92,7 +92,8 @@ std::string checkBase(std::string_view base) {
     const bool isPlain = base.find_first_of("?#\" <>") == std::string_view::npos;
     return (isUrl || base.starts_with('/')) && isPlain
                ? ""
-               : fmt::format("{} is no address of a folder: write it like https://example.org/city", base);
+               : fmt::format("{} is not the address of a folder: write it like https://example.org/city",
+                             base);
 }
 
 std::optional<std::string> referenceAt(std::string_view base, std::string_view reference) {

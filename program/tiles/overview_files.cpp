@@ -95,7 +95,7 @@ std::optional<Overview> readTiff(const fs::path& path, std::string& remark) {
     const auto transform = transformOf(file.get());
     const std::unique_ptr<GTIF, FreeKeys> keys(GTIFNew(file.get()));
     if (!transform || !keys) {
-        remark = "it does not say where it lies";
+        remark = "it is not georeferenced";
         return std::nullopt;
     }
     overview.transform = *transform;
@@ -124,7 +124,7 @@ std::optional<Overview> readPng(const fs::path& path, std::string& remark) {
     const std::string text(std::istreambuf_iterator<char>(world), {});
     const auto transform = worldFileTransform(text);
     if (!transform) {
-        remark = "no world file beside it (.pgw) says where it lies";
+        remark = "it has no world file (.pgw) beside it";
         return std::nullopt;
     }
     overview.transform = *transform;

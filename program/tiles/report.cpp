@@ -96,7 +96,7 @@ void requireReport(const std::string& name) {
     start.resize(static_cast<std::size_t>(file.gcount()));
     if (!start.empty() && start != firstBytes) {
         throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: is a file that is no report: give another name", name));
+                      fmt::format("{}: exists and is not a report: give another name", name));
     }
 }
 

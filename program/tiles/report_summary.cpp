@@ -118,7 +118,7 @@ ReportedTile readReport(const std::string& name) {
     const std::filesystem::path path = pathFromText(name);
     std::error_code error;
     if (std::filesystem::status(path, error).type() == std::filesystem::file_type::not_found) {
-        refuse("is not there: its run never began, or wrote its report elsewhere");
+        refuse("does not exist: its run never began, or wrote its report elsewhere");
     }
     std::ifstream file(path, std::ios::binary);
     if (!file) {
@@ -126,10 +126,10 @@ ReportedTile readReport(const std::string& name) {
     }
     const Json json = Json::parse(file, nullptr, false);
     if (!json.is_object() || !json.contains("reportVersion") || !json.contains("status")) {
-        refuse("is no report: name files that convert --report has written");
+        refuse("is not a report: name files that convert --report has written");
     }
     if (json["reportVersion"] != reportVersion) {
-        refuse("is a report of another version of this program: use that one");
+        refuse("was written by another version of plyconvert: read it with that version");
     }
     ReportedTile tile;
     tile.report = name;

@@ -147,7 +147,7 @@ void finish(std::vector<Candidate>& candidates, const std::vector<Part>& parts) 
             tile.max[axis] += tile.meta.offset[axis];
             if (candidate.reason.empty() &&
                 !(std::isfinite(tile.min[axis]) && std::isfinite(tile.max[axis]))) {
-                candidate.reason = "its offset is no finite number";
+                candidate.reason = "its offset is not finite";
             }
         }
     }

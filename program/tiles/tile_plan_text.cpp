@@ -199,7 +199,7 @@ std::string plansSlurm(const std::vector<TilePlan>& tiles, const PlanWish& wish)
         fmt::format("#SBATCH --array=0-{}\n#SBATCH --ntasks=1\n#SBATCH --cpus-per-task={}\n"
                     "#SBATCH --mem={}M\n#SBATCH --time={}\n",
                     tiles.size() - 1, wish.threads, memory, slurmTime(std::max(minutes, leastMinutes)));
-    text += comment(fmt::format("{}: task 0 takes the first that was named to the plan",
+    text += comment(fmt::format("{}: task 0 converts the first scene named to the plan",
                                 countText(tiles.size(), "tile", "tiles")));
     text += comment(fmt::format("mem: {} at most, of {}, and {} for the script",
                                 bytesText(totals.largest->memory), totals.largest->input,

@@ -140,7 +140,7 @@ TEST_F(OverviewTest, ATiffWithoutAPlaceIsNone) {
     tags.scale.clear();
     writeTiff(beside(".tif"), tags);
     EXPECT_FALSE(find());
-    EXPECT_THAT(remark_, HasSubstr("tile.1.tif: it does not say where it lies"));
+    EXPECT_THAT(remark_, HasSubstr("tile.1.tif: it is not georeferenced"));
 }
 
 TEST_F(OverviewTest, AFileThatIsNoTiffIsNone) {
@@ -166,7 +166,7 @@ TEST_F(OverviewTest, APngHasItsPlaceInAWorldFile) {
 TEST_F(OverviewTest, APngWithoutAWorldFileIsNone) {
     writePng(beside(".png"));
     EXPECT_FALSE(find());
-    EXPECT_THAT(remark_, HasSubstr("tile.1.png: no world file"));
+    EXPECT_THAT(remark_, HasSubstr("tile.1.png: it has no world file"));
 }
 
 TEST_F(OverviewTest, AGeoTiffComesBeforeAPng) {

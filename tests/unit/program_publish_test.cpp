@@ -184,7 +184,7 @@ TEST_F(Publish, RefusesToDeleteWhatStandsInItsWay) {
     const fs::path inTheWay = partialPath(out, ownProcessId());
     fs::create_directory(inTheWay);
     expectFailure(
-        ExitStatus::outputRefused, [&] { const PartialFolder partial(placeOf(out)); }, "stands in the way");
+        ExitStatus::outputRefused, [&] { const PartialFolder partial(placeOf(out)); }, "is in the way");
     EXPECT_EQ(names(), (Names{"in.ply", support::textOf(inTheWay.filename())}));
 }
 
