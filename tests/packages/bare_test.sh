@@ -95,6 +95,7 @@ for file in docs/program.md examples/slurm/tile.sbatch examples/slurm/convert_ti
     [[ -f $bare/usr/share/doc/plyconvert/$file ]] || fail "no $file"
     [[ $file != *.sh || -x $bare/usr/share/doc/plyconvert/$file ]] || fail "$file cannot be run"
 done
+: >"$folder/view.log" # the address of an earlier run
 inside plyconvert view /root/out --no-open --port 0 >"$folder/view.log" 2>&1 &
 server=$!
 for _ in {1..100}; do
