@@ -27,12 +27,12 @@ inline constexpr const char* exitStatusTable =
     "  1    usage: the command line is wrong\n"
     "  2    input refused: nothing was touched\n"
     "  3    output refused: nothing was touched\n"
-    "  4    the conversion failed: an earlier dataset stands\n"
-    "  5    splats were left out: an earlier dataset stands\n"
+    "  4    the conversion failed: an earlier dataset is unchanged\n"
+    "  5    splats were left out: an earlier dataset is unchanged\n"
     "  6    verification failed\n"
-    "  7    does not fit the memory or disk here: an earlier dataset stands\n"
+    "  7    too little memory or disk: an earlier dataset is unchanged\n"
     "  8    done, but standard output or the report could not be written\n"
-    "  130  interrupted: an earlier dataset stands, or all of the new one";
+    "  130  interrupted: an earlier dataset is unchanged, or the new one is complete";
 
 // A failure that ends the command: one line that says what, where and what to do, and the exit status.
 class Failure : public std::runtime_error {
