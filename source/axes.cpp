@@ -9,8 +9,8 @@ void flip(float& value, int sign) {
     value = sign < 0 ? 0.0f - value : value; // no negative zero
 }
 
-// The quarter turn (x, y, z) -> (x, z, -y) of spherical harmonics of degrees 1 to 3. Each degree mixes within
-// itself; the factors are those of the real basis.
+// The quarter turn (x, y, z) -> (x, z, -y) of spherical harmonics of degrees 1 to 3. Each coefficient becomes
+// a mixture of those of its degree, with the factors of the real basis.
 void quarterTurn(float* p, int count) {
     const double a = std::sqrt(3.0) / 2.0;
     const double b = std::sqrt(5.0 / 8.0);
@@ -74,7 +74,7 @@ void AxisTurn::rotation(float (&wxyz)[4]) const {
 }
 
 void AxisTurn::coefficients(float* channel, int count) const {
-    // A basis function changes its sign with each axis of which it holds an odd power.
+    // A basis function changes its sign with each axis that it contains to an odd power.
     const int signs[coefficientsPerChannel] = {y,     z,         x,                  // degree 1
                                                x * y, y * z,     1, x * z, 1,        // degree 2
                                                y,     x * y * z, y, z,     x, z, x}; // degree 3

@@ -1,22 +1,22 @@
-// Turns splats from the axes of a file to those of a trained PLY: x right, y down, z front.
+// Turns splats from the axes of a file to those of a trained PLY: x right, y down, z forward.
 #pragma once
 
 #include <cstdint>
 
 namespace Tavrin::SplatSource {
 
-// The axes in which the positions of a file are taken to be stored, for kinds of files that leave them open.
+// The axes of a file's positions, for kinds of files that need not state them.
 enum class InputAxes {
-    stated,         // as the file says, else as is usual for its kind
+    stated,         // as the file states, else the default of its kind
     rightUpBack,    // whatever the file says
-    rightDownFront, // whatever the file says: nothing is turned
+    rightDownFront, // whatever the file says; nothing is turned
 };
 
-// Coefficients of degrees 1 to 3, a channel.
+// Coefficients of degrees 1 to 3 in each channel.
 inline constexpr int coefficientsPerChannel = 15;
 
-// A turn: signs of the axes and, where the third axis points up, a quarter turn about x after them. Both
-// leave lengths unchanged.
+// A turn: first the signs of the axes, then a quarter turn about x if the third axis points up. Both keep
+// lengths.
 struct AxisTurn {
     // Signs of the axes, +1 or -1.
     int x = 1;
@@ -28,7 +28,7 @@ struct AxisTurn {
 
     void position(float (&xyz)[3]) const;
     void rotation(float (&wxyz)[4]) const;
-    // One channel's coefficients, degree after degree; only the first `count` (3, 8 or 15) are there.
+    // One channel's `count` (3, 8 or 15) coefficients, degree after degree.
     void coefficients(float* channel, int count) const;
 };
 

@@ -8,9 +8,8 @@
 
 namespace Tavrin::SplatSource {
 
-// The header up to and including end_header and its line feed. The converter's header reader gets the same
-// parameters from its comments. `statesBounds` says whether bounds are among them. The words of source and
-// dataType have no blanks.
+// The header up to and including end_header and its line feed. From its comments the converter reads the same
+// `params` again, with bounds if `statesBounds`. The words of source and dataType have no blanks.
 std::string canonicalHeader(const GaussionSplat::Params& params, bool statesBounds, std::uint64_t splats,
                             bool hasCoefficients);
 

@@ -9,7 +9,7 @@
 
 namespace Tavrin::SplatSource {
 
-// Where the records of a file are, and what its header says about them.
+// The place of the records in a file, and what its header says about them.
 struct CanonicalPlyFacts {
     std::uint64_t bodyAt = 0; // byte offset of the first record
     std::uint64_t count = 0;  // records
@@ -25,8 +25,8 @@ public:
 
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override;
 
-    // The converter's scan steps by scanStride from the first record on, whatever the size of a record, and
-    // sees zeros behind the end of the file.
+    // The converter's scan steps by scanStride, whatever the size of a record, and reads zeros beyond the end
+    // of the file.
     std::uint64_t boxPositions() const override;
     void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const override;
 

@@ -29,7 +29,7 @@ std::string_view withoutPlus(std::string_view text) {
     return text.starts_with('+') && !text.starts_with("+-") ? text.substr(1) : text;
 }
 
-// The whole text as a number. Nothing when it is no number, does not fit or is not finite.
+// The whole text as a number; nothing if it is not a number, does not fit or is not finite.
 template <typename Number>
 std::optional<Number> wholeNumber(std::string_view text) {
     text = withoutPlus(text);
@@ -42,7 +42,7 @@ std::optional<Number> wholeNumber(std::string_view text) {
     return number;
 }
 
-// True when the converter finds an element count at the start of the word.
+// True if the converter reads an element count from the start of the word.
 bool startsWithCount(std::string_view word) {
     std::int64_t count = 0;
     word = withoutPlus(word);

@@ -1,4 +1,4 @@
-// What the comment lines of a PLY header say about the scene, as the converter reads them.
+// Reads the comment lines of a PLY header as the converter does.
 #pragma once
 
 #include "source/ply_header.h"
@@ -29,25 +29,25 @@ struct HeaderRemark {
 // A number of a comment line.
 struct StatedNumber {
     double written = 0.0;
-    double kept = 0.0; // what the dataset keeps: single precision
+    double kept = 0.0; // in single precision, as the dataset keeps it
     std::size_t line = 0;
 };
 
-// What the comment lines of a header say about the scene, as the converter reads them. Lines count that have
-// three words, the second of them a known key. A later line overrides an earlier one.
+// What the comment lines of a header say about the scene. A line counts if it has three words and the second
+// is a known key. A later line overrides an earlier one.
 struct SceneComments {
     std::map<std::string, StatedNumber, std::less<>> numbers; // minx ... scalez
     std::int32_t epsg = 0;
     std::string source = "None";
     std::string dataType;              // empty without such a comment
-    std::vector<HeaderRemark> errors;  // what the converter would stumble over or take for something else
-    std::vector<HeaderRemark> remarks; // lines it ignores though they start like one it knows
+    std::vector<HeaderRemark> errors;  // lines that the converter fails on, or reads as something else
+    std::vector<HeaderRemark> remarks; // lines that it ignores although they start with a known key
 
     // The value that the dataset keeps.
     double kept(std::string_view key, double otherwise) const;
 
-    // The box that the stated bounds give, or nothing when the converter measures the box instead. It uses
-    // stated bounds when |minx| > 0.001 and |maxx| > 0.1. Bounds that are not stated are 0 and 1.
+    // The stated box; nothing if the converter measures the box instead. It uses stated bounds if
+    // |minx| > 0.001 and |maxx| > 0.1. A missing minimum is 0, a missing maximum 1.
     std::optional<Box> bounds() const;
 
     // A comment minx or maxx was seen.

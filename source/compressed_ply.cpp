@@ -73,7 +73,8 @@ std::array<double, 3> shares(std::uint32_t word) {
     return {(word >> 21) / 2047.0, (word >> 11 & 0x3ff) / 1023.0, (word & 0x7ff) / 2047.0};
 }
 
-// Which component is left out (0 w, 1 x, 2 y, 3 z); the others follow in order with 10 bits each.
+// The two highest bits name the component that is left out (0 w, 1 x, 2 y, 3 z). The others follow in order
+// with 10 bits each.
 void readRotation(std::uint32_t word, float* wxyz) {
     const std::uint32_t left = word >> 30;
     double squares = 0.0;

@@ -11,8 +11,8 @@
 
 namespace Tavrin::SplatSource {
 
-// A compressed PLY file: elements chunk, vertex and, above degree 0, sh. Records are read from the file as
-// they are needed.
+// A compressed PLY file: elements chunk, vertex and, above degree 0, sh. Records are read when they are asked
+// for.
 struct CompressedPlyInput final : Input {
     // Throws SourceError when elements, properties, counts or the file's size are not those of the format.
     CompressedPlyInput(const std::filesystem::path& path, const PlyHeader& header);

@@ -34,7 +34,7 @@ bool areFinite(const float* values, std::size_t count) {
     return std::all_of(values, values + count, [](float value) { return std::isfinite(value); });
 }
 
-// Not 0 in the sign bit when one of the values is not finite: an exponent of all ones carries into it.
+// The sign bit is set if one of the values is not finite: an exponent of all ones carries into it.
 template <std::size_t count>
 std::uint32_t carriesOf(const float* values) {
     std::uint32_t carries = 0;
@@ -44,8 +44,7 @@ std::uint32_t carriesOf(const float* values) {
     return carries;
 }
 
-// True when no record can be invalid: every value is finite, opacities are at least numbers, and no rotation
-// is zero.
+// True if certainly no record is invalid: every value is finite, no opacity is NaN, and no rotation is zero.
 template <const GaussionSplat::RecordLayout& layout>
 bool areSoundRecords(std::uint64_t size, const float* records) {
     std::uint32_t carries = 0;
@@ -53,7 +52,7 @@ bool areSoundRecords(std::uint64_t size, const float* records) {
     for (std::uint64_t i = 0; i < size; ++i) {
         const float* const record = records + i * layout.floats;
         carries |= carriesOf<layout.opacity>(record);
-        // Full opacity is infinite as a logit. Only what lies above infinity carries here.
+        // Full opacity is infinite as a logit, so only NaN, whose bits lie above infinity, carries here.
         carries |= (bitsOf(record + layout.opacity) & 0x7FFFFFFFu) + 0x007FFFFFu;
         carries |= carriesOf<layout.floats - layout.scale>(record + layout.scale);
         const float* const rotation = record + layout.rotation;
@@ -163,7 +162,7 @@ void KeptSplats::lookAtUnits(std::uint64_t size, const float* records) const {
         }
         for (std::size_t axis = 0; axis < 3; ++axis) {
             const float scale = record[layout_.scale + axis];
-            // The constant of flat splats is no value of the file.
+            // The constant for flat splats is not a value of the file.
             if (scale < 0.0f && scale != flatScale) {
                 hasNegativeScale_.store(true, relaxed);
             } else if (scale > 0.0f) {
@@ -267,7 +266,7 @@ void KeptSplats::count(std::uint64_t first, std::uint64_t size, const std::vecto
     }
     const std::lock_guard<std::mutex> guard(lock_);
     Part whole = {first, first + size};
-    // The parts that touch the range are merged with it.
+    // Parts that touch the range are merged with it.
     auto begin = std::ranges::lower_bound(counted_, first, {}, &Part::end);
     auto end = begin;
     std::uint64_t at = first;

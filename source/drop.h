@@ -18,7 +18,7 @@ enum class DropReason { invalid, crop, opacity, scale };
 inline constexpr std::size_t dropReasons = 4;
 const char* nameOf(DropReason reason); // "invalid", "crop", "opacity", "scale"
 
-// What a user asks to drop. Invalid splats are always dropped.
+// What the user asks to drop. Invalid splats are always dropped.
 struct DropRules {
     std::optional<Box> crop{};          // in the file's coordinates; its faces are inside
     std::optional<double> minOpacity{}; // 0 to 1, of the opacity itself
@@ -27,7 +27,7 @@ struct DropRules {
     bool areNone() const { return !crop && !minOpacity && !maxScale; }
 };
 
-enum class ScaleValues { told, linear, logarithms }; // told: by the values
+enum class ScaleValues { told, linear, logarithms }; // told: the values tell
 enum class OpacityValues { told, linear, logits };
 
 // read = kept + all that was dropped.
@@ -54,15 +54,15 @@ public:
 
     const Input& input() const { return *input_; }
 
-    // The kept records of [first, first + size), in the input's form. As Input::readWide, but returns how
-    // many there are.
+    // Reads the kept records of [first, first + size) in the input's form, as Input::readWide does, and
+    // returns their number.
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records, double* positions) const;
 
     // Counts the records read so far, each once however often it was read.
     Ledger ledger() const;
 
-    // Call when every record has been read. Throws SourceError when no scale is negative or no opacity is
-    // outside 0 to 1, and the caller has not said what they are. Such a file holds linear values.
+    // Call when every record has been read. Throws SourceError if the values look linear, that is if no scale
+    // is negative or no opacity lies outside 0 to 1, and the caller has not said what they are.
     void requireUnits() const;
 
 private:
@@ -93,7 +93,8 @@ private:
     double leastLogit_ = 0.0;
     double mostScale_ = 0.0; // logarithm
 
-    // What the values tell of their units: a scale that no linear file has, and so on.
+    // What the values tell about their units: linear files have no negative scale and no opacity outside 0
+    // to 1.
     mutable std::atomic<bool> hasNegativeScale_ = false;
     mutable std::atomic<bool> hasScale_ = false; // one that is not 0
     mutable std::atomic<bool> hasFarOpacity_ = false;

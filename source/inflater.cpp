@@ -155,8 +155,8 @@ ZstdReader::ZstdReader(const RecordFile& file, std::uint64_t at, std::uint64_t p
     if (state_->stream == nullptr) {
         throw std::bad_alloc();
     }
-    // A frame states how far back it refers into its own output. More than 32 MiB is refused, so memory stays
-    // bounded whatever a file states.
+    // A frame states how far back it refers into its own output. More than 32 MiB is refused, so that no file
+    // decides the memory.
     ZSTD_DCtx_setParameter(state_->stream, ZSTD_d_windowLogMax, 25);
 }
 
@@ -178,7 +178,7 @@ std::uint64_t ZstdReader::read(std::uint8_t* bytes, std::uint64_t size) {
                    std::string("its zstd data is wrong (") + ZSTD_getErrorName(state_->hint) + ")");
         }
     }
-    // Output that the stream still holds after its input is used up.
+    // The stream may still hold output after its input is used up.
     while (out.pos < out.size && state_->hint != 0) {
         ZSTD_inBuffer none{};
         const std::size_t before = out.pos;

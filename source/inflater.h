@@ -26,8 +26,8 @@ public:
     GzipReader(const GzipReader&) = delete;
     GzipReader& operator=(const GzipReader&) = delete;
 
-    // Writes at most size unpacked bytes. There are fewer only at the end of the member. Its checksum and
-    // length have then been checked, unless that is left to the caller.
+    // Writes at most `size` unpacked bytes and returns their number. There are fewer only at the end of the
+    // member, whose checksum and length have then been checked, unless that is left to the caller.
     std::uint64_t read(std::uint8_t* bytes, std::uint64_t size);
 
     // From now on the caller computes the checksum. To be called between two reads.
@@ -55,7 +55,7 @@ public:
     ZstdReader(const ZstdReader&) = delete;
     ZstdReader& operator=(const ZstdReader&) = delete;
 
-    // Writes at most size unpacked bytes; fewer only at the end.
+    // Writes at most `size` unpacked bytes and returns their number; fewer only at the end.
     std::uint64_t read(std::uint8_t* bytes, std::uint64_t size);
     // Throws SourceError when there is more to unpack or a frame is not whole.
     void requireEnd();

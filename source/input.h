@@ -1,4 +1,4 @@
-// One input of a scene, as its file holds it: before splats are dropped, moved or merged.
+// One input of a scene as its file holds it, before splats are dropped, moved or merged.
 #pragma once
 
 #include "source/comments.h"
@@ -17,24 +17,24 @@ struct Input : Source {
     std::string kind;                 // "PLY, binary_little_endian", ...
     int degree = 0;                   // of the spherical harmonics that records hold, 0 to 3
     SceneComments stated;             // numbers as written; empty for kinds of files that state none
-    std::vector<std::string> remarks; // what a user should know, a line each, without the file's name
-    // Coordinates may need more than single precision: readWide gives them in full.
+    std::vector<std::string> remarks; // for the user, a line each, without the file's name
+    // Coordinates may need more than single precision. readWide gives them in full.
     bool isWide = false;
-    // The file does not say whether scales are logarithms and opacities logits; its values have to tell.
+    // The file does not say whether scales are logarithms and opacities logits, so its values have to tell.
     bool hasOpenUnits = false;
     // Records and header are the converter's own form, byte for byte.
     bool isCanonical = false;
-    std::uint64_t scratchBytes = 0; // of the disk, for what has to be unpacked before records can be read
+    std::uint64_t scratchBytes = 0; // of disk space, to unpack the file before records can be read
 
-    // The same as read, and x y z of each record in double to `positions` unless that is null.
+    // As read. Also writes x y z of each record in double to `positions`, unless that is null.
     virtual void readWide(std::uint64_t first, std::uint64_t size, float* records,
                           double* positions) const = 0;
 
     // x y z of each record alone, in double, as the file states them.
     virtual void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const;
 
-    // What a user should know beside `remarks` and only reading tells. Reads what nobody has read so far.
-    // Throws as readWide does.
+    // More remarks, which only reading the whole file tells. Reads what has not been read so far. Throws as
+    // readWide does.
     virtual std::vector<std::string> laterRemarks() const { return {}; }
 
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override {

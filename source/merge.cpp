@@ -53,7 +53,8 @@ double halfStep(double smallest, double largest) {
     return (double{std::nextafter(at, INFINITY)} - double{at}) / 2;
 }
 
-// What single precision does not hold at all is dropped as invalid and counts as little as what is cropped.
+// Widens the box by positions. Leaves out cropped ones, and those beyond single precision, which are dropped
+// as invalid.
 void widenBox(Box& box, const double* positions, std::uint64_t count, const std::optional<Box>& crop) {
     for (std::uint64_t i = 0; i < count; ++i) {
         const double* const at = positions + 3 * i;
@@ -70,7 +71,8 @@ bool reachesTooFar(double low, double high) {
     return low <= high && std::max(std::abs(low), std::abs(high)) >= largestExactCoordinate;
 }
 
-// The ends of the largest middle share of the values that half a millimetre allows, the median at the least.
+// The ends of the middle part of the values that is kept to half a millimetre: as large as possible, at least
+// the median.
 std::pair<double, double> middleOf(std::vector<double>& values) {
     std::pair<double, double> ends;
     for (const double left : {0.01, 0.05, 0.25, 0.5}) {
@@ -193,8 +195,8 @@ Point Scene::statedOffset(std::size_t input, const SceneOptions& options) const 
 
 void Scene::settleOffset(const SceneOptions& options) {
     const Point base = statedOffset(0, options);
-    Point offset = {params.offsetx, params.offsety, params.offsetz}; // the stated one in single precision
-    std::array<bool, 3> isHeld = {}; // what is too small to matter moves nothing
+    Point offset = {params.offsetx, params.offsety, params.offsetz}; // the stated one, in single precision
+    std::array<bool, 3> isHeld = {}; // differences too small to matter move nothing
     for (std::size_t axis = 0; axis < 3; ++axis) {
         if (options.offset) {
             offset[axis] = double{static_cast<float>(base[axis])};
@@ -221,7 +223,7 @@ void Scene::settleOffset(const SceneOptions& options) {
     moveBounds();
 }
 
-// Where the positions of an axis are too far apart for half a millimetre at both ends, its offset goes by the
+// If the positions of an axis are too far apart to keep both ends to half a millimetre, the offset suits the
 // bulk.
 void Scene::chooseOffset(unsigned threads, Point& offset) {
     const Box all = measureBox(threads);
@@ -344,7 +346,7 @@ std::uint64_t Scene::read(std::uint64_t first, std::uint64_t size, float* record
     return kept;
 }
 
-// Brings an input's records to the form and the place of the scene.
+// Gives an input's records the form of the scene, and moves them to its offset.
 void Scene::finish(const KeptSplats& input, const Point& move, std::uint64_t kept, float* records,
                    const double* positions) const {
     const std::size_t floats = GaussionSplat::recordLayout(input.input().hasCoefficients).floats;

@@ -14,7 +14,7 @@
 
 namespace Tavrin::SplatSource {
 
-// What a user chooses about the inputs.
+// What the user chooses about the inputs.
 struct SceneOptions {
     OpenOptions open{};
     DropRules rules{};
@@ -36,22 +36,22 @@ inline constexpr double largestExactCoordinate = 16384.0;
 // precision to the offset of the dataset. The scene has the highest degree of all inputs; missing
 // coefficients are 0. params holds what the dataset states.
 //
-// An offset is chosen where no header states one and coordinates in double are too large for single
-// precision. It consists of whole numbers that single precision holds. It keeps every position to half a
-// millimetre, or where they lie too far apart for that the bulk of them. A stated offset that single
-// precision does not hold is cut to whole numbers; the rest moves into the positions.
+// If no header states an offset and coordinates in double are too large for single precision, one is chosen.
+// It consists of whole numbers that single precision holds, and keeps every position to half a millimetre. If
+// positions lie too far apart for that, it does so for their bulk. A stated offset that single precision does
+// not hold is cut to whole numbers; the rest moves into the positions.
 class Scene final : public Source {
 public:
-    // Takes at least one input. Throws SourceError when they cannot be one scene. Reads the
-    // positions on options.open.threads threads where an offset may have to be chosen.
+    // `inputs` has at least one. If an offset may have to be chosen, reads all positions, on
+    // options.open.threads threads. Throws SourceError when the inputs cannot be one scene.
     Scene(std::vector<std::unique_ptr<Input>> inputs, const SceneOptions& options);
 
     std::uint64_t read(std::uint64_t first, std::uint64_t size, float* records) const override;
     std::uint64_t boxPositions() const override;
     void readBoxPositions(std::uint64_t first, std::uint64_t size, float* positions) const override;
-    // A scene without coefficients states the box of its records where no header states one. The box is
-    // widened by the least that makes the converter accept it. The converter's own scan would step by the
-    // wrong record size there.
+    // A scene without coefficients and without a stated box states the box of its records, because the
+    // converter's own scan would step by the wrong record size. The box is widened by the least that makes
+    // the converter accept it.
     void stateBox(const float (&min)[3], const float (&max)[3], GaussionSplat::Params& params) const override;
     void requireUnchanged() const override;
 
@@ -63,28 +63,28 @@ public:
     // Counts the records read so far.
     Ledger ledger() const;
 
-    // Call when every record has been read. Throws SourceError when the values are linear and nobody has said
-    // so, or when splats are invalid and the options are strict.
+    // Call when every record has been read. Throws SourceError when values look linear and the options do not
+    // say what they are, or when splats are invalid and the options are strict.
     void requireAccepted() const;
 
-    // Largest distance, per axis, between a position of an input and position + offset of the dataset, for
-    // positions of the scene in a box. 0 where positions are kept bit for bit.
+    // The largest distance on an axis between a position of an input and position + offset of the dataset,
+    // for positions in `box`, which is in the scene's coordinates. 0 if positions are kept bit for bit.
     double errorWithin(const Box& box) const;
 
-    // The box of the scene's positions but for the cropped ones, before other splats are dropped. Reads them
-    // all.
+    // The box of the scene's positions without the cropped ones, before other splats are dropped. Reads all
+    // positions.
     Box measureBox(unsigned threads) const;
 
     // No position is moved, and single precision holds them all.
     bool isExact = true;
-    // Where the bulk of the positions lies, by a sample. Set where they are too far apart for one offset; it
-    // goes by the bulk then.
+    // The box of the bulk of the positions, by a sample. Set if positions are too far apart for one offset,
+    // which then suits the bulk.
     std::optional<Box> bulk;
     bool isOffsetChosen = false;      // no header states the offset
     bool isOffsetCut = false;         // the stated one had to be cut to whole numbers
     std::vector<std::string> remarks; // of all inputs, each with the file's name
 
-    // What reading alone tells, in the same way. Call when every record has been read. Throws as read does.
+    // The inputs' later remarks, in the same form. Call when every record has been read. Throws as read does.
     std::vector<std::string> laterRemarks() const;
 
 private:

@@ -21,7 +21,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// How files without usable splats start, and what they are.
+// The first bytes of files without usable splats, and what such files are.
 struct Lookalike {
     std::string_view start;
     const char* what;
@@ -70,7 +70,7 @@ constexpr const char* whatIsRead = "plyconvert reads PLY of any layout, compress
         fmt::format("{}: not a splat file{} ({})", name, isText ? " but some text" : "", whatIsRead));
 }
 
-// An input of which the header alone is known.
+// An input of which only the header is known.
 class HeaderInput final : public Input {
 public:
     explicit HeaderInput(const std::filesystem::path& path) : file_(path) {
@@ -95,7 +95,7 @@ private:
 
 enum class Kind { ply, compressedPly, spz };
 
-// By the first bytes. Throws SourceError.
+// The kind by the first bytes. Throws SourceError.
 Kind kindOf(const std::filesystem::path& path, std::optional<PlyHeader>& header) {
     const RecordFile file(path);
     const std::string start = readStart(file);
@@ -127,7 +127,7 @@ std::unique_ptr<Input> openSource(const std::filesystem::path& path, const OpenO
 std::unique_ptr<Input> openHeader(const std::filesystem::path& path) {
     std::optional<PlyHeader> header;
     if (kindOf(path, header) == Kind::compressedPly) {
-        return std::make_unique<CompressedPlyInput>(path, *header); // its ranges are read with the records
+        return std::make_unique<CompressedPlyInput>(path, *header); // it reads its ranges with the records
     }
     return std::make_unique<HeaderInput>(path);
 }

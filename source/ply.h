@@ -15,8 +15,8 @@ namespace Tavrin::SplatSource {
 
 class PlyInput final : public Input {
 public:
-    // Reads the header and finds the vertices (see openPlyBody, which takes the threads). Throws SourceError
-    // and what `pause` throws.
+    // Reads the header and finds the vertices (openPlyBody, which uses the threads). Throws SourceError and
+    // what `pause` throws.
     PlyInput(const std::filesystem::path& path, unsigned threads, Pause pause = {});
 
     void readWide(std::uint64_t first, std::uint64_t size, float* records, double* positions) const override;
@@ -41,8 +41,8 @@ private:
 // The first bytes of a file, as many as a header may take. Throws SourceChanged.
 std::string readStart(const RecordFile& file);
 
-// Sets what the header alone says of an input; `input.name` is set. Throws SourceError for comments that the
-// converter would stumble over.
+// Sets what the header says about an input; `input.name` is set already. Throws SourceError for comments that
+// the converter fails on.
 void describePly(const PlyHeader& header, const SplatLayout& layout, Input& input);
 
 } // namespace Tavrin::SplatSource

@@ -15,19 +15,19 @@
 namespace Tavrin::SplatSource {
 namespace {
 
-constexpr std::uint64_t blockBytes = 1 << 16; // the index has a number a block
+constexpr std::uint64_t blockBytes = 1 << 16; // the index has one number for each block
 constexpr std::size_t pieceBytes = 1 << 18;
-constexpr std::size_t longestWord = 4096; // no number is longer
+constexpr std::size_t longestWord = 4096; // longer than any number
 
 bool isBlank(char c) {
     return c == ' ' || static_cast<unsigned char>(c - '\t') < 5; // tab, line feed, VT, FF, carriage return
 }
 
-// Words that start in [text, text + size); text[-1] is there.
+// The number of words that start in [text, text + size). text[-1] is readable.
 std::uint64_t countWords(const char* text, std::size_t size) {
     std::uint64_t words = 0;
     while (size > 0) {
-        const std::size_t part = std::min<std::size_t>(size, 255); // what a byte counts
+        const std::size_t part = std::min<std::size_t>(size, 255); // one byte can count no more
         const char* const last = text - 1;
         std::uint8_t starts = 0;
         for (std::size_t i = 0; i < part; ++i) {
@@ -86,7 +86,7 @@ public:
         return true;
     }
 
-    // Byte of the file behind the last word.
+    // The offset in the file of the byte after the last word.
     std::uint64_t position() const { return next_ - (end_ - at_); }
 
 private:
@@ -102,8 +102,8 @@ private:
     }
 
     const RecordFile& file_;
-    std::uint64_t next_; // byte of the file behind the piece
-    char* piece_;        // this thread's: one reader a thread at a time
+    std::uint64_t next_; // offset in the file, of the byte after the piece
+    char* piece_;        // of this thread, which has one reader at a time
     std::size_t at_ = 0; // of the piece
     std::size_t end_ = 0;
 };
@@ -123,8 +123,7 @@ public:
 
     std::uint64_t words() const { return before_.back(); }
 
-    // A byte such that the word of this number is the first to start at or behind it. `word` is below
-    // words().
+    // An offset such that word number `word` is the first to start at or after it. `word` is below words().
     std::uint64_t placeOf(std::uint64_t word) const {
         const auto block = std::ranges::upper_bound(before_, word) - before_.begin() - 1;
         std::uint64_t left = word - before_[static_cast<std::size_t>(block)];
@@ -148,7 +147,7 @@ public:
     }
 
 private:
-    // Up to 4,096 bytes from `at` on, preceded by the byte before them; that byte is a blank before the body.
+    // Reads up to 4,096 bytes from `at` on, and the byte before them; before the body that byte is a blank.
     template <typename Piece>
     std::size_t load(std::uint64_t at, Piece& piece) const {
         const auto size =
@@ -160,7 +159,7 @@ private:
         return size;
     }
 
-    // Writes the word counts of blocks [first, last) to the entries behind theirs.
+    // Writes the word count of each block in [first, last) to the next block's entry.
     void countBlocks(std::uint64_t first, std::uint64_t last) {
         std::vector<char> piece(blockBytes + 1);
         for (std::uint64_t block = first; block < last; ++block) {
@@ -187,7 +186,7 @@ public:
     AsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads)
         : file_(file), vertex_(*header.find("vertex")) {
         requireRoom(file, header);
-        std::uint64_t at = header.length; // before the vertices, as far as that is known
+        std::uint64_t at = header.length; // as close before the vertices as is known
         if (hasListsUpToVertices(header)) {
             at = walkTo(header);
         }
@@ -246,7 +245,7 @@ private:
         return false;
     }
 
-    // Byte behind the elements before the vertices.
+    // The offset after the elements before the vertices.
     std::uint64_t walkTo(const PlyHeader& header) const {
         WordReader reader(file_, header.length);
         for (const PlyElement& element : header.elements) {
@@ -270,7 +269,7 @@ private:
         }
     }
 
-    // Finds where the vertices start among the words behind `at`, and checks that all of them exist.
+    // Finds where the vertices start among the words after `at`, and checks that all of them exist.
     void requireWords(const PlyHeader& header, std::uint64_t at) {
         for (const PlyElement& element : header.elements) {
             if (&element == &vertex_) {
@@ -297,7 +296,8 @@ private:
         return *word;
     }
 
-    // Skips one record. Its scalars go to `scalars` unless that is null. Returns the byte behind the record.
+    // Skips one record. Writes its scalars to `scalars` unless that is null. Returns the end of what it
+    // wrote.
     std::byte* step(WordReader& reader, const PlyElement& element, std::uint64_t record,
                     std::byte* scalars) const {
         for (const PlyProperty& property : element.properties) {
@@ -338,7 +338,7 @@ private:
     bool hasLists_ = false; // among the vertex properties
     std::optional<WordIndex> words_;
     std::uint64_t firstWord_ = 0;       // of the vertices
-    std::vector<std::uint64_t> places_; // with lists: byte of every indexStep-th vertex
+    std::vector<std::uint64_t> places_; // with lists: offset of every indexStep-th vertex
 };
 
 } // namespace

@@ -18,7 +18,7 @@ public:
 
     std::uint64_t position() const { return next_ - (end_ - at_); }
 
-    // The next `size` bytes, at most 8, valid until the next call; null behind the end of the file.
+    // The next `size` bytes, at most 8, valid until the next call; null beyond the end of the file.
     const std::byte* take(std::size_t size) {
         if (end_ - at_ < size && !refill(size)) {
             return nullptr;
@@ -59,7 +59,7 @@ private:
     }
 
     const RecordFile& file_;
-    std::uint64_t next_; // byte of the file behind the piece
+    std::uint64_t next_; // offset in the file, of the byte after the piece
     std::vector<std::byte> piece_;
     std::size_t at_ = 0; // of the piece
     std::size_t end_ = 0;
@@ -78,7 +78,7 @@ std::optional<std::uint64_t> listCount(const std::byte* bytes, Scalar type, bool
     return isNegative ? std::nullopt : std::optional(count);
 }
 
-// The least bytes of an element's records: the scalars and the counts of its lists.
+// The least bytes that an element's records can take: the scalars and the counts of its lists.
 std::uint64_t leastBytes(const PlyElement& element) {
     std::uint64_t bytes = 0;
     for (const PlyProperty& property : element.properties) {
@@ -94,7 +94,7 @@ public:
 
     std::uint64_t position() const { return walker_.position(); }
 
-    // Skips one record. Its scalars go to `scalars` unless that is null.
+    // Skips one record. Writes its scalars to `scalars` unless that is null.
     void step(const PlyElement& element, std::uint64_t record, std::byte* scalars) {
         for (const PlyProperty& property : element.properties) {
             const std::uint64_t at = position();
@@ -127,7 +127,7 @@ public:
     // Skips a whole element.
     void skip(const PlyElement& element) {
         if (element.properties.empty()) {
-            return; // no bytes, whatever its count
+            return; // takes no bytes, whatever its count
         }
         if (const std::optional<std::uint64_t> bytes = element.recordBytes()) {
             if (!walker_.skip(productOf(*bytes, element.count))) {
@@ -152,7 +152,7 @@ private:
     ByteWalker walker_;
 };
 
-// Vertices of one size.
+// Vertices that all have one size.
 class FixedBody : public PlyBody {
 public:
     FixedBody(const RecordFile& file, std::uint64_t at, std::uint64_t recordBytes)
@@ -169,7 +169,7 @@ private:
     std::uint64_t recordBytes_;
 };
 
-// Vertices with lists: every indexStep-th is remembered.
+// Vertices with lists. The offset of every indexStep-th is remembered.
 class WalkedBody : public PlyBody {
 public:
     WalkedBody(const RecordFile& file, const PlyHeader& header, BinaryWalk& walk)
@@ -205,10 +205,10 @@ private:
     const PlyHeader& header_;
     const PlyElement& vertex_;
     std::size_t fixedBytes_ = 0;
-    std::vector<std::uint64_t> index_; // byte of every indexStep-th vertex
+    std::vector<std::uint64_t> index_; // offset of every indexStep-th vertex
 };
 
-// Before the counts decide a walk or an allocation.
+// Refuses counts that the file cannot hold, before they decide a walk or an allocation.
 void requireBytes(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
     std::uint64_t need = 0;
     for (const PlyElement& element : header.elements) {
@@ -233,7 +233,7 @@ void requireBytes(const RecordFile& file, const PlyHeader& header, const PlyElem
     }
 }
 
-// Every value of a text takes a digit and a blank, except the last.
+// The same for a text file: every value but the last takes at least a digit and a blank.
 void requireText(const RecordFile& file, const PlyHeader& header, const PlyElement& vertex) {
     std::uint64_t words = 0;
     for (const PlyElement& element : header.elements) {
@@ -251,7 +251,7 @@ void requireText(const RecordFile& file, const PlyHeader& header, const PlyEleme
     }
 }
 
-// Bytes behind the vertices harm no splat.
+// Surplus or missing bytes after the vertices harm no splat, so they only cause a remark.
 void remarkTail(const RecordFile& file, const PlyHeader& header, BinaryWalk walk, PlyBody& body) {
     bool isBehind = false;
     try {

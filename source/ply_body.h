@@ -19,33 +19,33 @@ struct PlyBody {
     PlyBody& operator=(const PlyBody&) = delete;
     virtual ~PlyBody() = default;
 
-    // Reads the scalar properties of the vertices [first, first + size), in their order and without gaps;
-    // list properties are left out. Numbers have the file's byte order, those of a text file the machine's.
-    // Safe from several threads at once. Throws SourceError or SourceChanged.
+    // Reads the scalar properties of the vertices [first, first + size), in their order and without gaps,
+    // without lists. Numbers keep the byte order of the file; from a text file they have the machine's.
+    // Thread-safe. Throws SourceError or SourceChanged.
     virtual void read(std::uint64_t first, std::uint64_t size, std::byte* vertices) const = 0;
 
-    // Byte of the first vertex where all have one size, else 0.
+    // The offset of the first vertex if all have one size, else 0.
     std::uint64_t vertexAt = 0;
-    std::vector<std::string> remarks; // what a user should know, a line each, without the file's name
+    std::vector<std::string> remarks; // for the user, a line each, without the file's name
 };
 
-// Finds the vertices. Where every element up to them has a fixed size, arithmetic does. Lists are walked
-// over. In a text file one pass on `threads` threads counts the words. No count that the file cannot hold
-// decides an allocation. The file and the header must outlive the result. Throws SourceError.
+// Finds the vertices: by arithmetic if every element up to them has a fixed size, else by walking over the
+// lists. In a text file one pass on `threads` threads counts the words. A count decides an allocation only if
+// the file can hold it. The file and the header must outlive the result. Throws SourceError.
 std::unique_ptr<PlyBody> openPlyBody(const RecordFile& file, const PlyHeader& header, unsigned threads);
 
-// Refuses counts that the file cannot hold, by its size alone. Throws SourceError.
+// Throws SourceError for a count that a file of this size cannot hold.
 void requireRoom(const RecordFile& file, const PlyHeader& header);
 
 // The same as openPlyBody for a text file.
 std::unique_ptr<PlyBody> openAsciiBody(const RecordFile& file, const PlyHeader& header, unsigned threads);
 
-// The product, or UINT64_MAX where no 64-bit number holds it.
+// The product, or UINT64_MAX if it does not fit 64 bits.
 std::uint64_t productOf(std::uint64_t a, std::uint64_t b);
-// The sum, or UINT64_MAX where no 64-bit number holds it.
+// The sum, or UINT64_MAX if it does not fit 64 bits.
 std::uint64_t sumOf(std::uint64_t a, std::uint64_t b);
 
-// The number of vertices from one entry of a body's index to the next, where records have no fixed size.
+// The number of vertices between two entries of a body's index, if records have no fixed size.
 inline constexpr std::uint64_t indexStep = 1024;
 
 } // namespace Tavrin::SplatSource

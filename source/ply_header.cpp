@@ -57,7 +57,7 @@ public:
         std::string_view line = start_.substr(at_, end - at_);
         at_ = end + 1;
         if (endsInCarriageReturn_) {
-            // A line feed may follow in a mixed header. Behind end_header it belongs to the body.
+            // A line feed may follow in a header of mixed line ends. After end_header it belongs to the body.
             const bool isLast = wordsOf(line) == std::vector<std::string_view>{"end_header"};
             at_ += !isLast && start_[end] == '\r' && start_.substr(at_, 1) == "\n" ? 1 : 0;
         } else if (line.ends_with('\r')) {
@@ -71,7 +71,7 @@ public:
 private:
     std::string_view start_;
     std::size_t at_ = 0;
-    bool endsInCarriageReturn_ = false; // alone, on every line
+    bool endsInCarriageReturn_ = false; // without a line feed, on every line
 };
 
 // Builds the header line by line; every failure names file and line.
@@ -83,7 +83,7 @@ public:
     bool take(std::string_view line) {
         header_.lines.emplace_back(line);
         if (header_.lines.size() == 1) {
-            return false; // "ply", as the caller has seen
+            return false; // "ply", which the caller has checked
         }
         const std::vector<std::string_view> words = wordsOf(line);
         if (words.empty() || words[0] == "comment" || words[0] == "obj_info") {

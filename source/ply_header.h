@@ -1,4 +1,4 @@
-// The header of a PLY file, version 1.0, whatever its contents.
+// Parses the header of any PLY file, version 1.0.
 #pragma once
 
 #include "source/source.h"
@@ -59,9 +59,9 @@ inline constexpr std::size_t longestPlyHeader = std::size_t{1} << 20;
 // True when the bytes start like a PLY file.
 bool looksLikePly(std::string_view start);
 
-// Reads a header from the first bytes of a file: longestPlyHeader of them, or all. Lines end in LF or CR LF;
-// all end in CR when the first does. Throws SourceError for anything outside PLY 1.0, for repeated names, and
-// for counts that are no whole numbers. Its text starts with `name` and the line.
+// Reads a header from the first bytes of a file: longestPlyHeader of them, or all. Lines end in LF or CR LF,
+// or all in CR if the first does. Throws SourceError for anything outside PLY 1.0, for repeated names, and
+// for counts that are not whole numbers. Its text starts with `name` and the line.
 PlyHeader parsePlyHeader(std::string_view start, const std::string& name);
 
 } // namespace Tavrin::SplatSource

@@ -19,7 +19,7 @@ using GaussionSplat::recordLayout;
 constexpr std::string_view restPrefix = "f_rest_";
 constexpr std::array<const char*, 3> colourBytes = {"red", "green", "blue"};
 
-// The number of a property f_rest_N, written without leading zeros. Nothing when the name is another.
+// The number N of a property f_rest_N, written without leading zeros; nothing for another name.
 std::optional<std::uint64_t> restNumber(std::string_view name) {
     if (!name.starts_with(restPrefix)) {
         return std::nullopt;
@@ -32,7 +32,8 @@ std::optional<std::uint64_t> restNumber(std::string_view name) {
     return isPlain ? std::optional(number) : std::nullopt;
 }
 
-// Names of the canonical record in order; coefficients as count / 3 a channel, the places of others empty.
+// The names of a canonical record of this degree, in order. `perChannel` coefficients of each channel are in
+// the file; places without one are empty.
 std::vector<std::string> recordNames(int degree, std::uint64_t perChannel) {
     using namespace GaussionSplat;
     std::vector<std::string> names = recordProperties(degree > 0);
@@ -88,7 +89,8 @@ private:
         }
     }
 
-    // Says what is missing, and what the file looks like when it has no property of a splat.
+    // Throws if a property is missing, and names it. A file without any splat property is called what it
+    // looks like.
     void requireSplats() const {
         std::vector<std::string> missing;
         for (const char* const name :
@@ -120,7 +122,7 @@ private:
         }
     }
 
-    // A property that is there, but as a list.
+    // Throws if the property exists, but as a list.
     void refuseList(const std::string& name) const {
         const PlyProperty* const property = vertex_->find(name);
         if (property != nullptr) {
@@ -138,7 +140,7 @@ private:
         });
     }
 
-    // Coefficients, which must be numbered from 0 on without a gap.
+    // The number of coefficients, which must be numbered from 0 on without a gap.
     std::uint64_t countCoefficients() const {
         std::uint64_t count = 0;
         std::uint64_t largest = 0;
@@ -165,7 +167,7 @@ private:
         return count;
     }
 
-    // 3 * ((degree + 1)^2 - 1) coefficients make a degree; the fourth is left off.
+    // A degree has 3 * ((degree + 1)^2 - 1) coefficients. Those of degree 4 are dropped.
     int degreeOf(std::uint64_t coefficients) {
         for (std::uint64_t degree = 0; degree <= 4; ++degree) {
             if (coefficients == 3 * ((degree + 1) * (degree + 1) - 1)) {

@@ -15,7 +15,7 @@ std::string_view withoutPlus(std::string_view word) {
     return hasPlus ? word.substr(1) : word;
 }
 
-// The value of a decimal number beyond the type's exponents. It is too small when it has a negative exponent
+// The value of a decimal number outside the type's exponents. It is too small if it has a negative exponent
 // or starts with a zero, else too large.
 double unreachable(std::string_view word) {
     const bool isNegative = word.front() == '-';

@@ -1,4 +1,4 @@
-// Numbers of text PLY files, whatever the locale.
+// Parses the numbers of text PLY files, whatever the locale.
 #pragma once
 
 #include "source/ply_header.h"
@@ -8,12 +8,12 @@
 
 namespace Tavrin::SplatSource {
 
-// Writes the number that the word states to `value`, in the machine's form of the type: widthOf(type) bytes.
-// Reals may have an exponent and a plus, and may be inf or nan. Too large ones become infinite, too small
-// ones 0. False when the word is no number, or when an integer type gets no whole number in its range.
+// Writes the number to `value`, in the machine's form of the type: widthOf(type) bytes. Reals may have an
+// exponent and a plus, and may be inf or nan. Too large ones become infinite, too small ones 0. False if the
+// word is not a number or, for an integer type, not a whole number in its range.
 bool parseScalar(std::string_view word, Scalar type, std::byte* value);
 
-// Reads the count of a list. False when the word is no whole number from 0 on that its type holds.
+// Reads the count of a list. False if the word is not a whole number from 0 on that fits the type.
 bool parseListCount(std::string_view word, Scalar type, std::uint64_t& count);
 
 } // namespace Tavrin::SplatSource

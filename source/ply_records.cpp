@@ -9,7 +9,7 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "little-endian files are taken as they stand");
 
-constexpr std::size_t leastRun = 8; // shorter ones are copied value by value
+constexpr std::size_t leastRun = 8; // shorter runs are copied value by value
 
 std::uint16_t swapped(std::uint16_t bits) {
     return static_cast<std::uint16_t>(bits << 8 | bits >> 8);

@@ -1,4 +1,4 @@
-// From the vertices of a PLY file to canonical records: the inner loops.
+// Turns the vertices of a PLY file into canonical records: the inner loops.
 #pragma once
 
 #include "source/ply_layout.h"
@@ -9,19 +9,19 @@
 
 namespace Tavrin::SplatSource {
 
-// The list of copies from vertex to record, made once from a layout. Single-precision values keep their bits.
+// The list of copies from vertex to record, made once for a layout. Single-precision values keep their bits.
 class RecordMap {
 public:
     RecordMap(const SplatLayout& layout, bool isBigEndian);
 
-    // Turns `count` vertices, recordBytes of the layout each without gaps, into records of the layout's
-    // floats.
+    // Turns `count` vertices into records of the layout's floats. A vertex has the layout's recordBytes,
+    // without gaps.
     void map(const std::byte* vertices, std::uint64_t count, float* records) const;
 
     // x y z of each vertex in double.
     void mapPositions(const std::byte* vertices, std::uint64_t count, double* positions) const;
 
-    // The same where the vertices are canonical records: swaps their bytes in place where they need it.
+    // The same for vertices that are canonical records: swaps their bytes in place if they need it.
     void mapInPlace(float* records, std::uint64_t count) const;
 
 private:

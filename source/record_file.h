@@ -1,4 +1,4 @@
-// A file that several threads read at any offset. It can tell whether it is still the file that was opened.
+// A file that several threads read at any offset. It notices when the file has changed since it was opened.
 #pragma once
 
 #include "source/system_file.h"
@@ -13,13 +13,12 @@ namespace Tavrin::SplatSource {
 // A path as messages show it: UTF-8 on every system.
 std::string textOf(const std::filesystem::path& path);
 
-// Called now and then during long work, from any of its threads. What it throws ends the work.
+// Called now and then during long work, from any of its threads. An exception from it ends the work.
 using Pause = std::function<void()>;
 
 class RecordFile {
 public:
-    // Opens the file for reading. Throws SourceError. Every read begins with a call of `pause`, unless that
-    // is empty.
+    // Opens the file for reading. Calls `pause` before every read, unless it is empty. Throws SourceError.
     explicit RecordFile(const std::filesystem::path& path, Pause pause = {});
     RecordFile(const RecordFile&) = delete;
     RecordFile& operator=(const RecordFile&) = delete;
@@ -32,13 +31,13 @@ public:
     // fails to read.
     void read(std::uint64_t offset, void* destination, std::uint64_t length) const;
 
-    // The same up to the end of the file; returns how many bytes there were.
+    // The same, but stops at the end of the file. Returns the number of bytes.
     std::uint64_t readUpTo(std::uint64_t offset, void* destination, std::uint64_t length) const;
 
     // Calls `pause`, for work that goes on without reading.
     void pause() const;
 
-    // Throws SourceChanged when the path leads to another file by now, or the file was written to.
+    // Throws SourceChanged when the path now leads to another file, or the file was written to.
     void requireUnchanged() const;
 
 private:

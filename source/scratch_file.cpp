@@ -29,7 +29,7 @@ constexpr std::uint64_t mostBytes = std::uint64_t{1} << 30;
 }
 
 #ifdef _WIN32
-// The place of a call on a handle that several threads share.
+// States the offset with each call, because several threads share the handle.
 OVERLAPPED placeOf(std::uint64_t offset) {
     OVERLAPPED place{};
     place.Offset = static_cast<DWORD>(offset);
@@ -99,7 +99,7 @@ ScratchFile::ScratchFile(const std::filesystem::path& place) : folder_(place) {
     if (descriptor < 0) {
         fail(folder_, "a scratch file cannot be created", errno);
     }
-    unlink(name.c_str()); // from now on it is gone with its descriptor
+    unlink(name.c_str()); // the system frees it with its descriptor
     handle_ = descriptor;
 }
 

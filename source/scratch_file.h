@@ -1,5 +1,5 @@
-// A nameless file for data that a source unpacks. It bounds memory and disappears when the process ends, in
-// whatever way.
+// A nameless file for data that a source unpacks, so that its memory stays bounded. The system removes it
+// when the process ends, in whatever way.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,8 @@
 
 namespace Tavrin::SplatSource {
 
-// The scratch folder cannot hold what a source unpacks. One line: the folder, and what the system said.
+// The scratch folder cannot hold what a source unpacks. what() is one line: the folder and the system's
+// error.
 struct ScratchError : std::runtime_error {
     ScratchError(const std::string& text, const std::error_code& error)
         : std::runtime_error(text), code(error) {}

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint64_t mostSplats = 1024; // read at a time
 
-// Room for so many bytes, kept by each thread.
+// A buffer of at least this many bytes, which each thread keeps.
 std::uint8_t* roomFor(std::uint64_t bytes) {
     thread_local std::vector<std::uint8_t> room;
     room.resize(std::max<std::size_t>(room.size(), bytes));
@@ -35,7 +35,7 @@ void describeSpz(const SpzHeader& header, Input& input) {
     input.count = header.splats;
     input.degree = std::min(header.degree, 3);
     input.hasCoefficients = input.degree > 0;
-    input.params.dataType = "ply"; // as a canonical file of these records would have it
+    input.params.dataType = "ply"; // as for a canonical file of these records
     input.scratchBytes = header.arrayBytes();
 }
 
@@ -47,7 +47,7 @@ std::vector<std::string> SpzInput::laterRemarks() const {
     return arrays_.finish().remarks;
 }
 
-// Describes the input, too: its kind tells of the axes.
+// Also adds the axes to the input's kind.
 AxisTurn SpzInput::settleAxes(InputAxes axes) {
     name = file_.name();
     describeSpz(header_, *this);

@@ -15,15 +15,15 @@
 
 namespace Tavrin::SplatSource {
 
-// An SPZ file. Reading unpacks its arrays to a scratch file, at most 92 bytes a splat, through buffers of
-// fixed size; records are read from there. Damage behind the header is found by then.
+// An SPZ file. Reading unpacks its arrays through buffers of fixed size to a scratch file, at most 92 bytes a
+// splat, and reads records from there. It is then that damage after the header is found.
 struct SpzInput final : Input {
-    // `scratchFolder` exists. Unpacks the file only where its axes stand behind its arrays. Throws
-    // SourceError when the file is no SPZ file that can be read, ScratchError, and what `pause` throws.
+    // `scratchFolder` exists. Unpacks the file only if its axes are stated after its arrays. Throws
+    // SourceError when it is not an SPZ file that can be read, ScratchError, and what `pause` throws.
     SpzInput(const std::filesystem::path& path, InputAxes axes, const std::filesystem::path& scratchFolder,
              Pause pause = {});
 
-    // These throw ScratchError, too.
+    // These also throw ScratchError.
     void readWide(std::uint64_t first, std::uint64_t size, float* records, double* positions) const override;
     void readPositions(std::uint64_t first, std::uint64_t size, double* positions) const override;
     std::vector<std::string> laterRemarks() const override;
@@ -39,7 +39,7 @@ private:
     AxisTurn settleAxes(InputAxes axes);
 };
 
-// Sets what the header alone says of an input.
+// Sets what the header says about an input.
 void describeSpz(const SpzHeader& header, Input& input);
 
 } // namespace Tavrin::SplatSource

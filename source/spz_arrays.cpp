@@ -11,13 +11,13 @@ namespace Tavrin::SplatSource {
 namespace {
 
 constexpr std::uint64_t pieceBytes = std::uint64_t{9} * 28 * 1024; // whole positions of three times 24 bits
-// As far beyond what it needs a reader unpacks where nobody else does, so that others find it there.
+// If nobody else unpacks, a reader unpacks this much more than it needs, so that others find it done.
 constexpr std::uint64_t aheadBytes = 4 * pieceBytes;
 
 constexpr std::uint32_t most24 =
-    0x7fffff; // the largest of 24 bits with a sign; the bits of the smallest follow
+    0x7fffff; // the bits of the largest signed 24-bit number; those of the smallest follow
 
-// True when a coordinate is the largest or the smallest of its bits.
+// True if a coordinate is the largest or the smallest number of its bits.
 bool reachesTheEnds(const std::uint8_t* bytes, std::uint64_t size) {
     bool does = false;
     for (std::uint64_t i = 0; i + 3 <= size; i += 3) {
@@ -56,7 +56,7 @@ void SpzArrays::read(std::uint64_t first, std::uint64_t count, int arrays, std::
     }
 }
 
-// Up to where a lane must be stored for the first `arrays` arrays to hold the splats before `last`.
+// The end of what a lane must have stored for the first `arrays` arrays to hold the splats before `last`.
 std::uint64_t SpzArrays::need(const Lane& lane, std::uint64_t last, int arrays) const {
     std::uint64_t end = lane.start;
     for (int i = 0; i < arrays; ++i) {
@@ -68,8 +68,8 @@ std::uint64_t SpzArrays::need(const Lane& lane, std::uint64_t last, int arrays) 
     return end;
 }
 
-// What a reader should unpack now: what it needs itself; else, as long as it would have to wait for others,
-// whatever is left; else a little ahead. Null when there is nothing to unpack.
+// The lane that a reader should unpack now. First what it needs itself. If others unpack that, anything that
+// is left, instead of waiting. If all it needs is stored, a little ahead. Null if there is nothing to unpack.
 SpzArrays::Lane* SpzArrays::laneToUnpack(const std::vector<std::uint64_t>& needs, bool areThere) const {
     Lane* helped = nullptr;
     for (std::size_t i = 0; i < lanes_.size(); ++i) {
@@ -118,7 +118,7 @@ void SpzArrays::require(std::uint64_t last, int arrays) const {
     }
 }
 
-// Only unpacking goes by turns. The piece is stored while somebody else unpacks the next one.
+// One thread at a time unpacks a lane. It stores its piece while another unpacks the next one.
 void SpzArrays::unpackPiece(Lane& lane, std::unique_lock<std::mutex>& guard) const {
     thread_local std::vector<std::uint8_t> piece(pieceBytes);
     const std::uint64_t start = lane.unpacked;
@@ -144,7 +144,7 @@ void SpzArrays::unpackPiece(Lane& lane, std::unique_lock<std::mutex>& guard) con
     changed_.notify_all();
 }
 
-// Called without the lock.
+// Called without holding the lock.
 void SpzArrays::store(Lane& lane, std::uint64_t start, const std::uint8_t* bytes, std::uint64_t size) const {
     scratch_.write(start, bytes, size);
     const std::uint64_t positionsEnd = header_.startOf(SpzArray::opacities);

@@ -1,5 +1,5 @@
-// The unpacked arrays of an SPZ file. They are unpacked as far as somebody asks for them, by whoever asks,
-// and kept in a scratch file.
+// The unpacked arrays of an SPZ file. A thread that asks for a part unpacks as far as that part, and the
+// result is kept in a scratch file.
 #pragma once
 
 #include "source/record_file.h"
@@ -19,44 +19,44 @@ namespace Tavrin::SplatSource {
 
 class SpzArrays {
 public:
-    // `file` must outlive the object, and `scratchFolder` exists. Unpacks nothing. Throws SourceError and
+    // `file` must outlive the object; `scratchFolder` exists. Unpacks nothing. Throws SourceError and
     // ScratchError.
     SpzArrays(const RecordFile& file, const SpzHeader& header, const std::filesystem::path& scratchFolder);
     ~SpzArrays();
     SpzArrays(const SpzArrays&) = delete;
     SpzArrays& operator=(const SpzArrays&) = delete;
 
-    // Writes what the first `arrays` arrays hold of splats [first, first + count), one array after the other.
-    // Safe from several threads at once: while one unpacks, others read what is there. Throws SourceError
-    // when the file is damaged, and ScratchError; then so does every later call that needs what is missing.
+    // Writes the part of splats [first, first + count) in the first `arrays` arrays, one array after the
+    // other. Thread-safe: while one thread unpacks, others read what is stored. Throws SourceError when the
+    // file is damaged, and ScratchError. Later calls that need what is missing then throw the same.
     void read(std::uint64_t first, std::uint64_t count, int arrays, std::uint8_t* bytes) const;
 
-    // The code of the axes as the file states it, known or not; 0 when it states none. Unpacks everything
-    // where it stands behind the arrays. Throws as read does.
+    // The code of the axes as the file states it, known or not; 0 if it states none. Unpacks everything if
+    // the code comes after the arrays. Throws as read does.
     std::uint32_t axesCode() const;
 
-    // Unpacks what is left and returns what was found beside the arrays, remarks on positions among it.
+    // Unpacks what is left and returns what the file holds besides the arrays, with remarks on positions.
     // Throws as read does.
     SpzContent finish() const;
 
 private:
-    // A piece that is in the scratch file.
+    // A piece in the scratch file.
     struct Piece {
         std::uint64_t start = 0;
         std::uint64_t end = 0;
-        std::uint32_t sum = 0; // where the unpacker leaves it
+        std::uint32_t sum = 0; // if the unpacker leaves it
     };
 
-    // Bytes that one unpacker gives, and how far they are there.
+    // The bytes that one unpacker gives, and how many of them are done.
     struct Lane {
         std::unique_ptr<SpzUnpacker> unpacker;
         std::uint64_t start = 0;
         std::uint64_t end = 0;
-        std::atomic<std::uint64_t> stored = 0; // all before this is in the scratch file; changes under lock_
-        std::uint64_t unpacked = 0;            // all before this is unpacked
-        bool isBusy = false;                   // somebody unpacks
+        std::atomic<std::uint64_t> stored = 0; // what is in the scratch file; written under lock_
+        std::uint64_t unpacked = 0;            // what is unpacked
+        bool isBusy = false;                   // a thread unpacks
         bool leavesSum = false;                // the unpacker leaves the checksum to this class
-        std::uint32_t sum = 0;                 // of all before `stored`, then
+        std::uint32_t sum = 0;                 // then that of everything before `stored`
         std::vector<Piece> ahead;              // pieces that were stored out of order
     };
 
@@ -71,8 +71,8 @@ private:
     std::vector<std::unique_ptr<Lane>> lanes_;
     mutable std::mutex lock_;
     mutable std::condition_variable changed_;
-    mutable std::exception_ptr failure_;          // the first; unpacking ends with it
-    mutable std::atomic<bool> isWrapped_ = false; // a position reaches the ends of its bits
+    mutable std::exception_ptr failure_;          // the first one; it ends the unpacking
+    mutable std::atomic<bool> isWrapped_ = false; // a position is the largest or smallest number of its bits
 };
 
 } // namespace Tavrin::SplatSource

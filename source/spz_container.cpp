@@ -16,8 +16,8 @@ constexpr std::uint64_t gzipHeaderBytes = 16;
 constexpr std::uint64_t plainHeaderBytes = 32;
 constexpr std::uint64_t tableEntryBytes = 16;
 constexpr std::uint64_t mostExtensionBytes = std::uint64_t{1} << 20;
-constexpr std::uint64_t deflateRatio = 1032; // the most that deflate can pack
-constexpr std::uint64_t zstdRatio = 32768;   // the same of zstd
+constexpr std::uint64_t deflateRatio = 1032; // the largest ratio of deflate
+constexpr std::uint64_t zstdRatio = 32768;   // the largest ratio of zstd
 constexpr std::uint32_t axesExtension = 0xadbe0003;
 constexpr std::uint8_t extensionsFlag = 0x02;
 constexpr std::uint64_t mostSplats = 0x7fffffff;
@@ -67,7 +67,7 @@ SpzHeader commonHeader(const RecordFile& file, const std::uint8_t* bytes, bool i
     return header;
 }
 
-// A stated count must not need more bytes than the file's bytes can unpack to.
+// Refuses a count whose arrays need more bytes than the file can unpack to.
 void requirePlausible(const RecordFile& file, const SpzHeader& header, std::uint64_t ratio) {
     if (header.arrayBytes() / ratio > file.size()) {
         refuseDamaged(file, std::to_string(header.splats) + " splats do not fit into " +
@@ -108,7 +108,7 @@ SpzHeader readPlainHeader(const RecordFile& file) {
     return header;
 }
 
-// Records of type, length and payload, up to the end of their zone. Unknown ones are skipped.
+// Reads the extension records: type, length and payload, up to the end of the zone. Skips unknown types.
 void readExtensions(const RecordFile& file, const std::vector<std::uint8_t>& zone, SpzContent& content) {
     std::size_t at = 0;
     while (at + 8 <= zone.size()) {

@@ -1,4 +1,4 @@
-// The containers of SPZ files: their headers, and unpacking what they hold.
+// Reads the headers of SPZ files, and unpacks their contents.
 #pragma once
 
 #include "source/record_file.h"
@@ -17,7 +17,7 @@ enum class SpzArray { positions, opacities, colours, scales, rotations, coeffici
 inline constexpr int spzArrays = 6;
 
 struct SpzHeader {
-    bool isGzip = false; // one gzip member around everything, else zstd streams behind a plain header
+    bool isGzip = false; // one gzip member around everything; else a plain header, then zstd streams
     std::uint32_t version = 0;
     std::uint64_t splats = 0;
     int degree = 0; // of the spherical harmonics, 0 to 4
@@ -29,12 +29,12 @@ struct SpzHeader {
 
     // Bytes of one splat in an array.
     std::uint64_t bytesOf(SpzArray array) const;
-    // Where an array starts in the unpacked bytes, and the bytes of all arrays.
+    // The offset of an array in the unpacked bytes.
     std::uint64_t startOf(SpzArray array) const;
     std::uint64_t arrayBytes() const { return startOf(SpzArray{spzArrays}); }
 };
 
-// What a file holds beside its arrays.
+// What a file holds besides its arrays.
 struct SpzContent {
     std::uint32_t axesCode = 0; // as stated, known or not; 0 when the file states none
     std::vector<std::string> remarks;
@@ -53,17 +53,18 @@ public:
     std::uint64_t start() const { return start_; }
     std::uint64_t end() const { return end_; }
 
-    // Writes the next `size` bytes; there are that many left. What stands behind the last one is checked with
-    // it. Throws SourceError when the file is damaged: wrong checksums or lengths, missing or surplus bytes.
+    // Writes the next `size` bytes; at least that many are left. With the last byte, it also checks what
+    // comes after it. Throws SourceError when the file is damaged: wrong checksums or lengths, missing or
+    // surplus bytes.
     virtual void read(std::uint8_t* bytes, std::uint64_t size) = 0;
 
-    // Where the checksum is left to the caller: that of what stands before the arrays. The caller joins the
-    // checksums of the bytes (sumOf) to it and calls requireSum after the last read, which throws SourceError
-    // when the result is not that of the file.
+    // The checksum of what comes before the arrays, if the checksum is left to the caller. The caller joins
+    // the checksums of the bytes (sumOf) to it and calls requireSum after the last read. requireSum throws
+    // SourceError when the result is not that of the file.
     virtual std::optional<std::uint32_t> leftSum() const { return {}; }
     virtual void requireSum(std::uint32_t) const {}
 
-    // What stands before the arrays, and once the last byte is read what stands behind them, too.
+    // What the file holds before the arrays and, once the last byte is read, after them.
     SpzContent content;
 
 private:
@@ -74,12 +75,12 @@ private:
 // True when the bytes start like an SPZ file, or like any gzip file.
 bool looksLikeSpz(std::string_view start);
 
-// Reads and checks the header. No size that it states decides an allocation. A count that the file cannot
-// hold is refused. Throws SourceError.
+// Reads and checks the header. No size in it decides an allocation. Throws SourceError, also for a count that
+// the file cannot hold.
 SpzHeader readSpzHeader(const RecordFile& file);
 
-// What unpacks the arrays of a file, in their order: one object, or two that may run at the same time where
-// the file packs each array by itself. `file` must outlive them. Throws SourceError.
+// The unpackers of a file's arrays, in their order: one, or two that may run at the same time if the file
+// packs each array separately. `file` must outlive them. Throws SourceError.
 std::vector<std::unique_ptr<SpzUnpacker>> makeSpzUnpackers(const RecordFile& file, const SpzHeader& header);
 
 } // namespace Tavrin::SplatSource

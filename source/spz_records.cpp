@@ -13,7 +13,7 @@ namespace {
 
 using namespace GaussionSplat;
 
-// What packed values mean.
+// The values of packed bytes.
 struct Tables {
     std::array<float, 256> opacity; // logit
     std::array<float, 256> colour;  // f_dc
@@ -24,7 +24,7 @@ struct Tables {
     Tables() {
         for (std::size_t byte = 0; byte < 256; ++byte) {
             const double share = static_cast<double>(byte) / 255.0;
-            // 0 and 255 are exactly 0 and 1: the logarithm gives the infinities.
+            // 0 and 255 mean exactly 0 and 1, whose logits are the infinities.
             opacity[byte] = static_cast<float>(std::log(share / (1.0 - share)));
             colour[byte] = static_cast<float>((share - 0.5) / 0.15);
             scale[byte] = static_cast<float>(byte) / 16.0f - 10.0f;
@@ -59,7 +59,7 @@ float halfFloat(const std::uint8_t* bytes) {
     return std::bit_cast<float>(sign | wide << 23 | fraction << 13);
 }
 
-// The component that a unit quaternion leaves out; 0 where rounding has made the others too long.
+// The fourth component of a unit quaternion; 0 if rounding has made the other three too long.
 float remaining(float a, float b, float c) {
     return std::sqrt(std::max(0.0f, 1.0f - (a * a + b * b + c * c)));
 }
@@ -72,10 +72,10 @@ void readRotationBytes(const std::uint8_t* bytes, float (&wxyz)[4]) {
     wxyz[0] = remaining(wxyz[1], wxyz[2], wxyz[3]);
 }
 
-// Versions 3 and 4: the three smaller components, and which one is left out (0 x, 1 y, 2 z, 3 w). The first
-// of the three stands in the highest bits.
+// Versions 3 and 4: the three smaller components, the first of them in the highest bits, and the number of
+// the one that is left out (0 x, 1 y, 2 z, 3 w).
 void readRotationWord(const std::uint8_t* bytes, float (&wxyz)[4]) {
-    // Places in wxyz: of the three, then of the one left out.
+    // Places in wxyz of the three, then of the one left out.
     constexpr std::uint8_t places[4][4] = {{2, 3, 0, 1}, {1, 3, 0, 2}, {1, 2, 0, 3}, {1, 2, 3, 0}};
     std::uint32_t word;
     std::memcpy(&word, bytes, sizeof word);
@@ -105,7 +105,7 @@ SpzRecords::SpzRecords(const SpzHeader& header, const AxisTurn& turn)
 
 void SpzRecords::decodePosition(const std::uint8_t* bytes, float (&xyz)[3]) const {
     for (int axis = 0; axis < 3; ++axis) {
-        // 24 bits fit single precision, and the unit is a power of two: exact.
+        // Exact, because 24 bits fit single precision and the unit is a power of two.
         xyz[axis] = header_.version == 1 ? halfFloat(bytes + 2 * axis)
                                          : static_cast<float>(signed24(bytes + 3 * axis)) * unit_;
     }
@@ -175,8 +175,8 @@ void SpzRecords::decodeCoefficients(const std::uint8_t* bytes, float* coefficien
     }
 }
 
-// In the file red, green and blue of a coefficient are together. Records hold one channel after the other.
-// Signs turn while the values are integers, so that no zero becomes a negative one.
+// In the file, red, green and blue of a coefficient are adjacent. Records hold one channel after the other.
+// Signs change while the values are integers, so that no negative zero arises.
 template <std::size_t kept>
 void SpzRecords::turnCoefficients(const std::uint8_t* bytes, float* coefficients) const {
     float values[3 * kept];

@@ -14,8 +14,8 @@ class SpzRecords {
 public:
     SpzRecords(const SpzHeader& header, const AxisTurn& turn);
 
-    // Turns all arrays of `count` splats, one behind the other, into canonical records: of the larger form
-    // where the file has coefficients. Those of degree 4 are dropped.
+    // Turns all arrays of `count` splats, one array after the other, into canonical records. They have the
+    // larger form if the file has coefficients. Those of degree 4 are dropped.
     void decode(const std::uint8_t* bytes, std::uint64_t count, float* records) const;
 
     // x y z of each splat. `bytes` holds the first array.
@@ -27,7 +27,7 @@ private:
     SpzHeader header_;
     AxisTurn turn_;
     float unit_; // of positions
-    // Of each coefficient, in the file's order: 0 keeps it, -1 turns its sign.
+    // For each coefficient, in the file's order: 0 keeps it, -1 changes its sign.
     std::array<std::int32_t, mostKept> signs_{};
 
     void decodePosition(const std::uint8_t* bytes, float (&xyz)[3]) const;

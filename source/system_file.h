@@ -1,5 +1,5 @@
-// An open file, read and written at any offset: what differs between systems, for the files of sources and of
-// the conversion.
+// An open file, read and written at any offset, for sources and conversions. Its functions differ between
+// systems.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ struct FileState {
     bool operator==(const FileState&) const = default;
 };
 
-// Errors are numbers of the system, 0 for none. Reading and writing are safe from several threads at once.
+// Errors are the system's numbers, 0 for none. Reading and writing are thread-safe.
 class SystemFile {
 public:
     SystemFile() = default; // no file
@@ -25,7 +25,8 @@ public:
     SystemFile& operator=(const SystemFile&) = delete;
     ~SystemFile() { close(); }
 
-    // Once for each object. Other processes may write, rename and remove a file that is open for reading.
+    // Call one of the two open functions once. Other processes may write, rename and remove a file that is
+    // open for reading.
     int openToRead(const std::filesystem::path& path);
     // Creates the file, or empties it.
     int openToWrite(const std::filesystem::path& path);

@@ -12,7 +12,7 @@ namespace Tavrin::SplatSource {
 
 namespace {
 
-// Calls the system again where a signal has ended the call. The result, or -1 and an error.
+// Repeats a system call that a signal has interrupted. Returns its result, or -1 and an error.
 template <typename Call>
 auto repeated(Call call, int& error) {
     auto result = call();
@@ -51,7 +51,7 @@ int SystemFile::openToWrite(const std::filesystem::path& path) {
     return error;
 }
 
-// After EINTR the descriptor is gone on Linux: nothing is tried again.
+// On Linux the descriptor is closed even after EINTR, so the call is not repeated.
 int SystemFile::close() {
     const std::intptr_t handle = std::exchange(handle_, none);
     return handle == none || ::close(static_cast<int>(handle)) == 0 || errno == EINTR ? 0 : errno;
@@ -90,7 +90,7 @@ std::uint64_t SystemFile::writeSome(std::uint64_t offset, const void* bytes, std
     return done < 0 ? 0 : static_cast<std::uint64_t>(done);
 }
 
-// Not posix_fallocate: where the file system cannot set room aside, that writes a byte to every block.
+// Not posix_fallocate, which writes a byte to every block if the file system cannot reserve room.
 int SystemFile::reserve(std::uint64_t offset, std::uint64_t bytes) {
 #if defined(__linux__)
     int error = 0;

@@ -1,4 +1,4 @@
-// Small pieces of text that the readers share: words of a line, and quotes in messages.
+// Text functions that the readers share: words of a line, and quotes in messages.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,7 @@ namespace Tavrin::SplatSource {
 // The words of a line, separated by runs of blanks, tabs and carriage returns.
 std::vector<std::string_view> wordsOf(std::string_view line);
 
-// Text of a file as a message repeats it: in double quotes, control characters as question marks, at most 40
-// characters of it.
+// Text of a file for a message: at most 40 characters in double quotes, control characters as question marks.
 std::string inQuotes(std::string_view text);
 
 // "1,234".
