@@ -64,7 +64,7 @@ std::string checkDatetime(const std::string& word) {
                                         word);
 }
 
-// A file in a dataset's folder would keep the next conversion from replacing the dataset.
+// A conversion replaces only a folder without other files, so the catalogue may not lie in one.
 void checkTarget(const CatalogueOptions& options) {
     checkTargetFile(options.file(), options.force);
     const fs::path target = pathFromText(options.file());

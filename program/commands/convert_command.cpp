@@ -235,7 +235,7 @@ ExitStatus convertScene(Run& run) {
     }
     if (!options.dryRun) {
         cleanUpDeadRuns(place.folder);
-        place = resolveOutput(options.output()); // cleaning up may have put an earlier dataset back
+        place = resolveOutput(options.output()); // cleaning up may have restored an earlier dataset
     }
     for (const std::string& input : options.inputs()) {
         checkOutput(place, input, options.force);

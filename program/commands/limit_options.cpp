@@ -11,7 +11,7 @@ namespace {
 
 constexpr unsigned mostThreads = 1024;
 
-// What is wrong with the words of options; empty when nothing is.
+// Checks of option values: the message for a bad value, empty for a good one.
 std::string checkThreads(const std::string& word) {
     unsigned threads = 0;
     const auto [stop, error] = std::from_chars(word.data(), word.data() + word.size(), threads);

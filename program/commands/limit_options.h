@@ -1,4 +1,4 @@
-// The options that say what a conversion may use.
+// The options that limit threads and memory.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -10,9 +10,9 @@ namespace Tavrin::SplatProgram {
 
 struct LimitOptions {
     unsigned threads = 0;  // 0: as many as the process may use
-    std::string maxMemory; // as the word of the command line; empty: what is free
+    std::string maxMemory; // the text of the option; empty: all free memory
 
-    // Bytes; 0 where it is not given.
+    // maxMemory in bytes; 0 if it is not given.
     std::uint64_t memory() const;
 };
 

@@ -121,7 +121,7 @@ fs::path worldFileOf(const std::string& file) {
     return pathFromText(file).replace_extension(".pgw");
 }
 
-// Another file in a dataset's folder would keep the next conversion from replacing the dataset.
+// A conversion replaces only a folder without other files, so none may be written into one.
 void checkTargets(const PictureOptions& options, FileKind kind) {
     checkTargetFile(options.file(), options.force);
     if (kind == FileKind::png) {

@@ -1,4 +1,4 @@
-// plyconvert plan: what the conversions of many tiles will take.
+// plyconvert plan: estimates what the conversions of many tiles take.
 #pragma once
 
 #include "program/commands/command.h"

@@ -36,7 +36,7 @@ struct ViewOptions {
     bool force = false;
 };
 
-// Another file in a dataset's folder would keep the next conversion from replacing the dataset.
+// A conversion replaces only a folder without other files, so none may be written into one.
 void checkPage(const ViewOptions& options, const std::vector<ServedDataset>& datasets) {
     checkTargetFile(options.page, options.force);
     const fs::path target = pathFromText(options.page);

@@ -22,8 +22,8 @@ CellReaders::CellReaders(const SplatReader::Dataset& dataset)
         const SplatReader::LevelRange& range = dataset.range(cell, 0);
         windows_[cell].next = range.offset / SplatReader::Format::recordSize;
         windows_[cell].end = windows_[cell].next + range.count;
-        // Several grid cells can share a key. Then the index has it again, without splats, and the first
-        // entry counts.
+        // Several grid cells can share a key. The index then repeats the key without splats; the first entry
+        // counts.
         cells_.emplace(dataset.cellKey(cell), cell);
     }
 }

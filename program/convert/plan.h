@@ -16,7 +16,7 @@
 
 namespace Tavrin::SplatProgram {
 
-// The files of a dataset but for its texts, whose few thousand bytes depend on names and numbers.
+// The sizes of a dataset's files. The texts are left out: they take a few thousand bytes.
 struct DatasetBytes {
     std::uint64_t data = 0;
     std::uint64_t coefficients = 0;
@@ -57,7 +57,7 @@ struct Plan {
     bool hasCoefficients() const { return measured.hasCoefficients; }
 };
 
-// The grid of a scene of so many splats in this box, as readers compute it from the meta document.
+// The grid of a scene of `splats` splats in this box, as readers compute it from the meta document.
 SplatReader::Grid gridOf(std::uint64_t splats, const Box& box);
 
 // Measures the scene and works out what its dataset takes, without the fields that depend on the output's

@@ -18,7 +18,8 @@ std::error_code lastError() {
     return {errno, std::system_category()};
 }
 
-// NFS without its lock daemon, Lustre without the option flock, and the like.
+// True for the errors of file systems without locks: NFS without its lock daemon, Lustre without the option
+// flock, and the like.
 bool tellsOfNoLocks(int error) {
     return error == ENOLCK || error == ENOSYS || error == EOPNOTSUPP || error == EINVAL;
 }
@@ -28,8 +29,8 @@ std::string machineName() {
     return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
 
-// Another machine has written its name into the lock file, not long ago. That this process could lock the
-// file says nothing then: the lock of a live run may hold on its own machine alone.
+// True if another machine has written its name into the lock file, not long ago. A lock may be visible on one
+// machine only, so the run there may be alive although this process could lock the file.
 bool mayBeHeldElsewhere(int handle, const struct stat& status) {
     constexpr std::time_t longAgo = 24 * 60 * 60; // seconds; no conversion takes that long
     std::array<char, 256> name = {};
@@ -37,8 +38,8 @@ bool mayBeHeldElsewhere(int handle, const struct stat& status) {
     return length > 0 && name.data() != machineName() && std::time(nullptr) - status.st_mtime < longAgo;
 }
 
-// Other machines see it at once, not when the file is closed. A name that cannot be written leaves the file
-// empty, which is taken for one of this machine.
+// Writes this machine's name to the lock file, and at once, so that other machines see it while the file is
+// open. If that fails the file stays empty and counts as one of this machine.
 void writeMachineName(int handle) {
     const std::string name = machineName();
     const bool isWritten = ::ftruncate(handle, 0) == 0 && ::lseek(handle, 0, SEEK_SET) == 0 &&

@@ -10,7 +10,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// Those without a header of the system's.
+// The system's headers do not have this number.
 constexpr std::uint32_t beegfsMagic = 0x19830326;
 constexpr std::uint32_t gpfsMagic = 0x47504653;
 constexpr std::uint32_t lustreMagic = 0x0BD00BD0;

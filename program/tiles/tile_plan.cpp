@@ -19,7 +19,7 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-// How much longer a record of this kind takes than one of the library's form (docs/performance.md).
+// The time for a record of this kind, as a multiple of that for a canonical record (docs/performance.md).
 double effortOf(std::string_view kind) {
     if (kind.starts_with("SPZ") || kind.ends_with("ascii")) {
         return 3.0;
@@ -42,7 +42,7 @@ void describe(TilePlan& tile, const SplatSource::Input& input) {
     tile.scratchBytes = input.scratchBytes;
 }
 
-// The most cells that the header allows; nothing where it states no bounds.
+// An upper bound for the cells, by the bounds in the header; nothing if it states none.
 std::optional<std::uint64_t> cellsByHeader(const SplatSource::Input& input) {
     if (input.count <= SplatReader::Format::oneCellMaximum) {
         return 1;
@@ -58,7 +58,7 @@ std::optional<std::uint64_t> cellsByHeader(const SplatSource::Input& input) {
                             : std::nullopt;
 }
 
-// A scene of the header's splats, evenly spread over so many cells.
+// A scene with as many splats as the header states, spread evenly over `cells` cells.
 SplatStream::Measured evenScene(const SplatSource::Input& input, std::uint64_t cells) {
     SplatStream::Measured measured;
     measured.read = measured.splats = measured.countedSplats = input.count;

@@ -1,4 +1,4 @@
-// What the conversion of one tile will take, for a table of many and for schedulers (docs/batch.md).
+// Estimates what the conversion of one tile takes, for tables and schedulers (docs/batch.md).
 #pragma once
 
 #include "program/convert/conversion.h"
@@ -12,47 +12,47 @@
 
 namespace Tavrin::SplatProgram {
 
-// Changes when a reader of plans has to.
+// Raised when readers of plans have to change.
 inline constexpr int planVersion = 1;
 
-// What is planned for, and how.
+// The conditions that a plan assumes, and how exact it is.
 struct PlanWish {
     bool isScanned = false;          // every record is read; else the header alone
     unsigned threads = 1;            // of the conversion, at least 1
-    std::uint64_t maxMemory = 0;     // bytes that its passes may allocate; 0: as many as they like
-    SplatSource::SceneOptions scene; // how inputs are read; used by a scan alone
+    std::uint64_t maxMemory = 0;     // bytes that its passes may allocate; 0: no limit
+    SplatSource::SceneOptions scene; // how inputs are read; only a scan uses it
 };
 
 struct TilePlan {
     std::string input;                    // as given
-    ExitStatus status = ExitStatus::done; // what a conversion is known to end with
-    std::string line;                     // the reason where it is another one; else empty
-    bool isKnown = false;                 // what follows was found
+    ExitStatus status = ExitStatus::done; // of the conversion, as far as it is known
+    std::string line;                     // the reason if the status is not `done`; else empty
+    bool isKnown = false;                 // the fields below are set
 
     std::string kind;
-    int degree = 0;               // of the spherical harmonics
-    std::uint64_t inputBytes = 0; // of the file
-    std::uint64_t splats = 0;     // of the dataset; without a scan those of the header, dropped ones included
+    int degree = 0;                       // of the spherical harmonics
+    std::uint64_t inputBytes = 0;         // of the file
+    std::uint64_t splats = 0;             // of the dataset; without a scan all that the header states
     std::optional<std::uint64_t> dropped; // splats
     std::optional<std::uint64_t> leftOut; // splats
-    // At most so many without a scan; nothing where the header states no bounds. Exact with a scan.
+    // Exact with a scan. Without one an upper bound; nothing if the header states no bounds.
     std::optional<std::uint64_t> cells;
     bool areCellsExact = false;
-    std::uint64_t outputBytes = 0;  // data, coefficients and index; at most, without a scan
-    std::uint64_t memory = 0;       // peak of the process, in bytes; at most, where cells are not exact
-    std::uint64_t scratchBytes = 0; // of the disk beside the dataset, while it is converted
+    std::uint64_t outputBytes = 0;  // data, coefficients and index; an upper bound without a scan
+    std::uint64_t memory = 0;       // peak of the process, in bytes; an upper bound if cells are not exact
+    std::uint64_t scratchBytes = 0; // disk space needed beside the dataset during the conversion
     double seconds = 0.0;           // very roughly
 };
 
-// The cells for which memory is planned where nothing is known of them: more than a square kilometre has.
+// The number of cells to plan memory for if it is unknown: more than a square kilometre has.
 inline constexpr std::uint64_t assumedCells = 1200;
 
-// Bytes of records in the library's form that a processor converts a second, by the rough time. Measured are
-// six times as many with input and output in memory; this is what one disk gives.
+// Bytes of canonical records that one processor converts in a second, for the rough time. One disk gives this
+// rate. With input and output in memory, six times as much was measured.
 inline constexpr double assumedBytesPerSecond = 150e6;
 
-// Plans one tile. What is wrong with it is in its status and line. Throws a Failure when it is interrupted.
-// `progress` is told of the share of a scan that is done.
+// Plans one tile. A tile that cannot be converted has the status and the line of that failure. `progress`
+// gets the share of a scan that is done, 0 to 1. Throws a Failure (Interrupted) when an interrupt was noted.
 TilePlan planTile(const std::string& input, const PlanWish& wish,
                   const std::function<void(double share)>& progress);
 

@@ -26,7 +26,7 @@ struct Totals {
     double seconds = 0.0;              // of all tiles, one after the other
     double mostSeconds = 0.0;          // of one tile
     const TilePlan* largest = nullptr; // takes the most memory
-    bool isGuessed = false;            // of a tile the header says nothing of cells
+    bool isGuessed = false;            // some header states no bounds, so its cells are assumed
 };
 
 Totals totalsOf(const std::vector<TilePlan>& tiles) {
@@ -49,7 +49,7 @@ Totals totalsOf(const std::vector<TilePlan>& tiles) {
     return totals;
 }
 
-// The end of a name, which tells tiles apart, in at most so many characters of UTF-8.
+// The end of a name, in at most `room` characters of UTF-8. It tells tiles apart better than the start.
 std::string endOf(const std::string& name, std::size_t room) {
     constexpr std::string_view dots = "...";
     const std::string shown = printable(name);
@@ -70,7 +70,7 @@ std::string cellsText(const TilePlan& tile) {
     return !tile.cells ? "?" : tile.areCellsExact ? countText(*tile.cells) : "<=" + countText(*tile.cells);
 }
 
-// The columns behind the name.
+// The columns after the name.
 std::string figuresText(const std::array<std::string, 6>& words) {
     return fmt::format(" {:>11} {:>8} {:>9} {:>9} {:>9} {:>9}\n", words[0], words[1], words[2], words[3],
                        words[4], words[5]);
@@ -110,7 +110,7 @@ std::string totalsText(const std::vector<TilePlan>& tiles, const Totals& totals,
     return text;
 }
 
-// A comment of the job script: a name cannot end it.
+// A comment line of the job script. A line feed in a name does not end it.
 std::string comment(const std::string& text) {
     return "# " + printable(text) + "\n";
 }
@@ -184,7 +184,7 @@ std::string plansJson(const std::vector<TilePlan>& tiles, const PlanWish& wish) 
     json["mostScratchBytes"] = totals.mostScratch;
     json["mostSeconds"] = totals.mostSeconds;
     json["seconds"] = totals.seconds;
-    // Paths may hold bytes that are no UTF-8.
+    // Paths may contain bytes that are not UTF-8; they are replaced.
     return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

@@ -9,14 +9,14 @@
 
 namespace Tavrin::SplatProgram {
 
-// A table and the totals, in lines of at most so many columns (at least 80) but for reasons of refusals.
+// A table and the totals. Lines have at most `columns` columns (at least 80), except reasons of refusals.
 std::string plansText(const std::vector<TilePlan>& tiles, const PlanWish& wish, std::size_t columns);
 
 // One JSON object on one line.
 std::string plansJson(const std::vector<TilePlan>& tiles, const PlanWish& wish);
 
-// Lines "#SBATCH --NAME=VALUE" of an array job with a task for each tile, by its number from 0 on, that holds
-// the largest of them; and what they assume, as comments. At least one tile is known.
+// The lines "#SBATCH --NAME=VALUE" of an array job, and as comments what they assume. Task N converts tile N,
+// counted from 0; each has the resources for the largest tile. At least one tile is known.
 std::string plansSlurm(const std::vector<TilePlan>& tiles, const PlanWish& wish);
 
 } // namespace Tavrin::SplatProgram
