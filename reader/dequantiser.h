@@ -32,7 +32,7 @@ double intervalMiddle(std::uint32_t quantised, std::uint32_t maximum, double fac
 // 0, 0). The converter writes such a word, 0, for a rotation that is not a number.
 std::array<double, 4> unpackRotation(std::uint32_t word);
 
-// Whether some unit quaternion packs to this word.
+// True if some unit quaternion packs to this word.
 bool rotationPossible(std::uint32_t word);
 
 // Built from a meta document's ranges. Each value is the middle of the interval that truncation maps to the

@@ -71,8 +71,8 @@ struct VerifyReport {
 // an error.
 VerifyReport verifyDataset(const std::filesystem::path& folder, const VerifyOptions& options = {});
 
-// Bytes of the file windows of the full level, for a dataset of so many records and index entries. `threads`
-// is at least 1.
+// Bytes of the file windows of the full level, for a dataset of `records` records and `cells` index entries.
+// `threads` is at least 1.
 std::uint64_t verifyMemory(std::uint64_t records, std::uint64_t cells, bool hasCoefficients,
                            unsigned threads);
 

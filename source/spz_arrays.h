@@ -52,8 +52,8 @@ private:
         std::unique_ptr<SpzUnpacker> unpacker;
         std::uint64_t start = 0;
         std::uint64_t end = 0;
-        std::atomic<std::uint64_t> stored = 0; // what is in the scratch file; written under lock_
-        std::uint64_t unpacked = 0;            // what is unpacked
+        std::atomic<std::uint64_t> stored = 0; // end of what is in the scratch file; written under lock_
+        std::uint64_t unpacked = 0;            // end of what is unpacked
         bool isBusy = false;                   // a thread unpacks
         bool leavesSum = false;                // the unpacker leaves the checksum to this class
         std::uint32_t sum = 0;                 // then that of everything before `stored`

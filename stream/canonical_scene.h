@@ -1,4 +1,5 @@
-// A canonical PLY file as the library's own header reader sees it, for comparisons of the two conversions.
+// Opens a canonical PLY file with the values of the library's own header reader, to compare the two
+// conversions.
 #pragma once
 
 #include "source/canonical_ply.h"
@@ -10,7 +11,7 @@
 
 namespace Tavrin::SplatStream {
 
-// `header` and `params` are what readSplatHeader gives for the file; its numbers are not negative. Throws
+// `header` and `params` are the results of readSplatHeader for the file, without negative numbers. Throws
 // SourceError.
 inline std::unique_ptr<SplatSource::CanonicalPly> openCanonicalScene(const std::filesystem::path& path,
                                                                      const GaussionSplat::SplatHeader& header,

@@ -12,13 +12,13 @@ namespace Tavrin::SplatStream {
 
 class CellCounts {
 public:
-    // The next cell does not fit the limit.
+    // Thrown when the next cell does not fit the limit.
     struct Full {};
 
-    // Bytes of one with few cells, from first to last. peakBytes counts them as none.
+    // Bytes that an object takes as long as it has few cells. peakBytes does not count them.
     static constexpr std::uint64_t leastBytes = 8192;
 
-    // Peak bytes of counting this many cells in so many tables, joining them in one, and listing the cells
+    // Peak bytes of counting `cells` cells in each of `tables` tables, joining these, and listing the cells
     // and the repeated ones (Measured::repeatedCells).
     static std::uint64_t peakBytes(std::uint64_t cells, std::uint64_t repeated, std::uint64_t tables) {
         return cells + repeated <= fewCells
@@ -26,10 +26,10 @@ public:
                    : std::max(tables * heldBytes(cells), heldBytes(cells) + listBytes(cells + repeated));
     }
 
-    // It may use this many bytes besides leastBytes.
+    // From now on the object may use this many bytes in addition to leastBytes.
     void limit(std::uint64_t bytes) { limit_ = bytes; }
 
-    // Count one splat. Throws Full.
+    // Counts one splat. Throws Full.
     void add(std::uint32_t key) { add(key, 1); }
     void add(std::uint32_t key, std::uint64_t splats) {
         const std::uint32_t number = numbers_.find(key);
@@ -38,7 +38,7 @@ public:
 
     void prefetch(std::uint32_t key) const { numbers_.prefetch(key); }
 
-    // Add the counts of another. Throws Full.
+    // Adds the counts of another object. Throws Full.
     void join(const CellCounts& other) {
         for (std::size_t i = 0; i < other.size(); ++i) {
             add(other.keys_[i], other.splats_[i]);
@@ -51,7 +51,7 @@ public:
         splats_ = {};
     }
 
-    // Bytes in use besides leastBytes.
+    // Bytes in use in addition to leastBytes.
     std::uint64_t bytes() const { return size() <= fewCells ? 0 : heldBytes(size()); }
 
     std::size_t size() const { return keys_.size(); }
@@ -67,11 +67,11 @@ private:
     std::vector<std::uint64_t> splats_;
     std::uint64_t limit_ = UINT64_MAX;
 
-    // The table has two entries of 8 bytes a cell, the vectors have 12 bytes. Whatever grows is there twice
-    // for a moment, once with half of its size.
+    // The table has two entries of 8 bytes a cell, the vectors have 12 bytes. Each of them exists twice for a
+    // moment while it grows, once with half of its size.
     static std::uint64_t heldBytes(std::uint64_t cells) { return 32 * std::bit_ceil(cells); }
 
-    // The steps of the walk, whose vector grows, and its keys. Later the result instead of the steps.
+    // The keys and the steps of the grid walk, whose vector grows; later the result instead of the steps.
     static std::uint64_t listBytes(std::uint64_t cells) { return 22 * std::bit_ceil(cells); }
 
     std::uint32_t insert(std::uint32_t key) {
@@ -85,7 +85,7 @@ private:
         return number;
     }
 
-    // Double the table. Throws Full.
+    // Doubles the table. Throws Full.
     void grow() {
         const std::uint64_t cells = keys_.size() * 2;
         if (heldBytes(cells) > limit_) {

@@ -19,27 +19,30 @@
 
 namespace Tavrin::SplatStream {
 
-// The conversion does not fit the stated memory. It does with `least` bytes, and not with one byte less.
+// The conversion does not fit the stated memory. It fits `least` bytes, but not one byte less.
 struct TooLittleMemory : std::runtime_error {
     TooLittleMemory(const std::string& text, std::uint64_t bytes) : std::runtime_error(text), least(bytes) {}
     std::uint64_t least;
 };
 
-// A file of the dataset cannot be created, written or closed. One line: the file, and what the system said.
+// A file of the dataset cannot be created, written or closed. what() is one line: the file and the system's
+// error.
 struct WriteError : std::runtime_error {
     WriteError(const std::string& text, const std::error_code& error)
         : std::runtime_error(text), code(error) {}
     std::error_code code; // of the system
 };
 
-// What a caller chooses. The dataset's bytes depend on no setting but countAs.
+// The caller's choices. Of these, only countAs changes the bytes of the dataset.
 struct Settings {
     unsigned threads = 1; // workers, at least 1
-    // Bytes that a pass may allocate. To find out what would do takes up to 16 MiB, however little it is.
+    // Bytes that a pass may allocate. If that is too little, finding out how much suffices takes up to 16
+    // MiB.
     std::uint64_t maxMemory = UINT64_MAX;
-    // Records that a worker reads at a time; 0: each pass chooses. Tests alone set it.
+    // Records that a worker reads at a time; 0: each pass chooses. Only tests set it.
     std::uint64_t windowRecords = 0;
-    std::uint64_t countAs = 0; // splats that grid and texts go by instead of the scene's; tests alone set it
+    std::uint64_t countAs =
+        0; // splats to assume for grid and texts; 0: those of the scene. Only tests set it
     // Called now and then, by one thread at a time, with the number of splats that the pass has done. It may
     // throw to end the pass; measure or place then throws that exception.
     std::function<void(std::uint64_t splats)> progress;
@@ -54,11 +57,11 @@ struct Cell {
 // What one pass over the scene finds.
 struct Measured {
     std::uint64_t read = 0;          // records of the input
-    std::uint64_t splats = 0;        // of those, the ones that were not dropped
-    std::uint64_t countedSplats = 0; // the same, which grid and texts go by: Settings::countAs
+    std::uint64_t splats = 0;        // of these, the ones that were not dropped
+    std::uint64_t countedSplats = 0; // the same, or Settings::countAs: decides the grid and the texts
     bool hasCoefficients = false;
     GaussionSplat::Params params;
-    bool isBoxStated = false;       // by the header; else measured
+    bool isBoxStated = false;       // by the header; otherwise it is measured
     GaussionSplat::Vector3 bboxMin; // of the dataset
     GaussionSplat::Vector3 bboxMax;
     GaussionSplat::ChunkGrid grid;
@@ -71,20 +74,20 @@ struct Measured {
     std::uint64_t leftOut = 0;       // splats in no listed cell
     std::uint64_t occupiedCells = 0; // different keys of splats, listed or not
     std::uint64_t repeatedCells = 0; // listed cells whose key is that of an earlier one
-    std::uint64_t leastMemory = 0;   // bytes with which both passes succeed, and not with one less
+    std::uint64_t leastMemory = 0;   // bytes that both passes need at least
 };
 
-// Reads the source once on settings.threads workers, and again where the memory asks for it. Throws what the
-// source throws, std::bad_alloc, or TooLittleMemory when measure or place does not fit settings.maxMemory.
+// Reads the source once on settings.threads workers, and again if memory is short. Throws what the source
+// throws, std::bad_alloc, or TooLittleMemory when measure or place does not fit settings.maxMemory.
 Measured measure(const SplatSource::Source& source, const Settings& settings);
 
-// Bytes that measure allocates at its peak with these settings for a scene of so many occupied and repeated
-// cells; at most settings.maxMemory where a conversion fits that.
+// Peak bytes that measure allocates with these settings for a scene of `cells` occupied and `repeated`
+// repeated cells; at most settings.maxMemory if a conversion fits that.
 std::uint64_t measureMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
                             const Settings& settings);
 
-// Bytes that place will allocate at its peak with these settings; at most settings.maxMemory where that can
-// be kept. Throws TooLittleMemory.
+// Peak bytes that place allocates with these settings; at most settings.maxMemory. Throws TooLittleMemory if
+// that is impossible.
 std::uint64_t placeMemory(const Measured& measured, const Settings& settings);
 
 // Writes data.bin, shcoef.bin and index.bin of a measured scene into `folder`. The folder exists and holds at

@@ -9,7 +9,7 @@ namespace {
 // The part's keys do not fit the table.
 struct TooManyKeys {};
 
-// Which of the parts a key belongs to. The table hashes with another factor, so a part fills it evenly.
+// The part that a key belongs to. The table hashes with another factor, so the keys of a part fill it evenly.
 std::uint64_t partOf(std::uint32_t key, std::uint64_t parts) {
     const std::uint32_t mixed = (key ^ key >> 15) * 0x85EBCA6Bu;
     return (mixed ^ mixed >> 13) * parts >> 32;
@@ -36,8 +36,8 @@ DistinctKeys countPart(std::uint64_t part, std::uint64_t parts, std::uint64_t mo
 
 } // namespace
 
-// The keys are cut into parts by a hash, and each part is counted in a pass of its own. A part that does not
-// fit the table cuts all later ones in two.
+// The keys are cut into parts by a hash, and each part is counted in a pass of its own. If a part does not
+// fit the table, it and all later ones are cut in two.
 DistinctKeys countDistinctKeys(std::uint64_t bytes, const std::function<void(const KeyVisitor&)>& pass,
                                const std::function<std::uint64_t(std::uint32_t key)>& valueOf) {
     std::uint64_t mostKeys = 64;

@@ -1,5 +1,5 @@
-// How many different keys there are, and the sum of what each of them counts, in little memory and as many
-// passes over them as that takes.
+// Counts the different keys of a sequence, and adds up a value of each, in little memory, with several passes
+// over it if necessary.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace Tavrin::SplatStream {
 
-// Takes some keys. Throws to end a pass that is in vain.
+// Receives some keys. Throws to end a pass that cannot succeed.
 using KeyVisitor = std::function<void(const std::uint32_t* keys, std::uint64_t count)>;
 
 struct DistinctKeys {
@@ -15,8 +15,8 @@ struct DistinctKeys {
     std::uint64_t sum = 0; // of valueOf(key)
 };
 
-// `pass` gives all keys to the visitor, in any order, one call at a time, and lets the visitor's exceptions
-// out. Called again, it gives the same keys. Tables take at most `bytes`, or 4 KiB where that is more.
+// `pass` gives all keys to the visitor, in any order, one call at a time, and passes its exceptions on. Every
+// call of it gives the same keys. Tables take at most `bytes`, at least 4 KiB.
 DistinctKeys countDistinctKeys(std::uint64_t bytes, const std::function<void(const KeyVisitor&)>& pass,
                                const std::function<std::uint64_t(std::uint32_t key)>& valueOf);
 

@@ -1,4 +1,4 @@
-// Numbers for keys: an open hash table of eight bytes an entry.
+// A table of numbers by key: an open hash table of eight bytes an entry.
 #pragma once
 
 #include "src/kernels.h"
@@ -11,7 +11,7 @@
 
 namespace Tavrin::SplatStream {
 
-// Prefetch distance, in keys: in a scene of many cells each key is likely to be another.
+// Prefetch distance, in keys. In a scene of many cells, the next key is likely to be a different one.
 inline constexpr std::uint64_t keysAhead = 16;
 
 class KeyTable {
@@ -31,10 +31,10 @@ public:
         }
     }
 
-    // Prefetch the cache line that find will read.
+    // Prefetches the cache line that find will read.
     void prefetch(std::uint32_t key) const { GaussionSplat::prefetch(&entries_[hashOf(key)]); }
 
-    // Give a new key a number. isFull must be false.
+    // Gives a new key a number. isFull must be false.
     void insert(std::uint32_t key, std::uint32_t number) {
         std::size_t at = hashOf(key);
         while (entries_[at].number != none) {

@@ -42,8 +42,9 @@ bool holds(const Box& box, const RawRanges::Positions& ranges) {
     return lieIn(min, box) && lieIn(max, box);
 }
 
-// The x and y of some splats: the grid is known only when all of them are read. Each worker fills its own, so
-// that no two workers touch a fresh huge page at once, which the system would then clear twice.
+// The x and y of some splats, kept because the grid is known only when all of them are read. Each worker
+// fills its own, so that no two workers touch a fresh huge page at once. The system would then clear it
+// twice.
 struct KeptPositions {
     LargeArray<float> positions; // two floats each
     std::uint64_t count = 0;
@@ -54,19 +55,19 @@ struct Found {
     explicit Found(bool hasCoefficients) : ranges(hasCoefficients) {}
 
     RawRanges ranges;
-    ValueRange finite[3]; // of the finite coordinates, kept from the first one that is not finite on
+    ValueRange finite[3]; // of the finite coordinates
     std::uint64_t splats = 0;
     std::uint64_t notFinite = 0;
     std::uint64_t outside = 0;
     std::vector<KeptPositions> kept;
     CellCounts cells;
-    ValueRange scan[3]; // of the positions that the box is taken from
+    ValueRange scan[3]; // of the positions that decide the box
 
     LargeArray<float> window;
     std::vector<std::uint32_t> keys;
 };
 
-// The pass, and what it is made of.
+// The first pass over the scene.
 struct MeasurePass {
     const SplatSource::Source& source;
     const Settings& settings;
@@ -74,8 +75,8 @@ struct MeasurePass {
     std::size_t recordFloats;
     std::optional<Box> statedBox;
     MeasurePlan plan;
-    std::optional<ChunkGrid> expectedGrid;     // cells are counted on the way
-    std::atomic<bool> hasManyCells = false;    // more than the workers' tables hold: counted once more
+    std::optional<ChunkGrid> expectedGrid;  // set if cells are counted in this pass
+    std::atomic<bool> hasManyCells = false; // more than the workers' tables hold, so they are counted again
     std::vector<std::unique_ptr<Found>> found; // by worker
 
     MeasurePass(const SplatSource::Source& scene, const Settings& chosen);
@@ -105,10 +106,10 @@ private:
                        const std::function<void(std::uint64_t, Found&)>& body);
 };
 
-// What finding out takes at most where a conversion does not fit its memory.
+// The most memory for finding out how much a conversion needs that does not fit its limit.
 constexpr std::uint64_t refusalBytes = std::uint64_t{16} << 20;
 
-// More repeated cells are not told apart: no memory holds them.
+// Beyond this many repeated cells the number is not exact, because no memory holds them.
 constexpr std::uint64_t mostRepeats = std::uint64_t{1} << 50;
 
 // How often the walk lists this key again. A file can state bounds so far apart that the list fits no memory.
@@ -117,7 +118,7 @@ std::uint64_t repeatsOf(const ChunkGrid& grid, std::uint32_t key) {
     return steps - std::min<std::uint64_t>(steps, 1);
 }
 
-// A scene of one cell needs no pass to be refused.
+// A scene of one cell can be refused without a pass.
 std::uint64_t bytesToMeasure(const SplatSource::Source& source, const Settings& settings) {
     const std::uint64_t least = leastMemory(source, 1, 0, settings);
     if (settings.maxMemory >= least) {
@@ -162,7 +163,7 @@ void MeasurePass::forEachWindow(const Windows& all, Crew& crew,
     });
 }
 
-// The window's ranges settle most cases. Single coordinates are checked only where one is not finite or lies
+// The window's ranges decide most cases. Single coordinates are checked only if one is not finite or lies
 // outside the stated box.
 void MeasurePass::lookAtPositions(std::uint64_t count, const RawRanges::Positions& ranges, Found& own) {
     const float* const records = own.window.get();
@@ -255,7 +256,8 @@ void MeasurePass::scanBox() {
     });
 }
 
-// The measured box starts from the origin, so it holds it. A source may state the box of its records instead.
+// The measured box starts from the origin and so contains it. A source may state the box of its records
+// instead.
 void MeasurePass::settleBox(Measured& measured) const {
     measured.isBoxStated = statedBox.has_value();
     if (statedBox) {
@@ -290,7 +292,7 @@ void MeasurePass::settleBox(Measured& measured) const {
 void MeasurePass::addKeys(const float* records, std::size_t stride, std::uint64_t count,
                           const ChunkGrid& grid, Found& own) {
     cellKeys(records, stride, count, grid, own.keys.data());
-    constexpr std::size_t manyCells = 1024; // more than the first-level cache knows
+    constexpr std::size_t manyCells = 1024; // more than the first-level cache holds
     const bool looksAhead = own.cells.size() > manyCells;
     for (std::uint64_t i = 0; i < count; ++i) {
         if (looksAhead && i + keysAhead < count) {
@@ -327,7 +329,7 @@ bool MeasurePass::countAgain(const ChunkGrid& grid) {
         own->cells.clear();
     }
     Crew crew(settings.progress);
-    crew.advance(source.count); // the pass has done all splats, and says so when it ends
+    crew.advance(source.count); // all splats count as done already, so progress does not start again
     try {
         if (plan.keptBytes > 0) {
             countKept(grid, crew);
@@ -341,7 +343,7 @@ bool MeasurePass::countAgain(const ChunkGrid& grid) {
     return true;
 }
 
-// Into the first worker's table. False when they do not fit.
+// Joins all counts in the first worker's table. False when they do not fit.
 bool MeasurePass::joinCounts() {
     CellCounts& all = found.front()->cells;
     std::uint64_t others = 0;
@@ -363,7 +365,7 @@ bool MeasurePass::joinCounts() {
     return true;
 }
 
-// One worker has all of the memory.
+// Counts on one worker, which has all of the memory.
 void MeasurePass::countAlone(const ChunkGrid& grid) {
     dropPositions();
     found.resize(1);
@@ -405,7 +407,7 @@ void MeasurePass::requireMemory(std::uint64_t cells, std::uint64_t repeated, Mea
     }
 }
 
-// When the walk meets a key again, it lists a cell that is already empty.
+// The walk may meet a key again. It then lists a cell without splats.
 void listCells(const CellCounts& counts, Measured& measured) {
     std::uint64_t listed = 0;
     std::vector<bool> isListed(counts.size());

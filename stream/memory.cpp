@@ -17,9 +17,9 @@ namespace {
 
 constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
 
-// Of measure, and of place where memory is short.
+// The window of measure, and of place if memory is short.
 constexpr std::uint64_t smallWindow = 1024; // records
-// Of place: the larger the window, the more records of a cell get adjacent places. This one, 1 MB with
+// The window of place. The larger it is, the more records of a cell get adjacent places. This size, 1 MB with
 // coefficients, still fits the second-level cache.
 constexpr std::uint64_t largeWindow = 4096;
 
@@ -31,12 +31,13 @@ std::uint64_t windowOf(std::uint64_t records, const Settings& settings, std::uin
 
 // What one worker of place allocates.
 std::uint64_t placeWorkerBytes(bool hasCoefficients, std::uint64_t windowRecords, std::uint64_t cells) {
-    constexpr std::uint64_t ofRecord = 2 * sizeof(std::uint32_t) + 64; // key, slot, and the slot's own
+    constexpr std::uint64_t ofRecord =
+        2 * sizeof(std::uint32_t) + 64; // key, slot number, and the slot itself
     return windowRecords * (recordLayout(hasCoefficients).floats * sizeof(float) + ofRecord) +
            cells * sizeof(std::uint32_t);
 }
 
-// What the workers share, but for the pages.
+// What the workers share, without the pages.
 std::uint64_t sharedBytes(std::uint64_t cells, std::uint64_t repeated) {
     return KeyTable::bytesFor(cells) + Places::bytesFor(cells) + (cells + repeated) * sizeof(Cell);
 }
@@ -47,13 +48,13 @@ std::uint64_t leastToPlace(bool hasCoefficients, std::uint64_t windowRecords, st
            leastPages(cells, 1, windowRecords) * PagePool::pageBytes(1, hasCoefficients);
 }
 
-// The memory of a run without a limit. It is small where few cells fill side by side. Many cells get more,
-// because writing small pieces is slow.
+// The memory of a run without a limit. A little is enough if few cells fill side by side. Many cells get
+// more, because writing small pieces is slow.
 constexpr std::uint64_t fewCellsBudget = 48 * mebibyte;
 constexpr std::uint64_t manyCellsBudget = 440 * mebibyte;
 constexpr std::uint64_t smallPage = 1024; // records
 
-// The largest pages that fit.
+// The plan with the largest pages that fit.
 std::optional<PlacePlan> placeWithin(const Measured& measured, const Settings& settings, unsigned workers,
                                      std::uint64_t budget, std::uint64_t window) {
     PlacePlan plan;
@@ -94,7 +95,7 @@ std::uint64_t splatsExpected(const SplatSource::Source& source, const Settings& 
 
 namespace {
 
-// But for the memory: the window and what a worker needs beside it.
+// The plan before memory is divided: the window, and what else a worker needs.
 MeasurePlan leastMeasure(const SplatSource::Source& source, const Settings& settings) {
     MeasurePlan plan;
     plan.windowRecords = windowOf(source.count, settings);
@@ -108,8 +109,7 @@ MeasurePlan leastMeasure(const SplatSource::Source& source, const Settings& sett
 
 } // namespace
 
-// As many workers as fit. Positions are kept where they fit as well, and leave half of the memory to the
-// cells.
+// Plans as many workers as fit. Positions are kept if they leave half of the memory to the cells.
 MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& settings, std::uint64_t bytes) {
     MeasurePlan plan = leastMeasure(source, settings);
     const std::uint64_t windows = source.count / plan.windowRecords + 1;

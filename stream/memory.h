@@ -1,4 +1,4 @@
-// How the passes divide the memory that they may allocate, and the least that a conversion takes.
+// Divides the memory that the passes may allocate, and finds the least that a conversion needs.
 #pragma once
 
 #include "stream/conversion.h"
@@ -13,8 +13,8 @@ struct MeasurePlan {
     unsigned workers = 1;
     std::uint64_t windowRecords = 1;
     std::uint64_t windowFloats = 1; // of a worker's window
-    std::uint64_t workerBytes = 0;  // of one worker, but for the cells that it counts
-    std::uint64_t keptBytes = 0;    // for x and y of every splat; 0: they are read again where needed
+    std::uint64_t workerBytes = 0;  // of one worker, without the cells that it counts
+    std::uint64_t keptBytes = 0;    // for x and y of every splat; 0: they are read again if needed
     std::uint64_t keptRecords = 0;  // in one block of these
     std::uint64_t spareBytes = 0;   // for counting cells, all workers together
 };
@@ -28,20 +28,20 @@ struct PlacePlan {
     std::uint64_t bytes = 0; // at its peak
 };
 
-// The splats that the choice of the grid goes by, before any are dropped.
+// The number of splats that decides the grid, before any are dropped.
 std::uint64_t splatsExpected(const SplatSource::Source& source, const Settings& settings);
 
-// Listed cells that have splats.
+// The number of listed cells that have splats.
 std::uint64_t filledCells(const Measured& measured);
 
-// Within this many bytes, at least those of one worker.
+// The plan of measure within `bytes`, or for one worker if that needs more.
 MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& settings, std::uint64_t bytes);
 
-// Within settings.maxMemory. Throws TooLittleMemory.
+// The plan of place within settings.maxMemory. Throws TooLittleMemory.
 PlacePlan planPlace(const Measured& measured, const Settings& settings);
 
-// The bytes with which both passes succeed on one worker, and not with one byte less. The splats lie in this
-// many cells, of whatever size, and so many more are listed again.
+// The least bytes with which both passes succeed, on one worker, for splats in `cells` cells of any size, of
+// which `repeated` are listed again.
 std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
                           const Settings& settings);
 

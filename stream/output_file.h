@@ -16,9 +16,9 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // Reserves this many bytes from the start of the file, where the file system can. A full disk then shows
-    // before the work, and writing finds its place sooner. Calls `pause` now and then: to reserve a gigabyte
-    // in memory takes some tenths of a second. Throws WriteError when the bytes are not available, and what
+    // Reserves this many bytes from the start of the file, if the file system can. A full disk then shows
+    // before the work, and writes are faster. Calls `pause` now and then, because reserving a gigabyte in
+    // memory takes some tenths of a second. Throws WriteError when the bytes are not available, and what
     // `pause` throws.
     void reserve(std::uint64_t bytes, const std::function<void()>& pause);
 

@@ -29,14 +29,13 @@ void forEachHolder(const std::vector<Cell>& cells, std::uint64_t pageRecords, Vi
 
 } // namespace
 
-// A worker that finds no page for a cell fills in the records of the cells before it, then waits while the
-// others do the same. Then most pages are about to become free. The exceptions are the holders' pages and the
-// worker's own pages for this one cell. The latter are its whole pages, the page that was open before, and
-// the cell's first and last page, which may be short. That is the least.
+// `least`: a worker that finds no page for a cell fills in the records of the cells before it, then waits
+// while the others do the same. Most pages then become free. Two kinds do not. The first are the holders'
+// pages. The second are the worker's own pages for this cell: the whole ones, the page that was open before,
+// and the cell's first and last page, which may be short.
 //
-// With what is wanted, a worker seldom waits: a window completes as many pages as its records fill, on
-// average, and they wait for the other workers' records. Only where all cells come to the end of a page
-// together are there more.
+// `wanted`: on average a window completes as many pages as its records fill, and these wait for the other
+// workers' records. There are more only if all cells reach the end of a page at the same time.
 PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
                    unsigned workers) {
     PagePlan plan{.pageRecords = pageRecords};
@@ -55,13 +54,13 @@ PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, st
 
 std::uint64_t PagePool::pageBytes(std::uint64_t pageRecords, bool hasCoefficients) {
     return pageRecords * (dataRecordSize + (hasCoefficients ? packedCoefficientsSize : 0)) + sizeof(Page) +
-           sizeof(void*); // its place in free_
+           sizeof(void*); // its entry in free_
 }
 
 PagePool::PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most)
     : pageRecords_(pageRecords), hasCoefficients_(hasCoefficients), most_(most) {}
 
-// Make several pages at a time, in a block of whole huge pages: one, or three with coefficients.
+// Makes several pages at a time, in a block of whole huge pages: one, or three with coefficients.
 void PagePool::makeMore() {
     const std::uint64_t dataBytes = pageRecords_ * dataRecordSize;
     const std::uint64_t coefficientBytes = hasCoefficients_ ? pageRecords_ * packedCoefficientsSize : 0;

@@ -1,4 +1,4 @@
-// The output cut into pages: pieces of records that are filled in memory and written whole.
+// Cuts the output into pages: pieces of records that are filled in memory and written whole.
 //
 // A page belongs to one large cell or to a run of small ones, so that it is open as briefly as possible. All
 // positions count records of the output, cell by cell.
@@ -18,24 +18,24 @@
 
 namespace Tavrin::SplatStream {
 
-// Most records of a page. Larger pages are written no faster.
+// The most records of a page. Larger pages are not written faster.
 inline constexpr std::uint64_t mostPageRecords = 4096;
 
 // How a scene's cells are cut into pages of one size.
 struct PagePlan {
     std::uint64_t pageRecords = 1; // a power of two
     std::uint64_t holders = 0; // large cells and runs of small ones: each has a page that waits for records
-    std::uint64_t least = 0;   // pages with which the pass never comes to a stop
-    std::uint64_t wanted = 0;  // pages with which workers seldom wait; never more than the output has
+    std::uint64_t least = 0;   // pages with which the pass cannot come to a stop
+    std::uint64_t wanted = 0;  // pages with which workers seldom wait; at most those of the output
 };
 
-// The pages with which a pass over so many holders never comes to a stop.
+// The pages with which a pass over `holders` holders cannot come to a stop.
 constexpr std::uint64_t leastPages(std::uint64_t holders, std::uint64_t pageRecords,
                                    std::uint64_t windowRecords) {
     return holders + windowRecords / pageRecords + 3;
 }
 
-// windowRecords: the number of records that take their places at once.
+// Cuts the cells into pages of `pageRecords` records. A window has `windowRecords` records.
 PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, std::uint64_t windowRecords,
                    unsigned workers);
 
@@ -43,12 +43,12 @@ PagePlan planPages(const std::vector<Cell>& cells, std::uint64_t pageRecords, st
 struct Page {
     std::uint64_t first = 0;                // its first record in the output
     std::uint32_t records = 0;              // of the page
-    std::atomic<std::uint32_t> missing = 0; // that are not filled in yet
+    std::atomic<std::uint32_t> missing = 0; // records that are not filled in yet
     std::byte* data = nullptr;              // records * 32 bytes
-    std::byte* coefficients = nullptr;      // records * 64 bytes, where there are any
+    std::byte* coefficients = nullptr;      // records * 64 bytes; null without coefficients
 };
 
-// Memory for pages. It makes as many as are needed, up to a limit, and reuses them. Thread-safe.
+// Memory for pages. Makes as many as are needed, up to a limit, and reuses them. Thread-safe.
 class PagePool {
 public:
     PagePool(std::uint64_t pageRecords, bool hasCoefficients, std::uint64_t most);
@@ -56,7 +56,7 @@ public:
     // A free page, or null while the limit is in use. Throws std::bad_alloc.
     Page* take();
     void giveBack(Page* page);
-    // Returns once a page is free or stop was called.
+    // Returns when a page is free or stop was called.
     void wait();
     void stop();
 
@@ -77,7 +77,7 @@ private:
     void makeMore();
 };
 
-// Where the next records of each cell go. Not thread-safe: the workers take their places in turn.
+// The places of the next records of each cell. Not thread-safe: the workers take their places in turn.
 class Places {
 public:
     Places(const std::vector<Cell>& cells, std::uint64_t pageRecords);
@@ -89,15 +89,15 @@ public:
         std::uint32_t count;
     };
 
-    // How many records of a cell have no place yet. `cell` counts only cells that have splats.
+    // The number of records of a cell without a place. `cell` counts only cells that have splats.
     std::uint64_t left(std::uint32_t cell) const { return cells_[cell].end - cells_[cell].next; }
 
-    // Prefetch the cache lines that take will read: first those of the cells, then those of their holders.
+    // Prefetch the cache lines that take will read, first those of the cells, then those of their holders.
     void prefetchCell(std::uint32_t cell) const { GaussionSplat::prefetch(&cells_[cell]); }
     void prefetchHolder(std::uint32_t cell) const { GaussionSplat::prefetch(&holders_[cells_[cell].holder]); }
 
-    // Appends the places of the next `count` records of a cell, at most left(cell). There are fewer where the
-    // pool has no more pages. Returns how many.
+    // Appends the places of the next `count` records of a cell, at most left(cell), to `segments`. Returns
+    // their number, which is smaller if the pool has no more pages.
     std::uint64_t take(std::uint32_t cell, std::uint64_t count, PagePool& pool,
                        std::vector<Segment>& segments);
 
@@ -117,7 +117,7 @@ private:
         Page* page = nullptr;
         std::uint64_t first = 0; // of a run: its extent
         std::uint64_t end = 0;
-        std::uint64_t left = 0; // records of the open page whose places are not taken yet
+        std::uint64_t left = 0; // places of the open page that are not taken yet
     };
 
     std::uint64_t pageRecords_;

@@ -62,7 +62,7 @@ public:
     }
 
 private:
-    std::mutex mutex_; // next_ and isStopped_ change under it: a worker that is about to sleep misses nothing
+    std::mutex mutex_; // guards changes of next_ and isStopped_, so that a worker about to sleep misses none
     std::condition_variable passed_;
     std::atomic<std::uint64_t> next_ = 0;
     bool isStopped_ = false;
@@ -76,7 +76,7 @@ public:
     void run();
 
 private:
-    // One cell of a window: how many records it has there, and where the next of them goes.
+    // One cell of a window: its number of records there, and the place of the next one.
     struct Slot {
         std::uint32_t cell = 0;
         std::uint32_t count = 0;
@@ -103,7 +103,7 @@ private:
     std::size_t recordFloats_;
     FastQuantiser quantiser_;
     bool isSingle_;
-    bool hasManyCells_; // more than the first-level cache knows
+    bool hasManyCells_; // more than the first-level cache holds
     KeyTable numbers_;
     Places places_;
     PagePool pool_;
@@ -149,7 +149,7 @@ void PlacePass::failChanged() const {
         "the scene's records are not those that were measured: start again once nothing writes to the input");
 }
 
-// Count the window's records by cell and number its cells.
+// Counts the window's records by cell and numbers its cells.
 void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     std::uint32_t* const keys = worker.keys.data();
     if (isSingle_) {
@@ -178,12 +178,12 @@ void PlacePass::findSlots(std::uint64_t count, Worker& worker) {
     }
     for (const Slot& slot : worker.slots) {
         worker.slotOf[slot.cell] = notListed;
-        places_.prefetchHolder(slot.cell); // before the turn: all others wait for that
+        places_.prefetchHolder(slot.cell); // before the turn, because all others wait for it
     }
 }
 
-// Take places for all records of the window, in its turn. Where memory is short, pages become free only once
-// others are full; so slots that have their places are filled in first. Returns how many slots those were, or
+// Takes places for all records of the window, in its turn. If memory is short, pages become free only when
+// others are full, so slots that have their places are filled in first. Returns the number of these slots;
 // nothing when the crew was stopped.
 std::optional<std::size_t> PlacePass::takePlaces(std::uint64_t window, std::uint64_t count, Worker& worker) {
     worker.segments.clear();
@@ -226,17 +226,17 @@ void PlacePass::settle(Slot& slot, const Worker& worker) const {
 // Prefetch distance, in splats.
 constexpr std::uint64_t splatsAhead = 16;
 
-// Above this many cells in a window, a cell's next splat comes long after the one before. Its place is then
-// prefetched splatsAhead splats ahead, and otherwise with the splat before.
+// Above this many cells in a window, a cell's splats come at long intervals. A place is then prefetched
+// splatsAhead splats ahead, otherwise with the cell's previous splat.
 constexpr std::size_t manySlots = 256;
 
-// The place may have moved on by a record or two when the splat comes.
+// By the time the splat comes, the place may have moved on by a record or two.
 void PlacePass::prefetchPlace(const Slot& slot) {
     prefetch(slot.data);
     prefetch(slot.coefficients);
 }
 
-// Quantise the records of some slots into their places, and write the pages that become full.
+// Quantises the records of some slots into their places, and writes the pages that become full.
 void PlacePass::fill(std::size_t first, std::size_t end, std::uint64_t count, Worker& worker) {
     if (first == end) {
         return;

@@ -1,4 +1,4 @@
-// The stages of place. Log lines stand between them.
+// The two stages of place. The log has lines between them.
 #pragma once
 
 #include "stream/conversion.h"

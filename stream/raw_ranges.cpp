@@ -48,7 +48,7 @@ void rangesOfWindow(const float* records, std::uint64_t count, bool hasCoefficie
     anyColumnRanges(records, count, hasCoefficients, columns);
 }
 
-// Where a copied attribute's columns stand in a record.
+// The columns of a copied attribute in a record.
 struct Columns {
     std::size_t at;
     std::size_t width;
@@ -61,8 +61,8 @@ Columns columnsOf(std::size_t attribute) {
 }
 static_assert(positionAt == 0 && normalAt == 3);
 
-// The range of a value decoded from one column. The decoding function never falls as its argument rises, and
-// it gives a number for every number.
+// The range of a value decoded from one column. The decoding function is monotonic: it never falls as its
+// argument rises. It gives a number for every number.
 template <typename Decode>
 ValueRange decodedRange(const ValueRange& raw, Decode decode) {
     if (!(raw.min <= raw.max)) {
@@ -98,9 +98,9 @@ ValueRange RawRanges::copiedRange(std::size_t attribute) const {
     return range;
 }
 
-// A zero matters only where a bound of the whole scene is zero. No value then lies beyond that bound. So it
-// is the bound of the records seen so far as soon as one of them is zero. Hence the first zero is in the
-// window in which a bound became zero, and only that window is searched.
+// The first zero matters only if a bound of the whole scene is zero. No value then lies beyond zero, so the
+// bound of the records seen so far becomes zero with the first zero. Hence only the window in which a bound
+// became zero has to be searched.
 void RawRanges::findZeros(const float* records, std::uint64_t count, std::uint64_t first) {
     const std::size_t stride = recordLayout(hasCoefficients_).floats;
     for (std::size_t attribute = 0; attribute < (hasCoefficients_ ? copiedCount : 6); ++attribute) {

@@ -1,4 +1,4 @@
-// The extremes of every column of raw records, and the ranges of the decoded values.
+// Finds the extremes of every column of raw records, and from them the ranges of the decoded values.
 #pragma once
 
 #include "src/chunker_decode.h"
@@ -21,11 +21,11 @@ public:
     // The first columns of some records: x, y and z.
     using Positions = std::array<GaussionSplat::ValueRange, 3>;
 
-    // Widen by records, the first of which is record `first` of the scene. Each call must bring later records
-    // than the one before. Returns the ranges of their positions.
+    // Widens by `count` records, the first of which is record `first` of the scene. Each call must bring
+    // later records than the one before. Returns the ranges of their positions.
     Positions widen(const float* records, std::uint64_t count, std::uint64_t first);
 
-    // Widen by the bounds of other records of the scene, earlier or later.
+    // Widens by the bounds of other records of the scene, earlier or later.
     void widen(const RawRanges& other);
 
     // The bounds of column i over all records so far.

@@ -37,7 +37,7 @@ void Crew::run(unsigned workers, const std::function<void(unsigned)>& body) {
             threads.emplace_back([this, worker, &body] { work(worker, body); });
         }
     } catch (const std::system_error&) {
-        // The system gives no more threads: those that run share the work.
+        // The system gives no more threads, so those that run share the work.
     } catch (...) {
         fail(std::current_exception());
     }

@@ -13,8 +13,8 @@ namespace Tavrin::SplatThreads {
 
 class Crew {
 public:
-    // Called now and then, by one worker at a time, with the units of work that are done. What it throws ends
-    // the task.
+    // Called now and then, by one worker at a time, with the units of work that are done. An exception from
+    // it ends the task.
     using Progress = std::function<void(std::uint64_t done)>;
 
     explicit Crew(Progress progress = {}) : progress_(std::move(progress)) {}
@@ -24,15 +24,15 @@ public:
     // that left a body or the progress function; the other workers see isStopped.
     void run(unsigned workers, const std::function<void(unsigned worker)>& body);
 
-    // Runs body(worker, item) once for each item below `items`, in order of their beginnings, on at most
-    // `workers` workers. After a failure no item is begun.
+    // Runs body(worker, item) once for each item below `items`, on at most `workers` workers. Items begin in
+    // their order. After a failure none begins.
     void share(unsigned workers, std::uint64_t items,
                const std::function<void(unsigned worker, std::uint64_t item)>& body);
 
-    // A worker has failed. Every worker that sees it returns from its body.
+    // True when a worker has failed. A worker that sees it returns from its body.
     bool isStopped() const { return stopped_.load(std::memory_order_relaxed); }
 
-    // Called once, by the first worker that fails. It wakes those that wait.
+    // `wake` is called once, by the first worker that fails. It wakes those that wait.
     void onStop(std::function<void()> wake) { wake_ = std::move(wake); }
 
     // Adds to the units of work that are done. Calls the progress function now and then and passes its
