@@ -20,7 +20,7 @@ namespace Tavrin::GaussionSplat {
 
 namespace {
 
-// Decoded blocks that an exception leaves in the list are freed with it.
+// Frees the decoded blocks that an exception leaves in the list.
 struct ReleaseBlocks {
     BlockList& chunks;
     std::uint32_t recordSize;
@@ -37,7 +37,7 @@ bool exists(const std::string& path) {
     return status.type() != std::filesystem::file_type::not_found;
 }
 
-// Remove output with everything under it and create it anew, with all missing parents.
+// Removes output with everything under it, and creates it anew with all missing parents.
 void recreateFolder(const std::string& output) {
     const std::filesystem::path native = nativePath(output);
     std::error_code error;

@@ -1,4 +1,4 @@
-// What both parallel passes share: cutting a file into blocks and reading the records of a block.
+// Cuts a file into blocks and reads the records of a block, for both parallel passes.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 namespace Tavrin::GaussionSplat {
 
 // Records of one block, the unit of work of both parallel passes: 2,000,000. Only tests set it, to get
-// several blocks in a small scene; nothing that ships writes it.
+// several blocks in a small scene.
 extern std::uint64_t blockSplats;
 
 // Records of a window. A window of the larger records is 254 KB and stays in the second-level cache between

@@ -1,4 +1,4 @@
-// Sharing the last blocks of a pass: a worker that finds no block left to begin helps another worker with its
+// Shares the last blocks of a pass: a worker that finds no block left to begin helps another worker with its
 // block.
 //
 // Blocks are large and few. Without help the others would idle while one worker finishes the last block.

@@ -30,7 +30,7 @@ struct ChunkGrid {
 // cell size of a grid and a single cell.
 inline constexpr std::uint64_t singleCellSplats = 1'000'000;
 
-// Whether nearIndex may be called.
+// True if nearIndex may be called.
 inline bool isNear(float cells) {
     return cells > -1e9f && cells < 1e9f;
 }

@@ -20,7 +20,7 @@ constexpr const char* sourcePath = "src/chunker";
 
 std::mutex chunkerMutex; // the chunker's lock; chunker_pass.h says what it guards
 
-// Null where there is no memory. Only for what the conversion can do without.
+// Null if there is no memory. Only for arrays that the conversion can do without.
 template <typename Element>
 LargeArray<Element> tryLargeArray(std::uint64_t count) {
     try {

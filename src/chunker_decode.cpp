@@ -164,7 +164,7 @@ inline void putTogether(const float* a, const float* b, const float* c, const fl
     _mm_storeu_ps(records + 3 * stride, fourth);
 }
 
-// The value behind the colours is stored back unchanged.
+// The value after the colours is stored back unchanged.
 inline void loadFour(const float* records, const RecordLayout& layout, Tile& tile, std::size_t i) {
     takeApart(records + colourAt, layout.floats, tile.colour[0] + i, tile.colour[1] + i, tile.colour[2] + i,
               tile.behindColour + i);
@@ -185,7 +185,7 @@ inline void storeFour(float* records, const RecordLayout& layout, const Tile& ti
 
 #else
 
-constexpr std::size_t recordsAtOnce = tileRecords + 1; // never so many
+constexpr std::size_t recordsAtOnce = tileRecords + 1; // no tile has that many
 
 inline void loadFour(const float*, const RecordLayout&, Tile&, std::size_t) {}
 inline void storeFour(float*, const RecordLayout&, const Tile&, std::size_t) {}

@@ -1,4 +1,4 @@
-// Counting, making and filling the cells of one level while the index is built.
+// Counts, makes and fills the cells of one level while the index is built.
 #pragma once
 
 #include "src/cells.h"

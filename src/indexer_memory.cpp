@@ -16,7 +16,7 @@ std::uintptr_t pageAtOrBehind(std::uintptr_t address) {
     return (address + largePage - 1) / largePage * largePage;
 }
 
-// The first record, starting with `from`, that has a byte at or behind address.
+// The first record, starting with `from`, that has a byte at or after address.
 SplatsData* recordReaching(std::uintptr_t address, SplatsData* from) {
     return from + (address - addressOf(from)) / sizeof(SplatsData);
 }

@@ -1,4 +1,4 @@
-// The memory under the records of one level.
+// Provides the memory of the records of one level.
 //
 // The system clears memory before it hands it out, which costs more than filling the records. So spare pages
 // replace the huge pages inside the cells' vectors just before their first use. Spare pages are pages of
@@ -52,7 +52,7 @@ public:
     // belong to another allocation by the time a record needs a page.
     void withdrawDonations();
 
-    // Call before the first write to a record at or behind backedEnd.
+    // Call before the first write to a record at or after backedEnd.
     void back(SplatsData* record, CellRecords& cell);
 
     std::uint64_t sparePages() const { return spare_.size(); }

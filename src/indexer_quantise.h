@@ -1,4 +1,4 @@
-// Quantising one decoded splat into its output record.
+// Quantises one decoded splat into its output record.
 #pragma once
 
 #include "src/indexer_records.h"

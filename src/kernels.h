@@ -5,14 +5,14 @@
 #include <cstdint>
 #include <vector>
 
-// Whether the build has vectors of four floats.
+// 1 if the build has vectors of four floats.
 #if defined(__SSE2__) || defined(_M_X64)
 #define PLYCONVERT_SSE2 1
 #else
 #define PLYCONVERT_SSE2 0
 #endif
 
-// Whether the compiler can translate single functions for wider vectors than the build's own.
+// 1 if the compiler can translate single functions for wider vectors than the build's own.
 #if defined(__GNUC__) && defined(__x86_64__)
 #define PLYCONVERT_AVX2 1
 #else
@@ -28,7 +28,7 @@ enum class Kernels : std::uint8_t { baseline, avx2 };
 std::vector<Kernels> supportedKernels();
 
 // The kernels of every conversion: the first of supportedKernels. Only tests set others, while no conversion
-// runs; nothing that ships writes it.
+// runs.
 extern Kernels chosenKernels;
 
 inline constexpr std::size_t cacheLine = 64; // bytes

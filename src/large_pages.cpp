@@ -133,7 +133,7 @@ bool moveLargePage(void* from, void* to) {
 }
 
 void useLargePages(void* part, std::uint64_t bytes) noexcept {
-    (void)madvise(part, bytes, MADV_HUGEPAGE); // where it is refused the part stays on ordinary pages
+    (void)madvise(part, bytes, MADV_HUGEPAGE); // if the system refuses, the part stays on ordinary pages
 }
 
 // The part is rounded outwards to the system's pages. Advice changes no content beside it.

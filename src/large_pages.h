@@ -29,7 +29,7 @@ void freeLarge(void* block, std::uint64_t bytes) noexcept;
 // the system fails half-way and the addresses of `to` cannot be mapped again.
 bool moveLargePage(void* from, void* to);
 
-// Whether moveLargePage works here, as far as the system tells beforehand.
+// True if moveLargePage works here, as far as the system tells beforehand.
 bool largePagesMove() noexcept;
 
 // Advise the system to use huge pages for a part of an allocation. The part is whole, aligned huge pages.

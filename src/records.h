@@ -24,7 +24,7 @@ inline constexpr std::size_t coefficientsAt = 9; // 15 red, 15 green, 15 blue; o
 inline constexpr std::size_t coefficientsPerChannel = 15;
 inline constexpr std::size_t coefficientFloats = 3 * coefficientsPerChannel;
 
-// Where the attributes behind the colour start.
+// The offsets, in floats, of the attributes after the colour.
 struct RecordLayout {
     std::size_t floats; // of the whole record
     std::size_t opacity;

@@ -34,9 +34,9 @@ private:
     std::ifstream file_;
     std::vector<char> buffer_;
     std::size_t used_ = 0;   // bytes of buffer_ handed out
-    std::size_t filled_ = 0; // bytes of buffer_ that hold something
+    std::size_t filled_ = 0; // bytes of buffer_ in use
     std::int64_t position_ = 0;
-    bool ended_ = false; // there is nothing behind buffer_
+    bool ended_ = false; // the file has no more than buffer_
 };
 
 } // namespace Tavrin::GaussionSplat

@@ -1,5 +1,5 @@
-// Reading of header numbers. Accepts what the standard's string conversions accept in the C locale. Error
-// texts do not depend on the C++ library.
+// Parses header numbers. Accepts what the standard's string conversions accept in the C locale. Error texts
+// do not depend on the C++ library.
 #pragma once
 
 #include <cstdint>

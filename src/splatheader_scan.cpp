@@ -31,7 +31,7 @@ void scanWindows(ScanJob& job, RecordReader& reader, ScanPass& pass) {
     const std::uint64_t recordFloats = task.stride / sizeof(float);
     const LargeArray<float> window =
         makeLargeArray<float>(std::min(task.count, windowRecords) * recordFloats);
-    LaneRanges<4> bounds; // x, y, z, and the value behind to fill the vector
+    LaneRanges<4> bounds; // x, y, z, and the next value to fill the vector
     job.windows.takeAll([&](std::uint64_t first, std::uint64_t count) {
         reader.read(task.offset + first * task.stride, window.get(), count * task.stride);
         bounds.widen(window.get(), count, recordFloats);
