@@ -16,7 +16,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <set>
@@ -62,20 +61,6 @@ std::string checkDatetime(const std::string& word) {
                           : fmt::format("{} is not a date and time in UTC: write it like 2024-05-01 or "
                                         "2024-05-01T12:30:00Z",
                                         word);
-}
-
-// A conversion replaces only a folder without other files, so the catalogue may not lie in one.
-void checkTarget(const CatalogueOptions& options) {
-    checkTargetFile(options.file(), options.force);
-    const fs::path target = pathFromText(options.file());
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    for (const std::string& dataset : options.datasets()) {
-        if (identityOf(folder) == identityOf(pathFromText(dataset))) {
-            throw Failure(ExitStatus::outputRefused,
-                          fmt::format("{}: a dataset is in this folder: write the catalogue beside it",
-                                      options.file()));
-        }
-    }
 }
 
 // The folders as absolute paths. Each may be given once.
@@ -201,20 +186,6 @@ void nameOverlaps(const std::vector<CatalogueItem>& items, Remarks& remarks) {
     }
 }
 
-void write(const CatalogueOptions& options, const std::string& text) {
-    PartialFile partial(pathFromText(options.file()));
-    std::ofstream file(partial.path(), std::ios::binary);
-    file << text;
-    file.close();
-    if (!file) {
-        throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: the catalogue cannot be written: make room, or write it elsewhere",
-                                  options.file()));
-    }
-    throwIfInterrupted();
-    partial.publish();
-}
-
 void printSummary(const CatalogueOptions& options, const std::vector<CatalogueItem>& items) {
     std::set<std::int32_t> codes;
     std::uint64_t splats = 0;
@@ -235,7 +206,7 @@ ExitStatus runCatalogue(const CatalogueOptions& options) {
     requireWord(options.file(), "CITY.json", "a file");
     requireProjections();
     const std::vector<fs::path> folders = foldersOf(options.datasets());
-    checkTarget(options);
+    checkOutputFile(options.file(), options.force, options.datasets(), "catalogue");
     catchInterrupts("what was written is removed");
     Progress progress(!options.quiet && standardErrorIsTerminal());
     Tiles tiles = readTiles(options.datasets(), usableProcessors(), [&](double share) {
@@ -264,7 +235,9 @@ ExitStatus runCatalogue(const CatalogueOptions& options) {
         items.push_back(itemOf(std::move(tile), ids.at(place), options, footprints, remarks));
     }
     nameOverlaps(items, remarks);
-    write(options, catalogueText(items, placeOf(options)));
+    const std::string text = catalogueText(items, placeOf(options));
+    throwIfInterrupted();
+    writeWholeFile(pathFromText(options.file()), text);
     if (!options.quiet) {
         printSummary(options, items);
     }
@@ -290,8 +263,7 @@ void addCatalogueCommand(CLI::App& program, Action& chosen) {
                      "when the tiles were captured, in UTC (default: when made)")
         ->type_name("TIME")
         ->check(checkDatetime);
-    command->add_flag("--force", options->force, "replace an existing file");
-    command->add_flag("--quiet", options->quiet, "print nothing but errors");
+    addFileFlags(*command, options->force, options->quiet);
     command->callback([options, &chosen] { chosen = [options] { return runCatalogue(*options); }; });
 }
 

@@ -284,7 +284,7 @@ void addConvertCommand(CLI::App& program, Action& chosen) {
                   "the scenes, merged in this order, and the\ndataset's folder; an earlier one is replaced");
     command->add_flag("--force", options->force, "replace the folder with everything that it holds");
     command->add_flag("--dry-run", options->dryRun, "check everything, print the plan, convert nothing");
-    command->add_flag("--quiet", options->quiet, "print nothing but errors");
+    addQuietFlag(*command, options->quiet);
     command->add_flag("--json", options->json, "print the summary or the plan as JSON");
     command->add_flag("--allow-loss", options->allowLoss,
                       "publish even if splats outside the grid are left out");

@@ -7,7 +7,6 @@
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
-#include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -29,29 +28,6 @@ struct ExportOptions {
     bool force = false;
     bool quiet = false;
 };
-
-void checkTarget(const ExportOptions& options) {
-    const fs::path target = pathFromText(options.scene);
-    checkTargetFile(options.scene, options.force);
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    if (identityOf(folder) == identityOf(pathFromText(options.dataset))) {
-        throw Failure(ExitStatus::outputRefused,
-                      fmt::format("{}: the dataset itself is in this folder: write the scene elsewhere",
-                                  options.scene));
-    }
-}
-
-SplatReader::Dataset openSound(const ExportOptions& options) {
-    requireFolder(options.dataset);
-    const fs::path folder = pathFromText(options.dataset);
-    const SplatReader::VerifyReport report = SplatReader::verifyDataset(folder);
-    if (!report.sound()) {
-        throw Failure(ExitStatus::inputRefused,
-                      fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)",
-                                  options.dataset, report.findings.errors().front().text()));
-    }
-    return SplatReader::Dataset::open(folder);
-}
 
 std::uint32_t parseKey(const std::string& text) {
     const bool hex = text.starts_with("0x") || text.starts_with("0X");
@@ -97,8 +73,8 @@ ExitStatus runExport(const ExportOptions& options) {
         parseKey(text);
     }
     try {
-        const SplatReader::Dataset dataset = openSound(options);
-        checkTarget(options);
+        const SplatReader::Dataset dataset = openSound(options.dataset);
+        checkOutputFile(options.scene, options.force, {options.dataset}, "scene");
         const std::vector<std::size_t> cells = chooseCells(dataset, options);
         std::uint64_t splats = 0;
         for (const std::size_t cell : cells) {
@@ -141,8 +117,7 @@ void addExportCommand(CLI::App& program, Action& chosen) {
         ->type_name("KEY")
         ->expected(1)
         ->take_all();
-    command->add_flag("--force", options->force, "replace an existing file");
-    command->add_flag("--quiet", options->quiet, "print nothing but errors");
+    addFileFlags(*command, options->force, options->quiet);
     command->callback([options, &chosen] { chosen = [options] { return runExport(*options); }; });
 }
 

@@ -98,12 +98,8 @@ ExitStatus runNormalise(const NormaliseOptions& options) {
                      SplatSource::canonicalHeader(measured.params, statesBounds, measured.splats,
                                                   measured.hasCoefficients),
                      partial.path(), progress);
-    } catch (const SplatSource::SourceError& error) {
-        throw Failure(ExitStatus::inputRefused, error.what());
-    } catch (const SplatSource::SourceChanged& error) {
-        throw Failure(ExitStatus::conversionFailed, error.what());
-    } catch (const SplatSource::ScratchError& error) {
-        throw scratchFailure(error);
+    } catch (...) {
+        rethrowAsFailure(ExitStatus::conversionFailed);
     }
     const std::uint64_t bytes = fs::file_size(partial.path());
     partial.publish();
@@ -136,8 +132,7 @@ void addNormaliseCommand(CLI::App& program, Action& chosen) {
     auto options = std::make_shared<NormaliseOptions>();
     addInputWords(*command, options->words, "OUT.ply",
                   "the scenes, merged in this order, and the file to write");
-    command->add_flag("--force", options->force, "replace an existing file");
-    command->add_flag("--quiet", options->quiet, "print nothing but errors");
+    addFileFlags(*command, options->force, options->quiet);
     addInputOptions(*command, options->input);
     command->callback([options, &chosen] { chosen = [options] { return runNormalise(*options); }; });
 }

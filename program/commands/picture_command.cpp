@@ -10,7 +10,6 @@
 #include "program/terminal/console.h"
 #include "program/terminal/figures.h"
 #include "program/terminal/progress.h"
-#include "reader/verify.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -121,35 +120,18 @@ fs::path worldFileOf(const std::string& file) {
     return pathFromText(file).replace_extension(".pgw");
 }
 
-// A conversion replaces only a folder without other files, so none may be written into one.
 void checkTargets(const PictureOptions& options, FileKind kind) {
-    checkTargetFile(options.file(), options.force);
+    checkOutputFile(options.file(), options.force, options.datasets(), "picture");
     if (kind == FileKind::png) {
         checkTargetFile(textFromPath(worldFileOf(options.file())), options.force);
-    }
-    const fs::path target = pathFromText(options.file());
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    for (const std::string& dataset : options.datasets()) {
-        if (identityOf(folder) == identityOf(pathFromText(dataset))) {
-            throw Failure(ExitStatus::outputRefused,
-                          fmt::format("{}: the dataset itself is in this folder: write the picture beside it",
-                                      options.file()));
-        }
     }
 }
 
 std::vector<SplatReader::Dataset> openDatasets(const std::vector<std::string>& names) {
     std::vector<SplatReader::Dataset> datasets;
     for (const std::string& name : names) {
-        requireFolder(name);
         throwIfInterrupted();
-        const SplatReader::VerifyReport report = SplatReader::verifyDataset(pathFromText(name));
-        if (!report.sound()) {
-            throw Failure(ExitStatus::inputRefused,
-                          fmt::format("{}: not a sound dataset: {} (plyconvert verify shows all of it)", name,
-                                      report.findings.errors().front().text()));
-        }
-        datasets.push_back(SplatReader::Dataset::open(pathFromText(name)));
+        datasets.push_back(openSound(name));
         const std::int32_t code = datasets.back().meta().epsg;
         const std::int32_t first = datasets.front().meta().epsg;
         if (code != first) {
@@ -299,8 +281,7 @@ void addPictureCommand(CLI::App& program, Action& chosen) {
     command->add_option("--threads", options->threads, "use N threads")
         ->type_name("N")
         ->check(CLI::Range(1, mostThreads).description(""));
-    command->add_flag("--force", options->force, "replace an existing file");
-    command->add_flag("--quiet", options->quiet, "print nothing but errors");
+    addFileFlags(*command, options->force, options->quiet);
     command->callback([options, &chosen] { chosen = [options] { return runPicture(*options); }; });
 }
 

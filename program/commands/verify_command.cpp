@@ -68,16 +68,12 @@ Result verify(const VerifyOptions& options, Progress& progress) {
                 });
             source->requireUnchanged();
             result.ledger = source->ledger();
-        } catch (const SplatSource::SourceError& error) {
-            throw Failure(ExitStatus::inputRefused, error.what());
-        } catch (const SplatSource::SourceChanged& error) {
-            throw Failure(ExitStatus::inputRefused, error.what());
-        } catch (const SplatSource::ScratchError& error) {
-            throw scratchFailure(error);
         } catch (const SplatReader::DatasetError& error) { // it changed meanwhile
             const SplatReader::Finding& finding = error.finding();
             result.report.findings.error(finding.kind, finding.file, finding.offset, finding.expected,
                                          finding.found);
+        } catch (...) {
+            rethrowAsFailure(ExitStatus::inputRefused);
         }
     }
     const SplatReader::Findings& findings = result.report.findings;
@@ -240,7 +236,7 @@ void addVerifyCommand(CLI::App& program, Action& chosen) {
         ->type_name("IN");
     command->add_flag("--json", options->json, "print the report as JSON");
     command->add_flag("--strict", options->strict, "fail on warnings, too");
-    command->add_flag("--quiet", options->quiet, "print nothing but errors");
+    addQuietFlag(*command, options->quiet);
     addInputOptions(*command, options->input, false);
     command->callback([options, &chosen] {
         if (options->quick && options->full) {

@@ -14,7 +14,6 @@
 #include <fmt/format.h>
 
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -25,8 +24,6 @@
 namespace Tavrin::SplatProgram {
 namespace {
 
-namespace fs = std::filesystem;
-
 struct ViewOptions {
     std::vector<std::string> words; // folders and catalogues
     std::optional<std::int32_t> epsg;
@@ -36,32 +33,13 @@ struct ViewOptions {
     bool force = false;
 };
 
-// A conversion replaces only a folder without other files, so none may be written into one.
-void checkPage(const ViewOptions& options, const std::vector<ServedDataset>& datasets) {
-    checkTargetFile(options.page, options.force);
-    const fs::path target = pathFromText(options.page);
-    const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-    for (const ServedDataset& dataset : datasets) {
-        if (identityOf(folder) == identityOf(pathFromText(dataset.folder))) {
-            throw Failure(ExitStatus::outputRefused,
-                          fmt::format("{}: the dataset itself is in this folder: write the page beside it",
-                                      options.page));
-        }
-    }
-}
-
 ExitStatus writePage(const ViewOptions& options, const std::vector<ServedDataset>& datasets) {
-    checkPage(options, datasets);
-    PartialFile partial(pathFromText(options.page));
-    std::ofstream file(partial.path(), std::ios::binary);
-    file << pageText();
-    file.close();
-    if (!file) {
-        throw Failure(
-            ExitStatus::outputRefused,
-            fmt::format("{}: the page cannot be written: make room, or write it elsewhere", options.page));
+    std::vector<std::string> folders;
+    for (const ServedDataset& dataset : datasets) {
+        folders.push_back(dataset.folder);
     }
-    partial.publish();
+    checkOutputFile(options.page, options.force, folders, "page");
+    writeWholeFile(pathFromText(options.page), pageText());
     return ExitStatus::done;
 }
 

@@ -70,18 +70,14 @@ template <typename Step>
 auto asFailures(const std::string& name, std::uint64_t splats, const Means& means, Step step) {
     try {
         return step();
-    } catch (const SplatSource::SourceError& error) {
-        throw Failure(ExitStatus::inputRefused, error.what());
-    } catch (const SplatSource::SourceChanged& error) {
-        throw Failure(ExitStatus::conversionFailed, error.what());
-    } catch (const SplatSource::ScratchError& error) {
-        throw scratchFailure(error);
     } catch (const SplatStream::WriteError& error) {
         throw Failure(
             tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::conversionFailed,
             fmt::format("{}: check the disk, its room, and the limits of this process", error.what()));
     } catch (const SplatStream::TooLittleMemory& error) {
         refuseForMemory(name, splats, error.least, means);
+    } catch (...) {
+        rethrowAsFailure(ExitStatus::conversionFailed);
     }
 }
 

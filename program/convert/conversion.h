@@ -32,7 +32,7 @@ Means meansElsewhere(unsigned threads, std::uint64_t maxMemory);
 
 // The first pass. Throws a Failure: Interrupted; InputRefused when the input cannot be read as the format
 // that it claims; DoesNotFit when the memory is too small; ConversionFailed when the input changed meanwhile;
-// and that of scratchFailure.
+// DoesNotFit or OutputRefused when the input cannot be unpacked.
 SplatStream::Measured measureSource(const std::string& name, const SplatSource::Source& source,
                                     const Means& means, const PassProgress& progress);
 

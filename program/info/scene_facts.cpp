@@ -334,12 +334,8 @@ SceneFacts readSceneFacts(const std::string& name, bool scan, const ScanProgress
         facts.place = placeOf(std::move(input));
     }
     return facts;
-} catch (const SplatSource::SourceError& error) {
-    throw Failure(ExitStatus::inputRefused, error.what());
-} catch (const SplatSource::SourceChanged& error) {
-    throw Failure(ExitStatus::inputRefused, error.what());
-} catch (const SplatSource::ScratchError& error) {
-    throw scratchFailure(error);
+} catch (...) {
+    rethrowAsFailure(ExitStatus::inputRefused);
 }
 
 } // namespace Tavrin::SplatProgram

@@ -103,12 +103,8 @@ std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& na
             refuseEmpty(namesText(names));
         }
         return scene;
-    } catch (const SplatSource::SourceError& error) {
-        throw Failure(ExitStatus::inputRefused, error.what());
-    } catch (const SplatSource::SourceChanged& error) {
-        throw Failure(ExitStatus::conversionFailed, error.what());
-    } catch (const SplatSource::ScratchError& error) {
-        throw scratchFailure(error);
+    } catch (...) {
+        rethrowAsFailure(ExitStatus::conversionFailed);
     }
 }
 
@@ -121,15 +117,22 @@ std::unique_ptr<SplatSource::Input> openHeader(const std::string& name) {
             refuseEmpty(name);
         }
         return input;
-    } catch (const SplatSource::SourceError& error) {
-        throw Failure(ExitStatus::inputRefused, error.what());
-    } catch (const SplatSource::SourceChanged& error) {
-        throw Failure(ExitStatus::inputRefused, error.what());
+    } catch (...) {
+        rethrowAsFailure(ExitStatus::inputRefused);
     }
 }
 
-Failure scratchFailure(const SplatSource::ScratchError& error) {
-    return {tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::outputRefused, error.what()};
+void rethrowAsFailure(ExitStatus changed) {
+    try {
+        throw;
+    } catch (const SplatSource::SourceError& error) {
+        throw Failure(ExitStatus::inputRefused, error.what());
+    } catch (const SplatSource::SourceChanged& error) {
+        throw Failure(changed, error.what());
+    } catch (const SplatSource::ScratchError& error) {
+        throw Failure(tellsOfFullDisk(error.code) ? ExitStatus::doesNotFit : ExitStatus::outputRefused,
+                      error.what());
+    }
 }
 
 void requireAccepted(const SplatSource::Scene& scene) {

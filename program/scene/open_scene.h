@@ -13,19 +13,20 @@
 
 namespace Tavrin::SplatProgram {
 
-// Opens the files `names` (as the user named them) and merges them. Throws a Failure: InputRefused for a file
-// that is not readable or not splats; ConversionFailed when a file changes meanwhile; that of
-// scratchFailure; Interrupted, which later
-// reads throw, too (options.open.pause is replaced). The scene's remarks hold the warnings.
+// Opens the files `names` (as the user named them) and merges them. The scene's remarks hold the warnings.
+// Throws a Failure: InputRefused for a file that is not readable or not splats; ConversionFailed when a file
+// changes meanwhile; DoesNotFit or OutputRefused when an input cannot be unpacked; Interrupted, which later
+// reads throw, too (options.open.pause is replaced).
 std::unique_ptr<SplatSource::Scene> openScene(const std::vector<std::string>& names,
                                               SplatSource::SceneOptions options);
 
 // Opens one input by its header alone (see SplatSource::openHeader). Throws a Failure (InputRefused).
 std::unique_ptr<SplatSource::Input> openHeader(const std::string& name);
 
-// The failure of unpacking an input, while it is opened or read: DoesNotFit when the disk has no room for it,
-// else OutputRefused.
-Failure scratchFailure(const SplatSource::ScratchError& error);
+// Call in a catch block. Rethrows an exception of `source` as a Failure: InputRefused for SourceError,
+// `changed` for SourceChanged; for ScratchError DoesNotFit when the disk has no room to unpack an input, else
+// OutputRefused. Rethrows any other exception as it is.
+[[noreturn]] void rethrowAsFailure(ExitStatus changed);
 
 // Call this when every record has been read. Throws a Failure (InputRefused) when scales or opacities turn
 // out to be of the other kind (linear or not), or when there are invalid splats and --strict is set.
