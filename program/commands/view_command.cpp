@@ -35,6 +35,7 @@ struct ViewOptions {
 
 ExitStatus writePage(const ViewOptions& options, const std::vector<ServedDataset>& datasets) {
     std::vector<std::string> folders;
+    folders.reserve(datasets.size());
     for (const ServedDataset& dataset : datasets) {
         folders.push_back(dataset.folder);
     }
