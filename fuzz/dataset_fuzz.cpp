@@ -4,7 +4,6 @@
 #include "reader/dataset.h"
 
 #include "fuzz/target.h"
-#include "reader/metatext.h"
 #include "reader/verify.h"
 #include "tests/support/dataset_writer.h"
 

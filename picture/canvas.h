@@ -4,7 +4,6 @@
 #include "picture/footprint.h"
 #include "picture/picture.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 namespace Tavrin::SplatPicture {

@@ -4,7 +4,6 @@
 #include "reader/meta.h"
 
 #include <cstdint>
-#include <optional>
 
 namespace Tavrin::SplatReader {
 

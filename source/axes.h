@@ -24,8 +24,6 @@ struct AxisTurn {
     int z = 1;
     bool isQuarterTurned = false;
 
-    bool isNone() const { return x == 1 && y == 1 && z == 1 && !isQuarterTurned; }
-
     void position(float (&xyz)[3]) const;
     void rotation(float (&wxyz)[4]) const;
     // One channel's `count` (3, 8 or 15) coefficients, degree after degree.

@@ -5,7 +5,6 @@
 #include "source/ply_body.h"
 #include "source/ply_layout.h"
 #include "source/spz.h"
-#include "source/text.h"
 
 #include <fmt/format.h>
 

@@ -7,6 +7,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <map>
 #include <set>

@@ -4,9 +4,7 @@
 #include "source/ply_header.h"
 #include "src/records.h"
 
-#include <array>
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <stdexcept>
-#include <string>
 
 namespace Tavrin::SplatSource {
 

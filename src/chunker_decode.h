@@ -8,7 +8,6 @@
 #include "src/records.h"
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <limits>
 

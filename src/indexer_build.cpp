@@ -1,6 +1,5 @@
 #include "src/indexer.h"
 
-#include "src/chunker_decode.h"
 #include "src/indexer_cells.h"
 #include "src/indexer_quantise.h"
 #include "src/kernels.h"

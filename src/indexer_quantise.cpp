@@ -1,6 +1,5 @@
 #include "src/indexer_quantise.h"
 
-#include "src/chunker_decode.h"
 #include "src/conversions.h"
 
 #include <cstring>

@@ -2,8 +2,6 @@
 // indexer_quantise_fast.cpp says why it is exact.
 #include "src/indexer_quantise.h"
 
-#include "src/chunker_decode.h"
-
 #if PLYCONVERT_AVX2
 #include <immintrin.h>
 #endif

@@ -1,7 +1,5 @@
 #include "src/indexer_quantise.h"
 
-#include "src/chunker_decode.h"
-
 #include <bit>
 #include <cmath>
 #include <cstring>

@@ -1,10 +1,10 @@
 // The check of a dataset that was just written.
 #pragma once
 
-#include "program/convert/conversion.h"
 #include "program/terminal/progress.h"
 #include "reader/verify.h"
 #include "source/drop.h"
+#include "stream/conversion.h"
 
 #include <filesystem>
 #include <string>

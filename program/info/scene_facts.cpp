@@ -9,7 +9,6 @@
 #include "source/open.h"
 #include "source/ply.h"
 #include "source/ply_layout.h"
-#include "source/scratch_file.h"
 #include "source/text.h"
 
 #include <fmt/format.h>

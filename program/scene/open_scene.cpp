@@ -3,6 +3,7 @@
 #include "program/system/interrupt.h"
 #include "program/system/platform.h"
 #include "program/terminal/figures.h"
+#include "source/scratch_file.h"
 
 #include <fmt/format.h>
 

@@ -3,7 +3,6 @@
 
 #include "program/system/exit_status.h"
 #include "source/merge.h"
-#include "source/scratch_file.h"
 #include "stream/conversion.h"
 
 #include <array>

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <string_view>
 
 namespace Tavrin::SplatProgram {

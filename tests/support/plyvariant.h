@@ -1,7 +1,6 @@
 // Writes canonical records as PLY files of other layouts.
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <vector>
 

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <utility>
