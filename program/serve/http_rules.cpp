@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <optional>
 #include <system_error>
 
 namespace Tavrin::SplatProgram {
