@@ -40,8 +40,8 @@ MeasurePlan planMeasure(const SplatSource::Source& source, const Settings& setti
 // The plan of place within settings.maxMemory. Throws TooLittleMemory.
 PlacePlan planPlace(const Measured& measured, const Settings& settings);
 
-// The least bytes with which both passes succeed, on one worker, for splats in `cells` cells of any size, of
-// which `repeated` are listed again.
+// The least bytes with which both passes succeed, on one worker, for splats in `cells` cells of any size and
+// `repeated` repeated cells.
 std::uint64_t leastMemory(const SplatSource::Source& source, std::uint64_t cells, std::uint64_t repeated,
                           const Settings& settings);
 
