@@ -4,6 +4,7 @@
 #include "reader/dataset.h"
 
 #include "fuzz/target.h"
+#include "reader/metatext.h"
 #include "reader/verify.h"
 #include "tests/support/dataset_writer.h"
 

@@ -4,6 +4,7 @@
 #include "picture/footprint.h"
 #include "picture/picture.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>

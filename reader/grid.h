@@ -4,6 +4,7 @@
 #include "reader/meta.h"
 
 #include <cstdint>
+#include <optional>
 
 namespace Tavrin::SplatReader {
 

@@ -4,7 +4,9 @@
 #include "source/ply_header.h"
 #include "src/records.h"
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>

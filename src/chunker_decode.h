@@ -8,6 +8,7 @@
 #include "src/records.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 

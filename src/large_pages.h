@@ -1,6 +1,7 @@
 // Memory for large blocks, on huge pages. Where the system offers it, pages move from one block to another.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <new>

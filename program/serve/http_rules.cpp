@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
-#include <optional>
 #include <system_error>
 
 namespace Tavrin::SplatProgram {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <future>
+#include <string>
 #include <system_error>
 #include <vector>
 

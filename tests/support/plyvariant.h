@@ -1,6 +1,7 @@
 // Writes canonical records as PLY files of other layouts.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 

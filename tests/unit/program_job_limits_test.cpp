@@ -1,5 +1,6 @@
 // The limits that a scheduler sets for a job.
 #include "program/system/job_limits.h"
+#include "program/system/processors.h"
 #include "tests/unit/control_groups.h"
 
 #include <gtest/gtest.h>
