@@ -41,8 +41,8 @@ struct Settings {
     std::uint64_t maxMemory = UINT64_MAX;
     // Records that a worker reads at a time; 0: each pass chooses. Only tests set it.
     std::uint64_t windowRecords = 0;
-    std::uint64_t countAs =
-        0; // splats to assume for grid and texts; 0: those of the scene. Only tests set it
+    // Splats to assume for grid and texts; 0: those of the scene. Only tests set it.
+    std::uint64_t countAs = 0;
     // Called now and then, by one thread at a time, with the number of splats that the pass has done. It may
     // throw to end the pass; measure or place then throws that exception.
     std::function<void(std::uint64_t splats)> progress;

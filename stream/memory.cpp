@@ -31,8 +31,8 @@ std::uint64_t windowOf(std::uint64_t records, const Settings& settings, std::uin
 
 // What one worker of place allocates.
 std::uint64_t placeWorkerBytes(bool hasCoefficients, std::uint64_t windowRecords, std::uint64_t cells) {
-    constexpr std::uint64_t ofRecord =
-        2 * sizeof(std::uint32_t) + 64; // key, slot number, and the slot itself
+    // Key, slot number, and the slot itself.
+    constexpr std::uint64_t ofRecord = 2 * sizeof(std::uint32_t) + 64;
     return windowRecords * (recordLayout(hasCoefficients).floats * sizeof(float) + ofRecord) +
            cells * sizeof(std::uint32_t);
 }

@@ -1,4 +1,4 @@
-// The page: elements, what is open, and the loop that draws.
+// The page: its elements, the open datasets, and the loop that draws.
 import { type Pose, type View, framing, poseFrom, poseText, viewOf } from "./camera.ts";
 import { type Choice, choicesOf } from "./choices.ts";
 import { City, type Entry } from "./city.ts";
@@ -16,13 +16,13 @@ import { HttpSource, isAbort } from "./sources.ts";
 import workerText from "worker:./worker.ts";
 
 const coloursWhileMoving = 262144; // splats whose colours follow the eye in one picture
-const planning = 120; // milliseconds between two looks at what is needed
+const planning = 120; // milliseconds between two plans of what is needed
 const gathering = 150; // milliseconds for which new splats wait for each other
-const telling = { moving: 60, still: 250 }; // milliseconds between two looks of the map and the bar
+const telling = { moving: 60, still: 250 }; // milliseconds between two updates of the map and the bar
 const skies = { light: [0.62, 0.74, 0.88], dark: [0.07, 0.082, 0.1] } as const;
 
 export class App implements Target {
-    drawing = true; // for measurements: false leaves the pictures out
+    drawing = true; // for measurements; false draws nothing
     pose: Pose = { target: [0, 0, 0], distance: 10, yaw: 0, pitch: 0.6 };
     private readonly canvas = element("picture", HTMLCanvasElement);
     private readonly gl: WebGL2RenderingContext;
@@ -33,18 +33,18 @@ export class App implements Target {
     private scene: Scene | undefined;
     private map: GroundMap | undefined;
     private budget = 1_000_000;
-    private touched = false; // somebody has chosen the view
+    private touched = false; // the user has moved the camera
     private framed: "no" | "asked" | "yes" = "no"; // whether the view fits the splats that came first
     private framedOf = 0; // how many splats were drawn then
     private scheduled = false;
-    private stale = true; // the picture shows something else
+    private stale = true; // the picture is out of date
     private told = 0; // when the map and the bar were drawn last
     private telling = 0;
     private planned = 0; // when
     private moving = 0; // when the camera moved last
     private linking = 0;
-    private opened = 0; // counts what was opened: an earlier one that comes late is dropped
-    private final = false; // the last picture has the colours of its eye
+    private opened = 0; // number of the last opening; results of an earlier one are dropped
+    private final = false; // the last picture has the colours for its eye
     private choices: Choice[] = [];
     private readonly watchers: (() => void)[] = [];
 
@@ -61,7 +61,7 @@ export class App implements Target {
         this.connectMap();
     }
 
-    // Opens what the address asks for, what the server lists, or what lies beside the page; else asks for a folder.
+    // Opens what the address names, else what the server lists, else what lies beside the page, else asks for a folder.
     async start(): Promise<void> {
         const asked = new URLSearchParams(location.search).get("data");
         if (!location.protocol.startsWith("http")) {
@@ -176,7 +176,7 @@ export class App implements Target {
         history.replaceState(null, "", `#${dataset}v=${poseText(this.pose)}`);
     }
 
-    // The picture is to be drawn again.
+    // Asks for a new picture.
     private invalidate(): void {
         this.stale = true;
         this.again();
@@ -239,7 +239,7 @@ export class App implements Target {
         if (!this.final) this.invalidate();
     }
 
-    // The map, the bar and the facts follow a few times a second: they cost more than they are looked at.
+    // The map, the bar and the facts are updated a few times a second only, because they cost time.
     private tell(view: View, now: number): void {
         const pause = this.moving > this.told ? telling.moving : telling.still;
         if (now - this.told < pause) {
@@ -285,7 +285,7 @@ export class App implements Target {
         div("progress-text").textContent = `${whole(Math.min(figures.loaded, figures.wanted))} of ${whole(figures.wanted)} splats${rest}`;
     }
 
-    // An empty text takes the message away.
+    // An empty text removes the message.
     private say(text: string, retry = false): void {
         div("message").hidden = text === "";
         div("message-text").textContent = text;
@@ -441,7 +441,7 @@ export class App implements Target {
         return this.final && this.framed === "yes" && this.scene?.settled(this.view()) === true;
     }
 
-    // For tests and scripts: the figures of what is shown.
+    // For tests and scripts: figures about the scene that is shown.
     figures(): Figures | undefined {
         return this.scene?.figures;
     }

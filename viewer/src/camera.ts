@@ -1,8 +1,8 @@
-// Where one looks from. z is up; angles are in radians.
+// The camera. z is up; angles are in radians.
 import type { Triple } from "./format.ts";
 
 export interface Pose {
-    target: Triple; // what is in the middle
+    target: Triple; // the point in the middle of the picture
     distance: number; // from the eye to it
     yaw: number; // direction of the view over the ground: 0 along y, growing towards x
     pitch: number; // downwards
@@ -58,7 +58,7 @@ export function framing(min: Triple, max: Triple): Pose {
     return { target: add(min, size, 0.5), distance: (0.9 * radius) / Math.tan(fieldOfView / 2), yaw: 0, pitch: 35 / degrees };
 }
 
-// As it stands in a link: target, distance, yaw and pitch in degrees.
+// The form in a link: target, distance, yaw and pitch in degrees.
 export function poseText(pose: Pose): string {
     const fine = (value: number): number => Number(value.toPrecision(10));
     return [...pose.target, pose.distance, pose.yaw * degrees, pose.pitch * degrees].map(fine).join(",");

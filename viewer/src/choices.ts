@@ -1,4 +1,4 @@
-// What the server's list of datasets offers: those of one map together, and each alone.
+// The choices from the server's list of datasets: those of one map together, and each alone.
 import type { Triple } from "./format.ts";
 import type { Box } from "./messages.ts";
 
@@ -14,7 +14,7 @@ export interface Choice {
     entries: Listed[];
 }
 
-// Nothing where there is no list. The map of the most datasets comes first.
+// Nothing without a list. The map of the most datasets comes first.
 export async function choicesOf(address: string): Promise<Choice[]> {
     const response = await fetch(address).catch(() => undefined);
     if (response?.ok !== true) return [];
@@ -41,7 +41,7 @@ function listed(one: unknown): Listed | undefined {
     return { name, base, map: typeof map === "string" ? map : undefined, box: boxFrom(box) };
 }
 
-// Six numbers: the least of x, y and z, and the most.
+// Six numbers: the minimum of x, y and z, then the maximum.
 function boxFrom(value: unknown): Box | undefined {
     if (!Array.isArray(value) || value.length !== 6 || !value.every((one) => Number.isFinite(one))) return undefined;
     const numbers = value as number[];

@@ -12,7 +12,7 @@ export interface Ground extends Cell {
     owner: number; // which dataset it belongs to
 }
 
-// A source, and the box of its splats in world coordinates where somebody knows it.
+// A source, and the box of its splats in world coordinates, if known.
 export interface Entry {
     source: Source;
     box: Box | undefined;
@@ -23,9 +23,9 @@ export class City {
     readonly shifts: Triple[]; // from each dataset's positions to the map's
     readonly heights: [number, number][]; // of each dataset's splats, on the map
     readonly cells: Ground[];
-    readonly count: number; // splats of all
+    readonly count: number; // splats of all datasets
 
-    // `boxes` says for each dataset what is known of its splats. Throws ViewError when no common map can be made.
+    // `boxes` has the box of each dataset's splats, if known. Throws ViewError when there can be no common map.
     constructor(
         readonly datasets: readonly Dataset[],
         boxes: readonly (Box | undefined)[],
@@ -41,7 +41,7 @@ export class City {
         this.count = datasets.reduce((sum, dataset) => sum + dataset.count, 0);
     }
 
-    // Opens all, a few at a time; `progress` is told how many are open. Throws ViewError.
+    // Opens all datasets, a few at a time. `progress` gets the number of open ones. Throws ViewError.
     static async open(entries: readonly Entry[], progress: (opened: number) => void): Promise<City> {
         const datasets = new Array<Dataset>(entries.length);
         let next = 0;
@@ -79,7 +79,7 @@ export class City {
         return place.map((value, i) => value - this.origin[i]) as Triple;
     }
 
-    // The dataset of a place on the map: that of its cell, else the one whose cell is nearest.
+    // The dataset at a place on the map: that of the cell there, else that of the nearest cell.
     ownerAt(x: number, y: number): number {
         const distance = ({ min, max }: Ground): number => {
             const [dx, dy] = [Math.max(min[0] - x, 0, x - max[0]), Math.max(min[1] - y, 0, y - max[1])];

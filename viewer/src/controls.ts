@@ -29,7 +29,7 @@ const turns = new Map<string, [number, number]>([
 export class Controls {
     private readonly pressed = new Set<string>();
     private readonly pointers = new Map<number, { x: number; y: number; button: number }>();
-    private travelled = 0; // pixels since the pointer went down: few of them are a click
+    private travelled = 0; // pixels since the pointer went down; a few still count as a click
     private last = 0;
 
     constructor(
@@ -133,7 +133,7 @@ export class Controls {
         event.preventDefault();
     }
 
-    // Moves on while keys are held; true when some are. Called before every picture.
+    // Moves the camera while keys are held; true if some are. Called before every picture.
     fly(now: number): boolean {
         const held = [...this.pressed].map((code) => flight.get(code)).filter((way) => way !== undefined);
         const seconds = Math.min(0.1, Math.max(0, now - this.last) / 1000);

@@ -1,4 +1,4 @@
-// From stored integers back to values, with the ranges of a meta document.
+// Turns stored integers back into values, with the ranges of a meta document.
 import {
     type Axis,
     type Triple,
@@ -21,7 +21,7 @@ export interface Splat {
     scale: Triple;
     rotation: [number, number, number, number]; // w, x, y, z
     normal: Triple;
-    coefficients: number[]; // as f_rest_0 to 44: 15 red, 15 green, 15 blue; empty without
+    coefficients: number[]; // as f_rest_0 to 44: 15 red, 15 green, 15 blue; may be empty
 }
 
 // The ranges of the meta document, ready for use.
@@ -69,7 +69,7 @@ export class Dequantiser {
         return result;
     }
 
-    // Raw coefficient records in the packed form, which is what the graphics memory holds.
+    // Turns raw coefficient records into the packed form, which the graphics memory holds.
     pack(raw: ArrayBuffer): ArrayBuffer {
         const count = raw.byteLength / rawSize;
         const from = new Float32Array(raw);

@@ -1,4 +1,4 @@
-// Small helpers for the page's elements. Text goes in as text nodes alone.
+// Small helpers for the page's elements. Text is only added as text nodes.
 
 export function element<T extends HTMLElement>(id: string, type: new () => T): T {
     const found = document.getElementById(id);

@@ -1,4 +1,4 @@
-// What is said of a dataset, of the ground under the pointer and of a splat.
+// The texts about a dataset, the ground under the pointer, and a splat.
 import type { City } from "./city.ts";
 import type { Dataset } from "./dataset.ts";
 import { list, short, whole } from "./dom.ts";

@@ -9,7 +9,7 @@ interface Found {
 
 const mostFiles = 100000;
 
-// Throws ViewError when there is no dataset among them. Of several the one that lies highest is taken.
+// Throws ViewError when there is no dataset among them. Of several it takes the one nearest to the root.
 export function sourceFrom(found: readonly Found[]): FolderSource {
     const metas = found.filter(({ file }) => file.name === files.meta).sort((a, b) => depth(a.path) - depth(b.path));
     if (metas.length === 0) {
@@ -26,7 +26,7 @@ export function chosen(list: FileList): Found[] {
     return [...list].map((file) => ({ path: file.webkitRelativePath.split("/").slice(0, -1).join("/"), file }));
 }
 
-// Must be called before the drop's event returns: its items are gone afterwards.
+// Call it before the drop's event handler returns, because its items are gone afterwards.
 export async function dropped(transfer: DataTransfer): Promise<Found[]> {
     const entries = [...transfer.items].map((item) => item.webkitGetAsEntry()).filter((entry) => entry !== null);
     const loose = [...transfer.files].map((file) => ({ path: "", file }));

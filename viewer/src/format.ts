@@ -1,4 +1,4 @@
-// The numbers of docs/format.md, and the way from stored integers back to values.
+// The numbers of docs/format.md, and the formulas from stored integers to values.
 
 export const files = {
     meta: "converted_from_ply.ytr",
@@ -11,12 +11,12 @@ export const recordSize = 32;
 export const packedSize = 64; // bytes of a coefficient record, "COMPRESS"
 export const rawSize = 192; // and "DEFAULT"
 
-// A failure that is shown as it stands: one line that says what, where and what to do.
+// A failure to show to the user: one line that says what, where and what to do.
 export class ViewError extends Error {}
 
 export type Triple = [number, number, number];
 
-// The stated ends of an attribute, one number for each axis. They may be infinite or no numbers.
+// The stated range of an attribute, with one number for each axis. They may be infinite or NaN.
 export interface Range {
     min: number[];
     max: number[];
@@ -38,7 +38,7 @@ export const quantisers = {
     blue: [2047.5, 2047],
 } as const;
 
-// A range without both finite ends says nothing: every integer means its finite end, or 0.
+// In a range without two finite ends every integer means its finite end, or 0.
 export function axisOf(range: Range, axis: number, [factor, most]: readonly [number, number]): Axis {
     const min = range.min[axis];
     const max = range.max[axis];
@@ -48,7 +48,7 @@ export function axisOf(range: Range, axis: number, [factor, most]: readonly [num
     return { min, span: max - min, factor, most };
 }
 
-// The share of the range that an integer stands for: the middle of what truncation left.
+// The part of the range, 0 to 1, that an integer stands for: the middle of its interval.
 export function middle(q: number, factor: number, most: number): number {
     return q < most ? (q + 0.5) / factor : (most / factor + 1) / 2;
 }
@@ -99,7 +99,7 @@ export function wordParts(word: number): Triple {
     return [word & 2047, (word >>> 11) & 1023, word >>> 21];
 }
 
-// A raw coefficient as the packed form would store it.
+// A raw coefficient as the packed form stores it.
 export function packChannel(value: number, axis: Axis): number {
     if (axis.span === 0) return 0;
     const t = Math.fround((value - axis.min) / axis.span);

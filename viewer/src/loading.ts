@@ -1,4 +1,4 @@
-// The worker's fetching: records come in, are split for the textures, and are handed over without a copy.
+// Fetches records in the worker, splits them for the textures, and hands them over without a copy.
 import { Dequantiser } from "./dequantiser.ts";
 import { type Triple, ViewError } from "./format.ts";
 import type { Owner, Reply, Request } from "./messages.ts";
@@ -44,7 +44,7 @@ export class Loader {
             return { reply: { type: "fetched", piece, split: parts, box, bytes: this.fetched() }, transfer };
         } catch (error) {
             const wanted = !abort.signal.aborted;
-            abort.abort(); // of two files the other one is still being fetched
+            abort.abort(); // the other one of two files is still being fetched
             if (!wanted || isAbort(error)) return { reply: { type: "dropped", piece }, transfer: [] };
             const text = error instanceof Error ? error.message : String(error);
             return { reply: { type: "failed", piece, text, known: error instanceof ViewError }, transfer: [] };
@@ -53,7 +53,7 @@ export class Loader {
         }
     }
 
-    // Bytes so far.
+    // Bytes fetched so far.
     private fetched(): number {
         return this.opened.reduce((sum, { source }) => sum + source.fetched, 0);
     }

@@ -1,4 +1,4 @@
-// Begins when the page has been read.
+// Starts the page.
 import { App } from "./app.ts";
 import { div } from "./dom.ts";
 import { ViewError } from "./format.ts";

@@ -1,4 +1,4 @@
-// The ground plan: density of every cell, the camera, a scale bar. A click flies there.
+// The ground plan: the density of every cell, the camera, and a scale bar. A click flies there.
 import type { View } from "./camera.ts";
 import type { Ground } from "./city.ts";
 import type { Triple } from "./format.ts";
@@ -23,7 +23,7 @@ export class GroundMap {
     private readonly max: [number, number];
     private readonly densest: number;
 
-    // `isHere` says whether splats of the cell of a number are in memory.
+    // `isHere` tells whether splats of the cell with this number are in memory.
     constructor(
         private readonly canvas: HTMLCanvasElement,
         private readonly cells: readonly Ground[],
@@ -129,7 +129,7 @@ export class GroundMap {
         context.fillText(`${Number(length.toPrecision(1))} units`, 8, height - 8 - size * 0.4);
     }
 
-    // What is under a place of the canvas, in CSS pixels from its corner.
+    // The ground under a place of the canvas, in CSS pixels from its corner.
     at(x: number, y: number): Pointed {
         const fit = this.fit();
         const ratio = this.canvas.width / Math.max(1, this.canvas.clientWidth);

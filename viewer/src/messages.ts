@@ -1,4 +1,4 @@
-// What the page and its worker say to each other.
+// The messages between the page and its worker.
 import type { Pose } from "./camera.ts";
 import type { Triple } from "./format.ts";
 import type { Meta } from "./meta.ts";
@@ -16,7 +16,7 @@ export interface Ray {
     radius: number; // tangent within which a splat counts as hit
 }
 
-// A dataset as the worker knows it.
+// What the worker knows about a dataset.
 export interface Owner {
     source: Description;
     meta: Meta;

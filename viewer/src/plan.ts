@@ -1,4 +1,4 @@
-// Which pieces should be in memory for a view. A piece is a cell, or a part of a large one: what one fetch brings.
+// Chooses the pieces that should be in memory for a view. A piece is a cell, or a part of a large one: the unit of fetching.
 import { type View, dot, minus } from "./camera.ts";
 import type { Ground } from "./city.ts";
 import type { Triple } from "./format.ts";
@@ -10,7 +10,7 @@ export interface Piece {
     first: number; // number of its first splat in the cell
     count: number;
     state: "away" | "coming" | "here" | "leaving"; // leaving: it fades out, and will be away
-    cancelled: boolean; // while coming: nobody wants it any more
+    cancelled: boolean; // while it is fetched: no longer wanted
     runs: Run[]; // but while away
 }
 
@@ -27,9 +27,9 @@ export function piecesOf(cells: readonly Ground[]): Piece[] {
     return pieces;
 }
 
-// What is here or coming counts as nearer than it is, so that two cells at the same distance do not take turns.
+// Pieces in memory or under way count as nearer than they are, so that two cells at one distance do not take turns.
 const loyalty = 0.85 ** 2;
-// What is out of the picture counts as twice as far.
+// Pieces outside the picture count as twice as far.
 const outside = 2 ** 2;
 
 // Whether a cell, with these heights, is wholly beside the picture or behind the eye.

@@ -4,14 +4,14 @@ import { files, packedSize, rawSize, recordSize } from "./format.ts";
 import type { Meta } from "./meta.ts";
 import type { Source } from "./sources.ts";
 
-export const keptWords = 15; // of the 16 of a packed coefficient record: the last one holds nothing
+export const keptWords = 15; // of the 16 of a packed coefficient record, whose last one is unused
 
 export interface Records {
     data: ArrayBuffer;
     coefficients: ArrayBuffer | undefined; // packed form
 }
 
-// A dataset, or what a worker knows of one.
+// A dataset, or what a worker knows about one.
 interface Readable {
     source: Source;
     meta: Meta;

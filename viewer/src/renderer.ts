@@ -1,4 +1,4 @@
-// Draws splats with WebGL2. It owns the graphics memory; which splats are in there, and in which order they are drawn, is told.
+// Draws splats with WebGL2. Owns the graphics memory. The caller decides which splats are in it, and in which order they are drawn.
 import type { View } from "./camera.ts";
 import type { Dequantiser } from "./dequantiser.ts";
 import { type Triple, ViewError, packedSize, recordSize } from "./format.ts";
@@ -11,7 +11,7 @@ export interface Look {
     pointSize: number; // pixels; 0 draws Gaussians
 }
 
-// What a dataset brings along.
+// What the renderer needs to know about a dataset.
 export interface Ranges {
     dequantiser: Dequantiser;
     harmonics: boolean; // it has coefficients
@@ -28,14 +28,14 @@ interface Region {
     owner: number;
     count: number;
     blocks: Block[];
-    eye: number; // for which its colours are; 0 before the first
+    eye: number; // number of the eye of its colours; 0 without colours
 }
 
 const units = { first: 0, second: 1, harmonics: 2, byteValues: 3, ranges: 4, eyes: 5 } as const;
 const widest = 4096; // texels a side
 
 export class Renderer {
-    readonly bytes: number; // of graphics memory that splats take
+    readonly bytes: number; // of graphics memory for splats
     drawn = 0; // splats of the order that was set last
     private readonly shape: Shape;
     private readonly splats: Program;
@@ -96,7 +96,7 @@ export class Renderer {
         gl.texParameteri(target, gl.TEXTURE_MAG_FILTER, gl.NEAREST);
     }
 
-    // Gives the bytes that it takes.
+    // Returns its bytes.
     private allocate(capacity: number, harmonics: boolean): number {
         const { gl, shape, datasets } = this;
         const slots = shape.columns * shape.rows * shape.layers;
@@ -152,7 +152,7 @@ export class Renderer {
     }
     private uploads: WebGLSync | null = null;
 
-    // False while the graphics card still works on the uploads before.
+    // False while the graphics card still works on earlier uploads.
     hasTaken(): boolean {
         if (!this.isOver(this.uploads)) return false;
         this.uploads = null;
@@ -167,7 +167,7 @@ export class Renderer {
         return true;
     }
 
-    // The piece is not drawn any more.
+    // The piece is no longer drawn.
     forget(piece: number): void {
         this.regions.delete(piece);
     }
@@ -180,7 +180,7 @@ export class Renderer {
         this.drawn = count;
     }
 
-    // False while the graphics card still works on the picture before: another one would only queue up behind it.
+    // False while the graphics card still works on the previous picture. Another one would only wait in its queue.
     ready(): boolean {
         if (this.picture === null) return true;
         if (!this.isOver(this.picture)) {
@@ -252,7 +252,7 @@ export class Renderer {
         gl.texSubImage2D(gl.TEXTURE_2D, 0, 0, 0, 2, this.shifts.length, gl.RGBA, gl.FLOAT, this.eyes);
     }
 
-    // Colours depend on the direction from the eye: once it has moved, all are old.
+    // Colours depend on the direction from the eye, so all are out of date once it has moved.
     private evaluate(most: number): boolean {
         if (this.colours === undefined) return true;
         const { gl } = this;
@@ -295,7 +295,7 @@ export class Renderer {
         return bound;
     }
 
-    // A record as it is in the graphics memory: 32 bytes, and 64 of coefficients where they are asked for.
+    // A record from the graphics memory: 32 bytes, and on request 64 of coefficients.
     readBack(slot: number, harmonics: boolean): { record: ArrayBuffer; coefficients: ArrayBuffer | undefined } {
         const record = new Uint32Array(recordSize / 4);
         this.readTexels(units.first, slot, 1, record.subarray(0, 4));

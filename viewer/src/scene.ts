@@ -1,4 +1,4 @@
-// What is shown on its way to the screen: lets the worker fetch what the view needs, puts it into the graphics memory, and draws.
+// The scene that is shown: lets the worker fetch what the view needs, puts it into the graphics memory, and draws.
 import type { Pose, View } from "./camera.ts";
 import type { City } from "./city.ts";
 import type { Splat } from "./dequantiser.ts";
@@ -17,7 +17,7 @@ const slow = 100; // milliseconds that a picture takes beyond which nothing fade
 const gathering = 250; // milliseconds between two orders that only new pieces ask for
 
 export interface Figures {
-    loaded: number; // splats here
+    loaded: number; // splats in memory
     wanted: number; // splats that the view asks for
     drawn: number; // splats of the last picture
     capacity: number;
@@ -47,7 +47,7 @@ export class Scene {
     private readonly renderer: Renderer;
     private readonly worker: Worker;
     private readonly fades: Fades;
-    private readonly lessMotion = matchMedia("(prefers-reduced-motion: reduce)"); // asked once: asking takes a millisecond
+    private readonly lessMotion = matchMedia("(prefers-reduced-motion: reduce)"); // asked once, because asking takes a millisecond
     private wanted: Piece[] = [];
     private scores: Float64Array = new Float64Array(); // of all pieces, when they were looked at last
     private view: View | undefined; // at that time
@@ -58,7 +58,7 @@ export class Scene {
     private sequence = 0;
     private sortedFor = "";
     private sortedAt = 0;
-    private changed = false; // pieces came or went since the last sort was asked for
+    private changed = false; // pieces came or went since the last request for an order
     private urgent = false; // a fade waits for the next order, and splats wait for the fade
     private readonly leaving: { runs: Run[]; sequence: number }[] = [];
     private readonly waiting = new Map<number, (reply: Reply) => void>();
@@ -111,7 +111,7 @@ export class Scene {
         this.send({ type: "reset", capacity, keepNormals, owners: city.owners() });
     }
 
-    // True once everything that the view asks for is here, sorted and on the screen's way.
+    // True once everything that the view asks for is in memory, sorted and drawn.
     settled(view: View): boolean {
         return (
             this.wanted.length > 0 &&
@@ -128,7 +128,7 @@ export class Scene {
     }
     private readonly hereByCell = new Map<number, number>(); // pieces that are here
 
-    // Asks for what the view needs, and lets go of what it no longer does.
+    // Requests what the view needs, and drops what it no longer needs.
     update(view: View): void {
         if (this.failed || this.ended) return;
         this.view = view;
@@ -209,7 +209,7 @@ export class Scene {
         this.onChange(true);
     }
 
-    // The slots stay taken until an order without them is drawn.
+    // The slots stay in use until an order without them is drawn.
     private release(piece: Piece): void {
         this.send({ type: "remove", piece: piece.id });
         this.renderer.forget(piece.id);
@@ -272,18 +272,18 @@ export class Scene {
     private pause = 0;
     private patience: number = pausing.first;
 
-    // The first picture waits for nothing.
+    // The first picture does not wait.
     private mayFade(): boolean {
         return this.figures.drawn > 0 && this.renderer.wait <= slow && !this.lessMotion.matches;
     }
 
-    // Fetching goes on after a failure.
+    // Continues to fetch after a failure.
     retry(): void {
         this.failed = false;
         this.onChange(true);
     }
 
-    // False while the picture before is still being drawn.
+    // False while the previous picture is still being drawn.
     ready(): boolean {
         return this.renderer.ready();
     }
@@ -380,7 +380,7 @@ export class Scene {
         this.onChange(true);
     }
 
-    // The splat under the pointer, as its dataset has it.
+    // The splat under the pointer, as its dataset states it.
     async pick(ray: Ray): Promise<Picked | undefined> {
         const reply = await this.ask((token) => ({ type: "pick", token, ray }));
         if (reply.type !== "picked" || reply.hit === undefined) return undefined;
@@ -415,7 +415,7 @@ export class Scene {
         this.worker.postMessage(request, transfer);
     }
 
-    // Ends fetches and the worker, and gives the memory back.
+    // Ends fetches and the worker, and frees the memory.
     end(): void {
         this.ended = true;
         this.worker.terminate();

@@ -92,7 +92,7 @@ void main() {
         gl_Position = vec4((centre + corner * 0.5 * pointSize) * 2.0 / size, 0.0, 1.0);
         return;
     }
-    // The perspective is taken as linear over a splat. Far beside the picture it is not, and would smear splats over all of it.
+    // The perspective is approximated as linear over a splat. Far outside the picture this is wrong, and would smear splats across it.
     vec2 limit = 1.3 * 0.5 * size / focal;
     vec2 bent = clamp(tangent, -limit, limit);
     vec3 extent = scaleOf(two, scaleMin.xyz, texelFetch(ranges, ivec2(1, row), 0).xyz);

@@ -1,5 +1,5 @@
-// Which places of the graphics memory are taken. A place ("slot") holds one splat; a piece gets runs of slots and gives them
-// back, so that nothing is allocated anew while one flies and no slot is lost to rounding.
+// Keeps track of the slots of the graphics memory. A slot holds one splat. A piece gets runs of slots and gives them back, so that
+// a flight allocates nothing and no slot is lost to rounding.
 
 export interface Run {
     start: number;
@@ -7,7 +7,7 @@ export interface Run {
 }
 
 export class SlotPool {
-    private readonly free: Run[]; // by start, never touching each other
+    private readonly free: Run[]; // sorted by start; no two are adjacent
     private left: number;
 
     constructor(readonly capacity: number) {
@@ -19,7 +19,7 @@ export class SlotPool {
         return this.left;
     }
 
-    // Runs of `count` slots together, or nothing when there are not as many.
+    // Runs with `count` slots in all; nothing if there are not enough.
     take(count: number): Run[] | undefined {
         if (count > this.left) return undefined;
         this.left -= count;
@@ -47,7 +47,7 @@ export class SlotPool {
         }
     }
 
-    // Makes one run of free[at] and the next, where they touch.
+    // Joins free[at] and the next run if they are adjacent.
     private join(at: number): void {
         const run = this.free[at];
         const next = this.free[at + 1];
@@ -57,7 +57,7 @@ export class SlotPool {
     }
 }
 
-// A drawn splat is named by one word: its slot in the lower bits, and above them the number of its dataset.
+// One word names a drawn splat: its slot in the lower bits, above them the number of its dataset.
 export function slotBits(capacity: number): number {
     return 32 - Math.clz32(Math.max(1, capacity - 1));
 }
@@ -66,7 +66,7 @@ export function mostDatasets(capacity: number): number {
     return 2 ** (32 - slotBits(capacity));
 }
 
-// How slots lie in a texture array: along the columns of a row, then row by row, then layer by layer.
+// The order of slots in a texture array: along the columns of a row, then row by row, then layer by layer.
 export interface Shape {
     columns: number;
     rows: number;

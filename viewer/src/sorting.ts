@@ -19,7 +19,7 @@ const most: Triple = [(1 << 21) - 1, (1 << 21) - 1, (1 << 22) - 1]; // of the pa
 const single = new Float32Array(1);
 const bits = new Uint32Array(single.buffer);
 
-// A positive single as an integer grows with it, so that nearby splats are told apart more finely than distant ones.
+// The bits of a positive single, as an integer, grow with its value. So nearby splats are sorted more finely than distant ones.
 function bitsOf(value: number): number {
     single[0] = value;
     return bits[0];
@@ -30,7 +30,7 @@ export class Sorter {
     private readonly low: Uint32Array; // x, and 11 bits of y
     private readonly high: Uint32Array; // 10 bits of y, and z
     private readonly normals: Uint32Array | undefined; // y and z of the normal, which the graphics memory gives up
-    private readonly pieces = new Map<number, Piece>(); // that are drawn
+    private readonly pieces = new Map<number, Piece>(); // in the order
     private readonly hidden = new Map<number, Piece>(); // that are not in the graphics memory yet
     private readonly histogram = new Uint32Array(buckets + 1);
 
@@ -116,13 +116,13 @@ export class Sorter {
             near = Math.min(near, nearest);
             far = Math.max(far, farthest);
         }
-        near = Math.max(byDepth ? 0 : near, far * 2 ** -44, 1e-30); // within that all count as equally near
+        near = Math.max(byDepth ? 0 : near, far * 2 ** -44, 1e-30); // closer ones all count as equally near
         const least = bitsOf(near);
         return { least, scale: (buckets - 1) / Math.max(1, bitsOf(far * 1.0001) - least) };
     }
 
     // Counts the splats of a piece in the histogram or, where there is an order, puts each where the histogram says. The distance's
-    // arithmetic stands in the loop: a call a splat would cost more than all the rest.
+    // arithmetic is in the loop because a call for each splat would cost more than all the rest.
     private place(piece: Piece, eye: Triple, [wx, wy, wz, all]: Weights, least: number, scale: number, order: Uint32Array | undefined): void {
         const { low, high, histogram } = this;
         const { mark, runs } = piece;

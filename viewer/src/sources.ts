@@ -1,21 +1,21 @@
-// Where a dataset's bytes come from: a web server that knows ranges, or files of a local folder.
+// The sources of a dataset's bytes: a web server that supports ranges, or files of a local folder.
 import { ViewError } from "./format.ts";
 
-// A source as it is sent to a worker, which makes one of its own of it.
+// The form in which a source is sent to a worker, which makes its own source of it.
 export type Description =
     | { kind: "http"; base: string; name: string; tags: Map<string, string> }
     | { kind: "folder"; name: string; files: Map<string, File> };
 
 export interface Source {
-    readonly name: string; // shown to people
-    fetched: number; // bytes so far
-    // What another thread needs for the same source.
+    readonly name: string; // shown to the user
+    fetched: number; // bytes fetched so far
+    // What another thread needs to make the same source.
     description(): Description;
     // The size of a file in bytes, undefined when the source cannot say. Throws ViewError for a missing file.
     size(file: string): Promise<number | undefined>;
     // A whole small file. Throws ViewError when it is missing or longer than `most` bytes.
     whole(file: string, most: number): Promise<ArrayBuffer>;
-    // Exactly `length` bytes. Throws ViewError, or an AbortError once `signal` says so.
+    // Exactly `length` bytes. Throws ViewError, or an AbortError when `signal` aborts.
     range(file: string, offset: number, length: number, signal: AbortSignal): Promise<ArrayBuffer>;
 }
 
