@@ -24,7 +24,7 @@ Files rawForm() {
     fields.encoding = "DEFAULT";
     Files files = DatasetWriter::oneCellFiles(DatasetWriter::smallScene(), fields);
     files.index = DatasetWriter::indexEntry(0, {{2, 0}, {0, 0}, {3, 64}});
-    files.coefficients.assign(5 * 192, '\1');
+    files.coefficients.assign(std::size_t{5} * 192, '\1');
     return files;
 }
 

@@ -36,7 +36,7 @@ public:
     std::size_t takeBelow(std::size_t limit) { return take<std::uint8_t>() % limit; }
 
     std::string takeText(std::size_t length) {
-        const std::string text = remaining().substr(0, length);
+        std::string text = remaining().substr(0, length);
         rest_ = rest_.subspan(text.size());
         return text;
     }

@@ -32,7 +32,7 @@ std::string machineName() {
 // True if another machine has written its name into the lock file, not long ago. A lock may be visible on one
 // machine only, so the run there may be alive although this process could lock the file.
 bool mayBeHeldElsewhere(int handle, const struct stat& status) {
-    constexpr std::time_t longAgo = 24 * 60 * 60; // seconds; no conversion takes that long
+    constexpr std::time_t longAgo = std::time_t{24} * 60 * 60; // seconds; no conversion takes that long
     std::array<char, 256> name = {};
     const ssize_t length = ::read(handle, name.data(), name.size() - 1);
     return length > 0 && name.data() != machineName() && std::time(nullptr) - status.st_mtime < longAgo;

@@ -13,6 +13,11 @@ std::error_code removeFiles(const std::vector<std::filesystem::path>& files, con
     std::error_code error;
     if (!folder.empty()) {
         std::filesystem::remove(folder, error);
+        // The error of a folder that holds something may be "access denied".
+        std::error_code unknown;
+        if (error && !std::filesystem::is_empty(folder, unknown) && !unknown) {
+            error = std::make_error_code(std::errc::directory_not_empty);
+        }
     }
     return error;
 }

@@ -52,7 +52,7 @@ Totals totalsOf(const std::vector<TilePlan>& tiles) {
 // The end of a name, in at most `room` characters of UTF-8. It tells tiles apart better than the start.
 std::string endOf(const std::string& name, std::size_t room) {
     constexpr std::string_view dots = "...";
-    const std::string shown = printable(name);
+    std::string shown = printable(name);
     const auto starts = [](char c) { return (static_cast<unsigned char>(c) & 0xC0u) != 0x80u; };
     const auto characters = static_cast<std::size_t>(std::ranges::count_if(shown, starts));
     if (characters <= room) {
