@@ -57,7 +57,8 @@ Scene sceneOf(Source& source) {
         ply.comments.push_back("comment " + key + ' ' + valueOf(source));
     }
     const std::size_t count = source.takeBelow(ply.coefficients ? 16 : 48);
-    const auto lie = static_cast<int>(source.take<std::int8_t>());
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number with a sign, no character
+    const int lie = source.take<std::int8_t>();
     const std::size_t cut = (choices & 16) != 0 ? source.take<std::uint16_t>() : 0;
     ply.elementLine = "element vertex " + std::to_string(static_cast<int>(count) + lie);
     addRecords(ply, count, source.remaining());

@@ -1,6 +1,7 @@
 #include "scenes/town.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace scenes {
 
@@ -25,8 +26,8 @@ double toStreet(double v, double pitch) {
 
 Town::Town(double width, double depth, std::uint64_t townSeed)
     : sizeX_(width), sizeY_(depth), seed_(townSeed), random_(townSeed, 0x746f776eu),
-      columns_(std::max(1, static_cast<int>(width / blockLength + 0.5))),
-      rows_(std::max(1, static_cast<int>(depth / blockDepth + 0.5))), pitchX_(width / columns_),
+      columns_(std::max(1, static_cast<int>(std::lround(width / blockLength)))),
+      rows_(std::max(1, static_cast<int>(std::lround(depth / blockDepth)))), pitchX_(width / columns_),
       pitchY_(depth / rows_),
       lotsInRow_(std::max(1, static_cast<int>((pitchX_ - 2.0 * pavementEnd) / lotWidth + 0.3))),
       texelsX_(static_cast<int>(width / texel) + 1), texelsY_(static_cast<int>(depth / texel) + 1),
