@@ -36,10 +36,6 @@ struct PackedInput {
 
 constexpr std::uint64_t trailerBytes = 8; // of gzip: checksum and length, four bytes each
 
-std::uint32_t numberAt(const std::uint8_t* bytes) {
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
-
 [[noreturn]] void refuse(const RecordFile& file, const std::string& what) {
     throw SourceError(file.name() + ": the SPZ file is damaged: " + what + ": copy or export it again");
 }
@@ -112,10 +108,10 @@ void GzipReader::leaveSum() {
 void GzipReader::requireSum(std::uint32_t sum) const {
     std::uint8_t trailer[trailerBytes];
     state_->input.file.read(bytesRead() - trailerBytes, trailer, trailerBytes);
-    if (numberAt(trailer) != sum) {
+    if (numberAt<std::uint32_t>(trailer) != sum) {
         refuseGzip(state_->input.file, "incorrect data check");
     }
-    if (numberAt(trailer + 4) != static_cast<std::uint32_t>(state_->stream.total_out)) {
+    if (numberAt<std::uint32_t>(trailer + 4) != static_cast<std::uint32_t>(state_->stream.total_out)) {
         refuseGzip(state_->input.file, "incorrect length check");
     }
 }

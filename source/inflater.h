@@ -7,9 +7,18 @@
 #include "source/record_file.h"
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 namespace Tavrin::SplatSource {
+
+// The little-endian number that begins at `bytes`, which need no alignment.
+template <typename Number>
+Number numberAt(const std::uint8_t* bytes) {
+    Number number;
+    std::memcpy(&number, bytes, sizeof number);
+    return number;
+}
 
 // The checksum of some bytes.
 std::uint32_t sumOf(const std::uint8_t* bytes, std::uint64_t size);

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <optional>
 
 namespace Tavrin::SplatSource {
@@ -21,13 +20,6 @@ constexpr std::uint64_t zstdRatio = 32768;   // the largest ratio of zstd
 constexpr std::uint32_t axesExtension = 0xadbe0003;
 constexpr std::uint8_t extensionsFlag = 0x02;
 constexpr std::uint64_t mostSplats = 0x7fffffff;
-
-template <typename Number>
-Number numberAt(const std::uint8_t* bytes) {
-    Number number;
-    std::memcpy(&number, bytes, sizeof number);
-    return number;
-}
 
 [[noreturn]] void refuse(const RecordFile& file, const std::string& what) {
     throw SourceError(file.name() + ": " + what);
